@@ -1,0 +1,150 @@
+// Decode speed against libjpeg-turbo, side by side in one run: planar output
+// on both sides (no colour conversion), full size and 1/2, 1/4, 1/8, our
+// decoder on 1 and 2 threads. Prints megapixels per second and the ratio.
+//
+// usage: bench_decode [FILE.jpg] [--reps N]
+// Without a file, a 2048x1536 4:2:0 quality-90 picture is generated.
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <turbojpeg.h>
+
+#include "kivod.h"
+#include "oracle_support/turbo.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::vector<uint8_t> load(const char *path) {
+    std::vector<uint8_t> v;
+    FILE *f = std::fopen(path, "rb");
+    if (!f) return v;
+    uint8_t buf[65536];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof(buf), f)) > 0) v.insert(v.end(), buf, buf + n);
+    std::fclose(f);
+    return v;
+}
+
+// Best of `reps` runs, in seconds.
+template <class F>
+double best_of(int reps, F &&f) {
+    double best = 1e30;
+    for (int i = 0; i < reps; ++i) {
+        const auto t0 = Clock::now();
+        if (!f()) return -1;
+        best = std::min(best, std::chrono::duration<double>(Clock::now() - t0).count());
+    }
+    return best;
+}
+
+struct Ours {
+    kivo_tpool pool{};
+    kivod_ctx *ctx = nullptr;
+    xelo_imgb *img = nullptr;
+    xelo_bitb bitb{};
+    const std::vector<uint8_t> *jpg;
+    Ours(const std::vector<uint8_t> &j, int threads, int w, int h, int cs) : jpg(&j) {
+        kivo_tpool_std(&pool, threads);
+        kivod_create_param p{1, &pool};
+        ctx = kivod_create(&p, nullptr);
+        const uint32_t al[4] = {XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16)};
+        const uint32_t pad[4] = {0, 0, 0, 0};
+        img = xelo_imgb_create(w, h, cs, 3, al, pad, 0, 0, 0);
+        bitb.addr = const_cast<uint8_t *>(j.data());
+        bitb.ssize = static_cast<int32_t>(j.size());
+    }
+    ~Ours() {
+        if (img) img->release(img);
+        kivod_delete(ctx);
+    }
+    bool run() {
+        kivod_input in{KIVOD_INPUT_BITB, &bitb, nullptr};
+        kivod_frame_info info{};
+        return kivod_decode(ctx, &in, &info) == 0 && kivod_clone(ctx, img) == 0;
+    }
+};
+
+struct Turbo {
+    tjhandle h = tjInitDecompress();
+    std::vector<std::vector<uint8_t>> planes;
+    unsigned char *ptr[3] = {nullptr, nullptr, nullptr};
+    int strides[3] = {0, 0, 0};
+    int w, h_, subsamp;
+    const std::vector<uint8_t> *jpg;
+    Turbo(const std::vector<uint8_t> &j, int w_, int hh, int ss) : w(w_), h_(hh), subsamp(ss), jpg(&j) {
+        const int n = ss == TJSAMP_GRAY ? 1 : 3;
+        planes.resize(n);
+        for (int p = 0; p < n; ++p) {
+            planes[p].resize(tjPlaneSizeYUV(p, w, 0, h_, ss));
+            ptr[p] = planes[p].data();
+            strides[p] = tjPlaneWidth(p, w, ss);
+        }
+    }
+    ~Turbo() { tjDestroy(h); }
+    bool run() {
+        return tjDecompressToYUVPlanes(h, jpg->data(), jpg->size(), ptr, w, strides, h_, 0) == 0;
+    }
+};
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    int reps = 7;
+    const char *file = nullptr;
+    for (int i = 1; i < argc; ++i) {
+        if (!std::strcmp(argv[i], "--reps") && i + 1 < argc) reps = std::atoi(argv[++i]);
+        else file = argv[i];
+    }
+    std::vector<uint8_t> jpg;
+    if (file) {
+        jpg = load(file);
+    } else {
+        turbo::EncodeSpec s;
+        s.width = 2048;
+        s.height = 1536;
+        s.h[0] = s.v[0] = 2;
+        s.quality = 90;
+        std::fprintf(stderr, "generating a 2048x1536 4:2:0 q90 picture...\n");
+        jpg = turbo::encode(s, turbo::make_planes(s, 2024));
+    }
+    tjhandle th = tjInitDecompress();
+    int w = 0, h = 0, ss = 0, cspace = 0;
+    if (jpg.empty() || tjDecompressHeader3(th, jpg.data(), jpg.size(), &w, &h, &ss, &cspace) != 0) {
+        std::fprintf(stderr, "bench_decode: cannot read the stream\n");
+        return 1;
+    }
+    tjDestroy(th);
+    const int cs = ss == TJSAMP_GRAY ? XELO_CS_YCBCR400 : ss == TJSAMP_420 ? XELO_CS_YCBCR420
+                 : ss == TJSAMP_422 ? XELO_CS_YCBCR422 : ss == TJSAMP_444 ? XELO_CS_YCBCR444
+                 : ss == TJSAMP_440 ? XELO_CS_YCBCR440 : XELO_CS_YCBCR411;
+    const double mp = static_cast<double>(w) * h / 1e6;
+    std::printf("stream: %d x %d (%.2f MP), %zu bytes, best of %d runs; MP/s of the source picture\n", w, h, mp,
+                jpg.size(), reps);
+    std::printf("%-6s %14s %14s %14s %8s %8s\n", "scale", "turbo MP/s", "kivo 1t MP/s", "kivo 2t MP/s", "1t/turbo",
+                "2t/turbo");
+    for (int denom : {1, 2, 4, 8}) {
+        const int ow = (w + denom - 1) / denom, oh = (h + denom - 1) / denom;
+        Turbo t(jpg, ow, oh, ss);
+        Ours o1(jpg, 1, ow, oh, cs), o2(jpg, 2, ow, oh, cs);
+        // Interleave the contenders so that machine noise hits them alike.
+        double tt = 1e30, t1 = 1e30, t2 = 1e30;
+        for (int r = 0; r < reps; ++r) {
+            tt = std::min(tt, best_of(1, [&] { return t.run(); }));
+            t1 = std::min(t1, best_of(1, [&] { return o1.run(); }));
+            t2 = std::min(t2, best_of(1, [&] { return o2.run(); }));
+        }
+        if (tt < 0 || t1 < 0 || t2 < 0) {
+            std::fprintf(stderr, "bench_decode: a decode failed at 1/%d\n", denom);
+            return 1;
+        }
+        std::printf("1/%-4d %14.1f %14.1f %14.1f %8.2f %8.2f\n", denom, mp / tt, mp / t1, mp / t2, tt / t1, tt / t2);
+    }
+    return 0;
+}

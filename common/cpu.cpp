@@ -1,0 +1,50 @@
+// CPU feature detection, done once, and the caller's mask over it.
+#include <atomic>
+
+#include "common/kivo_int.h"
+
+#if defined(KIVO_ARCH_x86)
+#include <cpuid.h>
+#elif defined(KIVO_ARCH_arm)
+#include <sys/auxv.h>
+#ifndef HWCAP_NEON
+#define HWCAP_NEON (1 << 12)
+#endif
+#endif
+
+namespace {
+
+uint32_t detect() {
+    uint32_t flags = 0;
+#if defined(KIVO_ARCH_x86)
+    unsigned a, b, c, d;
+    if (__get_cpuid(1, &a, &b, &c, &d)) {
+        if (d & bit_SSE2) flags |= KIVO_CPU_SSE2;
+        if (c & bit_SSSE3) flags |= KIVO_CPU_SSSE3;
+        if (c & bit_SSE4_1) flags |= KIVO_CPU_SSE41;
+        // AVX2 also needs the OS to save the YMM registers.
+        bool osxsave = (c & bit_OSXSAVE) != 0;
+        if (osxsave && __get_cpuid_count(7, 0, &a, &b, &c, &d) && (b & bit_AVX2)) {
+            unsigned lo, hi;
+            __asm__("xgetbv" : "=a"(lo), "=d"(hi) : "c"(0));
+            if ((lo & 6) == 6) flags |= KIVO_CPU_AVX2;
+        }
+    }
+#elif defined(KIVO_ARCH_arm)
+    if (getauxval(AT_HWCAP) & HWCAP_NEON) flags |= KIVO_CPU_NEON;
+#endif
+    return flags;
+}
+
+std::atomic<uint32_t> g_mask{~0u};
+
+}  // namespace
+
+KIVO_EXPORT uint32_t kivo_cpu_detected(void) {
+    static const uint32_t flags = detect();
+    return flags;
+}
+
+KIVO_EXPORT uint32_t kivo_cpu_flags(void) { return kivo_cpu_detected() & g_mask.load(); }
+
+KIVO_EXPORT void kivo_cpu_set_mask(uint32_t mask) { g_mask.store(mask); }

@@ -1,0 +1,318 @@
+// Decode driver: headers up to the first scan (kivod_dec), then the picture
+// into the caller's buffer (kivod_clone_frm, kivod_dec_pic, kivod_finish).
+#include <cstdlib>
+#include <cstring>
+
+#include "decoder/kivod_int.h"
+
+namespace {
+
+// Colour format of a frame, or a negative status for layouts this decoder
+// does not reconstruct. Besides the sample-count ratio, the factors must
+// describe the layout the code names (a luma 1x4 over chroma 1x1 has ratio 4
+// but is not 4:2:0), so that the plane geometry below is the real one.
+int32_t frame_color_format(const kivod_fh &fh) {
+    const int n = fh.n_comp;
+    if (n == 1) return XELO_CS_YCBCR400;
+    if (n != 3 && n != 4) return KIVO_ERR_UNSUPPORTED;
+    const int h0 = fh.h[0], v0 = fh.v[0], h1 = fh.h[1], v1 = fh.v[1];
+    if (h1 * v1 == 0 || fh.h[2] != h1 || fh.v[2] != v1) return KIVO_ERR_UNSUPPORTED;
+    int32_t cs;
+    if (h0 == h1 && v0 == v1) cs = XELO_CS_YCBCR444;
+    else if (h0 == 2 * h1 && v0 == v1) cs = XELO_CS_YCBCR422;
+    else if (h0 == h1 && v0 == 2 * v1) cs = XELO_CS_YCBCR440;
+    else if (h0 == 2 * h1 && v0 == 2 * v1) cs = XELO_CS_YCBCR420;
+    else if (h0 == 4 * h1 && v0 == v1) cs = XELO_CS_YCBCR411;
+    else return KIVO_ERR_UNSUPPORTED;
+    // Both factors must also be whole multiples of the largest ones, or the
+    // MCU would hold fractional chroma blocks.
+    if (fh.h_max % h1 || fh.v_max % v1 || h0 != fh.h_max || v0 != fh.v_max) return KIVO_ERR_UNSUPPORTED;
+    if (n == 4) {
+        if (fh.h[3] != h0 || fh.v[3] != v0) return KIVO_ERR_UNSUPPORTED;
+        cs += 30;
+    }
+    return cs;
+}
+
+bool is_decodable_format(int32_t cs) {
+    switch (cs) {
+    case 10: case 11: case 12: case 13: case 18: case 22: case 41: case 42: case 43: return true;
+    default: return false;
+    }
+}
+
+// Plane size of component c of a W x H frame of colour format cs.
+void comp_size(int32_t cs, int c, int32_t w, int32_t h, int32_t *cw, int32_t *ch) {
+    *cw = w;
+    *ch = h;
+    if (c == 0 || c == 3) return;
+    switch (cs) {
+    case 11: case 41: *cw = (w + 1) / 2; *ch = (h + 1) / 2; break;
+    case 12: case 42: *cw = (w + 1) / 2; break;
+    case 18: *ch = (h + 1) / 2; break;
+    case 22: *cw = (w + 3) / 4; break;
+    default: break;
+    }
+}
+
+int32_t fail(kivod_ctx *ctx, int32_t status) {
+    kivod_release_frame_buffers(ctx);
+    kivod_bs_deinit(&ctx->main_bs);
+    std::memset(&ctx->main_bs, 0, sizeof(ctx->main_bs));
+    return status;
+}
+
+// Bytes of a frame buffer, or 0 when it would not fit the address space.
+size_t buffer_bytes(uint64_t a, uint64_t b, uint64_t c) {
+    uint64_t n = a * b * c;  // each factor is below 2^20, so no 64-bit overflow
+    if (n == 0 || n > static_cast<uint64_t>(SIZE_MAX / 2)) return 0;
+    return static_cast<size_t>(n);
+}
+
+int32_t seek_to(kivod_bs *bs, uint32_t pos) {
+    int64_t p = pos;
+    if (bs->mfal.seek(bs->handle, &p, 0) != 0) return KIVO_ERR_IO;
+    bs->pos = pos;
+    bs->cache = 0;
+    bs->bits = 0;
+    bs->not_ff = 1;
+    return KIVO_OK;
+}
+
+int32_t parse_saved_tables(kivod_ctx *ctx) {
+    const bool file = ctx->main_bs.type == KIVOD_INPUT_MFAL;
+    for (int i = 0; i < ctx->n_dqt; ++i) {
+        kivod_bs *bs = &ctx->dqt_pos[i];
+        if (file && seek_to(bs, bs->pos) != 0) return KIVO_ERR_IO;
+        int32_t ret = kivod_vld_qtbl(bs, ctx->qtbl, ctx->q_unit, ctx->progressive);
+        if (ret != 0) return ret;
+    }
+    for (int i = 0; i < ctx->n_dht; ++i) {
+        kivod_bs *bs = &ctx->dht_pos[i];
+        if (file && seek_to(bs, bs->pos) != 0) return KIVO_ERR_IO;
+        int32_t ret = kivod_vld_htbl(bs, ctx->dht_spec, ctx->dc_tbl, ctx->ac_tbl);
+        if (ret != 0) return ret;
+    }
+    return KIVO_OK;
+}
+
+}  // namespace
+
+int32_t kivod_choose_scale(int32_t fw, int32_t fh, int32_t ow, int32_t oh) {
+    if (ow == fw && oh == fh) return 0;
+    const int32_t rx = fw / ow, ry = fh / oh;
+    int t8, t4, t2;
+    if (ow <= 350 && oh <= 250) { t8 = 5; t4 = 1; t2 = 0; }
+    else if (ow <= 900 && oh <= 500) { t8 = 6; t4 = 2; t2 = 1; }
+    else { t8 = 7; t4 = 3; t2 = 1; }
+    if (rx > t8 && ry > t8) return 8;
+    if (rx > t4 && ry > t4) return 4;
+    if (rx > t2 && ry > t2) return 2;
+    return 1;
+}
+
+int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *info) {
+    // A decode that was never cloned may still hold buffers, and the input of
+    // the previous stream is closed before a new one is opened.
+    kivod_prepare(ctx);
+    kivod_release_frame_buffers(ctx);
+    kivod_bs_deinit(&ctx->main_bs);
+    std::memset(&ctx->main_bs, 0, sizeof(ctx->main_bs));
+    std::memset(&ctx->fh, 0, sizeof(ctx->fh));
+    ctx->progressive = 0;
+
+    info->reserved = info->width = info->height = info->color_format = 0;
+    int32_t ret = kivod_bs_init(&ctx->main_bs, input);
+    if (ret != 0) {
+        std::memset(&ctx->main_bs, 0, sizeof(ctx->main_bs));
+        return ret;
+    }
+    kivod_bs *bs = &ctx->main_bs;
+    if (kivod_vld_soi(bs) != 0) return fail(ctx, KIVO_ERR_MALFORMED);
+
+    bool have_frame = false;
+    for (;;) {
+        if (bs->read_byte(bs, 1) == 0xFF) {
+            const uint32_t m = bs->read_byte(bs, 1);
+            if (m == 0xC0 || m == 0xC1 || m == 0xC2) {
+                ctx->progressive = m == 0xC2;
+                ret = kivod_vld_fh(bs, &ctx->fh);
+                if (ret != 0) return fail(ctx, ret);
+                have_frame = true;
+            } else if (m == 0xDB) {
+                if (ctx->n_dqt >= 4) return fail(ctx, KIVO_ERR_MALFORMED);
+                ctx->dqt_pos[ctx->n_dqt++] = *bs;
+                kivod_vld_skip_seg(bs);
+            } else if (m == 0xC4) {
+                if (ctx->n_dht >= 8) return fail(ctx, KIVO_ERR_MALFORMED);
+                ctx->dht_pos[ctx->n_dht++] = *bs;
+                kivod_vld_skip_seg(bs);
+            } else if (m == 0xDD) {
+                kivod_vld_dri(bs, &ctx->dri);
+            } else if (m == 0xDA) {
+                break;
+            } else if (m == 0xFE) {
+                if (kivod_vld_skip_seg(bs) != 0) return fail(ctx, KIVO_ERR_MALFORMED);
+            } else if (m >= 0xE0 && m <= 0xEF) {
+                ret = kivod_vld_app(bs, &ctx->app_list, m);
+                if (ret != 0) return fail(ctx, KIVO_ERR_MALFORMED);
+            }
+        }
+        if (kivod_bs_input_done(bs) && bs->bits < 1) return fail(ctx, KIVO_ERR_MALFORMED);
+    }
+    // A scan without a frame header before it cannot be decoded.
+    if (!have_frame) return fail(ctx, KIVO_ERR_MALFORMED);
+
+    // Back onto the SOS marker.
+    ret = kivod_bs_rewind_cache(bs, 2);
+    if (ret != 0) return fail(ctx, ret);
+
+    const kivod_fh &fh = ctx->fh;
+    info->width = fh.width;
+    info->height = fh.height;
+    const int32_t cs = frame_color_format(fh);
+    if (cs < 0) return fail(ctx, cs);
+    ctx->color_format = cs;
+    info->color_format = cs;
+    if (info->app_list) *info->app_list = ctx->app_list;
+    if (!is_decodable_format(cs)) return fail(ctx, KIVO_ERR_COLOR_FORMAT);
+
+    const int n = fh.n_comp;
+    for (int c = 0; c < n; ++c) {
+        comp_size(cs, c, fh.width, fh.height, &ctx->comp_w[c], &ctx->comp_h[c]);
+        ctx->blk_w[c] = (ctx->comp_w[c] + 7) / 8;
+        ctx->blk_h[c] = (ctx->comp_h[c] + 7) / 8;
+    }
+    if (ctx->progressive) {
+        // Coefficient buffers cover whole MCUs of every component.
+        const int mcu_cols = (fh.width + 8 * fh.h_max - 1) / (8 * fh.h_max);
+        const int mcu_rows = (fh.height + 8 * fh.v_max - 1) / (8 * fh.v_max);
+        for (int c = 0; c < n; ++c) {
+            ctx->prog_blk_w[c] = mcu_cols * fh.h[c];
+            ctx->prog_blk_h[c] = mcu_rows * fh.v[c];
+        }
+        ctx->prog_blk_w[4] = mcu_cols;
+        ctx->prog_blk_w[5] = mcu_rows;
+    } else {
+        for (int c = 0; c < n; ++c) {
+            const int hf = fh.h[c], vf = fh.v[c];
+            if (ctx->blk_w[c] % hf) ctx->blk_w[c] += hf - ctx->blk_w[c] % hf;
+            if (ctx->blk_h[c] % vf) ctx->blk_h[c] += vf - ctx->blk_h[c] % vf;
+        }
+    }
+
+    const int threads = kivo::thread_limit(ctx->tpool);
+    for (int c = 0; c < n; ++c) {
+        ctx->mcu_lines[c] = static_cast<uint8_t>(fh.v[c] * 8);
+        ctx->line_w[c] = ctx->blk_w[c] * 8;
+        const size_t bytes = buffer_bytes(fh.v[c] * 8u, ctx->blk_w[c] * 8u, threads);
+        ctx->sample_buf[c] = bytes ? static_cast<uint8_t *>(std::malloc(bytes)) : nullptr;
+        if (!ctx->sample_buf[c]) return fail(ctx, KIVO_ERR_OUT_OF_MEMORY);
+        if (ctx->progressive) {
+            const size_t cb = buffer_bytes(ctx->prog_blk_h[c] * 8u, ctx->prog_blk_w[c] * 8u, 2);
+            ctx->coef_buf[c] = cb ? static_cast<int16_t *>(std::calloc(cb, 1)) : nullptr;
+            if (!ctx->coef_buf[c]) return fail(ctx, KIVO_ERR_OUT_OF_MEMORY);
+        }
+    }
+
+    // Progressive frames get their own picture job with the progressive
+    // decoding; until then they are refused here.
+    if (ctx->progressive) return fail(ctx, KIVO_ERR_UNSUPPORTED);
+    ctx->proc.pic_job = kivod_dec_slice;
+
+    uint32_t sos_pos = 0;
+    if (bs->type == KIVOD_INPUT_MFAL) {
+        int64_t p = 0;
+        if (bs->mfal.tell(bs->handle, &p) != 0) return fail(ctx, KIVO_ERR_IO);
+        sos_pos = static_cast<uint32_t>(p);
+    }
+    ret = parse_saved_tables(ctx);
+    if (ret != 0) return fail(ctx, ret);
+    if (bs->type == KIVOD_INPUT_MFAL && seek_to(bs, sos_pos) != 0) return fail(ctx, KIVO_ERR_IO);
+    return KIVO_OK;
+}
+
+int32_t kivod_clone_frm(kivod_ctx *ctx, xelo_imgb *imgb) {
+    const int32_t w = imgb->width, h = imgb->height;
+    for (int p = 0; p < 4; ++p) {
+        ctx->out_w[p] = ctx->out_h[p] = 0;
+    }
+    ctx->out_w[0] = w;
+    ctx->out_h[0] = h;
+    switch (imgb->color_format) {
+    case 11: case 41: ctx->out_w[1] = (w + 1) / 2; ctx->out_h[1] = (h + 1) / 2; break;
+    case 12: case 42: ctx->out_w[1] = (w + 1) / 2; ctx->out_h[1] = h; break;
+    case 13: case 43: ctx->out_w[1] = w; ctx->out_h[1] = h; break;
+    case 18: ctx->out_w[1] = w; ctx->out_h[1] = (h + 1) / 2; break;
+    case 22: ctx->out_w[1] = (w + 3) / 4; ctx->out_h[1] = h; break;
+    case 101: ctx->out_w[0] = 2 * w; break;
+    default: break;
+    }
+    ctx->out_w[2] = ctx->out_w[1];
+    ctx->out_h[2] = ctx->out_h[1];
+    if (imgb->color_format >= 40 && imgb->color_format <= 43) {
+        ctx->out_w[3] = w;
+        ctx->out_h[3] = h;
+    }
+    return kivod_dec_pic(ctx, imgb);
+}
+
+int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb) {
+    // kivod_clone is valid once after each successful kivod_decode.
+    if (!ctx->sample_buf[0]) return KIVO_ERR_UNAVAILABLE;
+    ctx->scan_bs = ctx->main_bs;
+    ctx->out_imgb = imgb;
+    if (imgb->width < 1 || imgb->height < 1) return KIVO_ERR_INVALID_ARG;
+    ctx->scale = kivod_choose_scale(ctx->fh.width, ctx->fh.height, imgb->width, imgb->height);
+
+    // Statistics and counters describe this picture only.
+    std::memset(ctx->stat_luma, 0, sizeof(ctx->stat_luma));
+    std::memset(ctx->stat_chroma, 0, sizeof(ctx->stat_chroma));
+    ctx->n_luma = ctx->n_chroma = 0;
+    ctx->dc_level_total = 0;
+    for (int t = 0; t < 4; ++t) {
+        std::memset(ctx->dc_tbl[t].dc_count, 0, sizeof(ctx->dc_tbl[t].dc_count));
+        std::memset(ctx->ac_tbl[t].ac_count, 0, sizeof(ctx->ac_tbl[t].ac_count));
+    }
+
+    kivod_bs *bs = &ctx->scan_bs;
+    int32_t done = 0;
+    int32_t scan_status = KIVO_OK;
+    while (!done) {
+        if (kivod_bs_read(bs, 8) != 0xFF) break;
+        const uint32_t m = kivod_bs_read(bs, 8);
+        if (kivod_bs_rewind_cache(bs, 0) != 0) return KIVO_ERR_IO;
+        if (m == 0xC4) {
+            if (kivod_vld_htbl(bs, ctx->dht_spec, ctx->dc_tbl, ctx->ac_tbl) != 0) break;
+        } else if (m == 0xDB) {
+            if (kivod_vld_qtbl(bs, ctx->qtbl, ctx->q_unit, ctx->progressive) != 0) break;
+        } else if (m == 0xDD) {
+            kivod_vld_dri(bs, &ctx->dri);
+        } else if (m == 0xDA) {
+            scan_status = dec_scan(ctx, &done);
+            if (scan_status != 0) break;
+        } else if (m == 0xD9) {
+            done = 1;
+        } else if (m == 0xFE) {
+            if (kivod_vld_skip_seg(bs) != 0) {
+                kivod_release_frame_buffers(ctx);
+                return KIVO_ERR_MALFORMED;
+            }
+        } else {
+            break;
+        }
+    }
+    const int32_t ret = kivod_finish(ctx);
+    // A damaged scan still leaves what was decoded in the buffer; its status
+    // tells the caller that the picture is incomplete.
+    return ret != 0 ? ret : scan_status;
+}
+
+int32_t kivod_finish(kivod_ctx *ctx) {
+    const int64_t blocks = static_cast<int64_t>(ctx->blk_h[0]) * ctx->blk_w[0];
+    ctx->mean_level = blocks > 0 ? ctx->dc_level_total / blocks : 0;
+    kivod_release_frame_buffers(ctx);
+    return KIVO_OK;
+}
+
+int32_t kivod_pull_frm(kivod_ctx *, void *) { return KIVO_ERR_UNSUPPORTED; }

@@ -1,0 +1,114 @@
+// Huffman decoding tables built from DHT contents, and the magnitude category.
+#include <cstring>
+
+#include "decoder/kivod_int.h"
+
+namespace {
+
+int32_t build_dc(const kivod_htbl_spec *spec, kivod_dc_tbl *t) {
+    uint32_t total = 0;
+    for (int l = 0; l < 16; ++l) total += spec->bits[l];
+    if (total > 12) return KIVO_ERR_MALFORMED;
+    for (uint32_t k = 0; k < total; ++k)
+        if (spec->vals[k] > 11) return KIVO_ERR_MALFORMED;  // no such DC category
+
+    std::memset(t, 0, sizeof(*t));
+    t->count = static_cast<uint16_t>(total);
+    std::memset(t->lookup, 255, sizeof(t->lookup));
+    // Canonical codes; symbols of lengths 13 to 16 get none.
+    uint32_t code = 0, k = 0;
+    for (int len = 1; len <= 12; ++len) {
+        for (uint32_t i = 0; i < spec->bits[len - 1]; ++i, ++k, ++code) {
+            if (code >= (1u << len)) return KIVO_ERR_MALFORMED;  // code space overflow
+            uint8_t v = spec->vals[k];
+            t->code[v].code = static_cast<uint16_t>(code);
+            t->code[v].len = static_cast<uint8_t>(len);
+        }
+        code <<= 1;
+    }
+    for (int v = 0; v < 12; ++v) {
+        int len = t->code[v].len;
+        if (len >= 1 && len <= 8) t->lookup[t->code[v].code << (8 - len)] = static_cast<uint8_t>(v);
+    }
+    // Every entry without a code start inherits the previous entry, so each
+    // short code covers its whole span.
+    uint8_t prev = 0;
+    for (int i = 0; i < 256; ++i) {
+        if (t->lookup[i] == 255) t->lookup[i] = prev;
+        prev = t->lookup[i];
+    }
+    return KIVO_OK;
+}
+
+int32_t build_ac(const kivod_htbl_spec *spec, kivod_ac_tbl *t) {
+    uint32_t total = 0;
+    for (int l = 0; l < 16; ++l) total += spec->bits[l];
+    if (total > 256) return KIVO_ERR_MALFORMED;
+
+    std::memset(t, 0, sizeof(*t));
+    t->count = static_cast<uint16_t>(total + 1);
+    for (auto &e : t->lookup) e.len = 255;
+    for (auto &r : t->range) {
+        r.mincode = 0xFFFF;
+        r.maxcode = 0;
+        r.valptr = 255;
+    }
+    uint32_t code = 0, k = 0;
+    for (int len = 1; len <= 16; ++len) {
+        kivod_ac_range &r = t->range[len];
+        for (uint32_t i = 0; i < spec->bits[len - 1]; ++i, ++k, ++code) {
+            if (code >= (1u << len)) return KIVO_ERR_MALFORMED;  // code space overflow
+            uint8_t v = spec->vals[k];
+            kivod_ac_sym &s = t->sym[k];
+            s.code = static_cast<uint16_t>(code);
+            s.len = static_cast<uint8_t>(len);
+            s.run = static_cast<uint8_t>(v >> 4);
+            s.size = static_cast<uint8_t>(v & 15);
+            if (code < r.mincode) r.mincode = static_cast<uint16_t>(code);
+            if (code > r.maxcode) r.maxcode = static_cast<uint16_t>(code);
+            if (r.valptr == 255) r.valptr = static_cast<uint16_t>(k);
+            if (len <= 8) {
+                // The code's whole span of the 8-bit look-up.
+                uint32_t first = code << (8 - len), n = 1u << (8 - len);
+                for (uint32_t j = first; j < first + n; ++j) {
+                    t->lookup[j].len = static_cast<uint8_t>(len);
+                    t->lookup[j].sym = static_cast<uint8_t>(k);
+                    t->lookup[j].size = s.size;
+                    t->lookup[j].run = s.run;
+                }
+            }
+        }
+        code <<= 1;
+    }
+    t->eob = 255;
+    t->zrl = 255;
+    for (uint32_t i = 0; i < total; ++i) {
+        const kivod_ac_sym &s = t->sym[i];
+        if (s.size == 0 && s.run == 0 && t->eob == 255) t->eob = static_cast<uint8_t>(i);
+        if (s.size == 0 && s.run == 15 && t->zrl == 255) t->zrl = static_cast<uint8_t>(i);
+        if (t->eob != 255 && t->zrl != 255) break;
+    }
+    return KIVO_OK;
+}
+
+}  // namespace
+
+int32_t kivod_build_htbl(const kivod_htbl_spec *spec, kivod_dc_tbl dc[4], kivod_ac_tbl ac[4]) {
+    if (!spec || spec->cls > 1 || spec->id > 3) return KIVO_ERR_MALFORMED;
+    if (spec->cls == 0) return build_dc(spec, &dc[spec->id]);
+    return build_ac(spec, &ac[spec->id]);
+}
+
+KIVO_EXPORT int32_t kivo_category(int32_t v) {
+    // The value is taken as a signed 16-bit quantity.
+    int32_t s = v & 0xFFFF;
+    if (s >= 0x8000) s -= 0x10000;
+    if (s >= 2048 || s == -32768) return -1;
+    uint32_t m = static_cast<uint32_t>(s < 0 ? -s : s);
+    int32_t c = 0;
+    while (m) {
+        ++c;
+        m >>= 1;
+    }
+    return c;
+}

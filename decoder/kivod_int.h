@@ -1,0 +1,333 @@
+// Decoder records and the functions the decoder's files share.
+//
+// Data flow: kivod_decode -> kivod_dec (driver.cpp: reader bs.cpp, segments
+// seg.cpp, Huffman tables htbl.cpp) ; kivod_clone -> kivod_clone_frm ->
+// kivod_dec_pic -> dec_scan (scan.cpp) -> slices on threads (mt.cpp) ->
+// kivod_dec_slice: coefficients (vld.cpp), IDCT (idct*.cpp), output (out.cpp).
+#ifndef KIVO_DECODER_INT_H
+#define KIVO_DECODER_INT_H
+
+#include <cstdint>
+
+#include "common/kivo_int.h"
+#include "kivod.h"
+
+// ---- bit-stream reader -----------------------------------------------------
+
+struct kivod_bs;
+typedef int32_t (*kivod_bs_refill_fn)(kivod_bs *bs, int32_t wanted);
+typedef uint32_t (*kivod_bs_read_byte_fn)(kivod_bs *bs, int32_t n);
+
+// A plain record, copied freely to come back to a stream position.
+struct kivod_bs {
+    uint32_t cache;        // unconsumed bits, next bit at bit 31; bits below the valid ones are 0
+    int32_t bits;          // valid bits in cache; may go negative at the end of the input
+    const uint8_t *cur;    // memory: next byte to load (never beyond end + 1)
+    const uint8_t *end;    // memory: last byte of the input
+    const uint8_t *start;  // memory: first byte
+    uint32_t not_ff;       // last byte loaded XOR 0xFF; 1 after init
+    uint32_t pos;          // file: bytes taken from the file so far
+    uint32_t last;         // file: size - 1
+    kivod_bs_refill_fn refill;
+    kivod_bs_read_byte_fn read_byte;
+    int32_t type;          // KIVOD_INPUT_BITB or KIVOD_INPUT_MFAL
+    xelo_bitb bitb;
+    kivo_mfal mfal;
+    void *handle;          // file: what open returned
+};
+
+int32_t kivod_bs_init(kivod_bs *bs, const kivod_input *input);
+void kivod_bs_deinit(kivod_bs *bs);
+uint32_t kivod_bs_read(kivod_bs *bs, int32_t n);
+uint32_t kivod_bs_peek(kivod_bs *bs, int32_t n);
+void kivod_bs_skip(kivod_bs *bs, int32_t n);
+void kivod_bs_align_byte(kivod_bs *bs);
+void kivod_bs_read_stuffing(kivod_bs *bs);
+uint32_t kivod_bs_read_byte_bitb(kivod_bs *bs, int32_t n);
+uint32_t kivod_bs_read_byte_mfal(kivod_bs *bs, int32_t n);
+int32_t kivod_bs_flush_bitb(kivod_bs *bs, int32_t wanted);
+int32_t kivod_bs_flush_mfal(kivod_bs *bs, int32_t wanted);
+// Restart synchronisation: finds the next RSTn, zeroes the predictors and
+// the MCU counter. 0, or -202 when no marker is found before the end.
+int32_t kivod_bs_sync_restart(kivod_bs *bs, int16_t dc_pred[4], int32_t *mcu_count);
+// True when the input is used up: memory cur beyond end, file pos beyond last.
+bool kivod_bs_input_done(const kivod_bs *bs);
+// Gives the whole bytes still cached back to the input and empties the cache
+// (file input seeks). 0 or -109.
+int32_t kivod_bs_rewind_cache(kivod_bs *bs, int32_t extra_back);
+
+// ---- marker segments -------------------------------------------------------
+
+struct kivod_fh {
+    uint16_t length;
+    uint8_t precision;
+    uint8_t n_comp;
+    uint16_t height;
+    uint16_t width;
+    uint8_t comp_id[4];
+    uint8_t h[4];
+    uint8_t v[4];
+    uint8_t tq[4];
+    uint8_t h_max;
+    uint8_t v_max;
+};
+
+struct kivod_sh {
+    uint16_t length;
+    uint8_t n_comp;
+    uint8_t ss;
+    uint8_t comp_idx[4];  // frame component of the j-th scan component
+    uint8_t td[4];        // DC table selector, at the frame component's index
+    uint8_t ta[4];        // AC table selector, at the frame component's index
+    uint8_t se;
+    uint8_t ah;
+    uint8_t al;
+};
+
+struct kivod_qtbl {
+    uint16_t length;
+    uint8_t precision;
+    uint8_t id;
+    uint16_t q[64];       // zig-zag order for sequential frames, raster for progressive
+    uint16_t q_copy[64];
+    int16_t rq_mul[64];   // re-quantization multiplier per zig-zag position (transcoder), else 0
+    int16_t rq_off[64];   // re-quantization rounding offset per zig-zag position
+};
+
+struct kivod_htbl_spec {
+    uint8_t id;
+    uint8_t cls;
+    uint16_t count;
+    uint8_t bits[16];
+    uint8_t vals[256];
+};
+
+struct kivod_dri {
+    uint16_t length;
+    uint16_t interval;
+};
+
+// ---- Huffman decoding tables ------------------------------------------------
+
+struct kivod_dc_code {
+    uint16_t code;
+    uint8_t len;
+};
+
+struct kivod_dc_tbl {
+    uint16_t count;
+    uint8_t lookup[256];
+    kivod_dc_code code[12];
+    uint64_t dc_count[12];
+};
+
+struct kivod_ac_sym {
+    uint16_t code;
+    uint8_t len;
+    uint8_t run;
+    uint8_t size;
+};
+
+struct kivod_ac_range {
+    uint16_t mincode;
+    uint16_t maxcode;
+    uint16_t valptr;
+};
+
+struct kivod_ac_look {
+    uint8_t len;  // 255: a code longer than 8 bits starts here
+    uint8_t sym;
+    uint8_t size;
+    uint8_t run;
+};
+static_assert(sizeof(kivod_ac_look) == 4, "one 32-bit load per AC look-up");
+
+struct kivod_ac_tbl {
+    uint16_t count;  // codes + 1
+    uint8_t eob;
+    uint8_t zrl;
+    kivod_ac_sym sym[256];
+    kivod_ac_range range[17];
+    kivod_ac_look lookup[256];
+    uint64_t ac_count[256];
+};
+
+// Builds the decoding table of the specification's class and identifier.
+// tables: four DC tables followed by four AC tables. 0 or -202.
+int32_t kivod_build_htbl(const kivod_htbl_spec *spec, kivod_dc_tbl dc[4], kivod_ac_tbl ac[4]);
+// T.81 magnitude category of a 16-bit value: 0..15, or -1.
+extern "C" KIVO_API int32_t kivo_category(int32_t v);
+
+// ---- coefficient decoding ------------------------------------------------------
+// Counters are the calling thread's own copies (dc_count[12], ac_count[256]);
+// they are summed into the tables after the threads join.
+
+int32_t kivod_vld_dc(kivod_bs *bs, int16_t q0, const kivod_dc_tbl *t, uint64_t *dc_count,
+                     int16_t *out);
+typedef int32_t (*kivod_vld_ac_fn)(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
+                                   uint64_t *ac_count, int16_t *blk, int16_t *dc_only);
+int32_t kivod_vld_ac8(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
+                      uint64_t *ac_count, int16_t *blk, int16_t *dc_only);
+int32_t kivod_vld_ac4(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
+                      uint64_t *ac_count, int16_t *blk, int16_t *dc_only);
+int32_t kivod_vld_ac2(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
+                      uint64_t *ac_count, int16_t *blk, int16_t *dc_only);
+int32_t kivod_vld_ac1(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
+                      uint64_t *ac_count, int16_t *blk, int16_t *dc_only);
+
+// ---- inverse DCT --------------------------------------------------------------
+
+typedef void (*kivod_idct_fn)(const int16_t *coef, int32_t stride, uint8_t *dst);
+void kivod_idct8(const int16_t *coef, int32_t stride, uint8_t *dst);
+void kivod_idct4(const int16_t *coef, int32_t stride, uint8_t *dst);
+void kivod_idct2(const int16_t *coef, int32_t stride, uint8_t *dst);
+void kivod_idct1(const int16_t *coef, int32_t stride, uint8_t *dst);
+void kivod_idct8_dc(const int16_t *coef, int32_t stride, uint8_t *dst);
+void kivod_idct4_dc(const int16_t *coef, int32_t stride, uint8_t *dst);
+void kivod_idct2_dc(const int16_t *coef, int32_t stride, uint8_t *dst);
+
+// Per-scale kernel tables, indexed by the scale denominator 0, 1, 2, 4, 8;
+// the other slots are empty. Filled from the best variant the CPU flags allow.
+struct kivod_dsp {
+    kivod_idct_fn idct[9];
+    kivod_idct_fn idct_dc[9];
+    kivod_vld_ac_fn vld_ac[9];
+};
+void kivod_dsp_init(kivod_dsp *dsp, uint32_t cpu_flags);
+// Names of the variants kivod_dsp_init would choose, for reports.
+const char *kivod_dsp_describe(uint32_t cpu_flags);
+// Block output size shift per scale: 3, 3, 2, 1, 0 for 0, 1, 2, 4, 8.
+extern const uint8_t tbl_blk_shift[9];
+
+// ---- context -----------------------------------------------------------------
+
+struct kivod_work;
+
+struct kivod_proc {
+    int32_t (*ready)(kivod_ctx *ctx);
+    void (*flush)(kivod_ctx *ctx);
+    int32_t (*dec)(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *info);
+    int32_t (*pic_job)(kivod_ctx *ctx, kivod_work *w);
+    int32_t (*pull_frm)(kivod_ctx *ctx, void *frame);
+    int32_t (*clone_frm)(kivod_ctx *ctx, xelo_imgb *imgb);
+};
+
+// One per thread. Statistics and counters are the thread's own and are summed
+// into the context after the join, so results never depend on timing.
+struct kivod_work {
+    uint8_t first_comp;  // progressive reconstruction: first component
+    uint8_t n_comp;      // progressive reconstruction: number of components
+    alignas(16) int16_t blk[64];  // block buffer, all zero between blocks
+    int16_t dc_pred[4];
+    int64_t dc_level_sum;
+    int32_t n_mcu;
+    int32_t rst_count;
+    int32_t start_row[4];
+    int32_t lines[4];
+    int32_t out_lines[4];
+    int32_t out_first[4];
+    uint8_t *strip[4];
+    kivod_bs bs;
+    // the thread's share of the scan statistics and table counters
+    int64_t stat_luma[64];
+    int64_t stat_chroma[64];
+    int32_t n_luma;
+    int32_t n_chroma;
+    uint64_t dc_count[4][12];
+    uint64_t ac_count[4][256];
+    kivod_ctx *ctx;
+};
+
+struct kivod_ctx {
+    uint32_t magic;
+    void *self;
+    kivod_work *work[8];
+    kivod_bs scan_bs;
+    kivod_dc_tbl dc_tbl[4];
+    int64_t mean_level;
+    kivod_ac_tbl ac_tbl[4];
+    kivod_qtbl qtbl[4];
+    // Scan statistics of the last picture. Kept in 64 bits: sums of
+    // coefficient magnitudes over a large picture overflow 32.
+    int64_t stat_luma[64];
+    int64_t stat_chroma[64];
+    int32_t n_luma;
+    int32_t n_chroma;
+    uint8_t mcu_lines[4];
+    uint8_t q_unit[4];
+    int32_t blk_w[4];
+    int32_t blk_h[4];
+    int32_t comp_w[4];
+    int32_t comp_h[4];
+    int32_t line_w[4];
+    int32_t prog_blk_w[6];
+    int32_t prog_blk_h[4];  // block rows of the progressive coefficient buffers
+    kivod_fh fh;
+    kivod_sh sh;
+    kivod_dri dri;
+    uint8_t *sample_buf[4];
+    int16_t *coef_buf[4];
+    xelo_imgb *out_imgb;
+    int32_t out_w[4];
+    int32_t out_h[4];
+    kivod_bs main_bs;
+    kivod_bs dqt_pos[4];
+    kivod_bs dht_pos[8];
+    kivod_htbl_spec dht_spec[8];
+    uint8_t n_dqt;
+    uint8_t n_dht;
+    int32_t progressive;
+    int32_t color_format;
+    int32_t scale;
+    int32_t n_threads;
+    int64_t dc_level_total;  // DC levels of component 0 summed over the picture's scans
+    kivod_dsp dsp;
+    kivo_tpool tpool;
+    void *threads[8];
+    kivod_app_node *app_list;
+    kivod_proc proc;
+};
+
+// ---- handle (kivod.cpp) ----------------------------------------------------------
+extern "C" {
+KIVO_API void kivod_set_ppi(kivod_ctx *ctx);
+KIVO_API int32_t kivod_platform_init(kivod_ctx *ctx);
+KIVO_API void kivod_platform_deinit(kivod_ctx *ctx);
+KIVO_API int32_t kivod_ready(kivod_ctx *ctx);
+KIVO_API void kivod_flush(kivod_ctx *ctx);
+KIVO_API void kivod_prepare(kivod_ctx *ctx);
+}
+void kivod_release_app_list(kivod_ctx *ctx);
+void kivod_release_frame_buffers(kivod_ctx *ctx);
+
+// ---- marker segment parsers (seg.cpp) -----------------------------------------------
+int32_t kivod_vld_soi(kivod_bs *bs);
+int32_t kivod_vld_eoi(kivod_bs *bs);
+int32_t kivod_vld_fh(kivod_bs *bs, kivod_fh *fh);
+int32_t kivod_vld_sh(kivod_ctx *ctx, kivod_bs *bs, kivod_sh *sh);
+int32_t kivod_vld_qtbl(kivod_bs *bs, kivod_qtbl qtbl[4], uint8_t q_unit[4], int32_t progressive);
+int32_t kivod_vld_htbl(kivod_bs *bs, kivod_htbl_spec spec[8], kivod_dc_tbl dc[4], kivod_ac_tbl ac[4]);
+int32_t kivod_vld_dri(kivod_bs *bs, kivod_dri *dri);
+int32_t kivod_vld_app(kivod_bs *bs, kivod_app_node **head, uint32_t marker);
+int32_t kivod_vld_skip_seg(kivod_bs *bs);
+extern "C" KIVO_API int32_t kivod_chk_eoi(kivod_bs *bs);
+
+// ---- driver (driver.cpp) ----------------------------------------------------------
+int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *info);
+int32_t kivod_clone_frm(kivod_ctx *ctx, xelo_imgb *imgb);
+int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb);
+int32_t kivod_finish(kivod_ctx *ctx);
+int32_t kivod_pull_frm(kivod_ctx *ctx, void *frame);
+int32_t kivod_choose_scale(int32_t fw, int32_t fh, int32_t ow, int32_t oh);
+
+// ---- scans, slices and threads (scan.cpp, mt.cpp) ------------------------------------
+int32_t dec_scan(kivod_ctx *ctx, int32_t *done);
+int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w);
+void kivod_split_slices(kivod_ctx *ctx);
+int32_t kivod_skim(kivod_ctx *ctx);
+int32_t dec_mt(kivod_ctx *ctx);
+int32_t kivod_thread_job(void *work);
+// Sums the work records' statistics and counters into the context.
+void kivod_collect_stats(kivod_ctx *ctx);
+
+#endif

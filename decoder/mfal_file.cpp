@@ -1,0 +1,97 @@
+// A ready file interface over stdio: user[0] holds the path, open returns a
+// small record holding the FILE *.
+#ifndef _FILE_OFFSET_BITS
+#define _FILE_OFFSET_BITS 64
+#endif
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/types.h>
+
+#include "common/kivo_int.h"
+#include "kivod.h"
+
+namespace {
+
+struct FileHandle {
+    FILE *f;
+};
+
+FILE *file_of(void *h) { return h ? static_cast<FileHandle *>(h)->f : nullptr; }
+
+void *file_open(kivo_mfal *mfal, int32_t mode, int32_t flags) {
+    // The decoder always asks to read; mode and flags carry nothing else.
+    if (!mfal || !mfal->user[0]) return nullptr;
+    FILE *f = std::fopen(static_cast<const char *>(mfal->user[0]), "rb");
+    if (!f) return nullptr;
+    auto *h = static_cast<FileHandle *>(std::malloc(sizeof(FileHandle)));
+    if (!h) {
+        std::fclose(f);
+        return nullptr;
+    }
+    h->f = f;
+    return h;
+}
+
+int32_t file_close(void *h) {
+    if (!h) return KIVO_ERR_INVALID_ARG;
+    int rc = std::fclose(file_of(h));
+    std::free(h);
+    return rc == 0 ? KIVO_OK : KIVO_ERR_IO;
+}
+
+int32_t file_read(void *h, void *dst, int32_t n) {
+    FILE *f = file_of(h);
+    if (!f || !dst || n <= 0) return 0;
+    return static_cast<int32_t>(std::fread(dst, 1, static_cast<size_t>(n), f));
+}
+
+int32_t file_tell(void *h, int64_t *pos) {
+    FILE *f = file_of(h);
+    if (!f || !pos) return KIVO_ERR_INVALID_ARG;
+    off_t p = ftello(f);
+    if (p < 0) return KIVO_ERR_IO;
+    *pos = static_cast<int64_t>(p);
+    return KIVO_OK;
+}
+
+int32_t file_seek(void *h, const int64_t *pos, int32_t whence) {
+    FILE *f = file_of(h);
+    if (!f || !pos) return KIVO_ERR_INVALID_ARG;
+    int w = whence == 1 ? SEEK_CUR : (whence == 2 ? SEEK_END : SEEK_SET);
+    if (w == SEEK_SET && *pos < 0) return KIVO_ERR_IO;
+    return fseeko(f, static_cast<off_t>(*pos), w) == 0 ? KIVO_OK : KIVO_ERR_IO;
+}
+
+int32_t file_skip(void *h, const int64_t *n, int32_t type) {
+    FILE *f = file_of(h);
+    if (!f || !n) return KIVO_ERR_INVALID_ARG;
+    return fseeko(f, static_cast<off_t>(*n), SEEK_CUR) == 0 ? KIVO_OK : KIVO_ERR_IO;
+}
+
+int32_t file_size(void *h, int64_t *size) {
+    FILE *f = file_of(h);
+    if (!f || !size) return KIVO_ERR_INVALID_ARG;
+    off_t here = ftello(f);
+    if (here < 0 || fseeko(f, 0, SEEK_END) != 0) return KIVO_ERR_IO;
+    off_t s = ftello(f);
+    if (fseeko(f, here, SEEK_SET) != 0 || s < 0) return KIVO_ERR_IO;
+    *size = static_cast<int64_t>(s);
+    return KIVO_OK;
+}
+
+}  // namespace
+
+KIVO_EXPORT int32_t kivo_mfal_file(kivo_mfal *mfal, const char *path) {
+    if (!mfal || !path) return KIVO_ERR_INVALID_ARG;
+    std::memset(mfal, 0, sizeof(*mfal));
+    mfal->user[0] = const_cast<char *>(path);
+    mfal->open = file_open;
+    mfal->close = file_close;
+    mfal->read = file_read;
+    mfal->tell = file_tell;
+    mfal->seek = file_seek;
+    mfal->skip = file_skip;
+    mfal->size = file_size;
+    return KIVO_OK;
+}

@@ -1,0 +1,250 @@
+// Huffman decoding of the coefficients of one sequential-scan block.
+//
+// The routines work on the reader's cache directly and call the reader only
+// to top the cache up (kivod_bs_peek) or when a code and its extra bits do
+// not fit in what is cached. After a top-up the cache holds at least 24 bits
+// unless the input is nearly used up, which covers any code of up to 8 bits
+// together with its extra bits.
+//
+// Size-0 AC symbols other than end-of-block (run 0) and sixteen zeros
+// (run 15) are refused by every routine, so all four consume a stream the
+// same way and fail on the same blocks.
+//
+// Counters: a null dc_count or ac_count means "do not count". The choice is
+// made once per block (kivod_vld_ac8 runs one of two instantiations), not
+// per symbol.
+#include "decoder/kivod_int.h"
+
+namespace {
+
+constexpr int32_t kFill = 24;
+
+inline void top_up(kivod_bs *bs) {
+    if (bs->bits < kFill) kivod_bs_peek(bs, kFill);
+}
+
+// The low 16 bits of v as a signed value.
+inline int16_t low16(uint32_t v) {
+    int32_t s = static_cast<int32_t>(v & 0xFFFFu);
+    if (s >= 0x8000) s -= 0x10000;
+    return static_cast<int16_t>(s);
+}
+
+// T.81 EXTEND: the size-bit field v (size >= 1) as a signed difference.
+inline int32_t extend(uint32_t v, int32_t size) {
+    return v < (1u << (size - 1)) ? static_cast<int32_t>(v) - (1 << size) + 1
+                                  : static_cast<int32_t>(v);
+}
+
+// value x quantizer, kept to 16 bits without signed overflow.
+inline int16_t dequant(int32_t value, uint16_t q) {
+    return low16(static_cast<uint32_t>(value) * q);
+}
+
+// Decodes one AC code and consumes it with its extra bits. Sets run and size
+// and, when kValue, the raw extra bits. 0, or -202 for a code the table does
+// not hold.
+template <bool kValue>
+inline int32_t next_symbol(kivod_bs *bs, const kivod_ac_tbl *t, int32_t *run, int32_t *size,
+                           uint32_t *extra) {
+    top_up(bs);
+    uint32_t c = bs->cache;
+    const kivod_ac_look e = t->lookup[c >> 24];
+    int32_t len;
+    if (e.len <= 8) {
+        len = e.len;
+        *run = e.run;
+        *size = e.size;
+    } else {
+        uint32_t code = 0;
+        for (len = 9; len <= 16; ++len) {
+            code = c >> (32 - len);
+            const kivod_ac_range &r = t->range[len];
+            if (code >= r.mincode && code <= r.maxcode) break;
+        }
+        if (len > 16) return KIVO_ERR_MALFORMED;
+        uint32_t idx = code - t->range[len].mincode + t->range[len].valptr;
+        if (idx > 255) return KIVO_ERR_MALFORMED;
+        *run = t->sym[idx].run;
+        *size = t->sym[idx].size;
+        // A code as long as the table's symbol count plus one cannot occur
+        // in a valid table; end-of-block is let through.
+        if (len >= t->count && (*run != 0 || *size != 0)) return KIVO_ERR_MALFORMED;
+    }
+    int32_t s = *size;
+    int32_t total = len + s;
+    if (bs->bits >= total) {
+        if (kValue) *extra = s ? (c << len) >> (32 - s) : 0;
+        bs->cache = c << total;  // total <= 31
+        bs->bits -= total;
+    } else {
+        kivod_bs_skip(bs, len);
+        if (kValue)
+            *extra = s ? kivod_bs_read(bs, s) : 0;
+        else
+            kivod_bs_skip(bs, s);
+    }
+    return KIVO_OK;
+}
+
+// Decodes and drops the symbols of a block from zig-zag position k on.
+int32_t skip_rest(kivod_bs *bs, const kivod_ac_tbl *t, int32_t k) {
+    while (k <= 63) {
+        int32_t run, size;
+        if (next_symbol<false>(bs, t, &run, &size, nullptr) != 0) return KIVO_ERR_MALFORMED;
+        if (size == 0) {
+            if (run == 0) return KIVO_OK;
+            if (run != 15) return KIVO_ERR_MALFORMED;
+            k += 16;
+        } else {
+            k += run + 1;
+        }
+    }
+    return KIVO_OK;
+}
+
+// Stores the coefficients of symbols starting at positions up to kLast,
+// then decodes the rest without storing.
+template <int kLast>
+int32_t ac_partial(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, int16_t *blk,
+                   int16_t *dc_only) {
+    *dc_only = 0;
+    int32_t k = 1;
+    while (k <= kLast) {
+        int32_t run, size;
+        uint32_t v;
+        if (next_symbol<true>(bs, t, &run, &size, &v) != 0) return KIVO_ERR_MALFORMED;
+        if (size == 0) {
+            if (run == 0) {
+                if (k == 1) *dc_only = 1;
+                return KIVO_OK;
+            }
+            if (run != 15) return KIVO_ERR_MALFORMED;
+            k += 16;
+            continue;
+        }
+        int32_t pos = k + run;
+        if (pos > 63) return KIVO_OK;
+        blk[kivo_tbl_zig_to_ras[pos]] = dequant(extend(v, size), q->q[pos]);
+        k = pos + 1;
+    }
+    return skip_rest(bs, t, k);
+}
+
+// Full block. With kCount, also re-quantizes each coefficient with rq_mul
+// and rq_off and counts the symbols an encoder would emit for the result:
+// z is the pending zero run, g the pending sixteen-zero groups.
+template <bool kCount>
+int32_t ac_full(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint64_t *cnt,
+                int16_t *blk, int16_t *dc_only) {
+    *dc_only = 0;
+    int32_t k = 1, z = 0, g = 0;
+    while (k <= 63) {
+        int32_t run, size;
+        uint32_t v;
+        if (next_symbol<true>(bs, t, &run, &size, &v) != 0) return KIVO_ERR_MALFORMED;
+        if (size == 0) {
+            if (run == 0) {
+                if (k == 1) *dc_only = 1;
+                if (kCount) ++cnt[0x00];
+                return KIVO_OK;
+            }
+            if (run != 15) return KIVO_ERR_MALFORMED;
+            if (kCount) {
+                ++cnt[0xF0];
+                z = 0;
+            }
+            k += 16;
+            continue;
+        }
+        int32_t pos = k + run;
+        if (pos > 63) break;
+        int16_t c = dequant(extend(v, size), q->q[pos]);
+        blk[kivo_tbl_zig_to_ras[pos]] = c;
+        k = pos + 1;
+        if (kCount) {
+            int32_t mag = c < 0 ? -static_cast<int32_t>(c) : c;
+            int32_t r0 = ((mag + q->rq_off[pos]) * q->rq_mul[pos]) >> 14;
+            int16_t r = low16(static_cast<uint32_t>(c > 0 ? r0 : -r0));
+            if (r == 0) {
+                if (++z > 15) {
+                    z = 0;
+                    ++g;
+                }
+                continue;
+            }
+            if (g) {
+                ++cnt[0xF0];
+                --g;
+            }
+            int32_t n = z + run;
+            if (n > 15) n = 14;
+            int32_t cat = kivo_category(r);
+            if (cat < 0) return KIVO_ERR_UNAVAILABLE;
+            ++cnt[16 * n + cat];
+            z = 0;
+            if (pos == 63) {
+                ++cnt[0x00];
+                return KIVO_OK;
+            }
+        }
+    }
+    if (kCount && z != 0) ++cnt[0x00];
+    return KIVO_OK;
+}
+
+}  // namespace
+
+int32_t kivod_vld_dc(kivod_bs *bs, int16_t q0, const kivod_dc_tbl *t, uint64_t *dc_count,
+                     int16_t *out) {
+    top_up(bs);
+    uint32_t c = bs->cache;
+    uint32_t b8 = c >> 24;
+    int32_t cat = t->lookup[b8];
+    int32_t len = cat < 12 ? t->code[cat].len : 0;
+    if (len == 0 || len > 8 || (b8 >> (8 - len)) != t->code[cat].code) {
+        // Eight 1 bits (or a prefix the look-up does not resolve): try the
+        // categories' codes in order on the next 16 bits.
+        uint32_t b16 = c >> 16;
+        for (cat = 0; cat < 12; ++cat) {
+            len = t->code[cat].len;
+            if (len != 0 && (b16 >> (16 - len)) == t->code[cat].code) break;
+        }
+        if (cat == 12) return KIVO_ERR_MALFORMED;
+    }
+    int32_t total = len + cat;  // <= 12 + 11
+    uint32_t v;
+    if (bs->bits >= total) {
+        v = cat ? (c << len) >> (32 - cat) : 0;
+        bs->cache = c << total;
+        bs->bits -= total;
+    } else {
+        kivod_bs_skip(bs, len);
+        v = cat ? kivod_bs_read(bs, cat) : 0;
+    }
+    *out = cat ? dequant(extend(v, cat), static_cast<uint16_t>(q0)) : 0;
+    if (dc_count) ++dc_count[cat];
+    return KIVO_OK;
+}
+
+int32_t kivod_vld_ac8(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
+                      uint64_t *ac_count, int16_t *blk, int16_t *dc_only) {
+    if (ac_count) return ac_full<true>(bs, q, t, ac_count, blk, dc_only);
+    return ac_full<false>(bs, q, t, nullptr, blk, dc_only);
+}
+
+int32_t kivod_vld_ac4(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
+                      uint64_t *ac_count, int16_t *blk, int16_t *dc_only) {
+    return ac_partial<9>(bs, q, t, blk, dc_only);
+}
+
+int32_t kivod_vld_ac2(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
+                      uint64_t *ac_count, int16_t *blk, int16_t *dc_only) {
+    return ac_partial<2>(bs, q, t, blk, dc_only);
+}
+
+int32_t kivod_vld_ac1(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
+                      uint64_t *ac_count, int16_t *blk, int16_t *dc_only) {
+    *dc_only = 1;
+    return skip_rest(bs, t, 1);
+}

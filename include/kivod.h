@@ -1,0 +1,93 @@
+/* libkivo decoder: Huffman-coded JPEG with 8-bit samples (baseline,
+ * extended sequential, progressive) into caller-supplied image buffers, at
+ * full size or reduced by 1/2, 1/4 or 1/8 and resized to the buffer. */
+#ifndef KIVOD_H
+#define KIVOD_H
+
+#include "kivo.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct kivod_ctx kivod_ctx;
+
+typedef struct kivod_create_param {
+    int32_t platform;   /* not examined by the decoder */
+    kivo_tpool *tpool;  /* worker threads, or null for the calling thread only */
+} kivod_create_param;
+
+/* File interface: the decoder calls open, close, read, tell, seek, skip and
+ * size; the other words are the caller's. */
+typedef struct kivo_mfal kivo_mfal;
+struct kivo_mfal {
+    void *user[4];                                               /* 0-3: the caller's */
+    void *(*open)(kivo_mfal *mfal, int32_t mode, int32_t flags); /* 4: called with (mfal, 2, 1) */
+    int32_t (*close)(void *h);                                   /* 5 */
+    int32_t (*read)(void *h, void *dst, int32_t n);              /* 6: bytes read */
+    void *reserved7;                                             /* 7 */
+    int32_t (*tell)(void *h, int64_t *pos);                      /* 8: 0 on success */
+    int32_t (*seek)(void *h, const int64_t *pos, int32_t whence);/* 9: absolute; 0 on success */
+    int32_t (*skip)(void *h, const int64_t *n, int32_t type);    /* 10: forward by n */
+    int32_t (*size)(void *h, int64_t *size);                     /* 11: 0 on success */
+    void *reserved[9];                                           /* 12-20 */
+};
+
+/* Fills *mfal with a file interface reading the named file (the path must
+ * outlive the decoding). Returns 0, or -105 for null arguments. */
+KIVO_API int32_t kivo_mfal_file(kivo_mfal *mfal, const char *path);
+
+#define KIVOD_INPUT_BITB 2
+#define KIVOD_INPUT_MFAL 4
+
+typedef struct kivod_input {
+    int32_t type;      /* KIVOD_INPUT_BITB or KIVOD_INPUT_MFAL */
+    xelo_bitb *bitb;
+    kivo_mfal *mfal;
+} kivod_input;
+
+typedef struct kivod_app_node kivod_app_node;
+struct kivod_app_node {
+    uint32_t marker;  /* 0xE0 to 0xEF */
+    uint32_t size;    /* bytes of data: the segment length minus 2 */
+    uint8_t *data;
+    kivod_app_node *next;
+};
+
+typedef struct kivod_frame_info {
+    int32_t reserved;
+    int32_t width;
+    int32_t height;
+    int32_t color_format;
+    kivod_app_node **app_list; /* when not null, receives the APPn list (owned by the decoder) */
+} kivod_frame_info;
+
+KIVO_API kivod_ctx *kivod_create(const kivod_create_param *param, int32_t *status);
+KIVO_API void kivod_delete(kivod_ctx *ctx);
+/* Reads the headers up to the first scan; reports size and colour format. */
+KIVO_API int32_t kivod_decode(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *info);
+/* Decodes the picture into the buffer, reduced and resized to its size.
+ * Call once after each successful kivod_decode. */
+KIVO_API int32_t kivod_clone(kivod_ctx *ctx, xelo_imgb *imgb);
+/* The decoder hands out no frames of its own: always -103 on a valid handle. */
+KIVO_API int32_t kivod_pull(kivod_ctx *ctx, void *frame);
+/* Always -103. */
+KIVO_API int32_t kivod_info(void);
+
+/* Statistics of the last decoded picture (sequential frames). */
+typedef struct kivod_stats {
+    int64_t mean_level;         /* mean luma DC level, 0..255 */
+    int64_t stat_luma[64];      /* raster order; [0]: sum of (DC + 1024) >> 3 */
+    int64_t stat_chroma[64];
+    int32_t n_luma;
+    int32_t n_chroma;
+    uint64_t dc_count[4][12];   /* per DC table, per category */
+    uint64_t ac_count[4][256];  /* per AC table, per symbol (full-size decoding only) */
+} kivod_stats;
+KIVO_API int32_t kivod_get_stats(kivod_ctx *ctx, kivod_stats *stats);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

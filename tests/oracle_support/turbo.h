@@ -1,0 +1,56 @@
+// libjpeg-turbo as the oracle: it makes test streams of every layout and
+// gives the reference planes our decoder is compared with.
+#ifndef KIVO_TESTS_TURBO_H
+#define KIVO_TESTS_TURBO_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "support/pictures.h"
+
+namespace turbo {
+
+struct EncodeSpec {
+    int width = 0, height = 0;
+    int n_comp = 3;
+    int h[4] = {1, 1, 1, 1};  // sampling factors per component
+    int v[4] = {1, 1, 1, 1};
+    int quality = 90;
+    int restart_mcus = 0;     // restart interval in MCUs, 0 for none
+    bool optimize = false;    // optimised Huffman tables
+    bool separate_scans = false;  // one sequential scan per component
+};
+
+// Encodes full-resolution-per-component planes (each already at its
+// component's size: ceil(width * h / hmax) x ceil(height * v / vmax)).
+// Returns an empty vector on failure (message in *error).
+std::vector<uint8_t> encode(const EncodeSpec &spec, const std::vector<testpic::Plane> &planes,
+                            std::string *error = nullptr);
+
+// Component planes for a picture of the spec's layout made by make_plane.
+std::vector<testpic::Plane> make_planes(const EncodeSpec &spec, uint64_t seed,
+                                        testpic::Kind kind = testpic::Kind::Natural);
+
+// Decodes to raw component planes (islow IDCT), scaled by 1/denom, each
+// cropped to the component's scaled size. warnings counts libjpeg warnings.
+bool decode_raw(const std::vector<uint8_t> &jpg, int denom, std::vector<testpic::Plane> *planes,
+                int *warnings = nullptr, std::string *error = nullptr);
+
+}  // namespace turbo
+
+namespace turbo {
+
+// Dequantized coefficients of every block as libjpeg-turbo's own entropy
+// decoder reads them: per component, blocks_w x blocks_h blocks of 64
+// values in raster order (16-bit products, as a decoder keeps them).
+struct Coefficients {
+    int width = 0, height = 0;  // component size in samples
+    int blocks_w = 0, blocks_h = 0;
+    std::vector<int16_t> coef;  // blocks_w * blocks_h * 64
+};
+bool read_coefficients(const std::vector<uint8_t> &jpg, std::vector<Coefficients> *comps);
+
+}  // namespace turbo
+
+#endif

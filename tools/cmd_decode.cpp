@@ -1,0 +1,146 @@
+// kivo info and kivo decode.
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "decoder/kivod_int.h"
+#include "tools/tool.h"
+
+namespace tool {
+namespace {
+
+uint32_t imgb_align[4] = {XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16)};
+uint32_t imgb_pad[4] = {0, 0, 0, 0};
+
+struct Decoder {
+    kivo_tpool pool{};
+    kivod_ctx *ctx = nullptr;
+    kivo_mfal mfal{};
+    kivod_input input{};
+    kivod_frame_info info{};
+    kivod_app_node *apps = nullptr;
+
+    int32_t open(const char *path, int threads) {
+        kivo_tpool_std(&pool, threads);
+        kivod_create_param param{1, &pool};
+        int32_t status = 0;
+        ctx = kivod_create(&param, &status);
+        if (!ctx) return status;
+        kivo_mfal_file(&mfal, path);
+        input.type = KIVOD_INPUT_MFAL;
+        input.mfal = &mfal;
+        info.app_list = &apps;
+        return kivod_decode(ctx, &input, &info);
+    }
+    ~Decoder() { kivod_delete(ctx); }
+};
+
+int fail(const char *what, int32_t status) {
+    std::fprintf(stderr, "kivo: %s: %s (%d)\n", what, kivo_strerror(status), status);
+    return 1;
+}
+
+}  // namespace
+
+int cmd_info(int argc, char **argv) {
+    if (argc != 1) {
+        std::fprintf(stderr, "usage: kivo info FILE.jpg\n");
+        return 2;
+    }
+    Decoder d;
+    const int32_t ret = d.open(argv[0], 1);
+    if (ret != 0) return fail(argv[0], ret);
+    const kivod_ctx *c = d.ctx;
+    const kivod_fh &fh = c->fh;
+    std::printf("size: %d x %d\n", d.info.width, d.info.height);
+    std::printf("colour format: %s (%d)\n", color_format_name(d.info.color_format), d.info.color_format);
+    std::printf("coding: %s\n", c->progressive ? "progressive" : "sequential");
+    std::printf("components:");
+    for (int i = 0; i < fh.n_comp; ++i)
+        std::printf(" %d:%dx%d q%d", fh.comp_id[i], fh.h[i], fh.v[i], fh.tq[i]);
+    std::printf("\nrestart interval: %d\n", c->dri.interval);
+    for (int t = 0; t < 4; ++t) {
+        if (!c->qtbl[t].length) continue;
+        std::printf("quantization table %d (%d-bit):", t, c->qtbl[t].precision ? 16 : 8);
+        for (int k = 0; k < 64; ++k) std::printf(" %d", c->qtbl[t].q[k]);
+        std::printf("\n");
+    }
+    for (int i = 0; i < 8; ++i) {
+        const kivod_htbl_spec &s = c->dht_spec[i];
+        if (!s.count) continue;
+        std::printf("huffman table %s %d: %d codes\n", s.cls ? "AC" : "DC", s.id, s.count);
+    }
+    for (const kivod_app_node *a = d.apps; a; a = a->next) {
+        char tag[8] = {0};
+        for (int i = 0; i < 5 && i < static_cast<int>(a->size); ++i)
+            tag[i] = (a->data[i] >= 32 && a->data[i] < 127) ? static_cast<char>(a->data[i]) : '.';
+        std::printf("APP%d: %u bytes \"%s\"\n", a->marker - 0xE0, a->size, tag);
+    }
+    return 0;
+}
+
+int cmd_decode(int argc, char **argv) {
+    std::string in, out;
+    int threads = 1, ow = 0, oh = 0, denom = 1;
+    for (int i = 0; i < argc; ++i) {
+        const std::string a = argv[i];
+        if (a == "--threads" && i + 1 < argc) {
+            threads = std::atoi(argv[++i]);
+        } else if (a == "--size" && i + 1 < argc) {
+            if (std::sscanf(argv[++i], "%dx%d", &ow, &oh) != 2 || ow < 1 || oh < 1) {
+                std::fprintf(stderr, "kivo: --size takes WxH\n");
+                return 2;
+            }
+        } else if (a == "--scale" && i + 1 < argc) {
+            const std::string s = argv[++i];
+            denom = s == "1/2" ? 2 : s == "1/4" ? 4 : s == "1/8" ? 8 : s == "1" ? 1 : 0;
+            if (!denom) {
+                std::fprintf(stderr, "kivo: --scale takes 1/2, 1/4 or 1/8\n");
+                return 2;
+            }
+        } else if (in.empty()) {
+            in = a;
+        } else if (out.empty()) {
+            out = a;
+        } else {
+            std::fprintf(stderr, "kivo: unexpected argument %s\n", a.c_str());
+            return 2;
+        }
+    }
+    if (in.empty() || out.empty()) {
+        std::fprintf(stderr, "usage: kivo decode IN.jpg OUT.{yuv,y4m} [--size WxH | --scale 1/2|1/4|1/8] [--threads N]\n");
+        return 2;
+    }
+    if (threads < 1 || threads > 8) {
+        std::fprintf(stderr, "kivo: --threads takes 1 to 8\n");
+        return 2;
+    }
+    const auto t0 = std::chrono::steady_clock::now();
+    Decoder d;
+    int32_t ret = d.open(in.c_str(), threads);
+    if (ret != 0) return fail(in.c_str(), ret);
+    if (!ow) {
+        ow = (d.info.width + denom - 1) / denom;
+        oh = (d.info.height + denom - 1) / denom;
+    }
+    xelo_imgb *img = xelo_imgb_create(ow, oh, d.info.color_format, 3, imgb_align, imgb_pad, 0, 0, 0);
+    if (!img) return fail("output buffer", KIVO_ERR_IMGB);
+    ret = kivod_clone(d.ctx, img);
+    const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
+    int rc = 0;
+    if (ret != 0) {
+        // Whatever was decoded is still written, so a damaged stream can be looked at.
+        fail(in.c_str(), ret);
+        rc = 1;
+    }
+    if (!write_picture(out, img)) rc = 1;
+    else
+        std::printf("%s: %d x %d %s -> %s %d x %d in %.1f ms\n", in.c_str(), d.info.width, d.info.height,
+                    color_format_name(d.info.color_format), out.c_str(), ow, oh, ms);
+    img->release(img);
+    return rc;
+}
+
+}  // namespace tool

@@ -1,0 +1,66 @@
+// kivo: the libkivo command-line tool.
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "decoder/kivod_int.h"
+#include "tools/tool.h"
+
+namespace {
+
+void usage(FILE *f) {
+    std::fprintf(f,
+                 "usage: kivo [--help | --version]\n"
+                 "       kivo                      report the library, CPU features and kernels\n"
+                 "       kivo info FILE.jpg        frame, sampling, tables and APPn segments\n"
+                 "       kivo decode IN.jpg OUT.{yuv,y4m} [--size WxH | --scale 1/2|1/4|1/8]\n"
+                 "                                 [--threads N]\n");
+}
+
+void print_flags(const char *label, uint32_t flags) {
+    std::printf("%s:", label);
+    if (!flags) std::printf(" none");
+    if (flags & KIVO_CPU_SSE2) std::printf(" sse2");
+    if (flags & KIVO_CPU_SSSE3) std::printf(" ssse3");
+    if (flags & KIVO_CPU_SSE41) std::printf(" sse4.1");
+    if (flags & KIVO_CPU_AVX2) std::printf(" avx2");
+    if (flags & KIVO_CPU_NEON) std::printf(" neon");
+    std::printf("\n");
+}
+
+int report() {
+    std::printf("libkivo %s\n", KIVO_VERSION_STRING);
+    print_flags("cpu features", kivo_cpu_detected());
+    print_flags("kernels may use", kivo_cpu_flags());
+    std::printf("kernels: %s\n", kivod_dsp_describe(kivo_cpu_flags()));
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    if (kivo_init() != 0) {
+        std::fprintf(stderr, "kivo: library initialisation failed\n");
+        return 1;
+    }
+    int ret = 0;
+    if (argc < 2) {
+        ret = report();
+    } else {
+        const std::string cmd = argv[1];
+        if (cmd == "--help" || cmd == "-h") {
+            usage(stdout);
+        } else if (cmd == "--version") {
+            std::printf("kivo %s\n", KIVO_VERSION_STRING);
+        } else if (cmd == "info") {
+            ret = tool::cmd_info(argc - 2, argv + 2);
+        } else if (cmd == "decode") {
+            ret = tool::cmd_decode(argc - 2, argv + 2);
+        } else {
+            usage(stderr);
+            ret = 2;
+        }
+    }
+    kivo_deinit();
+    return ret;
+}
