@@ -11,11 +11,6 @@ const uint8_t tbl_blk_shift[9] = {3, 3, 2, 0, 1, 0, 0, 0, 0};
 
 namespace {
 
-// Which variant each IDCT slot ends up with, for kivod_dsp_describe.
-struct Choice {
-    const char *text;
-};
-
 void init_plain(kivod_dsp *dsp) {
     std::memset(dsp, 0, sizeof(*dsp));
     dsp->idct[0] = kivod_idct8;
@@ -35,29 +30,30 @@ void init_plain(kivod_dsp *dsp) {
     dsp->vld_ac[8] = kivod_vld_ac1;
 }
 
-// The DC-only and 1x1 kernels are a single scalar value replicated with
-// whole-row stores; they stay plain on every architecture.
-Choice init_simd(kivod_dsp *dsp, uint32_t flags) {
-    Choice choice = {"idct8 c, idct4 c, idct2 c, idct1 c, dc c"};
+// Overwrites the slots that have a faster variant and returns the names of
+// the variants chosen. The DC-only and 1x1 kernels are one scalar value
+// replicated with whole-row stores; they stay plain on every architecture.
+const char *init_simd(kivod_dsp *dsp, uint32_t flags) {
+    const char *choice = "idct8 c, idct4 c, idct2 c, idct1 c, dc c";
 #if defined(KIVO_ARCH_x86)
     if (!(flags & KIVO_CPU_SSE2)) return choice;
     dsp->idct[0] = kivod_idct8_sse2;
     dsp->idct[1] = kivod_idct8_sse2;
     dsp->idct[2] = kivod_idct4_sse2;
     dsp->idct[4] = kivod_idct2_sse2;
-    choice.text = "idct8 sse2, idct4 sse2, idct2 sse2, idct1 c, dc c";
+    choice = "idct8 sse2, idct4 sse2, idct2 sse2, idct1 c, dc c";
 
     if (!(flags & KIVO_CPU_AVX2)) return choice;
     dsp->idct[0] = kivod_idct8_avx2;
     dsp->idct[1] = kivod_idct8_avx2;
-    choice.text = "idct8 avx2, idct4 sse2, idct2 sse2, idct1 c, dc c";
+    choice = "idct8 avx2, idct4 sse2, idct2 sse2, idct1 c, dc c";
 #elif defined(KIVO_ARCH_arm)
     if (!(flags & KIVO_CPU_NEON)) return choice;
     dsp->idct[0] = kivod_idct8_neon;
     dsp->idct[1] = kivod_idct8_neon;
     dsp->idct[2] = kivod_idct4_neon;
     dsp->idct[4] = kivod_idct2_neon;
-    choice.text = "idct8 neon, idct4 neon, idct2 neon, idct1 c, dc c";
+    choice = "idct8 neon, idct4 neon, idct2 neon, idct1 c, dc c";
 #else
     (void)dsp;
     (void)flags;
@@ -75,5 +71,5 @@ void kivod_dsp_init(kivod_dsp *dsp, uint32_t cpu_flags) {
 const char *kivod_dsp_describe(uint32_t cpu_flags) {
     kivod_dsp scratch;
     init_plain(&scratch);
-    return init_simd(&scratch, cpu_flags).text;
+    return init_simd(&scratch, cpu_flags);
 }

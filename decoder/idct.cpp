@@ -113,7 +113,7 @@ inline void idct_corner(const int16_t *coef, int32_t stride, uint8_t *dst) {
         for (int i = 0; i < n; i++) y[i] = tmp[i][j];
         int16_t out[8];
         col_pass(y, out);
-        for (int i = 0; i < 8; i += step) dst[(i / step) * stride + j / step] = to_pixel(out[i]);
+        for (int i = 0; i < 8; i += step) dst[static_cast<ptrdiff_t>(i / step) * stride + j / step] = to_pixel(out[i]);
     }
 }
 

@@ -174,10 +174,10 @@ void kivod_idct4_sse2(const int16_t *coef, int32_t stride, uint8_t *dst) {
     const auto load4 = [coef](int row) {
         return _mm_loadl_epi64(reinterpret_cast<const __m128i *>(coef + row * 8));
     };
-    const __m128i t0 = _mm_unpacklo_epi16(load4(0), load4(2));
-    const __m128i t1 = _mm_unpacklo_epi16(load4(1), load4(3));
-    const __m128i u01 = _mm_unpacklo_epi32(t0, t1);  // coefficient 0 | 1
-    const __m128i u23 = _mm_unpackhi_epi32(t0, t1);  // coefficient 2 | 3
+    const __m128i r02 = _mm_unpacklo_epi16(load4(0), load4(2));
+    const __m128i r13 = _mm_unpacklo_epi16(load4(1), load4(3));
+    const __m128i u01 = _mm_unpacklo_epi32(r02, r13);  // coefficient 0 | 1
+    const __m128i u23 = _mm_unpackhi_epi32(r02, r13);  // coefficient 2 | 3
     const __m128i p02 = _mm_unpacklo_epi16(u01, u23);
     const __m128i p13 = _mm_unpackhi_epi16(u01, u23);
 
@@ -193,11 +193,11 @@ void kivod_idct4_sse2(const int16_t *coef, int32_t stride, uint8_t *dst) {
         const __m128i t7 = add32(_mm_madd_epi16(p02, pair(2048, w2)), bias);
         const __m128i t8 = add32(_mm_madd_epi16(p02, pair(2048, -w2)), bias);
         const __m128i t3 = add32(_mm_madd_epi16(p02, pair(2048, w6)), bias);
-        const __m128i t0_ = add32(_mm_madd_epi16(p02, pair(2048, -w6)), bias);
+        const __m128i t0 = add32(_mm_madd_epi16(p02, pair(2048, -w6)), bias);
         const __m128i g2 = rot(add32(s4, s5));
         const __m128i g4 = rot(sub32(s4, s5));
         h0 = narrow<8>(add32(t7, s1));
-        h2 = narrow<8>(add32(t0_, g4));
+        h2 = narrow<8>(add32(t0, g4));
         h4 = narrow<8>(sub32(t8, s6));
         h6 = narrow<8>(sub32(t3, g2));
     }

@@ -1,10 +1,11 @@
 // Huffman decoding of the coefficients of one sequential-scan block.
 //
-// The routines work on the reader's cache directly and call the reader only
-// to top the cache up (kivod_bs_peek) or when a code and its extra bits do
-// not fit in what is cached. After a top-up the cache holds at least 24 bits
-// unless the input is nearly used up, which covers any code of up to 8 bits
-// together with its extra bits.
+// The routines work on the reader's cache directly. Memory input is topped
+// up in place while the next bytes hold no 0xFF; anything else (stuffing,
+// markers, file input, the last bytes) goes through kivod_bs_peek, and a code
+// whose extra bits do not fit in the cache through kivod_bs_skip/read. After
+// a top-up the cache holds at least 24 bits unless the input is nearly used
+// up, which covers any code of up to 8 bits together with its extra bits.
 //
 // Size-0 AC symbols other than end-of-block (run 0) and sixteen zeros
 // (run 15) are refused by every routine, so all four consume a stream the
@@ -20,7 +21,27 @@ namespace {
 constexpr int32_t kFill = 24;
 
 inline void top_up(kivod_bs *bs) {
-    if (bs->bits < kFill) kivod_bs_peek(bs, kFill);
+    if (bs->bits >= kFill) return;
+    if (bs->type == KIVOD_INPUT_BITB && bs->bits >= 0 && bs->not_ff != 0 && bs->end - bs->cur >= 3) {
+        // Memory input with 4 bytes ahead: load bytes straight into the
+        // cache up to the first 0xFF, which the reader's refill handles.
+        const uint8_t *p = bs->cur;
+        uint32_t cache = bs->cache;
+        int32_t bits = bs->bits;
+        do {
+            uint32_t b = *p;
+            if (b == 0xFF) break;
+            cache |= b << (24 - bits);
+            bits += 8;
+            ++p;
+        } while (bits <= 24);
+        if (p != bs->cur) bs->not_ff = p[-1] ^ 0xFFu;
+        bs->cache = cache;
+        bs->bits = bits;
+        bs->cur = p;
+        if (bits >= kFill) return;
+    }
+    kivod_bs_peek(bs, kFill);
 }
 
 // The low 16 bits of v as a signed value.

@@ -218,6 +218,36 @@ TEST(OracleDecode, ReducedScalesMatchTheCoefficients) {
     }
 }
 
+// Packed pairs carry exactly the planar samples: Y0 Cb Y1 Cr, chroma taken
+// at the pair's first pixel (grey: neutral chroma).
+TEST(OracleDecode, PackedPairsInterleaveThePlanes) {
+    for (const Layout &l : {kLayouts[2], kLayouts[1], kLayouts[0], kLayouts[3]}) {
+        for (const auto &sz : {std::pair<int, int>{37, 21}, {64, 32}}) {
+            turbo::EncodeSpec s = spec_for(l, sz.first, sz.second);
+            const auto jpg = turbo::encode(s, turbo::make_planes(s, 11));
+            const kivotest::Decoded planar = kivotest::decode(jpg, 1);
+            const kivotest::Decoded packed = kivotest::decode(jpg, 2, 0, 0, XELO_CS_YUYV);
+            ASSERT_EQ(planar.status, 0);
+            ASSERT_EQ(packed.status, 0) << l.name;
+            ASSERT_EQ(packed.planes.size(), 1u);
+            const testpic::Plane &pk = packed.planes[0];
+            const int sx = l.n_comp == 1 ? 1 : l.h[0] / l.h[1], sy = l.n_comp == 1 ? 1 : l.v[0] / l.v[1];
+            for (int y = 0; y < sz.second; ++y) {
+                for (int x = 0; x < sz.first; ++x) {
+                    ASSERT_EQ(pk.at(2 * x, y), planar.planes[0].at(x, y)) << l.name << " " << x << "," << y;
+                    if (x % 2) continue;
+                    const int cb = l.n_comp == 1 ? 128 : planar.planes[1].at(x / sx, y / sy);
+                    const int cr = l.n_comp == 1 ? 128 : planar.planes[2].at(x / sx, y / sy);
+                    ASSERT_EQ(pk.at(2 * x + 1, y), cb) << l.name << " " << x << "," << y;
+                    if (2 * x + 3 < pk.w) {
+                        ASSERT_EQ(pk.at(2 * x + 3, y), cr) << l.name << " " << x << "," << y;
+                    }
+                }
+            }
+        }
+    }
+}
+
 // Full-size output, mean level, scan statistics and table counters do not
 // depend on the number of threads.
 TEST(OracleDecode, ThreadCountChangesNothing) {

@@ -13,14 +13,14 @@ namespace {
 
 // ---- T.81 Annex K typical tables -------------------------------------------------
 
-struct Spec {
+struct Dht {
     std::vector<uint8_t> bits, vals;
 };
-const Spec kLumaDc = {{0, 1, 5, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, 0, 0, 0},
+const Dht kLumaDc = {{0, 1, 5, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, 0, 0, 0},
                       {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}};
-const Spec kChromaDc = {{0, 3, 1, 1, 1, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, 0},
+const Dht kChromaDc = {{0, 3, 1, 1, 1, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, 0},
                         {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}};
-const Spec kLumaAc = {
+const Dht kLumaAc = {
     {0, 2, 1, 3, 3, 2, 4, 3, 5, 5, 4, 4, 0, 0, 1, 0x7d},
     {0x01, 0x02, 0x03, 0x00, 0x04, 0x11, 0x05, 0x12, 0x21, 0x31, 0x41, 0x06, 0x13, 0x51, 0x61,
      0x07, 0x22, 0x71, 0x14, 0x32, 0x81, 0x91, 0xa1, 0x08, 0x23, 0x42, 0xb1, 0xc1, 0x15, 0x52,
@@ -33,7 +33,7 @@ const Spec kLumaAc = {
      0xb7, 0xb8, 0xb9, 0xba, 0xc2, 0xc3, 0xc4, 0xc5, 0xc6, 0xc7, 0xc8, 0xc9, 0xca, 0xd2, 0xd3,
      0xd4, 0xd5, 0xd6, 0xd7, 0xd8, 0xd9, 0xda, 0xe1, 0xe2, 0xe3, 0xe4, 0xe5, 0xe6, 0xe7, 0xe8,
      0xe9, 0xea, 0xf1, 0xf2, 0xf3, 0xf4, 0xf5, 0xf6, 0xf7, 0xf8, 0xf9, 0xfa}};
-const Spec kChromaAc = {
+const Dht kChromaAc = {
     {0, 2, 1, 2, 4, 4, 3, 4, 7, 5, 4, 4, 0, 1, 2, 0x77},
     {0x00, 0x01, 0x02, 0x03, 0x11, 0x04, 0x05, 0x21, 0x31, 0x06, 0x12, 0x41, 0x51, 0x07, 0x61,
      0x71, 0x13, 0x22, 0x32, 0x81, 0x08, 0x14, 0x42, 0x91, 0xa1, 0xb1, 0xc1, 0x09, 0x23, 0x33,
@@ -47,11 +47,11 @@ const Spec kChromaAc = {
      0xd2, 0xd3, 0xd4, 0xd5, 0xd6, 0xd7, 0xd8, 0xd9, 0xda, 0xe2, 0xe3, 0xe4, 0xe5, 0xe6, 0xe7,
      0xe8, 0xe9, 0xea, 0xf2, 0xf3, 0xf4, 0xf5, 0xf6, 0xf7, 0xf8, 0xf9, 0xfa}};
 
-// Decoding tables of one DC and one AC specification, in exactly sized arrays.
+// Decoding tables of one DC and one AC table description, in exactly sized arrays.
 struct Tables {
     std::unique_ptr<kivod_dc_tbl[]> dc = std::make_unique<kivod_dc_tbl[]>(4);
     std::unique_ptr<kivod_ac_tbl[]> ac = std::make_unique<kivod_ac_tbl[]>(4);
-    int32_t build(const Spec &s, int cls, int id = 0) {
+    int32_t build(const Dht &s, int cls, int id = 0) {
         kivod_htbl_spec h{};
         h.cls = static_cast<uint8_t>(cls);
         h.id = static_cast<uint8_t>(id);
@@ -67,7 +67,7 @@ struct Tables {
 struct Code {
     uint32_t co[256] = {};
     int si[256] = {};
-    explicit Code(const Spec &s) {
+    explicit Code(const Dht &s) {
         std::vector<int> size;
         for (int l = 1; l <= 16; ++l)
             for (int i = 0; i < s.bits[l - 1]; ++i) size.push_back(l);
@@ -200,7 +200,9 @@ TEST(DecVld, AnnexKTableFigures) {
     const kivod_dc_tbl &dc = t.dc[3];
     for (int i = 0; i < 256; ++i) {
         int want = i < 0x40 ? 0 : (i < 0x60 ? 1 : -1);
-        if (want >= 0) EXPECT_EQ(dc.lookup[i], want) << i;
+        if (want >= 0) {
+            EXPECT_EQ(dc.lookup[i], want) << i;
+        }
     }
     EXPECT_EQ(dc.lookup[0xFE], 10);
     EXPECT_EQ(dc.lookup[0xFF], 10);
@@ -224,12 +226,12 @@ TEST(DecVld, AnnexKTableFigures) {
 }
 
 TEST(DecVld, TableBuildFailures) {
-    Spec over_ac = {{3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, {1, 2, 3}};
-    Spec many_ac = {{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2, 255}, {}};
-    Spec many_dc = {{0, 0, 0, 13, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, {}};
-    Spec big_val = {{1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, {12}};
+    Dht over_ac = {{3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, {1, 2, 3}};
+    Dht many_ac = {{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2, 255}, {}};
+    Dht many_dc = {{0, 0, 0, 13, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, {}};
+    Dht big_val = {{1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, {12}};
     struct Case {
-        const Spec *s;
+        const Dht *s;
         int cls, id;
     } cases[] = {{&over_ac, 1, 3}, {&over_ac, 0, 3}, {&many_ac, 1, 3}, {&many_dc, 0, 3},
                  {&big_val, 0, 3}, {&kLumaDc, 2, 0}, {&kLumaDc, 0, 4}};
@@ -253,7 +255,7 @@ TEST(DecVld, BlocksAtEveryScale) {
         AcFn fn;
         int last;  // symbols starting at or before this position are stored
     } routines[] = {{kivod_vld_ac8, 63}, {kivod_vld_ac4, 9}, {kivod_vld_ac2, 2}, {kivod_vld_ac1, 0}};
-    const Spec *pairs[][2] = {{&kLumaDc, &kLumaAc}, {&kChromaDc, &kChromaAc}};
+    const Dht *pairs[][2] = {{&kLumaDc, &kLumaAc}, {&kChromaDc, &kChromaAc}};
     std::mt19937 rng(3);
     for (int qmode = 0; qmode < 2; ++qmode) {
         Quant q;
@@ -350,18 +352,18 @@ TEST(DecVld, SymbolCountsAndRequantLimit) {
 TEST(DecVld, MalformedCodes) {
     // AC tables: EOB "0" and 0x01 at 9 bits (longer than the symbol count
     // allows); 0x01 "0" and EOB at 9 bits (allowed); EOB and a size-0 run-5 symbol.
-    const Spec long_sym = {{1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}, {0x00, 0x01}};
-    const Spec long_eob = {{1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}, {0x01, 0x00}};
-    const Spec bad_run = {{0, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, {0x00, 0x50}};
+    const Dht long_sym = {{1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}, {0x00, 0x01}};
+    const Dht long_eob = {{1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}, {0x01, 0x00}};
+    const Dht bad_run = {{0, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, {0x00, 0x50}};
     struct Case {
-        const Spec *dc, *ac;
+        const Dht *dc, *ac;
         const char *bits;
         int32_t dc_status, ac_status;
     } cases[] = {
         {&kLumaDc, &kLumaAc, "00" "1111111111111111", 0, KIVO_ERR_MALFORMED},
         {&kLumaDc, &kLumaAc, "1111111111111111", KIVO_ERR_MALFORMED, 0},
         {&kChromaDc, &kChromaAc, "111111111111" "1111", KIVO_ERR_MALFORMED, 0},
-        {&kLumaDc, &long_sym, "00" "100000000" "1", 0, KIVO_ERR_MALFORMED},
+        {&kLumaDc, &long_sym, "00" "100000000" "1" "0", 0, KIVO_ERR_MALFORMED},
         {&kLumaDc, &long_eob, "00" "0" "1" "100000000", 0, 0},
         {&kLumaDc, &bad_run, "00" "01", 0, KIVO_ERR_MALFORMED},
     };
@@ -377,7 +379,10 @@ TEST(DecVld, MalformedCodes) {
             Reader in(w.finish());
             int16_t diff = 0, blk[64] = {}, dc_only;
             ASSERT_EQ(kivod_vld_dc(&in.bs, 1, &t.dc[0], nullptr, &diff), c.dc_status) << c.bits;
-            if (c.dc_status == 0) EXPECT_EQ(fn(&in.bs, q.q.get(), &t.ac[0], nullptr, blk, &dc_only), c.ac_status) << c.bits;
+            if (c.dc_status == 0) {
+                EXPECT_EQ(fn(&in.bs, q.q.get(), &t.ac[0], nullptr, blk, &dc_only), c.ac_status)
+                    << c.bits;
+            }
         }
     }
 }

@@ -45,8 +45,11 @@ TEST(Frame, EveryStatusHasItsOwnText) {
     const std::string unknown = kivo_strerror(-7);
     for (int32_t a : codes) {
         EXPECT_NE(unknown, kivo_strerror(a)) << a;
-        for (int32_t b : codes)
-            if (a != b) EXPECT_STRNE(kivo_strerror(a), kivo_strerror(b));
+        for (int32_t b : codes) {
+            if (a != b) {
+                EXPECT_STRNE(kivo_strerror(a), kivo_strerror(b));
+            }
+        }
     }
 }
 

@@ -24,7 +24,7 @@ const Kernel kFull[] = {{"idct8", kivod_idct8, 8}, {"idct4", kivod_idct4, 4}, {"
 const Kernel kDc[] = {{"idct8_dc", kivod_idct8_dc, 8}, {"idct4_dc", kivod_idct4_dc, 4},
                       {"idct2_dc", kivod_idct2_dc, 2}, {"idct1", kivod_idct1, 1}};
 
-// Runs a kernel into an n x n picture with the given line distance.
+// Runs a kernel into a packed n x n picture.
 void run(const Kernel &k, const int16_t *coef, uint8_t *out) { k.fn(coef, k.n, out); }
 
 TEST(Idct, DcOnlyValues) {

@@ -1,0 +1,259 @@
+// Decoder handle and entry points on small hand-made streams: dispatch and
+// statuses, workers and work records, the file interface, output buffers.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "decoder/kivod_int.h"
+
+namespace {
+
+// A grey W x H baseline stream whose every block has DC difference `dc_cat1`
+// (category 1, value +1 or -1 by the bit) and no AC coefficients. Quantizer
+// `q` everywhere; Huffman tables of one or two codes.
+std::vector<uint8_t> grey_stream(int w, int h, int q, bool with_app) {
+    std::vector<uint8_t> s = {0xFF, 0xD8};
+    if (with_app) {
+        const char app[] = "Exif\0\0abc";
+        s.insert(s.end(), {0xFF, 0xE1, 0x00, static_cast<uint8_t>(2 + sizeof(app) - 1)});
+        s.insert(s.end(), app, app + sizeof(app) - 1);
+        s.insert(s.end(), {0xFF, 0xFE, 0x00, 0x04, 'h', 'i'});  // a comment
+    }
+    s.insert(s.end(), {0xFF, 0xDB, 0x00, 0x43, 0x00});
+    for (int i = 0; i < 64; ++i) s.push_back(static_cast<uint8_t>(q));
+    s.insert(s.end(), {0xFF, 0xC0, 0x00, 0x0B, 0x08, static_cast<uint8_t>(h >> 8), static_cast<uint8_t>(h),
+                       static_cast<uint8_t>(w >> 8), static_cast<uint8_t>(w), 0x01, 0x01, 0x11, 0x00});
+    // DC: code 00 = category 0, code 01 = category 1. AC: code 0 = EOB.
+    s.insert(s.end(), {0xFF, 0xC4, 0x00, 0x15, 0x00, 0, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x00, 0x01});
+    s.insert(s.end(), {0xFF, 0xC4, 0x00, 0x14, 0x10, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x00});
+    s.insert(s.end(), {0xFF, 0xDA, 0x00, 0x08, 0x01, 0x01, 0x00, 0x00, 0x3F, 0x00});
+    // Blocks alternate DC +1 ("01 1" then EOB "0") and DC -1 ("01 0", "0").
+    const int blocks = ((w + 7) / 8) * ((h + 7) / 8);
+    uint32_t acc = 0;
+    int nbits = 0;
+    for (int b = 0; b < blocks; ++b) {
+        const uint32_t code = (b % 2 == 0) ? 0x6 : 0x4;  // 0110 or 0100
+        acc = (acc << 4) | code;
+        nbits += 4;
+        while (nbits >= 8) {
+            s.push_back(static_cast<uint8_t>(acc >> (nbits - 8)));
+            if (s.back() == 0xFF) s.push_back(0x00);
+            nbits -= 8;
+        }
+    }
+    if (nbits) s.push_back(static_cast<uint8_t>((acc << (8 - nbits)) | ((1u << (8 - nbits)) - 1)));
+    s.insert(s.end(), {0xFF, 0xD9});
+    return s;
+}
+
+struct Handle {
+    kivod_ctx *ctx = nullptr;
+    explicit Handle(const kivo_tpool *pool = nullptr) {
+        kivod_create_param p{1, const_cast<kivo_tpool *>(pool)};
+        ctx = kivod_create(pool ? &p : nullptr, nullptr);
+    }
+    ~Handle() { kivod_delete(ctx); }
+};
+
+int32_t decode_mem(kivod_ctx *ctx, std::vector<uint8_t> &bytes, kivod_frame_info *info) {
+    static xelo_bitb bitb;
+    bitb = xelo_bitb{};
+    bitb.addr = bytes.data();
+    bitb.ssize = static_cast<int32_t>(bytes.size());
+    kivod_input in{KIVOD_INPUT_BITB, &bitb, nullptr};
+    return kivod_decode(ctx, &in, info);
+}
+
+xelo_imgb *make_img(int w, int h, int cs) {
+    const uint32_t al[4] = {XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16)};
+    const uint32_t pad[4] = {0, 0, 0, 0};
+    return xelo_imgb_create(w, h, cs, 3, al, pad, 0, 0, 0);
+}
+
+TEST(DecApi, DispatchStatuses) {
+    EXPECT_EQ(kivod_info(), KIVO_ERR_UNSUPPORTED);
+    Handle h;
+    ASSERT_NE(h.ctx, nullptr);
+    EXPECT_EQ(kivod_pull(h.ctx, nullptr), KIVO_ERR_UNSUPPORTED);
+    EXPECT_EQ(kivod_pull(nullptr, nullptr), KIVO_ERR_INVALID_ARG);
+    kivod_frame_info info{};
+    kivod_input in{KIVOD_INPUT_BITB, nullptr, nullptr};
+    EXPECT_EQ(kivod_decode(nullptr, &in, &info), KIVO_ERR_INVALID_ARG);
+    // A block carrying the encoder's magic is not a decoder.
+    alignas(32) uint8_t fake[sizeof(kivod_ctx)] = {0x45, 0x47, 0x50, 0x4A};
+    EXPECT_EQ(kivod_decode(reinterpret_cast<kivod_ctx *>(fake), &in, &info), KIVO_ERR_INVALID_ARG);
+    kivod_delete(reinterpret_cast<kivod_ctx *>(fake));  // ignored
+    // An emptied slot answers -104.
+    kivod_platform_deinit(h.ctx);
+    EXPECT_EQ(kivod_decode(h.ctx, &in, &info), KIVO_ERR_UNAVAILABLE);
+    kivod_set_ppi(h.ctx);
+}
+
+TEST(DecApi, WorkersAndWorkRecords) {
+    kivo_tpool pool;
+    kivo_tpool_std(&pool, 3);
+    const int32_t live = xelo_mem_live();
+    {
+        Handle h(&pool);
+        ASSERT_NE(h.ctx, nullptr);
+        EXPECT_EQ(h.ctx->threads[0], nullptr);
+        EXPECT_NE(h.ctx->threads[1], nullptr);
+        EXPECT_NE(h.ctx->threads[2], nullptr);
+        EXPECT_EQ(h.ctx->threads[3], nullptr);
+        for (int i = 0; i < 8; ++i) EXPECT_EQ(h.ctx->work[i] != nullptr, i < 3) << i;
+        EXPECT_EQ(h.ctx->work[2]->ctx, h.ctx);
+    }
+    {
+        Handle h;
+        ASSERT_NE(h.ctx, nullptr);
+        EXPECT_EQ(h.ctx->tpool.count, 1);
+        EXPECT_NE(h.ctx->work[0], nullptr);
+        EXPECT_EQ(h.ctx->work[1], nullptr);
+    }
+    EXPECT_EQ(xelo_mem_live(), live);
+    // A failing work record allocation: -102 and nothing left behind.
+    for (int n = 1; n <= 4; ++n) {
+        xelo_mem_fail_at(n);
+        int32_t status = 0;
+        kivod_create_param p{1, &pool};
+        kivod_ctx *ctx = kivod_create(&p, &status);
+        xelo_mem_fail_at(0);
+        if (ctx) {
+            kivod_delete(ctx);
+        } else {
+            EXPECT_EQ(status, KIVO_ERR_OUT_OF_MEMORY);
+        }
+        EXPECT_EQ(xelo_mem_live(), live);
+    }
+}
+
+TEST(DecApi, HeadersAppListAndPicture) {
+    struct Case {
+        int w, h, q;
+        bool app;
+    };
+    const Case cases[] = {{8, 8, 1, false}, {17, 9, 2, true}, {1, 1, 16, true}, {64, 3, 8, false}};
+    for (const Case &tc : cases) {
+        Handle h;
+        std::vector<uint8_t> s = grey_stream(tc.w, tc.h, tc.q, tc.app);
+        kivod_app_node *apps = reinterpret_cast<kivod_app_node *>(&h);  // must be overwritten
+        kivod_frame_info info{};
+        info.app_list = &apps;
+        ASSERT_EQ(decode_mem(h.ctx, s, &info), 0);
+        EXPECT_EQ(info.width, tc.w);
+        EXPECT_EQ(info.height, tc.h);
+        EXPECT_EQ(info.color_format, XELO_CS_YCBCR400);
+        if (tc.app) {
+            ASSERT_NE(apps, nullptr);
+            EXPECT_EQ(apps->marker, 0xE1u);
+            EXPECT_EQ(apps->size, 9u);
+            EXPECT_EQ(std::string(reinterpret_cast<char *>(apps->data), 4), "Exif");
+            EXPECT_EQ(apps->next, nullptr);
+        } else {
+            EXPECT_EQ(apps, nullptr);
+        }
+        xelo_imgb *img = make_img(tc.w, tc.h, XELO_CS_YCBCR400);
+        ASSERT_EQ(kivod_clone(h.ctx, img), 0);
+        // DC predictions run +q, 0, +q, 0, ...: levels 128 + floor((dc + 4) / 8).
+        const int bw = (tc.w + 7) / 8;
+        for (int y = 0; y < tc.h; ++y)
+            for (int x = 0; x < tc.w; ++x) {
+                const int b = (y / 8) * bw + x / 8;
+                const int dc = b % 2 == 0 ? tc.q : 0;
+                const int want = 128 + ((dc + 4) >> 3);
+                ASSERT_EQ(img->plane[0][y * img->stride[0] + x], want) << x << "," << y;
+            }
+        // Cloning again without a new decode has nothing to decode.
+        EXPECT_EQ(kivod_clone(h.ctx, img), KIVO_ERR_UNAVAILABLE);
+        img->release(img);
+    }
+}
+
+TEST(DecApi, OutputBufferIsChecked) {
+    Handle h;
+    std::vector<uint8_t> s = grey_stream(32, 16, 4, false);
+    kivod_frame_info info{};
+    struct Case {
+        int w, h, cs;
+        int stride_cut;  // made smaller than the plane by this much
+        int lines_cut;
+        int32_t want;
+    };
+    const Case cases[] = {
+        {32, 16, XELO_CS_YCBCR420, 0, 0, KIVO_ERR_UNSUPPORTED},  // another layout
+        {32, 16, XELO_CS_YCBCR400, 1000, 0, KIVO_ERR_INVALID_ARG},
+        {32, 16, XELO_CS_YCBCR400, 0, 1, KIVO_ERR_INVALID_ARG},
+        {8, 4, XELO_CS_YUYV, 0, 0, KIVO_ERR_UNSUPPORTED},  // packed pairs at full size only
+        {32, 16, XELO_CS_YUYV, 0, 0, 0},
+        {32, 16, XELO_CS_YCBCR400, 0, 0, 0},
+    };
+    for (const Case &tc : cases) {
+        ASSERT_EQ(decode_mem(h.ctx, s, &info), 0);
+        xelo_imgb *img = make_img(tc.w, tc.h, tc.cs);
+        ASSERT_NE(img, nullptr);
+        const int32_t stride = img->stride[0], lines = img->lines[0];
+        img->stride[0] = tc.stride_cut ? 8 : stride;
+        img->lines[0] = lines - (tc.lines_cut ? lines - tc.h + 1 : 0);
+        EXPECT_EQ(kivod_clone(h.ctx, img), tc.want) << tc.cs;
+        img->stride[0] = stride;
+        img->lines[0] = lines;
+        if (tc.want == 0 && tc.cs == XELO_CS_YUYV) {
+            // Grey as packed pairs: Y, 128, Y, 128.
+            EXPECT_EQ(img->plane[0][1], 128);
+            EXPECT_EQ(img->plane[0][3], 128);
+            EXPECT_EQ(img->plane[0][0], 128 + ((4 + 4) >> 3));
+        }
+        img->release(img);
+    }
+}
+
+TEST(DecApi, FileInterface) {
+    std::vector<uint8_t> s = grey_stream(24, 24, 8, true);
+    const std::string path = ::testing::TempDir() + "kivo_dec_api.jpg";
+    FILE *f = std::fopen(path.c_str(), "wb");
+    ASSERT_NE(f, nullptr);
+    std::fwrite(s.data(), 1, s.size(), f);
+    std::fclose(f);
+
+    Handle h;
+    kivo_mfal mfal;
+    ASSERT_EQ(kivo_mfal_file(&mfal, path.c_str()), 0);
+    kivod_input in{KIVOD_INPUT_MFAL, nullptr, &mfal};
+    kivod_app_node *apps = nullptr;
+    kivod_frame_info info{};
+    info.app_list = &apps;
+    ASSERT_EQ(kivod_decode(h.ctx, &in, &info), 0);
+    ASSERT_NE(apps, nullptr);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(apps->data), 4), "Exif");
+    xelo_imgb *a = make_img(24, 24, XELO_CS_YCBCR400);
+    ASSERT_EQ(kivod_clone(h.ctx, a), 0);
+    // The same bytes from memory give the same picture.
+    xelo_imgb *b = make_img(24, 24, XELO_CS_YCBCR400);
+    ASSERT_EQ(decode_mem(h.ctx, s, &info), 0);
+    ASSERT_EQ(kivod_clone(h.ctx, b), 0);
+    for (int y = 0; y < 24; ++y)
+        for (int x = 0; x < 24; ++x) ASSERT_EQ(a->plane[0][y * a->stride[0] + x], b->plane[0][y * b->stride[0] + x]);
+    a->release(a);
+    b->release(b);
+
+    kivo_mfal missing;
+    kivo_mfal_file(&missing, "/nonexistent/dir/x.jpg");
+    in.mfal = &missing;
+    EXPECT_EQ(kivod_decode(h.ctx, &in, &info), KIVO_ERR_OPEN);
+    EXPECT_EQ(info.width, 0);
+
+    // Size and read failures of a caller's interface.
+    kivo_mfal broken = mfal;
+    broken.size = [](void *, int64_t *) -> int32_t { return -1; };
+    in.mfal = &broken;
+    EXPECT_EQ(kivod_decode(h.ctx, &in, &info), KIVO_ERR_IO);
+    broken = mfal;
+    broken.read = [](void *, void *, int32_t) -> int32_t { return 0; };
+    in.mfal = &broken;
+    EXPECT_NE(kivod_decode(h.ctx, &in, &info), 0);
+    std::remove(path.c_str());
+}
+
+}  // namespace
