@@ -202,6 +202,11 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
     }
 
     const int threads = kivo::thread_limit(ctx->tpool);
+    if (ctx->progressive) {
+        uint64_t total = 0;
+        for (int c = 0; c < n; ++c) total += uint64_t(ctx->prog_blk_h[c]) * ctx->prog_blk_w[c] * 128u;
+        if (total > kMaxProgressiveBytes) return fail(ctx, KIVO_ERR_OUT_OF_MEMORY);
+    }
     for (int c = 0; c < n; ++c) {
         ctx->mcu_lines[c] = static_cast<uint8_t>(fh.v[c] * 8);
         ctx->line_w[c] = ctx->blk_w[c] * 8;
@@ -215,10 +220,7 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
         }
     }
 
-    // Progressive frames get their own picture job with the progressive
-    // decoding; until then they are refused here.
-    if (ctx->progressive) return fail(ctx, KIVO_ERR_UNSUPPORTED);
-    ctx->proc.pic_job = kivod_dec_slice;
+    ctx->proc.pic_job = ctx->progressive ? kivod_dec_pic_prog : kivod_dec_slice;
 
     uint32_t sos_pos = 0;
     if (bs->type == KIVOD_INPUT_MFAL) {
@@ -309,6 +311,13 @@ int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb) {
 }
 
 int32_t kivod_finish(kivod_ctx *ctx) {
+    if (ctx->progressive) {
+        const int32_t ret = kivod_finish_prog(ctx);
+        if (ret != 0) {
+            kivod_release_frame_buffers(ctx);
+            return ret;
+        }
+    }
     const int64_t blocks = static_cast<int64_t>(ctx->blk_h[0]) * ctx->blk_w[0];
     ctx->mean_level = blocks > 0 ? ctx->dc_level_total / blocks : 0;
     kivod_release_frame_buffers(ctx);

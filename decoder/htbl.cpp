@@ -80,6 +80,15 @@ int32_t build_ac(const kivod_htbl_spec *spec, kivod_ac_tbl *t) {
         }
         code <<= 1;
     }
+    for (uint32_t i = 0; i < 512; ++i) {
+        const kivod_ac_look &e = t->lookup[i >> 1];
+        const uint32_t total_len = e.len + e.size;
+        if (e.len > 8 || e.size == 0 || total_len > 9) continue;
+        const uint32_t bits = (i >> (9 - total_len)) & ((1u << e.size) - 1);
+        const int32_t value = bits < (1u << (e.size - 1)) ? static_cast<int32_t>(bits) - (1 << e.size) + 1
+                                                          : static_cast<int32_t>(bits);
+        t->fast[i] = static_cast<int32_t>((static_cast<uint32_t>(value) << 16) | (uint32_t(e.run) << 8) | total_len);
+    }
     t->eob = 255;
     t->zrl = 255;
     for (uint32_t i = 0; i < total; ++i) {

@@ -150,6 +150,10 @@ struct kivod_ac_tbl {
     kivod_ac_range range[17];
     kivod_ac_look lookup[256];
     uint64_t ac_count[256];
+    // Codes that fit in 9 bits together with their extra bits, decoded in
+    // one step: indexed by the next 9 bits, (value << 16) | (run << 8) |
+    // (code length + size); 0 when the code and its bits need more.
+    int32_t fast[512];
 };
 
 // Builds the decoding table of the specification's class and identifier.
@@ -329,5 +333,22 @@ int32_t dec_mt(kivod_ctx *ctx);
 int32_t kivod_thread_job(void *work);
 // Sums the work records' statistics and counters into the context.
 void kivod_collect_stats(kivod_ctx *ctx);
+
+// ---- progressive frames (prog.cpp) ---------------------------------------------------
+// Coefficient memory a progressive frame may take (all components together).
+constexpr uint64_t kMaxProgressiveBytes = uint64_t(1) << 30;
+// One progressive scan into the coefficient buffers (called by dec_scan after
+// the scan header); sets *done at the first AC scan when decoding at 1/8.
+int32_t kivod_dec_scan_prog(kivod_ctx *ctx, int32_t *done);
+// Reconstruction at the end of the picture: shares the components among the
+// work records and runs kivod_dec_pic_prog on the threads.
+int32_t kivod_finish_prog(kivod_ctx *ctx);
+int32_t kivod_dec_pic_prog(kivod_ctx *ctx, kivod_work *w);
+int32_t kivod_vld_dc_prog(kivod_bs *bs, int32_t al, int16_t *pred, const kivod_dc_tbl *t, int16_t *blk);
+int32_t kivod_vld_dc_prog_refine(kivod_bs *bs, int32_t al, int16_t *pred, const kivod_dc_tbl *t, int16_t *blk);
+int32_t kivod_vld_ac_prog(kivod_bs *bs, int32_t ss, int32_t se, int32_t al, int32_t *eob_run,
+                          const kivod_ac_tbl *t, int16_t *blk);
+int32_t kivod_vld_ac_prog_refine(kivod_bs *bs, int32_t ss, int32_t se, int32_t al, int32_t *eob_run,
+                                 const kivod_ac_tbl *t, int16_t *blk);
 
 #endif

@@ -63,6 +63,20 @@ int32_t check_scan(const kivod_ctx *ctx) {
     return blocks > 10 ? KIVO_ERR_MALFORMED : KIVO_OK;
 }
 
+// Coefficient magnitudes are summed per block in 32-bit lanes (one block
+// adds at most 32768 per lane) and moved to the 64-bit statistics before
+// they could overflow.
+constexpr int32_t kMagFlush = 65535;
+
+void flush_magnitudes(kivod_work *w, uint32_t mag[2][64], int32_t *blocks) {
+    for (int i = 1; i < 64; ++i) {
+        w->stat_luma[i] += mag[0][i];
+        w->stat_chroma[i] += mag[1][i];
+    }
+    std::memset(mag, 0, 2 * 64 * sizeof(uint32_t));
+    *blocks = 0;
+}
+
 void end_resizers(ScanComp *sc, int ns, kivod_work *w, bool flush) {
     for (int k = 0; k < ns; ++k) {
         if (!sc[k].rsz) continue;
@@ -77,9 +91,9 @@ void end_resizers(ScanComp *sc, int ns, kivod_work *w, bool flush) {
 int32_t dec_scan(kivod_ctx *ctx, int32_t *done) {
     int32_t ret = kivod_vld_sh(ctx, &ctx->scan_bs, &ctx->sh);
     if (ret != 0) return ret;
+    if (ctx->progressive) return kivod_dec_scan_prog(ctx, done);
     ret = check_scan(ctx);
     if (ret != 0) return ret;
-    if (ctx->progressive) return KIVO_ERR_UNSUPPORTED;
     scan_geometry(ctx);
 
     kivod_split_slices(ctx);
@@ -126,7 +140,11 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
         s.q = &ctx->qtbl[fh.tq[s.c]];
         s.q0 = static_cast<int16_t>(s.q->q[0]);
         s.dc_count = w->dc_count[sh.td[s.c]];
-        s.ac_count = w->ac_count[sh.ta[s.c]];
+        // AC symbols are counted for re-encoding with new quantizers, so
+        // only when the quantization record carries them.
+        bool requant = false;
+        for (int i = 0; i < 64; ++i) requant |= s.q->rq_mul[i] != 0;
+        s.ac_count = requant ? w->ac_count[sh.ta[s.c]] : nullptr;
     }
     std::memset(w->stat_luma, 0, sizeof(w->stat_luma));
     std::memset(w->stat_chroma, 0, sizeof(w->stat_chroma));
@@ -161,6 +179,8 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     }
 
     alignas(16) uint8_t mcu_buf[4][32 * 32];
+    alignas(16) uint32_t mag[2][64] = {};  // coefficient magnitudes, luma and chroma
+    int32_t mag_blocks = 0;
     kivod_bs *bs = &w->bs;
     int32_t rst_count = w->rst_count;
     const int32_t interval = ctx->dri.length ? ctx->dri.interval : 0;
@@ -198,13 +218,14 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
                     if (luma) {
                         w->dc_level_sum += level;
                         w->stat_luma[0] += level;
-                        for (int i = 1; i < 64; ++i) w->stat_luma[i] += blk[i] < 0 ? -blk[i] : blk[i];
                         ++w->n_luma;
                     } else {
                         w->stat_chroma[0] += level;
-                        for (int i = 1; i < 64; ++i) w->stat_chroma[i] += blk[i] < 0 ? -blk[i] : blk[i];
                         ++w->n_chroma;
                     }
+                    uint32_t *sum = mag[luma ? 0 : 1];
+                    for (int i = 0; i < 64; ++i) sum[i] += static_cast<uint32_t>(blk[i] < 0 ? -blk[i] : blk[i]);
+                    if (++mag_blocks == kMagFlush) flush_magnitudes(w, mag, &mag_blocks);
                     const kivod_idct_fn fn = dc_only ? idct_dc : idct;
                     if (mode == KIVOD_OUT_DIRECT) {
                         kivod_out_block(img, s.c, s.col + h, s.row + v, fn, blk);
@@ -257,6 +278,7 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     }
 
 slice_end:
+    flush_magnitudes(w, mag, &mag_blocks);
     if (!stopped) kivod_bs_read_stuffing(bs);
     end_resizers(sc, ns, w, !stopped);
     return status;

@@ -14,6 +14,8 @@
 // Counters: a null dc_count or ac_count means "do not count". The choice is
 // made once per block (kivod_vld_ac8 runs one of two instantiations), not
 // per symbol.
+#include <cstring>
+
 #include "decoder/kivod_int.h"
 
 namespace {
@@ -44,12 +46,8 @@ inline void top_up(kivod_bs *bs) {
     kivod_bs_peek(bs, kFill);
 }
 
-// The low 16 bits of v as a signed value.
-inline int16_t low16(uint32_t v) {
-    int32_t s = static_cast<int32_t>(v & 0xFFFFu);
-    if (s >= 0x8000) s -= 0x10000;
-    return static_cast<int16_t>(s);
-}
+// The low 16 bits of v as a signed value (modular conversion).
+inline int16_t low16(uint32_t v) { return static_cast<int16_t>(static_cast<uint16_t>(v)); }
 
 // T.81 EXTEND: the size-bit field v (size >= 1) as a signed difference.
 inline int32_t extend(uint32_t v, int32_t size) {
@@ -128,9 +126,8 @@ int32_t skip_rest(kivod_bs *bs, const kivod_ac_tbl *t, int32_t k) {
 // then decodes the rest without storing.
 template <int kLast>
 int32_t ac_partial(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, int16_t *blk,
-                   int16_t *dc_only) {
-    *dc_only = 0;
-    int32_t k = 1;
+                   int16_t *dc_only, int32_t k = 1) {
+    if (k == 1) *dc_only = 0;
     while (k <= kLast) {
         int32_t run, size;
         uint32_t v;
@@ -157,9 +154,9 @@ int32_t ac_partial(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, int
 // z is the pending zero run, g the pending sixteen-zero groups.
 template <bool kCount>
 int32_t ac_full(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint64_t *cnt,
-                int16_t *blk, int16_t *dc_only) {
-    *dc_only = 0;
-    int32_t k = 1, z = 0, g = 0;
+                int16_t *blk, int16_t *dc_only, int32_t k = 1) {
+    if (k == 1) *dc_only = 0;
+    int32_t z = 0, g = 0;
     while (k <= 63) {
         int32_t run, size;
         uint32_t v;
@@ -214,6 +211,180 @@ int32_t ac_full(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint64
     return KIVO_OK;
 }
 
+// ---- 64-bit window over memory input ------------------------------------------
+//
+// For the length of one block the reader's state is held in a 64-bit
+// accumulator, topped up eight bytes at a time while the bytes hold no 0xFF.
+// When fewer than 32 bits can be had that way (a 0xFF ahead, or the end of
+// the input), the symbol goes through the reader's own refill instead.
+
+struct Window {
+    uint64_t acc;  // valid bits at the top, zeros below
+    int32_t n;     // valid bits
+    const uint8_t *p;
+    const uint8_t *end;  // last byte of the input
+};
+
+inline bool window_usable(const kivod_bs *bs) {
+    return bs->type == KIVOD_INPUT_BITB && bs->bits >= 0 && bs->not_ff != 0;
+}
+
+inline void window_open(const kivod_bs *bs, Window *w) {
+    w->acc = static_cast<uint64_t>(bs->cache) << 32;
+    w->n = bs->bits;
+    w->p = bs->cur;
+    w->end = bs->end;
+}
+
+// Hands the state back to the reader: bytes beyond its 32-bit cache go back
+// to the input (they hold no 0xFF, so nothing was dropped from them).
+inline void window_close(const Window *w, kivod_bs *bs) {
+    int32_t n = w->n;
+    const uint8_t *p = w->p;
+    if (n > 32) {
+        const int32_t back = (n - 32 + 7) >> 3;
+        n -= back * 8;
+        p -= back;
+    }
+    const uint64_t acc = n > 0 ? w->acc & (~0ull << (64 - n)) : 0;
+    if (p != bs->cur) bs->not_ff = 1;
+    bs->cache = static_cast<uint32_t>(acc >> 32);
+    bs->bits = n;
+    bs->cur = p;
+}
+
+inline void window_fill(Window *w) {
+    if (w->n > 56) return;
+    if (w->end - w->p >= 7) {
+        uint64_t x;
+        std::memcpy(&x, w->p, 8);
+        x = __builtin_bswap64(x);
+        const uint64_t inv = ~x;  // a 0xFF byte becomes a zero byte
+        const uint64_t ff = (inv - 0x0101010101010101ull) & ~inv & 0x8080808080808080ull;
+        if (!ff) {
+            const int32_t k = (64 - w->n) >> 3;
+            const int32_t kept = w->n + 8 * k;
+            const uint64_t keep = kept >= 64 ? ~0ull : ~(~0ull >> kept);
+            w->acc |= (x >> w->n) & keep;
+            w->p += k;
+            w->n = kept;
+            return;
+        }
+    }
+    while (w->n <= 56 && w->p <= w->end && *w->p != 0xFF) {
+        w->acc |= static_cast<uint64_t>(*w->p++) << (56 - w->n);
+        w->n += 8;
+    }
+}
+
+inline void window_skip(Window *w, int32_t len) {
+    w->acc <<= len;
+    w->n -= len;
+}
+
+// One block's AC symbols through the window. Coefficients of symbols that
+// start at zig-zag positions up to kLast are stored; every symbol is read.
+template <int kLast>
+int32_t ac_window(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, int16_t *blk,
+                  int16_t *dc_only) {
+    *dc_only = kLast == 0 ? 1 : 0;
+    Window w;
+    window_open(bs, &w);
+    int32_t k = 1;
+    while (k <= 63) {
+        if (w.n < 32) window_fill(&w);
+        int32_t run, size, value;
+        if (w.n >= 32) {
+            const int32_t f = t->fast[w.acc >> 55];
+            if (f) {
+                window_skip(&w, f & 31);
+                const int32_t pos = k + ((f >> 8) & 15);
+                if (pos > 63) break;
+                if (k <= kLast) blk[kivo_tbl_zig_to_ras[pos]] = dequant(f >> 16, q->q[pos]);
+                k = pos + 1;
+                continue;
+            }
+            const kivod_ac_look e = t->lookup[w.acc >> 56];
+            int32_t len;
+            if (e.len <= 8) {
+                len = e.len;
+                run = e.run;
+                size = e.size;
+            } else {
+                const uint32_t c16 = static_cast<uint32_t>(w.acc >> 48);
+                uint32_t code = 0;
+                for (len = 9; len <= 16; ++len) {
+                    code = c16 >> (16 - len);
+                    const kivod_ac_range &r = t->range[len];
+                    if (code >= r.mincode && code <= r.maxcode) break;
+                }
+                const uint32_t idx = len <= 16 ? code - t->range[len].mincode + t->range[len].valptr : 256;
+                if (idx > 255) {
+                    window_close(&w, bs);
+                    return KIVO_ERR_MALFORMED;
+                }
+                run = t->sym[idx].run;
+                size = t->sym[idx].size;
+                if (len >= t->count && (run != 0 || size != 0)) {
+                    window_close(&w, bs);
+                    return KIVO_ERR_MALFORMED;
+                }
+            }
+            window_skip(&w, len);
+            value = 0;
+            if (size) {
+                value = extend(static_cast<uint32_t>(w.acc >> (64 - size)), size);
+                window_skip(&w, size);
+            }
+        } else {
+            // A 0xFF or the end of the input is near: the reader's refill
+            // handles stuffing and running out.
+            window_close(&w, bs);
+            uint32_t v = 0;
+            if (next_symbol<true>(bs, t, &run, &size, &v) != 0) return KIVO_ERR_MALFORMED;
+            value = size ? extend(v, size) : 0;
+            if (!window_usable(bs)) {
+                // The reader holds a 0xFF or has run dry: finish the block
+                // with its own routines.
+                if (size == 0) {
+                    if (run == 0) {
+                        if (k == 1 && kLast > 0) *dc_only = 1;
+                        return KIVO_OK;
+                    }
+                    if (run != 15) return KIVO_ERR_MALFORMED;
+                    k += 16;
+                } else {
+                    const int32_t pos = k + run;
+                    if (pos > 63) return KIVO_OK;
+                    if (k <= kLast) blk[kivo_tbl_zig_to_ras[pos]] = dequant(value, q->q[pos]);
+                    k = pos + 1;
+                }
+                if (kLast >= 63) return k > 63 ? KIVO_OK : ac_full<false>(bs, q, t, nullptr, blk, dc_only, k);
+                return k > kLast ? skip_rest(bs, t, k) : ac_partial<kLast>(bs, q, t, blk, dc_only, k);
+            }
+            window_open(bs, &w);
+        }
+        if (size == 0) {
+            if (run == 0) {
+                if (k == 1 && kLast > 0) *dc_only = 1;
+                break;
+            }
+            if (run != 15) {
+                window_close(&w, bs);
+                return KIVO_ERR_MALFORMED;
+            }
+            k += 16;
+            continue;
+        }
+        const int32_t pos = k + run;
+        if (pos > 63) break;
+        if (k <= kLast) blk[kivo_tbl_zig_to_ras[pos]] = dequant(value, q->q[pos]);
+        k = pos + 1;
+    }
+    window_close(&w, bs);
+    return KIVO_OK;
+}
+
 }  // namespace
 
 int32_t kivod_vld_dc(kivod_bs *bs, int16_t q0, const kivod_dc_tbl *t, uint64_t *dc_count,
@@ -251,21 +422,25 @@ int32_t kivod_vld_dc(kivod_bs *bs, int16_t q0, const kivod_dc_tbl *t, uint64_t *
 int32_t kivod_vld_ac8(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
                       uint64_t *ac_count, int16_t *blk, int16_t *dc_only) {
     if (ac_count) return ac_full<true>(bs, q, t, ac_count, blk, dc_only);
+    if (window_usable(bs)) return ac_window<63>(bs, q, t, blk, dc_only);
     return ac_full<false>(bs, q, t, nullptr, blk, dc_only);
 }
 
 int32_t kivod_vld_ac4(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
                       uint64_t *ac_count, int16_t *blk, int16_t *dc_only) {
+    if (window_usable(bs)) return ac_window<9>(bs, q, t, blk, dc_only);
     return ac_partial<9>(bs, q, t, blk, dc_only);
 }
 
 int32_t kivod_vld_ac2(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
                       uint64_t *ac_count, int16_t *blk, int16_t *dc_only) {
+    if (window_usable(bs)) return ac_window<2>(bs, q, t, blk, dc_only);
     return ac_partial<2>(bs, q, t, blk, dc_only);
 }
 
 int32_t kivod_vld_ac1(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
                       uint64_t *ac_count, int16_t *blk, int16_t *dc_only) {
+    if (window_usable(bs)) return ac_window<0>(bs, q, t, blk, dc_only);
     *dc_only = 1;
     return skip_rest(bs, t, 1);
 }

@@ -251,10 +251,15 @@ XELO_API int32_t xelo_irsz(xelo_irsz_t *rsz, const uint8_t *strip, int32_t first
     int32_t used = r.src_h - first;  // rows of this strip inside the picture
     if (used > n) used = n;
     if (used > 0 && !strip) return XELO_ERR_ARG;
+    const bool identity = r.src_w == r.dst_w && r.src_h == r.dst_h;
     for (int32_t k = 0; k < used; ++k) {
         const int32_t i = first + k;
         const uint8_t *src = strip + int64_t(k) * r.src_stride;
-        if (r.ay.shrink) {
+        if (identity) {
+            // Same size both ways: each row is its own destination row.
+            std::memcpy(r.dst + int64_t(i) * r.dst_stride, src, size_t(r.dst_w));
+            r.next_out = i + 1;
+        } else if (r.ay.shrink) {
             filter_row(r, src, r.hrow[0]);
             push_row_shrink(r, i);
         } else {
