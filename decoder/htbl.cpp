@@ -80,14 +80,33 @@ int32_t build_ac(const kivod_htbl_spec *spec, kivod_ac_tbl *t) {
         }
         code <<= 1;
     }
-    for (uint32_t i = 0; i < 512; ++i) {
-        const kivod_ac_look &e = t->lookup[i >> 1];
-        const uint32_t total_len = e.len + e.size;
-        if (e.len > 8 || e.size == 0 || total_len > 9) continue;
-        const uint32_t bits = (i >> (9 - total_len)) & ((1u << e.size) - 1);
-        const int32_t value = bits < (1u << (e.size - 1)) ? static_cast<int32_t>(bits) - (1 << e.size) + 1
-                                                          : static_cast<int32_t>(bits);
-        t->fast[i] = static_cast<int32_t>((static_cast<uint32_t>(value) << 16) | (uint32_t(e.run) << 8) | total_len);
+    // One-step entries: every code of up to kivod_fast_bits bits whose extra
+    // bits fit too, over all patterns of its extra and trailing bits.
+    constexpr int kFast = kivod_fast_bits;
+    for (uint32_t i = 0; i < total; ++i) {
+        const kivod_ac_sym &s = t->sym[i];
+        const uint32_t total_len = uint32_t(s.len) + s.size;
+        if (total_len > uint32_t(kFast)) continue;
+        // Long codes the full decoder refuses stay out of the look-up too.
+        if (s.len > 8 && s.len >= t->count && (s.run != 0 || s.size != 0)) continue;
+        int32_t flags = 0;
+        if (s.size == 0) {
+            if (s.run == 0) flags = kivod_fast_eob;
+            else if (s.run == 15) flags = kivod_fast_zrl;
+            else continue;  // malformed: left to the full decoder's check
+        }
+        const uint32_t first = uint32_t(s.code) << (kFast - s.len);
+        const uint32_t span = 1u << (kFast - s.len);
+        for (uint32_t j = first; j < first + span; ++j) {
+            int32_t value = 0;
+            if (s.size) {
+                const uint32_t bits = (j >> (kFast - total_len)) & ((1u << s.size) - 1);
+                value = bits < (1u << (s.size - 1)) ? static_cast<int32_t>(bits) - (1 << s.size) + 1
+                                                    : static_cast<int32_t>(bits);
+            }
+            t->fast[j] = static_cast<int32_t>((static_cast<uint32_t>(value) << 16) | uint32_t(flags) |
+                                              (uint32_t(s.run) << 8) | total_len);
+        }
     }
     t->eob = 255;
     t->zrl = 255;

@@ -150,11 +150,16 @@ struct kivod_ac_tbl {
     kivod_ac_range range[17];
     kivod_ac_look lookup[256];
     uint64_t ac_count[256];
-    // Codes that fit in 9 bits together with their extra bits, decoded in
-    // one step: indexed by the next 9 bits, (value << 16) | (run << 8) |
-    // (code length + size); 0 when the code and its bits need more.
-    int32_t fast[512];
+    // Codes that fit in kivod_fast_bits bits together with their extra bits,
+    // decoded in one step: indexed by the next kivod_fast_bits bits,
+    // (value << 16) | flags | (run << 8) | (code length + size); 0 when the
+    // code and its bits need more. End-of-block and sixteen-zero codes carry
+    // a flag and value 0.
+    int32_t fast[1 << 11];
 };
+constexpr int kivod_fast_bits = 11;
+constexpr int32_t kivod_fast_eob = 1 << 12;
+constexpr int32_t kivod_fast_zrl = 1 << 13;
 
 // Builds the decoding table of the specification's class and identifier.
 // tables: four DC tables followed by four AC tables. 0 or -202.
@@ -328,7 +333,11 @@ int32_t kivod_choose_scale(int32_t fw, int32_t fh, int32_t ow, int32_t oh);
 int32_t dec_scan(kivod_ctx *ctx, int32_t *done);
 int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w);
 void kivod_split_slices(kivod_ctx *ctx);
-int32_t kivod_skim(kivod_ctx *ctx);
+// Walks the scan to find each slice's entry state and starts every slice as
+// soon as it is found: slice i on worker i + 1, the last one on the calling
+// thread. Waits for all of them. Lowers n_threads to the slices that ran.
+int32_t kivod_skim_and_run(kivod_ctx *ctx);
+// Runs the picture job on work records 0..n_threads-1 (fork-join).
 int32_t dec_mt(kivod_ctx *ctx);
 int32_t kivod_thread_job(void *work);
 // Sums the work records' statistics and counters into the context.

@@ -1,5 +1,13 @@
 // Slices of whole MCU rows, the serial skim that finds where each slice
-// starts, and the fork-join that runs them on the lent threads.
+// starts, and the threads that decode them.
+//
+// The skim and the slices overlap: slice i starts on its thread as soon as
+// the skim has found its entry state, and the calling thread, once the skim
+// reaches the last slice, decodes that one. Slices that start later are made
+// shorter, so that all of them end at about the same time: with the skim
+// costing a fraction s of a full decode, slice i gets a share proportional
+// to (1 - s)^i. With restart markers the skim jumps between markers instead
+// of decoding, and the slices are equal.
 #include <cstring>
 
 #include "decoder/kivod_int.h"
@@ -15,10 +23,30 @@ void kivod_split_slices(kivod_ctx *ctx) {
         rows /= fh.v[c0];
     }
     // Every slice gets at least one MCU row and lies inside the picture: n is
-    // bounded by the rows, and the rows are shared as evenly as they go.
+    // bounded by the rows, each slice takes at least one row and the last
+    // one whatever is left.
     int n = kivo::thread_limit(ctx->tpool);
     if (n > rows) n = rows;
     if (n < 1) n = 1;
+    int32_t share[kivo::kMaxThreads];
+    {
+        // Shares in 1/4096: weight 4096 * (1 - s)^i with s = 1/2. With
+        // restart markers in memory the skim jumps from marker to marker
+        // and costs next to nothing: equal shares.
+        const bool cheap_skim = ctx->dri.length && ctx->dri.interval && ctx->scan_bs.type == KIVOD_INPUT_BITB;
+        int64_t total = 0, weight[kivo::kMaxThreads];
+        for (int i = 0; i < n; ++i) total += weight[i] = cheap_skim ? 4096 : int64_t(4096) >> i;
+        int32_t left = rows;
+        for (int i = 0; i < n; ++i) {
+            int32_t r = static_cast<int32_t>((weight[i] * rows + total / 2) / total);
+            const int32_t reserve = n - 1 - i;  // rows the later slices need
+            if (r < 1) r = 1;
+            if (r > left - reserve) r = left - reserve;
+            if (i == n - 1) r = left;
+            share[i] = r;
+            left -= r;
+        }
+    }
     ctx->n_threads = n;
     const int d = ctx->scale <= 1 ? 1 : ctx->scale;
 
@@ -27,7 +55,7 @@ void kivod_split_slices(kivod_ctx *ctx) {
         kivod_work *w = ctx->work[i];
         xelo_mset_x64a(w, 0, sizeof(kivod_work));
         w->ctx = ctx;
-        const int32_t slice_rows = rows / n + (i < rows % n ? 1 : 0);
+        const int32_t slice_rows = share[i];
         w->n_mcu = slice_rows * cols;
         for (int k = 0; k < ns; ++k) {
             const int c = sh.comp_idx[k];
@@ -55,61 +83,158 @@ void kivod_split_slices(kivod_ctx *ctx) {
     }
 }
 
-int32_t kivod_skim(kivod_ctx *ctx) {
-    kivod_bs bs = ctx->scan_bs;
-    ctx->work[0]->bs = ctx->scan_bs;
-    const int n = ctx->n_threads;
-    if (n == 1) return KIVO_OK;
+namespace {
 
+// Starts slice i on worker i + 1. Returns the run status.
+int32_t start_slice(kivod_ctx *ctx, int i) {
+    return ctx->tpool.run(ctx->threads[i + 1], kivod_thread_job, ctx->work[i]);
+}
+
+// The skim's position in the scan: a reader, the DC predictors and restart
+// counter, and the index of the next MCU.
+struct Skim {
+    kivod_bs bs;
+    int16_t pred[4];
+    int32_t run;
+    int32_t mcu;
+    bool failed;  // a block failed; the rest of its restart interval is skipped
+};
+
+// Walks one MCU: DC differences decoded, AC codes skipped. Returns 0, 1 when
+// the scan is damaged and has no restart markers to recover at, or the
+// negative status of a restart synchronisation that found no marker.
+int32_t skim_mcu(const kivod_ctx *ctx, Skim *sk) {
     const kivod_sh &sh = ctx->sh;
     const kivod_fh &fh = ctx->fh;
-    const int ns = sh.n_comp;
     const int32_t interval = ctx->dri.length ? ctx->dri.interval : 0;
-    int16_t pred[4] = {0, 0, 0, 0};
-    int32_t run = 0;
-    int slice = 0;
-    int32_t walked = 0;
-    bool failed = false;
-    for (;;) {
-        if (walked == ctx->work[slice]->n_mcu) {
-            ++slice;
-            walked = 0;
-            kivod_work *w = ctx->work[slice];
-            w->bs = bs;
-            std::memcpy(w->dc_pred, pred, sizeof(pred));
-            w->rst_count = run;
-            if (slice == n - 1) break;
-        }
-        for (int k = 0; k < ns && !failed; ++k) {
-            const int c = sh.comp_idx[k];
-            const int blocks = ns > 1 ? fh.h[c] * fh.v[c] : 1;
-            const kivod_dc_tbl *dc = &ctx->dc_tbl[sh.td[c]];
-            const kivod_ac_tbl *ac = &ctx->ac_tbl[sh.ta[c]];
-            const int16_t q0 = static_cast<int16_t>(ctx->qtbl[fh.tq[c]].q[0]);
-            for (int b = 0; b < blocks; ++b) {
-                int16_t diff = 0, dc_only = 0;
-                if (kivod_vld_dc(&bs, q0, dc, nullptr, &diff) != 0 ||
-                    kivod_vld_ac1(&bs, nullptr, ac, nullptr, nullptr, &dc_only) != 0) {
-                    failed = true;
-                    break;
-                }
-                pred[k] = static_cast<int16_t>(static_cast<uint16_t>(pred[k]) + static_cast<uint16_t>(diff));
+    for (int k = 0; k < sh.n_comp && !sk->failed; ++k) {
+        const int c = sh.comp_idx[k];
+        const int blocks = sh.n_comp > 1 ? fh.h[c] * fh.v[c] : 1;
+        const kivod_dc_tbl *dc = &ctx->dc_tbl[sh.td[c]];
+        const kivod_ac_tbl *ac = &ctx->ac_tbl[sh.ta[c]];
+        const int16_t q0 = static_cast<int16_t>(ctx->qtbl[fh.tq[c]].q[0]);
+        for (int b = 0; b < blocks; ++b) {
+            int16_t diff = 0, dc_only = 0;
+            if (kivod_vld_dc(&sk->bs, q0, dc, nullptr, &diff) != 0 ||
+                kivod_vld_ac1(&sk->bs, nullptr, ac, nullptr, nullptr, &dc_only) != 0) {
+                sk->failed = true;
+                break;
             }
-        }
-        if (failed && !interval) {
-            // Slices after the damage cannot be found: decode up to it only.
-            ctx->n_threads = slice + 1;
-            return KIVO_OK;
-        }
-        ++walked;
-        ++run;
-        if (interval && run == interval) {
-            const int32_t r = kivod_bs_sync_restart(&bs, pred, &run);
-            if (r < 0) return r;
-            failed = false;
+            sk->pred[k] = static_cast<int16_t>(static_cast<uint16_t>(sk->pred[k]) + static_cast<uint16_t>(diff));
         }
     }
-    return KIVO_OK;
+    if (sk->failed && !interval) return 1;
+    ++sk->mcu;
+    if (interval && ++sk->run == interval) {
+        const int32_t ret = kivod_bs_sync_restart(&sk->bs, sk->pred, &sk->run);
+        if (ret < 0) return ret;
+        sk->failed = false;
+    }
+    return 0;
+}
+
+// With restart markers in memory input, the skim jumps: RST markers never
+// occur inside entropy-coded data, so the interval holding MCU `target`
+// starts after the right number of markers counted from a known one. `raw`
+// is a byte position right after a marker (or the scan's start) where MCU
+// `raw_mcu` begins. Returns false when the markers are not where they should
+// be; the caller then walks instead.
+bool skim_jump(const kivod_ctx *ctx, Skim *sk, int32_t target, const uint8_t **raw, int32_t *raw_mcu) {
+    const int32_t interval = ctx->dri.interval;
+    const int32_t want = target / interval;
+    if (want <= sk->mcu / interval) return true;  // already in that interval
+    int32_t skip = want - *raw_mcu / interval;
+    const uint8_t *p = *raw, *end = sk->bs.end;
+    while (skip > 0) {
+        const uint8_t *ff = static_cast<const uint8_t *>(std::memchr(p, 0xFF, static_cast<size_t>(end - p + 1)));
+        if (!ff || ff == end) return false;
+        const uint8_t m = ff[1];
+        if (m >= 0xD0 && m <= 0xD7) {
+            --skip;
+            p = ff + 2;
+        } else if (m == 0x00 || m == 0xFF) {
+            p = ff + 1;  // stuffing, or fill before a marker
+        } else {
+            return false;  // another marker: the scan ended early
+        }
+        if (p > end + 1) return false;
+    }
+    *raw = p;
+    *raw_mcu = want * interval;
+    kivod_bs &bs = sk->bs;
+    bs.cur = p;
+    bs.cache = 0;
+    bs.bits = 0;
+    bs.not_ff = 1;
+    for (int16_t &v : sk->pred) v = 0;
+    sk->run = 0;
+    sk->mcu = *raw_mcu;
+    sk->failed = false;
+    return true;
+}
+
+}  // namespace
+
+int32_t kivod_skim_and_run(kivod_ctx *ctx) {
+    const int n = ctx->n_threads;
+    ctx->work[0]->bs = ctx->scan_bs;
+    if (n == 1) return kivod_thread_job(ctx->work[0]);
+
+    int32_t status = start_slice(ctx, 0);
+    if (status < 0) return status;
+    int started = 1;  // slices running on workers: 0 .. started-1
+
+    Skim sk;
+    sk.bs = ctx->scan_bs;
+    for (int16_t &v : sk.pred) v = 0;
+    sk.run = 0;
+    sk.mcu = 0;
+    sk.failed = false;
+    const bool can_jump = ctx->dri.length && ctx->dri.interval && sk.bs.type == KIVOD_INPUT_BITB &&
+                          sk.bs.bits == 0 && sk.bs.cur <= sk.bs.end;
+    const uint8_t *raw = can_jump ? sk.bs.cur : nullptr;
+    int32_t raw_mcu = 0;
+
+    bool last_ready = false;
+    int32_t target = 0;
+    for (int slice = 1; slice < n && status == KIVO_OK; ++slice) {
+        target += ctx->work[slice - 1]->n_mcu;
+        if (raw && !skim_jump(ctx, &sk, target, &raw, &raw_mcu)) raw = nullptr;
+        bool damaged = false;
+        while (sk.mcu < target) {
+            const int32_t ret = skim_mcu(ctx, &sk);
+            if (ret < 0) status = ret;
+            damaged = ret != 0;
+            if (damaged) break;
+        }
+        // Slices after damage without restart markers cannot be found: the
+        // scan is decoded up to it only.
+        if (damaged) break;
+        kivod_work *w = ctx->work[slice];
+        w->bs = sk.bs;
+        std::memcpy(w->dc_pred, sk.pred, sizeof(sk.pred));
+        w->rst_count = sk.run;
+        if (slice == n - 1) {
+            last_ready = true;
+            break;
+        }
+        status = start_slice(ctx, slice);
+        if (status == KIVO_OK) started = slice + 1;
+    }
+    // The calling thread decodes the last slice when the skim reached it.
+    ctx->n_threads = last_ready ? n : started;
+    if (last_ready) {
+        const int32_t ret = kivod_thread_job(ctx->work[n - 1]);
+        if (ret < 0) status = ret;
+    }
+    for (int i = 0; i < started; ++i) {
+        int32_t job = KIVO_OK;
+        ctx->tpool.wait(ctx->threads[i + 1], &job);
+        // A refused run or a failed skim is reported before the slices' own
+        // statuses.
+        if (job < 0 && status == KIVO_OK) status = job;
+    }
+    return status;
 }
 
 int32_t kivod_thread_job(void *arg) {

@@ -97,9 +97,7 @@ int32_t dec_scan(kivod_ctx *ctx, int32_t *done) {
     scan_geometry(ctx);
 
     kivod_split_slices(ctx);
-    ret = kivod_skim(ctx);
-    if (ret < 0) return ret;
-    const int32_t status = dec_mt(ctx);
+    const int32_t status = kivod_skim_and_run(ctx);
     kivod_collect_stats(ctx);
 
     // The scan ends where the last slice's reader stopped.

@@ -295,9 +295,17 @@ int32_t ac_window(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, int1
         if (w.n < 32) window_fill(&w);
         int32_t run, size, value;
         if (w.n >= 32) {
-            const int32_t f = t->fast[w.acc >> 55];
+            const int32_t f = t->fast[w.acc >> (64 - kivod_fast_bits)];
             if (f) {
                 window_skip(&w, f & 31);
+                if (f & (kivod_fast_eob | kivod_fast_zrl)) {
+                    if (f & kivod_fast_zrl) {
+                        k += 16;
+                        continue;
+                    }
+                    if (k == 1 && kLast > 0) *dc_only = 1;
+                    break;
+                }
                 const int32_t pos = k + ((f >> 8) & 15);
                 if (pos > 63) break;
                 if (k <= kLast) blk[kivo_tbl_zig_to_ras[pos]] = dequant(f >> 16, q->q[pos]);
