@@ -136,8 +136,11 @@ int32_t kivod_bs_flush_mfal(kivod_bs *bs, int32_t wanted) {
     do {
         uint8_t byte = 0;
         if (bs->mfal.read(bs->handle, &byte, 1) != 1) {
+            // A file that cannot be read further counts as used up, so that
+            // every loop over the input ends.
             bs->cache = 0;
             bs->bits = 0;
+            bs->pos = bs->last + 1;
             return KIVO_ERR_IO;
         }
         bs->pos += 1;

@@ -25,7 +25,9 @@ void kivod_split_slices(kivod_ctx *ctx) {
     // Every slice gets at least one MCU row and lies inside the picture: n is
     // bounded by the rows, each slice takes at least one row and the last
     // one whatever is left.
-    int n = kivo::thread_limit(ctx->tpool);
+    // A file input is one stream position shared by every copy of its
+    // reader, so it is decoded on one thread.
+    int n = ctx->scan_bs.type == KIVOD_INPUT_MFAL ? 1 : kivo::thread_limit(ctx->tpool);
     if (n > rows) n = rows;
     if (n < 1) n = 1;
     int32_t share[kivo::kMaxThreads];
