@@ -256,9 +256,18 @@ TEST(OracleDecode, ThreadCountChangesNothing) {
             turbo::EncodeSpec s = spec_for(l, 333, 219);
             s.restart_mcus = rst;
             const auto jpg = turbo::encode(s, turbo::make_planes(s, 9));
+            const kivotest::Decoded full = kivotest::decode(jpg, 1);
+            ASSERT_EQ(full.status, 0);
             for (int scale_w : {333, 333 / 2 + 1, 42}) {
                 const kivotest::Decoded one = kivotest::decode(jpg, 1, scale_w, scale_w == 333 ? 219 : scale_w * 219 / 333);
                 ASSERT_EQ(one.status, 0);
+                // DC levels, block counts and DC symbol counts do not depend
+                // on the reduction either.
+                EXPECT_EQ(one.stats.mean_level, full.stats.mean_level) << scale_w;
+                EXPECT_EQ(one.stats.n_luma, full.stats.n_luma) << scale_w;
+                EXPECT_EQ(one.stats.n_chroma, full.stats.n_chroma) << scale_w;
+                EXPECT_EQ(one.stats.stat_luma[0], full.stats.stat_luma[0]) << scale_w;
+                EXPECT_EQ(0, std::memcmp(one.stats.dc_count, full.stats.dc_count, sizeof(one.stats.dc_count))) << scale_w;
                 for (int t = 2; t <= 8; ++t) {
                     const kivotest::Decoded many = kivotest::decode(jpg, t, scale_w, scale_w == 333 ? 219 : scale_w * 219 / 333);
                     ASSERT_EQ(many.status, 0);
