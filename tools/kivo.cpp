@@ -4,6 +4,7 @@
 #include <string>
 
 #include "decoder/kivod_int.h"
+#include "encoder/kivoe_int.h"
 #include "tools/tool.h"
 
 namespace {
@@ -11,10 +12,12 @@ namespace {
 void usage(FILE *f) {
     std::fprintf(f,
                  "usage: kivo [--help | --version]\n"
-                 "       kivo                      report the library, CPU features and kernels\n"
+                 "       kivo                      report the library, CPU features and kernels,\n"
+                 "                                 then a short encode/decode demonstration\n"
                  "       kivo info FILE.jpg        frame, sampling, tables and APPn segments\n"
                  "       kivo decode IN.jpg OUT.{yuv,y4m} [--size WxH | --scale 1/2|1/4|1/8]\n"
-                 "                                 [--threads N]\n");
+                 "                                 [--threads N]\n"
+                 "       kivo encode IN.{y4m,yuv} OUT.jpg [options]   (kivo encode --help)\n");
 }
 
 void print_flags(const char *label, uint32_t flags) {
@@ -32,7 +35,8 @@ int report() {
     std::printf("libkivo %s\n", KIVO_VERSION_STRING);
     print_flags("cpu features", kivo_cpu_detected());
     print_flags("kernels may use", kivo_cpu_flags());
-    std::printf("kernels: %s\n", kivod_dsp_describe(kivo_cpu_flags()));
+    std::printf("decoder kernels: %s\n", kivod_dsp_describe(kivo_cpu_flags()));
+    std::printf("encoder kernels: %s\n", kivoe_dsp_describe(kivo_cpu_flags()));
     return 0;
 }
 
@@ -46,6 +50,7 @@ int main(int argc, char **argv) {
     int ret = 0;
     if (argc < 2) {
         ret = report();
+        if (ret == 0) ret = tool::cmd_demo();
     } else {
         const std::string cmd = argv[1];
         if (cmd == "--help" || cmd == "-h") {
@@ -56,6 +61,8 @@ int main(int argc, char **argv) {
             ret = tool::cmd_info(argc - 2, argv + 2);
         } else if (cmd == "decode") {
             ret = tool::cmd_decode(argc - 2, argv + 2);
+        } else if (cmd == "encode") {
+            ret = tool::cmd_encode(argc - 2, argv + 2);
         } else {
             usage(stderr);
             ret = 2;

@@ -1,5 +1,6 @@
 // Reading whole files and writing decoded planes as raw .yuv or YUV4MPEG2.
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "tools/tool.h"
@@ -90,6 +91,93 @@ bool write_picture(const std::string &path, const xelo_imgb *img) {
     ok = std::fclose(f) == 0 && ok;
     if (!ok) std::fprintf(stderr, "kivo: cannot write %s\n", path.c_str());
     return ok;
+}
+
+}  // namespace tool
+
+namespace tool {
+
+int32_t color_format_from_name(const std::string &s) {
+    static const struct { const char *name; int32_t code; } names[] = {
+        {"400", 10}, {"grey", 10}, {"gray", 10}, {"420", 11}, {"422", 12}, {"444", 13}, {"440", 18},
+        {"411", 22}, {"nv12", 16}, {"nv21", 17}, {"k400", 40}, {"k420", 41}, {"k422", 42},
+        {"k444", 43}, {"k440", 44}, {"yuyv", 101},
+    };
+    for (const auto &n : names)
+        if (s == n.name) return n.code;
+    char *end = nullptr;
+    const long v = std::strtol(s.c_str(), &end, 10);
+    if (end && *end == 0 && v > 0 && v < 1000) return static_cast<int32_t>(v);
+    return -1;
+}
+
+namespace {
+
+int32_t y4m_format(const std::string &tag) {
+    if (tag.rfind("420", 0) == 0) return XELO_CS_YCBCR420;
+    if (tag == "422") return XELO_CS_YCBCR422;
+    if (tag == "444") return XELO_CS_YCBCR444;
+    if (tag == "440") return XELO_CS_YCBCR440;
+    if (tag == "411") return XELO_CS_YCBCR411;
+    if (tag.rfind("mono", 0) == 0) return XELO_CS_YCBCR400;
+    return -1;
+}
+
+}  // namespace
+
+xelo_imgb *read_picture(const std::string &path, int32_t cs, int32_t w, int32_t h) {
+    std::vector<uint8_t> bytes;
+    if (!read_file(path, &bytes)) {
+        std::fprintf(stderr, "kivo: cannot read %s\n", path.c_str());
+        return nullptr;
+    }
+    size_t pos = 0;
+    if (ends_with(path, ".y4m")) {
+        // Header line: YUV4MPEG2 W<w> H<h> [C<tag>] ...; then FRAME<...>\n.
+        const size_t eol = std::string(bytes.begin(), bytes.end()).find('\n');
+        if (bytes.size() < 10 || std::memcmp(bytes.data(), "YUV4MPEG2 ", 10) != 0 || eol == std::string::npos) {
+            std::fprintf(stderr, "kivo: %s is not a YUV4MPEG2 file\n", path.c_str());
+            return nullptr;
+        }
+        const std::string header(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(eol));
+        cs = XELO_CS_YCBCR420;
+        size_t i = 0;
+        while ((i = header.find(' ', i)) != std::string::npos) {
+            ++i;
+            if (i >= header.size()) break;
+            const std::string field = header.substr(i, header.find(' ', i) - i);
+            if (field[0] == 'W') w = std::atoi(field.c_str() + 1);
+            if (field[0] == 'H') h = std::atoi(field.c_str() + 1);
+            if (field[0] == 'C') cs = y4m_format(field.substr(1));
+        }
+        const size_t frame_eol = std::string(bytes.begin() + static_cast<ptrdiff_t>(eol) + 1, bytes.end()).find('\n');
+        if (cs < 0 || frame_eol == std::string::npos) {
+            std::fprintf(stderr, "kivo: %s: unsupported colour tag or no frame\n", path.c_str());
+            return nullptr;
+        }
+        pos = eol + 1 + frame_eol + 1;
+    }
+    int32_t pw[4], ph[4], np = 0;
+    if (w < 1 || h < 1 || w > 65535 || h > 65535 || xelo_cs_planes(cs, w, h, pw, ph, &np) != 0) {
+        std::fprintf(stderr, "kivo: give the size (--size WxH) and a known colour format (--format)\n");
+        return nullptr;
+    }
+    size_t need = 0;
+    for (int p = 0; p < 4; ++p) need += static_cast<size_t>(pw[p]) * ph[p];
+    if (bytes.size() - pos < need) {
+        std::fprintf(stderr, "kivo: %s holds %zu bytes of planes, %zu needed\n", path.c_str(), bytes.size() - pos, need);
+        return nullptr;
+    }
+    const uint32_t align[4] = {XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16)};
+    const uint32_t pad[4] = {0, 0, 0, 0};
+    xelo_imgb *img = xelo_imgb_create(w, h, cs, 3, align, pad, 0, 0, 0);
+    if (!img) return nullptr;
+    for (int p = 0; p < 4; ++p) {
+        if (pw[p] <= 0 || !img->plane[p]) continue;
+        for (int32_t y = 0; y < ph[p]; ++y, pos += pw[p])
+            std::memcpy(img->plane[p] + static_cast<ptrdiff_t>(y) * img->stride[p], bytes.data() + pos, pw[p]);
+    }
+    return img;
 }
 
 }  // namespace tool

@@ -1,0 +1,263 @@
+// Encoder records and the functions the encoder's files share.
+//
+// Data flow: kivoe_push -> kivoe_push_frm (input.cpp) ; kivoe_get_qtbl ->
+// kivoe_get_qt (perceptual.cpp) ; kivoe_encode -> kivoe_enc (picture.cpp):
+// kivoe_pic_init, kivoe_analysis (statistics pass, huffman.cpp),
+// kivoe_enc_header (header.cpp), kivoe_enc_pic -> segments on threads ->
+// kivoe_enc_dri per block: load / JND filter (jnd.cpp), forward DCT and
+// quantizers (fdct.cpp, quant.cpp), suppression (jnd.cpp), offset update
+// (quant.cpp), entropy coder (vlc.cpp).
+#ifndef KIVO_ENCODER_INT_H
+#define KIVO_ENCODER_INT_H
+
+#include <cstdint>
+
+#include "common/kivo_int.h"
+#include "kivoe.h"
+
+// ---- quantization tables (qtable.cpp) -----------------------------------------
+
+// Quantizers in raster order with their Q14 reciprocals and half values.
+// Invariant: q >= 1, recip = trunc(16384 / q), half = q >> 1.
+struct kivoe_qtbl {
+    uint8_t pq;  // DQT precision: 0
+    uint8_t tq;  // DQT identifier: 0 luma, 1 chroma
+    uint16_t q[64];
+    uint16_t recip[64];
+    uint16_t half[64];
+};
+
+extern const int16_t tbl_q_base_luma[64];
+extern const int16_t tbl_q_base_chroma[64];
+// Sets one entry from a quantizer value (0 becomes 1; above 255 clamps).
+void kivoe_qtbl_set(kivoe_qtbl *t, int i, int32_t q);
+
+// ---- Huffman code tables (huffman.cpp) -----------------------------------------
+
+struct kivoe_huff_spec {
+    int32_t id;     // Th: 0 luma, 1 chroma
+    int32_t cls;    // Tc: 0 DC, 1 AC
+    int32_t count;  // symbols in vals
+    int32_t bits[16];
+    int32_t vals[256];
+};
+
+struct kivoe_code {
+    uint16_t code;
+    uint8_t len;
+};
+
+struct kivoe_dc_tbl {
+    int32_t count;
+    int32_t bits[16];
+    kivoe_code code[257];     // by symbol value (size category)
+    uint64_t counter[257];    // by symbol value
+};
+
+struct kivoe_ac_code {
+    uint16_t code;
+    uint8_t len;
+    uint8_t run;
+    uint8_t size;
+};
+
+struct kivoe_ac_tbl {
+    int32_t count;            // symbols + 1
+    int32_t index[256];       // by symbol (run * 16 + size): position in code
+    int32_t bits[16];
+    kivoe_ac_code code[257];  // by position in the specification's values
+    uint64_t counter[257];    // by symbol; 0x00 EOB, 0xF0 ZRL
+};
+
+// ---- headers (header.cpp) --------------------------------------------------------
+
+struct kivoe_fh {
+    uint16_t length;
+    uint8_t precision;
+    uint16_t height;
+    uint16_t width;
+    uint8_t n_comp;
+    uint8_t comp_id[4];
+    uint8_t h[4];
+    uint8_t v[4];
+    uint8_t tq[4];
+};
+
+struct kivoe_sh {
+    uint16_t length;
+    uint8_t n_comp;
+    uint8_t cs[4];
+    uint8_t td[4];  // by component identifier 1..4 (index 0..3)
+    uint8_t ta[4];
+    uint8_t ss;
+    uint8_t se;
+    uint8_t ah;
+    uint8_t al;
+};
+
+// ---- context ------------------------------------------------------------------------
+
+struct kivoe_ctx;
+
+struct kivoe_job {
+    alignas(16) int16_t block[64];
+    int16_t dc_pred[4];
+    alignas(16) uint16_t offset[4][64];  // adaptive rounding offsets per table id, Q14
+    int32_t n_mcu;
+    int32_t start_col[4];
+    int32_t start_row[4];
+    xelo_bsw *writer;
+    uint8_t *own_buf;
+    uint8_t first_marker;
+    xelo_bsw *own_writer;        // jobs 1..7: their own writer record
+    kivoe_dc_tbl *stat_dc;       // statistics pass: this job's table copies
+    kivoe_ac_tbl *stat_ac;
+    kivoe_ctx *ctx;
+};
+
+typedef int32_t (*kivoe_vlc_dc_fn)(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff);
+typedef int32_t (*kivoe_vlc_ac_fn)(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk);
+typedef void (*kivoe_fdct_fn)(int16_t *blk);
+typedef int32_t (*kivoe_quant_fn)(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+typedef void (*kivoe_quant_rdoq_fn)(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+
+struct kivoe_proc {
+    int32_t (*ready)(kivoe_ctx *ctx);
+    int32_t (*push)(kivoe_ctx *ctx, xelo_imgb *imgb);
+    int32_t (*enc)(kivoe_ctx *ctx, const kivoe_output *out, int32_t *written);
+    int32_t (*get_qt)(kivoe_ctx *ctx, int32_t level, uint8_t *out);
+    int32_t (*analysis)(kivoe_ctx *ctx);
+    int32_t (*header)(kivoe_ctx *ctx);
+    int32_t (*pic)(kivoe_ctx *ctx);
+    void (*flush)(kivoe_ctx *ctx);
+    kivoe_vlc_dc_fn vlc_dc;
+    kivoe_vlc_ac_fn vlc_ac;
+    int32_t (*vlc_dri_marker)(xelo_bsw *bs, int32_t marker);
+    int32_t (*vlc_footer)(kivoe_ctx *ctx);
+    kivoe_fdct_fn fdct8;
+    kivoe_quant_fn quant;
+    kivoe_quant_rdoq_fn quant_rdoq;
+};
+
+struct kivoe_ctx {
+    uint32_t magic;
+    void *self;
+    kivoe_job *job[8];
+    int32_t width;
+    int32_t height;
+    int32_t color_format;
+    int32_t quality;
+    int32_t opt_huffman;
+    int32_t jnd_filter;
+    int32_t adaptive_rounding;
+    int32_t jnd_suppress;
+    int32_t platform;
+    kivo_picbuf_param pic_req;
+    kivo_picbuf pic_inline;
+    kivo_picbuf *pic_cur;
+    kivo_picbuf *pic_owned;
+    int32_t max_width;
+    int32_t max_height;
+    xelo_bsw bs;
+    int32_t blk_w[4];  // Wb: width in blocks, whole MCUs
+    int32_t blk_h[4];  // Hb
+    int32_t smp_w[4];  // Ws: width in samples
+    int32_t smp_h[4];  // Hs
+    int32_t rst_interval;
+    int32_t n_segments;
+    kivoe_fh fh;
+    kivoe_sh sh;
+    kivoe_qtbl qtbl[2];
+    kivoe_huff_spec huff_spec[4];  // luma DC, luma AC, chroma DC, chroma AC
+    kivoe_dc_tbl dc_tbl[4];
+    kivoe_ac_tbl ac_tbl[4];
+    kivod_app_node *app_list;
+    kivo_tpool tpool;
+    void *threads[8];
+    kivoe_proc proc;
+    int32_t reserved;
+};
+
+// ---- handle (kivoe.cpp) --------------------------------------------------------------
+extern "C" {
+KIVO_API int32_t kivoe_set_ppi(kivoe_ctx *ctx);
+KIVO_API int32_t kivoe_platform_init(kivoe_ctx *ctx);
+KIVO_API void kivoe_platform_deinit(kivoe_ctx *ctx);
+KIVO_API int32_t kivoe_ready(kivoe_ctx *ctx);
+KIVO_API void kivoe_flush(kivoe_ctx *ctx);
+}
+
+// ---- quality tables (qtable.cpp) ---------------------------------------------------------
+int32_t kivoe_init_q_tbl(kivoe_ctx *ctx, uint32_t quality);
+
+// ---- frame input (input.cpp) ---------------------------------------------------------------
+int32_t kivoe_push_frm(kivoe_ctx *ctx, xelo_imgb *imgb);
+void mcpy_pic(uint8_t *dst, const uint8_t *src, int32_t dst_stride, int32_t src_stride, int32_t w, int32_t h);
+
+// ---- headers (header.cpp) -------------------------------------------------------------------
+void kivoe_init_fh(kivoe_fh *fh, int32_t width, int32_t height, int32_t color_format);
+void kivoe_init_sh(kivoe_sh *sh, int32_t width, int32_t height, int32_t color_format);
+int32_t kivoe_enc_header(kivoe_ctx *ctx);
+void kivoe_write_app(xelo_bsw *bs, const kivod_app_node *first);
+void kivoe_write_fh(xelo_bsw *bs, const kivoe_fh *fh);
+void kivoe_write_qt(kivoe_ctx *ctx, xelo_bsw *bs);
+void kivoe_write_ht(kivoe_ctx *ctx, xelo_bsw *bs);
+void kivoe_write_dri(xelo_bsw *bs, int32_t interval);
+void kivoe_write_sh(xelo_bsw *bs, const kivoe_sh *sh);
+
+// ---- Huffman tables (huffman.cpp) --------------------------------------------------------------
+int32_t kivoe_init_huff_tbl(kivoe_ctx *ctx);
+int32_t kivoe_opt_huff_tbl(kivoe_ctx *ctx);
+int32_t kivoe_gen_code_tbl(kivoe_ctx *ctx);
+int32_t kivoe_gen_opt_spec(kivoe_ctx *ctx);
+
+// ---- entropy coder (vlc.cpp) -----------------------------------------------------------------
+int32_t kivoe_vlc_dc(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff);
+int32_t kivoe_vlc_ac(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk);
+int32_t kivoe_vlc_dc_stat(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff);
+int32_t kivoe_vlc_ac_stat(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk);
+int32_t kivoe_vlc_dri_marker(xelo_bsw *bs, int32_t marker);
+int32_t kivoe_vlc_null(xelo_bsw *bs, int32_t marker);
+int32_t kivoe_vlc_footer(kivoe_ctx *ctx);
+int32_t kivoe_vlc_footer_stat(kivoe_ctx *ctx);
+int32_t get_vlc_dc_bits(const kivoe_dc_tbl *t, int32_t diff);
+int32_t get_vlc_ac_bits(const kivoe_ac_tbl *t, int32_t n_zrl, int32_t run, int32_t value);
+int32_t get_vlc_eob_bits(const kivoe_ac_tbl *t);
+int32_t kivoe_bs_flush(xelo_bsw *bs);
+int32_t kivoe_bs_flush_data_seg(xelo_bsw *bs);
+
+// ---- transform and quantizers (fdct.cpp, quant.cpp and SIMD variants) ----------------------------
+void kivoe_fdct8(int16_t *blk);
+int32_t kivoe_quant(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+void kivoe_quant_rdoq(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+// Adaptive rounding: moves the offsets of the non-zero levels by their
+// reconstruction errors (coef: the unquantized coefficients).
+void kivoe_update_offset(const int16_t *levels, const int16_t *coef, const uint16_t *q,
+                         const uint16_t *recip, uint16_t *offset);
+// Fills the transform and quantizer slots from the best variant the CPU
+// flags allow.
+void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags);
+const char *kivoe_dsp_describe(uint32_t cpu_flags);
+
+// ---- JND filter and suppression (jnd.cpp) ---------------------------------------------------------
+extern const uint8_t tbl_suppr_lum[256];
+void kivoe_jndfilt8x8(const uint8_t *src, int32_t stride, int16_t *blk);
+// Thresholds of a block from its unquantized DC coefficient.
+void kivoe_jnd_thresholds(int16_t dc, uint8_t thr[64]);
+// Lowers levels while the error stays below the thresholds (blocks whose AC
+// levels add up to more than 7 only).
+void kivoe_jnd_suppress(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint8_t thr[64]);
+
+// ---- perceptual selection (perceptual.cpp) ----------------------------------------------------------
+int32_t kivoe_get_qt(kivoe_ctx *ctx, int32_t level, uint8_t *out);
+
+// ---- picture loop (picture.cpp) -----------------------------------------------------------------------
+int32_t kivoe_enc(kivoe_ctx *ctx, const kivoe_output *out, int32_t *written);
+int32_t kivoe_analysis(kivoe_ctx *ctx);
+int32_t kivoe_pic_init(kivoe_ctx *ctx);
+void kivoe_pic_deinit(kivoe_ctx *ctx);
+int32_t kivoe_enc_pic(kivoe_ctx *ctx);
+int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job);
+int32_t kivoe_segment_job(void *job);
+
+#endif

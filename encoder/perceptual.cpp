@@ -1,0 +1,95 @@
+// Perceptual quantizer selection: the pushed picture is sampled in 8x8
+// analysis blocks, its mean brightness and per-frequency magnitudes choose
+// the quantizers.
+#include <cstring>
+
+#include "encoder/kivoe_int.h"
+
+namespace {
+
+struct Stats {
+    uint64_t sum[64];
+    uint32_t blocks;
+};
+
+// One analysis block: 8x8 cells of s x s samples, each the mean of its four
+// corners, starting at `p`; samples are `step` bytes apart in a line.
+void sample_block(const kivoe_ctx *ctx, const uint8_t *p, int32_t stride, int32_t step, int32_t s, Stats *st) {
+    alignas(16) int16_t blk[64];
+    for (int j = 0; j < 8; ++j) {
+        for (int k = 0; k < 8; ++k) {
+            const uint8_t *cell = p + static_cast<ptrdiff_t>(j * s) * stride + static_cast<ptrdiff_t>(k * s) * step;
+            const ptrdiff_t right = static_cast<ptrdiff_t>(s - 1) * step, down = static_cast<ptrdiff_t>(s - 1) * stride;
+            blk[8 * j + k] = static_cast<int16_t>((cell[0] + cell[right] + cell[down] + cell[down + right]) >> 2);
+        }
+    }
+    ctx->proc.fdct8(blk);
+    const int32_t mean = (blk[0] + 1024) >> 3;
+    st->sum[0] += static_cast<uint64_t>(mean < 0 ? 0 : mean);
+    for (int i = 1; i < 64; ++i) st->sum[i] += static_cast<uint64_t>(blk[i] < 0 ? -blk[i] : blk[i]);
+    ++st->blocks;
+}
+
+// Every whole analysis block of a plane of w x h samples, row by row.
+void sample_plane(const kivoe_ctx *ctx, const uint8_t *p, int32_t stride, int32_t step, int32_t w, int32_t h,
+                  int32_t level, Stats *st) {
+    const int32_t s = 1 << level, span = 8 * s;
+    for (int32_t by = 0; by < (h >> (level + 3)); ++by)
+        for (int32_t bx = 0; bx < (w >> (level + 3)); ++bx)
+            sample_block(ctx, p + static_cast<ptrdiff_t>(by) * span * stride + static_cast<ptrdiff_t>(bx) * span * step,
+                         stride, step, s, st);
+}
+
+}  // namespace
+
+int32_t kivoe_get_qt(kivoe_ctx *ctx, int32_t level, uint8_t *out) {
+    // A negative level means nothing; a level so large that no block fits
+    // any plane is caught below.
+    if (level < 0 || level > 12) return KIVO_ERR_INVALID_ARG;
+    const kivo_picbuf *pic = ctx->pic_cur;
+    if (!pic || !ctx->proc.fdct8) return KIVO_ERR_UNAVAILABLE;
+    Stats luma{}, chroma{};
+    const int32_t f = ctx->color_format, w = pic->width, h = pic->height;
+    if (f == XELO_CS_YUYV) {
+        const uint8_t *p = pic->plane[0];
+        sample_plane(ctx, p, pic->stride_y, 2, w, h, level, &luma);
+        // Cb at byte 1 and Cr at byte 3 of each quadruple, block by block.
+        const int32_t s = 1 << level, span = 8 * s;
+        for (int32_t by = 0; by < (h >> (level + 3)); ++by)
+            for (int32_t bx = 0; bx < (w >> (level + 4)); ++bx) {
+                const uint8_t *q = p + static_cast<ptrdiff_t>(by) * span * pic->stride_y + static_cast<ptrdiff_t>(bx) * span * 4;
+                sample_block(ctx, q + 1, pic->stride_y, 4, s, &chroma);
+                sample_block(ctx, q + 3, pic->stride_y, 4, s, &chroma);
+            }
+    } else {
+        sample_plane(ctx, pic->plane[0], pic->stride_y, 1, w, h, level, &luma);
+        const bool interleaved = f == XELO_CS_NV12 || f == XELO_CS_NV21;
+        const int32_t step = interleaved ? 2 : 1;
+        const int32_t stride = interleaved ? pic->stride_y : pic->stride_c;
+        if (pic->plane[1] && pic->plane[2] && f != XELO_CS_YCBCR400 && f != XELO_CS_YCBCRK400) {
+            const int32_t s = 1 << level, span = 8 * s;
+            for (int32_t by = 0; by < (pic->height_c >> (level + 3)); ++by)
+                for (int32_t bx = 0; bx < (pic->width_c >> (level + 3)); ++bx) {
+                    const ptrdiff_t off = static_cast<ptrdiff_t>(by) * span * stride + static_cast<ptrdiff_t>(bx) * span * step;
+                    sample_block(ctx, pic->plane[1] + off, stride, step, s, &chroma);
+                    sample_block(ctx, pic->plane[2] + off, stride, step, s, &chroma);
+                }
+        }
+    }
+    // Without a whole analysis block in the luma plane there is nothing to
+    // choose from: the current tables stay. A picture without chroma keeps
+    // its chroma statistics at 0 (flat), which gives the finest chroma table.
+    if (luma.blocks == 0) return KIVO_ERR_UNAVAILABLE;
+    uint32_t mean[2][64];
+    for (int i = 0; i < 64; ++i) {
+        mean[0][i] = static_cast<uint32_t>(luma.sum[i] / luma.blocks);
+        mean[1][i] = chroma.blocks ? static_cast<uint32_t>(chroma.sum[i] / chroma.blocks) : 0;
+    }
+    const int32_t base = tbl_thr[mean[0][0] > 255 ? 255 : mean[0][0]];
+    for (int t = 0; t < 2; ++t) {
+        kivoe_qtbl &q = ctx->qtbl[t];
+        kivo_gen_qtbl(reinterpret_cast<int16_t *>(q.q), q.recip, q.half, mean[t], base);
+        for (int i = 0; i < 64; ++i) out[64 * t + i] = static_cast<uint8_t>(q.q[i]);
+    }
+    return KIVO_OK;
+}

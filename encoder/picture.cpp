@@ -1,0 +1,357 @@
+// The picture loop: geometry and segment plan, the statistics pass, the
+// segments encoded on lent threads and joined behind the header.
+#include <cstdlib>
+#include <cstring>
+
+#include "encoder/kivoe_int.h"
+
+namespace {
+
+bool encodable(int32_t f) {
+    switch (f) {
+    case 10: case 11: case 12: case 13: case 18: case 22: case 40: case 41: case 42: case 43: case 44: return true;
+    default: return false;
+    }
+}
+
+// Chroma plane size of a layout. Halves and quarters round up, as the
+// planes themselves do, so that a 1-sample-wide picture still has one.
+void chroma_samples(int32_t f, int32_t x, int32_t y, int32_t *w, int32_t *h) {
+    switch (f) {
+    case 11: case 41: *w = (x + 1) / 2; *h = (y + 1) / 2; break;
+    case 12: case 42: *w = (x + 1) / 2; *h = y; break;
+    case 13: case 43: *w = x; *h = y; break;
+    case 18: case 44: *w = x; *h = (y + 1) / 2; break;
+    case 22: *w = (x + 3) / 4; *h = y; break;
+    default: *w = 0; *h = 0; break;
+    }
+}
+
+// Loads the 8x8 block at (8 bcol, 8 brow) of a plane, repeating the last
+// column and row where the block crosses the plane's edge.
+void load_block(const uint8_t *plane, int32_t stride, int32_t ws, int32_t hs, int32_t bcol, int32_t brow,
+                int16_t *blk) {
+    int32_t x = 8 * bcol, y = 8 * brow;
+    if (x > ws - 1) x = ws - 1;
+    if (y > hs - 1) y = hs - 1;
+    const int32_t cols = ws - x < 8 ? ws - x : 8, rows = hs - y < 8 ? hs - y : 8;
+    const uint8_t *src = plane + static_cast<ptrdiff_t>(y) * stride + x;
+    if (cols == 8 && rows == 8) {
+        for (int r = 0; r < 8; ++r, src += stride)
+            for (int c = 0; c < 8; ++c) blk[8 * r + c] = src[c];
+        return;
+    }
+    for (int r = 0; r < rows; ++r, src += stride) {
+        for (int c = 0; c < cols; ++c) blk[8 * r + c] = src[c];
+        for (int c = cols; c < 8; ++c) blk[8 * r + c] = src[cols - 1];
+    }
+    for (int r = rows; r < 8; ++r) std::memcpy(blk + 8 * r, blk + 8 * (r - 1), 16);
+}
+
+// Appends n bytes to a writer, never past its end.
+void append_bytes(xelo_bsw *bs, const uint8_t *src, size_t n) {
+    const size_t room = static_cast<size_t>(bs->end_ptr - bs->write_ptr);
+    if (n > room) {
+        n = room;
+        bs->overflow = 1;
+    }
+    std::memcpy(bs->write_ptr, src, n);
+    bs->write_ptr += n;
+}
+
+}  // namespace
+
+int32_t kivoe_pic_init(kivoe_ctx *ctx) {
+    const int32_t f = ctx->color_format;
+    if (!ctx->pic_cur) return KIVO_ERR_UNAVAILABLE;  // nothing pushed
+    if (!encodable(f)) return KIVO_ERR_COLOR_FORMAT;
+    // The frame header holds 16-bit sizes; larger pictures are refused
+    // rather than cut.
+    if (ctx->width < 1 || ctx->height < 1 || ctx->width > 65535 || ctx->height > 65535) return KIVO_ERR_INVALID_ARG;
+    kivoe_init_fh(&ctx->fh, ctx->width, ctx->height, f);
+    kivoe_init_sh(&ctx->sh, ctx->width, ctx->height, f);
+    const int32_t x = ctx->fh.width, y = ctx->fh.height;
+    const int nc = ctx->fh.n_comp;
+    std::memset(ctx->blk_w, 0, sizeof(ctx->blk_w));
+    std::memset(ctx->blk_h, 0, sizeof(ctx->blk_h));
+    std::memset(ctx->smp_w, 0, sizeof(ctx->smp_w));
+    std::memset(ctx->smp_h, 0, sizeof(ctx->smp_h));
+    for (int c = 0; c < nc; ++c) {
+        int32_t w = x, h = y;
+        if (c == 1 || c == 2) chroma_samples(f, x, y, &w, &h);
+        ctx->smp_w[c] = w;
+        ctx->smp_h[c] = h;
+        const int hf = ctx->fh.h[c], vf = ctx->fh.v[c];
+        int32_t bw = (w + 7) / 8, bh = (h + 7) / 8;
+        bw = hf ? (bw + hf - 1) / hf * hf : 0;
+        bh = vf ? (bh + vf - 1) / vf * vf : 0;
+        ctx->blk_w[c] = bw;
+        ctx->blk_h[c] = bh;
+    }
+
+    // Segments of whole restart intervals, one per thread. Every segment
+    // holds at least one MCU: the count is lowered for small pictures and
+    // the last segment takes what is left.
+    const int32_t across = ctx->blk_w[0] / ctx->fh.h[0];
+    const int32_t total = across * (ctx->blk_h[0] / ctx->fh.v[0]);
+    int32_t n = kivo::thread_limit(ctx->tpool);
+    if (n > total) n = total;
+    int32_t ri = (total + n / 2) / n, k = 1;
+    while (ri > 65535) {
+        ri /= 2;
+        k *= 2;
+    }
+    const int32_t len = k * ri;
+    const int32_t fit = (total + len - 1) / len;
+    if (n > fit) n = fit;
+    if (n == 1) ri = 0;
+    ctx->rst_interval = ri;
+    ctx->n_segments = n;
+
+    for (int i = 0; i < n; ++i) {
+        kivoe_job *job = ctx->job[i];
+        const int32_t s = i * len;
+        job->n_mcu = i == n - 1 ? total - (n - 1) * len : len;
+        for (int c = 0; c < nc; ++c) {
+            job->start_col[c] = (s % across) * ctx->fh.h[c];
+            job->start_row[c] = (s / across) * ctx->fh.v[c];
+        }
+        job->first_marker = static_cast<uint8_t>(0xD0 + (i * k) % 8);
+        if (i == 0) {
+            job->writer = &ctx->bs;
+            continue;
+        }
+        const int32_t size = ctx->bs.size;
+        if (!job->own_buf) job->own_buf = static_cast<uint8_t *>(std::malloc(static_cast<size_t>(size)));
+        if (!job->own_buf) {
+            for (int j = 1; j < kivo::kMaxThreads; ++j) {
+                if (!ctx->job[j]) continue;
+                std::free(ctx->job[j]->own_buf);
+                ctx->job[j]->own_buf = nullptr;
+            }
+            return KIVO_ERR_OUT_OF_MEMORY;
+        }
+        job->writer = job->own_writer;
+        xelo_bsw_init(job->writer, job->own_buf, size, nullptr);
+    }
+    return KIVO_OK;
+}
+
+void kivoe_pic_deinit(kivoe_ctx *ctx) {
+    xelo_bsw_sink(&ctx->bs);
+    for (int i = 0; i < kivo::kMaxThreads; ++i) {
+        if (!ctx->job[i]) continue;
+        std::free(ctx->job[i]->own_buf);
+        ctx->job[i]->own_buf = nullptr;
+    }
+    if (ctx->pic_owned) {
+        ctx->pic_req.free(ctx->pic_owned);
+        ctx->pic_owned = nullptr;
+        ctx->pic_cur = nullptr;
+    }
+    ctx->app_list = nullptr;
+}
+
+int32_t kivoe_enc(kivoe_ctx *ctx, const kivoe_output *out, int32_t *written) {
+    if (written) *written = 0;
+    if (!out || !out->bitb || !out->bitb->addr || out->bitb->ssize <= 0) return KIVO_ERR_INVALID_ARG;
+    xelo_bsw_init(&ctx->bs, out->bitb->addr, out->bitb->ssize, kivoe_bs_flush);
+    int32_t ret = kivoe_pic_init(ctx);
+    if (ret < 0) return ret;
+    kivoe_proc &p = ctx->proc;
+    if (!p.analysis || !p.header || !p.pic || !p.vlc_footer) {
+        kivoe_pic_deinit(ctx);
+        return KIVO_ERR_UNAVAILABLE;
+    }
+    ret = p.analysis(ctx);
+    if (ret >= 0) {
+        p.header(ctx);
+        ret = p.pic(ctx);
+    }
+    if (ret < 0) {
+        kivoe_pic_deinit(ctx);
+        return ret;
+    }
+    p.vlc_footer(ctx);
+    kivoe_pic_deinit(ctx);
+    // A stream that does not fit the caller's memory is not handed out:
+    // nothing was written past its end, but the stream is incomplete.
+    if (ctx->bs.overflow) return KIVO_ERR_INVALID_ARG;
+    if (written) *written = static_cast<int32_t>(ctx->bs.write_ptr - ctx->bs.start_ptr);
+    return KIVO_OK;
+}
+
+int32_t kivoe_analysis(kivoe_ctx *ctx) {
+    if (!ctx->opt_huffman) return KIVO_OK;
+    kivoe_proc &p = ctx->proc;
+    if (!p.pic) return KIVO_ERR_UNAVAILABLE;
+    // Each job counts into tables of its own; the counts are added to the
+    // handle's after the join, so they do not depend on timing.
+    const int n = ctx->n_segments;
+    for (int i = 0; i < n; ++i) {
+        kivoe_job *job = ctx->job[i];
+        job->stat_dc = static_cast<kivoe_dc_tbl *>(std::calloc(4, sizeof(kivoe_dc_tbl)));
+        job->stat_ac = static_cast<kivoe_ac_tbl *>(std::calloc(4, sizeof(kivoe_ac_tbl)));
+        if (!job->stat_dc || !job->stat_ac) {
+            for (int j = 0; j <= i; ++j) {
+                std::free(ctx->job[j]->stat_dc);
+                std::free(ctx->job[j]->stat_ac);
+                ctx->job[j]->stat_dc = nullptr;
+                ctx->job[j]->stat_ac = nullptr;
+            }
+            return KIVO_ERR_OUT_OF_MEMORY;
+        }
+        std::memcpy(job->stat_dc, ctx->dc_tbl, 4 * sizeof(kivoe_dc_tbl));
+        std::memcpy(job->stat_ac, ctx->ac_tbl, 4 * sizeof(kivoe_ac_tbl));
+        for (int t = 0; t < 4; ++t) {
+            std::memset(job->stat_dc[t].counter, 0, sizeof(job->stat_dc[t].counter));
+            std::memset(job->stat_ac[t].counter, 0, sizeof(job->stat_ac[t].counter));
+        }
+    }
+    p.vlc_dc = kivoe_vlc_dc_stat;
+    p.vlc_ac = kivoe_vlc_ac_stat;
+    p.vlc_dri_marker = kivoe_vlc_null;
+    p.vlc_footer = kivoe_vlc_footer_stat;
+    const int32_t ret = p.pic(ctx);
+    p.vlc_dc = kivoe_vlc_dc;
+    p.vlc_ac = kivoe_vlc_ac;
+    p.vlc_dri_marker = kivoe_vlc_dri_marker;
+    p.vlc_footer = kivoe_vlc_footer;
+    for (int i = 0; i < n; ++i) {
+        kivoe_job *job = ctx->job[i];
+        for (int t = 0; t < 4; ++t)
+            for (int s = 0; s < 257; ++s) {
+                ctx->dc_tbl[t].counter[s] += job->stat_dc[t].counter[s];
+                ctx->ac_tbl[t].counter[s] += job->stat_ac[t].counter[s];
+            }
+        std::free(job->stat_dc);
+        std::free(job->stat_ac);
+        job->stat_dc = nullptr;
+        job->stat_ac = nullptr;
+    }
+    if (ret < 0) return ret;
+    const int32_t opt = kivoe_opt_huff_tbl(ctx);
+    return opt < 0 ? opt : KIVO_OK;
+}
+
+int32_t kivoe_segment_job(void *arg) {
+    kivoe_job *job = static_cast<kivoe_job *>(arg);
+    const int32_t ret = kivoe_enc_dri(job->ctx, job);
+    return ret < 0 ? ret : KIVO_OK;
+}
+
+int32_t kivoe_enc_pic(kivoe_ctx *ctx) {
+    const int n = ctx->n_segments < kivo::thread_limit(ctx->tpool) ? ctx->n_segments : kivo::thread_limit(ctx->tpool);
+    if (n < 2) return kivoe_enc_dri(ctx, ctx->job[0]);
+    void *args[kivo::kMaxThreads];
+    for (int i = 0; i < n; ++i) args[i] = ctx->job[i];
+    const int32_t ret = kivo::fork_join(ctx->tpool, ctx->threads, n, kivoe_segment_job, args);
+    if (ret < 0) return ret;
+    for (int i = 1; i < n; ++i) {
+        const xelo_bsw *w = ctx->job[i]->writer;
+        if (w->overflow) ctx->bs.overflow = 1;
+        append_bytes(&ctx->bs, w->start_ptr, static_cast<size_t>(w->write_ptr - w->start_ptr));
+    }
+    return KIVO_OK;
+}
+
+int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
+    xelo_bsw *bs = job->writer;
+    xelo_bsw_sink(bs);
+    bs->flush = kivoe_bs_flush_data_seg;
+    int32_t marker = job->first_marker;
+    const kivoe_proc &p = ctx->proc;
+    const kivoe_fh &fh = ctx->fh;
+    const int nc = fh.n_comp;
+    const kivo_picbuf *pic = ctx->pic_cur;
+
+    struct Comp {
+        const kivoe_qtbl *q;
+        kivoe_dc_tbl *dc;
+        kivoe_ac_tbl *ac;
+        const uint16_t *offset;
+        uint16_t *adapt;
+        const uint8_t *plane;
+        int32_t stride;
+        int32_t col, row;
+    } comp[4];
+    for (int c = 0; c < nc; ++c) {
+        Comp &cc = comp[c];
+        const int tq = fh.tq[c] & 1;
+        cc.q = &ctx->qtbl[tq];
+        const int td = ctx->sh.td[c] & 3, ta = ctx->sh.ta[c] & 3;
+        cc.dc = job->stat_dc ? &job->stat_dc[td] : &ctx->dc_tbl[td];
+        cc.ac = job->stat_ac ? &job->stat_ac[ta] : &ctx->ac_tbl[ta];
+        cc.adapt = job->offset[tq];
+        if (ctx->adaptive_rounding) {
+            for (int i = 0; i < 64; ++i) cc.adapt[i] = 8192;
+            cc.offset = cc.adapt;
+        } else {
+            cc.offset = cc.q->half;
+        }
+        cc.plane = c == 3 ? pic->plane_alt[2] : pic->plane[c];
+        cc.stride = (c == 1 || c == 2) ? pic->stride_c : pic->stride_y;
+        cc.col = job->start_col[c];
+        cc.row = job->start_row[c];
+        job->dc_pred[c] = 0;
+    }
+
+    int16_t *blk = job->block;
+    alignas(16) int16_t coef[64];
+    uint8_t thr[64];
+    const bool keep = ctx->jnd_suppress || ctx->adaptive_rounding;
+    int32_t counter = 0;
+    for (int32_t m = 0; m < job->n_mcu; ++m) {
+        for (int c = 0; c < nc; ++c) {
+            Comp &cc = comp[c];
+            const int hf = fh.h[c], vf = fh.v[c];
+            for (int v = 0; v < vf; ++v) {
+                for (int h = 0; h < hf; ++h) {
+                    const int32_t bcol = cc.col + h, brow = cc.row + v;
+                    // The JND filter reads two lines above and below the
+                    // block: only luma blocks a whole block away from every
+                    // edge of the picture are filtered.
+                    if (ctx->jnd_filter && c == 0 && bcol >= 1 && brow >= 1 && 8 * bcol + 16 <= ctx->smp_w[0] &&
+                        8 * brow + 16 <= ctx->smp_h[0]) {
+                        kivoe_jndfilt8x8(cc.plane + static_cast<ptrdiff_t>(8 * brow) * cc.stride + 8 * bcol,
+                                         cc.stride, blk);
+                    } else {
+                        load_block(cc.plane, cc.stride, ctx->smp_w[c], ctx->smp_h[c], bcol, brow, blk);
+                    }
+                    p.fdct8(blk);
+                    if (ctx->jnd_suppress) kivoe_jnd_thresholds(blk[0], thr);
+                    if (keep) std::memcpy(coef, blk, sizeof(coef));
+                    if (ctx->adaptive_rounding) p.quant_rdoq(blk, cc.q->recip, cc.offset);
+                    else p.quant(blk, cc.q->recip, cc.offset);
+                    if (ctx->jnd_suppress) kivoe_jnd_suppress(blk, coef, cc.q->q, thr);
+                    if (ctx->adaptive_rounding) kivoe_update_offset(blk, coef, cc.q->q, cc.q->recip, cc.adapt);
+                    const int32_t d = blk[0] - job->dc_pred[c];
+                    job->dc_pred[c] = blk[0];
+                    p.vlc_dc(bs, cc.dc, d);
+                    p.vlc_ac(bs, cc.ac, blk);
+                }
+            }
+        }
+        ++counter;
+        if (ctx->rst_interval && counter == ctx->rst_interval) {
+            for (int c = 0; c < nc; ++c) job->dc_pred[c] = 0;
+            xelo_bsw_sink(bs);
+            bs->flush = kivoe_bs_flush;
+            p.vlc_dri_marker(bs, marker);
+            xelo_bsw_sink(bs);
+            bs->flush = kivoe_bs_flush_data_seg;
+            marker = marker == 0xD7 ? 0xD0 : marker + 1;
+            counter = 0;
+        }
+        for (int c = 0; c < nc; ++c) comp[c].col += fh.h[c];
+        if (comp[0].col >= ctx->blk_w[0]) {
+            for (int c = 0; c < nc; ++c) {
+                comp[c].row += fh.v[c];
+                comp[c].col = 0;
+            }
+        }
+    }
+    xelo_bsw_sink(bs);
+    bs->flush = kivoe_bs_flush;
+    return KIVO_OK;
+}

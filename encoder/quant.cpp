@@ -1,0 +1,42 @@
+// Quantizers: rounding by the table's half values, the adaptive quantizer
+// with Q14 offsets, and the offset update of adaptive rounding.
+#include "encoder/kivoe_int.h"
+
+int32_t kivoe_quant(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+    int32_t nonzero = 0;
+    for (int i = 0; i < 64; ++i) {
+        const int32_t c = blk[i];
+        const uint32_t a = static_cast<uint32_t>(c < 0 ? -c : c);
+        uint32_t n = ((a + offset[i]) * recip[i]) >> 14;  // (2^15 + 2^16) * 2^14 fits 32 bits
+        if (n > 32767) n = 32767;
+        const int32_t level = c > 0 ? static_cast<int32_t>(n) : -static_cast<int32_t>(n);
+        blk[i] = static_cast<int16_t>(level);
+        nonzero += level != 0;
+    }
+    return nonzero;
+}
+
+void kivoe_quant_rdoq(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+    for (int i = 0; i < 64; ++i) {
+        const int32_t c = blk[i];
+        const uint32_t a = static_cast<uint32_t>(c < 0 ? -c : c);
+        const uint32_t n = (a * recip[i] + offset[i]) >> 14;
+        const uint32_t level = c > 0 ? n : 0u - n;
+        blk[i] = static_cast<int16_t>(static_cast<uint16_t>(level));
+    }
+}
+
+void kivoe_update_offset(const int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
+                         uint16_t *offset) {
+    for (int i = 0; i < 64; ++i) {
+        const int32_t l = levels[i];
+        if (l == 0) continue;
+        const int32_t c = coef[i];
+        const int32_t rec = (l < 0 ? -l : l) * q[i];
+        const int32_t err = (c < 0 ? -c : c) - rec;
+        const int64_t d = static_cast<int64_t>((static_cast<uint64_t>(err < 0 ? -err : err) * recip[i]) >> 11);
+        int64_t o = err > 0 ? offset[i] + d : offset[i] - d;
+        o = static_cast<int16_t>(static_cast<uint16_t>(static_cast<uint64_t>(o)));  // taken as a signed 16-bit value
+        offset[i] = static_cast<uint16_t>(o < 0 ? 0 : o > 8192 ? 8192 : o);
+    }
+}

@@ -1,0 +1,67 @@
+/* libkivo encoder: baseline JPEG from planar (and three interleaved)
+ * pictures, with quality, caller or perceptual quantization tables, JND
+ * filtering and suppression, adaptive rounding, optimised Huffman tables and
+ * segments encoded on lent threads. */
+#ifndef KIVOE_H
+#define KIVOE_H
+
+#include "kivod.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct kivoe_ctx kivoe_ctx;
+
+typedef struct kivoe_create_param {
+    int32_t platform;      /* must be 1 */
+    int32_t width;         /* replaced by every pushed picture */
+    int32_t height;
+    int32_t quality;       /* 0 to 100; 0 selects the default (as 90) */
+    int32_t color_format;  /* replaced by every pushed picture */
+    kivo_tpool *tpool;     /* worker threads, or null for the calling thread only */
+} kivoe_create_param;
+
+/* The output record has the decoder input's shape; only bitb is used: its
+ * start address and size give the memory that receives the stream. */
+typedef kivod_input kivoe_output;
+
+/* Configuration identifiers: value points at the setting, size at its size. */
+#define KIVOE_CFG_JND_FILTER 21000        /* 4 bytes, flag */
+#define KIVOE_CFG_OPT_HUFFMAN 21001       /* 4 bytes, flag */
+#define KIVOE_CFG_JND_SUPPRESS 21002      /* 4 bytes, flag */
+#define KIVOE_CFG_ADAPTIVE_ROUNDING 21003 /* 4 bytes, flag */
+#define KIVOE_CFG_QUALITY 21005           /* 4 bytes, 0 to 100 */
+#define KIVOE_CFG_QTBL 21006              /* 128 bytes: luma then chroma quantizers, raster order */
+
+KIVO_API kivoe_ctx *kivoe_create(const kivoe_create_param *param, int32_t *status);
+KIVO_API void kivoe_delete(kivoe_ctx *ctx);
+KIVO_API int32_t kivoe_config(kivoe_ctx *ctx, int32_t id, const void *value, const int32_t *size);
+/* Takes the next picture; planes are used in place when stride[0] and
+ * lines[0] are multiples of 16 (the buffer must then stay unchanged until
+ * kivoe_encode returns), otherwise copied. */
+KIVO_API int32_t kivoe_push(kivoe_ctx *ctx, xelo_imgb *imgb);
+/* Encodes the pushed picture; stores the stream's size through written. */
+KIVO_API int32_t kivoe_encode(kivoe_ctx *ctx, const kivoe_output *out, int32_t *written);
+/* Chooses and installs quantization tables from the pushed picture, sampled
+ * at level (each analysis sample stands for 2^level x 2^level samples);
+ * returns them in the form KIVOE_CFG_QTBL takes. */
+KIVO_API int32_t kivoe_get_qtbl(kivoe_ctx *ctx, int32_t level, uint8_t table[128]);
+
+/* Perceptual quantization table from a base quantizer and per-frequency
+ * statistics (raster order; entry 0 not read). */
+KIVO_API void kivo_gen_qtbl(int16_t *q_out, uint16_t *recip_out, uint16_t *half_out,
+                            const uint32_t *coef_stat, int32_t base_scale);
+
+KIVO_API extern const uint8_t tbl_thr[256];
+KIVO_API extern const int16_t tbl_inv_mtf[64];
+KIVO_API extern const uint8_t kivo_tbl_suppr_thr[512];
+KIVO_API extern const uint8_t tbl_pblur_coeff[5];
+KIVO_API extern const uint8_t tbl_pblur_max[256];
+KIVO_API extern const uint8_t tbl_pblur_min[256];
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,140 @@
+// kivo encode.
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "kivoe.h"
+#include "tools/tool.h"
+
+namespace tool {
+namespace {
+
+void usage() {
+    std::fprintf(stderr,
+                 "usage: kivo encode IN.{y4m,yuv} OUT.jpg [--format CODE|NAME --size WxH] [--quality Q]\n"
+                 "         [--qtables FILE] [--perceptual LEVEL] [--optimize] [--jnd-filter] [--jnd-suppress]\n"
+                 "         [--adaptive-rounding] [--threads N]\n"
+                 "  a .yuv input holds raw planes in component order without padding; --format takes\n"
+                 "  400 420 422 444 440 411 k400 k420 k422 k444 k440 or a colour format code.\n"
+                 "  --qtables FILE: 128 numbers (luma then chroma quantizers, raster order).\n");
+}
+
+bool read_qtables(const std::string &path, uint8_t out[128]) {
+    FILE *f = std::fopen(path.c_str(), "r");
+    if (!f) return false;
+    int n = 0;
+    for (; n < 128; ++n) {
+        int v;
+        if (std::fscanf(f, "%d", &v) != 1 || v < 0 || v > 255) break;
+        out[n] = static_cast<uint8_t>(v);
+    }
+    std::fclose(f);
+    return n == 128;
+}
+
+}  // namespace
+
+int cmd_encode(int argc, char **argv) {
+    std::string in, out, qfile;
+    int32_t cs = 0, w = 0, h = 0, quality = 90, threads = 1, level = -1;
+    int32_t flags[4] = {0, 0, 0, 0};  // optimize, jnd filter, jnd suppress, adaptive rounding
+    for (int i = 0; i < argc; ++i) {
+        const std::string a = argv[i];
+        const bool has = i + 1 < argc;
+        if (a == "--help" || a == "-h") {
+            usage();
+            return 0;
+        }
+        if (a == "--format" && has) cs = color_format_from_name(argv[++i]);
+        else if (a == "--size" && has) {
+            if (std::sscanf(argv[++i], "%dx%d", &w, &h) != 2) w = h = 0;
+        } else if (a == "--quality" && has) quality = std::atoi(argv[++i]);
+        else if (a == "--qtables" && has) qfile = argv[++i];
+        else if (a == "--perceptual" && has) level = std::atoi(argv[++i]);
+        else if (a == "--threads" && has) threads = std::atoi(argv[++i]);
+        else if (a == "--optimize") flags[0] = 1;
+        else if (a == "--jnd-filter") flags[1] = 1;
+        else if (a == "--jnd-suppress") flags[2] = 1;
+        else if (a == "--adaptive-rounding") flags[3] = 1;
+        else if (in.empty()) in = a;
+        else if (out.empty()) out = a;
+        else {
+            usage();
+            return 2;
+        }
+    }
+    if (in.empty() || out.empty() || threads < 1 || threads > 8 || quality < 0 || quality > 100) {
+        usage();
+        return 2;
+    }
+    xelo_imgb *img = read_picture(in, cs, w, h);
+    if (!img) return 1;
+
+    kivo_tpool pool;
+    kivo_tpool_std(&pool, threads);
+    kivoe_create_param cp{1, img->width, img->height, quality, img->color_format, &pool};
+    int32_t status = 0;
+    kivoe_ctx *enc = kivoe_create(&cp, &status);
+    if (!enc) {
+        std::fprintf(stderr, "kivo: encoder: %s (%d)\n", kivo_strerror(status), status);
+        img->release(img);
+        return 1;
+    }
+    const int32_t four = 4;
+    const int32_t ids[4] = {KIVOE_CFG_OPT_HUFFMAN, KIVOE_CFG_JND_FILTER, KIVOE_CFG_JND_SUPPRESS,
+                            KIVOE_CFG_ADAPTIVE_ROUNDING};
+    for (int i = 0; i < 4; ++i) kivoe_config(enc, ids[i], &flags[i], &four);
+    int rc = 0;
+    if (!qfile.empty()) {
+        uint8_t q[128];
+        const int32_t size = 128;
+        if (!read_qtables(qfile, q) || kivoe_config(enc, KIVOE_CFG_QTBL, q, &size) != 0) {
+            std::fprintf(stderr, "kivo: %s must hold 128 numbers from 0 to 255\n", qfile.c_str());
+            rc = 1;
+        }
+    }
+    const auto t0 = std::chrono::steady_clock::now();
+    if (!rc) status = kivoe_push(enc, img);
+    if (!rc && status == 0 && level >= 0) {
+        uint8_t q[128];
+        status = kivoe_get_qtbl(enc, level, q);
+    }
+    std::vector<uint8_t> buf;
+    int32_t written = 0;
+    if (!rc && status == 0) {
+        // Room for the worst case: every coefficient coded at full length.
+        int32_t pw[4], ph[4], np = 0;
+        xelo_cs_planes(img->color_format, img->width, img->height, pw, ph, &np);
+        size_t raw = 0;
+        for (int p = 0; p < 4; ++p) raw += static_cast<size_t>(pw[p]) * ph[p];
+        buf.resize(raw * 4 + 65536);
+        xelo_bitb bitb{};
+        bitb.addr = buf.data();
+        bitb.ssize = static_cast<int32_t>(buf.size());
+        kivoe_output o{KIVOD_INPUT_BITB, &bitb, nullptr};
+        status = kivoe_encode(enc, &o, &written);
+    }
+    const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
+    if (!rc && status != 0) {
+        std::fprintf(stderr, "kivo: %s: %s (%d)\n", in.c_str(), kivo_strerror(status), status);
+        rc = 1;
+    }
+    if (!rc) {
+        FILE *f = std::fopen(out.c_str(), "wb");
+        if (!f || std::fwrite(buf.data(), 1, written, f) != static_cast<size_t>(written) || std::fclose(f) != 0) {
+            std::fprintf(stderr, "kivo: cannot write %s\n", out.c_str());
+            rc = 1;
+        } else {
+            std::printf("%s: %d x %d %s -> %s, %d bytes in %.1f ms\n", in.c_str(), img->width, img->height,
+                        color_format_name(img->color_format), out.c_str(), written, ms);
+        }
+    }
+    kivoe_delete(enc);
+    img->release(img);
+    return rc;
+}
+
+}  // namespace tool
