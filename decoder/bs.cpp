@@ -238,16 +238,55 @@ bool kivod_bs_input_done(const kivod_bs *bs) {
 
 int32_t kivod_bs_rewind_cache(kivod_bs *bs, int32_t extra_back) {
     int32_t back = (bs->bits > 0 ? bs->bits / 8 : 0) + (extra_back > 0 ? extra_back : 0);
+    // The last byte loaded was 0xFF: a stuffing 0x00 right behind it was not
+    // loaded yet and belongs to the data just read, not to what follows.
+    const bool after_ff = bs->not_ff == 0;
     bs->cache = 0;
     bs->bits = 0;
     bs->not_ff = 1;
-    if (back == 0) return KIVO_OK;
     if (bs->type == KIVOD_INPUT_BITB) {
-        int64_t avail = bs->cur - bs->start;
-        bs->cur -= back < avail ? back : avail;
+        if (back == 0) {
+            if (after_ff && bs->cur <= bs->end && *bs->cur == 0x00) ++bs->cur;
+            return KIVO_OK;
+        }
+        // Whole bytes go back to the input; stuffing bytes the refill dropped
+        // are stepped over, so the position is exact.
+        const uint8_t *p = bs->cur;
+        while (back > 0 && p > bs->start) {
+            --p;
+            if (*p == 0x00 && p > bs->start && p[-1] == 0xFF) continue;
+            --back;
+        }
+        bs->cur = p;
         return KIVO_OK;
     }
-    bs->pos = static_cast<uint32_t>(back) < bs->pos ? bs->pos - static_cast<uint32_t>(back) : 0;
+    if (back == 0) {
+        if (!after_ff || bs->pos > bs->last) return KIVO_OK;
+        uint8_t byte = 0xFF;
+        if (bs->mfal.read(bs->handle, &byte, 1) != 1) return KIVO_ERR_IO;
+        if (byte == 0x00) {
+            ++bs->pos;
+            return KIVO_OK;
+        }
+        int64_t to = bs->pos;
+        return bs->mfal.seek(bs->handle, &to, 0) == 0 ? KIVO_OK : KIVO_ERR_IO;
+    }
+    // File input: the same walk over the bytes just before the position,
+    // read again (at most two per byte given back, plus one).
+    uint8_t window[2 * 8 + 8];
+    const uint32_t want = static_cast<uint32_t>(back) * 2 + 1;
+    const uint32_t n = want < sizeof(window) ? (want < bs->pos ? want : bs->pos) : (sizeof(window) < bs->pos ? sizeof(window) : bs->pos);
+    int64_t from = bs->pos - n;
+    if (bs->mfal.seek(bs->handle, &from, 0) != 0) return KIVO_ERR_IO;
+    for (uint32_t i = 0; i < n; ++i)
+        if (bs->mfal.read(bs->handle, &window[i], 1) != 1) return KIVO_ERR_IO;
+    uint32_t q = n;
+    while (back > 0 && q > 0) {
+        --q;
+        if (window[q] == 0x00 && q > 0 && window[q - 1] == 0xFF) continue;
+        --back;
+    }
+    bs->pos = static_cast<uint32_t>(from) + q;
     int64_t to = bs->pos;
     return bs->mfal.seek(bs->handle, &to, 0) == 0 ? KIVO_OK : KIVO_ERR_IO;
 }

@@ -285,9 +285,11 @@ int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb) {
         const uint32_t m = kivod_bs_read(bs, 8);
         if (kivod_bs_rewind_cache(bs, 0) != 0) return KIVO_ERR_IO;
         if (m == 0xC4) {
-            if (kivod_vld_htbl(bs, ctx->dht_spec, ctx->dc_tbl, ctx->ac_tbl) != 0) break;
+            scan_status = kivod_vld_htbl(bs, ctx->dht_spec, ctx->dc_tbl, ctx->ac_tbl);
+            if (scan_status != 0) break;
         } else if (m == 0xDB) {
-            if (kivod_vld_qtbl(bs, ctx->qtbl, ctx->q_unit, ctx->progressive) != 0) break;
+            scan_status = kivod_vld_qtbl(bs, ctx->qtbl, ctx->q_unit, ctx->progressive);
+            if (scan_status != 0) break;
         } else if (m == 0xDD) {
             kivod_vld_dri(bs, &ctx->dri);
         } else if (m == 0xDA) {
@@ -305,8 +307,9 @@ int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb) {
         }
     }
     const int32_t ret = kivod_finish(ctx);
-    // A damaged scan still leaves what was decoded in the buffer; its status
-    // tells the caller that the picture is incomplete.
+    // A damaged scan or table between scans still leaves what was decoded
+    // in the buffer; its status tells the caller that the picture is
+    // incomplete.
     return ret != 0 ? ret : scan_status;
 }
 
@@ -318,7 +321,8 @@ int32_t kivod_finish(kivod_ctx *ctx) {
             return ret;
         }
     }
-    const int64_t blocks = static_cast<int64_t>(ctx->blk_h[0]) * ctx->blk_w[0];
+    // Mean of the DC levels of the luma blocks inside the picture.
+    const int64_t blocks = static_cast<int64_t>((ctx->comp_h[0] + 7) >> 3) * ((ctx->comp_w[0] + 7) >> 3);
     ctx->mean_level = blocks > 0 ? ctx->dc_level_total / blocks : 0;
     kivod_release_frame_buffers(ctx);
     return KIVO_OK;

@@ -1,7 +1,309 @@
-// Progressive frames: scans into whole-picture coefficient buffers, and
-// reconstruction once the last scan has arrived.
-#include "decoder/kivod_int.h"
+// Progressive frames: every scan adds to whole-picture coefficient buffers
+// (DC first, DC refinement, AC first, AC refinement, T.81 G.1.2), and the
+// picture is reconstructed once, after the last scan, one component per
+// thread.
+#include <cstring>
 
-int32_t kivod_dec_scan_prog(kivod_ctx *, int32_t *) { return KIVO_ERR_UNSUPPORTED; }
-int32_t kivod_finish_prog(kivod_ctx *) { return KIVO_ERR_UNSUPPORTED; }
-int32_t kivod_dec_pic_prog(kivod_ctx *, kivod_work *) { return KIVO_ERR_UNSUPPORTED; }
+#include "decoder/out.h"
+
+namespace {
+
+inline int32_t extend(uint32_t v, int32_t size) {
+    return v < (1u << (size - 1)) ? static_cast<int32_t>(v) - (1 << size) + 1 : static_cast<int32_t>(v);
+}
+
+inline int16_t low16(int32_t v) { return static_cast<int16_t>(static_cast<uint16_t>(static_cast<uint32_t>(v))); }
+
+// v << al kept to 16 bits, without shifting a negative value.
+inline int16_t shifted(int32_t v, int32_t al) { return low16(static_cast<int32_t>(static_cast<uint32_t>(v) << al)); }
+
+// Decodes a DC category: the 8-bit look-up when its code really begins the
+// bits, else a search over the categories (at most as many as the table has
+// codes). -1 when nothing matches.
+int32_t decode_dc_category(kivod_bs *bs, const kivod_dc_tbl *t) {
+    const uint32_t b16 = kivod_bs_peek(bs, 16);
+    const uint32_t b8 = b16 >> 8;
+    int32_t cat = t->lookup[b8];
+    if (cat < 12) {
+        const int32_t len = t->code[cat].len;
+        if (len >= 1 && len <= 8 && (b8 >> (8 - len)) == t->code[cat].code) {
+            kivod_bs_skip(bs, len);
+            return cat;
+        }
+    }
+    int tried = 0;
+    for (cat = 0; cat < 12 && tried < t->count; ++cat) {
+        const int32_t len = t->code[cat].len;
+        if (!len) continue;
+        ++tried;
+        if ((b16 >> (16 - len)) == t->code[cat].code) {
+            kivod_bs_skip(bs, len);
+            return cat;
+        }
+    }
+    return -1;
+}
+
+// Decodes an AC symbol into run and size. 0, or -202 for a code the table
+// does not hold.
+int32_t decode_ac_symbol(kivod_bs *bs, const kivod_ac_tbl *t, int32_t *run, int32_t *size) {
+    const uint32_t b16 = kivod_bs_peek(bs, 16);
+    const kivod_ac_look e = t->lookup[b16 >> 8];
+    if (e.len <= 8) {
+        kivod_bs_skip(bs, e.len);
+        *run = e.run;
+        *size = e.size;
+        return KIVO_OK;
+    }
+    for (int32_t len = 9; len <= 16; ++len) {
+        const uint32_t code = b16 >> (16 - len);
+        const kivod_ac_range &r = t->range[len];
+        if (code < r.mincode || code > r.maxcode) continue;
+        const uint32_t idx = code - r.mincode + r.valptr;
+        if (idx > 255 || len >= t->count) return KIVO_ERR_MALFORMED;
+        kivod_bs_skip(bs, len);
+        *run = t->sym[idx].run;
+        *size = t->sym[idx].size;
+        return KIVO_OK;
+    }
+    return KIVO_ERR_MALFORMED;
+}
+
+// Refinement bit of an already non-zero coefficient: moves it one step of
+// 2^al away from zero unless that bit is set already.
+inline void refine(kivod_bs *bs, int16_t *coef, int32_t p1) {
+    if (kivod_bs_read(bs, 1) && (*coef & p1) == 0)
+        *coef = low16(*coef >= 0 ? *coef + p1 : *coef - p1);
+}
+
+bool exhausted(const kivod_bs *bs) { return kivod_bs_input_done(bs) && bs->bits < 1; }
+
+int32_t check_prog_scan(const kivod_ctx *ctx) {
+    const kivod_sh &sh = ctx->sh;
+    if (sh.n_comp < 1) return KIVO_ERR_MALFORMED;
+    if (sh.ss > sh.se || sh.se > 63 || (sh.ss == 0 && sh.se != 0) || (sh.ss > 0 && sh.n_comp != 1))
+        return KIVO_ERR_MALFORMED;
+    if (sh.ah > 13 || sh.al > 13) return KIVO_ERR_MALFORMED;
+    int blocks = 0;
+    for (int k = 0; k < sh.n_comp; ++k) {
+        const int c = sh.comp_idx[k];
+        if (c >= ctx->fh.n_comp) return KIVO_ERR_MALFORMED;
+        for (int j = 0; j < k; ++j)
+            if (sh.comp_idx[j] == c) return KIVO_ERR_MALFORMED;
+        if (sh.td[c] > 3 || sh.ta[c] > 3) return KIVO_ERR_MALFORMED;
+        if (sh.ss == 0 && sh.ah == 0 && ctx->dc_tbl[sh.td[c]].count == 0) return KIVO_ERR_MALFORMED;
+        if (sh.ss > 0 && ctx->ac_tbl[sh.ta[c]].count <= 1) return KIVO_ERR_MALFORMED;
+        blocks += sh.n_comp > 1 ? ctx->fh.h[c] * ctx->fh.v[c] : 1;
+    }
+    return blocks > 10 ? KIVO_ERR_MALFORMED : KIVO_OK;
+}
+
+// One block of the scan. pred: the component's DC predictor (quantized).
+int32_t decode_block(kivod_bs *bs, const kivod_ctx *ctx, int c, int16_t *blk, int16_t *pred, int32_t *eob_run) {
+    const kivod_sh &sh = ctx->sh;
+    const int32_t al = sh.al;
+    if (sh.ss == 0) {
+        if (sh.ah) {
+            if (kivod_bs_read(bs, 1)) blk[0] = low16(blk[0] | (1 << al));
+            return KIVO_OK;
+        }
+        const int32_t cat = decode_dc_category(bs, &ctx->dc_tbl[sh.td[c]]);
+        if (cat < 0) return KIVO_ERR_MALFORMED;
+        const int32_t diff = cat ? extend(kivod_bs_read(bs, cat), cat) : 0;
+        *pred = low16(*pred + diff);
+        blk[0] = shifted(*pred, al);
+        return KIVO_OK;
+    }
+    const kivod_ac_tbl *t = &ctx->ac_tbl[sh.ta[c]];
+    const int32_t se = sh.se;
+    if (!sh.ah) {
+        if (*eob_run > 0) {
+            --*eob_run;
+            return KIVO_OK;
+        }
+        for (int32_t k = sh.ss; k <= se; ++k) {
+            int32_t run, size;
+            if (decode_ac_symbol(bs, t, &run, &size) != 0) return KIVO_ERR_MALFORMED;
+            if (size) {
+                k += run;
+                if (k > se) return KIVO_ERR_MALFORMED;
+                blk[kivo_tbl_zig_to_ras[k]] = shifted(extend(kivod_bs_read(bs, size), size), al);
+            } else if (run == 15) {
+                k += 15;
+            } else {
+                *eob_run = (1 << run) - 1 + (run ? static_cast<int32_t>(kivod_bs_read(bs, run)) : 0);
+                break;
+            }
+        }
+        return KIVO_OK;
+    }
+    // Refinement: new coefficients of +-2^al, one correction bit for every
+    // coefficient already non-zero that the scan passes.
+    const int32_t p1 = 1 << al;
+    int32_t k = sh.ss;
+    if (*eob_run == 0) {
+        for (; k <= se; ++k) {
+            int32_t run, size;
+            if (decode_ac_symbol(bs, t, &run, &size) != 0) return KIVO_ERR_MALFORMED;
+            int32_t value = 0;
+            if (size) {
+                if (size != 1) return KIVO_ERR_MALFORMED;
+                value = kivod_bs_read(bs, 1) ? p1 : -p1;
+            } else if (run != 15) {
+                *eob_run = (1 << run) + (run ? static_cast<int32_t>(kivod_bs_read(bs, run)) : 0);
+                break;
+            }
+            // Pass `run` zero coefficients, refining the non-zero ones met.
+            for (; k <= se; ++k) {
+                int16_t *coef = &blk[kivo_tbl_zig_to_ras[k]];
+                if (*coef) {
+                    refine(bs, coef, p1);
+                } else {
+                    if (run == 0) break;
+                    --run;
+                }
+            }
+            if (value && k <= se) blk[kivo_tbl_zig_to_ras[k]] = low16(value);
+        }
+    }
+    if (*eob_run > 0) {
+        for (; k <= se; ++k) {
+            int16_t *coef = &blk[kivo_tbl_zig_to_ras[k]];
+            if (*coef) refine(bs, coef, p1);
+        }
+        --*eob_run;
+    }
+    return KIVO_OK;
+}
+
+}  // namespace
+
+int32_t kivod_dec_scan_prog(kivod_ctx *ctx, int32_t *done) {
+    // Restart intervals in progressive frames are not decoded.
+    if (ctx->dri.length && ctx->dri.interval) return KIVO_ERR_UNSUPPORTED;
+    int32_t ret = check_prog_scan(ctx);
+    if (ret != 0) return ret;
+    const kivod_sh &sh = ctx->sh;
+    const kivod_fh &fh = ctx->fh;
+    // At 1/8 only DC coefficients matter: the first AC scan ends the picture.
+    if (ctx->scale == 8 && sh.ss != 0) {
+        *done = 1;
+        return KIVO_OK;
+    }
+    kivod_bs *bs = &ctx->scan_bs;
+    int16_t pred[4] = {0, 0, 0, 0};
+    int32_t eob_run = 0;
+    const int ns = sh.n_comp;
+    if (ns == 1) {
+        const int c = sh.comp_idx[0];
+        const int32_t bw = (ctx->comp_w[c] + 7) / 8, bh = (ctx->comp_h[c] + 7) / 8;
+        for (int32_t r = 0; r < bh && ret == KIVO_OK; ++r)
+            for (int32_t q = 0; q < bw; ++q) {
+                int16_t *blk = ctx->coef_buf[c] + (static_cast<size_t>(r) * ctx->prog_blk_w[c] + q) * 64;
+                ret = decode_block(bs, ctx, c, blk, &pred[c], &eob_run);
+                if (ret == KIVO_OK && exhausted(bs)) ret = KIVO_ERR_MALFORMED;
+                if (ret != KIVO_OK) break;
+            }
+    } else {
+        for (int32_t r = 0; r < ctx->prog_blk_w[5] && ret == KIVO_OK; ++r)
+            for (int32_t q = 0; q < ctx->prog_blk_w[4] && ret == KIVO_OK; ++q)
+                for (int k = 0; k < ns && ret == KIVO_OK; ++k) {
+                    const int c = sh.comp_idx[k];
+                    for (int v = 0; v < fh.v[c] && ret == KIVO_OK; ++v)
+                        for (int h = 0; h < fh.h[c] && ret == KIVO_OK; ++h) {
+                            const size_t row = static_cast<size_t>(r) * fh.v[c] + v, col = static_cast<size_t>(q) * fh.h[c] + h;
+                            int16_t *blk = ctx->coef_buf[c] + (row * ctx->prog_blk_w[c] + col) * 64;
+                            ret = decode_block(bs, ctx, c, blk, &pred[c], &eob_run);
+                        }
+                    if (ret == KIVO_OK && exhausted(bs)) ret = KIVO_ERR_MALFORMED;
+                }
+    }
+    if (ret == KIVO_OK && eob_run > 0) ret = KIVO_ERR_MALFORMED;
+    kivod_bs_read_stuffing(bs);
+    const int32_t rew = kivod_bs_rewind_cache(bs, 0);
+    return ret != KIVO_OK ? ret : rew;
+}
+
+int32_t kivod_finish_prog(kivod_ctx *ctx) {
+    const int nc = ctx->fh.n_comp;
+    for (int c = 0; c < nc; ++c) {
+        ctx->blk_w[c] = (ctx->comp_w[c] + 7) / 8;
+        ctx->blk_h[c] = (ctx->comp_h[c] + 7) / 8;
+    }
+    int n = kivo::thread_limit(ctx->tpool);
+    if (n > nc) n = nc;
+    ctx->n_threads = n;
+    for (int t = 0; t < n; ++t) {
+        kivod_work *w = ctx->work[t];
+        xelo_mset_x64a(w, 0, sizeof(kivod_work));
+        w->ctx = ctx;
+        w->first_comp = static_cast<uint8_t>(t);
+        w->n_comp = static_cast<uint8_t>(t == n - 1 ? nc - t : 1);
+    }
+    const int32_t ret = dec_mt(ctx);
+    ctx->dc_level_total += ctx->work[0]->dc_level_sum;
+    return ret;
+}
+
+int32_t kivod_dec_pic_prog(kivod_ctx *ctx, kivod_work *w) {
+    xelo_imgb *img = ctx->out_imgb;
+    const int32_t mode = kivod_out_mode_for(ctx, img);
+    if (mode < 0) return mode;
+    if (mode == KIVOD_OUT_PACKED) return KIVO_ERR_UNSUPPORTED;  // packed pairs come from sequential scans only
+    const int scale = ctx->scale;
+    const int n = 1 << tbl_blk_shift[scale];
+    const kivod_idct_fn idct = ctx->dsp.idct[scale];
+    const int d = scale <= 1 ? 1 : scale;
+    int32_t status = KIVO_OK;
+    for (int c = w->first_comp; c < w->first_comp + w->n_comp; ++c) {
+        const kivod_qtbl &q = ctx->qtbl[ctx->fh.tq[c] & 3];
+        const int32_t line_w = ctx->line_w[c];
+        xelo_irsz_t *rsz = nullptr;
+        if (mode == KIVOD_OUT_RESIZED) {
+            xelo_irsz_desc desc;
+            desc.kind = 20;
+            desc.mode = 11;
+            desc.src_w = (ctx->comp_w[c] + d - 1) / d;
+            desc.src_h = (ctx->comp_h[c] + d - 1) / d;
+            desc.src_stride = line_w;
+            desc.strip_h = ctx->mcu_lines[c];
+            desc.dst_w = ctx->out_w[c];
+            desc.dst_h = ctx->out_h[c];
+            desc.dst_stride = img->stride[c];
+            desc.dst = img->plane[c];
+            rsz = xelo_irsz_create(&desc, 0, desc.src_stride, desc.src_h);
+            if (!rsz) return KIVO_ERR_OUT_OF_MEMORY;
+        }
+        uint8_t *strip = ctx->sample_buf[c];
+        const int strip_h = ctx->mcu_lines[c];
+        int fill = 0;
+        int32_t src_line = 0;
+        alignas(16) int16_t blk[64];
+        for (int32_t r = 0; r < ctx->blk_h[c]; ++r) {
+            for (int32_t col = 0; col < ctx->blk_w[c]; ++col) {
+                int16_t *coef = ctx->coef_buf[c] + (static_cast<size_t>(r) * ctx->prog_blk_w[c] + col) * 64;
+                for (int i = 0; i < 64; ++i) coef[i] = low16(coef[i] * static_cast<int32_t>(q.q[i]));
+                if (c == 0) w->dc_level_sum += (coef[0] + 1024) >> 3;
+                std::memcpy(blk, coef, sizeof(blk));
+                if (mode == KIVOD_OUT_DIRECT) kivod_out_block(img, c, col, r, idct, blk);
+                else idct(blk, line_w, strip + static_cast<ptrdiff_t>(fill) * line_w + col * n);
+            }
+            if (rsz) {
+                fill += n;
+                if (fill >= strip_h) {
+                    xelo_irsz(rsz, strip, src_line, strip_h);
+                    src_line += strip_h;
+                    fill = 0;
+                }
+            }
+        }
+        if (rsz) {
+            if (fill) {
+                const int32_t r = xelo_irsz(rsz, strip, src_line, strip_h);
+                if (r < 0) status = r;
+            }
+            xelo_irsz_delete(rsz);
+        }
+    }
+    return status;
+}

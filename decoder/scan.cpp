@@ -176,6 +176,7 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
         }
     }
 
+    const int32_t luma_bw = (ctx->comp_w[0] + 7) >> 3, luma_bh = (ctx->comp_h[0] + 7) >> 3;
     alignas(16) uint8_t mcu_buf[4][32 * 32];
     alignas(16) uint32_t mag[2][64] = {};  // coefficient magnitudes, luma and chroma
     int32_t mag_blocks = 0;
@@ -214,7 +215,9 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
                     blk[0] = w->dc_pred[k];
                     const int32_t level = (blk[0] + 1024) >> 3;
                     if (luma) {
-                        w->dc_level_sum += level;
+                        // The mean level counts the blocks inside the picture,
+                        // not those that only fill the last MCU.
+                        if (s.col + h < luma_bw && s.row + v < luma_bh) w->dc_level_sum += level;
                         w->stat_luma[0] += level;
                         ++w->n_luma;
                     } else {

@@ -35,7 +35,7 @@ struct EncodeState {
     ErrorMgr err;
     unsigned char *out = nullptr;
     unsigned long out_size = 0;
-    jpeg_scan_info scans[4];
+    jpeg_scan_info scans[64];
 };
 
 bool run_encode(EncodeState &st, const EncodeSpec &spec, const std::vector<testpic::Plane> &planes,
@@ -67,7 +67,22 @@ bool run_encode(EncodeState &st, const EncodeSpec &spec, const std::vector<testp
         c.comp_info[i].h_samp_factor = spec.h[i];
         c.comp_info[i].v_samp_factor = spec.v[i];
     }
-    if (spec.separate_scans && spec.n_comp > 1) {
+    if (!spec.scans.empty()) {
+        const size_t n = spec.scans.size() < 64 ? spec.scans.size() : 64;
+        for (size_t i = 0; i < n; ++i) {
+            const ScanSpec &sc = spec.scans[i];
+            st.scans[i].comps_in_scan = sc.n_comp;
+            for (int k = 0; k < sc.n_comp; ++k) st.scans[i].component_index[k] = sc.comps[k];
+            st.scans[i].Ss = sc.ss;
+            st.scans[i].Se = sc.se;
+            st.scans[i].Ah = sc.ah;
+            st.scans[i].Al = sc.al;
+        }
+        c.scan_info = st.scans;
+        c.num_scans = static_cast<int>(n);
+    } else if (spec.progressive) {
+        jpeg_simple_progression(&c);
+    } else if (spec.separate_scans && spec.n_comp > 1) {
         for (int i = 0; i < spec.n_comp; ++i) {
             st.scans[i].comps_in_scan = 1;
             st.scans[i].component_index[0] = i;
@@ -292,6 +307,56 @@ bool read_coefficients(const std::vector<uint8_t> &jpg, std::vector<Coefficients
     const bool ok = run_read_coefficients(*st, jpg, comps);
     delete st;
     return ok;
+}
+
+}  // namespace turbo
+
+namespace turbo {
+namespace {
+
+struct TranscodeState {
+    jpeg_decompress_struct in;
+    jpeg_compress_struct out;
+    ErrorMgr err_in, err_out;
+    unsigned char *mem = nullptr;
+    unsigned long size = 0;
+};
+
+bool run_transcode(TranscodeState &st, const std::vector<uint8_t> &jpg, bool progressive) {
+    st.in.err = jpeg_std_error(&st.err_in.pub);
+    st.err_in.pub.error_exit = on_error;
+    st.out.err = jpeg_std_error(&st.err_out.pub);
+    st.err_out.pub.error_exit = on_error;
+    jpeg_create_decompress(&st.in);
+    jpeg_create_compress(&st.out);
+    if (setjmp(st.err_in.jump) || setjmp(st.err_out.jump)) {
+        jpeg_destroy_compress(&st.out);
+        jpeg_destroy_decompress(&st.in);
+        return false;
+    }
+    jpeg_mem_src(&st.in, jpg.data(), jpg.size());
+    jpeg_read_header(&st.in, TRUE);
+    jvirt_barray_ptr *coefs = jpeg_read_coefficients(&st.in);
+    jpeg_copy_critical_parameters(&st.in, &st.out);
+    if (progressive) jpeg_simple_progression(&st.out);
+    jpeg_mem_dest(&st.out, &st.mem, &st.size);
+    jpeg_write_coefficients(&st.out, coefs);
+    jpeg_finish_compress(&st.out);
+    jpeg_destroy_compress(&st.out);
+    jpeg_finish_decompress(&st.in);
+    jpeg_destroy_decompress(&st.in);
+    return true;
+}
+
+}  // namespace
+
+std::vector<uint8_t> transcode(const std::vector<uint8_t> &jpg, bool progressive) {
+    TranscodeState *st = new TranscodeState();
+    std::vector<uint8_t> out;
+    if (run_transcode(*st, jpg, progressive)) out.assign(st->mem, st->mem + st->size);
+    std::free(st->mem);
+    delete st;
+    return out;
 }
 
 }  // namespace turbo

@@ -11,6 +11,14 @@
 
 namespace turbo {
 
+// One scan of a custom script: components (frame indices), spectral band
+// and successive approximation.
+struct ScanSpec {
+    int n_comp;
+    int comps[4];
+    int ss, se, ah, al;
+};
+
 struct EncodeSpec {
     int width = 0, height = 0;
     int n_comp = 3;
@@ -20,6 +28,8 @@ struct EncodeSpec {
     int restart_mcus = 0;     // restart interval in MCUs, 0 for none
     bool optimize = false;    // optimised Huffman tables
     bool separate_scans = false;  // one sequential scan per component
+    bool progressive = false;     // libjpeg's default progressive script, or `scans`
+    std::vector<ScanSpec> scans;  // a custom script (progressive when any band or step is partial)
 };
 
 // Encodes full-resolution-per-component planes (each already at its
@@ -50,6 +60,10 @@ struct Coefficients {
     std::vector<int16_t> coef;  // blocks_w * blocks_h * 64
 };
 bool read_coefficients(const std::vector<uint8_t> &jpg, std::vector<Coefficients> *comps);
+
+// The same coefficients written again as a sequential (or, with
+// `progressive`, libjpeg's default progressive) stream: lossless.
+std::vector<uint8_t> transcode(const std::vector<uint8_t> &jpg, bool progressive);
 
 }  // namespace turbo
 
