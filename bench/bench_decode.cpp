@@ -4,7 +4,8 @@
 //
 // usage: bench_decode [FILE.jpg ...] [--reps N]
 // Without files, a 2048x1536 4:2:0 quality-90 picture is generated and
-// measured twice: without restart markers, and with one every MCU row.
+// measured three times: sequential without restart markers, with one every
+// MCU row, and progressive (libjpeg's default script).
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -156,5 +157,8 @@ int main(int argc, char **argv) {
     rc |= bench_stream(turbo::encode(s, planes), "generated 4:2:0 q90", reps);
     s.restart_mcus = 2048 / 16;
     rc |= bench_stream(turbo::encode(s, planes), "generated 4:2:0 q90, restart every MCU row", reps);
+    s.restart_mcus = 0;
+    s.progressive = true;
+    rc |= bench_stream(turbo::encode(s, planes), "generated 4:2:0 q90, progressive", reps);
     return rc;
 }
