@@ -65,8 +65,9 @@ struct kivoe_ac_tbl {
     int32_t count;            // symbols + 1
     int32_t index[256];       // by symbol (run * 16 + size): position in code
     int32_t bits[16];
-    kivoe_ac_code code[257];  // by position in the specification's values
+    kivoe_ac_code code[257];  // by position in the table's value list
     uint64_t counter[257];    // by symbol; 0x00 EOB, 0xF0 ZRL
+    kivoe_code by_symbol[256];  // the same codes indexed by symbol (length 0: none)
 };
 
 // ---- headers (header.cpp) --------------------------------------------------------

@@ -418,8 +418,9 @@ TEST(Encoder, PushChecks) {
         img->color_format = bad;
         EXPECT_EQ(kivoe_push(e.ctx, img), KIVO_ERR_COLOR_FORMAT);
     }
-    img->color_format = XELO_CS_NV12;  // taken here, refused at encode
-    ASSERT_EQ(kivoe_push(e.ctx, img), 0);
+    img->color_format = cs;
+    xelo_imgb *nv12 = xelo_imgb_create(40, 20, XELO_CS_NV12, 3, al, pad, 0, 0, 0);
+    ASSERT_EQ(kivoe_push(e.ctx, nv12), 0);  // taken here, refused at encode
     std::vector<uint8_t> out(4096);
     xelo_bitb b{};
     b.addr = out.data();
@@ -427,9 +428,9 @@ TEST(Encoder, PushChecks) {
     kivoe_output o{KIVOD_INPUT_BITB, &b, nullptr};
     int32_t written = 0;
     EXPECT_EQ(kivoe_encode(e.ctx, &o, &written), KIVO_ERR_COLOR_FORMAT);
-    img->color_format = cs;
     b.ssize = 0;
     EXPECT_EQ(kivoe_encode(e.ctx, &o, &written), KIVO_ERR_INVALID_ARG);
+    nv12->release(nv12);
     img->release(img);
 }
 

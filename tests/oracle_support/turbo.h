@@ -38,7 +38,7 @@ struct EncodeSpec {
 std::vector<uint8_t> encode(const EncodeSpec &spec, const std::vector<testpic::Plane> &planes,
                             std::string *error = nullptr);
 
-// Component planes for a picture of the spec's layout made by make_plane.
+// Component planes for a picture of the given layout, made by make_plane.
 std::vector<testpic::Plane> make_planes(const EncodeSpec &spec, uint64_t seed,
                                         testpic::Kind kind = testpic::Kind::Natural);
 
