@@ -75,6 +75,7 @@ int32_t kivoe_gen_code_tbl(kivoe_ctx *ctx) {
             kivoe_ac_tbl &t = ctx->ac_tbl[id];
             t.count = s.count + 1;
             for (int p = 0; p <= s.count && p < 257; ++p) t.code[p].len = 0;
+            for (auto &c : t.by_symbol) c.len = 0;
             for (int l = 1; l <= 16; ++l) {
                 for (int n = 0; n < s.bits[l - 1] && k < s.count; ++n, ++k, ++code) {
                     const int v = s.vals[k] & 0xFF;
@@ -84,6 +85,8 @@ int32_t kivoe_gen_code_tbl(kivoe_ctx *ctx) {
                     e.run = static_cast<uint8_t>(v >> 4);
                     e.size = static_cast<uint8_t>(v & 15);
                     t.index[v] = k;
+                    t.by_symbol[v].code = e.code;
+                    t.by_symbol[v].len = e.len;
                 }
                 code <<= 1;
             }

@@ -37,57 +37,131 @@ int32_t flush_bytes(xelo_bsw *bs) {
     return 0;
 }
 
+// Size category of a coefficient within what an 8-bit baseline stream holds
+// (|v| up to 2047; negative values further down as kivo_category allows).
+inline int32_t category(int32_t v) {
+    const uint32_t a = static_cast<uint32_t>(v < 0 ? -v : v);
+    if (v >= 2048 || v == -32768) return -1;
+    return a ? 32 - __builtin_clz(a) : 0;
+}
+
+// Bits on their way into entropy-coded data: a 64-bit accumulator written
+// out 32 bits at a time with byte stuffing, bounded by the output's end.
+// Loaded from and stored back to the writer record, so the bytes and the
+// record's state are those the writer with the stuffing flush would give.
+struct Sink {
+    uint64_t acc;  // n valid bits at the top
+    int32_t n;
+    uint8_t *p;
+    uint8_t *end;
+    int32_t overflow;
+
+    explicit Sink(const xelo_bsw *bs)
+        : acc(static_cast<uint64_t>(bs->cache) << 32), n(32 - bs->free_bits), p(bs->write_ptr), end(bs->end_ptr),
+          overflow(bs->overflow) {}
+
+    void store(xelo_bsw *bs) const {
+        bs->cache = static_cast<uint32_t>(acc >> 32);
+        bs->free_bits = 32 - n;
+        bs->write_ptr = p;
+        bs->overflow = overflow;
+    }
+
+    void byte(uint8_t b) {
+        if (p < end) *p++ = b;
+        else overflow = 1;
+    }
+
+    void emit32() {
+        const uint32_t w = static_cast<uint32_t>(acc >> 32);
+        const uint32_t inv = ~w;
+        const bool has_ff = ((inv - 0x01010101u) & ~inv & 0x80808080u) != 0;
+        if (!has_ff && end - p >= 4) {
+            p[0] = static_cast<uint8_t>(w >> 24);
+            p[1] = static_cast<uint8_t>(w >> 16);
+            p[2] = static_cast<uint8_t>(w >> 8);
+            p[3] = static_cast<uint8_t>(w);
+            p += 4;
+        } else {
+            for (int s = 24; s >= 0; s -= 8) {
+                const uint8_t b = static_cast<uint8_t>(w >> s);
+                byte(b);
+                if (b == 0xFF) byte(0x00);
+            }
+        }
+        acc <<= 32;
+        n -= 32;
+    }
+
+    // len is at most 31.
+    void put(uint32_t v, int32_t len) {
+        acc |= static_cast<uint64_t>(v) << (64 - n - len);
+        n += len;
+        if (n >= 32) emit32();
+    }
+};
+
 template <bool kCount>
 int32_t code_ac(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk) {
-    int32_t run = 0;
-    int32_t last = 0;
-    // Last non-zero position in zig-zag order: the block ends after it.
-    for (int z = 63; z >= 1; --z)
-        if (blk[kivo_tbl_zig_to_ras[z]] != 0) {
-            last = z;
+    // The coefficients in zig-zag order and a mask of the non-zero ones.
+    int16_t zz[64];
+    uint64_t mask = 0;
+    for (int z = 1; z < 64; ++z) {
+        const int16_t v = blk[kivo_tbl_zig_to_ras[z]];
+        zz[z] = v;
+        mask |= static_cast<uint64_t>(v != 0) << z;
+    }
+    const bool direct = !kCount && bs->flush == kivoe_bs_flush_data_seg;
+    Sink sink(bs);
+    int32_t prev = 0;  // zig-zag position of the last coefficient coded
+    int32_t status = KIVO_OK;
+    while (mask) {
+        const int32_t z = __builtin_ctzll(mask);
+        mask &= mask - 1;
+        int32_t run = z - prev - 1;
+        const int32_t v = zz[z];
+        const int32_t k = category(v);
+        if (k < 0) {
+            status = KIVO_ERR_UNAVAILABLE;
             break;
         }
-    for (int z = 1; z <= last; ++z) {
-        const int32_t v = blk[kivo_tbl_zig_to_ras[z]];
-        if (v == 0) {
-            ++run;
-            continue;
-        }
-        while (run >= 16) {
+        for (; run >= 16; run -= 16) {
             if (kCount) {
                 ++t->counter[0xF0];
             } else {
-                const kivoe_ac_code &zrl = t->code[t->index[0xF0]];
-                xelo_bsw_write(bs, zrl.code, zrl.len);
+                const kivoe_code &zrl = t->by_symbol[0xF0];
+                if (direct) sink.put(zrl.code, zrl.len);
+                else xelo_bsw_write(bs, zrl.code, zrl.len);
             }
-            run -= 16;
         }
-        const int32_t k = kivo_category(v);
-        if (k < 0) return KIVO_ERR_UNAVAILABLE;
         const int32_t sym = run * 16 + k;
         if (kCount) {
             ++t->counter[sym];
         } else {
-            const kivoe_ac_code &c = t->code[t->index[sym]];
-            xelo_bsw_write(bs, (static_cast<uint32_t>(c.code) << k) | extra_bits(v, k), c.len + k);
+            const kivoe_code &c = t->by_symbol[sym];
+            const uint32_t bits = (static_cast<uint32_t>(c.code) << k) | extra_bits(v, k);
+            if (direct) sink.put(bits, c.len + k);
+            else xelo_bsw_write(bs, bits, c.len + k);
         }
-        run = 0;
+        prev = z;
     }
-    if (last < 63) {
+    if (status == KIVO_OK && prev < 63) {
         if (kCount) {
             ++t->counter[0x00];
         } else {
-            const kivoe_ac_code &eob = t->code[t->index[0x00]];
-            xelo_bsw_write(bs, eob.code, eob.len);
+            const kivoe_code &eob = t->by_symbol[0x00];
+            if (direct) sink.put(eob.code, eob.len);
+            else xelo_bsw_write(bs, eob.code, eob.len);
         }
     }
-    return KIVO_OK;
+    if (direct) sink.store(bs);
+    return status;
 }
 
 }  // namespace
 
 int32_t kivoe_vlc_dc(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff) {
-    const int32_t k = kivo_category(diff);
+    const int32_t k = category(diff);
     if (k < 0) return KIVO_ERR_UNAVAILABLE;
     const kivoe_code &c = t->code[k];
     xelo_bsw_write(bs, (static_cast<uint32_t>(c.code) << k) | (k ? extra_bits(diff, k) : 0), c.len + k);
@@ -97,7 +171,7 @@ int32_t kivoe_vlc_dc(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff) {
 int32_t kivoe_vlc_ac(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk) { return code_ac<false>(bs, t, blk); }
 
 int32_t kivoe_vlc_dc_stat(xelo_bsw *, kivoe_dc_tbl *t, int32_t diff) {
-    const int32_t k = kivo_category(diff);
+    const int32_t k = category(diff);
     if (k < 0) return KIVO_ERR_UNAVAILABLE;
     ++t->counter[k];
     return KIVO_OK;
