@@ -28,7 +28,7 @@ std::string describe(int32_t cs, int w, int h, const EncodeOptions &o) {
     return "format " + std::to_string(cs) + " " + std::to_string(w) + "x" + std::to_string(h) + " q" +
            std::to_string(o.quality) + " t" + std::to_string(o.threads) + (o.optimize ? " opt" : "") +
            (o.jnd_filter ? " jndf" : "") + (o.jnd_suppress ? " jnds" : "") + (o.adaptive_rounding ? " ar" : "") +
-           (o.perceptual_level >= 0 ? " perceptual" : "") + (o.qtables ? " custom" : "");
+           (o.perceptual_level >= 0 ? " perceptual" : "") + (o.qtables ? " custom" : "") + (o.copy_path ? " copied" : "");
 }
 
 // Format 40 declares its chroma components with 0x0 sampling factors,
@@ -46,10 +46,13 @@ TEST(OracleEncode, EveryLayoutSizeAndSwitchDecodes) {
                 EncodeOptions o;
                 o.quality = (idx * 17) % 101;
                 o.threads = 1 + idx % 8;
-                o.optimize = variant & 1;
-                o.jnd_filter = (idx % 3) == 0;
-                o.jnd_suppress = (idx % 5) < 2;
-                o.adaptive_rounding = variant & 2;
+                // Every combination of the four switches, over the cases.
+                const int combo = idx % 16;
+                o.optimize = combo & 1;
+                o.jnd_filter = combo & 2;
+                o.jnd_suppress = combo & 4;
+                o.adaptive_rounding = combo & 8;
+                o.copy_path = variant >= 2;
                 if (variant == 3) o.perceptual_level = idx % 3;
                 if (idx % 7 == 0) o.qtables = custom;
                 const std::string what = describe(cs, sz[0], sz[1], o);
@@ -68,6 +71,70 @@ TEST(OracleEncode, EveryLayoutSizeAndSwitchDecodes) {
                 }
             }
         }
+    }
+}
+
+// A picture of several megapixels on several threads with every switch.
+TEST(OracleEncode, LargePicture) {
+    const auto pic = kivotest::make_picture(11, 2048, 1536, 12);
+    EncodeOptions o;
+    o.threads = 4;
+    o.optimize = o.jnd_filter = o.jnd_suppress = o.adaptive_rounding = true;
+    const kivotest::Encoded e = kivotest::encode(11, 2048, 1536, pic, o);
+    ASSERT_EQ(e.status, 0);
+    EXPECT_GT(kivotest::psnr(pic, turbo_decode(e.jpg, "large")), 30.0);
+}
+
+// The interleaved layouts are analysed like their planar twins: NV12 and
+// NV21 like 4:2:0, packed pairs like 4:2:2, giving the same tables.
+TEST(OracleEncode, InterleavedLayoutsGiveThePlanarTables) {
+    struct Pair {
+        int32_t interleaved, planar;
+    };
+    for (const Pair &p : {Pair{XELO_CS_NV12, XELO_CS_YCBCR420}, Pair{XELO_CS_NV21, XELO_CS_YCBCR420},
+                          Pair{XELO_CS_YUYV, XELO_CS_YCBCR422}}) {
+        const int w = 96, h = 64;
+        const auto planar = kivotest::make_picture(p.planar, w, h, 9);
+        // The same samples laid out interleaved.
+        std::vector<testpic::Plane> inter(2);
+        if (p.interleaved == XELO_CS_YUYV) {
+            inter.resize(1);
+            inter[0].w = 2 * w;
+            inter[0].h = h;
+            inter[0].px.resize(static_cast<size_t>(2 * w) * h);
+            for (int y = 0; y < h; ++y)
+                for (int x = 0; x < w; x += 2) {
+                    uint8_t *q = &inter[0].px[static_cast<size_t>(y) * 2 * w + 2 * x];
+                    q[0] = planar[0].at(x, y);
+                    q[1] = planar[1].at(x / 2, y);
+                    q[2] = planar[0].at(x + 1, y);
+                    q[3] = planar[2].at(x / 2, y);
+                }
+        } else {
+            inter[0] = planar[0];
+            inter[1].w = 2 * planar[1].w;
+            inter[1].h = planar[1].h;
+            inter[1].px.resize(static_cast<size_t>(inter[1].w) * inter[1].h);
+            const int first = p.interleaved == XELO_CS_NV12 ? 1 : 2;
+            for (int y = 0; y < planar[1].h; ++y)
+                for (int x = 0; x < planar[1].w; ++x) {
+                    inter[1].px[static_cast<size_t>(y) * inter[1].w + 2 * x] = planar[first].at(x, y);
+                    inter[1].px[static_cast<size_t>(y) * inter[1].w + 2 * x + 1] = planar[3 - first].at(x, y);
+                }
+        }
+        uint8_t want[128], got[128];
+        for (int pass = 0; pass < 2; ++pass) {
+            const int32_t cs = pass ? p.interleaved : p.planar;
+            kivoe_create_param cp{1, w, h, 90, cs, nullptr};
+            kivoe_ctx *enc = kivoe_create(&cp, nullptr);
+            xelo_imgb *img = kivotest::to_imgb(cs, w, h, pass ? inter : planar);
+            ASSERT_NE(img, nullptr);
+            ASSERT_EQ(kivoe_push(enc, img), 0);
+            ASSERT_EQ(kivoe_get_qtbl(enc, 0, pass ? got : want), 0);
+            img->release(img);
+            kivoe_delete(enc);
+        }
+        EXPECT_EQ(0, std::memcmp(want, got, 128)) << "format " << p.interleaved;
     }
 }
 

@@ -46,7 +46,7 @@ Encoded encode(int32_t cs, int w, int h, const std::vector<testpic::Plane> &plan
         const int32_t size = 128;
         kivoe_config(enc, KIVOE_CFG_QTBL, o.qtables, &size);
     }
-    xelo_imgb *img = to_imgb(cs, w, h, planes);
+    xelo_imgb *img = to_imgb(cs, w, h, planes, o.copy_path);
     r.status = img ? kivoe_push(enc, img) : KIVO_ERR_IMGB;
     if (r.status == 0 && o.perceptual_level >= 0) {
         uint8_t q[128];
