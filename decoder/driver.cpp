@@ -283,7 +283,9 @@ int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb) {
     while (!done) {
         if (kivod_bs_read(bs, 8) != 0xFF) break;
         const uint32_t m = kivod_bs_read(bs, 8);
-        if (kivod_bs_rewind_cache(bs, 0) != 0) return KIVO_ERR_IO;
+        // EOI stays unread, so that the reader ends on it whatever the
+        // frame's last scan was (what follows it can then be found).
+        if (kivod_bs_rewind_cache(bs, m == 0xD9 ? 2 : 0) != 0) return KIVO_ERR_IO;
         if (m == 0xC4) {
             scan_status = kivod_vld_htbl(bs, ctx->dht_spec, ctx->dc_tbl, ctx->ac_tbl);
             if (scan_status != 0) break;

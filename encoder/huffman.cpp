@@ -97,6 +97,8 @@ int32_t kivoe_gen_code_tbl(kivoe_ctx *ctx) {
 }
 
 int32_t kivoe_gen_opt_spec(kivoe_ctx *ctx) {
+    const char *overflow_message =
+        ctx->huff_overflow_msg ? ctx->huff_overflow_msg : "Error : Huffman code size table overflow";
     for (int i = 0; i < 4; ++i) {
         kivoe_huff_spec &s = ctx->huff_spec[i];
         const int id = s.id & 3;
@@ -148,7 +150,7 @@ int32_t kivoe_gen_opt_spec(kivoe_ctx *ctx) {
             if (!codesize[v]) continue;
             int size = codesize[v];
             if (size > 32) {
-                std::printf("Error : Huffman code size table overflow\n");
+                std::printf("%s\n", overflow_message);
                 size = 32;  // counted inside the table; the limit below still applies
             }
             ++bits[size];

@@ -42,8 +42,11 @@ const kivo::Family kEncoderFamily = {
     family_finish,
 };
 
+// The transcoder shares the encoder's magic; an encoder is told apart by its
+// first job record, which always exists and points back at it.
 kivoe_ctx *checked(kivoe_ctx *ctx) {
-    return static_cast<kivoe_ctx *>(kivo::handle_check(ctx, kivo::kMagicEncoder));
+    kivoe_ctx *c = static_cast<kivoe_ctx *>(kivo::handle_check(ctx, kivo::kMagicEncoder));
+    return c && c->job[0] && c->job[0]->ctx == c ? c : nullptr;
 }
 
 int32_t read_flag(const void *value, const int32_t *size, int32_t *flag) {
@@ -133,7 +136,9 @@ KIVO_API kivoe_ctx *kivoe_create(const kivoe_create_param *param, int32_t *statu
     return static_cast<kivoe_ctx *>(kivo::handle_create(kEncoderFamily, param, param->tpool, status));
 }
 
-KIVO_API void kivoe_delete(kivoe_ctx *ctx) { kivo::handle_delete(kEncoderFamily, ctx); }
+KIVO_API void kivoe_delete(kivoe_ctx *ctx) {
+    if (checked(ctx)) kivo::handle_delete(kEncoderFamily, ctx);
+}
 
 KIVO_API int32_t kivoe_config(kivoe_ctx *ctx, int32_t id, const void *value, const int32_t *size) {
     kivoe_ctx *c = checked(ctx);

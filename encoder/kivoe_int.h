@@ -177,6 +177,9 @@ struct kivoe_ctx {
     void *threads[8];
     kivoe_proc proc;
     int32_t reserved;
+    // Line printed when an optimal code length passes 32 (null: the
+    // encoder's own); the transcoder sets its own.
+    const char *huff_overflow_msg;
 };
 
 // ---- handle (kivoe.cpp) --------------------------------------------------------------

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <vector>
 
-#include "kivoe.h"
+#include "kivot.h"
 #include "tools/tool.h"
 
 namespace tool {
@@ -129,6 +129,45 @@ int cmd_demo() {
             img->release(img);
         }
         kivod_delete(dec);
+    }
+    // Transcoding: the picture encoded at quality 95, then shrunk.
+    {
+        kivoe_create_param cp{1, w, h, 95, XELO_CS_YCBCR420, &pool};
+        kivoe_ctx *enc = kivoe_create(&cp, nullptr);
+        xelo_bitb bitb{};
+        bitb.addr = buf.data();
+        bitb.ssize = static_cast<int32_t>(buf.size());
+        kivoe_output out{KIVOD_INPUT_BITB, &bitb, nullptr};
+        int32_t src_size = 0;
+        int32_t status = enc ? kivoe_push(enc, pic) : KIVO_ERR_OUT_OF_MEMORY;
+        if (status == 0) status = kivoe_encode(enc, &out, &src_size);
+        kivoe_delete(enc);
+        kivoe_create_param tp{1, 0, 0, 0, 0, &pool};
+        kivot_ctx *t = status == 0 ? kivot_create(&tp, &status) : nullptr;
+        std::vector<uint8_t> shrunk(buf.size());
+        int32_t written = 0;
+        double ms = 0;
+        if (t) {
+            const int32_t four = 4, on = 1;
+            kivot_config(t, KIVOT_CFG_OPT_HUFFMAN, const_cast<int32_t *>(&on), &four);
+            bitb.ssize = src_size;
+            kivod_input in{KIVOD_INPUT_BITB, &bitb, nullptr};
+            xelo_bitb ob{};
+            ob.addr = shrunk.data();
+            ob.ssize = static_cast<int32_t>(shrunk.size());
+            kivoe_output o{KIVOD_INPUT_BITB, &ob, nullptr};
+            const auto t0 = Clock::now();
+            status = kivot_txcode(t, &in, &o, &written);
+            ms = ms_since(t0);
+            kivot_delete(t);
+        }
+        if (status != 0) {
+            std::printf("  transcoding failed: %s\n", kivo_strerror(status));
+            rc = 1;
+        } else {
+            std::printf("  transcoding a quality-95 stream of %d bytes: %d bytes (%.1f%%) in %.1f ms\n", src_size,
+                        written, 100.0 * written / src_size, ms);
+        }
     }
     pic->release(pic);
     return rc;

@@ -17,7 +17,9 @@ void usage(FILE *f) {
                  "       kivo info FILE.jpg        frame, sampling, tables and APPn segments\n"
                  "       kivo decode IN.jpg OUT.{yuv,y4m} [--size WxH | --scale 1/2|1/4|1/8]\n"
                  "                                 [--threads N]\n"
-                 "       kivo encode IN.{y4m,yuv} OUT.jpg [options]   (kivo encode --help)\n");
+                 "       kivo encode IN.{y4m,yuv} OUT.jpg [options]   (kivo encode --help)\n"
+                 "       kivo transcode IN.jpg OUT.jpg [--quality Q] [--optimize] [--jnd-filter]\n"
+                 "                 [--jnd-suppress] [--adaptive-rounding] [--size WxH] [--threads N]\n");
 }
 
 void print_flags(const char *label, uint32_t flags) {
@@ -63,6 +65,8 @@ int main(int argc, char **argv) {
             ret = tool::cmd_decode(argc - 2, argv + 2);
         } else if (cmd == "encode") {
             ret = tool::cmd_encode(argc - 2, argv + 2);
+        } else if (cmd == "transcode") {
+            ret = tool::cmd_transcode(argc - 2, argv + 2);
         } else {
             usage(stderr);
             ret = 2;

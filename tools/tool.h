@@ -28,6 +28,7 @@ xelo_imgb *read_picture(const std::string &path, int32_t cs, int32_t w, int32_t 
 int cmd_info(int argc, char **argv);
 int cmd_decode(int argc, char **argv);
 int cmd_encode(int argc, char **argv);
+int cmd_transcode(int argc, char **argv);
 int cmd_demo();
 
 }  // namespace tool
