@@ -58,6 +58,13 @@ bool run_encode(EncodeState &st, const EncodeSpec &spec, const std::vector<testp
     jpeg_set_defaults(&c);
     jpeg_set_colorspace(&c, spec.n_comp == 1 ? JCS_GRAYSCALE : spec.n_comp == 3 ? JCS_YCbCr : JCS_CMYK);
     jpeg_set_quality(&c, spec.quality, TRUE);
+    if (spec.tables) {
+        for (int t = 0; t < 2; ++t) {
+            unsigned int q[64];
+            for (int i = 0; i < 64; ++i) q[i] = spec.tables[64 * t + i];
+            jpeg_add_quant_table(&c, t, q, 100, TRUE);
+        }
+    }
     c.raw_data_in = TRUE;
     c.dct_method = JDCT_ISLOW;
     c.optimize_coding = spec.optimize ? TRUE : FALSE;
@@ -322,7 +329,7 @@ struct TranscodeState {
     unsigned long size = 0;
 };
 
-bool run_transcode(TranscodeState &st, const std::vector<uint8_t> &jpg, bool progressive) {
+bool run_transcode(TranscodeState &st, const std::vector<uint8_t> &jpg, bool progressive, bool optimize) {
     st.in.err = jpeg_std_error(&st.err_in.pub);
     st.err_in.pub.error_exit = on_error;
     st.out.err = jpeg_std_error(&st.err_out.pub);
@@ -339,6 +346,7 @@ bool run_transcode(TranscodeState &st, const std::vector<uint8_t> &jpg, bool pro
     jvirt_barray_ptr *coefs = jpeg_read_coefficients(&st.in);
     jpeg_copy_critical_parameters(&st.in, &st.out);
     if (progressive) jpeg_simple_progression(&st.out);
+    st.out.optimize_coding = optimize ? TRUE : FALSE;
     jpeg_mem_dest(&st.out, &st.mem, &st.size);
     jpeg_write_coefficients(&st.out, coefs);
     jpeg_finish_compress(&st.out);
@@ -350,10 +358,10 @@ bool run_transcode(TranscodeState &st, const std::vector<uint8_t> &jpg, bool pro
 
 }  // namespace
 
-std::vector<uint8_t> transcode(const std::vector<uint8_t> &jpg, bool progressive) {
+std::vector<uint8_t> transcode(const std::vector<uint8_t> &jpg, bool progressive, bool optimize) {
     TranscodeState *st = new TranscodeState();
     std::vector<uint8_t> out;
-    if (run_transcode(*st, jpg, progressive)) out.assign(st->mem, st->mem + st->size);
+    if (run_transcode(*st, jpg, progressive, optimize)) out.assign(st->mem, st->mem + st->size);
     std::free(st->mem);
     delete st;
     return out;

@@ -30,6 +30,7 @@ struct EncodeSpec {
     bool separate_scans = false;  // one sequential scan per component
     bool progressive = false;     // libjpeg's default progressive script, or `scans`
     std::vector<ScanSpec> scans;  // a custom script (progressive when any band or step is partial)
+    const uint8_t *tables = nullptr;  // 128 quantizers (luma, chroma; raster order) instead of the quality's
 };
 
 // Encodes full-resolution-per-component planes (each already at its
@@ -63,7 +64,7 @@ bool read_coefficients(const std::vector<uint8_t> &jpg, std::vector<Coefficients
 
 // The same coefficients written again as a sequential (or, with
 // `progressive`, libjpeg's default progressive) stream: lossless.
-std::vector<uint8_t> transcode(const std::vector<uint8_t> &jpg, bool progressive);
+std::vector<uint8_t> transcode(const std::vector<uint8_t> &jpg, bool progressive, bool optimize = false);
 
 }  // namespace turbo
 
