@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "decoder/kivod_int.h"
+#include "decoder/out.h"
 
 namespace {
 
@@ -266,6 +266,10 @@ int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb) {
     ctx->out_imgb = imgb;
     if (imgb->width < 1 || imgb->height < 1) return KIVO_ERR_INVALID_ARG;
     ctx->scale = kivod_choose_scale(ctx->fh.width, ctx->fh.height, imgb->width, imgb->height);
+    // A planar layout other than the frame's is made through the resizer,
+    // which takes each plane to its size in that layout.
+    if (ctx->scale == 0 && imgb->color_format != ctx->color_format && imgb->color_format != XELO_CS_YUYV)
+        ctx->scale = 1;
 
     // Statistics and counters describe this picture only.
     std::memset(ctx->stat_luma, 0, sizeof(ctx->stat_luma));

@@ -3,6 +3,15 @@
 
 #include "decoder/out.h"
 
+int kivod_planes_of(int32_t cs) {
+    switch (cs) {
+    case 10: return 1;
+    case 11: case 12: case 13: case 18: case 22: return 3;
+    case 41: case 42: case 43: return 4;
+    default: return 0;
+    }
+}
+
 int32_t kivod_out_mode_for(const kivod_ctx *ctx, const xelo_imgb *img) {
     const int n = ctx->fh.n_comp;
     if (img->color_format == XELO_CS_YUYV) {
@@ -12,7 +21,10 @@ int32_t kivod_out_mode_for(const kivod_ctx *ctx, const xelo_imgb *img) {
             return KIVO_ERR_INVALID_ARG;
         return KIVOD_OUT_PACKED;
     }
-    if (img->color_format != ctx->color_format) return KIVO_ERR_UNSUPPORTED;
+    // Another layout with as many planes is made by resizing each plane.
+    if (img->color_format != ctx->color_format &&
+        (ctx->scale == 0 || kivod_planes_of(img->color_format) != n))
+        return KIVO_ERR_UNSUPPORTED;
     for (int c = 0; c < n; ++c) {
         if (!img->plane[c] || ctx->out_w[c] < 1 || ctx->out_h[c] < 1 ||
             img->stride[c] < ctx->out_w[c] || img->lines[c] < ctx->out_h[c])

@@ -7,6 +7,9 @@
 
 enum kivod_out_mode { KIVOD_OUT_DIRECT, KIVOD_OUT_PACKED, KIVOD_OUT_RESIZED };
 
+// Planes of the layouts the decoder writes (0 for others).
+int kivod_planes_of(int32_t cs);
+
 // Checks the caller's buffer against the frame and the chosen scale and
 // returns the output mode, or a negative status.
 int32_t kivod_out_mode_for(const kivod_ctx *ctx, const xelo_imgb *imgb);

@@ -248,6 +248,29 @@ TEST(OracleDecode, PackedPairsInterleaveThePlanes) {
     }
 }
 
+// Into a buffer of another planar layout each plane is resized: 4:4:4 into
+// 4:2:0 keeps luma and halves chroma by exact 2x2 means.
+TEST(OracleDecode, AnotherLayoutIsResizedPlaneByPlane) {
+    turbo::EncodeSpec s = spec_for(kLayouts[3], 96, 64);
+    const auto jpg = turbo::encode(s, turbo::make_planes(s, 17));
+    const kivotest::Decoded full = kivotest::decode(jpg, 1);
+    const kivotest::Decoded sub = kivotest::decode(jpg, 2, 0, 0, XELO_CS_YCBCR420);
+    ASSERT_EQ(full.status, 0);
+    ASSERT_EQ(sub.status, 0);
+    ASSERT_EQ(sub.planes.size(), 3u);
+    EXPECT_EQ(sub.planes[0].px, full.planes[0].px);
+    for (int p = 1; p < 3; ++p) {
+        const testpic::Plane &f = full.planes[p], &h = sub.planes[p];
+        ASSERT_EQ(h.w, 48);
+        ASSERT_EQ(h.h, 32);
+        for (int y = 0; y < h.h; ++y)
+            for (int x = 0; x < h.w; ++x) {
+                const int sum = f.at(2 * x, 2 * y) + f.at(2 * x + 1, 2 * y) + f.at(2 * x, 2 * y + 1) + f.at(2 * x + 1, 2 * y + 1);
+                ASSERT_EQ(h.at(x, y), (sum + 2) >> 2) << p << " " << x << "," << y;
+            }
+    }
+}
+
 // Full-size output, mean level, scan statistics and table counters do not
 // depend on the number of threads.
 TEST(OracleDecode, ThreadCountChangesNothing) {

@@ -22,11 +22,11 @@ struct Result {
 };
 
 Result transcode(const std::vector<uint8_t> &src, int quality = 0, bool optimize = false, size_t out_size = 0,
-                 int threads = 1, int32_t color_format = 0) {
+                 int threads = 1, int32_t color_format = 0, int w = 0, int h = 0) {
     Result r;
     kivo_tpool pool;
     kivo_tpool_std(&pool, threads);
-    kivoe_create_param p{1, 0, 0, quality, color_format, &pool};
+    kivoe_create_param p{1, w, h, quality, color_format, &pool};
     kivot_ctx *t = kivot_create(&p, &r.status);
     if (!t) return r;
     const int32_t four = 4, on = optimize, s128 = 128;
@@ -75,8 +75,10 @@ struct Source {
 };
 
 const Source kSources[] = {
-    {"420", 3, 2, 2, false}, {"444", 3, 1, 1, false}, {"grey", 1, 1, 1, false},
-    {"k420", 4, 2, 2, false}, {"420 progressive", 3, 2, 2, true}, {"422", 3, 2, 1, false},
+    {"420", 3, 2, 2, false},           {"444", 3, 1, 1, false},          {"grey", 1, 1, 1, false},
+    {"k420", 4, 2, 2, false},          {"420 progressive", 3, 2, 2, true}, {"422", 3, 2, 1, false},
+    {"440", 3, 1, 2, false},           {"411", 3, 4, 1, false},          {"k422", 4, 2, 1, false},
+    {"k444", 4, 1, 1, false},          {"grey progressive", 1, 1, 1, true}, {"k420 progressive", 4, 2, 2, true},
 };
 
 std::vector<uint8_t> make_source(const Source &s, int w, int h, int quality, uint64_t seed) {
@@ -208,6 +210,22 @@ TEST(OracleTranscode, AppSegmentsAndTrailerCarriedOver) {
     // status, and (under ASan) nothing past its end.
     const Result short_out = transcode(src, 0, true, r.out.size() - 5);
     EXPECT_LT(short_out.status, 0);
+}
+
+// Output size and colour format overrides.
+TEST(OracleTranscode, Overrides) {
+    const auto src = make_source(kSources[1], 320, 240, 95, 8);
+    const Result small = transcode(src, 0, false, 0, 2, 0, 160, 120);
+    ASSERT_EQ(small.status, 0);
+    const kivotest::Decoded d = kivotest::decode(small.out, 1);
+    ASSERT_EQ(d.status, 0);
+    EXPECT_EQ(d.width, 160);
+    EXPECT_EQ(d.height, 120);
+    const Result sub = transcode(src, 0, false, 0, 1, XELO_CS_YCBCR420);
+    ASSERT_EQ(sub.status, 0);
+    EXPECT_EQ(kivotest::decode(sub.out, 1).color_format, XELO_CS_YCBCR420);
+    // Packed pairs are a decode-only output: the encoder takes planar layouts.
+    EXPECT_EQ(transcode(src, 0, false, 0, 1, XELO_CS_YUYV).status, KIVO_ERR_COLOR_FORMAT);
 }
 
 TEST(OracleTranscode, SkipEncodeBadMemoryAndCorruptSources) {
