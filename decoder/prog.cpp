@@ -4,6 +4,7 @@
 // thread.
 #include <cstring>
 
+#include "decoder/bs_inline.h"
 #include "decoder/out.h"
 
 namespace {
@@ -21,7 +22,8 @@ inline int16_t shifted(int32_t v, int32_t al) { return low16(static_cast<int32_t
 // bits, else a search over the categories (at most as many as the table has
 // codes). -1 when nothing matches.
 int32_t decode_dc_category(kivod_bs *bs, const kivod_dc_tbl *t) {
-    const uint32_t b16 = kivod_bs_peek(bs, 16);
+    top_up(bs);
+    const uint32_t b16 = bs->bits >= 16 ? bs->cache >> 16 : kivod_bs_peek(bs, 16);
     const uint32_t b8 = b16 >> 8;
     int32_t cat = t->lookup[b8];
     if (cat < 12) {
@@ -47,32 +49,40 @@ int32_t decode_dc_category(kivod_bs *bs, const kivod_dc_tbl *t) {
 // Decodes an AC symbol into run and size. 0, or -202 for a code the table
 // does not hold.
 int32_t decode_ac_symbol(kivod_bs *bs, const kivod_ac_tbl *t, int32_t *run, int32_t *size) {
-    const uint32_t b16 = kivod_bs_peek(bs, 16);
+    top_up(bs);
+    const bool cached = bs->bits >= 16;
+    const uint32_t b16 = cached ? bs->cache >> 16 : kivod_bs_peek(bs, 16);
     const kivod_ac_look e = t->lookup[b16 >> 8];
-    if (e.len <= 8) {
-        kivod_bs_skip(bs, e.len);
+    int32_t len = e.len;
+    if (len <= 8) {
         *run = e.run;
         *size = e.size;
-        return KIVO_OK;
-    }
-    for (int32_t len = 9; len <= 16; ++len) {
-        const uint32_t code = b16 >> (16 - len);
-        const kivod_ac_range &r = t->range[len];
-        if (code < r.mincode || code > r.maxcode) continue;
-        const uint32_t idx = code - r.mincode + r.valptr;
+    } else {
+        uint32_t idx = 256;
+        for (len = 9; len <= 16; ++len) {
+            const uint32_t code = b16 >> (16 - len);
+            const kivod_ac_range &r = t->range[len];
+            if (code < r.mincode || code > r.maxcode) continue;
+            idx = code - r.mincode + r.valptr;
+            break;
+        }
         if (idx > 255 || len >= t->count) return KIVO_ERR_MALFORMED;
-        kivod_bs_skip(bs, len);
         *run = t->sym[idx].run;
         *size = t->sym[idx].size;
-        return KIVO_OK;
     }
-    return KIVO_ERR_MALFORMED;
+    if (cached) {
+        bs->cache <<= len;
+        bs->bits -= len;
+    } else {
+        kivod_bs_skip(bs, len);
+    }
+    return KIVO_OK;
 }
 
 // Refinement bit of an already non-zero coefficient: moves it one step of
 // 2^al away from zero unless that bit is set already.
 inline void refine(kivod_bs *bs, int16_t *coef, int32_t p1) {
-    if (kivod_bs_read(bs, 1) && (*coef & p1) == 0)
+    if (get_bits(bs, 1) && (*coef & p1) == 0)
         *coef = low16(*coef >= 0 ? *coef + p1 : *coef - p1);
 }
 
@@ -104,12 +114,12 @@ int32_t decode_block(kivod_bs *bs, const kivod_ctx *ctx, int c, int16_t *blk, in
     const int32_t al = sh.al;
     if (sh.ss == 0) {
         if (sh.ah) {
-            if (kivod_bs_read(bs, 1)) blk[0] = low16(blk[0] | (1 << al));
+            if (get_bits(bs, 1)) blk[0] = low16(blk[0] | (1 << al));
             return KIVO_OK;
         }
         const int32_t cat = decode_dc_category(bs, &ctx->dc_tbl[sh.td[c]]);
         if (cat < 0) return KIVO_ERR_MALFORMED;
-        const int32_t diff = cat ? extend(kivod_bs_read(bs, cat), cat) : 0;
+        const int32_t diff = cat ? extend(get_bits(bs, cat), cat) : 0;
         *pred = low16(*pred + diff);
         blk[0] = shifted(*pred, al);
         return KIVO_OK;
@@ -127,11 +137,11 @@ int32_t decode_block(kivod_bs *bs, const kivod_ctx *ctx, int c, int16_t *blk, in
             if (size) {
                 k += run;
                 if (k > se) return KIVO_ERR_MALFORMED;
-                blk[kivo_tbl_zig_to_ras[k]] = shifted(extend(kivod_bs_read(bs, size), size), al);
+                blk[kivo_tbl_zig_to_ras[k]] = shifted(extend(get_bits(bs, size), size), al);
             } else if (run == 15) {
                 k += 15;
             } else {
-                *eob_run = (1 << run) - 1 + (run ? static_cast<int32_t>(kivod_bs_read(bs, run)) : 0);
+                *eob_run = (1 << run) - 1 + (run ? static_cast<int32_t>(get_bits(bs, run)) : 0);
                 break;
             }
         }
@@ -148,9 +158,9 @@ int32_t decode_block(kivod_bs *bs, const kivod_ctx *ctx, int c, int16_t *blk, in
             int32_t value = 0;
             if (size) {
                 if (size != 1) return KIVO_ERR_MALFORMED;
-                value = kivod_bs_read(bs, 1) ? p1 : -p1;
+                value = get_bits(bs, 1) ? p1 : -p1;
             } else if (run != 15) {
-                *eob_run = (1 << run) + (run ? static_cast<int32_t>(kivod_bs_read(bs, run)) : 0);
+                *eob_run = (1 << run) + (run ? static_cast<int32_t>(get_bits(bs, run)) : 0);
                 break;
             }
             // Pass `run` zero coefficients, refining the non-zero ones met.

@@ -16,35 +16,9 @@
 // per symbol.
 #include <cstring>
 
-#include "decoder/kivod_int.h"
+#include "decoder/bs_inline.h"
 
 namespace {
-
-constexpr int32_t kFill = 24;
-
-inline void top_up(kivod_bs *bs) {
-    if (bs->bits >= kFill) return;
-    if (bs->type == KIVOD_INPUT_BITB && bs->bits >= 0 && bs->not_ff != 0 && bs->end - bs->cur >= 3) {
-        // Memory input with 4 bytes ahead: load bytes straight into the
-        // cache up to the first 0xFF, which the reader's refill handles.
-        const uint8_t *p = bs->cur;
-        uint32_t cache = bs->cache;
-        int32_t bits = bs->bits;
-        do {
-            uint32_t b = *p;
-            if (b == 0xFF) break;
-            cache |= b << (24 - bits);
-            bits += 8;
-            ++p;
-        } while (bits <= 24);
-        if (p != bs->cur) bs->not_ff = p[-1] ^ 0xFFu;
-        bs->cache = cache;
-        bs->bits = bits;
-        bs->cur = p;
-        if (bits >= kFill) return;
-    }
-    kivod_bs_peek(bs, kFill);
-}
 
 // The low 16 bits of v as a signed value (modular conversion).
 inline int16_t low16(uint32_t v) { return static_cast<int16_t>(static_cast<uint16_t>(v)); }
