@@ -1,15 +1,25 @@
-// Encoder kernel slots: the plain kernels; SIMD variants replace them where
-// the CPU flags allow.
-#include "encoder/kivoe_int.h"
+// Encoder kernel slots: the plain kernels first, then the best variant the
+// CPU flags allow.
+#include "encoder/enc_simd.h"
 
 void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
-    (void)cpu_flags;
     proc->fdct8 = kivoe_fdct8;
     proc->quant = kivoe_quant;
     proc->quant_rdoq = kivoe_quant_rdoq;
+#if defined(KIVO_ARCH_x86)
+    if (!(cpu_flags & KIVO_CPU_SSE2)) return;
+    proc->quant = kivoe_quant_sse2;
+    proc->quant_rdoq = kivoe_quant_rdoq_sse2;
+#else
+    (void)cpu_flags;
+#endif
 }
 
 const char *kivoe_dsp_describe(uint32_t cpu_flags) {
+#if defined(KIVO_ARCH_x86)
+    if (cpu_flags & KIVO_CPU_SSE2) return "fdct8 c, quant sse2, quant_rdoq sse2";
+#else
     (void)cpu_flags;
+#endif
     return "fdct8 c, quant c, quant_rdoq c";
 }

@@ -1,0 +1,11 @@
+// SIMD variants of the encoder's kernels; each gives exactly what the plain
+// one gives.
+#ifndef KIVO_ENCODER_SIMD_H
+#define KIVO_ENCODER_SIMD_H
+
+#include "encoder/kivoe_int.h"
+
+int32_t kivoe_quant_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+void kivoe_quant_rdoq_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+
+#endif

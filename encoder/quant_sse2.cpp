@@ -1,0 +1,53 @@
+// SSE2 quantizers, eight coefficients per step, bit-exact to the plain ones.
+#include <emmintrin.h>
+
+#include "encoder/enc_simd.h"
+
+int32_t kivoe_quant_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+    const __m128i limit = _mm_set1_epi16(32767);
+    int32_t zeros = 0;
+    for (int i = 0; i < 64; i += 8) {
+        const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blk + i));
+        const __m128i r = _mm_loadu_si128(reinterpret_cast<const __m128i *>(recip + i));
+        const __m128i o = _mm_loadu_si128(reinterpret_cast<const __m128i *>(offset + i));
+        const __m128i sign = _mm_srai_epi16(c, 15);
+        // |c| as unsigned 16 bits (32768 for -32768), plus the offset: at
+        // most 32768 + 32767, still below 65536.
+        const __m128i a = _mm_add_epi16(_mm_sub_epi16(_mm_xor_si128(c, sign), sign), o);
+        // (a * recip) >> 14 from the high and low halves of the product.
+        const __m128i hi = _mm_mulhi_epu16(a, r), lo = _mm_mullo_epi16(a, r);
+        __m128i n = _mm_or_si128(_mm_slli_epi16(hi, 2), _mm_srli_epi16(lo, 14));
+        n = _mm_sub_epi16(n, _mm_subs_epu16(n, limit));  // at most 32767
+        // Negative and zero coefficients take the negative sign: -n.
+        const __m128i pos = _mm_cmpgt_epi16(c, _mm_setzero_si128());
+        const __m128i neg = _mm_sub_epi16(_mm_setzero_si128(), n);
+        const __m128i level = _mm_or_si128(_mm_and_si128(pos, n), _mm_andnot_si128(pos, neg));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(blk + i), level);
+        zeros += __builtin_popcount(_mm_movemask_epi8(_mm_cmpeq_epi16(level, _mm_setzero_si128()))) / 2;
+    }
+    return 64 - zeros;
+}
+
+void kivoe_quant_rdoq_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+    for (int i = 0; i < 64; i += 8) {
+        const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blk + i));
+        const __m128i r = _mm_loadu_si128(reinterpret_cast<const __m128i *>(recip + i));
+        const __m128i o = _mm_loadu_si128(reinterpret_cast<const __m128i *>(offset + i));
+        const __m128i sign = _mm_srai_epi16(c, 15);
+        const __m128i a = _mm_sub_epi16(_mm_xor_si128(c, sign), sign);
+        const __m128i hi = _mm_mulhi_epu16(a, r), lo = _mm_mullo_epi16(a, r);
+        const __m128i zero = _mm_setzero_si128();
+        // 32-bit products plus the offset, shifted by 14.
+        __m128i p0 = _mm_add_epi32(_mm_unpacklo_epi16(lo, hi), _mm_unpacklo_epi16(o, zero));
+        __m128i p1 = _mm_add_epi32(_mm_unpackhi_epi16(lo, hi), _mm_unpackhi_epi16(o, zero));
+        p0 = _mm_srli_epi32(p0, 14);
+        p1 = _mm_srli_epi32(p1, 14);
+        // Keep the low 16 bits of each (no saturation).
+        p0 = _mm_srai_epi32(_mm_slli_epi32(p0, 16), 16);
+        p1 = _mm_srai_epi32(_mm_slli_epi32(p1, 16), 16);
+        const __m128i n = _mm_packs_epi32(p0, p1);
+        const __m128i pos = _mm_cmpgt_epi16(c, zero);
+        const __m128i level = _mm_or_si128(_mm_and_si128(pos, n), _mm_andnot_si128(pos, _mm_sub_epi16(zero, n)));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(blk + i), level);
+    }
+}
