@@ -14,6 +14,7 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
     proc->fdct8 = kivoe_fdct8_avx2;
 #elif defined(KIVO_ARCH_arm)
     if (!(cpu_flags & KIVO_CPU_NEON)) return;
+    proc->fdct8 = kivoe_fdct8_neon;
     proc->quant = kivoe_quant_neon;
     proc->quant_rdoq = kivoe_quant_rdoq_neon;
 #else
@@ -26,7 +27,7 @@ const char *kivoe_dsp_describe(uint32_t cpu_flags) {
     if (cpu_flags & KIVO_CPU_AVX2) return "fdct8 avx2, quant sse2, quant_rdoq sse2";
     if (cpu_flags & KIVO_CPU_SSE2) return "fdct8 c, quant sse2, quant_rdoq sse2";
 #elif defined(KIVO_ARCH_arm)
-    if (cpu_flags & KIVO_CPU_NEON) return "fdct8 c, quant neon, quant_rdoq neon";
+    if (cpu_flags & KIVO_CPU_NEON) return "fdct8 neon, quant neon, quant_rdoq neon";
 #else
     (void)cpu_flags;
 #endif
