@@ -86,7 +86,7 @@ inline void refine(kivod_bs *bs, int16_t *coef, int32_t p1) {
         *coef = low16(*coef >= 0 ? *coef + p1 : *coef - p1);
 }
 
-bool exhausted(const kivod_bs *bs) { return kivod_bs_input_done(bs) && bs->bits < 1; }
+bool exhausted(const kivod_bs *bs) { return bs->bits < 1 && kivod_bs_input_done(bs); }
 
 int32_t check_prog_scan(const kivod_ctx *ctx) {
     const kivod_sh &sh = ctx->sh;
@@ -108,49 +108,93 @@ int32_t check_prog_scan(const kivod_ctx *ctx) {
     return blocks > 10 ? KIVO_ERR_MALFORMED : KIVO_OK;
 }
 
-// One block of the scan. pred: the component's DC predictor (quantized).
-int32_t decode_block(kivod_bs *bs, const kivod_ctx *ctx, int c, int16_t *blk, int16_t *pred, int32_t *eob_run) {
-    const kivod_sh &sh = ctx->sh;
-    const int32_t al = sh.al;
-    if (sh.ss == 0) {
-        if (sh.ah) {
-            if (get_bits(bs, 1)) blk[0] = low16(blk[0] | (1 << al));
-            return KIVO_OK;
-        }
-        const int32_t cat = decode_dc_category(bs, &ctx->dc_tbl[sh.td[c]]);
-        if (cat < 0) return KIVO_ERR_MALFORMED;
-        const int32_t diff = cat ? extend(get_bits(bs, cat), cat) : 0;
-        *pred = low16(*pred + diff);
-        blk[0] = shifted(*pred, al);
+typedef int32_t (*dc_prog_fn)(kivod_bs *bs, int32_t al, int16_t *pred, const kivod_dc_tbl *t, int16_t *blk);
+typedef int32_t (*ac_prog_fn)(kivod_bs *bs, int32_t ss, int32_t se, int32_t al, int32_t *eob_run,
+                              const kivod_ac_tbl *t, int16_t *blk);
+
+// What every block of one scan needs: its routine, band, point transform
+// and, per frame component, its table.
+struct ScanCoder {
+    dc_prog_fn dc;
+    ac_prog_fn ac;
+    int32_t ss, se, al;
+    const kivod_dc_tbl *dc_tbl[4];
+    const kivod_ac_tbl *ac_tbl[4];
+};
+
+inline int32_t decode_block(const ScanCoder &s, kivod_bs *bs, int c, int16_t *blk, int16_t *pred,
+                            int32_t *eob_run) {
+    if (s.ss == 0) return s.dc(bs, s.al, pred, s.dc_tbl[c], blk);
+    return s.ac(bs, s.ss, s.se, s.al, eob_run, s.ac_tbl[c], blk);
+}
+
+}  // namespace
+
+int32_t kivod_vld_dc_prog(kivod_bs *bs, int32_t al, int16_t *pred, const kivod_dc_tbl *t, int16_t *blk) {
+    const int32_t cat = decode_dc_category(bs, t);
+    if (cat < 0) return KIVO_ERR_MALFORMED;
+    const int32_t diff = cat ? extend(get_bits(bs, cat), cat) : 0;
+    *pred = low16(*pred + diff);
+    blk[0] = shifted(*pred, al);
+    return KIVO_OK;
+}
+
+int32_t kivod_vld_dc_prog_refine(kivod_bs *bs, int32_t al, int16_t *, const kivod_dc_tbl *, int16_t *blk) {
+    if (get_bits(bs, 1)) blk[0] = low16(blk[0] | (1 << al));
+    return KIVO_OK;
+}
+
+int32_t kivod_vld_ac_prog(kivod_bs *bs, int32_t ss, int32_t se, int32_t al, int32_t *eob_run,
+                          const kivod_ac_tbl *t, int16_t *blk) {
+    if (*eob_run > 0) {
+        --*eob_run;
         return KIVO_OK;
     }
-    const kivod_ac_tbl *t = &ctx->ac_tbl[sh.ta[c]];
-    const int32_t se = sh.se;
-    if (!sh.ah) {
-        if (*eob_run > 0) {
-            --*eob_run;
-            return KIVO_OK;
-        }
-        for (int32_t k = sh.ss; k <= se; ++k) {
-            int32_t run, size;
-            if (decode_ac_symbol(bs, t, &run, &size) != 0) return KIVO_ERR_MALFORMED;
-            if (size) {
-                k += run;
+    for (int32_t k = ss; k <= se; ++k) {
+        top_up(bs);
+        if (bs->bits >= kivod_fast_bits) {
+            // Codes that fit with their extra bits in the next few bits: one
+            // look-up gives run, value and the bits to consume.
+            const int32_t f = t->fast[bs->cache >> (32 - kivod_fast_bits)];
+            if (f) {
+                const int32_t len = f & 0xFF;
+                bs->cache <<= len;
+                bs->bits -= len;
+                if (f & kivod_fast_eob) return KIVO_OK;  // a run of this block only
+                if (f & kivod_fast_zrl) {
+                    k += 15;
+                    continue;
+                }
+                k += (f >> 8) & 15;
                 if (k > se) return KIVO_ERR_MALFORMED;
-                blk[kivo_tbl_zig_to_ras[k]] = shifted(extend(get_bits(bs, size), size), al);
-            } else if (run == 15) {
-                k += 15;
-            } else {
-                *eob_run = (1 << run) - 1 + (run ? static_cast<int32_t>(get_bits(bs, run)) : 0);
-                break;
+                const int16_t value = static_cast<int16_t>(static_cast<uint32_t>(f) >> 16);
+                blk[kivo_tbl_zig_to_ras[k]] = shifted(value, al);
+                continue;
             }
         }
-        return KIVO_OK;
+        int32_t run, size;
+        if (decode_ac_symbol(bs, t, &run, &size) != 0) return KIVO_ERR_MALFORMED;
+        if (size) {
+            k += run;
+            if (k > se) return KIVO_ERR_MALFORMED;
+            blk[kivo_tbl_zig_to_ras[k]] = shifted(extend(get_bits(bs, size), size), al);
+        } else if (run == 15) {
+            k += 15;
+        } else {
+            // This block and 2^run + (run bits) - 1 more end here.
+            *eob_run = (1 << run) - 1 + (run ? static_cast<int32_t>(get_bits(bs, run)) : 0);
+            return KIVO_OK;
+        }
     }
-    // Refinement: new coefficients of +-2^al, one correction bit for every
-    // coefficient already non-zero that the scan passes.
+    return KIVO_OK;
+}
+
+int32_t kivod_vld_ac_prog_refine(kivod_bs *bs, int32_t ss, int32_t se, int32_t al, int32_t *eob_run,
+                                 const kivod_ac_tbl *t, int16_t *blk) {
+    // New coefficients are +-2^al; every coefficient already non-zero that
+    // the scan passes reads one correction bit.
     const int32_t p1 = 1 << al;
-    int32_t k = sh.ss;
+    int32_t k = ss;
     if (*eob_run == 0) {
         for (; k <= se; ++k) {
             int32_t run, size;
@@ -160,10 +204,12 @@ int32_t decode_block(kivod_bs *bs, const kivod_ctx *ctx, int c, int16_t *blk, in
                 if (size != 1) return KIVO_ERR_MALFORMED;
                 value = get_bits(bs, 1) ? p1 : -p1;
             } else if (run != 15) {
+                // The run counts this block, which ends below.
                 *eob_run = (1 << run) + (run ? static_cast<int32_t>(get_bits(bs, run)) : 0);
                 break;
             }
-            // Pass `run` zero coefficients, refining the non-zero ones met.
+            // Pass `run` zero coefficients, refining the non-zero ones met;
+            // stop on the zero that takes the new value (or ends sixteen zeros).
             for (; k <= se; ++k) {
                 int16_t *coef = &blk[kivo_tbl_zig_to_ras[k]];
                 if (*coef) {
@@ -177,6 +223,7 @@ int32_t decode_block(kivod_bs *bs, const kivod_ctx *ctx, int c, int16_t *blk, in
         }
     }
     if (*eob_run > 0) {
+        // Inside a run: only correction bits for the rest of the band.
         for (; k <= se; ++k) {
             int16_t *coef = &blk[kivo_tbl_zig_to_ras[k]];
             if (*coef) refine(bs, coef, p1);
@@ -185,8 +232,6 @@ int32_t decode_block(kivod_bs *bs, const kivod_ctx *ctx, int c, int16_t *blk, in
     }
     return KIVO_OK;
 }
-
-}  // namespace
 
 int32_t kivod_dec_scan_prog(kivod_ctx *ctx, int32_t *done) {
     // Restart intervals in progressive frames are not decoded.
@@ -200,17 +245,29 @@ int32_t kivod_dec_scan_prog(kivod_ctx *ctx, int32_t *done) {
         *done = 1;
         return KIVO_OK;
     }
+    ScanCoder coder;
+    coder.ss = sh.ss;
+    coder.se = sh.se;
+    coder.al = sh.al;
+    coder.dc = sh.ah ? kivod_vld_dc_prog_refine : kivod_vld_dc_prog;
+    coder.ac = sh.ah ? kivod_vld_ac_prog_refine : kivod_vld_ac_prog;
+    for (int c = 0; c < 4; ++c) {
+        coder.dc_tbl[c] = &ctx->dc_tbl[sh.td[c] & 3];
+        coder.ac_tbl[c] = &ctx->ac_tbl[sh.ta[c] & 3];
+    }
     kivod_bs *bs = &ctx->scan_bs;
     int16_t pred[4] = {0, 0, 0, 0};
     int32_t eob_run = 0;
     const int ns = sh.n_comp;
     if (ns == 1) {
         const int c = sh.comp_idx[0];
-        const int32_t bw = (ctx->comp_w[c] + 7) / 8, bh = (ctx->comp_h[c] + 7) / 8;
+        int32_t bw = (ctx->comp_w[c] + 7) / 8, bh = (ctx->comp_h[c] + 7) / 8;
+        if (bw > ctx->prog_blk_w[c]) bw = ctx->prog_blk_w[c];
+        if (bh > ctx->prog_blk_h[c]) bh = ctx->prog_blk_h[c];
         for (int32_t r = 0; r < bh && ret == KIVO_OK; ++r)
             for (int32_t q = 0; q < bw; ++q) {
                 int16_t *blk = ctx->coef_buf[c] + (static_cast<size_t>(r) * ctx->prog_blk_w[c] + q) * 64;
-                ret = decode_block(bs, ctx, c, blk, &pred[c], &eob_run);
+                ret = decode_block(coder, bs, c, blk, &pred[c], &eob_run);
                 if (ret == KIVO_OK && exhausted(bs)) ret = KIVO_ERR_MALFORMED;
                 if (ret != KIVO_OK) break;
             }
@@ -223,7 +280,7 @@ int32_t kivod_dec_scan_prog(kivod_ctx *ctx, int32_t *done) {
                         for (int h = 0; h < fh.h[c] && ret == KIVO_OK; ++h) {
                             const size_t row = static_cast<size_t>(r) * fh.v[c] + v, col = static_cast<size_t>(q) * fh.h[c] + h;
                             int16_t *blk = ctx->coef_buf[c] + (row * ctx->prog_blk_w[c] + col) * 64;
-                            ret = decode_block(bs, ctx, c, blk, &pred[c], &eob_run);
+                            ret = decode_block(coder, bs, c, blk, &pred[c], &eob_run);
                         }
                     if (ret == KIVO_OK && exhausted(bs)) ret = KIVO_ERR_MALFORMED;
                 }
@@ -251,7 +308,7 @@ int32_t kivod_finish_prog(kivod_ctx *ctx) {
         w->n_comp = static_cast<uint8_t>(t == n - 1 ? nc - t : 1);
     }
     const int32_t ret = dec_mt(ctx);
-    ctx->dc_level_total += ctx->work[0]->dc_level_sum;
+    for (int t = 0; t < n; ++t) ctx->dc_level_total += ctx->work[t]->dc_level_sum;
     return ret;
 }
 
