@@ -1,5 +1,6 @@
 // SIMD variants of the encoder's kernels; each gives exactly what the plain
-// one gives.
+// one gives (the x86 kivoe_quant variants for offsets below 32768, which
+// the half values always are).
 #ifndef KIVO_ENCODER_SIMD_H
 #define KIVO_ENCODER_SIMD_H
 
@@ -8,6 +9,8 @@
 int32_t kivoe_quant_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_quant_rdoq_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_fdct8_avx2(int16_t *blk);
+int32_t kivoe_quant_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+void kivoe_quant_rdoq_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_fdct8_neon(int16_t *blk);
 int32_t kivoe_quant_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_quant_rdoq_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);

@@ -1,8 +1,6 @@
 // Perceptual quantizer selection: the pushed picture is sampled in 8x8
 // analysis blocks, its mean brightness and per-frequency magnitudes choose
 // the quantizers.
-#include <cstring>
-
 #include "encoder/kivoe_int.h"
 
 namespace {
@@ -42,19 +40,26 @@ void sample_plane(const kivoe_ctx *ctx, const uint8_t *p, int32_t stride, int32_
 
 }  // namespace
 
+// Returns 0, or -105 for a negative level, or -104 (tables and `out` left
+// as they were) when there is no pushed picture or when the luma plane, or
+// the chroma planes of a picture that has them, hold no whole analysis
+// block. A picture without chroma planes gets its luma table chosen and
+// keeps its chroma table, whose quantizers `out` then carries.
 int32_t kivoe_get_qt(kivoe_ctx *ctx, int32_t level, uint8_t *out) {
-    // A negative level means nothing; a level so large that no block fits
-    // any plane is caught below.
-    if (level < 0 || level > 12) return KIVO_ERR_INVALID_ARG;
+    if (level < 0) return KIVO_ERR_INVALID_ARG;
     const kivo_picbuf *pic = ctx->pic_cur;
     if (!pic || !ctx->proc.fdct8) return KIVO_ERR_UNAVAILABLE;
+    // An analysis block at level 13 spans 65536 samples, more than a JPEG
+    // frame can hold (this also keeps the shifts below in range).
+    if (level > 12) return KIVO_ERR_UNAVAILABLE;
     Stats luma{}, chroma{};
     const int32_t f = ctx->color_format, w = pic->width, h = pic->height;
+    const int32_t s = 1 << level, span = 8 * s;
+    bool has_chroma = true;
     if (f == XELO_CS_YUYV) {
         const uint8_t *p = pic->plane[0];
         sample_plane(ctx, p, pic->stride_y, 2, w, h, level, &luma);
         // Cb at byte 1 and Cr at byte 3 of each quadruple, block by block.
-        const int32_t s = 1 << level, span = 8 * s;
         for (int32_t by = 0; by < (h >> (level + 3)); ++by)
             for (int32_t bx = 0; bx < (w >> (level + 4)); ++bx) {
                 const uint8_t *q = p + static_cast<ptrdiff_t>(by) * span * pic->stride_y + static_cast<ptrdiff_t>(bx) * span * 4;
@@ -63,11 +68,12 @@ int32_t kivoe_get_qt(kivoe_ctx *ctx, int32_t level, uint8_t *out) {
             }
     } else {
         sample_plane(ctx, pic->plane[0], pic->stride_y, 1, w, h, level, &luma);
+        // NV12 and NV21: one chroma plane of pairs, stepped like the luma plane.
         const bool interleaved = f == XELO_CS_NV12 || f == XELO_CS_NV21;
         const int32_t step = interleaved ? 2 : 1;
         const int32_t stride = interleaved ? pic->stride_y : pic->stride_c;
-        if (pic->plane[1] && pic->plane[2] && f != XELO_CS_YCBCR400 && f != XELO_CS_YCBCRK400) {
-            const int32_t s = 1 << level, span = 8 * s;
+        has_chroma = pic->plane[1] && pic->plane[2] && f != XELO_CS_YCBCR400 && f != XELO_CS_YCBCRK400;
+        if (has_chroma) {
             for (int32_t by = 0; by < (pic->height_c >> (level + 3)); ++by)
                 for (int32_t bx = 0; bx < (pic->width_c >> (level + 3)); ++bx) {
                     const ptrdiff_t off = static_cast<ptrdiff_t>(by) * span * stride + static_cast<ptrdiff_t>(bx) * span * step;
@@ -76,19 +82,18 @@ int32_t kivoe_get_qt(kivoe_ctx *ctx, int32_t level, uint8_t *out) {
                 }
         }
     }
-    // Without a whole analysis block in the luma plane there is nothing to
-    // choose from: the current tables stay. A picture without chroma keeps
-    // its chroma statistics at 0 (flat), which gives the finest chroma table.
-    if (luma.blocks == 0) return KIVO_ERR_UNAVAILABLE;
+    if (luma.blocks == 0 || (has_chroma && chroma.blocks == 0)) return KIVO_ERR_UNAVAILABLE;
+    // Sums are 64-bit so that no picture size can overflow them; the means
+    // fit 32 bits (0..255 for the level, at most 1024 for a magnitude).
     uint32_t mean[2][64];
     for (int i = 0; i < 64; ++i) {
         mean[0][i] = static_cast<uint32_t>(luma.sum[i] / luma.blocks);
-        mean[1][i] = chroma.blocks ? static_cast<uint32_t>(chroma.sum[i] / chroma.blocks) : 0;
+        mean[1][i] = has_chroma ? static_cast<uint32_t>(chroma.sum[i] / chroma.blocks) : 0;
     }
     const int32_t base = tbl_thr[mean[0][0] > 255 ? 255 : mean[0][0]];
     for (int t = 0; t < 2; ++t) {
         kivoe_qtbl &q = ctx->qtbl[t];
-        kivo_gen_qtbl(reinterpret_cast<int16_t *>(q.q), q.recip, q.half, mean[t], base);
+        if (t == 0 || has_chroma) kivo_gen_qtbl(reinterpret_cast<int16_t *>(q.q), q.recip, q.half, mean[t], base);
         for (int i = 0; i < 64; ++i) out[64 * t + i] = static_cast<uint8_t>(q.q[i]);
     }
     return KIVO_OK;

@@ -5,7 +5,7 @@
 
 int32_t kivoe_quant_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
     const __m128i limit = _mm_set1_epi16(32767);
-    int32_t zeros = 0;
+    __m128i zeros = _mm_setzero_si128();  // per lane: levels equal to 0
     for (int i = 0; i < 64; i += 8) {
         const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blk + i));
         const __m128i r = _mm_loadu_si128(reinterpret_cast<const __m128i *>(recip + i));
@@ -23,9 +23,12 @@ int32_t kivoe_quant_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *of
         const __m128i neg = _mm_sub_epi16(_mm_setzero_si128(), n);
         const __m128i level = _mm_or_si128(_mm_and_si128(pos, n), _mm_andnot_si128(pos, neg));
         _mm_storeu_si128(reinterpret_cast<__m128i *>(blk + i), level);
-        zeros += __builtin_popcount(_mm_movemask_epi8(_mm_cmpeq_epi16(level, _mm_setzero_si128()))) / 2;
+        zeros = _mm_sub_epi16(zeros, _mm_cmpeq_epi16(level, _mm_setzero_si128()));
     }
-    return 64 - zeros;
+    __m128i sum = _mm_madd_epi16(zeros, _mm_set1_epi16(1));
+    sum = _mm_add_epi32(sum, _mm_shuffle_epi32(sum, _MM_SHUFFLE(1, 0, 3, 2)));
+    sum = _mm_add_epi32(sum, _mm_shuffle_epi32(sum, _MM_SHUFFLE(2, 3, 0, 1)));
+    return 64 - _mm_cvtsi128_si32(sum);
 }
 
 void kivoe_quant_rdoq_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
