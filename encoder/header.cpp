@@ -72,13 +72,16 @@ void kivoe_write_app(xelo_bsw *bs, const kivod_app_node *node) {
         xelo_bsw_sink(bs);
         // The data are copied straight to the output, never past its end.
         size_t n = node->size;
-        const size_t room = static_cast<size_t>(bs->end_ptr - bs->write_ptr);
+        const size_t room =
+            bs->write_ptr && bs->end_ptr > bs->write_ptr ? static_cast<size_t>(bs->end_ptr - bs->write_ptr) : 0;
         if (n > room) {
             n = room;
             bs->overflow = 1;
         }
-        std::memcpy(bs->write_ptr, node->data, n);
-        bs->write_ptr += n;
+        if (n) {
+            std::memcpy(bs->write_ptr, node->data, n);
+            bs->write_ptr += n;
+        }
     }
 }
 

@@ -53,130 +53,171 @@ int32_t kivoe_init_huff_tbl(kivoe_ctx *ctx) {
 }
 
 int32_t kivoe_gen_code_tbl(kivoe_ctx *ctx) {
-    for (int i = 0; i < 4; ++i) {
+    for (int32_t i = 0; i < 4; ++i) {
         const kivoe_huff_spec &s = ctx->huff_spec[i];
-        const int id = s.id & 3;
+        const int32_t id = s.id & 3;
+        const int32_t count = s.count < 0 ? 0 : (s.count > 256 ? 256 : s.count);
+        // Canonical codes: consecutive within a length, doubled after each.
+        // A code is kept to its length even when the counts overfill it, so
+        // that the coder can put code and extra bits side by side.
         uint32_t code = 0;
-        int k = 0;
+        int32_t k = 0;
         if (s.cls == 0) {
             kivoe_dc_tbl &t = ctx->dc_tbl[id];
-            for (auto &c : t.code) c.len = 0;
-            for (int l = 1; l <= 16; ++l) {
-                for (int n = 0; n < s.bits[l - 1] && k < s.count; ++n, ++k, ++code) {
-                    const int v = s.vals[k] & 0xFF;
-                    t.code[v].code = static_cast<uint16_t>(code);
-                    t.code[v].len = static_cast<uint8_t>(l);
+            for (kivoe_code &c : t.code) c = kivoe_code{0, 0};
+            // All 16 lengths: an optimised table may hold DC codes longer
+            // than the 12 bits of the typical ones.
+            for (int32_t l = 1; l <= 16; ++l, code <<= 1) {
+                for (int32_t n = 0; n < s.bits[l - 1] && k < count; ++n, ++k, ++code) {
+                    kivoe_code &c = t.code[s.vals[k] & 0xFF];
+                    c.code = static_cast<uint16_t>(code & ((1u << l) - 1));
+                    c.len = static_cast<uint8_t>(l);
                 }
-                code <<= 1;
             }
             t.count = s.count;
-            for (int l = 0; l < 16; ++l) t.bits[l] = s.bits[l];
+            for (int32_t l = 0; l < 16; ++l) t.bits[l] = s.bits[l];
         } else {
             kivoe_ac_tbl &t = ctx->ac_tbl[id];
             t.count = s.count + 1;
-            for (int p = 0; p <= s.count && p < 257; ++p) t.code[p].len = 0;
-            for (auto &c : t.by_symbol) c.len = 0;
-            for (int l = 1; l <= 16; ++l) {
-                for (int n = 0; n < s.bits[l - 1] && k < s.count; ++n, ++k, ++code) {
-                    const int v = s.vals[k] & 0xFF;
+            for (int32_t p = 0; p <= count; ++p) t.code[p].len = 0;
+            for (kivoe_code &c : t.by_symbol) c = kivoe_code{0, 0};
+            for (int32_t l = 1; l <= 16; ++l, code <<= 1) {
+                for (int32_t n = 0; n < s.bits[l - 1] && k < count; ++n, ++k, ++code) {
+                    const int32_t v = s.vals[k] & 0xFF;
                     kivoe_ac_code &e = t.code[k];
-                    e.code = static_cast<uint16_t>(code);
+                    e.code = static_cast<uint16_t>(code & ((1u << l) - 1));
                     e.len = static_cast<uint8_t>(l);
                     e.run = static_cast<uint8_t>(v >> 4);
                     e.size = static_cast<uint8_t>(v & 15);
                     t.index[v] = k;
-                    t.by_symbol[v].code = e.code;
-                    t.by_symbol[v].len = e.len;
+                    t.by_symbol[v] = kivoe_code{e.code, e.len};
                 }
-                code <<= 1;
             }
-            for (int l = 0; l < 16; ++l) t.bits[l] = s.bits[l];
+            for (int32_t l = 0; l < 16; ++l) t.bits[l] = s.bits[l];
         }
     }
     return KIVO_OK;
 }
 
+namespace {
+
+// Largest frequency total the merge searches can handle: a node above it
+// would never be picked again.
+constexpr uint64_t kFreqBound = 1000000000u;
+
+// Code sizes of a Huffman code for freq[0..256] (T.81 Figure K.1): merges
+// the two least frequent nodes until one is left; among equal frequencies
+// the larger symbol is taken. Returns the largest code size.
+int32_t code_sizes(const uint32_t in[257], int32_t codesize[257]) {
+    uint32_t freq[257];
+    int32_t others[257];
+    for (int32_t v = 0; v <= 256; ++v) {
+        freq[v] = in[v];
+        others[v] = -1;
+        codesize[v] = 0;
+    }
+    for (;;) {
+        int32_t a = -1, b = -1;
+        uint32_t fa = kFreqBound, fb = kFreqBound;
+        for (int32_t v = 0; v <= 256; ++v)
+            if (freq[v] && freq[v] <= fa) {
+                fa = freq[v];
+                a = v;
+            }
+        for (int32_t v = 0; v <= 256; ++v)
+            if (freq[v] && freq[v] <= fb && v != a) {
+                fb = freq[v];
+                b = v;
+            }
+        if (a < 0 || b < 0) break;
+        freq[a] += freq[b];
+        freq[b] = 0;
+        int32_t e = a;
+        ++codesize[e];
+        while (others[e] >= 0) ++codesize[e = others[e]];
+        others[e] = b;
+        e = b;
+        ++codesize[e];
+        while (others[e] >= 0) ++codesize[e = others[e]];
+    }
+    int32_t longest = 0;
+    for (int32_t v = 0; v <= 256; ++v) longest = codesize[v] > longest ? codesize[v] : longest;
+    return longest;
+}
+
+// Frequencies from 64-bit counters: scaled down (every non-zero count stays
+// at least 1) until their total, the reserved symbol included, is within
+// the search bound. Totals within it are taken as they are.
+void load_freq(const uint64_t *counter, int32_t n, uint32_t freq[257]) {
+    for (int32_t shift = 0; shift < 64; ++shift) {
+        uint64_t total = 1;
+        const uint64_t round = (uint64_t(1) << shift) - 1;
+        for (int32_t v = 0; v < n; ++v) {
+            const uint64_t c = counter[v];
+            const uint64_t f = c ? (c >> shift) + ((c & round) ? 1 : 0) : 0;
+            freq[v] = static_cast<uint32_t>(f > kFreqBound ? kFreqBound : f);
+            total += f;
+        }
+        if (total <= kFreqBound) break;
+    }
+    for (int32_t v = n; v < 256; ++v) freq[v] = 0;
+    freq[256] = 1;  // reserved: no code may consist of 1-bits only
+}
+
+}  // namespace
+
 int32_t kivoe_gen_opt_spec(kivoe_ctx *ctx) {
     const char *overflow_message =
         ctx->huff_overflow_msg ? ctx->huff_overflow_msg : "Error : Huffman code size table overflow";
-    for (int i = 0; i < 4; ++i) {
+    for (int32_t i = 0; i < 4; ++i) {
         kivoe_huff_spec &s = ctx->huff_spec[i];
-        const int id = s.id & 3;
-        int32_t bits[33] = {0};
-        int32_t codesize[257] = {0};
-        int32_t others[257];
-        uint32_t freq[257] = {0};
-        for (int32_t &o : others) o = -1;
+        const int32_t id = s.id & 3;
         std::memset(s.bits, 0, sizeof(s.bits));
         std::memset(s.vals, 0, sizeof(s.vals));
-        if (s.cls == 0) {
-            for (int v = 0; v < 26; ++v) freq[v] = static_cast<uint32_t>(ctx->dc_tbl[id].counter[v]);
-        } else {
-            for (int v = 0; v < 256; ++v) freq[v] = static_cast<uint32_t>(ctx->ac_tbl[id].counter[v]);
+        uint32_t freq[257];
+        if (s.cls == 0) load_freq(ctx->dc_tbl[id].counter, 26, freq);
+        else load_freq(ctx->ac_tbl[id].counter, 256, freq);
+
+        int32_t codesize[257];
+        int32_t bits[33] = {0};
+        if (code_sizes(freq, codesize) > 32) {
+            // Too deep for the 32-entry count: say so, then flatten the
+            // frequencies until the tree fits, so that the code stays a
+            // complete prefix code.
+            std::printf("%s\n", overflow_message);
+            do {
+                for (uint32_t &f : freq) f = f ? (f + 1) >> 1 : 0;
+            } while (code_sizes(freq, codesize) > 32);
         }
-        freq[256] = 1;  // reserved: no code may be all 1-bits
-        for (;;) {
-            // The two least frequent symbols; ties go to the larger index.
-            int a = -1, b = -1;
-            uint32_t fa = 1000000000u, fb = 1000000000u;
-            for (int v = 0; v <= 256; ++v)
-                if (freq[v] && freq[v] <= fa) {
-                    fa = freq[v];
-                    a = v;
-                }
-            for (int v = 0; v <= 256; ++v)
-                if (freq[v] && freq[v] <= fb && v != a) {
-                    fb = freq[v];
-                    b = v;
-                }
-            if (a < 0 || b < 0) break;
-            freq[a] += freq[b];
-            freq[b] = 0;
-            ++codesize[a];
-            int e = a;
-            while (others[e] >= 0) {
-                e = others[e];
-                ++codesize[e];
-            }
-            others[e] = b;
-            ++codesize[b];
-            e = b;
-            while (others[e] >= 0) {
-                e = others[e];
-                ++codesize[e];
-            }
-        }
-        for (int v = 0; v <= 256; ++v) {
-            if (!codesize[v]) continue;
-            int size = codesize[v];
-            if (size > 32) {
-                std::printf("%s\n", overflow_message);
-                size = 32;  // counted inside the table; the limit below still applies
-            }
-            ++bits[size];
-        }
-        for (int l = 32; l > 16; --l) {
+        for (int32_t v = 0; v <= 256; ++v)
+            if (codesize[v]) ++bits[codesize[v]];
+
+        // Limit to 16 bits (T.81 Figure K.3): a pair of the longest codes
+        // becomes one code a bit shorter and a prefix split to hold the other.
+        for (int32_t l = 32; l > 16; --l) {
             while (bits[l] > 0) {
-                int j = l - 2;
+                int32_t j = l - 2;
                 while (j > 0 && bits[j] == 0) --j;
-                if (j <= 0) break;
+                if (j == 0) break;
                 bits[l] -= 2;
                 bits[l - 1] += 1;
                 bits[j + 1] += 2;
                 bits[j] -= 1;
             }
         }
-        for (int l = 16; l > 0; --l) {
+        // The reserved symbol held one of the longest codes.
+        for (int32_t l = 16; l > 0; --l)
             if (bits[l] > 0) {
                 --bits[l];
                 break;
             }
-        }
-        for (int l = 1; l <= 16; ++l) s.bits[l - 1] = bits[l];
-        int count = 0;
-        for (int l = 1; l <= 32; ++l)
-            for (int v = 0; v < 256; ++v)
-                if (codesize[v] == l && count < 256) s.vals[count++] = v;
+        for (int32_t l = 1; l <= 16; ++l) s.bits[l - 1] = bits[l];
+
+        // Symbols by code size, then value (T.81 Figure K.4).
+        int32_t count = 0;
+        for (int32_t l = 1; l <= 32; ++l)
+            for (int32_t v = 0; v < 256; ++v)
+                if (codesize[v] == l) s.vals[count++] = v;
         s.count = count;
     }
     return KIVO_OK;

@@ -1,183 +1,342 @@
 // Entropy coder: baseline Huffman coding of DC differences and AC runs,
 // the statistics twins that count symbols instead, restart markers, EOI,
 // the rate functions and the two flush procedures of the bit writer.
+#include <cstring>
+
 #include "decoder/kivod_int.h"
 #include "encoder/kivoe_int.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#elif defined(__ARM_NEON)
+#include <arm_neon.h>
+#endif
+
 namespace {
 
-// Additional bits of v in category k: v itself when positive, the low k
-// bits of v - 1 when negative.
+// ---- non-zero AC coefficients in zig-zag order ---------------------------------
+
+// Zig-zag position of every raster position, from a walk along the
+// anti-diagonals (alternating direction, starting towards the right).
+struct RasToZig {
+    uint8_t z[64];
+};
+
+constexpr RasToZig make_ras_to_zig() {
+    RasToZig t{};
+    int32_t z = 0;
+    for (int32_t d = 0; d < 15; ++d) {
+        for (int32_t i = 0; i <= d; ++i) {
+            const int32_t row = (d & 1) ? i : d - i;
+            const int32_t col = d - row;
+            if (row < 8 && col < 8) t.z[row * 8 + col] = static_cast<uint8_t>(z++);
+        }
+    }
+    return t;
+}
+
+// kNibbleZig[i][m]: the zig-zag mask of the non-zero coefficients that the
+// four-bit pattern m marks among raster positions 4i to 4i + 3. The DC
+// position maps to no bit.
+struct NibbleZig {
+    uint64_t m[16][16];
+};
+
+constexpr NibbleZig make_nibble_zig() {
+    constexpr RasToZig r2z = make_ras_to_zig();
+    NibbleZig t{};
+    for (int32_t i = 0; i < 16; ++i)
+        for (int32_t m = 0; m < 16; ++m)
+            for (int32_t b = 0; b < 4; ++b) {
+                const int32_t z = r2z.z[4 * i + b];
+                if ((m >> b & 1) && z) t.m[i][m] |= uint64_t(1) << z;
+            }
+    return t;
+}
+
+constexpr NibbleZig kNibbleZig = make_nibble_zig();
+
+// Bit i set when blk[i] is not zero (raster order). *all_coded is set to
+// whether every value has a size category (none above 2047, none -32768).
+inline uint64_t raster_mask(const int16_t *blk, bool *all_coded) {
+#if defined(__SSE2__)
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i top = _mm_set1_epi16(2047);
+    const __m128i low = _mm_set1_epi16(-32768);
+    __m128i bad = zero;
+    uint64_t zeros = 0;
+    for (int32_t r = 0; r < 4; ++r) {
+        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blk + 16 * r));
+        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blk + 16 * r + 8));
+        const __m128i eq = _mm_packs_epi16(_mm_cmpeq_epi16(a, zero), _mm_cmpeq_epi16(b, zero));
+        zeros |= static_cast<uint64_t>(static_cast<uint32_t>(_mm_movemask_epi8(eq))) << (16 * r);
+        bad = _mm_or_si128(bad, _mm_or_si128(_mm_cmpgt_epi16(a, top), _mm_cmpgt_epi16(b, top)));
+        bad = _mm_or_si128(bad, _mm_or_si128(_mm_cmpeq_epi16(a, low), _mm_cmpeq_epi16(b, low)));
+    }
+    *all_coded = _mm_movemask_epi8(bad) == 0;
+    return ~zeros;
+#elif defined(__ARM_NEON)
+    const uint8x8_t weight = {1, 2, 4, 8, 16, 32, 64, 128};
+    const int16x8_t top = vdupq_n_s16(2047), low = vdupq_n_s16(-32768);
+    uint16x8_t bad = vdupq_n_u16(0);
+    uint8x8_t row[8];
+    for (int32_t r = 0; r < 8; ++r) {
+        const int16x8_t v = vld1q_s16(blk + 8 * r);
+        row[r] = vand_u8(vmovn_u16(vtstq_s16(v, v)), weight);
+        bad = vorrq_u16(bad, vorrq_u16(vcgtq_s16(v, top), vceqq_s16(v, low)));
+    }
+    const uint8x8_t p0 = vpadd_u8(row[0], row[1]), p1 = vpadd_u8(row[2], row[3]);
+    const uint8x8_t p2 = vpadd_u8(row[4], row[5]), p3 = vpadd_u8(row[6], row[7]);
+    const uint8x8_t all = vpadd_u8(vpadd_u8(p0, p1), vpadd_u8(p2, p3));
+    const uint8x8_t bad8 = vmovn_u16(bad);
+    *all_coded = vget_lane_u64(vreinterpret_u64_u8(bad8), 0) == 0;
+    return vget_lane_u64(vreinterpret_u64_u8(all), 0);
+#else
+    uint64_t m = 0;
+    bool ok = true;
+    for (int32_t i = 0; i < 64; ++i) {
+        m |= static_cast<uint64_t>(blk[i] != 0) << i;
+        ok = ok && blk[i] <= 2047 && blk[i] != -32768;
+    }
+    *all_coded = ok;
+    return m;
+#endif
+}
+
+// Bit z set when the AC coefficient at zig-zag position z is not zero.
+inline uint64_t zigzag_ac_mask(const int16_t *blk, bool *all_coded) {
+    const uint64_t m = raster_mask(blk, all_coded);
+    uint64_t z = 0;
+    for (int32_t i = 0; i < 16; ++i) z |= kNibbleZig.m[i][(m >> (4 * i)) & 15];
+    return z;
+}
+
+// True for the 16-bit values that have a size category: -32767 to 2047.
+inline bool has_category(int32_t v) { return static_cast<uint32_t>(v + 32767) <= 32767u + 2047u; }
+
+// Leading zeros of |v| in 32 bits for a non-zero 16-bit v: the size
+// category is 32 minus this.
+inline int32_t clz_abs(int32_t v) { return __builtin_clz(static_cast<uint32_t>(v < 0 ? -v : v)); }
+
+// Additional bits of a non-zero v whose |v| has `clz` leading zeros: v
+// itself when positive, the low bits of v - 1 when negative.
+inline uint32_t extra_bits_clz(int32_t v, int32_t clz) {
+    const uint32_t u = static_cast<uint32_t>(v - (v < 0 ? 1 : 0));
+    return (u << clz) >> clz;
+}
+
+// Additional bits of v in category k (0 for k = 0).
 inline uint32_t extra_bits(int32_t v, int32_t k) {
-    const uint32_t u = static_cast<uint32_t>(v < 0 ? v - 1 : v);
-    return u & ((1u << k) - 1);
+    return static_cast<uint32_t>(v - (v < 0 ? 1 : 0)) & ((1u << k) - 1);
+}
+
+// ---- bit output ------------------------------------------------------------------
+
+// Bytes a block can produce at most, stuffing included: 63 coefficient
+// codes and three ZRLs of at most 31 bits, EOB and pending bits, each byte
+// doubled by stuffing, plus the eight bytes a full buffer stores at once.
+constexpr ptrdiff_t kBlockMargin = 2 * ((66 * 31 + 16 + 63 + 7) / 8) + 16;
+
+// Writes the n high bytes of w, a 0x00 after each 0xFF; returns the end.
+__attribute__((noinline)) uint8_t *store_stuffed(uint8_t *p, uint64_t w, int32_t n) {
+    for (int32_t i = 0; i < n; ++i, w <<= 8) {
+        const uint8_t b = static_cast<uint8_t>(w >> 56);
+        *p++ = b;
+        if (b == 0xFF) *p++ = 0x00;
+    }
+    return p;
+}
+
+// True when one of the eight bytes of w is 0xFF.
+inline bool has_ff(uint64_t w) { return ((~w - 0x0101010101010101u) & w & 0x8080808080808080u) != 0; }
+
+// Entropy-coded bits written straight to memory with byte stuffing. Bits
+// gather in a 64-bit buffer that leaves eight bytes at a time; store()
+// pushes out whole 32-bit words as well, so that the bytes and the writer's
+// state are then exactly those of xelo_bsw_write with the stuffing flush.
+// Used only when the output has room for a whole block, so that nothing
+// here checks the end of the output.
+struct FastSink {
+    uint64_t acc;  // pending bits in the low n bits (higher bits are stale)
+    int32_t n;     // 0 to 64
+    uint8_t *p;
+
+    // The writer's state can be taken over: stuffing flush, a cache that is
+    // neither invalid nor full, and room for a block.
+    static bool usable(const xelo_bsw *bs) {
+        return bs->flush == kivoe_bs_flush_data_seg && bs->free_bits >= 1 && bs->free_bits <= 32 &&
+               bs->write_ptr && bs->end_ptr - bs->write_ptr >= kBlockMargin;
+    }
+
+    explicit FastSink(const xelo_bsw *bs)
+        : acc(static_cast<uint64_t>(bs->cache) >> bs->free_bits), n(32 - bs->free_bits), p(bs->write_ptr) {}
+
+    void store(xelo_bsw *bs) {
+        // Whole words go out as the writer would have written them.
+        while (n >= 32) {
+            const uint32_t w = static_cast<uint32_t>(acc >> (n - 32));
+            if (__builtin_expect(has_ff(w), 0)) {
+                p = store_stuffed(p, static_cast<uint64_t>(w) << 32, 4);
+            } else {
+                const uint32_t be = __builtin_bswap32(w);
+                std::memcpy(p, &be, 4);
+                p += 4;
+            }
+            n -= 32;
+        }
+        bs->cache = static_cast<uint32_t>(acc << (32 - n));
+        bs->free_bits = 32 - n;
+        bs->write_ptr = p;
+    }
+
+    // Writes the eight bytes of w.
+    void emit(uint64_t w) {
+        if (__builtin_expect(has_ff(w), 0)) {
+            p = store_stuffed(p, w, 8);
+            return;
+        }
+        const uint64_t be = __builtin_bswap64(w);
+        std::memcpy(p, &be, 8);
+        p += 8;
+    }
+
+    // Appends v, which has no bits above the low len (len 0 to 31).
+    void put(uint32_t v, int32_t len) {
+        if (__builtin_expect(n + len <= 64, 1)) {
+            acc = (acc << len) | v;
+            n += len;
+            return;
+        }
+        // Fill the buffer (n is at least 34 here), write it, keep the rest.
+        const int32_t rest = n + len - 64;
+        emit((acc << (64 - n)) | (static_cast<uint64_t>(v) >> rest));
+        acc = v;
+        n = rest;
+    }
+};
+
+// The writer's own path, bounded by the end of its output.
+struct BswSink {
+    xelo_bsw *bs;
+    void put(uint32_t v, int32_t len) {
+        if (len) xelo_bsw_write(bs, v, len);
+    }
+};
+
+// Codes the 63 AC coefficients into sink; returns 0 or -104 for a value
+// without category (the symbols before it stay written). kChecked: some
+// value of the block may lack a category.
+template <bool kChecked, class Sink>
+int32_t code_ac(Sink &sink, const kivoe_ac_tbl *t, const int16_t *blk, uint64_t mask) {
+    const kivoe_code *codes = t->by_symbol;
+    int32_t next = 1;  // zig-zag position after the last coefficient coded
+    while (mask) {
+        const int32_t z = __builtin_ctzll(mask);
+        mask &= mask - 1;
+        const int32_t v = blk[kivo_tbl_zig_to_ras[z]];
+        if (kChecked && !has_category(v)) return KIVO_ERR_UNAVAILABLE;
+        int32_t run = z - next;
+        next = z + 1;
+        if (__builtin_expect(run >= 16, 0)) {
+            for (; run >= 16; run -= 16) sink.put(codes[0xF0].code, codes[0xF0].len);
+        }
+        const int32_t lz = clz_abs(v);
+        const int32_t k = 32 - lz;
+        const kivoe_code c = codes[run * 16 + k];
+        sink.put((static_cast<uint32_t>(c.code) << k) | extra_bits_clz(v, lz), c.len + k);
+    }
+    if (next != 64) sink.put(codes[0x00].code, codes[0x00].len);
+    return KIVO_OK;
+}
+
+template <class Sink>
+int32_t code_ac(Sink &sink, const kivoe_ac_tbl *t, const int16_t *blk) {
+    bool all_coded;
+    const uint64_t mask = zigzag_ac_mask(blk, &all_coded);
+    return all_coded ? code_ac<false>(sink, t, blk, mask) : code_ac<true>(sink, t, blk, mask);
+}
+
+// The same walk, counting the symbols that code_ac writes.
+int32_t count_ac(kivoe_ac_tbl *t, const int16_t *blk) {
+    bool all_coded;
+    uint64_t mask = zigzag_ac_mask(blk, &all_coded);
+    int32_t next = 1;
+    while (mask) {
+        const int32_t z = __builtin_ctzll(mask);
+        mask &= mask - 1;
+        const int32_t v = blk[kivo_tbl_zig_to_ras[z]];
+        if (!all_coded && !has_category(v)) return KIVO_ERR_UNAVAILABLE;
+        const int32_t run = z - next;
+        next = z + 1;
+        t->counter[0xF0] += static_cast<uint32_t>(run >> 4);
+        ++t->counter[(run & 15) * 16 + 32 - clz_abs(v)];
+    }
+    if (next != 64) ++t->counter[0x00];
+    return KIVO_OK;
+}
+
+// A DC difference as the 16-bit value whose category kivo_category gives.
+inline int32_t as_int16(int32_t v) {
+    const int32_t s = v & 0xFFFF;
+    return s >= 0x8000 ? s - 0x10000 : s;
 }
 
 // Writes the bytes of the cache, stuffing a 0x00 after each 0xFF when asked;
-// bytes that would pass the end of the output are dropped and flagged.
+// bytes that would reach the end of the output are dropped and flagged.
 template <bool kStuff>
 int32_t flush_bytes(xelo_bsw *bs) {
     int32_t n = (39 - bs->free_bits) / 8;
     if (n > 4) n = 4;
     uint32_t cache = bs->cache;
-    uint8_t *p = bs->write_ptr, *end = bs->end_ptr;
+    uint8_t *p = bs->write_ptr;
+    uint8_t *const end = bs->end_ptr;
     for (int32_t i = 0; i < n; ++i) {
         const uint8_t b = static_cast<uint8_t>(cache >> 24);
         cache <<= 8;
-        if (p < end) *p++ = b;
+        if (p && p < end) *p++ = b;
         else bs->overflow = 1;
         if (kStuff && b == 0xFF) {
-            if (p < end) *p++ = 0x00;
+            if (p && p < end) *p++ = 0x00;
             else bs->overflow = 1;
         }
     }
     bs->write_ptr = p;
     bs->cache = 0;
     bs->free_bits = 32;
-    return 0;
-}
-
-// Size category of a coefficient within what an 8-bit baseline stream holds
-// (|v| up to 2047; negative values further down as kivo_category allows).
-inline int32_t category(int32_t v) {
-    const uint32_t a = static_cast<uint32_t>(v < 0 ? -v : v);
-    if (v >= 2048 || v == -32768) return -1;
-    return a ? 32 - __builtin_clz(a) : 0;
-}
-
-// Bits on their way into entropy-coded data: a 64-bit accumulator written
-// out 32 bits at a time with byte stuffing, bounded by the output's end.
-// Loaded from and stored back to the writer record, so the bytes and the
-// record's state are those the writer with the stuffing flush would give.
-struct Sink {
-    uint64_t acc;  // n valid bits at the top
-    int32_t n;
-    uint8_t *p;
-    uint8_t *end;
-    int32_t overflow;
-
-    explicit Sink(const xelo_bsw *bs)
-        : acc(static_cast<uint64_t>(bs->cache) << 32), n(32 - bs->free_bits), p(bs->write_ptr), end(bs->end_ptr),
-          overflow(bs->overflow) {}
-
-    void store(xelo_bsw *bs) const {
-        bs->cache = static_cast<uint32_t>(acc >> 32);
-        bs->free_bits = 32 - n;
-        bs->write_ptr = p;
-        bs->overflow = overflow;
-    }
-
-    void byte(uint8_t b) {
-        if (p < end) *p++ = b;
-        else overflow = 1;
-    }
-
-    void emit32() {
-        const uint32_t w = static_cast<uint32_t>(acc >> 32);
-        const uint32_t inv = ~w;
-        const bool has_ff = ((inv - 0x01010101u) & ~inv & 0x80808080u) != 0;
-        if (!has_ff && end - p >= 4) {
-            p[0] = static_cast<uint8_t>(w >> 24);
-            p[1] = static_cast<uint8_t>(w >> 16);
-            p[2] = static_cast<uint8_t>(w >> 8);
-            p[3] = static_cast<uint8_t>(w);
-            p += 4;
-        } else {
-            for (int s = 24; s >= 0; s -= 8) {
-                const uint8_t b = static_cast<uint8_t>(w >> s);
-                byte(b);
-                if (b == 0xFF) byte(0x00);
-            }
-        }
-        acc <<= 32;
-        n -= 32;
-    }
-
-    // len is at most 31.
-    void put(uint32_t v, int32_t len) {
-        acc |= static_cast<uint64_t>(v) << (64 - n - len);
-        n += len;
-        if (n >= 32) emit32();
-    }
-};
-
-template <bool kCount>
-int32_t code_ac(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk) {
-    // The coefficients in zig-zag order and a mask of the non-zero ones.
-    int16_t zz[64];
-    uint64_t mask = 0;
-    for (int z = 1; z < 64; ++z) {
-        const int16_t v = blk[kivo_tbl_zig_to_ras[z]];
-        zz[z] = v;
-        mask |= static_cast<uint64_t>(v != 0) << z;
-    }
-    const bool direct = !kCount && bs->flush == kivoe_bs_flush_data_seg;
-    Sink sink(bs);
-    int32_t prev = 0;  // zig-zag position of the last coefficient coded
-    int32_t status = KIVO_OK;
-    while (mask) {
-        const int32_t z = __builtin_ctzll(mask);
-        mask &= mask - 1;
-        int32_t run = z - prev - 1;
-        const int32_t v = zz[z];
-        const int32_t k = category(v);
-        if (k < 0) {
-            status = KIVO_ERR_UNAVAILABLE;
-            break;
-        }
-        for (; run >= 16; run -= 16) {
-            if (kCount) {
-                ++t->counter[0xF0];
-            } else {
-                const kivoe_code &zrl = t->by_symbol[0xF0];
-                if (direct) sink.put(zrl.code, zrl.len);
-                else xelo_bsw_write(bs, zrl.code, zrl.len);
-            }
-        }
-        const int32_t sym = run * 16 + k;
-        if (kCount) {
-            ++t->counter[sym];
-        } else {
-            const kivoe_code &c = t->by_symbol[sym];
-            const uint32_t bits = (static_cast<uint32_t>(c.code) << k) | extra_bits(v, k);
-            if (direct) sink.put(bits, c.len + k);
-            else xelo_bsw_write(bs, bits, c.len + k);
-        }
-        prev = z;
-    }
-    if (status == KIVO_OK && prev < 63) {
-        if (kCount) {
-            ++t->counter[0x00];
-        } else {
-            const kivoe_code &eob = t->by_symbol[0x00];
-            if (direct) sink.put(eob.code, eob.len);
-            else xelo_bsw_write(bs, eob.code, eob.len);
-        }
-    }
-    if (direct) sink.store(bs);
-    return status;
+    return KIVO_OK;
 }
 
 }  // namespace
 
 int32_t kivoe_vlc_dc(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff) {
-    const int32_t k = category(diff);
+    const int32_t k = kivo_category(diff);
     if (k < 0) return KIVO_ERR_UNAVAILABLE;
     const kivoe_code &c = t->code[k];
-    xelo_bsw_write(bs, (static_cast<uint32_t>(c.code) << k) | (k ? extra_bits(diff, k) : 0), c.len + k);
+    const uint32_t extra = k ? extra_bits(as_int16(diff), k) : 0;
+    const int32_t len = c.len + k;
+    if (len) xelo_bsw_write(bs, (static_cast<uint32_t>(c.code) << k) | extra, len);
     return KIVO_OK;
 }
 
-int32_t kivoe_vlc_ac(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk) { return code_ac<false>(bs, t, blk); }
+int32_t kivoe_vlc_ac(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk) {
+    if (FastSink::usable(bs)) {
+        FastSink sink(bs);
+        const int32_t ret = code_ac(sink, t, blk);
+        sink.store(bs);
+        return ret;
+    }
+    BswSink sink{bs};
+    return code_ac(sink, t, blk);
+}
 
 int32_t kivoe_vlc_dc_stat(xelo_bsw *, kivoe_dc_tbl *t, int32_t diff) {
-    const int32_t k = category(diff);
+    const int32_t k = kivo_category(diff);
     if (k < 0) return KIVO_ERR_UNAVAILABLE;
     ++t->counter[k];
     return KIVO_OK;
 }
 
-int32_t kivoe_vlc_ac_stat(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk) { return code_ac<true>(bs, t, blk); }
+int32_t kivoe_vlc_ac_stat(xelo_bsw *, kivoe_ac_tbl *t, const int16_t *blk) { return count_ac(t, blk); }
 
 int32_t kivoe_vlc_dri_marker(xelo_bsw *bs, int32_t marker) {
     xelo_bsw_sink(bs);
@@ -198,9 +357,11 @@ int32_t kivoe_vlc_footer(kivoe_ctx *ctx) {
 
 int32_t kivoe_vlc_footer_stat(kivoe_ctx *ctx) {
     if (!ctx->adaptive_rounding) return KIVO_OK;
-    for (int c = 0; c < ctx->fh.n_comp; ++c) {
+    // Every symbol gets a code in the tables built next, so that a coding
+    // pass that quantizes differently from the counting pass still finds one.
+    for (int32_t c = 0; c < ctx->fh.n_comp && c < 4; ++c) {
         kivoe_ac_tbl &t = ctx->ac_tbl[ctx->sh.ta[c] & 3];
-        for (int s = 0; s < 256; ++s) ++t.counter[s];
+        for (int32_t s = 0; s < 256; ++s) ++t.counter[s];
     }
     return KIVO_OK;
 }
@@ -213,11 +374,11 @@ int32_t get_vlc_dc_bits(const kivoe_dc_tbl *t, int32_t diff) {
 int32_t get_vlc_ac_bits(const kivoe_ac_tbl *t, int32_t n_zrl, int32_t run, int32_t value) {
     const int32_t k = kivo_category(value);
     if (k < 0) return KIVO_ERR_UNAVAILABLE;
-    const int32_t zrl = n_zrl > 0 ? n_zrl * t->code[t->index[0xF0]].len : 0;
-    return zrl + t->code[t->index[(run * 16 + k) & 0xFF]].len + k;
+    const int32_t zrl = n_zrl > 0 ? n_zrl * t->by_symbol[0xF0].len : 0;
+    return zrl + t->by_symbol[(run * 16 + k) & 0xFF].len + k;
 }
 
-int32_t get_vlc_eob_bits(const kivoe_ac_tbl *t) { return t->code[t->index[0x00]].len; }
+int32_t get_vlc_eob_bits(const kivoe_ac_tbl *t) { return t->by_symbol[0x00].len; }
 
 int32_t kivoe_bs_flush(xelo_bsw *bs) { return flush_bytes<false>(bs); }
 

@@ -1,6 +1,6 @@
-// Encoder handle, configuration and input checks, default Huffman codes,
-// optimal tables, header bytes and the statistics pass. The transform and
-// quality-control kernels are checked in test_enc_quant.cpp.
+// Encoder handle, configuration and input checks and the statistics pass.
+// Kernels are checked in test_enc_quant.cpp, the entropy coder and Huffman
+// tables in test_enc_vlc.cpp, headers in test_enc_header.cpp.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -61,113 +61,6 @@ TEST(Encoder, CreationAndConfiguration) {
     kivoe_delete(reinterpret_cast<kivoe_ctx *>(dec));
     EXPECT_EQ(kivoe_config(reinterpret_cast<kivoe_ctx *>(dec), KIVOE_CFG_OPT_HUFFMAN, &v, &four), KIVO_ERR_INVALID_ARG);
     kivod_delete(dec);
-}
-
-TEST(Encoder, DefaultAndOptimalHuffmanTables) {
-    Enc e;
-    const kivoe_dc_tbl &dc = e.ctx->dc_tbl[0];
-    EXPECT_EQ(dc.code[0].code, 0);
-    EXPECT_EQ(dc.code[0].len, 2);
-    EXPECT_EQ(dc.code[11].code, 0x1FE);
-    EXPECT_EQ(dc.code[11].len, 9);
-    const kivoe_ac_tbl &ac = e.ctx->ac_tbl[0];
-    EXPECT_EQ(ac.by_symbol[0x00].code, 0xA);
-    EXPECT_EQ(ac.by_symbol[0x00].len, 4);
-    EXPECT_EQ(ac.by_symbol[0xF0].code, 0x7F9);
-    EXPECT_EQ(ac.by_symbol[0xF0].len, 11);
-
-    // Only category 0 seen: one 1-bit code. Fibonacci counts: limited to 16
-    // bits with every symbol kept. No counts at all: an empty table.
-    std::memset(e.ctx->dc_tbl[0].counter, 0, sizeof(e.ctx->dc_tbl[0].counter));
-    e.ctx->dc_tbl[0].counter[0] = 500;
-    uint64_t a = 1, b = 1;
-    for (int s = 0; s < 40; ++s) {
-        e.ctx->ac_tbl[0].counter[s] = a;
-        const uint64_t c = a + b;
-        a = b;
-        b = c > 900000000 ? 900000000 : c;
-    }
-    kivoe_opt_huff_tbl(e.ctx);
-    const kivoe_huff_spec &sdc = e.ctx->huff_spec[0];
-    EXPECT_EQ(sdc.bits[0], 1);
-    EXPECT_EQ(sdc.count, 1);
-    EXPECT_EQ(sdc.vals[0], 0);
-    const kivoe_huff_spec &sac = e.ctx->huff_spec[1];
-    int sum = 0;
-    for (int l = 0; l < 16; ++l) sum += sac.bits[l];
-    EXPECT_EQ(sum, 40);
-    EXPECT_EQ(sac.count, 40);
-    const kivoe_huff_spec &schroma = e.ctx->huff_spec[3];
-    for (int l = 0; l < 16; ++l) EXPECT_EQ(schroma.bits[l], 0);
-    EXPECT_EQ(schroma.count, 0);
-    // The optimal tables are prefix codes our decoder accepts.
-    for (int i = 0; i < 3; ++i) {
-        kivod_htbl_spec spec{};
-        spec.cls = static_cast<uint8_t>(e.ctx->huff_spec[i].cls);
-        spec.id = static_cast<uint8_t>(e.ctx->huff_spec[i].id);
-        spec.count = static_cast<uint16_t>(e.ctx->huff_spec[i].count);
-        for (int l = 0; l < 16; ++l) spec.bits[l] = static_cast<uint8_t>(e.ctx->huff_spec[i].bits[l]);
-        for (int k = 0; k < spec.count; ++k) spec.vals[k] = static_cast<uint8_t>(e.ctx->huff_spec[i].vals[k]);
-        static kivod_dc_tbl dct[4];
-        static kivod_ac_tbl act[4];
-        EXPECT_EQ(kivod_build_htbl(&spec, dct, act), 0) << i;
-    }
-}
-
-std::vector<uint8_t> header_of(int32_t cs, int w, int h, int threads) {
-    kivo_tpool pool;
-    kivo_tpool_std(&pool, threads);
-    kivoe_create_param p{1, w, h, 0, cs, &pool};
-    kivoe_ctx *ctx = kivoe_create(&p, nullptr);
-    const uint32_t al[4] = {XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16)};
-    const uint32_t pad[4] = {0, 0, 0, 0};
-    xelo_imgb *img = xelo_imgb_create(w, h, cs, 3, al, pad, 0, 0, 0);
-    for (int i = 0; i < 4; ++i)
-        if (img->plane[i]) std::memset(img->plane[i], 100, static_cast<size_t>(img->stride[i]) * img->lines[i]);
-    std::vector<uint8_t> out(1 << 20);
-    xelo_bitb b{};
-    b.addr = out.data();
-    b.ssize = static_cast<int32_t>(out.size());
-    kivoe_output o{KIVOD_INPUT_BITB, &b, nullptr};
-    int32_t written = 0;
-    EXPECT_EQ(kivoe_push(ctx, img), 0);
-    EXPECT_EQ(kivoe_encode(ctx, &o, &written), 0);
-    out.resize(written);
-    img->release(img);
-    kivoe_delete(ctx);
-    return out;
-}
-
-bool has_bytes(const std::vector<uint8_t> &s, size_t at, std::vector<uint8_t> want) {
-    return at + want.size() <= s.size() && std::equal(want.begin(), want.end(), s.begin() + at);
-}
-
-TEST(Encoder, HeaderBytes) {
-    const auto s = header_of(XELO_CS_YCBCR420, 640, 480, 1);
-    ASSERT_TRUE(has_bytes(s, 0, {0xFF, 0xD8, 0xFF, 0xC0, 0x00, 0x11, 0x08, 0x01, 0xE0, 0x02, 0x80, 0x03, 0x01, 0x22,
-                                 0x00, 0x02, 0x11, 0x01, 0x03, 0x11, 0x01}));
-    ASSERT_TRUE(has_bytes(s, 21, {0xFF, 0xDB, 0x00, 0x84, 0x00}));
-    ASSERT_TRUE(has_bytes(s, 21 + 4 + 65, {0x01}));
-    const size_t dht = 21 + 4 + 130;
-    ASSERT_TRUE(has_bytes(s, dht, {0xFF, 0xC4, 0x01, 0xA2, 0x00}));
-    ASSERT_TRUE(has_bytes(s, dht + 4 + 17 + 12, {0x10}));
-    const size_t sos = dht + 2 + 0x1A2;
-    ASSERT_TRUE(has_bytes(s, sos, {0xFF, 0xDA, 0x00, 0x0C, 0x03, 0x01, 0x00, 0x02, 0x11, 0x03, 0x11, 0x00, 0x3F, 0x00}));
-
-    const auto g = header_of(XELO_CS_YCBCR400, 16, 16, 1);
-    ASSERT_TRUE(has_bytes(g, 2, {0xFF, 0xC0, 0x00, 0x0B, 0x08, 0x00, 0x10, 0x00, 0x10, 0x01, 0x01, 0x11, 0x00}));
-    const size_t gsos = 2 + 13 + 134 + 2 + 0x1A2;
-    ASSERT_TRUE(has_bytes(g, gsos, {0xFF, 0xDA, 0x00, 0x08, 0x01, 0x01, 0x00, 0x00, 0x3F, 0x00}));
-
-    const auto k = header_of(XELO_CS_YCBCRK444, 16, 16, 1);
-    ASSERT_TRUE(has_bytes(k, 2, {0xFF, 0xC0, 0x00, 0x14, 0x08, 0x00, 0x10, 0x00, 0x10, 0x04, 0x01, 0x11, 0x00, 0x02,
-                                 0x11, 0x01, 0x03, 0x11, 0x01, 0x04, 0x11, 0x00}));
-    const size_t ksos = 2 + 22 + 134 + 2 + 0x1A2;
-    ASSERT_TRUE(has_bytes(k, ksos, {0xFF, 0xDA, 0x00, 0x0E, 0x04, 0x01, 0x00, 0x02, 0x11, 0x03, 0x11, 0x04, 0x00}));
-
-    // Two threads on 300 MCUs: an interval of 150 in a DRI before the SOS.
-    const auto d = header_of(XELO_CS_YCBCR420, 320, 240, 2);
-    ASSERT_TRUE(has_bytes(d, sos, {0xFF, 0xDD, 0x00, 0x04, 0x00, 0x96, 0xFF, 0xDA}));
 }
 
 // The statistics pass writes nothing into the caller's memory, and its
