@@ -116,6 +116,13 @@ int32_t kivod_bs_flush_bitb(kivod_bs *bs, int32_t wanted) {
         }
         nf = b ^ 0xFFu;
     } while (wanted > 0 && p <= end);
+    // A stuffing byte right after the last 0xFF goes with it, so that a
+    // reader never holds a 0xFF without its stuffing: every copy of the
+    // reader then sees the end of the data at the same bit.
+    if (nf == 0 && p <= end && *p == 0x00) {
+        ++p;
+        nf = 0xFFu;
+    }
     bs->cache = shl(acc, 32 - got);
     bs->bits = got;
     bs->cur = p;

@@ -13,6 +13,8 @@ namespace {
 // but is not 4:2:0), so that the plane geometry below is the real one.
 int32_t frame_color_format(const kivod_fh &fh) {
     const int n = fh.n_comp;
+    for (int c = 0; c < n; ++c)
+        if (fh.h[c] == 0 || fh.v[c] == 0) return KIVO_ERR_UNSUPPORTED;
     if (n == 1) return XELO_CS_YCBCR400;
     if (n != 3 && n != 4) return KIVO_ERR_UNSUPPORTED;
     const int h0 = fh.h[0], v0 = fh.v[0], h1 = fh.h[1], v1 = fh.v[1];
@@ -120,6 +122,8 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
     std::memset(&ctx->main_bs, 0, sizeof(ctx->main_bs));
     std::memset(&ctx->fh, 0, sizeof(ctx->fh));
     ctx->progressive = 0;
+    for (int32_t &r : ctx->comp_rows) r = -1;
+    ctx->reached_end = 0;
 
     info->reserved = info->width = info->height = info->color_format = 0;
     int32_t ret = kivod_bs_init(&ctx->main_bs, input);
@@ -160,8 +164,9 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
         }
         if (kivod_bs_input_done(bs) && bs->bits < 1) return fail(ctx, KIVO_ERR_MALFORMED);
     }
-    // A scan without a frame header before it cannot be decoded.
-    if (!have_frame) return fail(ctx, KIVO_ERR_MALFORMED);
+    // A scan without a frame header before it has no components: an
+    // unsupported layout, like a frame of none.
+    if (!have_frame) return fail(ctx, KIVO_ERR_UNSUPPORTED);
 
     // Back onto the SOS marker.
     ret = kivod_bs_rewind_cache(bs, 2);
@@ -312,11 +317,37 @@ int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb) {
             break;
         }
     }
+    ctx->reached_end = done;
+    const bool complete = kivod_picture_complete(ctx);
     const int32_t ret = kivod_finish(ctx);
-    // A damaged scan or table between scans still leaves what was decoded
-    // in the buffer; its status tells the caller that the picture is
-    // incomplete.
-    return ret != 0 ? ret : scan_status;
+    // A damaged scan or table between scans still leaves what was decoded in
+    // the buffer; while the picture is incomplete its status tells the
+    // caller so. Once every row is decoded, what follows cannot change the
+    // picture and the picture's own status stands.
+    return ret != 0 || complete ? ret : scan_status;
+}
+
+int32_t kivod_mcu_rows_total(const kivod_ctx *ctx) {
+    const int32_t unit = 8 * (ctx->fh.v_max ? ctx->fh.v_max : 1);
+    return (ctx->fh.height + unit - 1) / unit;
+}
+
+int32_t kivod_mcu_rows_done(const kivod_ctx *ctx) {
+    const int32_t total = kivod_mcu_rows_total(ctx);
+    int32_t rows = total;
+    for (int c = 0; c < ctx->fh.n_comp; ++c) {
+        const int32_t r = ctx->comp_rows[c];
+        if (r >= (ctx->comp_h[c] + 7) / 8) continue;  // every block row inside the plane
+        const int32_t v = ctx->fh.n_comp > 1 ? ctx->fh.v[c] : 1;
+        const int32_t mcu_rows = r < 0 ? 0 : r / v;
+        if (mcu_rows < rows) rows = mcu_rows;
+    }
+    return rows;
+}
+
+bool kivod_picture_complete(const kivod_ctx *ctx) {
+    return ctx->fh.n_comp > 0 && kivod_mcu_rows_done(ctx) == kivod_mcu_rows_total(ctx) &&
+           (ctx->reached_end || !ctx->progressive);
 }
 
 int32_t kivod_finish(kivod_ctx *ctx) {
@@ -327,8 +358,9 @@ int32_t kivod_finish(kivod_ctx *ctx) {
             return ret;
         }
     }
-    // Mean of the DC levels of the luma blocks inside the picture.
-    const int64_t blocks = static_cast<int64_t>((ctx->comp_h[0] + 7) >> 3) * ((ctx->comp_w[0] + 7) >> 3);
+    // Mean DC level of the first component's blocks, the MCUs' padding
+    // blocks included.
+    const int64_t blocks = static_cast<int64_t>(ctx->blk_h[0]) * ctx->blk_w[0];
     ctx->mean_level = blocks > 0 ? ctx->dc_level_total / blocks : 0;
     kivod_release_frame_buffers(ctx);
     return KIVO_OK;

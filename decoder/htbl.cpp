@@ -1,7 +1,7 @@
 // Huffman decoding tables built from DHT contents, and the magnitude category.
 #include <cstring>
 
-#include "decoder/kivod_int.h"
+#include "decoder/bs_inline.h"
 
 namespace {
 
@@ -101,8 +101,7 @@ int32_t build_ac(const kivod_htbl_spec *spec, kivod_ac_tbl *t) {
             int32_t value = 0;
             if (s.size) {
                 const uint32_t bits = (j >> (kFast - total_len)) & ((1u << s.size) - 1);
-                value = bits < (1u << (s.size - 1)) ? static_cast<int32_t>(bits) - (1 << s.size) + 1
-                                                    : static_cast<int32_t>(bits);
+                value = extend(bits, s.size);
             }
             t->fast[j] = static_cast<int32_t>((static_cast<uint32_t>(value) << 16) | uint32_t(flags) |
                                               (uint32_t(s.run) << 8) | total_len);

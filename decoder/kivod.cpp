@@ -141,6 +141,15 @@ KIVO_API int32_t kivod_get_stats(kivod_ctx *ctx, kivod_stats *stats) {
     return KIVO_OK;
 }
 
+KIVO_API int32_t kivod_get_progress(kivod_ctx *ctx, kivod_progress *progress) {
+    kivod_ctx *c = checked(ctx);
+    if (!c || !progress) return KIVO_ERR_INVALID_ARG;
+    progress->complete = kivod_picture_complete(c) ? 1 : 0;
+    progress->mcu_rows = kivod_mcu_rows_done(c);
+    progress->mcu_rows_total = kivod_mcu_rows_total(c);
+    return KIVO_OK;
+}
+
 }  // extern "C"
 
 void kivod_release_app_list(kivod_ctx *ctx) {

@@ -237,6 +237,11 @@ struct kivod_work {
     int32_t out_first[4];
     uint8_t *strip[4];
     kivod_bs bs;
+    int32_t held;        // failure kept from the restart interval the slice starts in
+    int32_t first_mcu;   // the slice's first MCU, counted from the scan's start
+    int32_t extra_mcu;   // MCUs after the slice decoded only to feed its resizers
+    int32_t mcu_done;    // the slice's own MCUs decoded before it stopped
+    int32_t stopped;     // 1 when the slice ended before its last MCU
     // the thread's share of the scan statistics and table counters
     int64_t stat_luma[64];
     int64_t stat_chroma[64];
@@ -290,6 +295,8 @@ struct kivod_ctx {
     int32_t scale;
     int32_t n_threads;
     int64_t dc_level_total;  // DC levels of component 0 summed over the picture's scans
+    int32_t comp_rows[4];    // block rows of each component every scan reached (-1: no scan yet)
+    int32_t reached_end;     // the picture's last scan or EOI was reached
     kivod_dsp dsp;
     kivo_tpool tpool;
     void *threads[8];
@@ -328,11 +335,37 @@ int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb);
 int32_t kivod_finish(kivod_ctx *ctx);
 int32_t kivod_pull_frm(kivod_ctx *ctx, void *frame);
 int32_t kivod_choose_scale(int32_t fw, int32_t fh, int32_t ow, int32_t oh);
+// MCU rows of the frame, and those every component of the last picture was
+// decoded through.
+int32_t kivod_mcu_rows_total(const kivod_ctx *ctx);
+int32_t kivod_mcu_rows_done(const kivod_ctx *ctx);
+// Every row decoded (and, for a progressive frame, the end of the image reached).
+bool kivod_picture_complete(const kivod_ctx *ctx);
 
 // ---- scans, slices and threads (scan.cpp, mt.cpp) ------------------------------------
 int32_t dec_scan(kivod_ctx *ctx, int32_t *done);
 int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w);
 void kivod_split_slices(kivod_ctx *ctx);
+
+// Entropy-decoding position between two MCUs of a sequential scan. The skim
+// steps it with the rules the slices decode by, so its copy at a slice's
+// first MCU is exactly where decoding the scan from its start arrives.
+struct kivod_skim {
+    kivod_bs bs;
+    int16_t pred[4];
+    int32_t run;   // MCUs since the last restart marker
+    int32_t held;  // failure kept until the next restart marker, else 0
+    int32_t mcu;   // MCUs of the scan walked
+};
+// Walks MCUs up to MCU `target` (DC differences decoded, AC codes skipped).
+// Returns 0 there, or 1 where decoding the scan stops before: a failure
+// without restart markers, no marker before the end of the data, or the
+// data used up.
+int32_t kivod_skim_to(const kivod_ctx *ctx, kivod_skim *sk, int32_t target);
+// MCUs in a sequential scan and in one MCU row of it.
+int32_t kivod_scan_mcus(const kivod_ctx *ctx, int32_t *per_row);
+// Records how far a scan got: block rows reached per scan component.
+void kivod_note_rows(kivod_ctx *ctx, int c, int32_t rows);
 // Walks the scan to find each slice's entry state and starts every slice as
 // soon as it is found: slice i on worker i + 1, the last one on the calling
 // thread. Waits for all of them. Lowers n_threads to the slices that ran.

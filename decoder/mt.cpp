@@ -3,45 +3,94 @@
 //
 // The skim and the slices overlap: slice i starts on its thread as soon as
 // the skim has found its entry state, and the calling thread, once the skim
-// reaches the last slice, decodes that one. Slices that start later are made
-// shorter, so that all of them end at about the same time: with the skim
-// costing a fraction s of a full decode, slice i gets a share proportional
-// to (1 - s)^i. With restart markers the skim jumps between markers instead
-// of decoding, and the slices are equal.
+// reaches the last slice, decodes that one. The skim walks every MCU by the
+// slices' own rules (restart markers included: on damaged data only that
+// finds where a slice's synchronisation would resume), so the picture and
+// the status are those of one thread.
 #include <cstring>
 
 #include "decoder/kivod_int.h"
+#include "xelo/xelo_int.h"
+
+namespace {
+
+// First line of an output plane of dst_h lines, resized from src_h rows,
+// whose first source row is at or below row `row`.
+int32_t first_line_from(int32_t src_h, int32_t dst_h, int32_t row) {
+    int32_t lo = 0, hi = dst_h;
+    while (lo < hi) {
+        const int32_t mid = lo + (hi - lo) / 2;
+        int32_t first, count;
+        xelo::irsz_taps(src_h, dst_h, mid, &first, &count);
+        if (first >= row) hi = mid;
+        else lo = mid + 1;
+    }
+    return lo;
+}
+
+// Output lines and the extra MCU rows below it that slice w needs when the
+// next slice starts at MCU row next_row (rows: the scan's MCU rows).
+void plan_resize(const kivod_ctx *ctx, kivod_work *w, int32_t next_row, int32_t rows, int32_t unit) {
+    const kivod_sh &sh = ctx->sh;
+    const int ns = sh.n_comp;
+    const int d = ctx->scale == 1 ? 1 : ctx->scale;
+    const int32_t nblk = 8 / d;
+    int32_t extra_rows = 0;
+    for (int k = 0; k < ns; ++k) {
+        const int c = sh.comp_idx[k];
+        const int32_t vk = ns > 1 ? ctx->fh.v[c] : 1;
+        const int32_t src_h = (ctx->comp_h[c] + d - 1) / d;
+        const int32_t dst_h = ctx->out_h[c];
+        const int32_t row0 = w->start_row[k] * nblk;
+        const int32_t first = w->start_row[k] == 0 ? 0 : first_line_from(src_h, dst_h, row0);
+        const int32_t end = next_row >= rows ? dst_h : first_line_from(src_h, dst_h, next_row * vk * nblk);
+        w->out_first[k] = first;
+        w->out_lines[k] = end - first;
+        if (end <= first || next_row >= rows) continue;
+        // The slice's last line may read rows of the next slice.
+        int32_t tap, count;
+        xelo::irsz_taps(src_h, dst_h, end - 1, &tap, &count);
+        const int32_t beyond = tap + count - next_row * vk * nblk;
+        const int32_t per_row = vk * nblk;
+        if (beyond > 0 && (beyond + per_row - 1) / per_row > extra_rows) extra_rows = (beyond + per_row - 1) / per_row;
+    }
+    // Whole strips, so that the strips handed on are those of one resizer
+    // over the plane.
+    extra_rows = (extra_rows + unit - 1) / unit * unit;
+    if (extra_rows > rows - next_row) extra_rows = rows - next_row;
+    w->extra_mcu = extra_rows;
+}
+
+}  // namespace
 
 void kivod_split_slices(kivod_ctx *ctx) {
     const kivod_sh &sh = ctx->sh;
     const kivod_fh &fh = ctx->fh;
     const int ns = sh.n_comp;
-    const int c0 = sh.comp_idx[0];
-    int32_t cols = ctx->blk_w[c0], rows = ctx->blk_h[c0];
-    if (ns > 1) {
-        cols /= fh.h[c0];
-        rows /= fh.v[c0];
-    }
-    // Every slice gets at least one MCU row and lies inside the picture: n is
-    // bounded by the rows, each slice takes at least one row and the last
-    // one whatever is left.
+    int32_t cols = 1;
+    const int32_t rows = kivod_scan_mcus(ctx, &cols) / cols;
+    // Resized output hands strips of d MCU rows to the resizers; slices
+    // start on strip boundaries, so every strip holds the same rows
+    // whatever the split.
+    const int d = ctx->scale <= 1 ? 1 : ctx->scale;
+    const int32_t unit = ctx->scale != 0 ? d : 1;
+    const int32_t units = (rows + unit - 1) / unit;
     // A file input is one stream position shared by every copy of its
     // reader, so it is decoded on one thread.
     int n = ctx->scan_bs.type == KIVOD_INPUT_MFAL ? 1 : kivo::thread_limit(ctx->tpool);
-    if (n > rows) n = rows;
+    if (n > units) n = units;
     if (n < 1) n = 1;
+    // Slice i starts once the skim has walked slices 0 .. i-1, so later
+    // slices get less: shares in 1/4096 of 4096 * (1 - s)^i with s = 1/2,
+    // every slice at least one unit, the last one whatever is left.
     int32_t share[kivo::kMaxThreads];
     {
-        // Shares in 1/4096: weight 4096 * (1 - s)^i with s = 1/2. With
-        // restart markers in memory the skim jumps from marker to marker
-        // and costs next to nothing: equal shares.
-        const bool cheap_skim = ctx->dri.length && ctx->dri.interval && ctx->scan_bs.type == KIVOD_INPUT_BITB;
         int64_t total = 0, weight[kivo::kMaxThreads];
-        for (int i = 0; i < n; ++i) total += weight[i] = cheap_skim ? 4096 : int64_t(4096) >> i;
-        int32_t left = rows;
+        for (int i = 0; i < n; ++i) total += weight[i] = int64_t(4096) >> i;
+        int32_t left = units;
         for (int i = 0; i < n; ++i) {
-            int32_t r = static_cast<int32_t>((weight[i] * rows + total / 2) / total);
-            const int32_t reserve = n - 1 - i;  // rows the later slices need
+            int32_t r = static_cast<int32_t>((weight[i] * units + total / 2) / total);
+            const int32_t reserve = n - 1 - i;  // units the later slices need
             if (r < 1) r = 1;
             if (r > left - reserve) r = left - reserve;
             if (i == n - 1) r = left;
@@ -50,14 +99,14 @@ void kivod_split_slices(kivod_ctx *ctx) {
         }
     }
     ctx->n_threads = n;
-    const int d = ctx->scale <= 1 ? 1 : ctx->scale;
 
     int32_t first_row = 0;
     for (int i = 0; i < n; ++i) {
         kivod_work *w = ctx->work[i];
         xelo_mset_x64a(w, 0, sizeof(kivod_work));
         w->ctx = ctx;
-        const int32_t slice_rows = share[i];
+        const int32_t slice_rows = i == n - 1 ? rows - first_row : share[i] * unit;
+        w->first_mcu = first_row * cols;
         w->n_mcu = slice_rows * cols;
         for (int k = 0; k < ns; ++k) {
             const int c = sh.comp_idx[k];
@@ -66,21 +115,10 @@ void kivod_split_slices(kivod_ctx *ctx) {
             w->start_row[k] = first_row * vk;
             w->lines[k] = i == n - 1 ? ctx->comp_h[c] - start_line : slice_rows * vk * 8;
             if (w->lines[k] < 1) w->lines[k] = 1;
-            if (ctx->scale != 0) {
-                // Output lines follow the reduced source lines in proportion,
-                // so that a resize by a whole factor maps slice on slice.
-                const int64_t src_total = (ctx->comp_h[c] + d - 1) / d;
-                const int64_t out_h = ctx->out_h[c];
-                const int64_t src_first = start_line / d;
-                const int64_t src_next = (start_line + slice_rows * vk * 8) / d;
-                const int32_t out_first = static_cast<int32_t>((src_first * out_h + src_total / 2) / src_total);
-                const int32_t out_next = i == n - 1 ? static_cast<int32_t>(out_h)
-                    : static_cast<int32_t>((src_next * out_h + src_total / 2) / src_total);
-                w->out_first[k] = out_first;
-                w->out_lines[k] = out_next - out_first;
-            }
             w->strip[k] = ctx->sample_buf[c] + static_cast<ptrdiff_t>(ctx->mcu_lines[c]) * i * ctx->line_w[c];
         }
+        if (ctx->scale != 0) plan_resize(ctx, w, first_row + slice_rows, rows, unit);
+        w->extra_mcu *= cols;
         first_row += slice_rows;
     }
 }
@@ -92,89 +130,6 @@ int32_t start_slice(kivod_ctx *ctx, int i) {
     return ctx->tpool.run(ctx->threads[i + 1], kivod_thread_job, ctx->work[i]);
 }
 
-// The skim's position in the scan: a reader, the DC predictors and restart
-// counter, and the index of the next MCU.
-struct Skim {
-    kivod_bs bs;
-    int16_t pred[4];
-    int32_t run;
-    int32_t mcu;
-    bool failed;  // a block failed; the rest of its restart interval is skipped
-};
-
-// Walks one MCU: DC differences decoded, AC codes skipped. Returns 0, 1 when
-// the scan is damaged and has no restart markers to recover at, or the
-// negative status of a restart synchronisation that found no marker.
-int32_t skim_mcu(const kivod_ctx *ctx, Skim *sk) {
-    const kivod_sh &sh = ctx->sh;
-    const kivod_fh &fh = ctx->fh;
-    const int32_t interval = ctx->dri.length ? ctx->dri.interval : 0;
-    for (int k = 0; k < sh.n_comp && !sk->failed; ++k) {
-        const int c = sh.comp_idx[k];
-        const int blocks = sh.n_comp > 1 ? fh.h[c] * fh.v[c] : 1;
-        const kivod_dc_tbl *dc = &ctx->dc_tbl[sh.td[c]];
-        const kivod_ac_tbl *ac = &ctx->ac_tbl[sh.ta[c]];
-        const int16_t q0 = static_cast<int16_t>(ctx->qtbl[fh.tq[c]].q[0]);
-        for (int b = 0; b < blocks; ++b) {
-            int16_t diff = 0, dc_only = 0;
-            if (kivod_vld_dc(&sk->bs, q0, dc, nullptr, &diff) != 0 ||
-                kivod_vld_ac1(&sk->bs, nullptr, ac, nullptr, nullptr, &dc_only) != 0) {
-                sk->failed = true;
-                break;
-            }
-            sk->pred[k] = static_cast<int16_t>(static_cast<uint16_t>(sk->pred[k]) + static_cast<uint16_t>(diff));
-        }
-    }
-    if (sk->failed && !interval) return 1;
-    ++sk->mcu;
-    if (interval && ++sk->run == interval) {
-        const int32_t ret = kivod_bs_sync_restart(&sk->bs, sk->pred, &sk->run);
-        if (ret < 0) return ret;
-        sk->failed = false;
-    }
-    return 0;
-}
-
-// With restart markers in memory input, the skim jumps: RST markers never
-// occur inside entropy-coded data, so the interval holding MCU `target`
-// starts after the right number of markers counted from a known one. `raw`
-// is a byte position right after a marker (or the scan's start) where MCU
-// `raw_mcu` begins. Returns false when the markers are not where they should
-// be; the caller then walks instead.
-bool skim_jump(const kivod_ctx *ctx, Skim *sk, int32_t target, const uint8_t **raw, int32_t *raw_mcu) {
-    const int32_t interval = ctx->dri.interval;
-    const int32_t want = target / interval;
-    if (want <= sk->mcu / interval) return true;  // already in that interval
-    int32_t skip = want - *raw_mcu / interval;
-    const uint8_t *p = *raw, *end = sk->bs.end;
-    while (skip > 0) {
-        const uint8_t *ff = static_cast<const uint8_t *>(std::memchr(p, 0xFF, static_cast<size_t>(end - p + 1)));
-        if (!ff || ff == end) return false;
-        const uint8_t m = ff[1];
-        if (m >= 0xD0 && m <= 0xD7) {
-            --skip;
-            p = ff + 2;
-        } else if (m == 0x00 || m == 0xFF) {
-            p = ff + 1;  // stuffing, or fill before a marker
-        } else {
-            return false;  // another marker: the scan ended early
-        }
-        if (p > end + 1) return false;
-    }
-    *raw = p;
-    *raw_mcu = want * interval;
-    kivod_bs &bs = sk->bs;
-    bs.cur = p;
-    bs.cache = 0;
-    bs.bits = 0;
-    bs.not_ff = 1;
-    for (int16_t &v : sk->pred) v = 0;
-    sk->run = 0;
-    sk->mcu = *raw_mcu;
-    sk->failed = false;
-    return true;
-}
-
 }  // namespace
 
 int32_t kivod_skim_and_run(kivod_ctx *ctx) {
@@ -183,57 +138,44 @@ int32_t kivod_skim_and_run(kivod_ctx *ctx) {
     if (n == 1) return kivod_thread_job(ctx->work[0]);
 
     int32_t status = start_slice(ctx, 0);
-    if (status < 0) return status;
+    if (status < 0) {
+        ctx->n_threads = 1;
+        return status;
+    }
     int started = 1;  // slices running on workers: 0 .. started-1
 
-    Skim sk;
+    kivod_skim sk;
     sk.bs = ctx->scan_bs;
     for (int16_t &v : sk.pred) v = 0;
     sk.run = 0;
+    sk.held = KIVO_OK;
     sk.mcu = 0;
-    sk.failed = false;
-    const bool can_jump = ctx->dri.length && ctx->dri.interval && sk.bs.type == KIVOD_INPUT_BITB &&
-                          sk.bs.bits == 0 && sk.bs.cur <= sk.bs.end;
-    const uint8_t *raw = can_jump ? sk.bs.cur : nullptr;
-    int32_t raw_mcu = 0;
-
     bool last_ready = false;
-    int32_t target = 0;
-    for (int slice = 1; slice < n && status == KIVO_OK; ++slice) {
-        target += ctx->work[slice - 1]->n_mcu;
-        if (raw && !skim_jump(ctx, &sk, target, &raw, &raw_mcu)) raw = nullptr;
-        bool damaged = false;
-        while (sk.mcu < target) {
-            const int32_t ret = skim_mcu(ctx, &sk);
-            if (ret < 0) status = ret;
-            damaged = ret != 0;
-            if (damaged) break;
-        }
-        // Slices after damage without restart markers cannot be found: the
-        // scan is decoded up to it only.
-        if (damaged) break;
+    for (int slice = 1; slice < n; ++slice) {
         kivod_work *w = ctx->work[slice];
+        // Where decoding the scan stops, the slices after it do not run.
+        if (kivod_skim_to(ctx, &sk, w->first_mcu) != 0) break;
         w->bs = sk.bs;
         std::memcpy(w->dc_pred, sk.pred, sizeof(sk.pred));
         w->rst_count = sk.run;
+        w->held = sk.held;
         if (slice == n - 1) {
             last_ready = true;
             break;
         }
         status = start_slice(ctx, slice);
-        if (status == KIVO_OK) started = slice + 1;
+        if (status != KIVO_OK) break;
+        started = slice + 1;
     }
     // The calling thread decodes the last slice when the skim reached it.
     ctx->n_threads = last_ready ? n : started;
     if (last_ready) {
         const int32_t ret = kivod_thread_job(ctx->work[n - 1]);
-        if (ret < 0) status = ret;
+        if (ret < 0 && status == KIVO_OK) status = ret;
     }
     for (int i = 0; i < started; ++i) {
         int32_t job = KIVO_OK;
         ctx->tpool.wait(ctx->threads[i + 1], &job);
-        // A refused run or a failed skim is reported before the slices' own
-        // statuses.
         if (job < 0 && status == KIVO_OK) status = job;
     }
     return status;

@@ -9,41 +9,17 @@
 
 namespace {
 
-inline int32_t extend(uint32_t v, int32_t size) {
-    return v < (1u << (size - 1)) ? static_cast<int32_t>(v) - (1 << size) + 1 : static_cast<int32_t>(v);
-}
-
-inline int16_t low16(int32_t v) { return static_cast<int16_t>(static_cast<uint16_t>(static_cast<uint32_t>(v))); }
-
 // v << al kept to 16 bits, without shifting a negative value.
 inline int16_t shifted(int32_t v, int32_t al) { return low16(static_cast<int32_t>(static_cast<uint32_t>(v) << al)); }
 
-// Decodes a DC category: the 8-bit look-up when its code really begins the
-// bits, else a search over the categories (at most as many as the table has
-// codes). -1 when nothing matches.
+// Decodes a DC category; -1 when no code matches.
 int32_t decode_dc_category(kivod_bs *bs, const kivod_dc_tbl *t) {
     top_up(bs);
     const uint32_t b16 = bs->bits >= 16 ? bs->cache >> 16 : kivod_bs_peek(bs, 16);
-    const uint32_t b8 = b16 >> 8;
-    int32_t cat = t->lookup[b8];
-    if (cat < 12) {
-        const int32_t len = t->code[cat].len;
-        if (len >= 1 && len <= 8 && (b8 >> (8 - len)) == t->code[cat].code) {
-            kivod_bs_skip(bs, len);
-            return cat;
-        }
-    }
-    int tried = 0;
-    for (cat = 0; cat < 12 && tried < t->count; ++cat) {
-        const int32_t len = t->code[cat].len;
-        if (!len) continue;
-        ++tried;
-        if ((b16 >> (16 - len)) == t->code[cat].code) {
-            kivod_bs_skip(bs, len);
-            return cat;
-        }
-    }
-    return -1;
+    int32_t len = 0;
+    const int32_t cat = dc_category(t, b16, &len);
+    if (cat >= 0) kivod_bs_skip(bs, len);
+    return cat;
 }
 
 // Decodes an AC symbol into run and size. 0, or -202 for a code the table
@@ -58,15 +34,8 @@ int32_t decode_ac_symbol(kivod_bs *bs, const kivod_ac_tbl *t, int32_t *run, int3
         *run = e.run;
         *size = e.size;
     } else {
-        uint32_t idx = 256;
-        for (len = 9; len <= 16; ++len) {
-            const uint32_t code = b16 >> (16 - len);
-            const kivod_ac_range &r = t->range[len];
-            if (code < r.mincode || code > r.maxcode) continue;
-            idx = code - r.mincode + r.valptr;
-            break;
-        }
-        if (idx > 255 || len >= t->count) return KIVO_ERR_MALFORMED;
+        const int32_t idx = long_ac_code(t, b16, &len);
+        if (idx < 0) return KIVO_ERR_MALFORMED;
         *run = t->sym[idx].run;
         *size = t->sym[idx].size;
     }
@@ -259,12 +228,13 @@ int32_t kivod_dec_scan_prog(kivod_ctx *ctx, int32_t *done) {
     int16_t pred[4] = {0, 0, 0, 0};
     int32_t eob_run = 0;
     const int ns = sh.n_comp;
+    int32_t rows_done = 0;  // block rows (one component) or MCU rows decoded
     if (ns == 1) {
         const int c = sh.comp_idx[0];
         int32_t bw = (ctx->comp_w[c] + 7) / 8, bh = (ctx->comp_h[c] + 7) / 8;
         if (bw > ctx->prog_blk_w[c]) bw = ctx->prog_blk_w[c];
         if (bh > ctx->prog_blk_h[c]) bh = ctx->prog_blk_h[c];
-        for (int32_t r = 0; r < bh && ret == KIVO_OK; ++r)
+        for (int32_t r = 0; r < bh && ret == KIVO_OK; ++r, rows_done += ret == KIVO_OK)
             for (int32_t q = 0; q < bw; ++q) {
                 int16_t *blk = ctx->coef_buf[c] + (static_cast<size_t>(r) * ctx->prog_blk_w[c] + q) * 64;
                 ret = decode_block(coder, bs, c, blk, &pred[c], &eob_run);
@@ -272,7 +242,7 @@ int32_t kivod_dec_scan_prog(kivod_ctx *ctx, int32_t *done) {
                 if (ret != KIVO_OK) break;
             }
     } else {
-        for (int32_t r = 0; r < ctx->prog_blk_w[5] && ret == KIVO_OK; ++r)
+        for (int32_t r = 0; r < ctx->prog_blk_w[5] && ret == KIVO_OK; ++r, rows_done += ret == KIVO_OK)
             for (int32_t q = 0; q < ctx->prog_blk_w[4] && ret == KIVO_OK; ++q)
                 for (int k = 0; k < ns && ret == KIVO_OK; ++k) {
                     const int c = sh.comp_idx[k];
@@ -286,6 +256,10 @@ int32_t kivod_dec_scan_prog(kivod_ctx *ctx, int32_t *done) {
                 }
     }
     if (ret == KIVO_OK && eob_run > 0) ret = KIVO_ERR_MALFORMED;
+    for (int k = 0; k < ns; ++k) {
+        const int c = sh.comp_idx[k];
+        kivod_note_rows(ctx, c, ret == KIVO_OK ? ctx->prog_blk_h[c] : rows_done * (ns > 1 ? fh.v[c] : 1));
+    }
     kivod_bs_read_stuffing(bs);
     const int32_t rew = kivod_bs_rewind_cache(bs, 0);
     return ret != KIVO_OK ? ret : rew;
@@ -349,7 +323,7 @@ int32_t kivod_dec_pic_prog(kivod_ctx *ctx, kivod_work *w) {
         for (int32_t r = 0; r < ctx->blk_h[c]; ++r) {
             for (int32_t col = 0; col < ctx->blk_w[c]; ++col) {
                 int16_t *coef = ctx->coef_buf[c] + (static_cast<size_t>(r) * ctx->prog_blk_w[c] + col) * 64;
-                for (int i = 0; i < 64; ++i) coef[i] = low16(coef[i] * static_cast<int32_t>(q.q[i]));
+                for (int i = 0; i < 64; ++i) coef[i] = low16(static_cast<uint32_t>(coef[i]) * q.q[i]);
                 if (c == 0) w->dc_level_sum += (coef[0] + 1024) >> 3;
                 std::memcpy(blk, coef, sizeof(blk));
                 if (mode == KIVOD_OUT_DIRECT) kivod_out_block(img, c, col, r, idct, blk);

@@ -1,8 +1,11 @@
-// Sequential scans: the scan header, the slice job that walks MCUs, decodes
-// blocks, reconstructs them and writes them out.
+// Sequential scans: the scan header, the rules that take a scan from one MCU
+// to the next (followed alike by the skim and by the slices), and the slice
+// job that decodes blocks, reconstructs them and writes them out.
 #include <cstring>
 
+#include "decoder/bs_inline.h"
 #include "decoder/out.h"
+#include "xelo/xelo_int.h"
 
 namespace {
 
@@ -22,6 +25,74 @@ struct ScanComp {
     int32_t src_line;  // next source line handed to the resizer
     xelo_irsz_t *rsz;
 };
+
+// The scan components' geometry, tables and counters (null: not counted).
+void setup_comps(const kivod_ctx *ctx, ScanComp sc[4], uint64_t (*dc_count)[12], uint64_t (*ac_count)[256]) {
+    const kivod_sh &sh = ctx->sh;
+    const kivod_fh &fh = ctx->fh;
+    const int ns = sh.n_comp;
+    std::memset(sc, 0, 4 * sizeof(ScanComp));
+    for (int k = 0; k < ns; ++k) {
+        ScanComp &s = sc[k];
+        s.c = sh.comp_idx[k];
+        s.h = ns > 1 ? fh.h[s.c] : 1;
+        s.v = ns > 1 ? fh.v[s.c] : 1;
+        s.row_w = ctx->blk_w[s.c];
+        s.dc = &ctx->dc_tbl[sh.td[s.c]];
+        s.ac = &ctx->ac_tbl[sh.ta[s.c]];
+        s.q = &ctx->qtbl[fh.tq[s.c]];
+        s.q0 = static_cast<int16_t>(s.q->q[0]);
+        s.dc_count = dc_count ? dc_count[sh.td[s.c]] : nullptr;
+        // AC symbols are counted for re-encoding with new quantizers, so
+        // only when the quantization record carries them.
+        bool requant = false;
+        for (int i = 0; i < 64; ++i) requant |= s.q->rq_mul[i] != 0;
+        s.ac_count = ac_count && requant ? ac_count[sh.ta[s.c]] : nullptr;
+    }
+}
+
+inline int32_t restart_interval(const kivod_ctx *ctx) { return ctx->dri.length ? ctx->dri.interval : 0; }
+
+// ---- the rules of the walk from MCU to MCU ----------------------------------------
+// The skim and the slices call these and nothing else to move through a scan,
+// so both reach every MCU in the same reader state.
+
+// One block's DC and AC codes, unless a failure is held for the rest of the
+// restart interval; a failing block holds its status and is reconstructed
+// from the predictor alone. Returns false where decoding stops at once:
+// without restart markers nothing after a failure can be found again.
+inline bool decode_block(kivod_bs *bs, const ScanComp &s, kivod_vld_ac_fn ac, bool restarts, int32_t *held,
+                         int16_t *blk, int16_t *diff, int16_t *dc_only) {
+    *diff = 0;
+    *dc_only = 1;
+    if (*held) return true;
+    int32_t st = kivod_vld_dc(bs, s.q0, s.dc, s.dc_count, diff);
+    if (st == KIVO_OK) st = ac(bs, s.q, s.ac, s.ac_count, blk, dc_only);
+    if (st == KIVO_OK) return true;
+    *held = st;
+    *diff = 0;
+    *dc_only = 1;
+    if (blk) std::memset(blk, 0, 128);
+    return restarts;
+}
+
+// The restart interval's count after an MCU and, at its end, the search for
+// the next marker, which clears a held failure. Nothing follows the scan's
+// last MCU. Returns false where no marker comes before the end of the data:
+// decoding stops with -202 held.
+inline bool restart_after(kivod_bs *bs, int32_t interval, bool last_of_scan, int16_t pred[4], int32_t *run,
+                          int32_t *held) {
+    ++*run;
+    if (!interval || *run != interval || last_of_scan) return true;
+    const int32_t r = kivod_bs_sync_restart(bs, pred, run);
+    *held = r;
+    return r == KIVO_OK;
+}
+
+// Decoding stops once the data is used up.
+inline bool data_left(const kivod_bs *bs) { return !(kivod_bs_input_done(bs) && bs->bits < 1); }
+
+
 
 // Sets the per-component block geometry of the scan: one block per MCU in a
 // one-component scan, whole MCUs of the frame's factors otherwise.
@@ -63,30 +134,216 @@ int32_t check_scan(const kivod_ctx *ctx) {
     return blocks > 10 ? KIVO_ERR_MALFORMED : KIVO_OK;
 }
 
+
 // Coefficient magnitudes are summed per block in 32-bit lanes (one block
 // adds at most 32768 per lane) and moved to the 64-bit statistics before
 // they could overflow.
 constexpr int32_t kMagFlush = 65535;
 
-void flush_magnitudes(kivod_work *w, uint32_t mag[2][64], int32_t *blocks) {
+// One slice job: its components, kernels, output and resizers.
+struct Slice {
+    kivod_ctx *ctx;
+    kivod_work *w;
+    xelo_imgb *img;
+    int32_t mode;
+    int ns;
+    int nblk;  // output samples per block side
+    int32_t interval;
+    int32_t scan_mcus;
+    kivod_vld_ac_fn vld_ac;
+    kivod_idct_fn idct, idct_dc;
+    ScanComp sc[4];
+    bool stats;  // the MCUs decoded count towards the statistics
+    int32_t mag_blocks;
+    alignas(16) uint32_t mag[2][64];  // coefficient magnitudes, luma and chroma
+    alignas(16) uint8_t mcu_buf[4][32 * 32];
+};
+
+void flush_magnitudes(Slice &j) {
+    kivod_work *w = j.w;
     for (int i = 1; i < 64; ++i) {
-        w->stat_luma[i] += mag[0][i];
-        w->stat_chroma[i] += mag[1][i];
+        w->stat_luma[i] += j.mag[0][i];
+        w->stat_chroma[i] += j.mag[1][i];
     }
-    std::memset(mag, 0, 2 * 64 * sizeof(uint32_t));
-    *blocks = 0;
+    std::memset(j.mag, 0, sizeof(j.mag));
+    j.mag_blocks = 0;
 }
 
-void end_resizers(ScanComp *sc, int ns, kivod_work *w, bool flush) {
-    for (int k = 0; k < ns; ++k) {
-        if (!sc[k].rsz) continue;
-        if (flush && sc[0].fill != 0) xelo_irsz(sc[k].rsz, w->strip[k], sc[k].src_line, w->ctx->mcu_lines[sc[k].c]);
-        xelo_irsz_delete(sc[k].rsz);
-        sc[k].rsz = nullptr;
+void end_resizers(Slice &j, bool flush) {
+    for (int k = 0; k < j.ns; ++k) {
+        ScanComp &s = j.sc[k];
+        if (!s.rsz) continue;
+        if (flush && j.sc[0].fill != 0) xelo_irsz(s.rsz, j.w->strip[k], s.src_line, j.ctx->mcu_lines[s.c]);
+        xelo_irsz_delete(s.rsz);
+        s.rsz = nullptr;
     }
+}
+
+// One resizer per scan component over the whole plane, writing the slice's
+// own output lines and fed from the slice's first source row on.
+int32_t open_resizers(Slice &j) {
+    kivod_ctx *ctx = j.ctx;
+    kivod_work *w = j.w;
+    const int d = ctx->scale == 1 ? 1 : ctx->scale;
+    for (int k = 0; k < j.ns; ++k) {
+        ScanComp &s = j.sc[k];
+        s.src_line = w->start_row[k] * j.nblk;
+        if (w->out_lines[k] < 1) continue;  // this slice adds no output line
+        xelo_irsz_desc desc;
+        desc.kind = 20;
+        desc.mode = 11;
+        desc.src_w = (ctx->comp_w[s.c] + d - 1) / d;
+        desc.src_h = (ctx->comp_h[s.c] + d - 1) / d;
+        desc.src_stride = ctx->line_w[s.c];
+        desc.strip_h = ctx->mcu_lines[s.c];
+        desc.dst_w = ctx->out_w[s.c];
+        desc.dst_h = ctx->out_h[s.c];
+        desc.dst_stride = j.img->stride[s.c];
+        desc.dst = j.img->plane[s.c];
+        s.rsz = xelo::irsz_create_window(&desc, desc.src_stride, desc.src_h, w->out_first[k], w->out_lines[k],
+                                         s.src_line);
+        if (!s.rsz) {
+            end_resizers(j, false);
+            return KIVO_ERR_OUT_OF_MEMORY;
+        }
+    }
+    return KIVO_OK;
+}
+
+// Decodes, reconstructs and writes one MCU. Returns false where decoding
+// stops inside it.
+bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
+    kivod_work *w = j.w;
+    kivod_ctx *ctx = j.ctx;
+    const bool restarts = j.interval != 0;
+    for (int k = 0; k < j.ns; ++k) {
+        ScanComp &s = j.sc[k];
+        const bool luma = s.c == 0;
+        for (int v = 0; v < s.v; ++v) {
+            for (int h = 0; h < s.h; ++h) {
+                int16_t *blk = w->blk;
+                int16_t diff, dc_only;
+                if (!decode_block(bs, s, j.vld_ac, restarts, held, blk, &diff, &dc_only)) return false;
+                w->dc_pred[k] = add16(w->dc_pred[k], diff);
+                blk[0] = w->dc_pred[k];
+                if (j.stats) {
+                    const int32_t level = (blk[0] + 1024) >> 3;
+                    if (luma) {
+                        w->dc_level_sum += level;
+                        w->stat_luma[0] += level;
+                        ++w->n_luma;
+                    } else {
+                        w->stat_chroma[0] += level;
+                        ++w->n_chroma;
+                    }
+                    uint32_t *sum = j.mag[luma ? 0 : 1];
+                    for (int i = 0; i < 64; ++i) sum[i] += static_cast<uint32_t>(blk[i] < 0 ? -blk[i] : blk[i]);
+                    if (++j.mag_blocks == kMagFlush) flush_magnitudes(j);
+                }
+                const kivod_idct_fn fn = dc_only ? j.idct_dc : j.idct;
+                if (j.mode == KIVOD_OUT_DIRECT) {
+                    kivod_out_block(j.img, s.c, s.col + h, s.row + v, fn, blk);
+                } else if (j.mode == KIVOD_OUT_PACKED) {
+                    fn(blk, 32, j.mcu_buf[k] + 32 * 8 * v + 8 * h);
+                } else {
+                    const int32_t line = v * j.nblk + s.fill;
+                    fn(blk, ctx->line_w[s.c],
+                       w->strip[k] + static_cast<ptrdiff_t>(line) * ctx->line_w[s.c] + (s.col + h) * j.nblk);
+                }
+                std::memset(blk, 0, 128);
+            }
+        }
+    }
+    if (j.mode == KIVOD_OUT_PACKED) kivod_out_pack_mcu(ctx, j.mcu_buf, j.sc[0].col * 8, j.sc[0].row * 8);
+    for (int k = 0; k < j.ns; ++k) j.sc[k].col += j.sc[k].h;
+    return true;
+}
+
+// At the end of an MCU row: the next row, and a full strip to the resizers.
+void next_row(Slice &j) {
+    if (j.sc[0].col < j.sc[0].row_w) return;
+    for (int k = 0; k < j.ns; ++k) {
+        j.sc[k].row += j.sc[k].v;
+        j.sc[k].col = 0;
+    }
+    if (j.mode != KIVOD_OUT_RESIZED) return;
+    for (int k = 0; k < j.ns; ++k) j.sc[k].fill += j.sc[k].v * j.nblk;
+    if (j.sc[0].fill < j.ctx->mcu_lines[j.sc[0].c]) return;
+    for (int k = 0; k < j.ns; ++k) {
+        ScanComp &s = j.sc[k];
+        const int lines = j.ctx->mcu_lines[s.c];
+        if (s.rsz) xelo_irsz(s.rsz, j.w->strip[k], s.src_line, lines);
+        s.src_line += lines;
+        s.fill = 0;
+    }
+}
+
+// Decodes MCUs first .. first + count - 1 of the scan with reader bs.
+// Returns how many were completed; *stopped tells whether decoding stopped.
+int32_t run_mcus(Slice &j, kivod_bs *bs, int32_t first, int32_t count, int32_t *held, bool *stopped) {
+    kivod_work *w = j.w;
+    *stopped = false;
+    for (int32_t m = 0; m < count; ++m) {
+        if (!decode_mcu(j, bs, held)) {
+            *stopped = true;
+            return m;
+        }
+        const bool last = first + m + 1 == j.scan_mcus;
+        if (!restart_after(bs, j.interval, last, w->dc_pred, &w->rst_count, held)) {
+            *stopped = true;
+            return m + 1;
+        }
+        next_row(j);
+        if (!data_left(bs)) {
+            *stopped = true;
+            return m + 1;
+        }
+    }
+    return count;
 }
 
 }  // namespace
+
+int32_t kivod_scan_mcus(const kivod_ctx *ctx, int32_t *per_row) {
+    const kivod_sh &sh = ctx->sh;
+    const int c0 = sh.comp_idx[0];
+    int32_t cols = ctx->blk_w[c0], rows = ctx->blk_h[c0];
+    if (sh.n_comp > 1) {
+        cols /= ctx->fh.h[c0];
+        rows /= ctx->fh.v[c0];
+    }
+    if (per_row) *per_row = cols;
+    return cols * rows;
+}
+
+void kivod_note_rows(kivod_ctx *ctx, int c, int32_t rows) {
+    int32_t &r = ctx->comp_rows[c];
+    // A later sequential scan of a component may complete it; every
+    // progressive scan adds to all of its rows.
+    if (r < 0 || (ctx->progressive ? rows < r : rows > r)) r = rows;
+}
+
+int32_t kivod_skim_to(const kivod_ctx *ctx, kivod_skim *sk, int32_t target) {
+    ScanComp sc[4];
+    setup_comps(ctx, sc, nullptr, nullptr);
+    const int ns = ctx->sh.n_comp;
+    const int32_t interval = restart_interval(ctx);
+    const int32_t total = kivod_scan_mcus(ctx, nullptr);
+    while (sk->mcu < target) {
+        for (int k = 0; k < ns; ++k) {
+            for (int b = 0; b < sc[k].h * sc[k].v; ++b) {
+                int16_t diff, dc_only;
+                if (!decode_block(&sk->bs, sc[k], kivod_vld_ac1, interval != 0, &sk->held, nullptr, &diff, &dc_only))
+                    return 1;
+                sk->pred[k] = add16(sk->pred[k], diff);
+            }
+        }
+        ++sk->mcu;
+        if (!restart_after(&sk->bs, interval, sk->mcu == total, sk->pred, &sk->run, &sk->held)) return 1;
+        if (!data_left(&sk->bs)) return 1;
+    }
+    return 0;
+}
 
 int32_t dec_scan(kivod_ctx *ctx, int32_t *done) {
     int32_t ret = kivod_vld_sh(ctx, &ctx->scan_bs, &ctx->sh);
@@ -100,8 +357,19 @@ int32_t dec_scan(kivod_ctx *ctx, int32_t *done) {
     const int32_t status = kivod_skim_and_run(ctx);
     kivod_collect_stats(ctx);
 
+    // How far the scan got: the last slice that ran holds its end.
+    const kivod_work *last = ctx->work[ctx->n_threads - 1];
+    int32_t per_row = 1;
+    const int32_t total = kivod_scan_mcus(ctx, &per_row);
+    const int32_t reached = last->stopped ? last->first_mcu + last->mcu_done : total;
+    for (int k = 0; k < ctx->sh.n_comp; ++k) {
+        const int c = ctx->sh.comp_idx[k];
+        const int32_t v = ctx->sh.n_comp > 1 ? ctx->fh.v[c] : 1;
+        kivod_note_rows(ctx, c, reached == total ? ctx->blk_h[c] : reached / per_row * v);
+    }
+
     // The scan ends where the last slice's reader stopped.
-    ctx->scan_bs = ctx->work[ctx->n_threads - 1]->bs;
+    ctx->scan_bs = last->bs;
     ret = kivod_bs_rewind_cache(&ctx->scan_bs, 0);
     if (ret != 0) return ret;
     if (ctx->sh.n_comp > 1) *done = 1;
@@ -109,178 +377,61 @@ int32_t dec_scan(kivod_ctx *ctx, int32_t *done) {
 }
 
 int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
-    const kivod_sh &sh = ctx->sh;
-    const kivod_fh &fh = ctx->fh;
-    const int ns = sh.n_comp;
-    const int scale = ctx->scale;
-    const kivod_vld_ac_fn vld_ac = ctx->dsp.vld_ac[scale];
-    const kivod_idct_fn idct = ctx->dsp.idct[scale];
-    const kivod_idct_fn idct_dc = ctx->dsp.idct_dc[scale];
-    const int shift = tbl_blk_shift[scale];
-    const int nblk = 1 << shift;  // output samples per block side
-    xelo_imgb *img = ctx->out_imgb;
-    const int32_t mode = kivod_out_mode_for(ctx, img);
-    if (mode < 0) return mode;
+    // Until its MCUs run, the slice counts as stopped before its first.
+    w->stopped = 1;
+    w->mcu_done = 0;
+    Slice j;
+    j.ctx = ctx;
+    j.w = w;
+    j.img = ctx->out_imgb;
+    j.mode = kivod_out_mode_for(ctx, j.img);
+    if (j.mode < 0) return j.mode;
+    j.ns = ctx->sh.n_comp;
     // Packed pairs need every component of the MCU at hand.
-    if (mode == KIVOD_OUT_PACKED && fh.n_comp > 1 && ns != fh.n_comp) return KIVO_ERR_UNSUPPORTED;
-
-    ScanComp sc[4];
-    std::memset(sc, 0, sizeof(sc));
-    for (int k = 0; k < ns; ++k) {
-        ScanComp &s = sc[k];
-        s.c = sh.comp_idx[k];
-        s.h = ns > 1 ? fh.h[s.c] : 1;
-        s.v = ns > 1 ? fh.v[s.c] : 1;
-        s.row_w = ctx->blk_w[s.c];
-        s.row = w->start_row[k];
-        s.dc = &ctx->dc_tbl[sh.td[s.c]];
-        s.ac = &ctx->ac_tbl[sh.ta[s.c]];
-        s.q = &ctx->qtbl[fh.tq[s.c]];
-        s.q0 = static_cast<int16_t>(s.q->q[0]);
-        s.dc_count = w->dc_count[sh.td[s.c]];
-        // AC symbols are counted for re-encoding with new quantizers, so
-        // only when the quantization record carries them.
-        bool requant = false;
-        for (int i = 0; i < 64; ++i) requant |= s.q->rq_mul[i] != 0;
-        s.ac_count = requant ? w->ac_count[sh.ta[s.c]] : nullptr;
-    }
+    if (j.mode == KIVOD_OUT_PACKED && ctx->fh.n_comp > 1 && j.ns != ctx->fh.n_comp) return KIVO_ERR_UNSUPPORTED;
+    const int scale = ctx->scale;
+    j.vld_ac = ctx->dsp.vld_ac[scale];
+    j.idct = ctx->dsp.idct[scale];
+    j.idct_dc = ctx->dsp.idct_dc[scale];
+    j.nblk = 1 << tbl_blk_shift[scale];
+    j.interval = restart_interval(ctx);
+    j.scan_mcus = kivod_scan_mcus(ctx, nullptr);
+    j.stats = true;
+    j.mag_blocks = 0;
+    std::memset(j.mag, 0, sizeof(j.mag));
     std::memset(w->stat_luma, 0, sizeof(w->stat_luma));
     std::memset(w->stat_chroma, 0, sizeof(w->stat_chroma));
     w->n_luma = w->n_chroma = 0;
     w->dc_level_sum = 0;
     std::memset(w->dc_count, 0, sizeof(w->dc_count));
     std::memset(w->ac_count, 0, sizeof(w->ac_count));
-
-    if (mode == KIVOD_OUT_RESIZED) {
-        const int d = scale == 1 ? 1 : scale;
-        for (int k = 0; k < ns; ++k) {
-            const int c = sc[k].c;
-            if (w->out_lines[k] < 1) continue;  // this slice adds no output line
-            xelo_irsz_desc desc;
-            desc.kind = 20;
-            desc.mode = 11;
-            desc.src_w = (ctx->comp_w[c] + d - 1) / d;
-            desc.src_h = (w->lines[k] + d - 1) / d;
-            if (desc.src_h < 1) desc.src_h = 1;
-            desc.src_stride = ctx->line_w[c];
-            desc.strip_h = ctx->mcu_lines[c];
-            desc.dst_w = ctx->out_w[c];
-            desc.dst_h = w->out_lines[k];
-            desc.dst_stride = img->stride[c];
-            desc.dst = img->plane[c] + static_cast<ptrdiff_t>(w->out_first[k]) * img->stride[c];
-            sc[k].rsz = xelo_irsz_create(&desc, 0, desc.src_stride, desc.src_h);
-            if (!sc[k].rsz) {
-                end_resizers(sc, ns, w, false);
-                return KIVO_ERR_OUT_OF_MEMORY;
-            }
-        }
+    setup_comps(ctx, j.sc, w->dc_count, w->ac_count);
+    for (int k = 0; k < j.ns; ++k) j.sc[k].row = w->start_row[k];
+    if (j.mode == KIVOD_OUT_RESIZED) {
+        const int32_t r = open_resizers(j);
+        if (r != 0) return r;
     }
 
-    const int32_t luma_bw = (ctx->comp_w[0] + 7) >> 3, luma_bh = (ctx->comp_h[0] + 7) >> 3;
-    alignas(16) uint8_t mcu_buf[4][32 * 32];
-    alignas(16) uint32_t mag[2][64] = {};  // coefficient magnitudes, luma and chroma
-    int32_t mag_blocks = 0;
-    kivod_bs *bs = &w->bs;
-    int32_t rst_count = w->rst_count;
-    const int32_t interval = ctx->dri.length ? ctx->dri.interval : 0;
-    int32_t status = KIVO_OK;
+    int32_t held = w->held;
     bool stopped = false;
-
-    for (int32_t m = 0; m < w->n_mcu; ++m) {
-        for (int k = 0; k < ns; ++k) {
-            ScanComp &s = sc[k];
-            const bool luma = s.c == 0;
-            for (int v = 0; v < s.v; ++v) {
-                for (int h = 0; h < s.h; ++h) {
-                    int16_t *blk = w->blk;
-                    int16_t diff = 0, dc_only = 1;
-                    if (status == KIVO_OK) {
-                        status = kivod_vld_dc(bs, s.q0, s.dc, s.dc_count, &diff);
-                        if (status == KIVO_OK)
-                            status = vld_ac(bs, s.q, s.ac, s.ac_count, blk, &dc_only);
-                        if (status != KIVO_OK) {
-                            // Without restart markers nothing after this point
-                            // can be found again.
-                            if (!interval) {
-                                stopped = true;
-                                goto slice_end;
-                            }
-                            diff = 0;
-                            dc_only = 1;
-                            std::memset(blk, 0, 128);
-                        }
-                    }
-                    w->dc_pred[k] = static_cast<int16_t>(static_cast<uint16_t>(w->dc_pred[k]) +
-                                                         static_cast<uint16_t>(diff));
-                    blk[0] = w->dc_pred[k];
-                    const int32_t level = (blk[0] + 1024) >> 3;
-                    if (luma) {
-                        // The mean level counts the blocks inside the picture,
-                        // not those that only fill the last MCU.
-                        if (s.col + h < luma_bw && s.row + v < luma_bh) w->dc_level_sum += level;
-                        w->stat_luma[0] += level;
-                        ++w->n_luma;
-                    } else {
-                        w->stat_chroma[0] += level;
-                        ++w->n_chroma;
-                    }
-                    uint32_t *sum = mag[luma ? 0 : 1];
-                    for (int i = 0; i < 64; ++i) sum[i] += static_cast<uint32_t>(blk[i] < 0 ? -blk[i] : blk[i]);
-                    if (++mag_blocks == kMagFlush) flush_magnitudes(w, mag, &mag_blocks);
-                    const kivod_idct_fn fn = dc_only ? idct_dc : idct;
-                    if (mode == KIVOD_OUT_DIRECT) {
-                        kivod_out_block(img, s.c, s.col + h, s.row + v, fn, blk);
-                    } else if (mode == KIVOD_OUT_PACKED) {
-                        fn(blk, 32, mcu_buf[k] + 32 * 8 * v + 8 * h);
-                    } else {
-                        const int32_t line = v * nblk + s.fill;
-                        fn(blk, ctx->line_w[s.c],
-                           w->strip[k] + static_cast<ptrdiff_t>(line) * ctx->line_w[s.c] +
-                               (s.col + h) * nblk);
-                    }
-                    std::memset(blk, 0, 128);
-                }
-            }
-        }
-        if (mode == KIVOD_OUT_PACKED) kivod_out_pack_mcu(ctx, mcu_buf, sc[0].col * 8, sc[0].row * 8);
-        for (int k = 0; k < ns; ++k) sc[k].col += sc[k].h;
-
-        ++rst_count;
-        if (interval && rst_count == interval && m + 1 < w->n_mcu) {
-            const int32_t r = kivod_bs_sync_restart(bs, w->dc_pred, &rst_count);
-            if (r != 0) {
-                status = r;
-                stopped = true;
-                goto slice_end;
-            }
-            status = KIVO_OK;
-        }
-        if (sc[0].col >= sc[0].row_w) {
-            for (int k = 0; k < ns; ++k) {
-                sc[k].row += sc[k].v;
-                sc[k].col = 0;
-            }
-            if (mode == KIVOD_OUT_RESIZED) {
-                for (int k = 0; k < ns; ++k) sc[k].fill += sc[k].v * nblk;
-                if (sc[0].fill >= ctx->mcu_lines[sc[0].c]) {
-                    for (int k = 0; k < ns; ++k) {
-                        const int lines = ctx->mcu_lines[sc[k].c];
-                        if (sc[k].rsz) xelo_irsz(sc[k].rsz, w->strip[k], sc[k].src_line, lines);
-                        sc[k].src_line += lines;
-                        sc[k].fill = 0;
-                    }
-                }
-            }
-        }
-        if (kivod_bs_input_done(bs) && bs->bits < 1) {
-            stopped = true;
-            goto slice_end;
-        }
+    w->mcu_done = run_mcus(j, &w->bs, w->first_mcu, w->n_mcu, &held, &stopped);
+    w->stopped = stopped;
+    flush_magnitudes(j);
+    if (!stopped && w->extra_mcu > 0) {
+        // Rows below the slice that its resizers still read, decoded from
+        // where the next slice starts: the same bits give the same rows.
+        // They count for no statistics and write nothing but the strips.
+        for (int k = 0; k < j.ns; ++k) j.sc[k].dc_count = j.sc[k].ac_count = nullptr;
+        j.stats = false;
+        kivod_bs bs = w->bs;
+        int32_t extra_held = held;
+        run_mcus(j, &bs, w->first_mcu + w->n_mcu, w->extra_mcu, &extra_held, &stopped);
     }
-
-slice_end:
-    flush_magnitudes(w, mag, &mag_blocks);
-    if (!stopped) kivod_bs_read_stuffing(bs);
-    end_resizers(sc, ns, w, !stopped);
-    return status;
+    if (!w->stopped) kivod_bs_read_stuffing(&w->bs);
+    end_resizers(j, !stopped);
+    if (w->stopped) return held;
+    // A failure held at the slice's end belongs to the next slice's first
+    // restart interval, which starts holding it; only the scan's last slice
+    // reports one.
+    return w->first_mcu + w->n_mcu == j.scan_mcus ? held : KIVO_OK;
 }

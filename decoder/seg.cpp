@@ -43,9 +43,10 @@ int32_t kivod_vld_fh(kivod_bs *bs, kivod_fh *fh) {
         uint32_t hv = rd(bs, 1);
         uint32_t h = hv >> 4, v = hv & 15;
         uint32_t tq = rd(bs, 1);
-        // Factors outside 1..4 and table selectors beyond the four tables
-        // would index outside the decoder's per-component arrays later.
-        if (h == 0 || v == 0 || h > 4 || v > 4 || tq > 3) return KIVO_ERR_MALFORMED;
+        // Factors above 4 and table selectors beyond the four tables would
+        // index outside the decoder's per-component arrays later. A single
+        // zero factor is a layout the driver refuses as unsupported.
+        if ((h == 0 && v == 0) || h > 4 || v > 4 || tq > 3) return KIVO_ERR_MALFORMED;
         fh->h[i] = static_cast<uint8_t>(h);
         fh->v[i] = static_cast<uint8_t>(v);
         fh->tq[i] = static_cast<uint8_t>(tq);

@@ -20,15 +20,6 @@
 
 namespace {
 
-// The low 16 bits of v as a signed value (modular conversion).
-inline int16_t low16(uint32_t v) { return static_cast<int16_t>(static_cast<uint16_t>(v)); }
-
-// T.81 EXTEND: the size-bit field v (size >= 1) as a signed difference.
-inline int32_t extend(uint32_t v, int32_t size) {
-    return v < (1u << (size - 1)) ? static_cast<int32_t>(v) - (1 << size) + 1
-                                  : static_cast<int32_t>(v);
-}
-
 // value x quantizer, kept to 16 bits without signed overflow.
 inline int16_t dequant(int32_t value, uint16_t q) {
     return low16(static_cast<uint32_t>(value) * q);
@@ -49,20 +40,10 @@ inline int32_t next_symbol(kivod_bs *bs, const kivod_ac_tbl *t, int32_t *run, in
         *run = e.run;
         *size = e.size;
     } else {
-        uint32_t code = 0;
-        for (len = 9; len <= 16; ++len) {
-            code = c >> (32 - len);
-            const kivod_ac_range &r = t->range[len];
-            if (code >= r.mincode && code <= r.maxcode) break;
-        }
-        if (len > 16) return KIVO_ERR_MALFORMED;
-        uint32_t idx = code - t->range[len].mincode + t->range[len].valptr;
-        if (idx > 255) return KIVO_ERR_MALFORMED;
+        const int32_t idx = long_ac_code(t, c >> 16, &len);
+        if (idx < 0) return KIVO_ERR_MALFORMED;
         *run = t->sym[idx].run;
         *size = t->sym[idx].size;
-        // A code as long as the table's symbol count plus one cannot occur
-        // in a valid table; end-of-block is let through.
-        if (len >= t->count && (*run != 0 || *size != 0)) return KIVO_ERR_MALFORMED;
     }
     int32_t s = *size;
     int32_t total = len + s;
@@ -293,24 +274,13 @@ int32_t ac_window(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, int1
                 run = e.run;
                 size = e.size;
             } else {
-                const uint32_t c16 = static_cast<uint32_t>(w.acc >> 48);
-                uint32_t code = 0;
-                for (len = 9; len <= 16; ++len) {
-                    code = c16 >> (16 - len);
-                    const kivod_ac_range &r = t->range[len];
-                    if (code >= r.mincode && code <= r.maxcode) break;
-                }
-                const uint32_t idx = len <= 16 ? code - t->range[len].mincode + t->range[len].valptr : 256;
-                if (idx > 255) {
+                const int32_t idx = long_ac_code(t, static_cast<uint32_t>(w.acc >> 48), &len);
+                if (idx < 0) {
                     window_close(&w, bs);
                     return KIVO_ERR_MALFORMED;
                 }
                 run = t->sym[idx].run;
                 size = t->sym[idx].size;
-                if (len >= t->count && (run != 0 || size != 0)) {
-                    window_close(&w, bs);
-                    return KIVO_ERR_MALFORMED;
-                }
             }
             window_skip(&w, len);
             value = 0;
@@ -372,21 +342,11 @@ int32_t ac_window(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, int1
 int32_t kivod_vld_dc(kivod_bs *bs, int16_t q0, const kivod_dc_tbl *t, uint64_t *dc_count,
                      int16_t *out) {
     top_up(bs);
-    uint32_t c = bs->cache;
-    uint32_t b8 = c >> 24;
-    int32_t cat = t->lookup[b8];
-    int32_t len = cat < 12 ? t->code[cat].len : 0;
-    if (len == 0 || len > 8 || (b8 >> (8 - len)) != t->code[cat].code) {
-        // Eight 1 bits (or a prefix the look-up does not resolve): try the
-        // categories' codes in order on the next 16 bits.
-        uint32_t b16 = c >> 16;
-        for (cat = 0; cat < 12; ++cat) {
-            len = t->code[cat].len;
-            if (len != 0 && (b16 >> (16 - len)) == t->code[cat].code) break;
-        }
-        if (cat == 12) return KIVO_ERR_MALFORMED;
-    }
-    int32_t total = len + cat;  // <= 12 + 11
+    const uint32_t c = bs->cache;
+    int32_t len = 0;
+    const int32_t cat = dc_category(t, c >> 16, &len);
+    if (cat < 0) return KIVO_ERR_MALFORMED;
+    const int32_t total = len + cat;  // <= 12 + 11
     uint32_t v;
     if (bs->bits >= total) {
         v = cat ? (c << len) >> (32 - cat) : 0;

@@ -86,6 +86,17 @@ typedef struct kivod_stats {
 } kivod_stats;
 KIVO_API int32_t kivod_get_stats(kivod_ctx *ctx, kivod_stats *stats);
 
+/* How much of the last picture kivod_clone decoded. A stream that ends early
+ * still decodes with status 0 as far as its data goes; the rows below keep
+ * what the buffer held. */
+typedef struct kivod_progress {
+    int32_t complete;        /* 1: every MCU row of every component decoded (and,
+                                progressive, the end of the image reached) */
+    int32_t mcu_rows;        /* MCU rows of the frame decoded in every component */
+    int32_t mcu_rows_total;  /* MCU rows of the frame */
+} kivod_progress;
+KIVO_API int32_t kivod_get_progress(kivod_ctx *ctx, kivod_progress *progress);
+
 #ifdef __cplusplus
 }
 #endif

@@ -126,7 +126,6 @@ TEST(OracleProgressive, EqualsSequentialAndStaysNearLibjpegTurbo) {
                 ASSERT_EQ(b.status, 0) << what;
                 ASSERT_EQ(a.planes.size(), b.planes.size());
                 for (size_t p = 0; p < a.planes.size(); ++p) EXPECT_EQ(a.planes[p].px, b.planes[p].px) << what << " plane " << p;
-                EXPECT_EQ(a.stats.mean_level, b.stats.mean_level) << what;
                 // Reduced: each block's whole low-frequency corner through the
                 // reduced transform, from the coefficients libjpeg-turbo reads.
                 // (A reduced sequential decode drops corner coefficients sent

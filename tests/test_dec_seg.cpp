@@ -128,7 +128,8 @@ TEST(DecSeg, FrameHeader) {
         {{0, 11, 8, 0, 0, 0, 24, 1, 1, 0x11, 0}, KIVO_ERR_MALFORMED},
         {{0, 11, 8, 0, 16, 0, 24, 5}, KIVO_ERR_UNSUPPORTED},
         {{0, 8, 8, 0, 16, 0, 24, 0}, 0},
-        {{0, 11, 8, 0, 16, 0, 24, 1, 1, 0x01, 0}, KIVO_ERR_MALFORMED},  // H = 0
+        {{0, 11, 8, 0, 16, 0, 24, 1, 1, 0x00, 0}, KIVO_ERR_MALFORMED},  // H = V = 0
+        {{0, 11, 8, 0, 16, 0, 24, 1, 1, 0x01, 0}, 0},  // H = 0: a layout the driver refuses
         {{0, 11, 8, 0, 16, 0, 24, 1, 1, 0x15, 0}, KIVO_ERR_MALFORMED},  // V = 5
         {{0, 11, 8, 0, 16, 0, 24, 1, 1, 0x11, 4}, KIVO_ERR_MALFORMED},  // Tq = 4
         {{0, 17, 8, 0, 16, 0}, KIVO_ERR_MALFORMED},                     // truncated: X reads 0

@@ -20,7 +20,7 @@
 // destination row is written as soon as its last source row has arrived.
 #include <cstring>
 
-#include "xelo.h"
+#include "xelo/xelo_int.h"
 
 namespace xelo {
 namespace {
@@ -49,6 +49,7 @@ struct Resizer {
     uint64_t den;       // ax.den * ay.den
     int32_t next_row;   // next source row expected
     int32_t next_out;   // next destination row to write
+    int32_t out_end;    // one past the last destination row this resizer writes
 };
 
 template <typename T>
@@ -80,6 +81,47 @@ void shrink_range(int64_t src, int64_t dst, int64_t j, int64_t *lo, int64_t *hi)
     *hi = ((j + 1) * src + dst - 1) / dst;    // one past the last one
 }
 
+// Taps of destination index j on an axis of src source and dst destination
+// samples: the first source index, their number and, when weight is not
+// null, one weight per source index.
+void taps_of(int32_t src, int32_t dst, int32_t j, int32_t *first, int32_t *count, uint32_t *weight) {
+    if (dst < src) {
+        int64_t lo, hi;
+        shrink_range(src, dst, j, &lo, &hi);
+        *first = int32_t(lo);
+        *count = int32_t(hi - lo);
+        if (!weight) return;
+        const int64_t d_lo = int64_t(j) * src, d_hi = (int64_t(j) + 1) * src;
+        for (int64_t i = lo; i < hi; ++i) {
+            const int64_t s_lo = i * dst, s_hi = (i + 1) * dst;
+            const int64_t lo_max = s_lo > d_lo ? s_lo : d_lo;
+            const int64_t hi_min = s_hi < d_hi ? s_hi : d_hi;
+            *weight++ = uint32_t(hi_min - lo_max);
+        }
+    } else if (dst > src) {
+        const int64_t num = (2 * int64_t(j) + 1) * src - dst;
+        const int64_t den = 2 * int64_t(dst);
+        int64_t i0 = 0, rem = 0;
+        if (num > 0) {
+            i0 = num / den;
+            rem = num % den;
+        }
+        if (i0 >= src - 1) {
+            i0 = src - 1;
+            rem = 0;
+        }
+        *first = int32_t(i0);
+        *count = rem ? 2 : 1;
+        if (!weight) return;
+        weight[0] = uint32_t(den - rem);
+        if (rem) weight[1] = uint32_t(rem);
+    } else {
+        *first = j;
+        *count = 1;
+        if (weight) weight[0] = 1;
+    }
+}
+
 // Fills the table of one axis; false when an allocation fails.
 bool build_axis(Axis &a, int32_t src, int32_t dst) {
     a.shrink = dst < src;
@@ -94,44 +136,10 @@ bool build_axis(Axis &a, int32_t src, int32_t dst) {
     if (!a.first || !a.count || !a.offset || !a.weight) return false;
 
     int32_t pos = 0;
-    for (int64_t j = 0; j < dst; ++j) {
+    for (int32_t j = 0; j < dst; ++j) {
         a.offset[j] = pos;
-        if (a.shrink) {
-            int64_t lo, hi;
-            shrink_range(src, dst, j, &lo, &hi);
-            a.first[j] = int32_t(lo);
-            a.count[j] = int32_t(hi - lo);
-            const int64_t d_lo = j * src, d_hi = (j + 1) * src;
-            for (int64_t i = lo; i < hi; ++i) {
-                const int64_t s_lo = i * dst, s_hi = (i + 1) * dst;
-                const int64_t lo_max = s_lo > d_lo ? s_lo : d_lo;
-                const int64_t hi_min = s_hi < d_hi ? s_hi : d_hi;
-                a.weight[pos++] = uint32_t(hi_min - lo_max);
-            }
-        } else if (dst > src) {
-            const int64_t num = (2 * j + 1) * src - dst;
-            const int64_t den = 2 * int64_t(dst);
-            int64_t i0 = 0, rem = 0;
-            if (num > 0) {
-                i0 = num / den;
-                rem = num % den;
-            }
-            if (i0 >= src - 1) {
-                i0 = src - 1;
-                rem = 0;
-            }
-            a.first[j] = int32_t(i0);
-            a.weight[pos++] = uint32_t(den - rem);
-            a.count[j] = 1;
-            if (rem) {
-                a.weight[pos++] = uint32_t(rem);
-                a.count[j] = 2;
-            }
-        } else {
-            a.first[j] = int32_t(j);
-            a.count[j] = 1;
-            a.weight[pos++] = 1;
-        }
+        taps_of(src, dst, j, &a.first[j], &a.count[j], a.weight + pos);
+        pos += a.count[j];
     }
     return true;
 }
@@ -163,7 +171,7 @@ void store_acc(const Resizer &r, const uint64_t *acc, int32_t j) {
 void push_row_shrink(Resizer &r, int32_t i) {
     const Axis &a = r.ay;
     const uint32_t *h = r.hrow[0];
-    for (int32_t j = r.next_out; j < r.dst_h && a.first[j] <= i; ++j) {
+    for (int32_t j = r.next_out; j < r.out_end && a.first[j] <= i; ++j) {
         const uint64_t w = a.weight[a.offset[j] + (i - a.first[j])];
         uint64_t *acc = r.acc[j & 1];
         for (int32_t x = 0; x < r.dst_w; ++x) acc[x] += w * h[x];
@@ -180,7 +188,7 @@ void push_row_shrink(Resizer &r, int32_t i) {
 void push_row_interp(Resizer &r, int32_t i) {
     const Axis &a = r.ay;
     uint64_t *acc = r.acc[0];
-    while (r.next_out < r.dst_h) {
+    while (r.next_out < r.out_end) {
         const int32_t j = r.next_out;
         if (a.first[j] + a.count[j] - 1 != i) break;
         const uint32_t *w = a.weight + a.offset[j];
@@ -198,16 +206,14 @@ void push_row_interp(Resizer &r, int32_t i) {
 }
 
 }  // namespace
-}  // namespace xelo
 
-extern "C" {
+void irsz_taps(int32_t src, int32_t dst, int32_t j, int32_t *first, int32_t *count) {
+    taps_of(src, dst, j, first, count, nullptr);
+}
 
-// The explicit src_stride and src_h are authoritative; the descriptor's own
-// copies may be 0 or must agree with them.
-XELO_API xelo_irsz_t *xelo_irsz_create(const xelo_irsz_desc *desc, int32_t zero,
-                                       int32_t src_stride, int32_t src_h) {
-    using namespace xelo;
-    if (!desc || zero != 0 || desc->kind != kKind || desc->mode != kMode) return nullptr;
+xelo_irsz_t *irsz_create_window(const xelo_irsz_desc *desc, int32_t src_stride, int32_t src_h,
+                                int32_t out_first, int32_t out_n, int32_t row0) {
+    if (!desc || desc->kind != kKind || desc->mode != kMode) return nullptr;
     if ((desc->src_h && desc->src_h != src_h) ||
         (desc->src_stride && desc->src_stride != src_stride))
         return nullptr;
@@ -217,6 +223,7 @@ XELO_API xelo_irsz_t *xelo_irsz_create(const xelo_irsz_desc *desc, int32_t zero,
         return nullptr;
     if (src_stride < sw || desc->dst_stride < dw || desc->strip_h < 0 || !desc->dst)
         return nullptr;
+    if (out_first < 0 || out_n < 0 || out_n > dh - out_first || row0 < 0 || row0 > src_h) return nullptr;
 
     Resizer *r = static_cast<Resizer *>(xelo_malloc_align32(sizeof(Resizer)));
     if (!r) return nullptr;
@@ -228,6 +235,9 @@ XELO_API xelo_irsz_t *xelo_irsz_create(const xelo_irsz_desc *desc, int32_t zero,
     r->dst_h = dh;
     r->dst_stride = desc->dst_stride;
     r->dst = desc->dst;
+    r->next_row = row0;
+    r->next_out = out_first;
+    r->out_end = out_first + out_n;
     bool ok = build_axis(r->ax, sw, dw) && build_axis(r->ay, src_h, dh);
     for (int i = 0; ok && i < 2; ++i) {
         r->hrow[i] = alloc_array<uint32_t>(size_t(dw));
@@ -241,6 +251,18 @@ XELO_API xelo_irsz_t *xelo_irsz_create(const xelo_irsz_desc *desc, int32_t zero,
     }
     r->den = uint64_t(r->ax.den) * r->ay.den;
     return reinterpret_cast<xelo_irsz_t *>(r);
+}
+
+}  // namespace xelo
+
+extern "C" {
+
+// The explicit src_stride and src_h are authoritative; the descriptor's own
+// copies may be 0 or must agree with them.
+XELO_API xelo_irsz_t *xelo_irsz_create(const xelo_irsz_desc *desc, int32_t zero,
+                                       int32_t src_stride, int32_t src_h) {
+    if (!desc || zero != 0) return nullptr;
+    return xelo::irsz_create_window(desc, src_stride, src_h, 0, desc->dst_h, 0);
 }
 
 XELO_API int32_t xelo_irsz(xelo_irsz_t *rsz, const uint8_t *strip, int32_t first, int32_t n) {
@@ -257,8 +279,10 @@ XELO_API int32_t xelo_irsz(xelo_irsz_t *rsz, const uint8_t *strip, int32_t first
         const uint8_t *src = strip + int64_t(k) * r.src_stride;
         if (identity) {
             // Same size both ways: each row is its own destination row.
-            std::memcpy(r.dst + int64_t(i) * r.dst_stride, src, size_t(r.dst_w));
-            r.next_out = i + 1;
+            if (i >= r.next_out && i < r.out_end) {
+                std::memcpy(r.dst + int64_t(i) * r.dst_stride, src, size_t(r.dst_w));
+                r.next_out = i + 1;
+            }
         } else if (r.ay.shrink) {
             filter_row(r, src, r.hrow[0]);
             push_row_shrink(r, i);

@@ -37,9 +37,11 @@ Decoded decode(const std::vector<uint8_t> &jpg, int threads, int out_w, int out_
         if (!img) {
             r.status = KIVO_ERR_IMGB;
         } else {
-            r.status = kivod_clone(ctx, img);
             int32_t pw[4], ph[4], np = 0;
             xelo_cs_planes(cs, w, h, pw, ph, &np);
+            for (int p = 0; p < 4; ++p)
+                if (img->plane[p]) std::memset(img->plane[p], 0x5A, static_cast<size_t>(img->stride[p]) * img->lines[p]);
+            r.status = kivod_clone(ctx, img);
             for (int p = 0; p < 4; ++p) {
                 if (!img->plane[p] || pw[p] == 0) continue;
                 testpic::Plane pl;
@@ -51,6 +53,7 @@ Decoded decode(const std::vector<uint8_t> &jpg, int threads, int out_w, int out_
                 r.planes.push_back(std::move(pl));
             }
             kivod_get_stats(ctx, &r.stats);
+            kivod_get_progress(ctx, &r.progress);
             img->release(img);
         }
     }
