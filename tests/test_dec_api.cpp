@@ -171,6 +171,59 @@ TEST(DecApi, HeadersAppListAndPicture) {
     }
 }
 
+// Statuses of damaged and odd streams, and how far the picture got: a
+// cut stream decodes with 0 as far as it goes and says so; a table that
+// fails after the last row cannot spoil the picture.
+TEST(DecApi, StatusesAndProgress) {
+    const std::vector<uint8_t> good = grey_stream(32, 64, 4, false);
+    std::vector<uint8_t> class2 = good;  // a class-2 table before EOI
+    class2.insert(class2.end() - 2, {0xFF, 0xC4, 0x00, 0x05, 0x20, 0x00, 0x00});
+    std::vector<uint8_t> cut(good.begin(), good.end() - 12);
+    std::vector<uint8_t> zero_h = good;  // one zero sampling factor
+    std::vector<uint8_t> no_frame = {0xFF, 0xD8};  // a scan before any frame
+    for (size_t i = 0; i + 1 < good.size(); ++i) {
+        if (good[i] == 0xFF && good[i + 1] == 0xC0) zero_h[i + 11] = 0x01;
+        if (good[i] == 0xFF && good[i + 1] == 0xDA) no_frame.insert(no_frame.end(), good.begin() + i, good.end());
+    }
+    struct Case {
+        const std::vector<uint8_t> *s;
+        int32_t decode, clone, complete;
+    } cases[] = {
+        {&good, 0, 0, 1}, {&class2, 0, 0, 1}, {&cut, 0, 0, 0},
+        {&zero_h, KIVO_ERR_UNSUPPORTED, 0, 0}, {&no_frame, KIVO_ERR_UNSUPPORTED, 0, 0},
+    };
+    int32_t rows_cut = -1;
+    for (const Case &c : cases) {
+        for (int threads : {1, 3}) {
+            kivo_tpool pool;
+            ASSERT_EQ(kivo_tpool_std(&pool, threads), 0);
+            Handle h(&pool);
+            std::vector<uint8_t> bytes = *c.s;
+            kivod_frame_info info{};
+            ASSERT_EQ(decode_mem(h.ctx, bytes, &info), c.decode);
+            if (c.decode != 0) continue;
+            xelo_imgb *img = make_img(32, 64, XELO_CS_YCBCR400);
+            EXPECT_EQ(kivod_clone(h.ctx, img), c.clone);
+            img->release(img);
+            kivod_progress p{};
+            ASSERT_EQ(kivod_get_progress(h.ctx, &p), 0);
+            EXPECT_EQ(p.complete, c.complete);
+            EXPECT_EQ(p.mcu_rows_total, 8);
+            if (c.complete) {
+                EXPECT_EQ(p.mcu_rows, 8);
+            }
+            if (c.s != &cut) continue;
+            // 12 bytes fewer: the last three block rows and part of the
+            // one above lack their data, on any number of threads.
+            EXPECT_LT(p.mcu_rows, 8);
+            if (rows_cut >= 0) {
+                EXPECT_EQ(p.mcu_rows, rows_cut);
+            }
+            rows_cut = p.mcu_rows;
+        }
+    }
+}
+
 TEST(DecApi, OutputBufferIsChecked) {
     Handle h;
     std::vector<uint8_t> s = grey_stream(32, 16, 4, false);

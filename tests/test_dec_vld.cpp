@@ -387,4 +387,47 @@ TEST(DecVld, MalformedCodes) {
     }
 }
 
+// Progressive AC scans refuse exactly the long codes sequential decoding
+// refuses, whether the code is read through the one-step look-up (more
+// bytes follow) or bit by bit (the data ends right after it).
+TEST(DecVld, ProgressiveCodesFollowTheSequentialRule) {
+    const Dht long_sym = {{1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}, {0x00, 0x01}};
+    const Dht long_eob = {{1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}, {0x01, 0x00}};
+    struct Case {
+        const Dht *ac;
+        const char *bits;
+    } cases[] = {
+        {&long_sym, "0" "0" "0" "100000000" "0"},   // EOB x3, then 0x01 too long for the table
+        {&long_eob, "01" "01" "01" "100000000"},    // +1 three times, then a long end-of-block
+    };
+    Quant q;
+    std::fill_n(q.q->q, 64, uint16_t(1));
+    for (const Case &c : cases) {
+        Tables t;
+        ASSERT_EQ(t.build(*c.ac, 1), 0);
+        for (int tail : {0, 6}) {
+            Writer w;
+            w.bits(c.bits);
+            while (w.n) w.put(1, 1);
+            w.out.insert(w.out.end(), static_cast<size_t>(tail), 0x00);
+            int16_t blk[64] = {}, dc_only;
+            Reader seq(w.out);
+            int32_t want = 0;
+            for (int b = 0; b < 3 && want == 0; ++b) want = kivod_vld_ac8(&seq.bs, q.q.get(), &t.ac[0], nullptr, blk, &dc_only);
+            if (want == 0) want = kivod_vld_ac8(&seq.bs, q.q.get(), &t.ac[0], nullptr, blk, &dc_only);
+            // The same bits as one progressive block (band 1..63), first
+            // and refining.
+            Reader first(w.out), refine(w.out);
+            int16_t b1[64] = {}, b2[64] = {};
+            int32_t run1 = 0, run2 = 0, got1 = 0, got2 = 0;
+            const int blocks = c.ac == &long_sym ? 4 : 1;
+            for (int b = 0; b < blocks && got1 == 0; ++b) got1 = kivod_vld_ac_prog(&first.bs, 1, 63, 0, &run1, &t.ac[0], b1);
+            for (int b = 0; b < blocks && got2 == 0; ++b)
+                got2 = kivod_vld_ac_prog_refine(&refine.bs, 1, 63, 0, &run2, &t.ac[0], b2);
+            EXPECT_EQ(got1, want) << c.bits << " tail " << tail;
+            EXPECT_EQ(got2, want) << c.bits << " tail " << tail;
+        }
+    }
+}
+
 }  // namespace

@@ -149,6 +149,12 @@ int cmd_decode(int argc, char **argv) {
         fail(in.c_str(), ret);
         rc = 1;
     }
+    kivod_progress progress{};
+    if (ret == 0 && kivod_get_progress(d.ctx, &progress) == 0 && !progress.complete) {
+        std::fprintf(stderr, "kivo: %s: incomplete picture: %d of %d MCU rows decoded\n", in.c_str(),
+                     progress.mcu_rows, progress.mcu_rows_total);
+        rc = 1;
+    }
     if (!write_picture(out, img)) rc = 1;
     else
         std::printf("%s: %d x %d %s -> %s %d x %d in %.1f ms\n", in.c_str(), d.info.width, d.info.height,

@@ -293,6 +293,16 @@ bool run_read_coefficients(DecodeState &st, const std::vector<uint8_t> &jpg, std
         out.blocks_h = static_cast<int>(ci.height_in_blocks);
         out.coef.assign(static_cast<size_t>(out.blocks_w) * out.blocks_h * 64, 0);
         const JQUANT_TBL *q = ci.quant_table;
+        // The coefficient arrays hold whole MCUs of an interleaved frame.
+        const bool mcus = d.num_components > 1;
+        out.padded_w = mcus ? (out.blocks_w + ci.h_samp_factor - 1) / ci.h_samp_factor * ci.h_samp_factor : out.blocks_w;
+        out.padded_h = mcus ? (out.blocks_h + ci.v_samp_factor - 1) / ci.v_samp_factor * ci.v_samp_factor : out.blocks_h;
+        out.padded_dc.clear();
+        for (int by = 0; by < out.padded_h; ++by) {
+            JBLOCKARRAY row = (*d.mem->access_virt_barray)(reinterpret_cast<j_common_ptr>(&d), arrays[c], by, 1, FALSE);
+            for (int bx = 0; bx < out.padded_w; ++bx)
+                out.padded_dc.push_back(static_cast<int16_t>(static_cast<uint16_t>(row[0][bx][0]) * static_cast<uint16_t>(q->quantval[0])));
+        }
         for (int by = 0; by < out.blocks_h; ++by) {
             JBLOCKARRAY row = (*d.mem->access_virt_barray)(reinterpret_cast<j_common_ptr>(&d), arrays[c], by, 1, FALSE);
             for (int bx = 0; bx < out.blocks_w; ++bx) {

@@ -59,6 +59,8 @@ struct Coefficients {
     int width = 0, height = 0;  // component size in samples
     int blocks_w = 0, blocks_h = 0;
     std::vector<int16_t> coef;  // blocks_w * blocks_h * 64
+    int padded_w = 0, padded_h = 0;  // blocks of whole MCUs
+    std::vector<int16_t> padded_dc;  // dequantized DC of those blocks
 };
 bool read_coefficients(const std::vector<uint8_t> &jpg, std::vector<Coefficients> *comps);
 
