@@ -50,6 +50,7 @@ if(NOT rc EQUAL 0)
 endif()
 string(REGEX MATCHALL "[^ \n]+\n" exported "${defined}")
 string(REPLACE "\n" "" exported "${exported}")
+list(FILTER exported EXCLUDE REGEX "^__odr_asan[.]")  # AddressSanitizer's marks of exported data
 list(SORT exported)
 
 set(extra ${exported})
