@@ -60,8 +60,9 @@ struct kivo_tpool {
     uintptr_t reserved[8];
 };
 
-/* A ready pool on std::thread: fills *tp so that every handle created with
- * it gets count-1 worker threads of its own. Returns 0. */
+/* A ready pool on POSIX threads: fills *tp so that every handle created with
+ * it gets count-1 worker threads of its own. Returns 0. When the system
+ * refuses a thread, the constructor fails with KIVO_ERR_THREAD. */
 KIVO_API int32_t kivo_tpool_std(kivo_tpool *tp, int32_t count);
 
 /* ---- library initialisation ------------------------------------------------ */

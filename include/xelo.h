@@ -57,12 +57,6 @@ XELO_API void xelo_mfree_fast_align32(void *p);
 XELO_API void xelo_mset_x64(void *dst, int value, size_t size);
 XELO_API void xelo_mset_x64a(void *dst, int value, size_t size);
 
-/* Number of blocks of both aligned allocators not yet freed. */
-XELO_API int32_t xelo_mem_live(void);
-/* Fault injection for tests: the n-th aligned allocation from now fails
- * (n >= 1); 0 switches it off. */
-XELO_API void xelo_mem_fail_at(int32_t n);
-
 /* ---- image buffer -------------------------------------------------------- */
 
 typedef struct xelo_imgb xelo_imgb;

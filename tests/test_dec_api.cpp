@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "decoder/kivod_int.h"
+#include "xelo/xelo_hooks.h"
 
 namespace {
 

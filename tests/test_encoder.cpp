@@ -10,6 +10,7 @@
 
 #include "decoder/kivod_int.h"
 #include "encoder/kivoe_int.h"
+#include "xelo/xelo_hooks.h"
 
 namespace {
 

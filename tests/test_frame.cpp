@@ -2,10 +2,17 @@
 // recording thread pool, the fork-join status rule, picture buffers.
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstddef>
 #include <vector>
 
 #include "common/kivo_int.h"
+#include "kivot.h"
+#include "xelo/xelo_hooks.h"
 
 namespace {
 
@@ -231,6 +238,34 @@ TEST(Frame, ForkJoinRefusedRunWaitsForStartedJobs) {
     EXPECT_EQ(kivo::fork_join(tp, threads, 4, fork_job, args), -55);
     EXPECT_EQ(g_waits, 2);     // both started jobs were collected
     EXPECT_EQ(a[0].runs, 0);   // the calling thread's share did not start
+}
+
+// In a child process allowed no further thread, every constructor given the
+// ready pool fails with KIVO_ERR_THREAD and the process goes on.
+TEST(Frame, RefusedThreadFailsTheConstructors) {
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        const rlimit none = {0, 0};
+        if ((geteuid() == 0 && setuid(65534) != 0) || setrlimit(RLIMIT_NPROC, &none) != 0) _exit(2);
+        pthread_t probe;
+        if (pthread_create(&probe, nullptr, [](void *) -> void * { return nullptr; }, nullptr) == 0)
+            _exit(2);  // threads are not refused here
+        kivo_tpool tp;
+        kivo_tpool_std(&tp, 4);
+        const kivod_create_param dp = {1, &tp};
+        const kivoe_create_param ep = {1, 64, 64, 90, XELO_CS_YCBCR420, &tp};
+        int32_t st[3] = {0, 0, 0};
+        const bool null = !kivod_create(&dp, &st[0]) && !kivoe_create(&ep, &st[1]) &&
+                          !kivot_create(&ep, &st[2]);
+        _exit(null && st[0] == KIVO_ERR_THREAD && st[1] == KIVO_ERR_THREAD && st[2] == KIVO_ERR_THREAD
+                  ? 0 : 1);
+    }
+    int wstatus = 0;
+    ASSERT_EQ(waitpid(pid, &wstatus, 0), pid);
+    ASSERT_TRUE(WIFEXITED(wstatus)) << "child ended by signal " << WTERMSIG(wstatus);
+    if (WEXITSTATUS(wstatus) == 2) GTEST_SKIP() << "cannot refuse threads in this environment";
+    EXPECT_EQ(WEXITSTATUS(wstatus), 0);
 }
 
 // ---- picture buffers ----------------------------------------------------------------

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "xelo.h"
+#include "xelo/xelo_hooks.h"
 
 namespace {
 

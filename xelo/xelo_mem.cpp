@@ -1,5 +1,5 @@
-// Aligned allocation, fills, the live-block counter and allocation fault
-// injection.
+// Aligned allocation and fills; in the static library that tests link, also
+// the live-block counter and allocation fault injection (xelo_hooks.h).
 //
 // Both allocator pairs sit on posix_memalign with 32-byte alignment. They are
 // kept as two entry points so the codec can route hot-path buffers through
@@ -13,12 +13,14 @@
 #include <cstring>
 
 #include "xelo.h"
+#include "xelo/xelo_hooks.h"
 
 namespace xelo {
 namespace {
 
 constexpr size_t kAlign = 32;
 
+#if defined(KIVO_TEST_HOOKS)
 // Blocks handed out by either aligned allocator and not yet returned.
 std::atomic<int32_t> g_live{0};
 // Countdown for fault injection: when it moves from 1 to 0 that allocation
@@ -36,18 +38,25 @@ bool injected_failure() {
     }
     return false;
 }
+#endif
 
 void *aligned_alloc32(size_t size) {
+#if defined(KIVO_TEST_HOOKS)
     if (injected_failure()) return nullptr;
+#endif
     void *p = nullptr;
     if (posix_memalign(&p, kAlign, size ? size : kAlign) != 0) return nullptr;
+#if defined(KIVO_TEST_HOOKS)
     g_live.fetch_add(1, std::memory_order_relaxed);
+#endif
     return p;
 }
 
 void aligned_free32(void *p) {
     if (!p) return;
+#if defined(KIVO_TEST_HOOKS)
     g_live.fetch_sub(1, std::memory_order_relaxed);
+#endif
     free(p);
 }
 
@@ -71,10 +80,12 @@ XELO_API void xelo_mfree_fast_align32(void *p) { xelo::aligned_free32(p); }
 XELO_API void xelo_mset_x64(void *dst, int value, size_t size) { xelo::fill(dst, value, size); }
 XELO_API void xelo_mset_x64a(void *dst, int value, size_t size) { xelo::fill(dst, value, size); }
 
-XELO_API int32_t xelo_mem_live(void) { return xelo::g_live.load(std::memory_order_relaxed); }
+#if defined(KIVO_TEST_HOOKS)
+int32_t xelo_mem_live(void) { return xelo::g_live.load(std::memory_order_relaxed); }
 
-XELO_API void xelo_mem_fail_at(int32_t n) {
+void xelo_mem_fail_at(int32_t n) {
     xelo::g_fail_countdown.store(n > 0 ? n : 0, std::memory_order_relaxed);
 }
+#endif
 
 }  // extern "C"
