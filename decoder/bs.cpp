@@ -41,7 +41,8 @@ int32_t kivod_bs_init(kivod_bs *bs, const kivod_input *input) {
     }
     if (input->type != KIVOD_INPUT_MFAL || !input->mfal) return KIVO_ERR_INVALID_ARG;
     kivo_mfal *m = input->mfal;
-    if (!m->open || !m->close || !m->read || !m->seek || !m->skip || !m->size)
+    // Every function the decoder calls later is checked here, once.
+    if (!m->open || !m->close || !m->read || !m->tell || !m->seek || !m->skip || !m->size)
         return KIVO_ERR_INVALID_ARG;
     void *h = m->open(m, 2, 1);
     if (!h) return KIVO_ERR_OPEN;
@@ -84,7 +85,10 @@ uint32_t kivod_bs_read_byte_mfal(kivod_bs *bs, int32_t n) {
     uint32_t v = 0;
     for (int32_t i = 0; i < n; ++i) {
         uint8_t b = 0;
-        if (bs->mfal.read(bs->handle, &b, 1) != 1) return 0;
+        if (bs->mfal.read(bs->handle, &b, 1) != 1) {
+            kivod_bs_fail_io(bs);
+            return 0;
+        }
         bs->pos += 1;
         v = (v << 8) | b;
     }
@@ -142,14 +146,7 @@ int32_t kivod_bs_flush_mfal(kivod_bs *bs, int32_t wanted) {
     int32_t got = 0;
     do {
         uint8_t byte = 0;
-        if (bs->mfal.read(bs->handle, &byte, 1) != 1) {
-            // A file that cannot be read further counts as used up, so that
-            // every loop over the input ends.
-            bs->cache = 0;
-            bs->bits = 0;
-            bs->pos = bs->last + 1;
-            return KIVO_ERR_IO;
-        }
+        if (bs->mfal.read(bs->handle, &byte, 1) != 1) return kivod_bs_fail_io(bs);
         bs->pos += 1;
         --left;
         uint32_t b = byte;
@@ -237,6 +234,14 @@ void kivod_bs_align_byte(kivod_bs *bs) {
 void kivod_bs_read_stuffing(kivod_bs *bs) { kivod_bs_align_byte(bs); }
 
 // ---- positions ------------------------------------------------------------------------
+
+int32_t kivod_bs_fail_io(kivod_bs *bs) {
+    bs->cache = 0;
+    bs->bits = 0;
+    bs->pos = bs->last + 1;
+    bs->io_error = 1;
+    return KIVO_ERR_IO;
+}
 
 bool kivod_bs_input_done(const kivod_bs *bs) {
     if (bs->type == KIVOD_INPUT_BITB) return bs->cur > bs->end;

@@ -58,6 +58,8 @@ void comp_size(int32_t cs, int c, int32_t w, int32_t h, int32_t *cw, int32_t *ch
 }
 
 int32_t fail(kivod_ctx *ctx, int32_t status) {
+    // Whatever a failed file read led to, the failed read is the cause.
+    if (ctx->main_bs.io_error) status = KIVO_ERR_IO;
     kivod_release_frame_buffers(ctx);
     kivod_bs_deinit(&ctx->main_bs);
     std::memset(&ctx->main_bs, 0, sizeof(ctx->main_bs));
@@ -87,12 +89,14 @@ int32_t parse_saved_tables(kivod_ctx *ctx) {
         kivod_bs *bs = &ctx->dqt_pos[i];
         if (file && seek_to(bs, bs->pos) != 0) return KIVO_ERR_IO;
         int32_t ret = kivod_vld_qtbl(bs, ctx->qtbl, ctx->q_unit, ctx->progressive);
+        if (bs->io_error) return KIVO_ERR_IO;
         if (ret != 0) return ret;
     }
     for (int i = 0; i < ctx->n_dht; ++i) {
         kivod_bs *bs = &ctx->dht_pos[i];
         if (file && seek_to(bs, bs->pos) != 0) return KIVO_ERR_IO;
         int32_t ret = kivod_vld_htbl(bs, ctx->dht_spec, ctx->dc_tbl, ctx->ac_tbl);
+        if (bs->io_error) return KIVO_ERR_IO;
         if (ret != 0) return ret;
     }
     return KIVO_OK;
@@ -158,7 +162,7 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
             } else if (m == 0xFE) {
                 if (kivod_vld_skip_seg(bs) != 0) return fail(ctx, KIVO_ERR_MALFORMED);
             } else if (m >= 0xE0 && m <= 0xEF) {
-                ret = kivod_vld_app(bs, &ctx->app_list, m);
+                ret = kivod_vld_app(ctx, bs, m);
                 if (ret != 0) return fail(ctx, KIVO_ERR_MALFORMED);
             }
         }

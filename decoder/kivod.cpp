@@ -156,11 +156,13 @@ void kivod_release_app_list(kivod_ctx *ctx) {
     kivod_app_node *node = ctx->app_list;
     while (node) {
         kivod_app_node *next = node->next;
-        if (ctx->main_bs.type == KIVOD_INPUT_MFAL && node->data) std::free(node->data);
+        if (ctx->app_owned) std::free(node->data);
         std::free(node);
         node = next;
     }
     ctx->app_list = nullptr;
+    ctx->app_last = nullptr;
+    ctx->app_owned = 0;
 }
 
 void kivod_release_frame_buffers(kivod_ctx *ctx) {

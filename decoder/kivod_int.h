@@ -34,6 +34,7 @@ struct kivod_bs {
     xelo_bitb bitb;
     kivo_mfal mfal;
     void *handle;          // file: what open returned
+    int32_t io_error;      // file: a read failed (the input then counts as used up)
 };
 
 int32_t kivod_bs_init(kivod_bs *bs, const kivod_input *input);
@@ -52,6 +53,9 @@ int32_t kivod_bs_flush_mfal(kivod_bs *bs, int32_t wanted);
 int32_t kivod_bs_sync_restart(kivod_bs *bs, int16_t dc_pred[4], int32_t *mcu_count);
 // True when the input is used up: memory cur beyond end, file pos beyond last.
 bool kivod_bs_input_done(const kivod_bs *bs);
+// Marks a file input whose read failed or came up short: used up, so that
+// every loop over it ends, with io_error set. Returns -109.
+int32_t kivod_bs_fail_io(kivod_bs *bs);
 // Gives the whole bytes still cached back to the input and empties the cache
 // (file input seeks). 0 or -109.
 int32_t kivod_bs_rewind_cache(kivod_bs *bs, int32_t extra_back);
@@ -301,6 +305,8 @@ struct kivod_ctx {
     kivo_tpool tpool;
     void *threads[8];
     kivod_app_node *app_list;
+    kivod_app_node *app_last;  // last node of app_list, so that appending takes constant time
+    int32_t app_owned;         // 1 when the nodes' data are copies (file input) the list frees
     kivod_proc proc;
 };
 
@@ -324,7 +330,8 @@ int32_t kivod_vld_sh(kivod_ctx *ctx, kivod_bs *bs, kivod_sh *sh);
 int32_t kivod_vld_qtbl(kivod_bs *bs, kivod_qtbl qtbl[4], uint8_t q_unit[4], int32_t progressive);
 int32_t kivod_vld_htbl(kivod_bs *bs, kivod_htbl_spec spec[8], kivod_dc_tbl dc[4], kivod_ac_tbl ac[4]);
 int32_t kivod_vld_dri(kivod_bs *bs, kivod_dri *dri);
-int32_t kivod_vld_app(kivod_bs *bs, kivod_app_node **head, uint32_t marker);
+// Appends an APPn segment to the context's list (file input: a copy the list owns).
+int32_t kivod_vld_app(kivod_ctx *ctx, kivod_bs *bs, uint32_t marker);
 int32_t kivod_vld_skip_seg(kivod_bs *bs);
 extern "C" KIVO_API int32_t kivod_chk_eoi(kivod_bs *bs);
 

@@ -62,12 +62,13 @@ void kivod_out_pack_mcu(const kivod_ctx *ctx, const uint8_t mcu[4][32 * 32], int
         const int32_t y = y0 + py;
         if (y >= img->lines[0]) break;
         // Pixels to write on this line: the picture's width, rounded up to a
-        // whole pair, bounded by the line distance.
+        // whole pair, bounded by the line distance (two bytes a pixel). An odd
+        // width with no room beyond it ends on a half pair: Y and Cb.
         int32_t npix = img->width - x0;
         if (npix <= 0) return;
         if (npix > h0) npix = h0;
         npix = (npix + 1) & ~1;
-        const int32_t room = ((stride - 2 * x0) / 4) * 2;
+        const int32_t room = (stride - 2 * x0) / 2;
         if (npix > room) npix = room;
         uint8_t *dst = img->plane[0] + static_cast<ptrdiff_t>(y) * stride + 2 * x0;
         const uint8_t *yl = mcu[0] + 32 * py;
@@ -76,6 +77,7 @@ void kivod_out_pack_mcu(const kivod_ctx *ctx, const uint8_t mcu[4][32 * 32], int
             const int cx = px * hc / fh.h[0];
             dst[2 * px] = yl[px];
             dst[2 * px + 1] = grey ? 128 : mcu[1][32 * cy + cx];
+            if (px + 1 == npix) break;
             dst[2 * px + 2] = yl[px + 1];
             dst[2 * px + 3] = grey ? 128 : mcu[2][32 * cy + cx];
         }

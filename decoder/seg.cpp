@@ -162,7 +162,7 @@ int32_t kivod_vld_dri(kivod_bs *bs, kivod_dri *dri) {
     return KIVO_OK;
 }
 
-int32_t kivod_vld_app(kivod_bs *bs, kivod_app_node **head, uint32_t marker) {
+int32_t kivod_vld_app(kivod_ctx *ctx, kivod_bs *bs, uint32_t marker) {
     uint32_t len = rd(bs, 2);
     if (len < 2) return KIVO_ERR_MALFORMED;
     uint32_t size = len - 2;
@@ -189,12 +189,13 @@ int32_t kivod_vld_app(kivod_bs *bs, kivod_app_node **head, uint32_t marker) {
         if (got != static_cast<int32_t>(size)) {
             std::free(node->data);
             std::free(node);
-            return KIVO_ERR_IO;
+            return kivod_bs_fail_io(bs);
         }
     }
-    kivod_app_node **tail = head;
-    while (*tail) tail = &(*tail)->next;
-    *tail = node;
+    if (ctx->app_last) ctx->app_last->next = node;
+    else ctx->app_list = node;
+    ctx->app_last = node;
+    if (!memory) ctx->app_owned = 1;
     return KIVO_OK;
 }
 

@@ -231,6 +231,7 @@ kivo_mfal fake_mfal() {
         std::fill_n(static_cast<uint8_t *>(dst), n, uint8_t(0x5A));
         return n;
     };
+    m.tell = [](void *, int64_t *p) -> int32_t { return *p = 0, 0; };
     m.seek = [](void *, const int64_t *, int32_t) -> int32_t { return g_fake.seek_ok ? 0 : -1; };
     m.skip = [](void *, const int64_t *, int32_t) -> int32_t { return 0; };
     m.size = [](void *, int64_t *s) -> int32_t { return *s = 100, g_fake.size_ok ? 0 : -1; };

@@ -25,15 +25,6 @@ struct Mem {
     size_t offset() const { return static_cast<size_t>(bs.cur - bs.start); }
 };
 
-void free_list(kivod_app_node *n, bool owns_data) {
-    while (n) {
-        kivod_app_node *next = n->next;
-        if (owns_data) std::free(n->data);
-        std::free(n);
-        n = next;
-    }
-}
-
 std::vector<uint8_t> dqt_table(int pq, int tq, int first) {
     std::vector<uint8_t> s = {static_cast<uint8_t>(pq << 4 | tq)};
     for (int k = 0; k < 64; ++k) {
@@ -209,9 +200,10 @@ TEST(DecSeg, ScanHeader) {
 TEST(DecSeg, AppSkipAndMarkers) {
     // APP1 of length 2 then APP2 with 3 bytes, then a marker.
     Mem m({0, 2, 0, 5, 'a', 'b', 'c', 0xFF, 0xDB});
-    kivod_app_node *list = nullptr;
-    ASSERT_EQ(kivod_vld_app(&m.bs, &list, 0xE1), 0);
-    ASSERT_EQ(kivod_vld_app(&m.bs, &list, 0xE2), 0);
+    auto ctx = std::make_unique<kivod_ctx>();
+    ASSERT_EQ(kivod_vld_app(ctx.get(), &m.bs, 0xE1), 0);
+    ASSERT_EQ(kivod_vld_app(ctx.get(), &m.bs, 0xE2), 0);
+    const kivod_app_node *list = ctx->app_list;
     ASSERT_TRUE(list && list->next);
     EXPECT_EQ(list->size, 0u);
     EXPECT_EQ(list->data, m.data.get() + 2);
@@ -221,9 +213,9 @@ TEST(DecSeg, AppSkipAndMarkers) {
     EXPECT_EQ(m.bs.read_byte(&m.bs, 2), 0xFFDBu);
     // Running past the end: refused, list unchanged.
     Mem past({0, 9, 1, 2});
-    EXPECT_EQ(kivod_vld_app(&past.bs, &list, 0xE3), KIVO_ERR_MALFORMED);
+    EXPECT_EQ(kivod_vld_app(ctx.get(), &past.bs, 0xE3), KIVO_ERR_MALFORMED);
     EXPECT_EQ(list->next->next, nullptr);
-    free_list(list, false);
+    kivod_release_app_list(ctx.get());
 
     // skip_seg: 0 inside the input, 1 once it is used up.
     Mem s({0, 4, 7, 7, 0xFF, 0xD9});
@@ -291,14 +283,15 @@ TEST(DecSeg, FileAppCopyAndShortRead) {
     kivod_input in{KIVOD_INPUT_MFAL, nullptr, &mfal};
     kivod_bs f;
     ASSERT_EQ(kivod_bs_init(&f, &in), 0);
-    kivod_app_node *list = nullptr;
-    ASSERT_EQ(kivod_vld_app(&f, &list, 0xE0), 0);
+    auto ctx = std::make_unique<kivod_ctx>();
+    ASSERT_EQ(kivod_vld_app(ctx.get(), &f, 0xE0), 0);
+    const kivod_app_node *list = ctx->app_list;
     ASSERT_NE(list, nullptr);
     EXPECT_EQ(std::string(reinterpret_cast<char *>(list->data), 3), "xyz");
     EXPECT_EQ(f.pos, 5u);
-    EXPECT_EQ(kivod_vld_app(&f, &list, 0xE1), KIVO_ERR_IO);
+    EXPECT_EQ(kivod_vld_app(ctx.get(), &f, 0xE1), KIVO_ERR_IO);
     EXPECT_EQ(list->next, nullptr);
-    free_list(list, true);
+    kivod_release_app_list(ctx.get());
     kivod_bs_deinit(&f);
     std::remove(path.c_str());
 }
