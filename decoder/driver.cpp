@@ -328,6 +328,8 @@ int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb) {
     // the buffer; while the picture is incomplete its status tells the
     // caller so. Once every row is decoded, what follows cannot change the
     // picture and the picture's own status stands.
+    // A file that could not be read is the cause of whatever followed.
+    if (ret == 0 && ctx->scan_bs.io_error) return KIVO_ERR_IO;
     return ret != 0 || complete ? ret : scan_status;
 }
 

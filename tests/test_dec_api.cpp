@@ -370,6 +370,17 @@ TEST(DecApi, FileInterface) {
         ASSERT_EQ(status, KIVO_ERR_IO) << file.budget;
         ASSERT_LT(file.budget, 2 * s.size());
     }
+    // Reads that fail inside the picture's data: -109 from kivod_clone,
+    // until the budget covers the whole file.
+    xelo_imgb *c = make_img(24, 80, XELO_CS_YCBCR400);
+    for (;; ++file.budget) {
+        ASSERT_EQ(kivod_decode(h.ctx, &in, &info), 0);
+        const int32_t status = kivod_clone(h.ctx, c);
+        if (status == 0) break;
+        ASSERT_EQ(status, KIVO_ERR_IO) << file.budget;
+        ASSERT_LT(file.budget, 2 * s.size());
+    }
+    c->release(c);
 }
 
 }  // namespace
