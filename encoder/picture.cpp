@@ -183,8 +183,8 @@ int32_t count_symbols(kivoe_ctx *ctx) {
             std::memset(job->stat_dc[t].counter, 0, sizeof(job->stat_dc[t].counter));
             std::memset(job->stat_ac[t].counter, 0, sizeof(job->stat_ac[t].counter));
         }
-        job->counting = true;
     }
+    for (int i = 0; i < n; ++i) ctx->job[i]->counting = true;
     p.vlc_dc = kivoe_vlc_dc_stat;
     p.vlc_ac = kivoe_vlc_ac_stat;
     p.vlc_dri_marker = kivoe_vlc_null;
