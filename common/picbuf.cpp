@@ -14,18 +14,6 @@ void fill_alignment(uint32_t align[4], uint32_t pad[4], int32_t margin) {
     }
 }
 
-void chroma_size(int32_t cs, int32_t w, int32_t h, int32_t *wc, int32_t *hc) {
-    switch (cs) {
-    case XELO_CS_YCBCR400: *wc = 0; *hc = 0; break;
-    case XELO_CS_YCBCR420: *wc = (w + 1) / 2; *hc = (h + 1) / 2; break;
-    case XELO_CS_YCBCR422: *wc = (w + 1) / 2; *hc = h; break;
-    case XELO_CS_YCBCR444: *wc = w; *hc = h; break;
-    case XELO_CS_YCBCR440: *wc = w; *hc = (h + 1) / 2; break;
-    case XELO_CS_YCBCR411: *wc = (w + 3) / 4; *hc = h; break;
-    default: break;  // other layouts keep what the record held
-    }
-}
-
 }  // namespace
 
 KIVO_EXPORT void kivo_picbuf_free(kivo_picbuf *pic) {
@@ -88,7 +76,9 @@ KIVO_EXPORT kivo_picbuf *kivo_picbuf_alloc(const kivo_picbuf_param *param, kivo_
     pic->stride_c = img->stride[1];
     pic->width = img->width;
     pic->height = img->height;
-    chroma_size(param->color_format, img->width, img->height, &pic->width_c, &pic->height_c);
+    const kivo::Layout *l = kivo::layout_of(param->color_format);
+    pic->width_c = l ? kivo::chroma_width(*l, img->width) : 0;
+    pic->height_c = l ? kivo::chroma_height(*l, img->height) : 0;
     pic->pad_x = pic->pad_y = param->pad;
     if (status) *status = KIVO_OK;
     return pic;

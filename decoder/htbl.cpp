@@ -125,17 +125,3 @@ int32_t kivod_build_htbl(const kivod_htbl_spec *spec, kivod_dc_tbl dc[4], kivod_
     if (spec->cls == 0) return build_dc(spec, &dc[spec->id]);
     return build_ac(spec, &ac[spec->id]);
 }
-
-KIVO_EXPORT int32_t kivo_category(int32_t v) {
-    // The value is taken as a signed 16-bit quantity.
-    int32_t s = v & 0xFFFF;
-    if (s >= 0x8000) s -= 0x10000;
-    if (s >= 2048 || s == -32768) return -1;
-    uint32_t m = static_cast<uint32_t>(s < 0 ? -s : s);
-    int32_t c = 0;
-    while (m) {
-        ++c;
-        m >>= 1;
-    }
-    return c;
-}

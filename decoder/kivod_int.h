@@ -168,8 +168,6 @@ constexpr int32_t kivod_fast_zrl = 1 << 13;
 // Builds the decoding table of the table description's class and identifier.
 // tables: four DC tables followed by four AC tables. 0 or -202.
 int32_t kivod_build_htbl(const kivod_htbl_spec *spec, kivod_dc_tbl dc[4], kivod_ac_tbl ac[4]);
-// T.81 magnitude category of a 16-bit value: 0..15, or -1.
-extern "C" KIVO_API int32_t kivo_category(int32_t v);
 
 // ---- coefficient decoding ------------------------------------------------------
 // Counters are the calling thread's own copies (dc_count[12], ac_count[256]);

@@ -6,32 +6,14 @@
 
 namespace {
 
-struct Sampling {
-    int32_t format;
-    uint8_t n;
-    uint8_t h[4], v[4];
-};
-
-const Sampling kSampling[] = {
-    {10, 1, {1, 0, 0, 0}, {1, 0, 0, 0}}, {11, 3, {2, 1, 1, 0}, {2, 1, 1, 0}}, {12, 3, {2, 1, 1, 0}, {1, 1, 1, 0}},
-    {13, 3, {1, 1, 1, 0}, {1, 1, 1, 0}}, {18, 3, {1, 1, 1, 0}, {2, 1, 1, 0}}, {22, 3, {4, 1, 1, 0}, {1, 1, 1, 0}},
-    {40, 4, {1, 0, 0, 1}, {1, 0, 0, 1}}, {41, 4, {2, 1, 1, 2}, {2, 1, 1, 2}}, {42, 4, {2, 1, 1, 2}, {1, 1, 1, 1}},
-    {43, 4, {1, 1, 1, 1}, {1, 1, 1, 1}}, {44, 4, {1, 1, 1, 1}, {2, 1, 1, 2}},
-};
-
-const Sampling *sampling_of(int32_t f) {
-    for (const Sampling &s : kSampling)
-        if (s.format == f) return &s;
-    return nullptr;
-}
-
 void put(xelo_bsw *bs, uint32_t v, int32_t bits) { xelo_bsw_write(bs, v, bits); }
 
 }  // namespace
 
 void kivoe_init_fh(kivoe_fh *fh, int32_t width, int32_t height, int32_t color_format) {
-    const Sampling *s = sampling_of(color_format);
-    fh->n_comp = s ? s->n : (color_format < 23 ? 3 : 4);
+    // Only encodable layouts reach here (kivoe_pic_init checks).
+    const kivo::Layout *s = kivo::layout_of(color_format);
+    fh->n_comp = s ? s->n_comp : 0;
     fh->length = static_cast<uint16_t>(8 + 3 * fh->n_comp);
     fh->precision = 8;
     fh->height = static_cast<uint16_t>(height);
@@ -48,8 +30,8 @@ void kivoe_init_fh(kivoe_fh *fh, int32_t width, int32_t height, int32_t color_fo
 }
 
 void kivoe_init_sh(kivoe_sh *sh, int32_t, int32_t, int32_t color_format) {
-    const Sampling *s = sampling_of(color_format);
-    sh->n_comp = s ? s->n : (color_format < 23 ? 3 : 4);
+    const kivo::Layout *s = kivo::layout_of(color_format);
+    sh->n_comp = s ? s->n_comp : 0;
     sh->length = static_cast<uint16_t>(6 + 2 * sh->n_comp);
     static const uint8_t sel[4] = {0, 1, 1, 0};
     for (int c = 0; c < 4; ++c) {

@@ -44,11 +44,14 @@ void set_spec(kivoe_huff_spec *s, int i, const uint8_t *bits, const uint8_t *val
 
 }  // namespace
 
+void kivoe_default_huff_spec(kivoe_ctx *ctx, int32_t i) {
+    static const uint8_t *const kBits[4] = {kDcLumaBits, kAcLumaBits, kDcChromaBits, kAcChromaBits};
+    static const uint8_t *const kVals[4] = {nullptr, kAcLumaVals, nullptr, kAcChromaVals};
+    set_spec(&ctx->huff_spec[i], i, kBits[i], kVals[i], i & 1 ? 162 : 12);
+}
+
 int32_t kivoe_init_huff_tbl(kivoe_ctx *ctx) {
-    set_spec(&ctx->huff_spec[0], 0, kDcLumaBits, nullptr, 12);
-    set_spec(&ctx->huff_spec[1], 1, kAcLumaBits, kAcLumaVals, 162);
-    set_spec(&ctx->huff_spec[2], 2, kDcChromaBits, nullptr, 12);
-    set_spec(&ctx->huff_spec[3], 3, kAcChromaBits, kAcChromaVals, 162);
+    for (int32_t i = 0; i < 4; ++i) kivoe_default_huff_spec(ctx, i);
     return kivoe_gen_code_tbl(ctx);
 }
 

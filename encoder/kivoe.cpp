@@ -12,6 +12,7 @@ int32_t family_platform_init(void *ctx, const void *param) {
     kivoe_ctx *c = static_cast<kivoe_ctx *>(ctx);
     const kivoe_create_param *p = static_cast<const kivoe_create_param *>(param);
     if (!p) return KIVO_ERR_INVALID_ARG;
+    c->kind = kivo::Kind::Encoder;
     c->platform = p->platform;
     c->width = p->width;
     c->height = p->height;
@@ -42,11 +43,8 @@ const kivo::Family kEncoderFamily = {
     family_finish,
 };
 
-// The transcoder shares the encoder's magic; an encoder is told apart by its
-// first job record, which always exists and points back at it.
 kivoe_ctx *checked(kivoe_ctx *ctx) {
-    kivoe_ctx *c = static_cast<kivoe_ctx *>(kivo::handle_check(ctx, kivo::kMagicEncoder));
-    return c && c->job[0] && c->job[0]->ctx == c ? c : nullptr;
+    return static_cast<kivoe_ctx *>(kivo::handle_check(ctx, kivo::Kind::Encoder));
 }
 
 int32_t read_flag(const void *value, const int32_t *size, int32_t *flag) {
@@ -123,6 +121,8 @@ KIVO_API void kivoe_flush(kivoe_ctx *ctx) {
         if (!job) continue;
         std::free(job->own_writer);
         std::free(job->own_buf);
+        std::free(job->stat_dc);
+        std::free(job->stat_ac);
         xelo_mfree_fast_align32(job);
         ctx->job[i] = nullptr;
     }

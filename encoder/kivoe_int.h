@@ -111,8 +111,11 @@ struct kivoe_job {
     uint8_t *own_buf;
     uint8_t first_marker;
     xelo_bsw *own_writer;        // jobs 1..7: their own writer record
-    kivoe_dc_tbl *stat_dc;       // statistics pass: this job's table copies
+    // Statistics pass: the tables this job counts into (only their counters
+    // are used), made at the first pass and kept until the handle goes.
+    kivoe_dc_tbl *stat_dc;
     kivoe_ac_tbl *stat_ac;
+    bool counting;               // a statistics pass is running
     kivoe_ctx *ctx;
 };
 
@@ -143,6 +146,7 @@ struct kivoe_proc {
 struct kivoe_ctx {
     uint32_t magic;
     void *self;
+    kivo::Kind kind;
     kivoe_job *job[8];
     int32_t width;
     int32_t height;
@@ -211,6 +215,9 @@ void kivoe_write_sh(xelo_bsw *bs, const kivoe_sh *sh);
 
 // ---- Huffman tables (huffman.cpp) --------------------------------------------------------------
 int32_t kivoe_init_huff_tbl(kivoe_ctx *ctx);
+// Puts the typical table back into specification i (0 to 3); the code
+// tables are rebuilt by the caller.
+void kivoe_default_huff_spec(kivoe_ctx *ctx, int32_t i);
 int32_t kivoe_opt_huff_tbl(kivoe_ctx *ctx);
 int32_t kivoe_gen_code_tbl(kivoe_ctx *ctx);
 int32_t kivoe_gen_opt_spec(kivoe_ctx *ctx);

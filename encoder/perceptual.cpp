@@ -68,11 +68,11 @@ int32_t kivoe_get_qt(kivoe_ctx *ctx, int32_t level, uint8_t *out) {
             }
     } else {
         sample_plane(ctx, pic->plane[0], pic->stride_y, 1, w, h, level, &luma);
-        // NV12 and NV21: one chroma plane of pairs, stepped like the luma plane.
-        const bool interleaved = f == XELO_CS_NV12 || f == XELO_CS_NV21;
-        const int32_t step = interleaved ? 2 : 1;
-        const int32_t stride = interleaved ? pic->stride_y : pic->stride_c;
-        has_chroma = pic->plane[1] && pic->plane[2] && f != XELO_CS_YCBCR400 && f != XELO_CS_YCBCRK400;
+        // NV12 and NV21: one chroma plane of pairs, two bytes per sample.
+        const kivo::Layout *l = kivo::layout_of(f);
+        const int32_t step = l && l->kind == kivo::Layout::Pairs ? 2 : 1;
+        const int32_t stride = pic->stride_c;
+        has_chroma = l && l->chroma && pic->plane[1] && pic->plane[2];
         if (has_chroma) {
             for (int32_t by = 0; by < (pic->height_c >> (level + 3)); ++by)
                 for (int32_t bx = 0; bx < (pic->width_c >> (level + 3)); ++bx) {

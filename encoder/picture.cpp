@@ -7,26 +7,6 @@
 
 namespace {
 
-bool encodable(int32_t f) {
-    switch (f) {
-    case 10: case 11: case 12: case 13: case 18: case 22: case 40: case 41: case 42: case 43: case 44: return true;
-    default: return false;
-    }
-}
-
-// Chroma plane size of a layout. Halves and quarters round up, as the
-// planes themselves do, so that a 1-sample-wide picture still has one.
-void chroma_samples(int32_t f, int32_t x, int32_t y, int32_t *w, int32_t *h) {
-    switch (f) {
-    case 11: case 41: *w = (x + 1) / 2; *h = (y + 1) / 2; break;
-    case 12: case 42: *w = (x + 1) / 2; *h = y; break;
-    case 13: case 43: *w = x; *h = y; break;
-    case 18: case 44: *w = x; *h = (y + 1) / 2; break;
-    case 22: *w = (x + 3) / 4; *h = y; break;
-    default: *w = 0; *h = 0; break;
-    }
-}
-
 // Loads the 8x8 block at (8 bcol, 8 brow) of a plane, repeating the last
 // column and row where the block crosses the plane's edge.
 void load_block(const uint8_t *plane, int32_t stride, int32_t ws, int32_t hs, int32_t bcol, int32_t brow,
@@ -64,7 +44,8 @@ void append_bytes(xelo_bsw *bs, const uint8_t *src, size_t n) {
 int32_t kivoe_pic_init(kivoe_ctx *ctx) {
     const int32_t f = ctx->color_format;
     if (!ctx->pic_cur) return KIVO_ERR_UNAVAILABLE;  // nothing pushed
-    if (!encodable(f)) return KIVO_ERR_COLOR_FORMAT;
+    const kivo::Layout *layout = kivo::layout_of(f);
+    if (!layout || layout->n_comp == 0) return KIVO_ERR_COLOR_FORMAT;
     // The frame header holds 16-bit sizes; larger pictures are refused
     // rather than cut.
     if (ctx->width < 1 || ctx->height < 1 || ctx->width > 65535 || ctx->height > 65535) return KIVO_ERR_INVALID_ARG;
@@ -77,8 +58,9 @@ int32_t kivoe_pic_init(kivoe_ctx *ctx) {
     std::memset(ctx->smp_w, 0, sizeof(ctx->smp_w));
     std::memset(ctx->smp_h, 0, sizeof(ctx->smp_h));
     for (int c = 0; c < nc; ++c) {
-        int32_t w = x, h = y;
-        if (c == 1 || c == 2) chroma_samples(f, x, y, &w, &h);
+        const bool chroma = c == 1 || c == 2;
+        const int32_t w = chroma ? kivo::chroma_width(*layout, x) : x;
+        const int32_t h = chroma ? kivo::chroma_height(*layout, y) : y;
         ctx->smp_w[c] = w;
         ctx->smp_h[c] = h;
         const int hf = ctx->fh.h[c], vf = ctx->fh.v[c];
@@ -147,8 +129,10 @@ void kivoe_pic_deinit(kivoe_ctx *ctx) {
     if (ctx->pic_owned) {
         ctx->pic_req.free(ctx->pic_owned);
         ctx->pic_owned = nullptr;
-        ctx->pic_cur = nullptr;
     }
+    // An encode uses up the pushed picture, whichever path took it: the
+    // caller's planes need only live until the encode returns.
+    ctx->pic_cur = nullptr;
     ctx->app_list = nullptr;
 }
 
@@ -181,33 +165,26 @@ int32_t kivoe_enc(kivoe_ctx *ctx, const kivoe_output *out, int32_t *written) {
     return KIVO_OK;
 }
 
-int32_t kivoe_analysis(kivoe_ctx *ctx) {
-    if (!ctx->opt_huffman) return KIVO_OK;
+namespace {
+
+// Runs the picture slot with the statistics twins in the coder slots: each
+// job counts the symbols of its segment into tables of its own (only their
+// counters are used), so the counts do not depend on timing.
+int32_t count_symbols(kivoe_ctx *ctx) {
     kivoe_proc &p = ctx->proc;
     if (!p.pic) return KIVO_ERR_UNAVAILABLE;
-    // Each job counts into tables of its own; the counts are added to the
-    // handle's after the join, so they do not depend on timing.
     const int n = ctx->n_segments;
     for (int i = 0; i < n; ++i) {
         kivoe_job *job = ctx->job[i];
-        job->stat_dc = static_cast<kivoe_dc_tbl *>(std::calloc(4, sizeof(kivoe_dc_tbl)));
-        job->stat_ac = static_cast<kivoe_ac_tbl *>(std::calloc(4, sizeof(kivoe_ac_tbl)));
-        if (!job->stat_dc || !job->stat_ac) {
-            for (int j = 0; j <= i; ++j) {
-                std::free(ctx->job[j]->stat_dc);
-                std::free(ctx->job[j]->stat_ac);
-                ctx->job[j]->stat_dc = nullptr;
-                ctx->job[j]->stat_ac = nullptr;
-            }
-            return KIVO_ERR_OUT_OF_MEMORY;
-        }
-        std::memcpy(job->stat_dc, ctx->dc_tbl, 4 * sizeof(kivoe_dc_tbl));
-        std::memcpy(job->stat_ac, ctx->ac_tbl, 4 * sizeof(kivoe_ac_tbl));
+        if (!job->stat_dc) job->stat_dc = static_cast<kivoe_dc_tbl *>(std::calloc(4, sizeof(kivoe_dc_tbl)));
+        if (!job->stat_ac) job->stat_ac = static_cast<kivoe_ac_tbl *>(std::calloc(4, sizeof(kivoe_ac_tbl)));
+        if (!job->stat_dc || !job->stat_ac) return KIVO_ERR_OUT_OF_MEMORY;
         for (int t = 0; t < 4; ++t) {
             std::memset(job->stat_dc[t].counter, 0, sizeof(job->stat_dc[t].counter));
             std::memset(job->stat_ac[t].counter, 0, sizeof(job->stat_ac[t].counter));
         }
     }
+    for (int i = 0; i < n; ++i) ctx->job[i]->counting = true;
     p.vlc_dc = kivoe_vlc_dc_stat;
     p.vlc_ac = kivoe_vlc_ac_stat;
     p.vlc_dri_marker = kivoe_vlc_null;
@@ -217,21 +194,88 @@ int32_t kivoe_analysis(kivoe_ctx *ctx) {
     p.vlc_ac = kivoe_vlc_ac;
     p.vlc_dri_marker = kivoe_vlc_dri_marker;
     p.vlc_footer = kivoe_vlc_footer;
-    for (int i = 0; i < n; ++i) {
-        kivoe_job *job = ctx->job[i];
-        for (int t = 0; t < 4; ++t)
-            for (int s = 0; s < 257; ++s) {
-                ctx->dc_tbl[t].counter[s] += job->stat_dc[t].counter[s];
-                ctx->ac_tbl[t].counter[s] += job->stat_ac[t].counter[s];
-            }
-        std::free(job->stat_dc);
-        std::free(job->stat_ac);
-        job->stat_dc = nullptr;
-        job->stat_ac = nullptr;
+    for (int i = 0; i < n; ++i) ctx->job[i]->counting = false;
+    return ret;
+}
+
+// True when table id of class cls is selected by a component of the frame.
+bool table_used(const kivoe_ctx *ctx, int32_t cls, int32_t id) {
+    for (int c = 0; c < ctx->fh.n_comp; ++c)
+        if (((cls ? ctx->sh.ta[c] : ctx->sh.td[c]) & 3) == id) return true;
+    return false;
+}
+
+// True when the code table of specification i codes every symbol that
+// 8-bit baseline data can hold (DC categories 0 to 11; EOB, ZRL and every
+// run with sizes 1 to 10), as the typical tables do.
+bool codes_every_symbol(const kivoe_ctx *ctx, int32_t i) {
+    const kivoe_huff_spec &s = ctx->huff_spec[i];
+    if (s.cls == 0) {
+        for (int k = 0; k <= 11; ++k)
+            if (!ctx->dc_tbl[s.id & 3].code[k].len) return false;
+        return true;
     }
+    const kivoe_code *by = ctx->ac_tbl[s.id & 3].by_symbol;
+    if (!by[0x00].len || !by[0xF0].len) return false;
+    for (int run = 0; run < 16; ++run)
+        for (int size = 1; size <= 10; ++size)
+            if (!by[run * 16 + size].len) return false;
+    return true;
+}
+
+// True when some job counted a symbol that specification i has no code for.
+bool lacks_a_code(const kivoe_ctx *ctx, int32_t i) {
+    const kivoe_huff_spec &s = ctx->huff_spec[i];
+    const int32_t id = s.id & 3;
+    for (int j = 0; j < ctx->n_segments; ++j) {
+        const kivoe_job *job = ctx->job[j];
+        for (int v = 0; v < 256; ++v) {
+            const bool counted = s.cls ? job->stat_ac[id].counter[v] : v < 16 && job->stat_dc[id].counter[v];
+            const uint8_t len = s.cls ? ctx->ac_tbl[id].by_symbol[v].len : ctx->dc_tbl[id].code[v].len;
+            if (counted && !len) return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+// With the optimised-Huffman flag the symbols are counted, added to the
+// handle's counters and the tables rebuilt from them. Without it the tables
+// in force are kept, but never at the cost of a symbol without a code:
+// tables left by an earlier optimisation are checked against this
+// picture's symbols, and each one that lacks a code for one of them is
+// replaced by its typical table, which codes every symbol.
+int32_t kivoe_analysis(kivoe_ctx *ctx) {
+    if (ctx->opt_huffman) {
+        const int32_t ret = count_symbols(ctx);
+        if (ret < 0) return ret;
+        for (int i = 0; i < ctx->n_segments; ++i) {
+            const kivoe_job *job = ctx->job[i];
+            for (int t = 0; t < 4; ++t)
+                for (int s = 0; s < 257; ++s) {
+                    ctx->dc_tbl[t].counter[s] += job->stat_dc[t].counter[s];
+                    ctx->ac_tbl[t].counter[s] += job->stat_ac[t].counter[s];
+                }
+        }
+        const int32_t opt = kivoe_opt_huff_tbl(ctx);
+        return opt < 0 ? opt : KIVO_OK;
+    }
+    bool complete = true;
+    for (int i = 0; i < 4; ++i)
+        if (table_used(ctx, ctx->huff_spec[i].cls, ctx->huff_spec[i].id & 3) && !codes_every_symbol(ctx, i))
+            complete = false;
+    if (complete) return KIVO_OK;
+    const int32_t ret = count_symbols(ctx);
     if (ret < 0) return ret;
-    const int32_t opt = kivoe_opt_huff_tbl(ctx);
-    return opt < 0 ? opt : KIVO_OK;
+    bool replaced = false;
+    for (int i = 0; i < 4; ++i) {
+        if (!lacks_a_code(ctx, i)) continue;
+        kivoe_default_huff_spec(ctx, i);
+        replaced = true;
+    }
+    if (replaced) kivoe_gen_code_tbl(ctx);
+    return KIVO_OK;
 }
 
 int32_t kivoe_segment_job(void *arg) {
@@ -280,8 +324,8 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
         const int tq = fh.tq[c] & 1;
         cc.q = &ctx->qtbl[tq];
         const int td = ctx->sh.td[c] & 3, ta = ctx->sh.ta[c] & 3;
-        cc.dc = job->stat_dc ? &job->stat_dc[td] : &ctx->dc_tbl[td];
-        cc.ac = job->stat_ac ? &job->stat_ac[ta] : &ctx->ac_tbl[ta];
+        cc.dc = job->counting ? &job->stat_dc[td] : &ctx->dc_tbl[td];
+        cc.ac = job->counting ? &job->stat_ac[ta] : &ctx->ac_tbl[ta];
         cc.adapt = job->offset[tq];
         if (ctx->adaptive_rounding) {
             for (int i = 0; i < 64; ++i) cc.adapt[i] = 8192;

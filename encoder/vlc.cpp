@@ -3,7 +3,6 @@
 // the rate functions and the two flush procedures of the bit writer.
 #include <cstring>
 
-#include "decoder/kivod_int.h"
 #include "encoder/kivoe_int.h"
 
 #if defined(__SSE2__)
@@ -309,7 +308,7 @@ int32_t flush_bytes(xelo_bsw *bs) {
 }  // namespace
 
 int32_t kivoe_vlc_dc(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff) {
-    const int32_t k = kivo_category(diff);
+    const int32_t k = kivo::category(diff);
     if (k < 0) return KIVO_ERR_UNAVAILABLE;
     const kivoe_code &c = t->code[k];
     const uint32_t extra = k ? extra_bits(as_int16(diff), k) : 0;
@@ -330,7 +329,7 @@ int32_t kivoe_vlc_ac(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk) {
 }
 
 int32_t kivoe_vlc_dc_stat(xelo_bsw *, kivoe_dc_tbl *t, int32_t diff) {
-    const int32_t k = kivo_category(diff);
+    const int32_t k = kivo::category(diff);
     if (k < 0) return KIVO_ERR_UNAVAILABLE;
     ++t->counter[k];
     return KIVO_OK;
@@ -367,12 +366,12 @@ int32_t kivoe_vlc_footer_stat(kivoe_ctx *ctx) {
 }
 
 int32_t get_vlc_dc_bits(const kivoe_dc_tbl *t, int32_t diff) {
-    const int32_t k = kivo_category(diff);
+    const int32_t k = kivo::category(diff);
     return k < 0 ? KIVO_ERR_UNAVAILABLE : t->code[k].len + k;
 }
 
 int32_t get_vlc_ac_bits(const kivoe_ac_tbl *t, int32_t n_zrl, int32_t run, int32_t value) {
-    const int32_t k = kivo_category(value);
+    const int32_t k = kivo::category(value);
     if (k < 0) return KIVO_ERR_UNAVAILABLE;
     const int32_t zrl = n_zrl > 0 ? n_zrl * t->by_symbol[0xF0].len : 0;
     return zrl + t->by_symbol[(run * 16 + k) & 0xFF].len + k;

@@ -4,7 +4,9 @@
 // sources.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "decoder/kivod_int.h"
@@ -273,6 +275,194 @@ TEST(OracleTranscode, SkipEncodeBadMemoryAndCorruptSources) {
     kivoe_delete(reinterpret_cast<kivoe_ctx *>(t));
     kivoe_delete(enc);
     kivot_delete(t);
+}
+
+// A trailer is copied in blocks: reading it through the caller's file
+// interface costs a few calls, not one per byte.
+int g_reads = 0;
+int32_t (*g_read)(void *, void *, int32_t) = nullptr;
+
+TEST(OracleTranscode, TrailerReadInBlocks) {
+    const auto src = make_source(kSources[0], 96, 64, 90, 9);
+    int reads[2] = {0, 0};
+    for (int with : {0, 1}) {
+        std::vector<uint8_t> file(src);
+        if (with) file.insert(file.end(), 1 << 20, 0x5C);
+        const std::string path = ::testing::TempDir() + "kivo_trailer.jpg";
+        FILE *f = std::fopen(path.c_str(), "wb");
+        ASSERT_NE(f, nullptr);
+        std::fwrite(file.data(), 1, file.size(), f);
+        std::fclose(f);
+        kivo_mfal m{};
+        ASSERT_EQ(kivo_mfal_file(&m, path.c_str()), 0);
+        g_read = m.read;
+        m.read = [](void *h, void *dst, int32_t n) { return ++g_reads, g_read(h, dst, n); };
+        kivoe_create_param p{1, 0, 0, 0, 0, nullptr};
+        kivot_ctx *t = kivot_create(&p, nullptr);
+        kivod_input input{KIVOD_INPUT_MFAL, nullptr, &m};
+        std::vector<uint8_t> buf(file.size() * 2);
+        xelo_bitb ob{};
+        ob.addr = buf.data();
+        ob.ssize = static_cast<int32_t>(buf.size());
+        kivoe_output output{KIVOD_INPUT_BITB, &ob, nullptr};
+        int32_t written = 0;
+        g_reads = 0;
+        ASSERT_EQ(kivot_txcode(t, &input, &output, &written), 0);
+        reads[with] = g_reads;
+        if (with) {
+            EXPECT_TRUE(std::equal(file.end() - (1 << 20), file.end(), buf.begin() + written - (1 << 20)));
+        }
+        kivot_delete(t);
+        std::remove(path.c_str());
+    }
+    EXPECT_LT(reads[1] - reads[0], 64);
+}
+
+// Histories of encoder and transcoder handles. Letters, in order:
+//   f / b / c   push a flat picture, a busy one, the busy one through the copy path
+//   x / w       refused pushes: a null luma plane at 2048 x 2048; width 70000, format 200
+//   E / e       encode (E: the bytes must equal a fresh handle's given the same switches and picture)
+//   1 2 3 g     transcode a colour source with one table, with two, with two whose luma
+//               table is the second one defined, a grey source (always as a fresh handle would)
+//   O J S R     optimised Huffman, JND filter, JND suppression, adaptive rounding on (lower case: off)
+// Every stream must decode with libjpeg-turbo without warning; a transcoded
+// one never has a quantizer finer than the source's for the same component.
+struct Handles {
+    int32_t sw[4] = {0, 0, 0, 0};
+    kivoe_ctx *enc;
+    kivot_ctx *trc;
+    std::vector<std::shared_ptr<xelo_imgb>> pushed;  // alive until the handles go
+    Handles() {
+        kivoe_create_param p{1, 64, 48, 90, XELO_CS_YCBCR420, nullptr}, tp{1, 0, 0, 0, 0, nullptr};
+        enc = kivoe_create(&p, nullptr);
+        trc = kivot_create(&tp, nullptr);
+    }
+    ~Handles() {
+        kivoe_delete(enc);
+        kivot_delete(trc);
+    }
+    void set(int k, int32_t on) {
+        const int32_t ids[4] = {KIVOE_CFG_OPT_HUFFMAN, KIVOE_CFG_JND_FILTER, KIVOE_CFG_JND_SUPPRESS,
+                                KIVOE_CFG_ADAPTIVE_ROUNDING};
+        const int32_t four = 4;
+        sw[k] = on;
+        kivoe_config(enc, ids[k], &on, &four);
+        kivot_config(trc, ids[k], &on, &four);
+    }
+    int32_t push(char c) {
+        const auto kind = c == 'f' ? testpic::Kind::Flat : testpic::Kind::Noise;
+        xelo_imgb *img = kivotest::to_imgb(11, 96, 64, kivotest::make_picture(11, 96, 64, 7, kind), c == 'c');
+        pushed.emplace_back(img, [](xelo_imgb *i) { i->release(i); });
+        if (c == 'x') {
+            img->width = img->height = 2048;
+            img->plane[0] = nullptr;
+        } else if (c == 'w') {
+            img->width = 70000;
+            img->color_format = 200;
+        }
+        return kivoe_push(enc, img);
+    }
+    // Encodes (src empty) or transcodes src.
+    int32_t code(const std::vector<uint8_t> &src, std::vector<uint8_t> *jpg) {
+        std::vector<uint8_t> in(src), buf(src.size() * 3 + 65536);
+        xelo_bitb ib{}, ob{};
+        ib.addr = in.data();
+        ib.ssize = static_cast<int32_t>(in.size());
+        ob.addr = buf.data();
+        ob.ssize = static_cast<int32_t>(buf.size());
+        kivod_input input{KIVOD_INPUT_BITB, &ib, nullptr};
+        kivoe_output output{KIVOD_INPUT_BITB, &ob, nullptr};
+        int32_t written = 0;
+        const int32_t status =
+            src.empty() ? kivoe_encode(enc, &output, &written) : kivot_txcode(trc, &input, &output, &written);
+        jpg->assign(buf.begin(), buf.begin() + written);
+        return status;
+    }
+};
+
+std::vector<uint8_t> history_source(char c) {
+    static const int8_t kSlots[3][3] = {{0, 0, 0}, {0, 1, 1}, {1, 0, 0}};
+    uint8_t tables[128];
+    for (int i = 0; i < 128; ++i) tables[i] = i < 64 ? (c == '1' ? 3 : 4) : 60;
+    turbo::EncodeSpec e;
+    e.width = 80;
+    e.height = 56;
+    e.n_comp = c == 'g' ? 1 : 3;
+    e.h[0] = e.v[0] = c == 'g' ? 1 : 2;
+    if (c != 'g') {
+        e.tables = tables;
+        for (int k = 0; k < 3; ++k) e.qslot[k] = kSlots[c - '1'][k];
+    }
+    return turbo::encode(e, turbo::make_planes(e, c));
+}
+
+TEST(OracleTranscode, HandleHistories) {
+    struct Case {
+        const char *ops;
+        std::vector<int32_t> status;  // one per push, encode and transcode
+    };
+    const int32_t kNone = KIVO_ERR_UNAVAILABLE, kBad = KIVO_ERR_INVALID_ARG;
+    const Case cases[] = {
+        {"fEE", {0, 0, kNone}},                     // an encode uses up its picture, whichever path
+        {"cfEE", {0, 0, 0, kNone}},
+        {"fxE", {0, kBad, 0}},                      // a refused push changes nothing
+        {"wcE", {kBad, 0, 0}},
+        {"OfeobE", {0, 0, 0, 0}},                   // optimised tables that miss symbols are not kept
+        {"RObeocrbe", {0, 0, 0, 0, 0}},
+        {"JSRbEfEjsrcE", {0, 0, 0, 0, 0, 0}},
+        {"21", {0, 0}},                             // tables of one source do not floor the next
+        {"3g", {0, 0}},
+        {"O21o3", {0, 0, 0}},                       // optimised tables from the picture only
+        {"JSROg3jsro2", {0, 0, 0}},
+        {"fO1eo2bE", {0, 0, 0, 0, 0, 0}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.ops);
+        Handles h;
+        size_t k = 0;
+        char last_push = 0;
+        for (const char *op = c.ops; *op; ++op) {
+            const char *sw = std::strchr("OJSR", *op), *off = std::strchr("ojsr", *op);
+            if (sw || off) {
+                h.set(static_cast<int>(sw ? sw - "OJSR" : off - "ojsr"), sw != nullptr);
+                continue;
+            }
+            ASSERT_LT(k, c.status.size());
+            const int32_t want = c.status[k++];
+            std::vector<uint8_t> jpg, fresh, src;
+            int32_t got;
+            if (std::strchr("fbcxw", *op)) {
+                got = h.push(*op);
+                if (got == 0) last_push = *op;
+            } else {
+                if (*op != 'E' && *op != 'e') src = history_source(*op);
+                got = h.code(src, &jpg);
+                if (got == 0 && *op != 'e') {
+                    Handles f;
+                    for (int i = 0; i < 4; ++i) f.set(i, h.sw[i]);
+                    if (src.empty()) {
+                        ASSERT_EQ(f.push(last_push), 0);
+                    }
+                    ASSERT_EQ(f.code(src, &fresh), 0);
+                    EXPECT_EQ(jpg, fresh);
+                }
+            }
+            ASSERT_EQ(got, want) << "at " << op - c.ops;
+            if (jpg.empty()) continue;
+            std::vector<testpic::Plane> planes;
+            int warnings = -1;
+            ASSERT_TRUE(turbo::decode_raw(jpg, 1, &planes, &warnings)) << "at " << op - c.ops;
+            EXPECT_EQ(warnings, 0) << "at " << op - c.ops;
+            if (src.empty()) continue;
+            uint16_t sq[2][64], oq[2][64];
+            bool sp = false, outp = false;
+            frame_tables(src, sq, &sp);
+            frame_tables(jpg, oq, &outp);
+            for (int t = 0; t < (*op == 'g' ? 1 : 2); ++t)
+                for (int z = 0; z < 64; ++z) ASSERT_GE(oq[t][z], sq[t][z]) << "at " << op - c.ops << " table " << t;
+        }
+        EXPECT_EQ(k, c.status.size());
+    }
 }
 
 }  // namespace

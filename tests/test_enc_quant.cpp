@@ -434,13 +434,14 @@ struct Picture {
         for (int j = 0; j < h; ++j)
             for (int i = 0; i < w; ++i) y[static_cast<size_t>(j) * pb.stride_y + i] = static_cast<uint8_t>(sample(0, i, j));
         if (f == XELO_CS_YCBCR400) return;
-        if (nv) {  // one plane of pairs, with the luma line distance
-            c1.assign(static_cast<size_t>(pb.stride_y) * pb.height_c, 0);
+        if (nv) {  // one plane of pairs, with a line distance of its own
+            pb.stride_c = pb.stride_y + 3;
+            c1.assign(static_cast<size_t>(pb.stride_c) * pb.height_c, 0);
             const int first = f == XELO_CS_NV12 ? 1 : 2;
             for (int j = 0; j < pb.height_c; ++j)
                 for (int i = 0; i < pb.width_c; ++i) {
-                    c1[static_cast<size_t>(j) * pb.stride_y + 2 * i] = static_cast<uint8_t>(sample(first, i, j));
-                    c1[static_cast<size_t>(j) * pb.stride_y + 2 * i + 1] = static_cast<uint8_t>(sample(3 - first, i, j));
+                    c1[static_cast<size_t>(j) * pb.stride_c + 2 * i] = static_cast<uint8_t>(sample(first, i, j));
+                    c1[static_cast<size_t>(j) * pb.stride_c + 2 * i + 1] = static_cast<uint8_t>(sample(3 - first, i, j));
                 }
             pb.plane[first] = c1.data();
             pb.plane[3 - first] = c1.data() + 1;

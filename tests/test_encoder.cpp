@@ -10,6 +10,7 @@
 
 #include "decoder/kivod_int.h"
 #include "encoder/kivoe_int.h"
+#include "support/kivo_encode.h"
 #include "xelo/xelo_hooks.h"
 
 namespace {
@@ -131,6 +132,48 @@ TEST(Encoder, PushChecks) {
     EXPECT_EQ(kivoe_encode(e.ctx, &o, &written), KIVO_ERR_INVALID_ARG);
     nv12->release(nv12);
     img->release(img);
+}
+
+// Planes whose line distances differ (a margin on one plane only) are
+// read as they are: quantizer selection and stream equal those of the same
+// picture in a buffer whose planes share their line distances.
+TEST(Encoder, UnequalLineDistances) {
+    struct Run {
+        int32_t push, qt, enc;
+        std::vector<uint8_t> bytes;
+    };
+    auto run = [](int32_t f, xelo_imgb *img) {
+        Enc e(90, f);
+        Run r;
+        r.bytes.resize(1 << 17);
+        r.push = kivoe_push(e.ctx, img);
+        r.qt = kivoe_get_qtbl(e.ctx, 0, r.bytes.data());
+        xelo_bitb b{};
+        b.addr = r.bytes.data() + 128;
+        b.ssize = static_cast<int32_t>(r.bytes.size() - 128);
+        kivoe_output o{KIVOD_INPUT_BITB, &b, nullptr};
+        int32_t written = 0;
+        r.enc = kivoe_encode(e.ctx, &o, &written);
+        r.bytes.resize(128 + static_cast<size_t>(written));
+        img->release(img);
+        return r;
+    };
+    const uint32_t m = XELO_PAIR(32, 32);
+    const uint32_t pads[4][4] = {{m, 0, 0, 0}, {0, m, 0, 0}, {0, 0, XELO_PAIR(16, 16), 0}, {0, 0, 0, m}};
+    for (int32_t f : {10, 11, 12, 13, 18, 22, 40, 41, 42, 43, 44, 16, 17, 101}) {
+        const auto planes = kivotest::make_picture(f, 217, 125, static_cast<uint64_t>(f));
+        const Run ref = run(f, kivotest::to_imgb(f, 217, 125, planes));
+        ASSERT_EQ(ref.push, 0) << f;
+        ASSERT_EQ(ref.qt, 0) << f;
+        EXPECT_EQ(ref.enc, f == 16 || f == 17 || f == 101 ? KIVO_ERR_COLOR_FORMAT : 0) << f;
+        for (const uint32_t *pad : pads) {
+            const Run got = run(f, kivotest::to_imgb(f, 217, 125, planes, false, pad));
+            EXPECT_EQ(got.push, ref.push) << f;
+            EXPECT_EQ(got.qt, ref.qt) << f;
+            EXPECT_EQ(got.enc, ref.enc) << f;
+            EXPECT_TRUE(got.bytes == ref.bytes) << "format " << f << " margin on plane " << (&pad[0] - &pads[0][0]) / 4;
+        }
+    }
 }
 
 }  // namespace

@@ -25,8 +25,7 @@ const int16_t tbl_trc_weight[2][64] = {
 namespace {
 
 kivot_ctx *checked(kivot_ctx *ctx) {
-    kivot_ctx *t = static_cast<kivot_ctx *>(kivo::handle_check(ctx, kivo::kMagicEncoder));
-    return t && t->self == t && t->kind == kTranscoderKind ? t : nullptr;
+    return static_cast<kivot_ctx *>(kivo::handle_check(ctx, kivo::Kind::Transcoder));
 }
 
 void release_picture(kivot_ctx *t) {
@@ -112,7 +111,7 @@ KIVO_API kivot_ctx *kivot_create(const kivoe_create_param *param, int32_t *statu
         if (status) *status = ret;
         return nullptr;
     }
-    t->kind = kTranscoderKind;
+    t->kind = kivo::Kind::Transcoder;
     t->magic = kivo::kMagicEncoder;
     t->self = t;
     if (status) *status = KIVO_OK;

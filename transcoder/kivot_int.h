@@ -14,15 +14,12 @@ struct kivot_proc {
     void (*flush)(kivot_ctx *ctx);
 };
 
-// Tells a transcoder apart from an encoder, which has the same magic.
-constexpr uint32_t kTranscoderKind = 0x5854564Bu;  // 'K','V','T','X'
-
 struct kivot_ctx {
     uint32_t magic;
     void *self;
+    kivo::Kind kind;
     kivoe_ctx *enc;
     kivod_ctx *dec;
-    uint32_t kind;
     int32_t width;
     int32_t height;
     int32_t color_format;

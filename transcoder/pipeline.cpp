@@ -13,16 +13,39 @@ int32_t fail_with_picture(kivot_ctx *t, int32_t status) {
     return status;
 }
 
-// The source's table of class t (0 luma, 1 chroma): the only one when the
-// source defines one, else its t-th defined table.
-const kivod_qtbl *source_table(const kivod_ctx *d, int t) {
-    int ids[4], n = 0;
-    for (int i = 0; i < 4; ++i)
-        if (d->qtbl[i].length) ids[n++] = i;
-    if (n == 0) return nullptr;
-    return &d->qtbl[ids[n == 1 ? 0 : (t < n ? t : n - 1)]];
+// Raises the quantizers of eq to the floors that source table sq sets:
+// the source's own quantizer, and its shape scaled by quality and raised by
+// the weights of table k.
+void floor_by(kivoe_qtbl &eq, const kivod_qtbl &sq, int k, int32_t f, bool progressive) {
+    // Sequential sources keep their tables in zig-zag order, progressive
+    // ones in raster order. A 0 entry (not a valid quantizer) counts as 1.
+    auto source_q = [&](int p) {
+        const int32_t v = progressive ? sq.q[kivo_tbl_zig_to_ras[p]] : sq.q[p];
+        return v < 1 ? 1 : v;
+    };
+    int32_t minq = 65535;
+    for (int p = 0; p < 64; ++p) minq = source_q(p) < minq ? source_q(p) : minq;
+    for (int p = 0; p < 64; ++p) {
+        const int r = kivo_tbl_zig_to_ras[p];
+        const int32_t s = source_q(p);
+        const int32_t a = s / minq;
+        int32_t v = static_cast<int16_t>(static_cast<uint16_t>(static_cast<int32_t>((a + tbl_trc_weight[k][r]) * 10.0)));
+        v = static_cast<int16_t>(static_cast<uint16_t>(static_cast<int32_t>(static_cast<double>(v) * f / 100.0)));
+        if (v < 1) v = 1;
+        if (v > 255) v = 255;
+        // A baseline table holds 8-bit quantizers: a 16-bit source entry
+        // above 255 is floored at 255.
+        int32_t m = s > v ? s : v;
+        if (m > 255) m = 255;
+        if (eq.q[r] < m) kivoe_qtbl_set(&eq, r, m);
+    }
 }
 
+// Output table 0 serves components 0 and 3, table 1 components 1 and 2.
+// Each is floored by the source table of every source component it serves,
+// whatever order the source defined its tables in, so that no component
+// gets a quantizer finer than its own source's. A table no source component
+// maps to (chroma of a grey source) is floored by the luma one.
 void floor_tables(kivot_ctx *t, int32_t quality) {
     const kivod_ctx *d = t->dec;
     const int32_t f = 105 - quality;
@@ -30,30 +53,16 @@ void floor_tables(kivot_ctx *t, int32_t quality) {
         kivoe_qtbl &eq = t->enc->qtbl[k];
         eq.pq = 0;
         eq.tq = static_cast<uint8_t>(k);
-        const kivod_qtbl *sq = source_table(d, k);
-        if (!sq) continue;
-        // Sequential sources keep their tables in zig-zag order, progressive
-        // ones in raster order. A 0 entry (not a valid quantizer) counts as 1.
-        auto source_q = [&](int p) {
-            const int32_t v = d->progressive ? sq->q[kivo_tbl_zig_to_ras[p]] : sq->q[p];
-            return v < 1 ? 1 : v;
-        };
-        int32_t minq = 65535;
-        for (int p = 0; p < 64; ++p) minq = source_q(p) < minq ? source_q(p) : minq;
-        for (int p = 0; p < 64; ++p) {
-            const int r = kivo_tbl_zig_to_ras[p];
-            const int32_t s = source_q(p);
-            const int32_t a = s / minq;
-            int32_t v = static_cast<int16_t>(static_cast<uint16_t>(static_cast<int32_t>((a + tbl_trc_weight[k][r]) * 10.0)));
-            v = static_cast<int16_t>(static_cast<uint16_t>(static_cast<int32_t>(static_cast<double>(v) * f / 100.0)));
-            if (v < 1) v = 1;
-            if (v > 255) v = 255;
-            // A baseline table holds 8-bit quantizers: a 16-bit source entry
-            // above 255 is floored at 255.
-            int32_t m = s > v ? s : v;
-            if (m > 255) m = 255;
-            if (eq.q[r] < m) kivoe_qtbl_set(&eq, r, m);
+        bool floored = false;
+        for (int c = 0; c < d->fh.n_comp && c < 4; ++c) {
+            if ((c == 1 || c == 2) != (k == 1)) continue;
+            const kivod_qtbl &sq = d->qtbl[d->fh.tq[c] & 3];
+            if (!sq.length) continue;
+            floor_by(eq, sq, k, f, d->progressive);
+            floored = true;
         }
+        if (!floored && d->fh.n_comp > 0 && d->qtbl[d->fh.tq[0] & 3].length)
+            floor_by(eq, d->qtbl[d->fh.tq[0] & 3], k, f, d->progressive);
     }
 }
 
@@ -74,11 +83,29 @@ int32_t append_trailer(kivod_ctx *d, xelo_bsw *out) {
         }
     }
     if (!found) return KIVO_OK;
-    while (!kivod_bs_input_done(bs)) {
-        const uint8_t b = static_cast<uint8_t>(bs->read_byte(bs, 1));
-        if (out->write_ptr >= out->end_ptr) return KIVO_ERR_INVALID_ARG;
-        *out->write_ptr++ = b;
+    // The rest is copied in blocks: straight from memory, or read from the
+    // file into the output.
+    uint8_t *dst = out->write_ptr;
+    const size_t room = static_cast<size_t>(out->end_ptr - dst);
+    if (bs->type == KIVOD_INPUT_BITB) {
+        const size_t n = static_cast<size_t>(bs->end + 1 - bs->cur);
+        if (n > room) return KIVO_ERR_INVALID_ARG;
+        std::memcpy(dst, bs->cur, n);
+        bs->cur = bs->end + 1;
+        out->write_ptr = dst + n;
+        return KIVO_OK;
     }
+    const int64_t left = static_cast<int64_t>(bs->last) - bs->pos + 1;
+    if (left > static_cast<int64_t>(room)) return KIVO_ERR_INVALID_ARG;
+    int64_t done = 0;
+    while (done < left) {
+        const int32_t want = static_cast<int32_t>(left - done > (1 << 20) ? (1 << 20) : left - done);
+        const int32_t got = bs->mfal.read(bs->handle, dst + done, want);
+        if (got <= 0) break;
+        done += got;
+    }
+    bs->pos += static_cast<uint32_t>(done);
+    out->write_ptr = dst + done;
     return KIVO_OK;
 }
 
@@ -89,6 +116,8 @@ int32_t kivot_trc(kivot_ctx *t, const kivod_input *in, const kivoe_output *out, 
     kivod_ctx *d = t->dec;
     kivoe_ctx *e = t->enc;
     if (!d->proc.dec || !d->proc.clone_frm) return KIVO_ERR_UNAVAILABLE;
+    // Tables come from this source only: none is left from the one before.
+    std::memset(d->qtbl, 0, sizeof(d->qtbl));
     kivod_frame_info info{};
     int32_t ret = d->proc.dec(d, in, &info);
     if (ret < 0) return ret;
@@ -129,8 +158,15 @@ int32_t kivot_trc(kivot_ctx *t, const kivod_input *in, const kivoe_output *out, 
     // Optimised tables are counted by the encoder's statistics pass over the
     // symbols it writes: the decoder's counts describe the source's finer
     // quantizers and fit the new stream badly (streams up to half as large
-    // again were measured with them).
+    // again were measured with them). Every transcoding starts from the
+    // typical tables and empty counters, so that its tables depend on its
+    // own picture only.
     e->opt_huffman = t->opt_huffman;
+    kivoe_init_huff_tbl(e);
+    for (int k = 0; k < 4; ++k) {
+        std::memset(e->dc_tbl[k].counter, 0, sizeof(e->dc_tbl[k].counter));
+        std::memset(e->ac_tbl[k].counter, 0, sizeof(e->ac_tbl[k].counter));
+    }
     e->huff_overflow_msg = "Huffman code size table overflow";
     if (!out || !out->bitb || !out->bitb->addr || out->bitb->ssize <= 0) return KIVO_ERR_INVALID_ARG;
     xelo_bsw_init(&e->bs, out->bitb->addr, out->bitb->ssize, kivoe_bs_flush);

@@ -73,6 +73,7 @@ bool run_encode(EncodeState &st, const EncodeSpec &spec, const std::vector<testp
     for (int i = 0; i < spec.n_comp; ++i) {
         c.comp_info[i].h_samp_factor = spec.h[i];
         c.comp_info[i].v_samp_factor = spec.v[i];
+        if (spec.qslot[i] >= 0) c.comp_info[i].quant_tbl_no = spec.qslot[i];
     }
     if (!spec.scans.empty()) {
         const size_t n = spec.scans.size() < 64 ? spec.scans.size() : 64;

@@ -31,6 +31,7 @@ struct EncodeSpec {
     bool progressive = false;     // libjpeg's default progressive script, or `scans`
     std::vector<ScanSpec> scans;  // a custom script (progressive when any band or step is partial)
     const uint8_t *tables = nullptr;  // 128 quantizers (luma, chroma; raster order) instead of the quality's
+    int qslot[4] = {-1, -1, -1, -1};  // quantization table of each component (-1: libjpeg's)
 };
 
 // Encodes full-resolution-per-component planes (each already at its

@@ -14,11 +14,12 @@ std::vector<testpic::Plane> make_picture(int32_t cs, int w, int h, uint64_t seed
     return planes;
 }
 
-xelo_imgb *to_imgb(int32_t cs, int w, int h, const std::vector<testpic::Plane> &planes, bool tight) {
+xelo_imgb *to_imgb(int32_t cs, int w, int h, const std::vector<testpic::Plane> &planes, bool tight,
+                   const uint32_t *pad) {
     const uint32_t a = tight ? XELO_PAIR(1, 1) : XELO_PAIR(16, 16);
     const uint32_t align[4] = {a, a, a, a};
-    const uint32_t pad[4] = {0, 0, 0, 0};
-    xelo_imgb *img = xelo_imgb_create(w, h, cs, 3, align, pad, 0, 0, 0);
+    const uint32_t none[4] = {0, 0, 0, 0};
+    xelo_imgb *img = xelo_imgb_create(w, h, cs, 3, align, pad ? pad : none, 0, 0, 0);
     if (!img) return nullptr;
     size_t i = 0;
     for (int p = 0; p < 4 && i < planes.size(); ++p) {

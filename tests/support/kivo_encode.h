@@ -32,8 +32,10 @@ struct Encoded {
 // make_plane.
 std::vector<testpic::Plane> make_picture(int32_t cs, int w, int h, uint64_t seed,
                                          testpic::Kind kind = testpic::Kind::Natural);
-// An image buffer holding the planes (stride padded unless `tight`).
-xelo_imgb *to_imgb(int32_t cs, int w, int h, const std::vector<testpic::Plane> &planes, bool tight = false);
+// An image buffer holding the planes (stride padded unless `tight`; `pad`:
+// four margin pairs, none when null).
+xelo_imgb *to_imgb(int32_t cs, int w, int h, const std::vector<testpic::Plane> &planes, bool tight = false,
+                   const uint32_t *pad = nullptr);
 Encoded encode(int32_t cs, int w, int h, const std::vector<testpic::Plane> &planes, const EncodeOptions &o);
 // PSNR of b against a over all samples of all planes (99 when equal).
 double psnr(const std::vector<testpic::Plane> &a, const std::vector<testpic::Plane> &b);
