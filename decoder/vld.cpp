@@ -152,7 +152,7 @@ int32_t ac_full(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint64
             }
             int32_t n = z + run;
             if (n > 15) n = 14;
-            int32_t cat = kivo_category(r);
+            int32_t cat = kivo::category(r);
             if (cat < 0) return KIVO_ERR_UNAVAILABLE;
             ++cnt[16 * n + cat];
             z = 0;

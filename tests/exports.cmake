@@ -33,7 +33,7 @@ endfunction()
 
 file(GLOB public_headers ${ROOT}/include/*.h)
 declared_exports(expected ${public_headers})
-file(GLOB internal_headers ${ROOT}/decoder/*.h ${ROOT}/encoder/*.h ${ROOT}/transcoder/*.h)
+file(GLOB internal_headers ${ROOT}/common/*.h ${ROOT}/decoder/*.h ${ROOT}/encoder/*.h ${ROOT}/transcoder/*.h)
 declared_exports(internal_declared ${internal_headers})
 foreach(name ${internal_exports})
   if(NOT name IN_LIST internal_declared)
