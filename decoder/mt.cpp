@@ -68,7 +68,8 @@ void kivod_split_slices(kivod_ctx *ctx) {
     const kivod_fh &fh = ctx->fh;
     const int ns = sh.n_comp;
     int32_t cols = 1;
-    const int32_t rows = kivod_scan_mcus(ctx, &cols) / cols;
+    const int32_t mcus = kivod_scan_mcus(ctx, &cols);
+    const int32_t rows = mcus / cols;
     // Resized output hands strips of d MCU rows to the resizers; slices
     // start on strip boundaries, so every strip holds the same rows
     // whatever the split.
