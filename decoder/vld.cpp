@@ -7,9 +7,13 @@
 // a top-up the cache holds at least 24 bits unless the input is nearly used
 // up, which covers any code of up to 8 bits together with its extra bits.
 //
+// Every AC routine is one block loop (ac_block: a 64-bit window over memory
+// input, the reader where the window cannot go) with one rule for what a
+// symbol does (apply); they differ only in which coefficients they store
+// and whether they count symbols, so all of them consume a stream the same
+// way, leave the reader in the same state and fail on the same blocks.
 // Size-0 AC symbols other than end-of-block (run 0) and sixteen zeros
-// (run 15) are refused by every routine, so all four consume a stream the
-// same way and fail on the same blocks.
+// (run 15) are refused.
 //
 // Counters: a null dc_count or ac_count means "do not count". The choice is
 // made once per block (kivod_vld_ac8 runs one of two instantiations), not
@@ -25,14 +29,13 @@ inline int16_t dequant(int32_t value, uint16_t q) {
     return low16(static_cast<uint32_t>(value) * q);
 }
 
-// Decodes one AC code and consumes it with its extra bits. Sets run and size
-// and, when kValue, the raw extra bits. 0, or -202 for a code the table does
-// not hold.
-template <bool kValue>
-inline int32_t next_symbol(kivod_bs *bs, const kivod_ac_tbl *t, int32_t *run, int32_t *size,
-                           uint32_t *extra) {
+// Decodes one AC code through the reader and consumes it with its extra
+// bits: run, size and, when `with_value`, the extended value. 0, or -202
+// for a code the table does not hold.
+inline int32_t reader_symbol(kivod_bs *bs, const kivod_ac_tbl *t, bool with_value, int32_t *run, int32_t *size,
+                             int32_t *value) {
     top_up(bs);
-    uint32_t c = bs->cache;
+    const uint32_t c = bs->cache;
     const kivod_ac_look e = t->lookup[c >> 24];
     int32_t len;
     if (e.len <= 8) {
@@ -45,125 +48,122 @@ inline int32_t next_symbol(kivod_bs *bs, const kivod_ac_tbl *t, int32_t *run, in
         *run = t->sym[idx].run;
         *size = t->sym[idx].size;
     }
-    int32_t s = *size;
-    int32_t total = len + s;
+    const int32_t s = *size;
+    const int32_t total = len + s;
+    *value = 0;
     if (bs->bits >= total) {
-        if (kValue) *extra = s ? (c << len) >> (32 - s) : 0;
+        if (with_value && s) *value = extend((c << len) >> (32 - s), s);
         bs->cache = c << total;  // total <= 31
         bs->bits -= total;
     } else {
         kivod_bs_skip(bs, len);
-        if (kValue)
-            *extra = s ? kivod_bs_read(bs, s) : 0;
-        else
-            kivod_bs_skip(bs, s);
+        // Read even when the value is not wanted: every routine then leaves
+        // the reader alike, also where the data ends.
+        const uint32_t v = s ? kivod_bs_read(bs, s) : 0;
+        if (with_value && s) *value = extend(v, s);
     }
     return KIVO_OK;
 }
 
-// Decodes and drops the symbols of a block from zig-zag position k on.
-int32_t skip_rest(kivod_bs *bs, const kivod_ac_tbl *t, int32_t k) {
-    while (k <= 63) {
-        int32_t run, size;
-        if (next_symbol<false>(bs, t, &run, &size, nullptr) != 0) return KIVO_ERR_MALFORMED;
-        if (size == 0) {
-            if (run == 0) return KIVO_OK;
-            if (run != 15) return KIVO_ERR_MALFORMED;
-            k += 16;
-        } else {
-            k += run + 1;
-        }
-    }
-    return KIVO_OK;
-}
-
-// Stores the coefficients of symbols starting at positions up to kLast,
-// then decodes the rest without storing.
-template <int kLast>
-int32_t ac_partial(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, int16_t *blk,
-                   int16_t *dc_only, int32_t k = 1) {
-    if (k == 1) *dc_only = 0;
-    while (k <= kLast) {
-        int32_t run, size;
-        uint32_t v;
-        if (next_symbol<true>(bs, t, &run, &size, &v) != 0) return KIVO_ERR_MALFORMED;
-        if (size == 0) {
-            if (run == 0) {
-                if (k == 1) *dc_only = 1;
-                return KIVO_OK;
-            }
-            if (run != 15) return KIVO_ERR_MALFORMED;
-            k += 16;
-            continue;
-        }
-        int32_t pos = k + run;
-        if (pos > 63) return KIVO_OK;
-        blk[kivo_tbl_zig_to_ras[pos]] = dequant(extend(v, size), q->q[pos]);
-        k = pos + 1;
-    }
-    return skip_rest(bs, t, k);
-}
-
-// Full block. With kCount, also re-quantizes each coefficient with rq_mul
-// and rq_off and counts the symbols an encoder would emit for the result:
-// z is the pending zero run, g the pending sixteen-zero groups.
-template <bool kCount>
-int32_t ac_full(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint64_t *cnt,
-                int16_t *blk, int16_t *dc_only, int32_t k = 1) {
-    if (k == 1) *dc_only = 0;
+// Symbol counts of the re-quantized block (transcoder): z is the pending
+// zero run, g the pending sixteen-zero groups.
+struct Requant {
     int32_t z = 0, g = 0;
-    while (k <= 63) {
-        int32_t run, size;
-        uint32_t v;
-        if (next_symbol<true>(bs, t, &run, &size, &v) != 0) return KIVO_ERR_MALFORMED;
-        if (size == 0) {
-            if (run == 0) {
-                if (k == 1) *dc_only = 1;
-                if (kCount) ++cnt[0x00];
-                return KIVO_OK;
-            }
-            if (run != 15) return KIVO_ERR_MALFORMED;
-            if (kCount) {
-                ++cnt[0xF0];
+    // Counts coefficient c at position pos, sent after `run` zeros. Returns
+    // false once the block's count is complete (a non-zero value at 63) or
+    // has failed (*status).
+    bool coefficient(const kivod_qtbl *q, uint64_t *cnt, int16_t c, int32_t pos, int32_t run, int32_t *status) {
+        const int32_t mag = c < 0 ? -static_cast<int32_t>(c) : c;
+        const int32_t r0 = ((mag + q->rq_off[pos]) * q->rq_mul[pos]) >> 14;
+        const int16_t r = low16(static_cast<uint32_t>(c > 0 ? r0 : -r0));
+        if (r == 0) {
+            if (++z > 15) {
                 z = 0;
+                ++g;
             }
-            k += 16;
-            continue;
+            return true;
         }
-        int32_t pos = k + run;
-        if (pos > 63) break;
-        int16_t c = dequant(extend(v, size), q->q[pos]);
-        blk[kivo_tbl_zig_to_ras[pos]] = c;
-        k = pos + 1;
-        if (kCount) {
-            int32_t mag = c < 0 ? -static_cast<int32_t>(c) : c;
-            int32_t r0 = ((mag + q->rq_off[pos]) * q->rq_mul[pos]) >> 14;
-            int16_t r = low16(static_cast<uint32_t>(c > 0 ? r0 : -r0));
-            if (r == 0) {
-                if (++z > 15) {
-                    z = 0;
-                    ++g;
-                }
-                continue;
-            }
-            if (g) {
-                ++cnt[0xF0];
-                --g;
-            }
-            int32_t n = z + run;
-            if (n > 15) n = 14;
-            int32_t cat = kivo::category(r);
-            if (cat < 0) return KIVO_ERR_UNAVAILABLE;
-            ++cnt[16 * n + cat];
-            z = 0;
-            if (pos == 63) {
-                ++cnt[0x00];
-                return KIVO_OK;
-            }
+        if (g) {
+            ++cnt[0xF0];
+            --g;
         }
+        int32_t n = z + run;
+        if (n > 15) n = 14;
+        const int32_t cat = kivo::category(r);
+        if (cat < 0) {
+            *status = KIVO_ERR_UNAVAILABLE;
+            return false;
+        }
+        ++cnt[16 * n + cat];
+        z = 0;
+        if (pos == 63) {
+            ++cnt[0x00];
+            return false;
+        }
+        return true;
     }
-    if (kCount && z != 0) ++cnt[0x00];
-    return KIVO_OK;
+};
+
+// Where a block stands after a symbol.
+enum class Next { kGoOn, kEnd, kCounted, kBad };
+
+// The one rule for what a decoded symbol does to the block at zig-zag
+// position *k: end-of-block, sixteen zeros, a coefficient stored (and
+// counted) when it starts at kLast or before, the end of the block past 63.
+// Other size-0 symbols are malformed.
+template <int kLast, bool kCount>
+inline Next apply(int32_t run, int32_t size, int32_t value, int32_t *k, const kivod_qtbl *q, int16_t *blk,
+                  int16_t *dc_only, uint64_t *cnt, Requant *rq, int32_t *status) {
+    if (size == 0) {
+        if (run == 0) {
+            if (*k == 1 && kLast > 0) *dc_only = 1;
+            if (kCount) ++cnt[0x00];
+            return Next::kCounted;
+        }
+        if (run != 15) {
+            *status = KIVO_ERR_MALFORMED;
+            return Next::kBad;
+        }
+        if (kCount) {
+            ++cnt[0xF0];
+            rq->z = 0;
+        }
+        *k += 16;
+        return Next::kGoOn;
+    }
+    const int32_t pos = *k + run;
+    if (pos > 63) return Next::kEnd;
+    if (*k <= kLast) {
+        const int16_t c = dequant(value, q->q[pos]);
+        blk[kivo_tbl_zig_to_ras[pos]] = c;
+        if (kCount && !rq->coefficient(q, cnt, c, pos, run, status)) return *status ? Next::kBad : Next::kCounted;
+    }
+    *k = pos + 1;
+    return Next::kGoOn;
+}
+
+// The end of a counted block that sent no end-of-block: one is counted when
+// zeros were pending.
+template <bool kCount>
+inline int32_t finish(Next n, const Requant &rq, uint64_t *cnt, int32_t status) {
+    if (kCount && n != Next::kCounted && n != Next::kBad && rq.z != 0) ++cnt[0x00];
+    return status;
+}
+
+// A block's symbols from zig-zag position k on, through the reader.
+template <int kLast, bool kCount>
+int32_t ac_reader(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint64_t *cnt, int16_t *blk,
+                  int16_t *dc_only, int32_t k, Requant *rq) {
+    int32_t status = KIVO_OK;
+    Next n = Next::kEnd;
+    while (k <= 63) {
+        int32_t run, size, value;
+        if (reader_symbol(bs, t, kCount || k <= kLast, &run, &size, &value) != 0) return KIVO_ERR_MALFORMED;
+        n = apply<kLast, kCount>(run, size, value, &k, q, blk, dc_only, cnt, rq, &status);
+        if (n != Next::kGoOn) break;
+        n = Next::kEnd;
+    }
+    return finish<kCount>(n, *rq, cnt, status);
 }
 
 // ---- 64-bit window over memory input ------------------------------------------
@@ -237,36 +237,53 @@ inline void window_skip(Window *w, int32_t len) {
     w->n -= len;
 }
 
-// One block's AC symbols through the window. Coefficients of symbols that
-// start at zig-zag positions up to kLast are stored; every symbol is read.
-template <int kLast>
-int32_t ac_window(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, int16_t *blk,
-                  int16_t *dc_only) {
+// One block's AC symbols through the window while it can be used, then
+// through the reader. Coefficients of symbols that start at zig-zag
+// positions up to kLast are stored; every symbol is read. With kCount, the
+// symbols an encoder would send for the re-quantized block are counted.
+template <int kLast, bool kCount>
+int32_t ac_block(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint64_t *cnt, int16_t *blk,
+                 int16_t *dc_only) {
     *dc_only = kLast == 0 ? 1 : 0;
+    Requant rq;
+    if (!window_usable(bs)) return ac_reader<kLast, kCount>(bs, q, t, cnt, blk, dc_only, 1, &rq);
     Window w;
     window_open(bs, &w);
     int32_t k = 1;
+    int32_t status = KIVO_OK;
+    Next n = Next::kEnd;
     while (k <= 63) {
         if (w.n < 32) window_fill(&w);
-        int32_t run, size, value;
-        if (w.n >= 32) {
-            const int32_t f = t->fast[w.acc >> (64 - kivod_fast_bits)];
-            if (f) {
-                window_skip(&w, f & 31);
-                if (f & (kivod_fast_eob | kivod_fast_zrl)) {
-                    if (f & kivod_fast_zrl) {
-                        k += 16;
-                        continue;
-                    }
-                    if (k == 1 && kLast > 0) *dc_only = 1;
+        if (w.n < 32) {
+            // A 0xFF or the end of the input is near: the reader's refill
+            // handles stuffing and running out.
+            window_close(&w, bs);
+            return ac_reader<kLast, kCount>(bs, q, t, cnt, blk, dc_only, k, &rq);
+        }
+        // A coefficient code of the one-step look-up, the common case.
+        const int32_t f = t->fast[w.acc >> (64 - kivod_fast_bits)];
+        if (f && !(f & (kivod_fast_eob | kivod_fast_zrl))) {
+            window_skip(&w, f & 31);
+            const int32_t run = (f >> 8) & 15;
+            const int32_t pos = k + run;
+            if (pos > 63) break;
+            if (k <= kLast) {
+                const int16_t c = dequant(f >> 16, q->q[pos]);
+                blk[kivo_tbl_zig_to_ras[pos]] = c;
+                if (kCount && !rq.coefficient(q, cnt, c, pos, run, &status)) {
+                    n = status ? Next::kBad : Next::kCounted;
                     break;
                 }
-                const int32_t pos = k + ((f >> 8) & 15);
-                if (pos > 63) break;
-                if (k <= kLast) blk[kivo_tbl_zig_to_ras[pos]] = dequant(f >> 16, q->q[pos]);
-                k = pos + 1;
-                continue;
             }
+            k = pos + 1;
+            continue;
+        }
+        int32_t run, size, value = 0;
+        if (f) {
+            window_skip(&w, f & 31);
+            run = f & kivod_fast_zrl ? 15 : 0;
+            size = 0;
+        } else {
             const kivod_ac_look e = t->lookup[w.acc >> 56];
             int32_t len;
             if (e.len <= 8) {
@@ -283,58 +300,17 @@ int32_t ac_window(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, int1
                 size = t->sym[idx].size;
             }
             window_skip(&w, len);
-            value = 0;
             if (size) {
                 value = extend(static_cast<uint32_t>(w.acc >> (64 - size)), size);
                 window_skip(&w, size);
             }
-        } else {
-            // A 0xFF or the end of the input is near: the reader's refill
-            // handles stuffing and running out.
-            window_close(&w, bs);
-            uint32_t v = 0;
-            if (next_symbol<true>(bs, t, &run, &size, &v) != 0) return KIVO_ERR_MALFORMED;
-            value = size ? extend(v, size) : 0;
-            if (!window_usable(bs)) {
-                // The reader holds a 0xFF or has run dry: finish the block
-                // with its own routines.
-                if (size == 0) {
-                    if (run == 0) {
-                        if (k == 1 && kLast > 0) *dc_only = 1;
-                        return KIVO_OK;
-                    }
-                    if (run != 15) return KIVO_ERR_MALFORMED;
-                    k += 16;
-                } else {
-                    const int32_t pos = k + run;
-                    if (pos > 63) return KIVO_OK;
-                    if (k <= kLast) blk[kivo_tbl_zig_to_ras[pos]] = dequant(value, q->q[pos]);
-                    k = pos + 1;
-                }
-                if (kLast >= 63) return k > 63 ? KIVO_OK : ac_full<false>(bs, q, t, nullptr, blk, dc_only, k);
-                return k > kLast ? skip_rest(bs, t, k) : ac_partial<kLast>(bs, q, t, blk, dc_only, k);
-            }
-            window_open(bs, &w);
         }
-        if (size == 0) {
-            if (run == 0) {
-                if (k == 1 && kLast > 0) *dc_only = 1;
-                break;
-            }
-            if (run != 15) {
-                window_close(&w, bs);
-                return KIVO_ERR_MALFORMED;
-            }
-            k += 16;
-            continue;
-        }
-        const int32_t pos = k + run;
-        if (pos > 63) break;
-        if (k <= kLast) blk[kivo_tbl_zig_to_ras[pos]] = dequant(value, q->q[pos]);
-        k = pos + 1;
+        n = apply<kLast, kCount>(run, size, value, &k, q, blk, dc_only, cnt, &rq, &status);
+        if (n != Next::kGoOn) break;
+        n = Next::kEnd;
     }
     window_close(&w, bs);
-    return KIVO_OK;
+    return finish<kCount>(n, rq, cnt, status);
 }
 
 }  // namespace
@@ -363,26 +339,21 @@ int32_t kivod_vld_dc(kivod_bs *bs, int16_t q0, const kivod_dc_tbl *t, uint64_t *
 
 int32_t kivod_vld_ac8(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
                       uint64_t *ac_count, int16_t *blk, int16_t *dc_only) {
-    if (ac_count) return ac_full<true>(bs, q, t, ac_count, blk, dc_only);
-    if (window_usable(bs)) return ac_window<63>(bs, q, t, blk, dc_only);
-    return ac_full<false>(bs, q, t, nullptr, blk, dc_only);
+    if (ac_count) return ac_block<63, true>(bs, q, t, ac_count, blk, dc_only);
+    return ac_block<63, false>(bs, q, t, nullptr, blk, dc_only);
 }
 
 int32_t kivod_vld_ac4(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
-                      uint64_t *ac_count, int16_t *blk, int16_t *dc_only) {
-    if (window_usable(bs)) return ac_window<9>(bs, q, t, blk, dc_only);
-    return ac_partial<9>(bs, q, t, blk, dc_only);
+                      uint64_t *, int16_t *blk, int16_t *dc_only) {
+    return ac_block<9, false>(bs, q, t, nullptr, blk, dc_only);
 }
 
 int32_t kivod_vld_ac2(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
-                      uint64_t *ac_count, int16_t *blk, int16_t *dc_only) {
-    if (window_usable(bs)) return ac_window<2>(bs, q, t, blk, dc_only);
-    return ac_partial<2>(bs, q, t, blk, dc_only);
+                      uint64_t *, int16_t *blk, int16_t *dc_only) {
+    return ac_block<2, false>(bs, q, t, nullptr, blk, dc_only);
 }
 
 int32_t kivod_vld_ac1(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
-                      uint64_t *ac_count, int16_t *blk, int16_t *dc_only) {
-    if (window_usable(bs)) return ac_window<0>(bs, q, t, blk, dc_only);
-    *dc_only = 1;
-    return skip_rest(bs, t, 1);
+                      uint64_t *, int16_t *blk, int16_t *dc_only) {
+    return ac_block<0, false>(bs, q, t, nullptr, blk, dc_only);
 }
