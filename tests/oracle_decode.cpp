@@ -325,7 +325,9 @@ TEST(OracleDecode, DamageDecodesAlikeOnAnyThreadCount) {
         {&kLayouts[1], 0, false, true},
     };
     const int w = 203, h = 389;
-    const int outs[][2] = {{0, 0}, {102, 195}, {51, 98}, {26, 49}, {70, 121}, {260, 410}};
+    // Full size, each reduction, resized both ways, packed pairs, another layout.
+    const int outs[][3] = {{0, 0, 0},    {102, 195, 0}, {51, 98, 0}, {26, 49, 0},
+                           {70, 121, 0}, {260, 410, 0}, {0, 0, XELO_CS_YUYV}, {0, 0, XELO_CS_YCBCR444}};
     int damaged = 0, incomplete = 0, failed = 0;
     for (const Kind &k : kinds) {
         turbo::EncodeSpec s = spec_for(*k.layout, w, h);
@@ -351,17 +353,18 @@ TEST(OracleDecode, DamageDecodesAlikeOnAnyThreadCount) {
                 for (int f = 0; f <= i % 3; ++f) bad[at + f * 37 % (bad.size() - 2 - at)] ^= static_cast<uint8_t>(1 + rng.next() % 255);
             }
             for (const auto &o : outs) {
-                const kivotest::Decoded one = kivotest::decode(bad, 1, o[0], o[1]);
+                const int32_t cs = k.layout->n_comp == 1 && o[2] == XELO_CS_YCBCR444 ? 0 : o[2];
+                const kivotest::Decoded one = kivotest::decode(bad, 1, o[0], o[1], cs);
                 EXPECT_LE(one.status, 0);
                 damaged += one.status != 0 || one.progress.complete == 0;
                 incomplete += one.progress.complete == 0;
                 failed += one.status < 0;
                 for (int t : {2, 3, 4, 8}) {
-                    const kivotest::Decoded many = kivotest::decode(bad, t, o[0], o[1]);
+                    const kivotest::Decoded many = kivotest::decode(bad, t, o[0], o[1], cs);
                     const std::string what = std::string(k.layout->name) + " rst " + std::to_string(k.restart) +
                                              (k.separate ? " separate" : "") + (k.progressive ? " progressive" : "") +
                                              " case " + std::to_string(i) + " at " + std::to_string(at) + " out " +
-                                             std::to_string(o[0]) + " threads " + std::to_string(t);
+                                             std::to_string(o[0]) + "/" + std::to_string(cs) + " threads " + std::to_string(t);
                     ASSERT_EQ(one.status, many.status) << what;
                     EXPECT_EQ(one.progress.complete, many.progress.complete) << what;
                     EXPECT_EQ(one.progress.mcu_rows, many.progress.mcu_rows) << what;
