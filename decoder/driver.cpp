@@ -45,16 +45,10 @@ bool is_decodable_format(int32_t cs) {
 
 // Plane size of component c of a W x H frame of colour format cs.
 void comp_size(int32_t cs, int c, int32_t w, int32_t h, int32_t *cw, int32_t *ch) {
-    *cw = w;
-    *ch = h;
-    if (c == 0 || c == 3) return;
-    switch (cs) {
-    case 11: case 41: *cw = (w + 1) / 2; *ch = (h + 1) / 2; break;
-    case 12: case 42: *cw = (w + 1) / 2; break;
-    case 18: *ch = (h + 1) / 2; break;
-    case 22: *cw = (w + 3) / 4; break;
-    default: break;
-    }
+    const kivo::Layout *l = kivo::layout_of(cs);
+    const bool chroma = (c == 1 || c == 2) && l;
+    *cw = chroma ? kivo::chroma_width(*l, w) : w;
+    *ch = chroma ? kivo::chroma_height(*l, h) : h;
 }
 
 int32_t fail(kivod_ctx *ctx, int32_t status) {
@@ -245,25 +239,23 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
 
 int32_t kivod_clone_frm(kivod_ctx *ctx, xelo_imgb *imgb) {
     const int32_t w = imgb->width, h = imgb->height;
-    for (int p = 0; p < 4; ++p) {
-        ctx->out_w[p] = ctx->out_h[p] = 0;
-    }
+    for (int p = 0; p < 4; ++p) ctx->out_w[p] = ctx->out_h[p] = 0;
     ctx->out_w[0] = w;
     ctx->out_h[0] = h;
-    switch (imgb->color_format) {
-    case 11: case 41: ctx->out_w[1] = (w + 1) / 2; ctx->out_h[1] = (h + 1) / 2; break;
-    case 12: case 42: ctx->out_w[1] = (w + 1) / 2; ctx->out_h[1] = h; break;
-    case 13: case 43: ctx->out_w[1] = w; ctx->out_h[1] = h; break;
-    case 18: ctx->out_w[1] = w; ctx->out_h[1] = (h + 1) / 2; break;
-    case 22: ctx->out_w[1] = (w + 3) / 4; ctx->out_h[1] = h; break;
-    case 101: ctx->out_w[0] = 2 * w; break;
-    default: break;
-    }
-    ctx->out_w[2] = ctx->out_w[1];
-    ctx->out_h[2] = ctx->out_h[1];
-    if (imgb->color_format >= 40 && imgb->color_format <= 43) {
-        ctx->out_w[3] = w;
-        ctx->out_h[3] = h;
+    // Planar layouts give each plane its size; packed pairs take two bytes
+    // a pixel in one plane; other codes get no plane sizes.
+    const kivo::Layout *l = kivo::layout_of(imgb->color_format);
+    if (l && l->kind == kivo::Layout::Planar) {
+        for (int p = 1; p <= 2; ++p) {
+            ctx->out_w[p] = kivo::chroma_width(*l, w);
+            ctx->out_h[p] = kivo::chroma_height(*l, h);
+        }
+        if (l->fourth) {
+            ctx->out_w[3] = w;
+            ctx->out_h[3] = h;
+        }
+    } else if (imgb->color_format == XELO_CS_YUYV) {
+        ctx->out_w[0] = 2 * w;
     }
     return kivod_dec_pic(ctx, imgb);
 }

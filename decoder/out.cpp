@@ -4,12 +4,9 @@
 #include "decoder/out.h"
 
 int kivod_planes_of(int32_t cs) {
-    switch (cs) {
-    case 10: return 1;
-    case 11: case 12: case 13: case 18: case 22: return 3;
-    case 41: case 42: case 43: return 4;
-    default: return 0;
-    }
+    const kivo::Layout *l = kivo::layout_of(cs);
+    if (!l || l->kind != kivo::Layout::Planar) return 0;
+    return 1 + (l->chroma ? 2 : 0) + (l->fourth ? 1 : 0);
 }
 
 int32_t kivod_out_mode_for(const kivod_ctx *ctx, const xelo_imgb *img) {
