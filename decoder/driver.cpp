@@ -267,6 +267,10 @@ int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb) {
     ctx->out_imgb = imgb;
     if (imgb->width < 1 || imgb->height < 1) return KIVO_ERR_INVALID_ARG;
     ctx->scale = kivod_choose_scale(ctx->fh.width, ctx->fh.height, imgb->width, imgb->height);
+    // The caller's reduction: full size is decoded straight into a buffer
+    // of the frame's size and resized into any other.
+    if (ctx->reduction > 1) ctx->scale = ctx->reduction;
+    else if (ctx->reduction == 1 && ctx->scale != 0) ctx->scale = 1;
     // A planar layout other than the frame's is made through the resizer,
     // which takes each plane to its size in that layout.
     if (ctx->scale == 0 && imgb->color_format != ctx->color_format && imgb->color_format != XELO_CS_YUYV)

@@ -141,6 +141,13 @@ KIVO_API int32_t kivod_get_stats(kivod_ctx *ctx, kivod_stats *stats) {
     return KIVO_OK;
 }
 
+KIVO_API int32_t kivod_set_reduction(kivod_ctx *ctx, int32_t denom) {
+    kivod_ctx *c = checked(ctx);
+    if (!c || (denom != 0 && denom != 1 && denom != 2 && denom != 4 && denom != 8)) return KIVO_ERR_INVALID_ARG;
+    c->reduction = denom;
+    return KIVO_OK;
+}
+
 KIVO_API int32_t kivod_get_progress(kivod_ctx *ctx, kivod_progress *progress) {
     kivod_ctx *c = checked(ctx);
     if (!c || !progress) return KIVO_ERR_INVALID_ARG;

@@ -298,6 +298,7 @@ struct kivod_ctx {
     int32_t n_threads;
     int64_t dc_level_total;  // DC levels of component 0 summed over the picture's scans
     int32_t comp_rows[4];    // block rows of each component every scan reached (-1: no scan yet)
+    int32_t reduction;       // the caller's reduction (1, 2, 4, 8), or 0 for the choice by ratio
     int32_t reached_end;     // the picture's last scan or EOI was reached
     kivod_dsp dsp;
     kivo_tpool tpool;

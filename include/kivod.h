@@ -69,6 +69,13 @@ KIVO_API int32_t kivod_decode(kivod_ctx *ctx, const kivod_input *input, kivod_fr
 /* Decodes the picture into the buffer, reduced and resized to its size.
  * Call once after each successful kivod_decode. */
 KIVO_API int32_t kivod_clone(kivod_ctx *ctx, xelo_imgb *imgb);
+/* The reduction kivod_clone decodes at, for this handle's later pictures:
+ * 1, 2, 4 or 8 (full size, 1/2, 1/4, 1/8; the result is then resized to the
+ * buffer, which is no resampling when the buffer has exactly that size), or
+ * 0 for the default choice from the ratio of frame to buffer (which, for
+ * small buffers, may reduce further than the buffer needs and enlarge
+ * again). Returns 0, or -105 for another value. */
+KIVO_API int32_t kivod_set_reduction(kivod_ctx *ctx, int32_t denom);
 /* The decoder hands out no frames of its own: always -103 on a valid handle. */
 KIVO_API int32_t kivod_pull(kivod_ctx *ctx, void *frame);
 /* Always -103. */

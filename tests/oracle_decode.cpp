@@ -3,6 +3,7 @@
 // tables and separate scans; reduced sizes; thread counts; broken input.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -220,6 +221,43 @@ TEST(OracleDecode, ReducedScalesMatchTheCoefficients) {
 
 // Packed pairs carry exactly the planar samples: Y0 Cb Y1 Cr, chroma taken
 // at the pair's first pixel (grey: neutral chroma).
+// A reduction the caller sets: full size into a half-size buffer is the
+// exact 2x2 mean of the full decode; 1/2 is a true half-size decode, closer
+// to that mean than the default, which picks 1/4 and enlarges here.
+TEST(OracleDecode, ReductionTheCallerSets) {
+    turbo::EncodeSpec s = spec_for(kLayouts[0], 512, 384);
+    const auto jpg = turbo::encode(s, turbo::make_planes(s, 21));
+    const kivotest::Decoded full = kivotest::decode(jpg, 2);
+    ASSERT_EQ(full.status, 0);
+    const testpic::Plane &f = full.planes[0];
+    std::vector<uint8_t> mean(256 * 192);
+    for (int y = 0; y < 192; ++y)
+        for (int x = 0; x < 256; ++x)
+            mean[y * 256 + x] = static_cast<uint8_t>(
+                (f.at(2 * x, 2 * y) + f.at(2 * x + 1, 2 * y) + f.at(2 * x, 2 * y + 1) + f.at(2 * x + 1, 2 * y + 1) + 2) >> 2);
+    EXPECT_EQ(kivotest::decode(jpg, 2, 256, 192, 0, 1).planes[0].px, mean);
+    // libjpeg-turbo's 1/2 decode for comparison: PSNR against the mean.
+    std::vector<testpic::Plane> half;
+    ASSERT_TRUE(turbo::decode_raw(jpg, 2, &half));
+    auto psnr = [&](const std::vector<uint8_t> &px) {
+        double se = 0;
+        for (size_t i = 0; i < px.size(); ++i) se += (px[i] - mean[i]) * (px[i] - mean[i]);
+        return 10 * std::log10(255.0 * 255.0 * px.size() / (se > 0 ? se : 1));
+    };
+    const double turbo_db = psnr(half[0].px);
+    const kivotest::Decoded ours = kivotest::decode(jpg, 2, 256, 192, 0, 2);
+    const kivotest::Decoded chosen = kivotest::decode(jpg, 1, 256, 192);
+    ASSERT_EQ(ours.status, 0);
+    ASSERT_EQ(chosen.status, 0);
+    // The 1/2 decode keeps the coefficients of symbols that start at
+    // zig-zag position 9 or before, so it stays below libjpeg-turbo's; it
+    // is still ahead of the default's 1/4 enlarged.
+    const double ours_db = psnr(ours.planes[0].px), chosen_db = psnr(chosen.planes[0].px);
+    EXPECT_GT(ours_db, chosen_db + 2) << turbo_db;
+    EXPECT_GT(turbo_db, ours_db);
+    EXPECT_EQ(kivotest::decode(jpg, 1, 256, 192, 0, 3).status, KIVO_ERR_INVALID_ARG);
+}
+
 TEST(OracleDecode, PackedPairsInterleaveThePlanes) {
     for (const Layout &l : {kLayouts[2], kLayouts[1], kLayouts[0], kLayouts[3]}) {
         for (const auto &sz : {std::pair<int, int>{37, 21}, {64, 32}}) {

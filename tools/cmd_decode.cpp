@@ -98,6 +98,7 @@ int cmd_info(int argc, char **argv) {
 int cmd_decode(int argc, char **argv) {
     std::string in, out;
     int threads = 1, ow = 0, oh = 0, denom = 1;
+    bool denom_given = false;
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
         if (a == "--threads" && i + 1 < argc) {
@@ -110,6 +111,7 @@ int cmd_decode(int argc, char **argv) {
         } else if (a == "--scale" && i + 1 < argc) {
             const std::string s = argv[++i];
             denom = s == "1/2" ? 2 : s == "1/4" ? 4 : s == "1/8" ? 8 : s == "1" ? 1 : 0;
+            denom_given = true;
             if (!denom) {
                 std::fprintf(stderr, "kivo: --scale takes 1/2, 1/4 or 1/8\n");
                 return 2;
@@ -135,6 +137,9 @@ int cmd_decode(int argc, char **argv) {
     Decoder d;
     int32_t ret = d.open(in.c_str(), threads);
     if (ret != 0) return fail(in.c_str(), ret);
+    // --scale decodes at that reduction; --size alone leaves the choice to
+    // the decoder.
+    if (denom_given) kivod_set_reduction(d.ctx, denom);
     if (!ow) {
         ow = (d.info.width + denom - 1) / denom;
         oh = (d.info.height + denom - 1) / denom;

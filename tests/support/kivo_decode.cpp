@@ -4,7 +4,7 @@
 
 namespace kivotest {
 
-Decoded decode(const std::vector<uint8_t> &jpg, int threads, int out_w, int out_h, int32_t out_cs) {
+Decoded decode(const std::vector<uint8_t> &jpg, int threads, int out_w, int out_h, int32_t out_cs, int reduction) {
     Decoded r;
     kivo_tpool pool;
     kivo_tpool_std(&pool, threads);
@@ -24,7 +24,8 @@ Decoded decode(const std::vector<uint8_t> &jpg, int threads, int out_w, int out_
     bitb.ssize = static_cast<int32_t>(exact.size());
     kivod_input in{KIVOD_INPUT_BITB, &bitb, nullptr};
     kivod_frame_info info{};
-    r.status = kivod_decode(ctx, &in, &info);
+    r.status = kivod_set_reduction(ctx, reduction);
+    if (r.status == 0) r.status = kivod_decode(ctx, &in, &info);
     r.width = info.width;
     r.height = info.height;
     r.color_format = info.color_format;
