@@ -25,7 +25,7 @@ lib=$prefix/$libdir
 [ -f "$lib/libkivo_static.a" ] || fail "libkivo_static.a not installed"
 [ "$(readlink "$lib/libkivo.so")" = libkivo.so.0 ] || fail "libkivo.so does not link to libkivo.so.0"
 [ -f "$lib/$(readlink "$lib/libkivo.so.0")" ] || fail "libkivo.so.0 does not link to the library"
-objdump -p "$lib/libkivo.so" | grep -Eq 'SONAME +libkivo\.so\.0$' || fail "soname is not libkivo.so.0"
+objdump -p "$lib/libkivo.so" | grep -E >/dev/null 'SONAME +libkivo\.so\.0$' || fail "soname is not libkivo.so.0"
 [ -x "$prefix/$bindir/kivo" ] || fail "the kivo tool not installed"
 "$prefix/$bindir/kivo" --help >/dev/null || fail "the installed kivo tool does not run"
 
@@ -34,7 +34,7 @@ cmake -S "$here" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPIL
 cmake --build "$work/cmake" >/dev/null
 "$work/cmake/consumer_shared" || fail "find_package: the shared consumer failed"
 "$work/cmake/consumer_static" || fail "find_package: the static consumer failed"
-ldd "$work/cmake/consumer_shared" | grep -q "$lib/libkivo.so.0" || fail "find_package: not linked to the installed libkivo.so.0"
+ldd "$work/cmake/consumer_shared" | grep >/dev/null "$lib/libkivo.so.0" || fail "find_package: not linked to the installed libkivo.so.0"
 
 # pkg-config: kivo (shared) and kivo_static.
 export PKG_CONFIG_PATH=$lib/pkgconfig
