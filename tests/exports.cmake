@@ -4,7 +4,7 @@
 #   each of which its folder's header must declare with KIVO_API;
 # - nothing is imported from the C++ runtime (no throw, no libstdc++ call, no
 #   throwing operator new), so no exception can start inside the library.
-cmake_minimum_required(VERSION 3.20)
+cmake_minimum_required(VERSION 3.21)
 
 # Handle procedures, the reader's end-of-image check and the size category:
 # exported by name although their records are internal.
