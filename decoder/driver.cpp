@@ -96,6 +96,19 @@ int32_t parse_saved_tables(kivod_ctx *ctx) {
     return KIVO_OK;
 }
 
+// Bytes the resizers of one picture take at most: per plane, its filter
+// tables and rows, once per thread (each slice has its own).
+uint64_t resizer_bytes(const kivod_ctx *ctx) {
+    const uint64_t d = ctx->scale == 1 ? 1 : ctx->scale;
+    uint64_t per_thread = 0;
+    for (int c = 0; c < ctx->fh.n_comp; ++c) {
+        const uint64_t sw = (uint64_t(ctx->comp_w[c]) + d - 1) / d, sh = (uint64_t(ctx->comp_h[c]) + d - 1) / d;
+        const uint64_t dw = uint64_t(ctx->out_w[c]), dh = uint64_t(ctx->out_h[c]);
+        per_thread += 12 * (dw + dh) + 4 * (sw + dw + sh + dh) + 24 * dw + 256;
+    }
+    return per_thread * uint64_t(kivo::thread_limit(ctx->tpool));
+}
+
 }  // namespace
 
 int32_t kivod_choose_scale(int32_t fw, int32_t fh, int32_t ow, int32_t oh) {
@@ -122,6 +135,7 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
     ctx->progressive = 0;
     for (int32_t &r : ctx->comp_rows) r = -1;
     ctx->reached_end = 0;
+    ctx->app_bytes = 0;
 
     info->reserved = info->width = info->height = info->color_format = 0;
     int32_t ret = kivod_bs_init(&ctx->main_bs, input);
@@ -140,6 +154,8 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
                 ctx->progressive = m == 0xC2;
                 ret = kivod_vld_fh(bs, &ctx->fh);
                 if (ret != 0) return fail(ctx, ret);
+                if (kivod_over(ctx->limits.max_pixels, uint64_t(ctx->fh.width) * ctx->fh.height))
+                    return fail(ctx, KIVO_ERR_UNSUPPORTED);
                 have_frame = true;
             } else if (m == 0xDB) {
                 if (ctx->n_dqt >= 4) return fail(ctx, KIVO_ERR_MALFORMED);
@@ -158,6 +174,9 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
             } else if (m >= 0xE0 && m <= 0xEF) {
                 ret = kivod_vld_app(ctx, bs, m);
                 if (ret != 0) return fail(ctx, KIVO_ERR_MALFORMED);
+                ctx->app_bytes += int64_t(ctx->app_last->size) + int64_t(sizeof(kivod_app_node));
+                if (kivod_over(ctx->limits.max_app_bytes, uint64_t(ctx->app_bytes)))
+                    return fail(ctx, KIVO_ERR_OUT_OF_MEMORY);
             }
         }
         if (kivod_bs_input_done(bs) && bs->bits < 1) return fail(ctx, KIVO_ERR_MALFORMED);
@@ -205,11 +224,16 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
     }
 
     const int threads = kivo::thread_limit(ctx->tpool);
+    uint64_t frame_bytes = 0;
+    for (int c = 0; c < n; ++c) frame_bytes += uint64_t(fh.v[c]) * 8u * ctx->blk_w[c] * 8u * threads;
     if (ctx->progressive) {
         uint64_t total = 0;
         for (int c = 0; c < n; ++c) total += uint64_t(ctx->prog_blk_h[c]) * ctx->prog_blk_w[c] * 128u;
         if (total > kMaxProgressiveBytes) return fail(ctx, KIVO_ERR_OUT_OF_MEMORY);
+        frame_bytes += total;
     }
+    if (kivod_over(ctx->limits.max_memory, frame_bytes)) return fail(ctx, KIVO_ERR_OUT_OF_MEMORY);
+    ctx->frame_bytes = frame_bytes;
     for (int c = 0; c < n; ++c) {
         ctx->mcu_lines[c] = static_cast<uint8_t>(fh.v[c] * 8);
         ctx->line_w[c] = ctx->blk_w[c] * 8;
@@ -286,9 +310,15 @@ int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb) {
         std::memset(ctx->ac_tbl[t].ac_count, 0, sizeof(ctx->ac_tbl[t].ac_count));
     }
 
+    if (ctx->scale != 0 && kivod_over(ctx->limits.max_memory, ctx->frame_bytes + resizer_bytes(ctx))) {
+        kivod_release_frame_buffers(ctx);
+        return KIVO_ERR_OUT_OF_MEMORY;
+    }
+
     kivod_bs *bs = &ctx->scan_bs;
     int32_t done = 0;
     int32_t scan_status = KIVO_OK;
+    int64_t scans = 0;
     while (!done) {
         if (kivod_bs_read(bs, 8) != 0xFF) break;
         const uint32_t m = kivod_bs_read(bs, 8);
@@ -304,6 +334,10 @@ int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb) {
         } else if (m == 0xDD) {
             kivod_vld_dri(bs, &ctx->dri);
         } else if (m == 0xDA) {
+            if (kivod_over(ctx->limits.max_scans, uint64_t(++scans))) {
+                scan_status = KIVO_ERR_UNSUPPORTED;
+                break;
+            }
             scan_status = dec_scan(ctx, &done);
             if (scan_status != 0) break;
         } else if (m == 0xD9) {

@@ -148,6 +148,15 @@ KIVO_API int32_t kivod_set_reduction(kivod_ctx *ctx, int32_t denom) {
     return KIVO_OK;
 }
 
+KIVO_API int32_t kivod_set_limits(kivod_ctx *ctx, const kivod_limits *limits) {
+    kivod_ctx *c = checked(ctx);
+    if (!c || !limits || limits->max_pixels < 0 || limits->max_scans < 0 || limits->max_memory < 0 ||
+        limits->max_app_bytes < 0)
+        return KIVO_ERR_INVALID_ARG;
+    c->limits = *limits;
+    return KIVO_OK;
+}
+
 KIVO_API int32_t kivod_get_progress(kivod_ctx *ctx, kivod_progress *progress) {
     kivod_ctx *c = checked(ctx);
     if (!c || !progress) return KIVO_ERR_INVALID_ARG;

@@ -299,6 +299,9 @@ struct kivod_ctx {
     int64_t dc_level_total;  // DC levels of component 0 summed over the picture's scans
     int32_t comp_rows[4];    // block rows of each component every scan reached (-1: no scan yet)
     int32_t reduction;       // the caller's reduction (1, 2, 4, 8), or 0 for the choice by ratio
+    kivod_limits limits;     // the caller's limits (0: none)
+    int64_t app_bytes;       // bytes of the kept APPn segments and their nodes
+    uint64_t frame_bytes;    // bytes of the frame buffers kivod_decode allocated
     int32_t reached_end;     // the picture's last scan or EOI was reached
     kivod_dsp dsp;
     kivo_tpool tpool;
@@ -347,6 +350,8 @@ int32_t kivod_mcu_rows_total(const kivod_ctx *ctx);
 int32_t kivod_mcu_rows_done(const kivod_ctx *ctx);
 // Every row decoded (and, for a progressive frame, the end of the image reached).
 bool kivod_picture_complete(const kivod_ctx *ctx);
+// True when `value` is above a limit that is set (not 0).
+inline bool kivod_over(int64_t limit, uint64_t value) { return limit > 0 && value > static_cast<uint64_t>(limit); }
 
 // ---- scans, slices and threads (scan.cpp, mt.cpp) ------------------------------------
 int32_t dec_scan(kivod_ctx *ctx, int32_t *done);

@@ -93,6 +93,28 @@ typedef struct kivod_stats {
 } kivod_stats;
 KIVO_API int32_t kivod_get_stats(kivod_ctx *ctx, kivod_stats *stats);
 
+/* Limits for untrusted input, kept by the handle; 0 in a field means no
+ * limit (the default for every field). An input that exceeds one is refused
+ * before the decoder makes any allocation of that size:
+ *   max_pixels     frame width x height              kivod_decode: -103
+ *   max_scans      scans decoded by one kivod_clone  kivod_clone: -103 unless
+ *                  every row is decoded already; the scans before the
+ *                  limit stay decoded in the buffer
+ *   max_memory     bytes the decoder allocates for one picture: the frame
+ *                  buffers (kivod_decode: -102), with the resizers a
+ *                  reduced or resized output adds (kivod_clone: -102)
+ *   max_app_bytes  bytes of the kept APPn segments, each counted with its
+ *                  list node                         kivod_decode: -102 */
+typedef struct kivod_limits {
+    int64_t max_pixels;
+    int64_t max_scans;
+    int64_t max_memory;
+    int64_t max_app_bytes;
+} kivod_limits;
+/* Sets the handle's limits. Returns 0, or -105 for a null argument or a
+ * negative field. */
+KIVO_API int32_t kivod_set_limits(kivod_ctx *ctx, const kivod_limits *limits);
+
 /* How much of the last picture kivod_clone decoded. A stream that ends early
  * still decodes with status 0 as far as its data goes; the rows below keep
  * what the buffer held. */

@@ -123,6 +123,12 @@ KIVO_API void kivot_delete(kivot_ctx *ctx) {
     if (t) destroy(t);
 }
 
+KIVO_API int32_t kivot_set_limits(kivot_ctx *ctx, const kivod_limits *limits) {
+    kivot_ctx *t = checked(ctx);
+    if (!t) return KIVO_ERR_INVALID_ARG;
+    return kivod_set_limits(t->dec, limits);
+}
+
 KIVO_API int32_t kivot_config(kivot_ctx *ctx, int32_t id, void *value, const int32_t *size) {
     kivot_ctx *t = checked(ctx);
     if (!t) return KIVO_ERR_INVALID_ARG;
