@@ -6,6 +6,7 @@
 #include <string>
 
 #include "decoder/kivod_int.h"
+#include "kivoc.h"
 #include "tools/tool.h"
 
 namespace tool {
@@ -56,6 +57,26 @@ int fail(const char *what, int32_t status) {
     return 1;
 }
 
+// PNG, PPM or PGM through the colour helpers (smooth chroma upsampling):
+// grey for a .pgm name or a grey picture, RGB otherwise.
+bool write_rgb_picture(const std::string &path, const xelo_imgb *img, const kivo_tpool *pool) {
+    const FileKind kind = file_kind(path);
+    Packed pic;
+    pic.width = img->width, pic.height = img->height;
+    pic.channels = kind == FileKind::Pgm || img->color_format == XELO_CS_YCBCR400 ? 1 : 3;
+    if (kind == FileKind::Ppm) pic.channels = 3;
+    pic.pixels.resize(static_cast<size_t>(pic.width) * pic.height * pic.channels);
+    const int32_t status = kivoc_to_packed(img, pic.pixels.data(), pic.width * pic.channels, pic.pixels.size(),
+                                           pic.channels == 1 ? KIVOC_GREY : KIVOC_RGB, 0, pool);
+    if (status == KIVO_ERR_COLOR_FORMAT) {
+        std::fprintf(stderr, "kivo: colour format %s has no RGB conversion; write a .yuv\n",
+                     color_format_name(img->color_format));
+        return false;
+    }
+    if (status != 0) return fail(path.c_str(), status) == 0;
+    return write_packed(path, pic);
+}
+
 }  // namespace
 
 int cmd_info(int argc, char **argv) {
@@ -91,6 +112,9 @@ int cmd_info(int argc, char **argv) {
         for (int i = 0; i < 5 && i < static_cast<int>(a->size); ++i)
             tag[i] = (a->data[i] >= 32 && a->data[i] < 127) ? static_cast<char>(a->data[i]) : '.';
         std::printf("APP%d: %u bytes \"%s\"\n", a->marker - 0xE0, a->size, tag);
+        const int orientation = a->marker == 0xE1 ? exif_orientation(a->data, a->size) : 0;
+        if (orientation > 0) std::printf("exif orientation: %d (%s)\n", orientation, orientation_name(orientation));
+        if (orientation < 0) std::printf("exif orientation: unreadable (malformed Exif data)\n");
     }
     return 0;
 }
@@ -100,7 +124,7 @@ int cmd_decode(int argc, char **argv) {
     int threads = 1, ow = 0, oh = 0, denom = 1;
     bool denom_given = false;
     for (int i = 0; i < argc; ++i) {
-        const std::string a = argv[i];
+        const std::string a = option_name(argv[i]);
         if (a == "--threads" && i + 1 < argc) {
             threads = std::atoi(argv[++i]);
         } else if (a == "--size" && i + 1 < argc) {
@@ -126,11 +150,16 @@ int cmd_decode(int argc, char **argv) {
         }
     }
     if (in.empty() || out.empty()) {
-        std::fprintf(stderr, "usage: kivo decode IN.jpg OUT.{yuv,y4m} [--size WxH | --scale 1/2|1/4|1/8] [--threads N]\n");
+        std::fprintf(stderr, "usage: kivo decode IN.jpg OUT.{png,ppm,pgm,y4m,yuv} [--size WxH | --scale 1/2|1/4|1/8]\n"
+                             "         [--threads N]\n");
         return 2;
     }
     if (threads < 1 || threads > 8) {
         std::fprintf(stderr, "kivo: --threads takes 1 to 8\n");
+        return 2;
+    }
+    if (file_kind(out) == FileKind::Jpeg) {
+        std::fprintf(stderr, "kivo: decode writes .png, .ppm, .pgm, .y4m or raw planes, not %s\n", out.c_str());
         return 2;
     }
     const auto t0 = std::chrono::steady_clock::now();
@@ -160,7 +189,8 @@ int cmd_decode(int argc, char **argv) {
                      progress.mcu_rows, progress.mcu_rows_total);
         rc = 1;
     }
-    if (!write_picture(out, img)) rc = 1;
+    const bool written = is_packed(file_kind(out)) ? write_rgb_picture(out, img, &d.pool) : write_picture(out, img);
+    if (!written) rc = 1;
     else
         std::printf("%s: %d x %d %s -> %s %d x %d in %.1f ms\n", in.c_str(), d.info.width, d.info.height,
                     color_format_name(d.info.color_format), out.c_str(), ow, oh, ms);

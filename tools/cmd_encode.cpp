@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "kivoc.h"
 #include "kivoe.h"
 #include "tools/tool.h"
 
@@ -14,9 +15,12 @@ namespace {
 
 void usage() {
     std::fprintf(stderr,
-                 "usage: kivo encode IN.{y4m,yuv} OUT.jpg [--format CODE|NAME --size WxH] [--quality Q]\n"
-                 "         [--qtables FILE] [--perceptual LEVEL] [--optimize] [--jnd-filter] [--jnd-suppress]\n"
-                 "         [--adaptive-rounding] [--threads N]\n"
+                 "usage: kivo encode IN.{png,ppm,pgm,y4m,yuv} OUT.jpg [--sample 2x2|2x1|1x2|1x1|4x1 | --grayscale]\n"
+                 "         [--format CODE|NAME --size WxH] [--quality Q] [--qtables FILE] [--perceptual LEVEL]\n"
+                 "         [--optimize] [--jnd-filter] [--jnd-suppress] [--adaptive-rounding] [--threads N]\n"
+                 "  RGB input (PNG, PPM) is converted to YCbCr with the luma sampling factors of --sample\n"
+                 "  (default 2x2, 4:2:0), or to grey; grey input (PGM, grey PNG) stays grey. Switches may\n"
+                 "  also be spelled with one dash, as cjpeg's (-quality 90 -optimize -sample 1x1).\n"
                  "  a .yuv input holds raw planes in component order without padding; --format takes\n"
                  "  400 420 422 444 440 411 k400 k420 k422 k444 k440 or a colour format code.\n"
                  "  --qtables FILE: 128 numbers (luma then chroma quantizers, raster order).\n");
@@ -35,14 +39,46 @@ bool read_qtables(const std::string &path, uint8_t out[128]) {
     return n == 128;
 }
 
+// Colour format for RGB input from cjpeg-style luma sampling factors HxV.
+int32_t sample_format(const std::string &s) {
+    static const struct { const char *name; int32_t cs; } names[] = {
+        {"2x2", XELO_CS_YCBCR420}, {"2x1", XELO_CS_YCBCR422}, {"1x2", XELO_CS_YCBCR440},
+        {"1x1", XELO_CS_YCBCR444}, {"4x1", XELO_CS_YCBCR411}, {"grey", XELO_CS_YCBCR400},
+        {"gray", XELO_CS_YCBCR400},
+    };
+    for (const auto &n : names)
+        if (s == n.name) return n.cs;
+    return -1;
+}
+
+// A PNG or PPM/PGM converted to planes of the given layout (grey input
+// always to grey).
+xelo_imgb *read_rgb_picture(const std::string &path, int32_t cs, const kivo_tpool *pool) {
+    Packed pic;
+    if (!read_packed(path, &pic)) return nullptr;
+    if (pic.channels == 1) cs = XELO_CS_YCBCR400;
+    const uint32_t align[4] = {XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16)};
+    const uint32_t pad[4] = {0, 0, 0, 0};
+    xelo_imgb *img = xelo_imgb_create(pic.width, pic.height, cs, 3, align, pad, 0, 0, 0);
+    if (!img) return nullptr;
+    const int32_t status = kivoc_from_packed(pic.pixels.data(), pic.width * pic.channels, pic.pixels.size(),
+                                             pic.channels == 1 ? KIVOC_GREY : KIVOC_RGB, img, pool);
+    if (status != 0) {
+        std::fprintf(stderr, "kivo: %s: %s (%d)\n", path.c_str(), kivo_strerror(status), status);
+        img->release(img);
+        return nullptr;
+    }
+    return img;
+}
+
 }  // namespace
 
 int cmd_encode(int argc, char **argv) {
     std::string in, out, qfile;
-    int32_t cs = 0, w = 0, h = 0, quality = 90, threads = 1, level = -1;
+    int32_t cs = 0, w = 0, h = 0, quality = 90, threads = 1, level = -1, sample = XELO_CS_YCBCR420;
     int32_t flags[4] = {0, 0, 0, 0};  // optimize, jnd filter, jnd suppress, adaptive rounding
     for (int i = 0; i < argc; ++i) {
-        const std::string a = argv[i];
+        const std::string a = option_name(argv[i]);
         const bool has = i + 1 < argc;
         if (a == "--help" || a == "-h") {
             usage();
@@ -55,26 +91,27 @@ int cmd_encode(int argc, char **argv) {
         else if (a == "--qtables" && has) qfile = argv[++i];
         else if (a == "--perceptual" && has) level = std::atoi(argv[++i]);
         else if (a == "--threads" && has) threads = std::atoi(argv[++i]);
+        else if (a == "--sample" && has) sample = sample_format(argv[++i]);
+        else if (a == "--grayscale" || a == "--greyscale") sample = XELO_CS_YCBCR400;
         else if (a == "--optimize") flags[0] = 1;
         else if (a == "--jnd-filter") flags[1] = 1;
         else if (a == "--jnd-suppress") flags[2] = 1;
         else if (a == "--adaptive-rounding") flags[3] = 1;
-        else if (in.empty()) in = a;
-        else if (out.empty()) out = a;
+        else if (in.empty() && a[0] != '-') in = a;
+        else if (out.empty() && a[0] != '-') out = a;
         else {
             usage();
             return 2;
         }
     }
-    if (in.empty() || out.empty() || threads < 1 || threads > 8 || quality < 0 || quality > 100) {
+    if (in.empty() || out.empty() || threads < 1 || threads > 8 || quality < 0 || quality > 100 || sample < 0) {
         usage();
         return 2;
     }
-    xelo_imgb *img = read_picture(in, cs, w, h);
-    if (!img) return 1;
-
     kivo_tpool pool;
     kivo_tpool_std(&pool, threads);
+    xelo_imgb *img = is_packed(file_kind(in)) ? read_rgb_picture(in, sample, &pool) : read_picture(in, cs, w, h);
+    if (!img) return 1;
     kivoe_create_param cp{1, img->width, img->height, quality, img->color_format, &pool};
     int32_t status = 0;
     kivoe_ctx *enc = kivoe_create(&cp, &status);
@@ -123,9 +160,8 @@ int cmd_encode(int argc, char **argv) {
         rc = 1;
     }
     if (!rc) {
-        FILE *f = std::fopen(out.c_str(), "wb");
-        if (!f || std::fwrite(buf.data(), 1, written, f) != static_cast<size_t>(written) || std::fclose(f) != 0) {
-            std::fprintf(stderr, "kivo: cannot write %s\n", out.c_str());
+        buf.resize(static_cast<size_t>(written));
+        if (!write_file(out, buf)) {
             rc = 1;
         } else {
             std::printf("%s: %d x %d %s -> %s, %d bytes in %.1f ms\n", in.c_str(), img->width, img->height,

@@ -15,7 +15,7 @@ int cmd_transcode(int argc, char **argv) {
     int32_t quality = 0, threads = 1, w = 0, h = 0;
     int32_t flags[4] = {0, 0, 0, 0};  // optimize, jnd filter, jnd suppress, adaptive rounding
     for (int i = 0; i < argc; ++i) {
-        const std::string a = argv[i];
+        const std::string a = option_name(argv[i]);
         const bool has = i + 1 < argc;
         if (a == "--quality" && has) quality = std::atoi(argv[++i]);
         else if (a == "--threads" && has) threads = std::atoi(argv[++i]);
@@ -76,11 +76,8 @@ int cmd_transcode(int argc, char **argv) {
         std::fprintf(stderr, "kivo: %s: %s (%d)\n", in.c_str(), kivo_strerror(status), status);
         return 1;
     }
-    FILE *f = std::fopen(out.c_str(), "wb");
-    if (!f || std::fwrite(buf.data(), 1, written, f) != static_cast<size_t>(written) || std::fclose(f) != 0) {
-        std::fprintf(stderr, "kivo: cannot write %s\n", out.c_str());
-        return 1;
-    }
+    buf.resize(static_cast<size_t>(written));
+    if (!write_file(out, buf)) return 1;
     std::printf("%s: %zu bytes -> %s: %d bytes (%.1f%%) in %.1f ms\n", in.c_str(), src.size(), out.c_str(), written,
                 100.0 * written / static_cast<double>(src.size()), ms);
     return 0;
