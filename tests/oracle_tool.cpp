@@ -2,7 +2,8 @@
 // grey picture is written as PNG, PPM or PGM, encoded by `kivo encode` and
 // decoded again by `kivo decode`; libjpeg-turbo decodes the same JPEG
 // (tjDecompress2) as the reference for both steps. `kivo info` reports the
-// Exif orientation of hand-made APP1 segments.
+// Exif orientation of hand-made APP1 segments. A batch goes on past a
+// failing file and says so in its exit status.
 #include <gtest/gtest.h>
 #include <turbojpeg.h>
 
@@ -11,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -161,6 +163,37 @@ TEST(OracleTool, InfoReportsExifOrientation) {
         EXPECT_NE(text.find(c.line), std::string::npos) << c.value << (c.little ? " II " : " MM ") << c.keep << "\n" << text;
         std::remove(path.c_str());
     }
+}
+
+TEST(OracleTool, BatchGoesOnPastAFailingFile) {
+    namespace fs = std::filesystem;
+    const fs::path dir = fs::path(::testing::TempDir()) / "kivo_tool_batch";
+    fs::remove_all(dir);
+    fs::create_directories(dir / "in" / "sub");
+    turbo::EncodeSpec spec;
+    spec.width = 40, spec.height = 24;
+    const std::vector<uint8_t> jpg = turbo::encode(spec, turbo::make_planes(spec, 4));
+    ASSERT_TRUE(tool::write_file((dir / "in" / "a.jpg").string(), jpg));
+    ASSERT_TRUE(tool::write_file((dir / "in" / "sub" / "b.jpg").string(), jpg));
+    ASSERT_TRUE(tool::write_file((dir / "in" / "bad.jpg").string(), {0xFF, 0xD8, 0xFF}));
+    EXPECT_EQ(run(tool::cmd_transcode, {(dir / "in").string(), "--recursive", "--out-dir", (dir / "out").string(),
+                                        "--threads", "2"}), 1);
+    // Both good files are complete pictures; nothing else is in the output.
+    std::vector<std::string> outputs;
+    for (const auto &e : fs::recursive_directory_iterator(dir / "out"))
+        if (e.is_regular_file()) outputs.push_back(e.path().lexically_relative(dir / "out").string());
+    std::sort(outputs.begin(), outputs.end());
+    EXPECT_EQ(outputs, (std::vector<std::string>{"a.jpg", "sub/b.jpg"}));
+    for (const std::string &f : outputs) {
+        std::vector<uint8_t> bytes, px(40 * 24 * 3);
+        ASSERT_TRUE(tool::read_file((dir / "out" / f).string(), &bytes));
+        tjhandle tj = tjInitDecompress();
+        EXPECT_EQ(tjDecompress2(tj, bytes.data(), bytes.size(), px.data(), 40, 0, 24, TJPF_RGB, 0), 0) << f;
+        tjDestroy(tj);
+    }
+    fs::remove(dir / "in" / "bad.jpg");
+    EXPECT_EQ(run(tool::cmd_transcode, {(dir / "in").string(), "--recursive", "--in-place"}), 0);
+    fs::remove_all(dir);
 }
 
 }  // namespace

@@ -53,7 +53,7 @@ struct Decoder {
 };
 
 int fail(const char *what, int32_t status) {
-    std::fprintf(stderr, "kivo: %s: %s (%d)\n", what, kivo_strerror(status), status);
+    message("kivo: %s: %s (%d)\n", what, kivo_strerror(status), status);
     return 1;
 }
 
@@ -69,7 +69,7 @@ bool write_rgb_picture(const std::string &path, const xelo_imgb *img, const kivo
     const int32_t status = kivoc_to_packed(img, pic.pixels.data(), pic.width * pic.channels, pic.pixels.size(),
                                            pic.channels == 1 ? KIVOC_GREY : KIVOC_RGB, 0, pool);
     if (status == KIVO_ERR_COLOR_FORMAT) {
-        std::fprintf(stderr, "kivo: colour format %s has no RGB conversion; write a .yuv\n",
+        message("kivo: colour format %s has no RGB conversion; write a .yuv\n",
                      color_format_name(img->color_format));
         return false;
     }
@@ -129,7 +129,7 @@ int cmd_decode(int argc, char **argv) {
             threads = std::atoi(argv[++i]);
         } else if (a == "--size" && i + 1 < argc) {
             if (std::sscanf(argv[++i], "%dx%d", &ow, &oh) != 2 || ow < 1 || oh < 1) {
-                std::fprintf(stderr, "kivo: --size takes WxH\n");
+                message("kivo: --size takes WxH\n");
                 return 2;
             }
         } else if (a == "--scale" && i + 1 < argc) {
@@ -137,7 +137,7 @@ int cmd_decode(int argc, char **argv) {
             denom = s == "1/2" ? 2 : s == "1/4" ? 4 : s == "1/8" ? 8 : s == "1" ? 1 : 0;
             denom_given = true;
             if (!denom) {
-                std::fprintf(stderr, "kivo: --scale takes 1/2, 1/4 or 1/8\n");
+                message("kivo: --scale takes 1/2, 1/4 or 1/8\n");
                 return 2;
             }
         } else if (in.empty()) {
@@ -145,7 +145,7 @@ int cmd_decode(int argc, char **argv) {
         } else if (out.empty()) {
             out = a;
         } else {
-            std::fprintf(stderr, "kivo: unexpected argument %s\n", a.c_str());
+            message("kivo: unexpected argument %s\n", a.c_str());
             return 2;
         }
     }
@@ -155,11 +155,11 @@ int cmd_decode(int argc, char **argv) {
         return 2;
     }
     if (threads < 1 || threads > 8) {
-        std::fprintf(stderr, "kivo: --threads takes 1 to 8\n");
+        message("kivo: --threads takes 1 to 8\n");
         return 2;
     }
     if (file_kind(out) == FileKind::Jpeg) {
-        std::fprintf(stderr, "kivo: decode writes .png, .ppm, .pgm, .y4m or raw planes, not %s\n", out.c_str());
+        message("kivo: decode writes .png, .ppm, .pgm, .y4m or raw planes, not %s\n", out.c_str());
         return 2;
     }
     const auto t0 = std::chrono::steady_clock::now();
@@ -185,7 +185,7 @@ int cmd_decode(int argc, char **argv) {
     }
     kivod_progress progress{};
     if (ret == 0 && kivod_get_progress(d.ctx, &progress) == 0 && !progress.complete) {
-        std::fprintf(stderr, "kivo: %s: incomplete picture: %d of %d MCU rows decoded\n", in.c_str(),
+        message("kivo: %s: incomplete picture: %d of %d MCU rows decoded\n", in.c_str(),
                      progress.mcu_rows, progress.mcu_rows_total);
         rc = 1;
     }

@@ -49,6 +49,7 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "kivo: library initialisation failed\n");
         return 1;
     }
+    tool::install_cleanup();
     int ret = 0;
     if (argc < 2) {
         ret = report();

@@ -35,25 +35,25 @@ bool pnm_number(const std::vector<uint8_t> &b, size_t *pos, int *out) {
 
 bool read_pnm(const std::string &path, const std::vector<uint8_t> &b, Packed *out) {
     if (b.size() < 2 || b[0] != 'P' || (b[1] != '5' && b[1] != '6')) {
-        std::fprintf(stderr, "kivo: %s is not a binary PPM or PGM (P6 or P5)\n", path.c_str());
+        message("kivo: %s is not a binary PPM or PGM (P6 or P5)\n", path.c_str());
         return false;
     }
     size_t pos = 2;
     int w = 0, h = 0, maxval = 0;
     if (!pnm_number(b, &pos, &w) || !pnm_number(b, &pos, &h) || !pnm_number(b, &pos, &maxval) ||
         pos >= b.size() || w < 1 || h < 1 || maxval < 1) {
-        std::fprintf(stderr, "kivo: %s: bad PNM header\n", path.c_str());
+        message("kivo: %s: bad PNM header\n", path.c_str());
         return false;
     }
     if (maxval > 255) {
-        std::fprintf(stderr, "kivo: %s: only 8-bit PNM samples are read (maxval %d)\n", path.c_str(), maxval);
+        message("kivo: %s: only 8-bit PNM samples are read (maxval %d)\n", path.c_str(), maxval);
         return false;
     }
     ++pos;  // the single white-space byte before the samples
     out->width = w, out->height = h, out->channels = b[1] == '6' ? 3 : 1;
     const size_t n = static_cast<size_t>(w) * h * out->channels;
     if (b.size() - pos < n) {
-        std::fprintf(stderr, "kivo: %s: %zu bytes of samples, %zu needed\n", path.c_str(), b.size() - pos, n);
+        message("kivo: %s: %zu bytes of samples, %zu needed\n", path.c_str(), b.size() - pos, n);
         return false;
     }
     out->pixels.assign(b.begin() + static_cast<ptrdiff_t>(pos), b.begin() + static_cast<ptrdiff_t>(pos + n));
@@ -83,7 +83,7 @@ bool read_png(const std::string &path, const std::vector<uint8_t> &b, Packed *ou
     }
     spng_ctx_free(ctx);
     if (err) {
-        std::fprintf(stderr, "kivo: %s: %s\n", path.c_str(), spng_strerror(err));
+        message("kivo: %s: %s\n", path.c_str(), spng_strerror(err));
         return false;
     }
     out->width = static_cast<int32_t>(ihdr.width), out->height = static_cast<int32_t>(ihdr.height);
@@ -115,7 +115,7 @@ bool png_bytes(const Packed &pic, std::vector<uint8_t> *out) {
         out->assign(p, p + len);
         std::free(png);
     } else if (err) {
-        std::fprintf(stderr, "kivo: PNG: %s\n", spng_strerror(err));
+        message("kivo: PNG: %s\n", spng_strerror(err));
     }
     spng_ctx_free(ctx);
     return png != nullptr;
@@ -149,14 +149,14 @@ bool have_png() {
 bool read_packed(const std::string &path, Packed *out) {
     std::vector<uint8_t> bytes;
     if (!read_file(path, &bytes)) {
-        std::fprintf(stderr, "kivo: cannot read %s\n", path.c_str());
+        message("kivo: cannot read %s\n", path.c_str());
         return false;
     }
     if (file_kind(path) != FileKind::Png) return read_pnm(path, bytes, out);
 #ifdef KIVO_HAVE_PNG
     return read_png(path, bytes, out);
 #else
-    std::fprintf(stderr, "kivo: built without PNG support (libspng was not found); use .ppm or .pgm\n");
+    message("kivo: built without PNG support (libspng was not found); use .ppm or .pgm\n");
     return false;
 #endif
 }
@@ -167,7 +167,7 @@ bool write_packed(const std::string &path, const Packed &pic) {
 #ifdef KIVO_HAVE_PNG
         if (!png_bytes(pic, &bytes)) return false;
 #else
-        std::fprintf(stderr, "kivo: built without PNG support (libspng was not found); use .ppm or .pgm\n");
+        message("kivo: built without PNG support (libspng was not found); use .ppm or .pgm\n");
         return false;
 #endif
     } else {

@@ -46,9 +46,10 @@ bool write_file(const std::string &path, const std::vector<uint8_t> &bytes) {
     const std::string dir = slash == std::string::npos ? "" : path.substr(0, slash + 1);
     const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
     std::string tmp = dir + "." + base + ".kivo-XXXXXX";
-    const int fd = mkstemp(&tmp[0]);
+    int slot = -1;
+    const int fd = create_temp(&tmp, &slot);
     if (fd < 0) {
-        std::fprintf(stderr, "kivo: cannot create a file in %s: %s\n", dir.empty() ? "." : dir.c_str(),
+        message("kivo: cannot create a file in %s: %s\n", dir.empty() ? "." : dir.c_str(),
                      std::strerror(errno));
         return false;
     }
@@ -65,9 +66,10 @@ bool write_file(const std::string &path, const std::vector<uint8_t> &bytes) {
     ok = close(fd) == 0 && ok;
     ok = ok && rename(tmp.c_str(), path.c_str()) == 0;
     if (!ok) {
-        std::fprintf(stderr, "kivo: cannot write %s: %s\n", path.c_str(), std::strerror(errno));
+        message("kivo: cannot write %s: %s\n", path.c_str(), std::strerror(errno));
         unlink(tmp.c_str());
     }
+    release_temp(slot);
     return ok;
 }
 
@@ -121,12 +123,12 @@ const char *y4m_tag(int32_t cs) {
 bool write_picture(const std::string &path, const xelo_imgb *img) {
     int32_t pw[4], ph[4], np = 0;
     if (xelo_cs_planes(img->color_format, img->width, img->height, pw, ph, &np) != 0) {
-        std::fprintf(stderr, "kivo: colour format %d cannot be written\n", img->color_format);
+        message("kivo: colour format %d cannot be written\n", img->color_format);
         return false;
     }
     const bool y4m = file_kind(path) == FileKind::Y4m;
     if (y4m && !y4m_tag(img->color_format)) {
-        std::fprintf(stderr, "kivo: YUV4MPEG2 has no tag for colour format %s; write a .yuv\n",
+        message("kivo: YUV4MPEG2 has no tag for colour format %s; write a .yuv\n",
                      color_format_name(img->color_format));
         return false;
     }
@@ -182,7 +184,7 @@ int32_t y4m_format(const std::string &tag) {
 xelo_imgb *read_picture(const std::string &path, int32_t cs, int32_t w, int32_t h) {
     std::vector<uint8_t> bytes;
     if (!read_file(path, &bytes)) {
-        std::fprintf(stderr, "kivo: cannot read %s\n", path.c_str());
+        message("kivo: cannot read %s\n", path.c_str());
         return nullptr;
     }
     size_t pos = 0;
@@ -190,7 +192,7 @@ xelo_imgb *read_picture(const std::string &path, int32_t cs, int32_t w, int32_t 
         // Header line: YUV4MPEG2 W<w> H<h> [C<tag>] ...; then FRAME<...>\n.
         const size_t eol = std::string(bytes.begin(), bytes.end()).find('\n');
         if (bytes.size() < 10 || std::memcmp(bytes.data(), "YUV4MPEG2 ", 10) != 0 || eol == std::string::npos) {
-            std::fprintf(stderr, "kivo: %s is not a YUV4MPEG2 file\n", path.c_str());
+            message("kivo: %s is not a YUV4MPEG2 file\n", path.c_str());
             return nullptr;
         }
         const std::string header(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(eol));
@@ -206,20 +208,20 @@ xelo_imgb *read_picture(const std::string &path, int32_t cs, int32_t w, int32_t 
         }
         const size_t frame_eol = std::string(bytes.begin() + static_cast<ptrdiff_t>(eol) + 1, bytes.end()).find('\n');
         if (cs < 0 || frame_eol == std::string::npos) {
-            std::fprintf(stderr, "kivo: %s: unsupported colour tag or no frame\n", path.c_str());
+            message("kivo: %s: unsupported colour tag or no frame\n", path.c_str());
             return nullptr;
         }
         pos = eol + 1 + frame_eol + 1;
     }
     int32_t pw[4], ph[4], np = 0;
     if (w < 1 || h < 1 || w > 65535 || h > 65535 || xelo_cs_planes(cs, w, h, pw, ph, &np) != 0) {
-        std::fprintf(stderr, "kivo: give the size (--size WxH) and a known colour format (--format)\n");
+        message("kivo: give the size (--size WxH) and a known colour format (--format)\n");
         return nullptr;
     }
     size_t need = 0;
     for (int p = 0; p < 4; ++p) need += static_cast<size_t>(pw[p]) * ph[p];
     if (bytes.size() - pos < need) {
-        std::fprintf(stderr, "kivo: %s holds %zu bytes of planes, %zu needed\n", path.c_str(), bytes.size() - pos, need);
+        message("kivo: %s holds %zu bytes of planes, %zu needed\n", path.c_str(), bytes.size() - pos, need);
         return nullptr;
     }
     const uint32_t align[4] = {XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16)};

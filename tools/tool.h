@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,37 @@ int32_t color_format_from_name(const std::string &s);
 // header), raw planes otherwise (component order, no padding, with the
 // given colour format and size). Null with a message on failure.
 xelo_imgb *read_picture(const std::string &path, int32_t cs, int32_t w, int32_t h);
+
+// A message on stderr; a progress line showing there is cleared first.
+void message(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+// Makes SIGINT, SIGTERM and SIGHUP remove the temporary outputs being
+// written (create_temp) before the program ends.
+void install_cleanup();
+// mkstemp(tmpl), registered for removal on those signals until release_temp(*slot).
+int create_temp(std::string *tmpl, int *slot);
+void release_temp(int slot);
+
+// Batch mode: several inputs, each written to its own output.
+struct BatchOptions {
+    std::vector<std::string> inputs;  // files, or directories
+    std::string out_dir;              // outputs under this directory ...
+    bool in_place = false;            // ... or beside their inputs
+    bool recursive = false;           // directories' subdirectories too
+    int threads = 1;                  // files worked on at once
+};
+// Takes --out-dir DIR, --in-place or --recursive at argv[*i]; false for another argument.
+bool batch_option(const std::string &a, int argc, char **argv, int *i, BatchOptions *b);
+struct FileJob {
+    std::string in, out;
+    uint64_t in_bytes = 0, out_bytes = 0;  // work() sets out_bytes
+};
+// Runs work (from several threads) on every input file, directories giving
+// their files with one of exts; out_ext replaces the output's extension
+// when not null. A failing file is reported and the rest go on. Shows
+// progress on a terminal, prints a summary; returns 0, 1 if any input
+// failed, 2 for bad options.
+int run_batch(const BatchOptions &b, const std::vector<const char *> &exts, const char *out_ext,
+              const std::function<bool(FileJob *)> &work);
 
 int cmd_info(int argc, char **argv);
 int cmd_decode(int argc, char **argv);
