@@ -155,7 +155,8 @@ int run_batch(const BatchOptions &b, const std::vector<const char *> &exts, cons
             fs::path out = b.in_place ? file : fs::path(b.out_dir) / rel;
             if (out_ext) out.replace_extension(out_ext);
             job.out = out.string();
-            job.in_bytes = fs::file_size(file, ec);
+            const uintmax_t size = fs::file_size(file, ec);
+            job.in_bytes = ec ? 0 : size;
             jobs.push_back(job);
         }
     }
