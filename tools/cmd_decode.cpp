@@ -6,6 +6,7 @@
 #include <string>
 
 #include "decoder/kivod_int.h"
+#include "kivoc.h"
 #include "tools/tool.h"
 
 namespace tool {
@@ -52,8 +53,28 @@ struct Decoder {
 };
 
 int fail(const char *what, int32_t status) {
-    std::fprintf(stderr, "kivo: %s: %s (%d)\n", what, kivo_strerror(status), status);
+    message("kivo: %s: %s (%d)\n", what, kivo_strerror(status), status);
     return 1;
+}
+
+// PNG, PPM or PGM through the colour helpers (smooth chroma upsampling):
+// grey for a .pgm name or a grey picture, RGB otherwise.
+bool write_rgb_picture(const std::string &path, const xelo_imgb *img, const kivo_tpool *pool) {
+    const FileKind kind = file_kind(path);
+    Packed pic;
+    pic.width = img->width, pic.height = img->height;
+    pic.channels = kind == FileKind::Pgm || img->color_format == XELO_CS_YCBCR400 ? 1 : 3;
+    if (kind == FileKind::Ppm) pic.channels = 3;
+    pic.pixels.resize(static_cast<size_t>(pic.width) * pic.height * pic.channels);
+    const int32_t status = kivoc_to_packed(img, pic.pixels.data(), pic.width * pic.channels, pic.pixels.size(),
+                                           pic.channels == 1 ? KIVOC_GREY : KIVOC_RGB, 0, pool);
+    if (status == KIVO_ERR_COLOR_FORMAT) {
+        message("kivo: colour format %s has no RGB conversion; write a .yuv\n",
+                     color_format_name(img->color_format));
+        return false;
+    }
+    if (status != 0) return fail(path.c_str(), status) == 0;
+    return write_packed(path, pic);
 }
 
 }  // namespace
@@ -91,6 +112,9 @@ int cmd_info(int argc, char **argv) {
         for (int i = 0; i < 5 && i < static_cast<int>(a->size); ++i)
             tag[i] = (a->data[i] >= 32 && a->data[i] < 127) ? static_cast<char>(a->data[i]) : '.';
         std::printf("APP%d: %u bytes \"%s\"\n", a->marker - 0xE0, a->size, tag);
+        const int orientation = a->marker == 0xE1 ? exif_orientation(a->data, a->size) : 0;
+        if (orientation > 0) std::printf("exif orientation: %d (%s)\n", orientation, orientation_name(orientation));
+        if (orientation < 0) std::printf("exif orientation: unreadable (malformed Exif data)\n");
     }
     return 0;
 }
@@ -100,12 +124,12 @@ int cmd_decode(int argc, char **argv) {
     int threads = 1, ow = 0, oh = 0, denom = 1;
     bool denom_given = false;
     for (int i = 0; i < argc; ++i) {
-        const std::string a = argv[i];
+        const std::string a = option_name(argv[i]);
         if (a == "--threads" && i + 1 < argc) {
             threads = std::atoi(argv[++i]);
         } else if (a == "--size" && i + 1 < argc) {
             if (std::sscanf(argv[++i], "%dx%d", &ow, &oh) != 2 || ow < 1 || oh < 1) {
-                std::fprintf(stderr, "kivo: --size takes WxH\n");
+                message("kivo: --size takes WxH\n");
                 return 2;
             }
         } else if (a == "--scale" && i + 1 < argc) {
@@ -113,7 +137,7 @@ int cmd_decode(int argc, char **argv) {
             denom = s == "1/2" ? 2 : s == "1/4" ? 4 : s == "1/8" ? 8 : s == "1" ? 1 : 0;
             denom_given = true;
             if (!denom) {
-                std::fprintf(stderr, "kivo: --scale takes 1/2, 1/4 or 1/8\n");
+                message("kivo: --scale takes 1/2, 1/4 or 1/8\n");
                 return 2;
             }
         } else if (in.empty()) {
@@ -121,16 +145,21 @@ int cmd_decode(int argc, char **argv) {
         } else if (out.empty()) {
             out = a;
         } else {
-            std::fprintf(stderr, "kivo: unexpected argument %s\n", a.c_str());
+            message("kivo: unexpected argument %s\n", a.c_str());
             return 2;
         }
     }
     if (in.empty() || out.empty()) {
-        std::fprintf(stderr, "usage: kivo decode IN.jpg OUT.{yuv,y4m} [--size WxH | --scale 1/2|1/4|1/8] [--threads N]\n");
+        std::fprintf(stderr, "usage: kivo decode IN.jpg OUT.{png,ppm,pgm,y4m,yuv} [--size WxH | --scale 1/2|1/4|1/8]\n"
+                             "         [--threads N]\n");
         return 2;
     }
     if (threads < 1 || threads > 8) {
-        std::fprintf(stderr, "kivo: --threads takes 1 to 8\n");
+        message("kivo: --threads takes 1 to 8\n");
+        return 2;
+    }
+    if (file_kind(out) == FileKind::Jpeg) {
+        message("kivo: decode writes .png, .ppm, .pgm, .y4m or raw planes, not %s\n", out.c_str());
         return 2;
     }
     const auto t0 = std::chrono::steady_clock::now();
@@ -156,11 +185,12 @@ int cmd_decode(int argc, char **argv) {
     }
     kivod_progress progress{};
     if (ret == 0 && kivod_get_progress(d.ctx, &progress) == 0 && !progress.complete) {
-        std::fprintf(stderr, "kivo: %s: incomplete picture: %d of %d MCU rows decoded\n", in.c_str(),
+        message("kivo: %s: incomplete picture: %d of %d MCU rows decoded\n", in.c_str(),
                      progress.mcu_rows, progress.mcu_rows_total);
         rc = 1;
     }
-    if (!write_picture(out, img)) rc = 1;
+    const bool written = is_packed(file_kind(out)) ? write_rgb_picture(out, img, &d.pool) : write_picture(out, img);
+    if (!written) rc = 1;
     else
         std::printf("%s: %d x %d %s -> %s %d x %d in %.1f ms\n", in.c_str(), d.info.width, d.info.height,
                     color_format_name(d.info.color_format), out.c_str(), ow, oh, ms);

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "kivoc.h"
 #include "kivoe.h"
 #include "tools/tool.h"
 
@@ -14,9 +15,15 @@ namespace {
 
 void usage() {
     std::fprintf(stderr,
-                 "usage: kivo encode IN.{y4m,yuv} OUT.jpg [--format CODE|NAME --size WxH] [--quality Q]\n"
-                 "         [--qtables FILE] [--perceptual LEVEL] [--optimize] [--jnd-filter] [--jnd-suppress]\n"
-                 "         [--adaptive-rounding] [--threads N]\n"
+                 "usage: kivo encode IN.{png,ppm,pgm,y4m,yuv} OUT.jpg [--sample 2x2|2x1|1x2|1x1|4x1 | --grayscale]\n"
+                 "         [--format CODE|NAME --size WxH] [--quality Q] [--qtables FILE] [--perceptual LEVEL]\n"
+                 "         [--optimize] [--jnd-filter] [--jnd-suppress] [--adaptive-rounding] [--threads N]\n"
+                 "  RGB input (PNG, PPM) is converted to YCbCr with the luma sampling factors of --sample\n"
+                 "  (default 2x2, 4:2:0), or to grey; grey input (PGM, grey PNG) stays grey. Switches may\n"
+                 "  also be spelled with one dash, as cjpeg's (-quality 90 -optimize -sample 1x1).\n"
+                 "       kivo encode IN... (--out-dir DIR | --in-place) [--recursive] [options]\n"
+                 "  encodes every input (directories: their .png .ppm .pgm .pnm .y4m files) to NAME.jpg\n"
+                 "  in DIR or beside the input, --threads files at once.\n"
                  "  a .yuv input holds raw planes in component order without padding; --format takes\n"
                  "  400 420 422 444 440 411 k400 k420 k422 k444 k440 or a colour format code.\n"
                  "  --qtables FILE: 128 numbers (luma then chroma quantizers, raster order).\n");
@@ -35,76 +42,77 @@ bool read_qtables(const std::string &path, uint8_t out[128]) {
     return n == 128;
 }
 
-}  // namespace
+// Colour format for RGB input from cjpeg-style luma sampling factors HxV.
+int32_t sample_format(const std::string &s) {
+    static const struct { const char *name; int32_t cs; } names[] = {
+        {"2x2", XELO_CS_YCBCR420}, {"2x1", XELO_CS_YCBCR422}, {"1x2", XELO_CS_YCBCR440},
+        {"1x1", XELO_CS_YCBCR444}, {"4x1", XELO_CS_YCBCR411}, {"grey", XELO_CS_YCBCR400},
+        {"gray", XELO_CS_YCBCR400},
+    };
+    for (const auto &n : names)
+        if (s == n.name) return n.cs;
+    return -1;
+}
 
-int cmd_encode(int argc, char **argv) {
-    std::string in, out, qfile;
-    int32_t cs = 0, w = 0, h = 0, quality = 90, threads = 1, level = -1;
+// A PNG or PPM/PGM converted to planes of the given layout (grey input
+// always to grey).
+xelo_imgb *read_rgb_picture(const std::string &path, int32_t cs, const kivo_tpool *pool) {
+    Packed pic;
+    if (!read_packed(path, &pic)) return nullptr;
+    if (pic.channels == 1) cs = XELO_CS_YCBCR400;
+    const uint32_t align[4] = {XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16)};
+    const uint32_t pad[4] = {0, 0, 0, 0};
+    xelo_imgb *img = xelo_imgb_create(pic.width, pic.height, cs, 3, align, pad, 0, 0, 0);
+    if (!img) return nullptr;
+    const int32_t status = kivoc_from_packed(pic.pixels.data(), pic.width * pic.channels, pic.pixels.size(),
+                                             pic.channels == 1 ? KIVOC_GREY : KIVOC_RGB, img, pool);
+    if (status != 0) {
+        message("kivo: %s: %s (%d)\n", path.c_str(), kivo_strerror(status), status);
+        img->release(img);
+        return nullptr;
+    }
+    return img;
+}
+
+struct Settings {
+    int32_t cs = 0, w = 0, h = 0, quality = 90, level = -1, sample = XELO_CS_YCBCR420;
     int32_t flags[4] = {0, 0, 0, 0};  // optimize, jnd filter, jnd suppress, adaptive rounding
-    for (int i = 0; i < argc; ++i) {
-        const std::string a = argv[i];
-        const bool has = i + 1 < argc;
-        if (a == "--help" || a == "-h") {
-            usage();
-            return 0;
-        }
-        if (a == "--format" && has) cs = color_format_from_name(argv[++i]);
-        else if (a == "--size" && has) {
-            if (std::sscanf(argv[++i], "%dx%d", &w, &h) != 2) w = h = 0;
-        } else if (a == "--quality" && has) quality = std::atoi(argv[++i]);
-        else if (a == "--qtables" && has) qfile = argv[++i];
-        else if (a == "--perceptual" && has) level = std::atoi(argv[++i]);
-        else if (a == "--threads" && has) threads = std::atoi(argv[++i]);
-        else if (a == "--optimize") flags[0] = 1;
-        else if (a == "--jnd-filter") flags[1] = 1;
-        else if (a == "--jnd-suppress") flags[2] = 1;
-        else if (a == "--adaptive-rounding") flags[3] = 1;
-        else if (in.empty()) in = a;
-        else if (out.empty()) out = a;
-        else {
-            usage();
-            return 2;
-        }
-    }
-    if (in.empty() || out.empty() || threads < 1 || threads > 8 || quality < 0 || quality > 100) {
-        usage();
-        return 2;
-    }
-    xelo_imgb *img = read_picture(in, cs, w, h);
-    if (!img) return 1;
+    bool has_qtables = false;
+    uint8_t qtables[128];
+};
 
+// Encodes one file (st by value: the configuration calls take non-const
+// pointers); false with a message on failure. `report` prints the
+// sizes and time.
+bool encode_file(const std::string &in, const std::string &out, Settings st, int threads, bool report,
+                 uint64_t *out_bytes) {
     kivo_tpool pool;
     kivo_tpool_std(&pool, threads);
-    kivoe_create_param cp{1, img->width, img->height, quality, img->color_format, &pool};
+    xelo_imgb *img = is_packed(file_kind(in)) ? read_rgb_picture(in, st.sample, &pool)
+                                              : read_picture(in, st.cs, st.w, st.h);
+    if (!img) return false;
+    kivoe_create_param cp{1, img->width, img->height, st.quality, img->color_format, &pool};
     int32_t status = 0;
     kivoe_ctx *enc = kivoe_create(&cp, &status);
     if (!enc) {
-        std::fprintf(stderr, "kivo: encoder: %s (%d)\n", kivo_strerror(status), status);
+        message("kivo: %s: encoder: %s (%d)\n", in.c_str(), kivo_strerror(status), status);
         img->release(img);
-        return 1;
+        return false;
     }
-    const int32_t four = 4;
+    const int32_t four = 4, size = 128;
     const int32_t ids[4] = {KIVOE_CFG_OPT_HUFFMAN, KIVOE_CFG_JND_FILTER, KIVOE_CFG_JND_SUPPRESS,
                             KIVOE_CFG_ADAPTIVE_ROUNDING};
-    for (int i = 0; i < 4; ++i) kivoe_config(enc, ids[i], &flags[i], &four);
-    int rc = 0;
-    if (!qfile.empty()) {
-        uint8_t q[128];
-        const int32_t size = 128;
-        if (!read_qtables(qfile, q) || kivoe_config(enc, KIVOE_CFG_QTBL, q, &size) != 0) {
-            std::fprintf(stderr, "kivo: %s must hold 128 numbers from 0 to 255\n", qfile.c_str());
-            rc = 1;
-        }
-    }
+    for (int i = 0; i < 4; ++i) kivoe_config(enc, ids[i], &st.flags[i], &four);
+    if (st.has_qtables) status = kivoe_config(enc, KIVOE_CFG_QTBL, st.qtables, &size);
     const auto t0 = std::chrono::steady_clock::now();
-    if (!rc) status = kivoe_push(enc, img);
-    if (!rc && status == 0 && level >= 0) {
+    if (status == 0) status = kivoe_push(enc, img);
+    if (status == 0 && st.level >= 0) {
         uint8_t q[128];
-        status = kivoe_get_qtbl(enc, level, q);
+        status = kivoe_get_qtbl(enc, st.level, q);
     }
     std::vector<uint8_t> buf;
     int32_t written = 0;
-    if (!rc && status == 0) {
+    if (status == 0) {
         // Room for the worst case: every coefficient coded at full length.
         int32_t pw[4], ph[4], np = 0;
         xelo_cs_planes(img->color_format, img->width, img->height, pw, ph, &np);
@@ -118,23 +126,70 @@ int cmd_encode(int argc, char **argv) {
         status = kivoe_encode(enc, &o, &written);
     }
     const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
-    if (!rc && status != 0) {
-        std::fprintf(stderr, "kivo: %s: %s (%d)\n", in.c_str(), kivo_strerror(status), status);
-        rc = 1;
+    bool ok = status == 0;
+    if (!ok) message("kivo: %s: %s (%d)\n", in.c_str(), kivo_strerror(status), status);
+    if (ok) {
+        buf.resize(static_cast<size_t>(written));
+        ok = write_file(out, buf);
+        *out_bytes = buf.size();
     }
-    if (!rc) {
-        FILE *f = std::fopen(out.c_str(), "wb");
-        if (!f || std::fwrite(buf.data(), 1, written, f) != static_cast<size_t>(written) || std::fclose(f) != 0) {
-            std::fprintf(stderr, "kivo: cannot write %s\n", out.c_str());
-            rc = 1;
-        } else {
-            std::printf("%s: %d x %d %s -> %s, %d bytes in %.1f ms\n", in.c_str(), img->width, img->height,
-                        color_format_name(img->color_format), out.c_str(), written, ms);
-        }
-    }
+    if (ok && report)
+        std::printf("%s: %d x %d %s -> %s, %d bytes in %.1f ms\n", in.c_str(), img->width, img->height,
+                    color_format_name(img->color_format), out.c_str(), written, ms);
     kivoe_delete(enc);
     img->release(img);
-    return rc;
+    return ok;
+}
+
+}  // namespace
+
+int cmd_encode(int argc, char **argv) {
+    Settings st;
+    std::string qfile;
+    BatchOptions batch;
+    for (int i = 0; i < argc; ++i) {
+        const std::string a = option_name(argv[i]);
+        const bool has = i + 1 < argc;
+        if (a == "--help" || a == "-h") {
+            usage();
+            return 0;
+        }
+        if (a == "--format" && has) st.cs = color_format_from_name(argv[++i]);
+        else if (a == "--size" && has) {
+            if (std::sscanf(argv[++i], "%dx%d", &st.w, &st.h) != 2) st.w = st.h = 0;
+        } else if (a == "--quality" && has) st.quality = std::atoi(argv[++i]);
+        else if (a == "--qtables" && has) qfile = argv[++i];
+        else if (a == "--perceptual" && has) st.level = std::atoi(argv[++i]);
+        else if (a == "--threads" && has) batch.threads = std::atoi(argv[++i]);
+        else if (a == "--sample" && has) st.sample = sample_format(argv[++i]);
+        else if (a == "--grayscale" || a == "--greyscale") st.sample = XELO_CS_YCBCR400;
+        else if (a == "--optimize") st.flags[0] = 1;
+        else if (a == "--jnd-filter") st.flags[1] = 1;
+        else if (a == "--jnd-suppress") st.flags[2] = 1;
+        else if (a == "--adaptive-rounding") st.flags[3] = 1;
+        else if (batch_option(a, argc, argv, &i, &batch)) continue;
+        else if (a[0] != '-') batch.inputs.push_back(a);
+        else {
+            usage();
+            return 2;
+        }
+    }
+    const bool many = !batch.out_dir.empty() || batch.in_place || batch.recursive;
+    if ((many ? batch.inputs.empty() : batch.inputs.size() != 2) || batch.threads < 1 || batch.threads > 8 ||
+        st.quality < 0 || st.quality > 100 || st.sample < 0) {
+        usage();
+        return 2;
+    }
+    if (!qfile.empty() && !(st.has_qtables = read_qtables(qfile, st.qtables))) {
+        message("kivo: %s must hold 128 numbers from 0 to 255\n", qfile.c_str());
+        return 1;
+    }
+    uint64_t out_bytes = 0;
+    if (!many) return encode_file(batch.inputs[0], batch.inputs[1], st, batch.threads, true, &out_bytes) ? 0 : 1;
+    // Each file on one thread, --threads files at once.
+    return run_batch(batch, {".png", ".ppm", ".pgm", ".pnm", ".y4m"}, ".jpg", [&](FileJob *job) {
+        return encode_file(job->in, job->out, st, 1, false, &job->out_bytes);
+    });
 }
 
 }  // namespace tool

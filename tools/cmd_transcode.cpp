@@ -10,53 +10,36 @@
 
 namespace tool {
 
-int cmd_transcode(int argc, char **argv) {
-    std::string in, out;
-    int32_t quality = 0, threads = 1, w = 0, h = 0;
+namespace {
+
+struct Settings {
+    int32_t quality = 0, w = 0, h = 0;
     int32_t flags[4] = {0, 0, 0, 0};  // optimize, jnd filter, jnd suppress, adaptive rounding
-    for (int i = 0; i < argc; ++i) {
-        const std::string a = argv[i];
-        const bool has = i + 1 < argc;
-        if (a == "--quality" && has) quality = std::atoi(argv[++i]);
-        else if (a == "--threads" && has) threads = std::atoi(argv[++i]);
-        else if (a == "--size" && has) {
-            if (std::sscanf(argv[++i], "%dx%d", &w, &h) != 2) w = h = -1;
-        } else if (a == "--optimize") flags[0] = 1;
-        else if (a == "--jnd-filter") flags[1] = 1;
-        else if (a == "--jnd-suppress") flags[2] = 1;
-        else if (a == "--adaptive-rounding") flags[3] = 1;
-        else if (in.empty() && a[0] != '-') in = a;
-        else if (out.empty() && a[0] != '-') out = a;
-        else {
-            in.clear();
-            break;
-        }
-    }
-    if (in.empty() || out.empty() || quality < 0 || quality > 100 || threads < 1 || threads > 8 || w < 0 || h < 0) {
-        std::fprintf(stderr,
-                     "usage: kivo transcode IN.jpg OUT.jpg [--quality Q] [--optimize] [--jnd-filter]\n"
-                     "         [--jnd-suppress] [--adaptive-rounding] [--size WxH] [--threads N]\n"
-                     "  quality 0 (the default) chooses it from the picture's brightness.\n");
-        return 2;
-    }
+};
+
+// Transcodes one file (st by value: the configuration calls take non-const
+// pointers); false with a message on failure. `report` prints the
+// sizes and time.
+bool transcode_file(const std::string &in, const std::string &out, Settings st, int threads, bool report,
+                    uint64_t *out_bytes) {
     std::vector<uint8_t> src;
     if (!read_file(in, &src) || src.empty() || src.size() > 0x3FFFFFFFu) {
-        std::fprintf(stderr, "kivo: cannot read %s\n", in.c_str());
-        return 1;
+        message("kivo: cannot read %s\n", in.c_str());
+        return false;
     }
     kivo_tpool pool;
     kivo_tpool_std(&pool, threads);
-    kivoe_create_param cp{1, w, h, quality, 0, &pool};
+    kivoe_create_param cp{1, st.w, st.h, st.quality, 0, &pool};
     int32_t status = 0;
     kivot_ctx *t = kivot_create(&cp, &status);
     if (!t) {
-        std::fprintf(stderr, "kivo: transcoder: %s (%d)\n", kivo_strerror(status), status);
-        return 1;
+        message("kivo: %s: transcoder: %s (%d)\n", in.c_str(), kivo_strerror(status), status);
+        return false;
     }
     const int32_t four = 4;
     const int32_t ids[4] = {KIVOT_CFG_OPT_HUFFMAN, KIVOT_CFG_JND_FILTER, KIVOT_CFG_JND_SUPPRESS,
                             KIVOT_CFG_ADAPTIVE_ROUNDING};
-    for (int i = 0; i < 4; ++i) kivot_config(t, ids[i], &flags[i], &four);
+    for (int i = 0; i < 4; ++i) kivot_config(t, ids[i], &st.flags[i], &four);
     xelo_bitb ib{};
     ib.addr = src.data();
     ib.ssize = static_cast<int32_t>(src.size());
@@ -73,17 +56,55 @@ int cmd_transcode(int argc, char **argv) {
     const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
     kivot_delete(t);
     if (status != 0) {
-        std::fprintf(stderr, "kivo: %s: %s (%d)\n", in.c_str(), kivo_strerror(status), status);
-        return 1;
+        message("kivo: %s: %s (%d)\n", in.c_str(), kivo_strerror(status), status);
+        return false;
     }
-    FILE *f = std::fopen(out.c_str(), "wb");
-    if (!f || std::fwrite(buf.data(), 1, written, f) != static_cast<size_t>(written) || std::fclose(f) != 0) {
-        std::fprintf(stderr, "kivo: cannot write %s\n", out.c_str());
-        return 1;
+    buf.resize(static_cast<size_t>(written));
+    if (!write_file(out, buf)) return false;
+    *out_bytes = buf.size();
+    if (report)
+        std::printf("%s: %zu bytes -> %s: %d bytes (%.1f%%) in %.1f ms\n", in.c_str(), src.size(), out.c_str(),
+                    written, 100.0 * written / static_cast<double>(src.size()), ms);
+    return true;
+}
+
+}  // namespace
+
+int cmd_transcode(int argc, char **argv) {
+    Settings st;
+    BatchOptions batch;
+    bool bad = false;
+    for (int i = 0; i < argc && !bad; ++i) {
+        const std::string a = option_name(argv[i]);
+        const bool has = i + 1 < argc;
+        if (a == "--quality" && has) st.quality = std::atoi(argv[++i]);
+        else if (a == "--threads" && has) batch.threads = std::atoi(argv[++i]);
+        else if (a == "--size" && has) {
+            if (std::sscanf(argv[++i], "%dx%d", &st.w, &st.h) != 2) st.w = st.h = -1;
+        } else if (a == "--optimize") st.flags[0] = 1;
+        else if (a == "--jnd-filter") st.flags[1] = 1;
+        else if (a == "--jnd-suppress") st.flags[2] = 1;
+        else if (a == "--adaptive-rounding") st.flags[3] = 1;
+        else if (batch_option(a, argc, argv, &i, &batch)) continue;
+        else if (a[0] != '-') batch.inputs.push_back(a);
+        else bad = true;
     }
-    std::printf("%s: %zu bytes -> %s: %d bytes (%.1f%%) in %.1f ms\n", in.c_str(), src.size(), out.c_str(), written,
-                100.0 * written / static_cast<double>(src.size()), ms);
-    return 0;
+    const bool many = !batch.out_dir.empty() || batch.in_place || batch.recursive;
+    if (bad || (many ? batch.inputs.empty() : batch.inputs.size() != 2) || st.quality < 0 || st.quality > 100 ||
+        batch.threads < 1 || batch.threads > 8 || st.w < 0 || st.h < 0) {
+        std::fprintf(stderr,
+                     "usage: kivo transcode IN.jpg OUT.jpg [--quality Q] [--optimize] [--jnd-filter]\n"
+                     "         [--jnd-suppress] [--adaptive-rounding] [--size WxH] [--threads N]\n"
+                     "       kivo transcode IN... (--out-dir DIR | --in-place) [--recursive] [options]\n"
+                     "  quality 0 (the default) chooses it from the picture's brightness. With several\n"
+                     "  inputs (directories: their .jpg and .jpeg files), --threads files at once.\n");
+        return 2;
+    }
+    uint64_t out_bytes = 0;
+    if (!many) return transcode_file(batch.inputs[0], batch.inputs[1], st, batch.threads, true, &out_bytes) ? 0 : 1;
+    return run_batch(batch, {".jpg", ".jpeg"}, nullptr, [&](FileJob *job) {
+        return transcode_file(job->in, job->out, st, 1, false, &job->out_bytes);
+    });
 }
 
 }  // namespace tool

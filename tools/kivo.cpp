@@ -14,10 +14,10 @@ void usage(FILE *f) {
                  "usage: kivo [--help | --version]\n"
                  "       kivo                      report the library, CPU features and kernels,\n"
                  "                                 then a short encode/decode demonstration\n"
-                 "       kivo info FILE.jpg        frame, sampling, tables and APPn segments\n"
-                 "       kivo decode IN.jpg OUT.{yuv,y4m} [--size WxH | --scale 1/2|1/4|1/8]\n"
+                 "       kivo info FILE.jpg        frame, sampling, tables, APPn segments, Exif orientation\n"
+                 "       kivo decode IN.jpg OUT.{png,ppm,pgm,y4m,yuv} [--size WxH | --scale 1/2|1/4|1/8]\n"
                  "                                 [--threads N]\n"
-                 "       kivo encode IN.{y4m,yuv} OUT.jpg [options]   (kivo encode --help)\n"
+                 "       kivo encode IN.{png,ppm,pgm,y4m,yuv} OUT.jpg [options]   (kivo encode --help)\n"
                  "       kivo transcode IN.jpg OUT.jpg [--quality Q] [--optimize] [--jnd-filter]\n"
                  "                 [--jnd-suppress] [--adaptive-rounding] [--size WxH] [--threads N]\n");
 }
@@ -49,6 +49,7 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "kivo: library initialisation failed\n");
         return 1;
     }
+    tool::install_cleanup();
     int ret = 0;
     if (argc < 2) {
         ret = report();

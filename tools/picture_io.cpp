@@ -1,4 +1,9 @@
-// Reading whole files and writing decoded planes as raw .yuv or YUV4MPEG2.
+// Reading and writing whole files; decoded planes as raw .yuv or YUV4MPEG2.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +22,61 @@ bool read_file(const std::string &path, std::vector<uint8_t> *out) {
     const bool ok = !std::ferror(f);
     std::fclose(f);
     return ok;
+}
+
+namespace {
+
+// Permissions of a new output: those of the file it replaces, else 0666
+// less the umask (read once, before any worker thread can run).
+mode_t output_mode(const std::string &path) {
+    static const mode_t mask = [] {
+        const mode_t m = umask(022);
+        umask(m);
+        return m;
+    }();
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) return st.st_mode & 07777;
+    return 0666 & ~mask;
+}
+
+}  // namespace
+
+bool write_file(const std::string &path, const std::vector<uint8_t> &bytes) {
+    const size_t slash = path.rfind('/');
+    const std::string dir = slash == std::string::npos ? "" : path.substr(0, slash + 1);
+    const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
+    std::string tmp = dir + "." + base + ".kivo-XXXXXX";
+    int slot = -1;
+    const int fd = create_temp(&tmp, &slot);
+    if (fd < 0) {
+        message("kivo: cannot create a file in %s: %s\n", dir.empty() ? "." : dir.c_str(),
+                     std::strerror(errno));
+        return false;
+    }
+    bool ok = fchmod(fd, output_mode(path)) == 0;
+    for (size_t done = 0; ok && done < bytes.size();) {
+        const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        ok = n > 0;
+        if (ok) done += static_cast<size_t>(n);
+    }
+    // The data reach the disk before the name does, so a crash after the
+    // rename cannot leave an empty file where the original was.
+    ok = ok && fsync(fd) == 0;
+    ok = close(fd) == 0 && ok;
+    ok = ok && rename(tmp.c_str(), path.c_str()) == 0;
+    if (!ok) {
+        message("kivo: cannot write %s: %s\n", path.c_str(), std::strerror(errno));
+        unlink(tmp.c_str());
+    }
+    release_temp(slot);
+    return ok;
+}
+
+std::string option_name(const char *arg) {
+    const std::string a = arg;
+    if (a.size() > 2 && a[0] == '-' && a[1] != '-') return "-" + a;
+    return a;
 }
 
 bool ends_with(const std::string &s, const char *suffix) {
@@ -63,34 +123,30 @@ const char *y4m_tag(int32_t cs) {
 bool write_picture(const std::string &path, const xelo_imgb *img) {
     int32_t pw[4], ph[4], np = 0;
     if (xelo_cs_planes(img->color_format, img->width, img->height, pw, ph, &np) != 0) {
-        std::fprintf(stderr, "kivo: colour format %d cannot be written\n", img->color_format);
+        message("kivo: colour format %d cannot be written\n", img->color_format);
         return false;
     }
-    const bool y4m = ends_with(path, ".y4m");
+    const bool y4m = file_kind(path) == FileKind::Y4m;
     if (y4m && !y4m_tag(img->color_format)) {
-        std::fprintf(stderr, "kivo: YUV4MPEG2 has no tag for colour format %s; write a .yuv\n",
+        message("kivo: YUV4MPEG2 has no tag for colour format %s; write a .yuv\n",
                      color_format_name(img->color_format));
         return false;
     }
-    FILE *f = std::fopen(path.c_str(), "wb");
-    if (!f) {
-        std::fprintf(stderr, "kivo: cannot create %s\n", path.c_str());
-        return false;
-    }
-    bool ok = true;
+    std::vector<uint8_t> bytes;
     if (y4m) {
-        ok = std::fprintf(f, "YUV4MPEG2 W%d H%d F25:1 Ip A1:1 C%s\nFRAME\n", img->width, img->height,
-                          y4m_tag(img->color_format)) > 0;
+        char header[96];
+        const int n = std::snprintf(header, sizeof(header), "YUV4MPEG2 W%d H%d F25:1 Ip A1:1 C%s\nFRAME\n",
+                                    img->width, img->height, y4m_tag(img->color_format));
+        bytes.assign(header, header + n);
     }
-    for (int p = 0; p < 4 && ok; ++p) {
+    for (int p = 0; p < 4; ++p) {
         if (!img->plane[p] || pw[p] == 0) continue;
-        for (int32_t y = 0; y < ph[p] && ok; ++y)
-            ok = std::fwrite(img->plane[p] + static_cast<ptrdiff_t>(y) * img->stride[p], 1, pw[p], f) ==
-                 static_cast<size_t>(pw[p]);
+        for (int32_t y = 0; y < ph[p]; ++y) {
+            const uint8_t *row = img->plane[p] + static_cast<ptrdiff_t>(y) * img->stride[p];
+            bytes.insert(bytes.end(), row, row + pw[p]);
+        }
     }
-    ok = std::fclose(f) == 0 && ok;
-    if (!ok) std::fprintf(stderr, "kivo: cannot write %s\n", path.c_str());
-    return ok;
+    return write_file(path, bytes);
 }
 
 }  // namespace tool
@@ -128,15 +184,15 @@ int32_t y4m_format(const std::string &tag) {
 xelo_imgb *read_picture(const std::string &path, int32_t cs, int32_t w, int32_t h) {
     std::vector<uint8_t> bytes;
     if (!read_file(path, &bytes)) {
-        std::fprintf(stderr, "kivo: cannot read %s\n", path.c_str());
+        message("kivo: cannot read %s\n", path.c_str());
         return nullptr;
     }
     size_t pos = 0;
-    if (ends_with(path, ".y4m")) {
+    if (file_kind(path) == FileKind::Y4m) {
         // Header line: YUV4MPEG2 W<w> H<h> [C<tag>] ...; then FRAME<...>\n.
         const size_t eol = std::string(bytes.begin(), bytes.end()).find('\n');
         if (bytes.size() < 10 || std::memcmp(bytes.data(), "YUV4MPEG2 ", 10) != 0 || eol == std::string::npos) {
-            std::fprintf(stderr, "kivo: %s is not a YUV4MPEG2 file\n", path.c_str());
+            message("kivo: %s is not a YUV4MPEG2 file\n", path.c_str());
             return nullptr;
         }
         const std::string header(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(eol));
@@ -152,20 +208,20 @@ xelo_imgb *read_picture(const std::string &path, int32_t cs, int32_t w, int32_t 
         }
         const size_t frame_eol = std::string(bytes.begin() + static_cast<ptrdiff_t>(eol) + 1, bytes.end()).find('\n');
         if (cs < 0 || frame_eol == std::string::npos) {
-            std::fprintf(stderr, "kivo: %s: unsupported colour tag or no frame\n", path.c_str());
+            message("kivo: %s: unsupported colour tag or no frame\n", path.c_str());
             return nullptr;
         }
         pos = eol + 1 + frame_eol + 1;
     }
     int32_t pw[4], ph[4], np = 0;
     if (w < 1 || h < 1 || w > 65535 || h > 65535 || xelo_cs_planes(cs, w, h, pw, ph, &np) != 0) {
-        std::fprintf(stderr, "kivo: give the size (--size WxH) and a known colour format (--format)\n");
+        message("kivo: give the size (--size WxH) and a known colour format (--format)\n");
         return nullptr;
     }
     size_t need = 0;
     for (int p = 0; p < 4; ++p) need += static_cast<size_t>(pw[p]) * ph[p];
     if (bytes.size() - pos < need) {
-        std::fprintf(stderr, "kivo: %s holds %zu bytes of planes, %zu needed\n", path.c_str(), bytes.size() - pos, need);
+        message("kivo: %s holds %zu bytes of planes, %zu needed\n", path.c_str(), bytes.size() - pos, need);
         return nullptr;
     }
     const uint32_t align[4] = {XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16)};

@@ -2,7 +2,9 @@
 #ifndef KIVO_TOOLS_TOOL_H
 #define KIVO_TOOLS_TOOL_H
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -11,7 +13,37 @@
 namespace tool {
 
 bool read_file(const std::string &path, std::vector<uint8_t> *out);
+// Writes the bytes to a temporary file in the same directory and renames it
+// into place once complete, so that path never holds a partial file.
+// Returns false with a message on stderr.
+bool write_file(const std::string &path, const std::vector<uint8_t> &bytes);
 bool ends_with(const std::string &s, const char *suffix);
+// A switch as the parsers compare it: cjpeg's single-dash spellings
+// ("-quality") become the double-dash ones ("--quality"); "-h" stays.
+std::string option_name(const char *arg);
+
+// File formats, chosen by the name's extension (any case); Raw is any other name.
+enum class FileKind { Raw, Y4m, Png, Ppm, Pgm, Pnm, Jpeg };
+FileKind file_kind(const std::string &path);
+bool is_packed(FileKind k);  // PNG or PNM
+bool have_png();             // built with libspng
+
+// Packed pixels, line distance width * channels: RGB (3) or grey (1).
+struct Packed {
+    int32_t width = 0, height = 0, channels = 0;
+    std::vector<uint8_t> pixels;
+};
+// Reads a PNG or binary 8-bit PPM/PGM; false with a message on failure.
+bool read_packed(const std::string &path, Packed *out);
+// Writes PNG for a .png name, PGM (one channel) or PPM otherwise.
+bool write_packed(const std::string &path, const Packed &pic);
+
+// Orientation (1 to 8) of an APP1 segment's data that begins "Exif\0\0";
+// 0 for other segments or none given, -1 for malformed data. Reads nothing
+// beyond n bytes.
+int exif_orientation(const uint8_t *data, size_t n);
+const char *orientation_name(int v);
+
 // Writes the picture's planes: raw planes for .yuv (component order, each
 // plane exactly its width times height), YUV4MPEG2 for .y4m. Returns false
 // with a message on stderr.
@@ -24,6 +56,37 @@ int32_t color_format_from_name(const std::string &s);
 // header), raw planes otherwise (component order, no padding, with the
 // given colour format and size). Null with a message on failure.
 xelo_imgb *read_picture(const std::string &path, int32_t cs, int32_t w, int32_t h);
+
+// A message on stderr; a progress line showing there is cleared first.
+void message(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+// Makes SIGINT, SIGTERM and SIGHUP remove the temporary outputs being
+// written (create_temp) before the program ends.
+void install_cleanup();
+// mkstemp(tmpl), registered for removal on those signals until release_temp(*slot).
+int create_temp(std::string *tmpl, int *slot);
+void release_temp(int slot);
+
+// Batch mode: several inputs, each written to its own output.
+struct BatchOptions {
+    std::vector<std::string> inputs;  // files, or directories
+    std::string out_dir;              // outputs under this directory ...
+    bool in_place = false;            // ... or beside their inputs
+    bool recursive = false;           // directories' subdirectories too
+    int threads = 1;                  // files worked on at once
+};
+// Takes --out-dir DIR, --in-place or --recursive at argv[*i]; false for another argument.
+bool batch_option(const std::string &a, int argc, char **argv, int *i, BatchOptions *b);
+struct FileJob {
+    std::string in, out;
+    uint64_t in_bytes = 0, out_bytes = 0;  // work() sets out_bytes
+};
+// Runs work (from several threads) on every input file, directories giving
+// their files with one of exts; out_ext replaces the output's extension
+// when not null. A failing file is reported and the rest go on. Shows
+// progress on a terminal, prints a summary; returns 0, 1 if any input
+// failed, 2 for bad options.
+int run_batch(const BatchOptions &b, const std::vector<const char *> &exts, const char *out_ext,
+              const std::function<bool(FileJob *)> &work);
 
 int cmd_info(int argc, char **argv);
 int cmd_decode(int argc, char **argv);

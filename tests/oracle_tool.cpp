@@ -1,0 +1,199 @@
+// The kivo tool's file formats through its own commands. A generated RGB or
+// grey picture is written as PNG, PPM or PGM, encoded by `kivo encode` and
+// decoded again by `kivo decode`; libjpeg-turbo decodes the same JPEG
+// (tjDecompress2) as the reference for both steps. `kivo info` reports the
+// Exif orientation of hand-made APP1 segments. A batch goes on past a
+// failing file and says so in its exit status.
+#include <gtest/gtest.h>
+#include <turbojpeg.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "oracle_support/turbo.h"
+#include "tools/tool.h"
+
+namespace {
+
+using Command = int (*)(int, char **);
+
+int run(Command cmd, std::vector<std::string> args) {
+    std::vector<char *> argv;
+    for (std::string &a : args) argv.push_back(&a[0]);
+    return cmd(static_cast<int>(argv.size()), argv.data());
+}
+
+TEST(OracleTool, FormatsRoundTrip) {
+    // in, out: file extensions; channels of the input; --sample and the
+    // libjpeg-turbo subsampling it must produce; bounds of our decoded
+    // file against libjpeg-turbo's decode of the same JPEG.
+    const struct Case {
+        const char *in, *out;
+        int channels;
+        const char *sample;
+        int subsamp, max_diff;
+        double mean_diff;
+    } cases[] = {
+        {"png", "png", 3, "2x2", TJSAMP_420, 3, 0.1}, {"ppm", "ppm", 3, "1x1", TJSAMP_444, 3, 0.1},
+        {"png", "ppm", 3, "2x1", TJSAMP_422, 3, 0.1}, {"ppm", "pgm", 3, "grey", TJSAMP_GRAY, 1, 0.05},
+        {"pgm", "png", 1, "2x2", TJSAMP_GRAY, 1, 0.05},
+    };
+    const int w = 67, h = 45;  // odd sizes: partial blocks and chroma edges
+    for (const Case &c : cases) {
+        const std::string name = std::string(c.in) + "->" + c.out + " " + c.sample;
+        if ((!std::strcmp(c.in, "png") || !std::strcmp(c.out, "png")) && !tool::have_png()) continue;
+        tool::Packed pic;
+        pic.width = w, pic.height = h, pic.channels = c.channels;
+        pic.pixels.resize(static_cast<size_t>(w) * h * c.channels);
+        for (int ch = 0; ch < c.channels; ++ch) {
+            const testpic::Plane p = testpic::make_plane(w, h, 7, ch);
+            for (size_t i = 0; i < p.px.size(); ++i) pic.pixels[i * c.channels + ch] = p.px[i];
+        }
+        const std::string base = ::testing::TempDir() + "kivo_tool_" + c.in + c.out + c.sample;
+        const std::string src = base + "." + c.in, jpg = base + ".jpg", out = base + "_out." + c.out;
+        ASSERT_TRUE(tool::write_packed(src, pic)) << name;
+        ASSERT_EQ(run(tool::cmd_encode, {src, jpg, "-quality", "95", "-sample", c.sample}), 0) << name;
+
+        std::vector<uint8_t> bytes;
+        ASSERT_TRUE(tool::read_file(jpg, &bytes)) << name;
+        tjhandle tj = tjInitDecompress();
+        int tw = 0, th = 0, subsamp = -1, cs = 0;
+        ASSERT_EQ(tjDecompressHeader3(tj, bytes.data(), bytes.size(), &tw, &th, &subsamp, &cs), 0) << name;
+        EXPECT_EQ(subsamp, c.subsamp) << name;
+        // The JPEG holds the picture: libjpeg-turbo's decode is within
+        // quality-95 and subsampling loss of the original, or of its luma
+        // for grey output (channel order, rows and matrix).
+        const int jpg_channels = subsamp == TJSAMP_GRAY ? 1 : 3;
+        std::vector<uint8_t> ref(static_cast<size_t>(w) * h * jpg_channels);
+        ASSERT_EQ(tjDecompress2(tj, bytes.data(), bytes.size(), ref.data(), w, w * jpg_channels, h,
+                                jpg_channels == 1 ? TJPF_GRAY : TJPF_RGB, 0), 0) << name;
+        double se = 0;
+        for (size_t i = 0; i < ref.size(); ++i) {
+            const uint8_t *o = &pic.pixels[i / jpg_channels * c.channels];
+            const double want = jpg_channels == c.channels ? pic.pixels[i] : 0.299 * o[0] + 0.587 * o[1] + 0.114 * o[2];
+            se += (ref[i] - want) * (ref[i] - want);
+        }
+        EXPECT_GT(10 * std::log10(255.0 * 255.0 * ref.size() / se), 27.0) << name;
+
+        // Our decode to a file against libjpeg-turbo's decode (islow IDCT,
+        // fancy upsampling) in the output's channels.
+        ASSERT_EQ(run(tool::cmd_decode, {jpg, out}), 0) << name;
+        tool::Packed got;
+        ASSERT_TRUE(tool::read_packed(out, &got)) << name;
+        const int out_channels = !std::strcmp(c.out, "pgm") || c.channels == 1 ? 1 : 3;
+        ASSERT_EQ(got.channels, out_channels) << name;
+        ASSERT_EQ(got.width, w) << name;
+        ASSERT_EQ(got.height, h) << name;
+        if (out_channels != jpg_channels) {
+            ref.resize(got.pixels.size());
+            ASSERT_EQ(tjDecompress2(tj, bytes.data(), bytes.size(), ref.data(), w, w * out_channels, h,
+                                    out_channels == 1 ? TJPF_GRAY : TJPF_RGB, 0), 0) << name;
+        }
+        tjDestroy(tj);
+        int max_diff = 0;
+        double sum = 0;
+        for (size_t i = 0; i < ref.size(); ++i) {
+            const int d = std::abs(ref[i] - got.pixels[i]);
+            max_diff = std::max(max_diff, d);
+            sum += d;
+        }
+        EXPECT_LE(max_diff, c.max_diff) << name;
+        EXPECT_LE(sum / ref.size(), c.mean_diff) << name;
+        for (const std::string &f : {src, jpg, out}) std::remove(f.c_str());
+    }
+}
+
+TEST(OracleTool, InfoReportsExifOrientation) {
+    turbo::EncodeSpec spec;
+    spec.width = 16, spec.height = 16, spec.n_comp = 1;
+    const std::vector<uint8_t> jpg = turbo::encode(spec, turbo::make_planes(spec, 3));
+    ASSERT_FALSE(jpg.empty());
+    // Byte order, orientation value, TIFF bytes kept (0: all), the line
+    // expected (empty: no orientation line at all).
+    const struct Case {
+        bool little;
+        int value;
+        size_t keep;
+        const char *line;
+    } cases[] = {
+        {true, 6, 0, "exif orientation: 6 (rotate 90 CW)"},
+        {false, 6, 0, "exif orientation: 6 (rotate 90 CW)"},
+        {true, 3, 0, "exif orientation: 3 (rotate 180)"},
+        {false, 8, 0, "exif orientation: 8 (rotate 270 CW)"},
+        {true, 1, 0, "exif orientation: 1 (normal)"},
+        {false, 9, 0, "exif orientation: unreadable"},
+        {true, 6, 30, "exif orientation: unreadable"},  // the IFD's last entry cut short
+        {false, 6, 7, "exif orientation: unreadable"},  // the TIFF header cut short
+    };
+    for (const Case &c : cases) {
+        // TIFF header, then the first IFD: two SHORT entries (orientation,
+        // resolution unit), no next IFD.
+        const auto u16 = [&](std::vector<uint8_t> *v, int x) {
+            v->push_back(static_cast<uint8_t>(c.little ? x : x >> 8));
+            v->push_back(static_cast<uint8_t>(c.little ? x >> 8 : x));
+        };
+        std::vector<uint8_t> tiff = {static_cast<uint8_t>(c.little ? 'I' : 'M'), static_cast<uint8_t>(c.little ? 'I' : 'M')};
+        u16(&tiff, 42), u16(&tiff, c.little ? 8 : 0), u16(&tiff, c.little ? 0 : 8), u16(&tiff, 2);
+        for (const int tag : {0x0112, 0x0128}) {
+            u16(&tiff, tag), u16(&tiff, 3);
+            const int count[2] = {1, 0};
+            u16(&tiff, c.little ? count[0] : count[1]), u16(&tiff, c.little ? count[1] : count[0]);
+            u16(&tiff, tag == 0x0112 ? c.value : 2), u16(&tiff, 0);
+        }
+        tiff.insert(tiff.end(), 4, 0);
+        if (c.keep) tiff.resize(c.keep);
+        std::vector<uint8_t> app = {0xFF, 0xE1, 0, 0, 'E', 'x', 'i', 'f', 0, 0};
+        app.insert(app.end(), tiff.begin(), tiff.end());
+        app[2] = static_cast<uint8_t>((app.size() - 2) >> 8), app[3] = static_cast<uint8_t>(app.size() - 2);
+        std::vector<uint8_t> file(jpg.begin(), jpg.begin() + 2);
+        file.insert(file.end(), app.begin(), app.end());
+        file.insert(file.end(), jpg.begin() + 2, jpg.end());
+        const std::string path = ::testing::TempDir() + "kivo_tool_exif.jpg";
+        ASSERT_TRUE(tool::write_file(path, file));
+        testing::internal::CaptureStdout();
+        const int rc = run(tool::cmd_info, {path});
+        const std::string text = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(rc, 0);
+        EXPECT_NE(text.find(c.line), std::string::npos) << c.value << (c.little ? " II " : " MM ") << c.keep << "\n" << text;
+        std::remove(path.c_str());
+    }
+}
+
+TEST(OracleTool, BatchGoesOnPastAFailingFile) {
+    namespace fs = std::filesystem;
+    const fs::path dir = fs::path(::testing::TempDir()) / "kivo_tool_batch";
+    fs::remove_all(dir);
+    fs::create_directories(dir / "in" / "sub");
+    turbo::EncodeSpec spec;
+    spec.width = 40, spec.height = 24;
+    const std::vector<uint8_t> jpg = turbo::encode(spec, turbo::make_planes(spec, 4));
+    ASSERT_TRUE(tool::write_file((dir / "in" / "a.jpg").string(), jpg));
+    ASSERT_TRUE(tool::write_file((dir / "in" / "sub" / "b.jpg").string(), jpg));
+    ASSERT_TRUE(tool::write_file((dir / "in" / "bad.jpg").string(), {0xFF, 0xD8, 0xFF}));
+    EXPECT_EQ(run(tool::cmd_transcode, {(dir / "in").string(), "--recursive", "--out-dir", (dir / "out").string(),
+                                        "--threads", "2"}), 1);
+    // Both good files are complete pictures; nothing else is in the output.
+    std::vector<std::string> outputs;
+    for (const auto &e : fs::recursive_directory_iterator(dir / "out"))
+        if (e.is_regular_file()) outputs.push_back(e.path().lexically_relative(dir / "out").string());
+    std::sort(outputs.begin(), outputs.end());
+    EXPECT_EQ(outputs, (std::vector<std::string>{"a.jpg", "sub/b.jpg"}));
+    for (const std::string &f : outputs) {
+        std::vector<uint8_t> bytes, px(40 * 24 * 3);
+        ASSERT_TRUE(tool::read_file((dir / "out" / f).string(), &bytes));
+        tjhandle tj = tjInitDecompress();
+        EXPECT_EQ(tjDecompress2(tj, bytes.data(), bytes.size(), px.data(), 40, 0, 24, TJPF_RGB, 0), 0) << f;
+        tjDestroy(tj);
+    }
+    fs::remove(dir / "in" / "bad.jpg");
+    EXPECT_EQ(run(tool::cmd_transcode, {(dir / "in").string(), "--recursive", "--in-place"}), 0);
+    fs::remove_all(dir);
+}
+
+}  // namespace

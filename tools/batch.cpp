@@ -1,0 +1,233 @@
+// Batch mode of kivo encode and kivo transcode: many inputs over worker
+// threads, a one-line progress display on a terminal, a summary; and the
+// messages and temporary-file clean-up that the progress line and an
+// interrupted run need.
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "tools/tool.h"
+
+namespace fs = std::filesystem;
+
+namespace tool {
+namespace {
+
+std::mutex stderr_lock;
+bool progress_shown = false;  // a progress line without its newline is on stderr
+
+// Temporary outputs being written, removed by the signal handler. A slot's
+// path is set before its state becomes 1 and read only in state 1.
+struct TempSlot {
+    std::atomic<int> state{0};  // 0 free, 1 in use
+    char path[4096];
+};
+TempSlot temp_slots[64];
+
+void remove_temps_and_exit(int sig) {
+    for (TempSlot &s : temp_slots)
+        if (s.state.load(std::memory_order_acquire) == 1) unlink(s.path);
+    signal(sig, SIG_DFL);
+    raise(sig);
+}
+
+sigset_t cleanup_signals() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);
+    return set;
+}
+
+}  // namespace
+
+void message(const char *fmt, ...) {
+    std::lock_guard<std::mutex> lock(stderr_lock);
+    if (progress_shown) std::fputs("\r\033[K", stderr);
+    progress_shown = false;
+    va_list ap;
+    va_start(ap, fmt);
+    std::vfprintf(stderr, fmt, ap);
+    va_end(ap);
+}
+
+void install_cleanup() {
+    const sigset_t set = cleanup_signals();
+    struct sigaction sa {};
+    sa.sa_handler = remove_temps_and_exit;
+    sa.sa_mask = set;
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &sa, nullptr);
+}
+
+int create_temp(std::string *tmpl, int *slot) {
+    // No signal may come between the file's creation and its registration.
+    const sigset_t set = cleanup_signals();
+    sigset_t old;
+    pthread_sigmask(SIG_BLOCK, &set, &old);
+    const int fd = mkstemp(&(*tmpl)[0]);
+    *slot = -1;
+    if (fd >= 0 && tmpl->size() < sizeof(temp_slots[0].path)) {
+        for (int i = 0; i < 64 && *slot < 0; ++i) {
+            int expected = 0;
+            if (temp_slots[i].state.compare_exchange_strong(expected, 2)) {  // 2: taken, not yet readable
+                std::memcpy(temp_slots[i].path, tmpl->c_str(), tmpl->size() + 1);
+                temp_slots[i].state.store(1, std::memory_order_release);
+                *slot = i;
+            }
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    return fd;
+}
+
+void release_temp(int slot) {
+    if (slot >= 0) temp_slots[slot].state.store(0, std::memory_order_release);
+}
+
+bool batch_option(const std::string &a, int argc, char **argv, int *i, BatchOptions *b) {
+    if (a == "--out-dir" && *i + 1 < argc) b->out_dir = argv[++*i];
+    else if (a == "--in-place") b->in_place = true;
+    else if (a == "--recursive" || a == "-r") b->recursive = true;
+    else return false;
+    return true;
+}
+
+namespace {
+
+bool has_ext(const fs::path &p, const std::vector<const char *> &exts) {
+    std::string e = p.extension().string();
+    for (char &c : e) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
+    for (const char *x : exts)
+        if (e == x) return true;
+    return false;
+}
+
+double mb(uint64_t bytes) { return bytes / 1e6; }
+
+}  // namespace
+
+int run_batch(const BatchOptions &b, const std::vector<const char *> &exts, const char *out_ext,
+              const std::function<bool(FileJob *)> &work) {
+    if (b.in_place == !b.out_dir.empty()) {
+        message("kivo: several inputs need --out-dir DIR or --in-place (one of them)\n");
+        return 2;
+    }
+    // Inputs: the files named, and the files with a matching extension in
+    // the directories named (their subdirectories too with --recursive).
+    // An output keeps the input's path below the directory named.
+    std::vector<FileJob> jobs;
+    int failed = 0;
+    for (const std::string &arg : b.inputs) {
+        std::error_code ec;
+        std::vector<std::pair<fs::path, fs::path>> found;  // file, path relative to the output
+        if (fs::is_directory(arg, ec)) {
+            if (!b.recursive) {
+                message("kivo: %s is a directory (add --recursive)\n", arg.c_str());
+                ++failed;
+                continue;
+            }
+            for (fs::recursive_directory_iterator it(arg, ec), end; !ec && it != end; it.increment(ec))
+                if (it->is_regular_file(ec) && has_ext(it->path(), exts))
+                    found.emplace_back(it->path(), it->path().lexically_relative(arg));
+            if (ec) {
+                message("kivo: %s: %s\n", arg.c_str(), ec.message().c_str());
+                ++failed;
+            }
+        } else {
+            found.emplace_back(arg, fs::path(arg).filename());
+        }
+        for (auto &[file, rel] : found) {
+            FileJob job;
+            job.in = file.string();
+            fs::path out = b.in_place ? file : fs::path(b.out_dir) / rel;
+            if (out_ext) out.replace_extension(out_ext);
+            job.out = out.string();
+            const uintmax_t size = fs::file_size(file, ec);
+            job.in_bytes = ec ? 0 : size;
+            jobs.push_back(job);
+        }
+    }
+    std::set<std::string> outputs;
+    std::vector<char> skip(jobs.size(), 0);
+    uint64_t total_in = 0;
+    for (size_t i = 0; i < jobs.size(); ++i) {
+        if (!outputs.insert(jobs[i].out).second) {
+            message("kivo: %s: %s is also another input's output; skipped\n", jobs[i].in.c_str(), jobs[i].out.c_str());
+            skip[i] = 1;
+            ++failed;
+        }
+        total_in += jobs[i].in_bytes;
+    }
+
+    const int workers = std::max(1, std::min<int>(b.threads, static_cast<int>(jobs.size())));
+    std::atomic<size_t> next{0};
+    std::atomic<int> done{0}, bad{0};
+    std::atomic<uint64_t> done_in{0}, ok_in{0}, ok_out{0};
+    const auto t0 = std::chrono::steady_clock::now();
+    auto worker = [&] {
+        for (size_t i; (i = next.fetch_add(1)) < jobs.size();) {
+            FileJob &job = jobs[i];
+            bool ok = !skip[i];
+            if (ok && !b.in_place) {
+                std::error_code ec;
+                fs::create_directories(fs::path(job.out).parent_path(), ec);
+            }
+            if (ok) ok = work(&job);
+            if (!ok && !skip[i]) ++bad;
+            done_in += job.in_bytes;
+            if (ok) ok_in += job.in_bytes, ok_out += job.out_bytes;
+            ++done;
+        }
+    };
+    std::vector<std::thread> pool;
+    for (int i = 1; i < workers; ++i) pool.emplace_back(worker);
+
+    // The last worker is this thread unless a terminal wants the progress
+    // line, which this thread then redraws five times a second.
+    const bool tty = isatty(STDERR_FILENO);
+    if (tty && !jobs.empty()) {
+        pool.emplace_back(worker);
+        while (done.load() < static_cast<int>(jobs.size())) {
+            const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+            const uint64_t in = done_in.load();
+            char left[32] = "--:--";
+            if (in > 0 && in < total_in) {
+                const int r = static_cast<int>(s * (total_in - in) / in + 0.5);
+                std::snprintf(left, sizeof(left), "%d:%02d", r / 60, r % 60);
+            }
+            {
+                std::lock_guard<std::mutex> lock(stderr_lock);
+                std::fprintf(stderr, "\r\033[K%d/%zu files, %.1f MB in, %.1f MB out, %d failed, %s left", done.load(),
+                             jobs.size(), mb(in), mb(ok_out.load()), bad.load() + failed, left);
+                progress_shown = true;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        }
+        message("%s", "");  // clears the progress line
+    } else {
+        worker();
+    }
+    for (std::thread &t : pool) t.join();
+    failed += bad.load();
+    const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    const uint64_t in = ok_in.load(), out = ok_out.load();
+    std::printf("%zu files, %d failed; the others %.1f MB -> %.1f MB", jobs.size(), failed, mb(in), mb(out));
+    if (in) std::printf(" (%.1f%%)", 100.0 * out / in);
+    std::printf(" in %.1f s\n", s);
+    return failed ? 1 : 0;
+}
+
+}  // namespace tool
