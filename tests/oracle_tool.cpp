@@ -165,6 +165,24 @@ TEST(OracleTool, InfoReportsExifOrientation) {
     }
 }
 
+// The tool's default limits refuse a frame that declares 65535 x 65535;
+// lifting the pixel limit lets its headers through.
+TEST(OracleTool, DefaultLimitsRefuseABomb) {
+    turbo::EncodeSpec spec;
+    spec.width = 16, spec.height = 16, spec.n_comp = 1;
+    std::vector<uint8_t> jpg = turbo::encode(spec, turbo::make_planes(spec, 3));
+    for (size_t i = 0; i + 8 < jpg.size(); ++i)
+        if (jpg[i] == 0xFF && jpg[i + 1] == 0xC0) std::fill(jpg.begin() + i + 5, jpg.begin() + i + 9, 0xFF);
+    const std::string path = ::testing::TempDir() + "kivo_tool_bomb.jpg";
+    ASSERT_TRUE(tool::write_file(path, jpg));
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(run(tool::cmd_info, {path}), 1);
+    EXPECT_EQ(run(tool::cmd_info, {path, "--max-pixels", "0"}), 0);
+    const std::string text = testing::internal::GetCapturedStdout();
+    EXPECT_NE(text.find("size: 65535 x 65535"), std::string::npos) << text;
+    std::remove(path.c_str());
+}
+
 TEST(OracleTool, BatchGoesOnPastAFailingFile) {
     namespace fs = std::filesystem;
     const fs::path dir = fs::path(::testing::TempDir()) / "kivo_tool_batch";

@@ -28,12 +28,14 @@ struct Decoder {
     // A file is read through the file interface, or loaded into memory
     // first when several threads are to share its decoding (a file has one
     // read position, so file input decodes on one thread).
-    int32_t open(const char *path, int threads) {
+    int32_t open(const char *path, int threads, const kivod_limits &limits) {
         kivo_tpool_std(&pool, threads);
         kivod_create_param param{1, &pool};
         int32_t status = 0;
         ctx = kivod_create(&param, &status);
         if (!ctx) return status;
+        status = kivod_set_limits(ctx, &limits);
+        if (status != 0) return status;
         if (threads > 1) {
             if (!read_file(path, &bytes)) return KIVO_ERR_OPEN;
             if (bytes.size() > 0x7FFFFFFFu) return KIVO_ERR_INVALID_ARG;
@@ -54,6 +56,7 @@ struct Decoder {
 
 int fail(const char *what, int32_t status) {
     message("kivo: %s: %s (%d)\n", what, kivo_strerror(status), status);
+    limit_hint(status);
     return 1;
 }
 
@@ -80,13 +83,18 @@ bool write_rgb_picture(const std::string &path, const xelo_imgb *img, const kivo
 }  // namespace
 
 int cmd_info(int argc, char **argv) {
-    if (argc != 1) {
-        std::fprintf(stderr, "usage: kivo info FILE.jpg\n");
+    kivod_limits limits = default_limits();
+    std::vector<const char *> files;
+    for (int i = 0; i < argc; ++i)
+        if (!limit_option(option_name(argv[i]), argc, argv, &i, &limits)) files.push_back(argv[i]);
+    const char *path = files.size() == 1 ? files[0] : nullptr;
+    if (!path) {
+        std::fprintf(stderr, "usage: kivo info FILE.jpg [limits]\n");
         return 2;
     }
     Decoder d;
-    const int32_t ret = d.open(argv[0], 1);
-    if (ret != 0) return fail(argv[0], ret);
+    const int32_t ret = d.open(path, 1, limits);
+    if (ret != 0) return fail(path, ret);
     const kivod_ctx *c = d.ctx;
     const kivod_fh &fh = c->fh;
     std::printf("size: %d x %d\n", d.info.width, d.info.height);
@@ -123,9 +131,12 @@ int cmd_decode(int argc, char **argv) {
     std::string in, out;
     int threads = 1, ow = 0, oh = 0, denom = 1;
     bool denom_given = false;
+    kivod_limits limits = default_limits();
     for (int i = 0; i < argc; ++i) {
         const std::string a = option_name(argv[i]);
-        if (a == "--threads" && i + 1 < argc) {
+        if (limit_option(a, argc, argv, &i, &limits)) {
+            continue;
+        } else if (a == "--threads" && i + 1 < argc) {
             threads = std::atoi(argv[++i]);
         } else if (a == "--size" && i + 1 < argc) {
             if (std::sscanf(argv[++i], "%dx%d", &ow, &oh) != 2 || ow < 1 || oh < 1) {
@@ -164,7 +175,7 @@ int cmd_decode(int argc, char **argv) {
     }
     const auto t0 = std::chrono::steady_clock::now();
     Decoder d;
-    int32_t ret = d.open(in.c_str(), threads);
+    int32_t ret = d.open(in.c_str(), threads, limits);
     if (ret != 0) return fail(in.c_str(), ret);
     // --scale decodes at that reduction; --size alone leaves the choice to
     // the decoder.

@@ -15,6 +15,7 @@ namespace {
 struct Settings {
     int32_t quality = 0, w = 0, h = 0;
     int32_t flags[4] = {0, 0, 0, 0};  // optimize, jnd filter, jnd suppress, adaptive rounding
+    kivod_limits limits = default_limits();
 };
 
 // Transcodes one file (st by value: the configuration calls take non-const
@@ -40,6 +41,7 @@ bool transcode_file(const std::string &in, const std::string &out, Settings st, 
     const int32_t ids[4] = {KIVOT_CFG_OPT_HUFFMAN, KIVOT_CFG_JND_FILTER, KIVOT_CFG_JND_SUPPRESS,
                             KIVOT_CFG_ADAPTIVE_ROUNDING};
     for (int i = 0; i < 4; ++i) kivot_config(t, ids[i], &st.flags[i], &four);
+    kivot_set_limits(t, &st.limits);
     xelo_bitb ib{};
     ib.addr = src.data();
     ib.ssize = static_cast<int32_t>(src.size());
@@ -57,6 +59,7 @@ bool transcode_file(const std::string &in, const std::string &out, Settings st, 
     kivot_delete(t);
     if (status != 0) {
         message("kivo: %s: %s (%d)\n", in.c_str(), kivo_strerror(status), status);
+        limit_hint(status);
         return false;
     }
     buf.resize(static_cast<size_t>(written));
@@ -77,6 +80,7 @@ int cmd_transcode(int argc, char **argv) {
     for (int i = 0; i < argc && !bad; ++i) {
         const std::string a = option_name(argv[i]);
         const bool has = i + 1 < argc;
+        if (limit_option(a, argc, argv, &i, &st.limits)) continue;
         if (a == "--quality" && has) st.quality = std::atoi(argv[++i]);
         else if (a == "--threads" && has) batch.threads = std::atoi(argv[++i]);
         else if (a == "--size" && has) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "kivo.h"
+#include "kivod.h"
 
 namespace tool {
 
@@ -87,6 +88,13 @@ struct FileJob {
 // failed, 2 for bad options.
 int run_batch(const BatchOptions &b, const std::vector<const char *> &exts, const char *out_ext,
               const std::function<bool(FileJob *)> &work);
+
+// Decoder limits: the tool's defaults, the options that change them
+// (--max-pixels, --max-scans, --max-memory, --max-app-bytes, --no-limits;
+// true when argv[*i] was one), and a hint after a status a limit can give.
+kivod_limits default_limits();
+bool limit_option(const std::string &a, int argc, char **argv, int *i, kivod_limits *l);
+void limit_hint(int32_t status);
 
 int cmd_info(int argc, char **argv);
 int cmd_decode(int argc, char **argv);
