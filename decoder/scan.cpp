@@ -236,9 +236,13 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
                         w->stat_chroma[0] += level;
                         ++w->n_chroma;
                     }
-                    uint32_t *sum = j.mag[luma ? 0 : 1];
-                    for (int i = 0; i < 64; ++i) sum[i] += static_cast<uint32_t>(blk[i] < 0 ? -blk[i] : blk[i]);
-                    if (++j.mag_blocks == kMagFlush) flush_magnitudes(j);
+                    // A block without AC coefficients adds nothing to them
+                    // (its AC positions are zero), so it is not summed.
+                    if (!dc_only) {
+                        uint32_t *sum = j.mag[luma ? 0 : 1];
+                        for (int i = 0; i < 64; ++i) sum[i] += static_cast<uint32_t>(blk[i] < 0 ? -blk[i] : blk[i]);
+                        if (++j.mag_blocks == kMagFlush) flush_magnitudes(j);
+                    }
                 }
                 const kivod_idct_fn fn = dc_only ? j.idct_dc : j.idct;
                 if (j.mode == KIVOD_OUT_DIRECT) {

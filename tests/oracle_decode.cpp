@@ -364,10 +364,12 @@ TEST(OracleDecode, AnotherLayoutIsResizedPlaneByPlane) {
 }
 
 // The mean level averages the DC levels of the first component's blocks of
-// whole MCUs (libjpeg-turbo's coefficients give them); it, the block counts
-// and the DC counters do not depend on the reduction.
+// whole MCUs, and the statistics sum each AC position's magnitude over the
+// luma and the other blocks (libjpeg-turbo's coefficients give both; at
+// 64 x 48 every block lies inside the picture). The mean level, the block
+// counts and the DC counters do not depend on the reduction.
 TEST(OracleDecode, MeanLevelAndStatisticsAtEveryReduction) {
-    const int sizes[][2] = {{8, 8}, {333, 219}};
+    const int sizes[][2] = {{8, 8}, {333, 219}, {64, 48}};
     for (const Layout &l : {kLayouts[1], kLayouts[0], kLayouts[2], kLayouts[6]}) {
         for (const auto &sz : sizes) {
             turbo::EncodeSpec s = spec_for(l, sz[0], sz[1]);
@@ -380,6 +382,16 @@ TEST(OracleDecode, MeanLevelAndStatisticsAtEveryReduction) {
             const kivotest::Decoded full = kivotest::decode(jpg, 1);
             ASSERT_EQ(full.status, 0);
             EXPECT_EQ(full.stats.mean_level, want) << l.name << " " << sz[0];
+            if (sz[0] == 64) {
+                int64_t mag[2][64] = {};
+                for (size_t c = 0; c < coefs.size(); ++c)
+                    for (size_t k = 0; k < coefs[c].coef.size(); ++k)
+                        mag[c ? 1 : 0][k % 64] += std::abs(coefs[c].coef[k]);
+                for (int i = 1; i < 64; ++i) {
+                    EXPECT_EQ(full.stats.stat_luma[i], mag[0][i]) << l.name << " " << i;
+                    EXPECT_EQ(full.stats.stat_chroma[i], mag[1][i]) << l.name << " " << i;
+                }
+            }
             for (int denom : {2, 8}) {
                 const kivotest::Decoded one = kivotest::decode(jpg, 1, (sz[0] + denom - 1) / denom, (sz[1] + denom - 1) / denom);
                 ASSERT_EQ(one.status, 0);
