@@ -17,40 +17,20 @@
 #include <turbojpeg.h>
 
 #include "kivoc.h"
+#include "bench/bench_util.h"
 #include "kivod.h"
 #include "oracle_support/turbo.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-template <class F>
-double best_of(int reps, F &&f) {
-    double best = 1e30;
-    for (int i = 0; i < reps; ++i) {
-        const auto t0 = Clock::now();
-        if (!f()) return -1;
-        best = std::min(best, std::chrono::duration<double>(Clock::now() - t0).count());
-    }
-    return best;
-}
-
-std::vector<uint8_t> load(const char *path) {
-    std::vector<uint8_t> v;
-    FILE *f = std::fopen(path, "rb");
-    if (!f) return v;
-    uint8_t buf[65536];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof(buf), f)) > 0) v.insert(v.end(), buf, buf + n);
-    std::fclose(f);
-    return v;
-}
+using bench::best_of;
+using bench::load;
 
 void line(const char *what, double mp, double turbo_s, double ours_s) {
     std::printf("%-34s %10.1f %10.1f %8.2f\n", what, mp / turbo_s, mp / ours_s, turbo_s / ours_s);
 }
 
-int bench(const std::vector<uint8_t> &jpg, const char *label, int reps) {
+int bench_file(const std::vector<uint8_t> &jpg, const char *label, int reps) {
     tjhandle td = tjInitDecompress(), tc = tjInitCompress();
     int w = 0, h = 0, ss = 0, cspace = 0;
     if (jpg.empty() || tjDecompressHeader3(td, jpg.data(), jpg.size(), &w, &h, &ss, &cspace) != 0) {
@@ -146,7 +126,7 @@ int main(int argc, char **argv) {
     kivo_init();
     int rc = 0;
     if (!files.empty()) {
-        for (const char *f : files) rc |= bench(load(f), f, reps);
+        for (const char *f : files) rc |= bench_file(load(f), f, reps);
         return rc;
     }
     turbo::EncodeSpec s;
@@ -154,5 +134,5 @@ int main(int argc, char **argv) {
     s.height = 1536;
     s.h[0] = s.v[0] = 2;
     s.quality = 90;
-    return bench(turbo::encode(s, turbo::make_planes(s, 2024)), "generated 4:2:0 q90", reps);
+    return bench_file(turbo::encode(s, turbo::make_planes(s, 2024)), "generated 4:2:0 q90", reps);
 }

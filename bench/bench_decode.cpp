@@ -16,35 +16,14 @@
 
 #include <turbojpeg.h>
 
+#include "bench/bench_util.h"
 #include "kivod.h"
 #include "oracle_support/turbo.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-std::vector<uint8_t> load(const char *path) {
-    std::vector<uint8_t> v;
-    FILE *f = std::fopen(path, "rb");
-    if (!f) return v;
-    uint8_t buf[65536];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof(buf), f)) > 0) v.insert(v.end(), buf, buf + n);
-    std::fclose(f);
-    return v;
-}
-
-// Best of `reps` runs, in seconds.
-template <class F>
-double best_of(int reps, F &&f) {
-    double best = 1e30;
-    for (int i = 0; i < reps; ++i) {
-        const auto t0 = Clock::now();
-        if (!f()) return -1;
-        best = std::min(best, std::chrono::duration<double>(Clock::now() - t0).count());
-    }
-    return best;
-}
+using bench::best_of;
+using bench::load;
 
 struct Ours {
     kivo_tpool pool{};

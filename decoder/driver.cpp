@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "decoder/out.h"
+#include "xelo/xelo_int.h"
 
 namespace {
 
@@ -96,16 +97,14 @@ int32_t parse_saved_tables(kivod_ctx *ctx) {
     return KIVO_OK;
 }
 
-// Bytes the resizers of one picture take at most: per plane, its filter
-// tables and rows, once per thread (each slice has its own).
+// Bytes the resizers of one picture take: one per plane and thread (each
+// slice has its own).
 uint64_t resizer_bytes(const kivod_ctx *ctx) {
-    const uint64_t d = ctx->scale == 1 ? 1 : ctx->scale;
+    const int d = kivod_denom(ctx->scale);
     uint64_t per_thread = 0;
-    for (int c = 0; c < ctx->fh.n_comp; ++c) {
-        const uint64_t sw = (uint64_t(ctx->comp_w[c]) + d - 1) / d, sh = (uint64_t(ctx->comp_h[c]) + d - 1) / d;
-        const uint64_t dw = uint64_t(ctx->out_w[c]), dh = uint64_t(ctx->out_h[c]);
-        per_thread += 12 * (dw + dh) + 4 * (sw + dw + sh + dh) + 24 * dw + 256;
-    }
+    for (int c = 0; c < ctx->fh.n_comp; ++c)
+        per_thread += xelo::irsz_bytes((ctx->comp_w[c] + d - 1) / d, (ctx->comp_h[c] + d - 1) / d, ctx->out_w[c],
+                                       ctx->out_h[c]);
     return per_thread * uint64_t(kivo::thread_limit(ctx->tpool));
 }
 

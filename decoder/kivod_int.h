@@ -209,6 +209,8 @@ void kivod_dsp_init(kivod_dsp *dsp, uint32_t cpu_flags);
 const char *kivod_dsp_describe(uint32_t cpu_flags);
 // Block output size shift per scale: 3, 3, 2, 1, 0 for 0, 1, 2, 4, 8.
 extern const uint8_t tbl_blk_shift[9];
+// The reduction's denominator of a scale: 1 for 0 and 1, else the scale.
+inline int kivod_denom(int32_t scale) { return scale <= 1 ? 1 : scale; }
 
 // ---- context -----------------------------------------------------------------
 

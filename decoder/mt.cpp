@@ -33,7 +33,7 @@ int32_t first_line_from(int32_t src_h, int32_t dst_h, int32_t row) {
 void plan_resize(const kivod_ctx *ctx, kivod_work *w, int32_t next_row, int32_t rows, int32_t unit) {
     const kivod_sh &sh = ctx->sh;
     const int ns = sh.n_comp;
-    const int d = ctx->scale == 1 ? 1 : ctx->scale;
+    const int d = kivod_denom(ctx->scale);
     const int32_t nblk = 8 / d;
     int32_t extra_rows = 0;
     for (int k = 0; k < ns; ++k) {
@@ -73,7 +73,7 @@ void kivod_split_slices(kivod_ctx *ctx) {
     // Resized output hands strips of d MCU rows to the resizers; slices
     // start on strip boundaries, so every strip holds the same rows
     // whatever the split.
-    const int d = ctx->scale <= 1 ? 1 : ctx->scale;
+    const int d = kivod_denom(ctx->scale);
     const int32_t unit = ctx->scale != 0 ? d : 1;
     const int32_t units = (rows + unit - 1) / unit;
     // A file input is one stream position shared by every copy of its

@@ -294,7 +294,7 @@ int32_t kivod_dec_pic_prog(kivod_ctx *ctx, kivod_work *w) {
     const int scale = ctx->scale;
     const int n = 1 << tbl_blk_shift[scale];
     const kivod_idct_fn idct = ctx->dsp.idct[scale];
-    const int d = scale <= 1 ? 1 : scale;
+    const int d = kivod_denom(scale);
     int32_t status = KIVO_OK;
     for (int c = w->first_comp; c < w->first_comp + w->n_comp; ++c) {
         const kivod_qtbl &q = ctx->qtbl[ctx->fh.tq[c] & 3];

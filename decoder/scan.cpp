@@ -184,7 +184,7 @@ void end_resizers(Slice &j, bool flush) {
 int32_t open_resizers(Slice &j) {
     kivod_ctx *ctx = j.ctx;
     kivod_work *w = j.w;
-    const int d = ctx->scale == 1 ? 1 : ctx->scale;
+    const int d = kivod_denom(ctx->scale);
     for (int k = 0; k < j.ns; ++k) {
         ScanComp &s = j.sc[k];
         s.src_line = w->start_row[k] * j.nblk;

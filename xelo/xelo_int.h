@@ -10,6 +10,9 @@ namespace xelo {
 // axis of src source and dst destination samples.
 void irsz_taps(int32_t src, int32_t dst, int32_t j, int32_t *first, int32_t *count);
 
+// Bytes a resizer of these sizes allocates.
+uint64_t irsz_bytes(int32_t src_w, int32_t src_h, int32_t dst_w, int32_t dst_h);
+
 // A resizer of the whole plane the description gives that writes only the
 // destination lines [out_first, out_first + out_n) and is fed from source
 // row row0 on. Those lines come out exactly as a resizer fed from row 0

@@ -122,6 +122,13 @@ void taps_of(int32_t src, int32_t dst, int32_t j, int32_t *first, int32_t *count
     }
 }
 
+// Weights one axis holds: shrinking needs at most src + dst taps in all
+// (each destination sample adds at most one sample shared with its
+// neighbour); enlarging 2 each.
+size_t axis_taps(int32_t src, int32_t dst) {
+    return dst < src ? size_t(src) + size_t(dst) : size_t(2) * size_t(dst);
+}
+
 // Fills the table of one axis; false when an allocation fails.
 bool build_axis(Axis &a, int32_t src, int32_t dst) {
     a.shrink = dst < src;
@@ -129,10 +136,7 @@ bool build_axis(Axis &a, int32_t src, int32_t dst) {
     a.first = alloc_array<int32_t>(size_t(dst));
     a.count = alloc_array<int32_t>(size_t(dst));
     a.offset = alloc_array<int32_t>(size_t(dst));
-    // Shrinking needs at most src + dst taps in all (each destination sample
-    // adds at most one sample shared with its neighbour); enlarging 2 each.
-    const size_t taps = a.shrink ? size_t(src) + size_t(dst) : size_t(2) * size_t(dst);
-    a.weight = alloc_array<uint32_t>(taps);
+    a.weight = alloc_array<uint32_t>(axis_taps(src, dst));
     if (!a.first || !a.count || !a.offset || !a.weight) return false;
 
     int32_t pos = 0;
@@ -206,6 +210,14 @@ void push_row_interp(Resizer &r, int32_t i) {
 }
 
 }  // namespace
+
+uint64_t irsz_bytes(int32_t src_w, int32_t src_h, int32_t dst_w, int32_t dst_h) {
+    const auto axis = [](int32_t src, int32_t dst) {
+        return 3 * sizeof(int32_t) * uint64_t(dst) + sizeof(uint32_t) * axis_taps(src, dst);
+    };
+    return sizeof(Resizer) + axis(src_w, dst_w) + axis(src_h, dst_h) +
+           2 * (sizeof(uint32_t) + sizeof(uint64_t)) * uint64_t(dst_w);
+}
 
 void irsz_taps(int32_t src, int32_t dst, int32_t j, int32_t *first, int32_t *count) {
     taps_of(src, dst, j, first, count, nullptr);
