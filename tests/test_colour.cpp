@@ -70,8 +70,8 @@ void ref_from_packed(const std::vector<uint8_t> &px, int format, Img *im) {
     std::vector<int> full[3];
     for (size_t i = 0; i < size_t(w) * h; ++i) {
         const uint8_t *s = &px[i * bpp];
-        const int r = s[format == KIVOC_BGRA ? 2 : 0], g = s[1], b = s[format == KIVOC_BGRA ? 0 : 2];
         const bool grey = format == KIVOC_GREY;
+        const int r = s[format == KIVOC_BGRA ? 2 : 0], g = s[grey ? 0 : 1], b = s[grey || format == KIVOC_BGRA ? 0 : 2];
         full[0].push_back(grey ? s[0] : floor_div(q14(299000) * r + q14(587000) * g + q14(114000) * b + 8192, 16384));
         full[1].push_back(grey ? 128 : floor_div(-q14(168736) * r - q14(331264) * g + q14(500000) * b + 8191, 16384) + 128);
         full[2].push_back(grey ? 128 : floor_div(q14(500000) * r - q14(418688) * g - q14(81312) * b + 8191, 16384) + 128);
