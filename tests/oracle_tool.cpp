@@ -1,9 +1,6 @@
-// The kivo tool's file formats through its own commands. A generated RGB or
-// grey picture is written as PNG, PPM or PGM, encoded by `kivo encode` and
-// decoded again by `kivo decode`; libjpeg-turbo decodes the same JPEG
-// (tjDecompress2) as the reference for both steps. `kivo info` reports the
-// Exif orientation of hand-made APP1 segments. A batch goes on past a
-// failing file and says so in its exit status.
+// The kivo tool through its own commands: PNG, PPM and PGM encoded and
+// decoded again, with libjpeg-turbo's decode of the same JPEG as the
+// reference; Exif orientation; default limits; batches past a failing file.
 #include <gtest/gtest.h>
 #include <turbojpeg.h>
 
@@ -133,20 +130,12 @@ TEST(OracleTool, InfoReportsExifOrientation) {
     };
     for (const Case &c : cases) {
         // TIFF header, then the first IFD: two SHORT entries (orientation,
-        // resolution unit), no next IFD.
-        const auto u16 = [&](std::vector<uint8_t> *v, int x) {
-            v->push_back(static_cast<uint8_t>(c.little ? x : x >> 8));
-            v->push_back(static_cast<uint8_t>(c.little ? x >> 8 : x));
-        };
-        std::vector<uint8_t> tiff = {static_cast<uint8_t>(c.little ? 'I' : 'M'), static_cast<uint8_t>(c.little ? 'I' : 'M')};
-        u16(&tiff, 42), u16(&tiff, c.little ? 8 : 0), u16(&tiff, c.little ? 0 : 8), u16(&tiff, 2);
-        for (const int tag : {0x0112, 0x0128}) {
-            u16(&tiff, tag), u16(&tiff, 3);
-            const int count[2] = {1, 0};
-            u16(&tiff, c.little ? count[0] : count[1]), u16(&tiff, c.little ? count[1] : count[0]);
-            u16(&tiff, tag == 0x0112 ? c.value : 2), u16(&tiff, 0);
-        }
-        tiff.insert(tiff.end(), 4, 0);
+        // resolution unit), no next IFD. Fields are (value, bytes).
+        const int fields[][2] = {{42, 2}, {8, 4}, {2, 2}, {0x0112, 2}, {3, 2}, {1, 4}, {c.value, 2}, {0, 2},
+                                 {0x0128, 2}, {3, 2}, {1, 4}, {2, 2}, {0, 2}, {0, 4}};
+        std::vector<uint8_t> tiff(2, c.little ? 'I' : 'M');
+        for (const auto &f : fields)
+            for (int i = 0; i < f[1]; ++i) tiff.push_back(static_cast<uint8_t>(f[0] >> 8 * (c.little ? i : f[1] - 1 - i)));
         if (c.keep) tiff.resize(c.keep);
         std::vector<uint8_t> app = {0xFF, 0xE1, 0, 0, 'E', 'x', 'i', 'f', 0, 0};
         app.insert(app.end(), tiff.begin(), tiff.end());
