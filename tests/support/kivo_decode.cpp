@@ -29,34 +29,27 @@ Decoded decode(const std::vector<uint8_t> &jpg, int threads, int out_w, int out_
     r.width = info.width;
     r.height = info.height;
     r.color_format = info.color_format;
-    if (r.status == 0) {
-        const int32_t w = out_w ? out_w : info.width, h = out_h ? out_h : info.height;
-        const int32_t cs = out_cs ? out_cs : info.color_format;
-        const uint32_t align[4] = {XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16)};
-        const uint32_t pad[4] = {XELO_PAIR(8, 8), XELO_PAIR(8, 8), XELO_PAIR(8, 8), XELO_PAIR(8, 8)};
-        xelo_imgb *img = xelo_imgb_create(w, h, cs, 3, align, pad, 0, 0, 0);
-        if (!img) {
-            r.status = KIVO_ERR_IMGB;
-        } else {
-            int32_t pw[4], ph[4], np = 0;
-            xelo_cs_planes(cs, w, h, pw, ph, &np);
-            for (int p = 0; p < 4; ++p)
-                if (img->plane[p]) std::memset(img->plane[p], 0x5A, static_cast<size_t>(img->stride[p]) * img->lines[p]);
-            r.status = kivod_clone(ctx, img);
-            for (int p = 0; p < 4; ++p) {
-                if (!img->plane[p] || pw[p] == 0) continue;
-                testpic::Plane pl;
-                pl.w = pw[p];
-                pl.h = ph[p];
-                pl.px.resize(static_cast<size_t>(pl.w) * pl.h);
-                for (int y = 0; y < pl.h; ++y)
-                    std::memcpy(&pl.px[static_cast<size_t>(y) * pl.w], img->plane[p] + static_cast<ptrdiff_t>(y) * img->stride[p], pl.w);
-                r.planes.push_back(std::move(pl));
-            }
-            kivod_get_stats(ctx, &r.stats);
-            kivod_get_progress(ctx, &r.progress);
-            img->release(img);
+    const int32_t w = out_w ? out_w : info.width, h = out_h ? out_h : info.height, cs = out_cs ? out_cs : info.color_format;
+    const uint32_t align[4] = {XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16)};
+    const uint32_t pad[4] = {XELO_PAIR(8, 8), XELO_PAIR(8, 8), XELO_PAIR(8, 8), XELO_PAIR(8, 8)};
+    xelo_imgb *img = r.status == 0 ? xelo_imgb_create(w, h, cs, 3, align, pad, 0, 0, 0) : nullptr;
+    if (r.status == 0 && !img) r.status = KIVO_ERR_IMGB;
+    if (img) {
+        int32_t pw[4], ph[4], np = 0;
+        xelo_cs_planes(cs, w, h, pw, ph, &np);
+        for (int p = 0; p < 4; ++p)
+            if (img->plane[p]) std::memset(img->plane[p], 0x5A, static_cast<size_t>(img->stride[p]) * img->lines[p]);
+        r.status = kivod_clone(ctx, img);
+        for (int p = 0; p < 4; ++p) {
+            if (!img->plane[p] || pw[p] == 0) continue;
+            testpic::Plane pl{pw[p], ph[p], {}};
+            for (int y = 0; y < pl.h; ++y)
+                pl.px.insert(pl.px.end(), img->plane[p] + ptrdiff_t(y) * img->stride[p], img->plane[p] + ptrdiff_t(y) * img->stride[p] + pl.w);
+            r.planes.push_back(std::move(pl));
         }
+        kivod_get_stats(ctx, &r.stats);
+        kivod_get_progress(ctx, &r.progress);
+        img->release(img);
     }
     kivod_delete(ctx);
     return r;
