@@ -99,7 +99,9 @@ xelo_imgb *make_img(int w, int h, int cs) {
     return xelo_imgb_create(w, h, cs, 3, al, pad, 0, 0, 0);
 }
 
-TEST(DecApi, DispatchStatuses) {
+// Statuses of the entry points, and a failing allocation while creating a
+// decoder with workers: -102 and nothing left behind.
+TEST(DecApi, DispatchStatusesAndCreateFailures) {
     EXPECT_EQ(kivod_info(), KIVO_ERR_UNSUPPORTED);
     Handle h;
     ASSERT_NE(h.ctx, nullptr);
@@ -112,15 +114,9 @@ TEST(DecApi, DispatchStatuses) {
     alignas(32) uint8_t fake[sizeof(kivod_ctx)] = {0x45, 0x47, 0x50, 0x4A};
     EXPECT_EQ(kivod_decode(reinterpret_cast<kivod_ctx *>(fake), &in, &info), KIVO_ERR_INVALID_ARG);
     kivod_delete(reinterpret_cast<kivod_ctx *>(fake));  // ignored
-    // An emptied slot answers -104.
-    kivod_platform_deinit(h.ctx);
+    kivod_platform_deinit(h.ctx);  // an emptied slot answers -104
     EXPECT_EQ(kivod_decode(h.ctx, &in, &info), KIVO_ERR_UNAVAILABLE);
     kivod_set_ppi(h.ctx);
-}
-
-// A failing allocation while creating a decoder with workers: -102 and
-// nothing left behind.
-TEST(DecApi, CreateFailsCleanly) {
     kivo_tpool pool;
     kivo_tpool_std(&pool, 3);
     const int32_t live = xelo_mem_live();

@@ -1,15 +1,353 @@
-// Huffman decoding tables and coefficient decoding. Streams are produced by
-// a small encoder written here (canonical codes, run/size symbols with their
-// value bits), independent of the decoder's tables.
+// The bit-stream reader, the marker segment parsers, the Huffman tables and
+// coefficient decoding, fed bytes in exactly sized buffers so the sanitizer
+// catches any read past the caller's bytes. Expected bits come from a bit
+// model with stuffing removed; coefficient streams from a small encoder
+// written here (canonical codes, run/size symbols with their value bits),
+// independent of the decoder's tables.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <memory>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "decoder/kivod_int.h"
 
 namespace {
+
+// Bytes in an exactly sized block, read from memory or, with `file`, from a
+// temporary file (removed with the object).
+struct Mem {
+    std::unique_ptr<uint8_t[]> data;
+    xelo_bitb bitb{};
+    kivod_bs bs{};
+    std::string path;
+    kivo_mfal mfal{};
+    explicit Mem(const std::vector<uint8_t> &b, bool file = false) : data(new uint8_t[b.size()]) {
+        std::copy(b.begin(), b.end(), data.get());
+        bitb.addr = data.get();
+        bitb.ssize = static_cast<int32_t>(b.size());
+        kivod_input in{KIVOD_INPUT_BITB, &bitb, nullptr};
+        if (file) {
+            char name[] = "/tmp/kivo_bs_XXXXXX";
+            FILE *f = fdopen(mkstemp(name), "wb");
+            fwrite(b.data(), 1, b.size(), f);
+            fclose(f);
+            path = name;
+            kivo_mfal_file(&mfal, path.c_str());  // the interface keeps the name
+            in = {KIVOD_INPUT_MFAL, nullptr, &mfal};
+        }
+        EXPECT_EQ(kivod_bs_init(&bs, &in), 0);
+    }
+    ~Mem() {
+        kivod_bs_deinit(&bs);
+        if (!path.empty()) std::remove(path.c_str());
+    }
+    size_t offset() const { return static_cast<size_t>(bs.cur - bs.start); }
+};
+
+// Random bytes rich in 0xFF, stuffed zeros and restart-like markers.
+std::vector<uint8_t> random_stream(std::mt19937 &rng, size_t n) {
+    std::vector<uint8_t> s;
+    while (s.size() < n) {
+        const uint8_t pick[][2] = {{0xFF, 0x00}, {0xFF, 0xD0}, {0xFF}, {0x00}};
+        const int k = rng() % 8;
+        if (k < 2) s.insert(s.end(), pick[k], pick[k] + 2);
+        else s.push_back(k < 4 ? pick[k][0] : static_cast<uint8_t>(rng()));
+    }
+    return s;
+}
+
+// Random reads, peeks, skips and alignments on a memory and a file reader in
+// step, checked against the model while the bits lie wholly inside the
+// data, and alike after giving the cache back (which ends the round: the
+// model's position is lost there).
+TEST(DecBs, RandomOperationsMatchBitModelFromMemoryAndFile) {
+    std::mt19937 rng(7);
+    for (int round = 0; round < 200; ++round) {
+        const std::vector<uint8_t> bytes = random_stream(rng, 1 + rng() % 160);
+        std::vector<int> bits;  // a 0x00 right after 0xFF is dropped
+        for (size_t i = 0; i < bytes.size(); ++i)
+            if (!(i && bytes[i - 1] == 0xFF && bytes[i] == 0))
+                for (int b = 7; b >= 0; --b) bits.push_back((bytes[i] >> b) & 1);
+        Mem m(bytes), f(bytes, true);
+        for (size_t pos = 0, step = 0; step < 200; ++step) {
+            const int op = rng() % 16, n = op < 6 ? 1 + static_cast<int>(rng() % 16) : 1 + static_cast<int>(rng() % 32);
+            if (op == 0 && m.bs.end - m.bs.cur > 8) {
+                ASSERT_EQ(kivod_bs_rewind_cache(&m.bs, step % 3), 0);
+                ASSERT_EQ(kivod_bs_rewind_cache(&f.bs, step % 3), 0);
+                ASSERT_EQ(f.bs.pos, static_cast<uint32_t>(m.offset()));
+                ASSERT_EQ(m.bs.read_byte(&m.bs, 1 + n % 4), f.bs.read_byte(&f.bs, 1 + n % 4));
+                break;
+            }
+            if (op == 1) {
+                kivod_bs_align_byte(&m.bs);
+                kivod_bs_align_byte(&f.bs);
+                pos = (pos + 7) & ~size_t(7);
+                continue;
+            }
+            uint32_t want = 0, a = 0, b = 0;
+            for (int i = 0; i < n && pos + n <= bits.size(); ++i) want = want << 1 | static_cast<uint32_t>(bits[pos + i]);
+            if (op < 6) {
+                a = kivod_bs_peek(&m.bs, n);
+                b = kivod_bs_peek(&f.bs, n);
+            } else if (op < 9) {
+                kivod_bs_skip(&m.bs, n);
+                kivod_bs_skip(&f.bs, n);
+                a = b = want;
+            } else {
+                a = kivod_bs_read(&m.bs, n);
+                b = kivod_bs_read(&f.bs, n);
+            }
+            if (pos + n <= bits.size()) {
+                ASSERT_EQ(a, want) << "round " << round << " pos " << pos;
+                ASSERT_TRUE(a == b && m.bs.bits == f.bs.bits) << "round " << round << " step " << step;
+            }
+            pos += op < 6 ? 0 : n;
+        }
+    }
+}
+
+TEST(DecBs, EndOfInput) {
+    Mem in({0x81, 0xFF, 0x7E});
+    EXPECT_EQ(in.bs.refill(&in.bs, 4), 0);  // fewer than 32 bits
+    EXPECT_EQ(in.bs.bits, 24);
+    EXPECT_TRUE(kivod_bs_input_done(&in.bs));
+    EXPECT_EQ(in.bs.refill(&in.bs, 4), KIVO_ERR_UNAVAILABLE);
+    EXPECT_EQ(kivod_bs_read(&in.bs, 8), 0u);
+    EXPECT_EQ(kivod_bs_peek(&in.bs, 16), 0u);
+    // A peek that cannot load more keeps the cached bits.
+    Mem p({0xC3});
+    EXPECT_EQ(kivod_bs_read(&p.bs, 2), 3u);
+    EXPECT_EQ(kivod_bs_peek(&p.bs, 16), 0x0C00u);
+    EXPECT_EQ(kivod_bs_read(&p.bs, 6), 3u);
+    // A stuffing zero as the last byte goes with the 0xFF that ends a refill.
+    Mem z({0x11, 0x22, 0x33, 0xFF, 0x00});
+    EXPECT_EQ(z.bs.refill(&z.bs, 4), 0);
+    EXPECT_TRUE(kivod_bs_input_done(&z.bs));
+    // Whole bytes past the end read as 0 and cur stops at end + 1.
+    Mem b({0xAB});
+    EXPECT_EQ(b.bs.read_byte(&b.bs, 4), 0xAB000000u);
+    EXPECT_EQ(b.bs.cur, b.bs.end + 1);
+}
+
+TEST(DecBs, RestartSync) {
+    struct Case {
+        std::vector<uint8_t> bytes;
+        int pre_read;     // bits read before the call
+        int32_t status;
+        int16_t pred0;    // predictor 0 afterwards (starts at 99)
+        uint32_t next16;  // next 16 bits afterwards
+    } cases[] = {
+        {{0xA5, 0x12, 0xFF, 0xD3, 0x5A, 0x77}, 3, 0, 0, 0x5A77},
+        {{0x12, 0xFF, 0x00, 0xFF, 0xD1, 0x77, 0x88}, 4, 0, 0, 0x7788},  // stuffed FF before
+        {{0x12, 0x34, 0xFF, 0xD9}, 1, 0, 99, 0xFFD9},                   // EOI: nothing consumed
+        {{0x12, 0x34, 0x56}, 2, KIVO_ERR_MALFORMED, 99, 0},
+    };
+    for (const Case &c : cases) {
+        Mem in(c.bytes);
+        kivod_bs_read(&in.bs, c.pre_read);
+        int16_t pred[4] = {99, 99, 99, 99};
+        int32_t mcu = 5;
+        EXPECT_EQ(kivod_bs_sync_restart(&in.bs, pred, &mcu), c.status);
+        EXPECT_EQ(pred[0], c.pred0);
+        if (c.status == 0) {
+            EXPECT_EQ(mcu, 0);
+            EXPECT_EQ(kivod_bs_read(&in.bs, 16), c.next16);
+        }
+    }
+}
+
+// ---- segments ----------------------------------------------------------------------
+
+TEST(DecSeg, QuantizationTables) {
+    auto qt = std::make_unique<kivod_qtbl[]>(4);
+    uint8_t unit[4] = {9, 9, 9, 9};
+    // Two 8-bit tables (0, 1) and a 16-bit one (3) in one segment, then all ones (2).
+    std::vector<uint8_t> s = {0x01, 0x05};  // 2 + 2 x 65 + 129 bytes
+    for (int t : {0x00, 0x01, 0x13})
+        for (int k = -1; k < 64; ++k) {
+            if (k < 0) s.push_back(static_cast<uint8_t>(t));
+            else if (t == 0x13) s.insert(s.end(), {static_cast<uint8_t>((300 + k) >> 8), static_cast<uint8_t>(300 + k)});
+            else s.push_back(static_cast<uint8_t>(10 * t + 1 + k));
+        }
+    Mem m(s);
+    ASSERT_EQ(kivod_vld_qtbl(&m.bs, qt.get(), unit, 1), 0);
+    EXPECT_EQ(m.offset(), s.size());
+    for (int k = 0; k < 64; ++k) {
+        EXPECT_EQ(qt[0].q[kivo_tbl_zig_to_ras[k]], 1 + k);
+        EXPECT_EQ(qt[1].q_copy[kivo_tbl_zig_to_ras[k]], 11 + k);
+        EXPECT_EQ(qt[3].q[kivo_tbl_zig_to_ras[k]], 300 + k);
+    }
+    EXPECT_EQ(qt[1].length, s.size());
+    EXPECT_EQ(qt[3].precision, 1);
+    EXPECT_EQ(unit[3], 0);
+    s = {0, 67, 0x02};
+    s.insert(s.end(), 64, 1);
+    Mem ones(s);
+    ASSERT_EQ(kivod_vld_qtbl(&ones.bs, qt.get(), unit, 0), 0);
+    EXPECT_EQ(unit[2], 1);
+    for (uint8_t bad : {0x20, 0x04}) {  // Pq 2, Tq 4
+        Mem b({0, 67, bad, 1, 2});
+        EXPECT_EQ(kivod_vld_qtbl(&b.bs, qt.get(), unit, 0), KIVO_ERR_MALFORMED);
+    }
+}
+
+TEST(DecSeg, HuffmanSegments) {
+    auto spec = std::make_unique<kivod_htbl_spec[]>(8);
+    auto dc = std::make_unique<kivod_dc_tbl[]>(4);
+    auto ac = std::make_unique<kivod_ac_tbl[]>(4);
+    // A DC table (id 1: two codes of length 1) and an AC table (id 2) in one segment.
+    std::vector<uint8_t> s = {0, 2 + 19 + 19, 0x01, 2};
+    s.insert(s.end(), 15, 0);
+    s.insert(s.end(), {5, 7, 0x12, 2});
+    s.insert(s.end(), 15, 0);
+    s.insert(s.end(), {0x01, 0x00});
+    Mem m(s);
+    ASSERT_EQ(kivod_vld_htbl(&m.bs, spec.get(), dc.get(), ac.get()), 0);
+    EXPECT_EQ(m.offset(), s.size());
+    EXPECT_EQ(spec[1].vals[1], 7);
+    EXPECT_EQ(spec[6].cls, 1);
+    EXPECT_EQ(dc[1].code[7].code, 1);
+    EXPECT_EQ(ac[2].eob, 1);
+    // Class 2 and identifier 4 are refused before anything is stored; so are 257 codes.
+    spec[2].count = 77;
+    std::vector<uint8_t> big = {0x01, 0x13, 0x10};
+    big.insert(big.end(), 14, 0);
+    big.insert(big.end(), {2, 255});
+    big.insert(big.end(), 257, 1);
+    for (const std::vector<uint8_t> &b : {std::vector<uint8_t>{0, 19, 0x22, 1, 0}, {0, 19, 0x04, 1, 0}, big}) {
+        Mem bad(b);
+        EXPECT_EQ(kivod_vld_htbl(&bad.bs, spec.get(), dc.get(), ac.get()), KIVO_ERR_MALFORMED);
+    }
+    EXPECT_EQ(spec[2].count, 77);
+}
+
+TEST(DecSeg, FrameHeader) {
+    struct Case {
+        std::vector<uint8_t> body;
+        int32_t status;
+    } cases[] = {
+        {{0, 17, 8, 0, 16, 0, 24, 3, 1, 0x22, 0, 2, 0x11, 1, 3, 0x11, 1}, 0},
+        {{0, 11, 12, 0, 16, 0, 24, 1, 1, 0x11, 0}, KIVO_ERR_UNSUPPORTED},
+        {{0, 11, 8, 0, 0, 0, 24, 1, 1, 0x11, 0}, KIVO_ERR_MALFORMED},
+        {{0, 11, 8, 0, 16, 0, 24, 5}, KIVO_ERR_UNSUPPORTED},
+        {{0, 8, 8, 0, 16, 0, 24, 0}, 0},
+        {{0, 11, 8, 0, 16, 0, 24, 1, 1, 0x00, 0}, KIVO_ERR_MALFORMED},  // H = V = 0
+        {{0, 11, 8, 0, 16, 0, 24, 1, 1, 0x01, 0}, 0},  // H = 0: a layout the driver refuses
+        {{0, 11, 8, 0, 16, 0, 24, 1, 1, 0x15, 0}, KIVO_ERR_MALFORMED},  // V = 5
+        {{0, 11, 8, 0, 16, 0, 24, 1, 1, 0x51, 0}, KIVO_ERR_MALFORMED},  // H = 5
+        {{0, 11, 8, 0, 16, 0, 24, 1, 1, 0x11, 4}, KIVO_ERR_MALFORMED},  // Tq = 4
+        {{0, 17, 8, 0, 16, 0}, KIVO_ERR_MALFORMED},                     // truncated: X reads 0
+    };
+    for (const Case &c : cases) {
+        Mem m(c.body);
+        kivod_fh fh;
+        EXPECT_EQ(kivod_vld_fh(&m.bs, &fh), c.status);
+        EXPECT_LE(m.offset(), c.body.size());
+    }
+}
+
+TEST(DecSeg, ScanHeader) {
+    auto ctx = std::make_unique<kivod_ctx>();
+    kivod_fh &fh = ctx->fh;
+    fh.n_comp = 3;
+    for (int i = 0; i < 3; ++i) fh.h[i] = fh.v[i] = i ? 1 : 2;
+    for (int i = 0; i < 3; ++i) fh.comp_id[i] = static_cast<uint8_t>(1 + i);
+    Mem sel({0, 12, 3, 1, 0x00, 3, 0x11, 2, 0x23, 0, 63, 0x00});  // selectors out of frame order
+    kivod_sh sh;
+    ASSERT_EQ(kivod_vld_sh(ctx.get(), &sel.bs, &sh), 0);
+    EXPECT_TRUE(sh.comp_idx[1] == 2 && sh.comp_idx[2] == 1 && sh.td[1] == 2 && sh.ta[1] == 3 && sh.se == 63);
+    struct Case {
+        std::vector<uint8_t> body;
+        int32_t status;
+    } cases[] = {
+        {{0, 6, 0, 1, 5, 0x21}, 0},                            // Ns = 0
+        {{0, 6, 5}, KIVO_ERR_MALFORMED},                       // Ns = 5
+        {{0, 8, 1, 9, 0x00, 0, 63, 0}, KIVO_ERR_MALFORMED},    // unknown selector
+        {{0, 8, 1, 2, 0x40, 0, 63, 0}, KIVO_ERR_MALFORMED},    // Td = 4
+        {{0, 8, 1, 2, 0x04, 0, 63, 0}, KIVO_ERR_MALFORMED},    // Ta = 4
+        {{0, 8, 1, 2, 0x00, 64, 63, 0}, KIVO_ERR_MALFORMED},   // Ss = 64
+        {{0, 8, 1, 2, 0x00, 0, 64, 0}, KIVO_ERR_MALFORMED},    // Se = 64
+        {{0, 8, 1, 2, 0x00, 1, 5, 0xE0}, KIVO_ERR_MALFORMED},  // Ah = 14
+        {{0, 8, 1, 2, 0x00, 1, 5, 0x0E}, KIVO_ERR_MALFORMED},  // Al = 14
+    };
+    for (const Case &c : cases) {
+        Mem m(c.body);
+        EXPECT_EQ(kivod_vld_sh(ctx.get(), &m.bs, &sh), c.status);
+        if (c.status == 0) {
+            EXPECT_EQ(m.offset(), c.body.size());
+            EXPECT_EQ(sh.ss * 1000 + sh.se * 100 + sh.ah * 10 + sh.al, 1521);
+        }
+    }
+    // Blocks per MCU above 10: over the scan's own components (3x3 + 2 + 1),
+    // or over the frame's first Ns (3x3 + 2 for a scan of the other two).
+    fh.h[0] = fh.v[0] = 3;
+    fh.h[1] = 2;
+    for (const std::vector<uint8_t> &b : {std::vector<uint8_t>{0, 12, 3, 1, 0, 2, 0, 3, 0, 0, 63, 0}, {0, 10, 2, 2, 0, 3, 0, 0, 63, 0}}) {
+        Mem m(b);
+        EXPECT_EQ(kivod_vld_sh(ctx.get(), &m.bs, &sh), KIVO_ERR_MALFORMED);
+    }
+}
+
+TEST(DecSeg, AppSkipAndMarkers) {
+    // APP1 of length 2 then APP2 with 3 bytes, then a marker.
+    Mem m({0, 2, 0, 5, 'a', 'b', 'c', 0xFF, 0xDB});
+    auto ctx = std::make_unique<kivod_ctx>();
+    ASSERT_EQ(kivod_vld_app(ctx.get(), &m.bs, 0xE1), 0);
+    ASSERT_EQ(kivod_vld_app(ctx.get(), &m.bs, 0xE2), 0);
+    const kivod_app_node *list = ctx->app_list;
+    ASSERT_TRUE(list && list->next);
+    EXPECT_EQ(list->size, 0u);
+    EXPECT_EQ(list->next->data, m.data.get() + 4);  // no copy from memory
+    EXPECT_EQ(m.bs.read_byte(&m.bs, 2), 0xFFDBu);
+    Mem past({0, 9, 1, 2});  // running past the end: refused, list unchanged
+    EXPECT_EQ(kivod_vld_app(ctx.get(), &past.bs, 0xE3), KIVO_ERR_MALFORMED);
+    EXPECT_EQ(list->next->next, nullptr);
+    kivod_release_app_list(ctx.get());
+    // skip_seg: 0 inside the input, 1 once it is used up.
+    Mem s({0, 4, 7, 7, 0xFF, 0xD9});
+    EXPECT_EQ(kivod_vld_skip_seg(&s.bs), 0);
+    EXPECT_EQ(s.offset(), 4u);
+    Mem s2({0, 40, 7, 7});
+    EXPECT_EQ(kivod_vld_skip_seg(&s2.bs), 1);
+    EXPECT_EQ(s2.bs.cur, s2.bs.end + 1);
+    struct Mk {
+        std::vector<uint8_t> b;
+        int32_t soi, eoi;
+    } mk[] = {{{0xFF, 0xD8}, 0, KIVO_ERR_MALFORMED}, {{0xFF, 0xD9}, KIVO_ERR_MALFORMED, 0},
+              {{0x00, 0xD8}, KIVO_ERR_MALFORMED, KIVO_ERR_MALFORMED}};
+    for (const Mk &c : mk) {
+        Mem a(c.b), b(c.b);
+        EXPECT_EQ(kivod_vld_soi(&a.bs), c.soi);
+        EXPECT_EQ(kivod_vld_eoi(&b.bs), c.eoi);
+    }
+}
+
+// The trailer check, from memory and from a file: it keeps the position.
+TEST(DecSeg, CheckEoiMemoryAndFile) {
+    struct Case {
+        std::vector<uint8_t> b;
+        int32_t status;
+    } cases[] = {
+        {{0xFF, 0xD8, 1, 2, 0xFF, 0xD9, 0x00}, 0},  // trailing byte
+        {{0xFF, 0xD8, 1, 2, 0xFF, 0xD9}, 0},
+        {{0xFF, 0xD8, 1, 2, 3, 4}, KIVO_ERR_MALFORMED},
+        {{0xFF, 0xD9, 1, 2, 3, 4}, KIVO_ERR_MALFORMED},  // only behind the reader
+    };
+    for (const Case &c : cases) {
+        Mem m(c.b);
+        m.bs.read_byte(&m.bs, 2);
+        EXPECT_EQ(kivod_chk_eoi(&m.bs), c.status);
+        Mem f(c.b, true);
+        f.bs.read_byte(&f.bs, 2);
+        EXPECT_EQ(kivod_chk_eoi(&f.bs), c.status);
+        EXPECT_EQ(f.bs.read_byte(&f.bs, 1), c.b[2]);
+    }
+}
+
+// ---- Huffman tables and coefficients ---------------------------------------------------
 
 struct Dht {
     std::vector<uint8_t> bits, vals;
@@ -158,21 +496,11 @@ struct Quant {
 using AcFn = int32_t (*)(kivod_bs *, const kivod_qtbl *, const kivod_ac_tbl *, uint64_t *,
                          int16_t *, int16_t *);
 
-struct Reader {
-    std::unique_ptr<uint8_t[]> data;
-    xelo_bitb bitb{};
-    kivod_bs bs{};
-    explicit Reader(const std::vector<uint8_t> &b) : data(new uint8_t[b.size()]) {
-        std::copy(b.begin(), b.end(), data.get());
-        bitb.addr = data.get();
-        bitb.ssize = static_cast<int32_t>(b.size());
-        kivod_input in{KIVOD_INPUT_BITB, &bitb, nullptr};
-        EXPECT_EQ(kivod_bs_init(&bs, &in), 0);
-    }
-};
-
-const Dht kLongSym = {{1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}, {0x00, 0x01}};  // EOB "0", 0x01 in 9 bits
-const Dht kLongEob = {{1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}, {0x01, 0x00}};  // 0x01 "0", EOB in 9 bits
+// Eight codes, of lengths 1 to 7 and 9: the 9-bit code "111111100" is one
+// bit longer than the symbol count allows. EOB "0" and 0x01 in 9 bits, or
+// the other way round.
+const Dht kLongSym = {{1, 1, 1, 1, 1, 1, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0}, {0x00, 0x21, 0x22, 0x23, 0x24, 0x25, 0x26, 0x01}};
+const Dht kLongEob = {{1, 1, 1, 1, 1, 1, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0}, {0x01, 0x21, 0x22, 0x23, 0x24, 0x25, 0x26, 0x00}};
 
 TEST(DecVld, TableBuildFailures) {
     const Dht over = {{3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, {1, 2, 3}};
@@ -222,7 +550,7 @@ TEST(DecVld, BlocksAtEveryScale) {
         }
         const std::vector<uint8_t> stream = w.finish();
         for (const auto &r : routines) {
-            Reader in(stream);
+            Mem in(stream);
             uint64_t dc_count[12] = {}, want_dc[12] = {}, ac_count[256] = {};
             uint64_t *counts = qmode == 0 && r.last == 63 ? ac_count : nullptr;
             for (size_t i = 0; i < blocks.size(); ++i) {
@@ -251,7 +579,7 @@ TEST(DecVld, BlocksAtEveryScale) {
     // A category 11 DC difference whose extra bits are all zero.
     Writer w;
     w.bits("111111110" "00000000000");
-    Reader in(w.finish());
+    Mem in(w.finish());
     int16_t diff = 0;
     ASSERT_EQ(kivod_vld_dc(&in.bs, 1, &t.dc[0], nullptr, &diff), 0);
     EXPECT_EQ(diff, -2047);
@@ -262,7 +590,7 @@ TEST(DecVld, BlocksAtEveryScale) {
     b.lev[1] = 600;
     Writer w2;
     encode(w2, b, dc, ac);
-    Reader in2(w2.finish());
+    Mem in2(w2.finish());
     int16_t blk[64] = {}, dc_only;
     uint64_t counts[256] = {};
     ASSERT_EQ(kivod_vld_dc(&in2.bs, 2, &t.dc[0], nullptr, &diff), 0);
@@ -278,8 +606,8 @@ TEST(DecVld, MalformedCodes) {
     } cases[] = {
         {&kLumaAc, "00" "1111111111111111", 0, KIVO_ERR_MALFORMED},
         {&kLumaAc, "1111111111111111", KIVO_ERR_MALFORMED, 0},
-        {&kLongSym, "00" "100000000" "1" "0", 0, KIVO_ERR_MALFORMED},  // longer than the symbol count allows
-        {&kLongEob, "00" "0" "1" "100000000", 0, 0},
+        {&kLongSym, "00" "111111100" "1" "0", 0, KIVO_ERR_MALFORMED},  // longer than the symbol count allows
+        {&kLongEob, "00" "0" "1" "111111100", 0, 0},
         {&bad_run, "00" "01", 0, KIVO_ERR_MALFORMED},
     };
     Quant q;
@@ -290,7 +618,7 @@ TEST(DecVld, MalformedCodes) {
         for (AcFn fn : {kivod_vld_ac8, kivod_vld_ac4, kivod_vld_ac2, kivod_vld_ac1}) {
             Writer w;
             w.bits(c.bits);
-            Reader in(w.finish());
+            Mem in(w.finish());
             int16_t diff = 0, blk[64] = {}, dc_only;
             ASSERT_EQ(kivod_vld_dc(&in.bs, 1, &t.dc[0], nullptr, &diff), c.dc_status) << c.bits;
             if (c.dc_status != 0) continue;
@@ -308,8 +636,8 @@ TEST(DecVld, ProgressiveCodesFollowTheSequentialRule) {
         const char *bits;
         int blocks;
     } cases[] = {
-        {&kLongSym, "0" "0" "0" "100000000" "0", 4},  // EOB x3, then 0x01 too long for the table
-        {&kLongEob, "01" "01" "01" "100000000", 1},   // +1 three times, then a long end-of-block
+        {&kLongSym, "0" "0" "0" "111111100" "0", 4},  // EOB x3, then 0x01 too long for the table
+        {&kLongEob, "01" "01" "01" "111111100", 1},   // +1 three times, then a long end-of-block
     };
     Quant q;
     for (const auto &c : cases) {
@@ -321,11 +649,11 @@ TEST(DecVld, ProgressiveCodesFollowTheSequentialRule) {
             while (w.n) w.put(1, 1);
             w.out.insert(w.out.end(), static_cast<size_t>(tail), 0x00);
             int16_t blk[64] = {}, dc_only;
-            Reader seq(w.out);
+            Mem seq(w.out);
             int32_t want = 0;
             for (int b = 0; b < 4 && want == 0; ++b) want = kivod_vld_ac8(&seq.bs, q.q.get(), &t.ac[0], nullptr, blk, &dc_only);
             // The same bits as progressive blocks (band 1..63), first and refining.
-            Reader first(w.out), refine(w.out);
+            Mem first(w.out), refine(w.out);
             int16_t b1[64] = {}, b2[64] = {};
             int32_t run1 = 0, run2 = 0, got1 = 0, got2 = 0;
             for (int b = 0; b < c.blocks && got1 == 0; ++b) got1 = kivod_vld_ac_prog(&first.bs, 1, 63, 0, &run1, &t.ac[0], b1);
