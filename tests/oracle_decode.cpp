@@ -218,30 +218,33 @@ TEST(OracleProgressive, MatchesTheCoefficientsAtEveryScale) {
                     ASSERT_EQ(r.status, 0) << what << " 1/" << denom;
                     const auto want = reconstruct(coefs, denom, false);
                     ASSERT_EQ(r.planes.size(), want.size());
+                    int64_t dc_sum = 0;  // the mean level: over the first component's blocks in the picture
+                    for (size_t b = 0; b < coefs[0].coef.size(); b += 64) dc_sum += (coefs[0].coef[b] + 1024) >> 3;
+                    EXPECT_EQ(r.stats.mean_level, dc_sum / int64_t(coefs[0].coef.size() / 64)) << what << " 1/" << denom;
                     for (size_t p = 0; p < want.size(); ++p)
                         EXPECT_EQ(mismatches(r.planes[p], want[p]), 0) << what << " 1/" << denom << " plane " << p;
                 }
             }
 }
 
-// A hand-made progressive grey 8x8 stream: one DC code (category 0) and one
-// AC code, the end-of-band run symbol with run bits `r`.
-std::vector<uint8_t> tiny_progressive(int r, uint8_t run_bits_byte, bool with_dri) {
+// A hand-made progressive grey 8x8 stream: a DC scan of one code (category
+// 0), then an AC scan (first, or refining with `ah`) whose one-code table
+// holds `sym`, followed by the byte `data`.
+std::vector<uint8_t> tiny_progressive(uint8_t sym, uint8_t data, bool with_dri, uint8_t ah = 0) {
     std::vector<uint8_t> s = {0xFF, 0xD8, 0xFF, 0xDB, 0x00, 0x43, 0x00};
     s.insert(s.end(), 64, 1);
     s.insert(s.end(), {0xFF, 0xC2, 0x00, 0x0B, 0x08, 0x00, 0x08, 0x00, 0x08, 0x01, 0x01, 0x11, 0x00});
     s.insert(s.end(), {0xFF, 0xC4, 0x00, 0x14, 0x00, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x00});
-    s.insert(s.end(), {0xFF, 0xC4, 0x00, 0x14, 0x10, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-                       static_cast<uint8_t>(r << 4)});
+    s.insert(s.end(), {0xFF, 0xC4, 0x00, 0x14, 0x10, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, sym});
     if (with_dri) s.insert(s.end(), {0xFF, 0xDD, 0x00, 0x04, 0x00, 0x01});
     s.insert(s.end(), {0xFF, 0xDA, 0x00, 0x08, 0x01, 0x01, 0x00, 0x00, 0x00, 0x00, 0x7F});  // DC: code 0, pad
-    s.insert(s.end(), {0xFF, 0xDA, 0x00, 0x08, 0x01, 0x01, 0x00, 0x01, 0x3F, 0x00, run_bits_byte});
+    s.insert(s.end(), {0xFF, 0xDA, 0x00, 0x08, 0x01, 0x01, 0x00, 0x01, 0x3F, static_cast<uint8_t>(ah << 4), data});
     s.insert(s.end(), {0xFF, 0xD9});
     return s;
 }
 
 TEST(OracleProgressive, BrokenStreamsEndCleanly) {
-    const std::vector<uint8_t> good = tiny_progressive(0, 0x7F, false);
+    const std::vector<uint8_t> good = tiny_progressive(0x00, 0x7F, false);
     std::vector<uint8_t> absent = good, band = good, huge = good;
     absent[good.size() - 24 + 5] = 7;  // the first scan's component selector
     band[good.size() - 24 + 8] = 64;   // the first scan's Se
@@ -252,8 +255,9 @@ TEST(OracleProgressive, BrokenStreamsEndCleanly) {
         int32_t status;
     } cases[] = {
         {good, 0},
-        {tiny_progressive(1, 0x3F, false), KIVO_ERR_MALFORMED},  // an end-of-band run past the last block
-        {tiny_progressive(0, 0x7F, true), KIVO_ERR_UNSUPPORTED},  // restart intervals in a progressive frame
+        {tiny_progressive(0x10, 0x3F, false), KIVO_ERR_MALFORMED},  // an end-of-band run past the last block
+        {tiny_progressive(0x02, 0x3F, false, 1), KIVO_ERR_MALFORMED},  // a refinement of size 2
+        {tiny_progressive(0x00, 0x7F, true), KIVO_ERR_UNSUPPORTED},  // restart intervals in a progressive frame
         {absent, KIVO_ERR_MALFORMED}, {band, KIVO_ERR_MALFORMED}, {huge, KIVO_ERR_OUT_OF_MEMORY},
     };
     for (const Case &c : cases) EXPECT_EQ(kivotest::decode(c.s).status, c.status) << (&c - cases);

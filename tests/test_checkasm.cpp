@@ -132,11 +132,7 @@ struct Level {
     uint32_t flags;
 };
 #if defined(KIVO_ARCH_x86)
-const Level kLevels[] = {{"c", 0},
-                         {"sse2", KIVO_CPU_SSE2},
-                         {"ssse3", KIVO_CPU_SSE2 | KIVO_CPU_SSSE3},
-                         {"sse41", KIVO_CPU_SSE2 | KIVO_CPU_SSSE3 | KIVO_CPU_SSE41},
-                         {"avx2", KIVO_CPU_SSE2 | KIVO_CPU_SSSE3 | KIVO_CPU_SSE41 | KIVO_CPU_AVX2}};
+const Level kLevels[] = {{"c", 0}, {"sse2", KIVO_CPU_SSE2}, {"avx2", KIVO_CPU_SSE2 | KIVO_CPU_AVX2}};
 #elif defined(KIVO_ARCH_arm)
 const Level kLevels[] = {{"c", 0}, {"neon", KIVO_CPU_NEON}};
 #else

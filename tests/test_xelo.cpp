@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "xelo.h"
+#include "support/pictures.h"
 #include "xelo/xelo_hooks.h"
 
 namespace {
@@ -206,11 +207,7 @@ Taps ref_axis(int src, int dst) {
     return t;
 }
 
-struct Plane {
-    int w, h;
-    std::vector<uint8_t> px;
-    uint8_t at(int x, int y) const { return px[size_t(y) * size_t(w) + size_t(x)]; }
-};
+using testpic::Plane;
 
 // Resizes src feeding strips of `strip` rows; the last strip reaches past the
 // bottom into junk rows. The destination sits inside a canary-filled buffer

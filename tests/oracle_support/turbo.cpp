@@ -37,31 +37,21 @@ bool guarded(Err &e, Body body) {
 }
 
 struct Decompress : jpeg_decompress_struct {
-    explicit Decompress(Err &e) {
-        err = hook(e);
-        jpeg_create_decompress(this);
-    }
+    explicit Decompress(Err &e) { err = hook(e), jpeg_create_decompress(this); }
     ~Decompress() { jpeg_destroy_decompress(this); }
 };
 
 struct Compress : jpeg_compress_struct {
     unsigned char *mem = nullptr;
     unsigned long size = 0;
-    explicit Compress(Err &e) {
-        err = hook(e);
-        jpeg_create_compress(this);
-    }
-    ~Compress() {
-        jpeg_destroy_compress(this);
-        std::free(mem);
-    }
+    explicit Compress(Err &e) { err = hook(e), jpeg_create_compress(this); }
+    ~Compress() { jpeg_destroy_compress(this), std::free(mem); }
 };
 
 int comp_dim(int full, int f, int fmax) { return (full * f + fmax - 1) / fmax; }
 
 void max_factors(const EncodeSpec &spec, int *hmax, int *vmax) {
-    *hmax = *std::max_element(spec.h, spec.h + spec.n_comp);
-    *vmax = *std::max_element(spec.v, spec.v + spec.n_comp);
+    *hmax = *std::max_element(spec.h, spec.h + spec.n_comp), *vmax = *std::max_element(spec.v, spec.v + spec.n_comp);
 }
 
 // The 16-bit product a decoder keeps of a quantized value and its quantizer.
@@ -193,10 +183,8 @@ bool decode_raw(const std::vector<uint8_t> &jpg, int denom, std::vector<testpic:
         jpeg_finish_decompress(&d);
     });
     if (warnings) *warnings = e.warnings;
-    if (!ok) {
-        if (error) *error = e.message;
-        return false;
-    }
+    if (!ok && error) *error = e.message;
+    if (!ok) return false;
     for (size_t i = 0; i < out.size(); ++i)
         for (int y = 0; y < out[i].h; ++y)
             out[i].px.insert(out[i].px.end(), &bufs[i][static_cast<size_t>(y) * bw[i]],

@@ -49,10 +49,6 @@ std::vector<testpic::Plane> make_planes(const EncodeSpec &spec, uint64_t seed,
 bool decode_raw(const std::vector<uint8_t> &jpg, int denom, std::vector<testpic::Plane> *planes,
                 int *warnings = nullptr, std::string *error = nullptr);
 
-}  // namespace turbo
-
-namespace turbo {
-
 // Dequantized coefficients of every block as libjpeg-turbo's own entropy
 // decoder reads them: per component, blocks_w x blocks_h blocks of 64
 // values in raster order (16-bit products, as a decoder keeps them).

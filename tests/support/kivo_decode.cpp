@@ -20,18 +20,14 @@ Decoded decode(const std::vector<uint8_t> &jpg, int threads, int out_w, int out_
     std::vector<uint8_t> exact(jpg);
     exact.shrink_to_fit();
     xelo_bitb bitb{};
-    bitb.addr = exact.empty() ? nullptr : exact.data();
-    bitb.ssize = static_cast<int32_t>(exact.size());
+    bitb.addr = exact.empty() ? nullptr : exact.data(), bitb.ssize = static_cast<int32_t>(exact.size());
     kivod_input in{KIVOD_INPUT_BITB, &bitb, nullptr};
     kivod_frame_info info{};
     r.status = kivod_set_reduction(ctx, reduction);
     if (r.status == 0) r.status = kivod_decode(ctx, &in, &info);
-    r.width = info.width;
-    r.height = info.height;
-    r.color_format = info.color_format;
+    r.width = info.width, r.height = info.height, r.color_format = info.color_format;
     const int32_t w = out_w ? out_w : info.width, h = out_h ? out_h : info.height, cs = out_cs ? out_cs : info.color_format;
-    const uint32_t align[4] = {XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16)};
-    const uint32_t pad[4] = {XELO_PAIR(8, 8), XELO_PAIR(8, 8), XELO_PAIR(8, 8), XELO_PAIR(8, 8)};
+    const uint32_t al = XELO_PAIR(16, 16), pd = XELO_PAIR(8, 8), align[4] = {al, al, al, al}, pad[4] = {pd, pd, pd, pd};
     xelo_imgb *img = r.status == 0 ? xelo_imgb_create(w, h, cs, 3, align, pad, 0, 0, 0) : nullptr;
     if (r.status == 0 && !img) r.status = KIVO_ERR_IMGB;
     if (img) {
