@@ -228,4 +228,23 @@ bool read_coefficients(const std::vector<uint8_t> &jpg, std::vector<Coefficients
     });
 }
 
+std::vector<uint8_t> transcode(const std::vector<uint8_t> &jpg, bool progressive, bool optimize) {
+    Err e;
+    Decompress in(e);
+    Compress out(e);
+    const bool ok = guarded(e, [&] {
+        jpeg_mem_src(&in, jpg.data(), jpg.size());
+        jpeg_read_header(&in, TRUE);
+        jvirt_barray_ptr *coefs = jpeg_read_coefficients(&in);
+        jpeg_copy_critical_parameters(&in, &out);
+        if (progressive) jpeg_simple_progression(&out);
+        out.optimize_coding = optimize;
+        jpeg_mem_dest(&out, &out.mem, &out.size);
+        jpeg_write_coefficients(&out, coefs);
+        jpeg_finish_compress(&out);
+        jpeg_finish_decompress(&in);
+    });
+    return ok ? std::vector<uint8_t>(out.mem, out.mem + out.size) : std::vector<uint8_t>();
+}
+
 }  // namespace turbo

@@ -61,6 +61,10 @@ struct Coefficients {
 };
 bool read_coefficients(const std::vector<uint8_t> &jpg, std::vector<Coefficients> *comps);
 
+// The same coefficients written again as a sequential (or, with
+// `progressive`, libjpeg's default progressive) stream: lossless.
+std::vector<uint8_t> transcode(const std::vector<uint8_t> &jpg, bool progressive, bool optimize = false);
+
 }  // namespace turbo
 
 #endif
