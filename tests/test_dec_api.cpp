@@ -193,7 +193,7 @@ TEST(DecApi, StatusesAndProgress) {
         int32_t decode, clone, complete;
     } cases[] = {
         {&good, 0, 0, 1}, {&class2, 0, 0, 1}, {&cut, 0, 0, 0},
-        {&zero_h, KIVO_ERR_UNSUPPORTED, 0, 0}, {&no_frame, KIVO_ERR_UNSUPPORTED, 0, 0},
+        {&zero_h, KIVO_ERR_UNSUPPORTED, 0, 0}, {&no_frame, KIVO_ERR_UNSUPPORTED, 0, 0}
     };
     int32_t rows_cut = -1;
     for (const Case &c : cases) {
@@ -218,6 +218,22 @@ TEST(DecApi, StatusesAndProgress) {
             rows_cut = p.mcu_rows;
         }
     }
+}
+
+// The reduction a buffer size gets, at and around every threshold of the
+// ratios for the small, middle and large buffers: each ratio alone can keep
+// the reduction down.
+TEST(DecApi, ReductionFollowsTheRatioThresholds) {
+    const struct {
+        int ow, oh, t8, t4, t2;
+    } classes[] = {{350, 250, 5, 1, 0}, {900, 500, 6, 2, 1}, {350, 251, 6, 2, 1}, {901, 500, 7, 3, 1}};
+    for (const auto &c : classes)
+        for (int r = 1; r <= 9; ++r) {
+            const int want = r > c.t8 ? 8 : r > c.t4 ? 4 : r > c.t2 ? 2 : 1;
+            EXPECT_EQ(kivod_choose_scale(c.ow * r, c.oh * 9, c.ow, c.oh), want) << c.ow << "x" << c.oh << " rx " << r;
+            EXPECT_EQ(kivod_choose_scale(c.ow * 9, c.oh * r, c.ow, c.oh), want) << c.ow << "x" << c.oh << " ry " << r;
+        }
+    EXPECT_EQ(kivod_choose_scale(640, 480, 640, 480), 0);
 }
 
 TEST(DecApi, OutputBufferIsChecked) {
