@@ -253,6 +253,7 @@ TEST(DecApi, OutputBufferIsChecked) {
         {32, 16, 8, 4, XELO_CS_YUYV, 0, 0, KIVO_ERR_UNSUPPORTED},  // packed pairs at full size only
         {32, 16, 32, 16, XELO_CS_YUYV, 0, 0, 0},
         {37, 21, 37, 21, XELO_CS_YUYV, 74, 0, 0},  // odd width, no room beyond the last half pair
+        {37, 21, 37, 21, XELO_CS_YUYV, 73, 0, KIVO_ERR_INVALID_ARG},  // not even that
         {32, 16, 32, 16, XELO_CS_YCBCR400, 0, 0, 0},
     };
     for (const Case &tc : cases) {
