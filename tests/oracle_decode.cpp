@@ -229,8 +229,8 @@ TEST(OracleProgressive, MatchesTheCoefficientsAtEveryScale) {
 
 // A hand-made progressive grey 8x8 stream: a DC scan of one code (category
 // 0), then an AC scan (first, or refining with `ah`) whose one-code table
-// holds `sym`, followed by the byte `data`.
-std::vector<uint8_t> tiny_progressive(uint8_t sym, uint8_t data, bool with_dri, uint8_t ah = 0) {
+// holds `sym`, followed by the bytes `data`.
+std::vector<uint8_t> tiny_progressive(uint8_t sym, const std::vector<uint8_t> &data, bool with_dri, uint8_t ah = 0) {
     std::vector<uint8_t> s = {0xFF, 0xD8, 0xFF, 0xDB, 0x00, 0x43, 0x00};
     s.insert(s.end(), 64, 1);
     s.insert(s.end(), {0xFF, 0xC2, 0x00, 0x0B, 0x08, 0x00, 0x08, 0x00, 0x08, 0x01, 0x01, 0x11, 0x00});
@@ -238,13 +238,14 @@ std::vector<uint8_t> tiny_progressive(uint8_t sym, uint8_t data, bool with_dri, 
     s.insert(s.end(), {0xFF, 0xC4, 0x00, 0x14, 0x10, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, sym});
     if (with_dri) s.insert(s.end(), {0xFF, 0xDD, 0x00, 0x04, 0x00, 0x01});
     s.insert(s.end(), {0xFF, 0xDA, 0x00, 0x08, 0x01, 0x01, 0x00, 0x00, 0x00, 0x00, 0x7F});  // DC: code 0, pad
-    s.insert(s.end(), {0xFF, 0xDA, 0x00, 0x08, 0x01, 0x01, 0x00, 0x01, 0x3F, static_cast<uint8_t>(ah << 4), data});
+    s.insert(s.end(), {0xFF, 0xDA, 0x00, 0x08, 0x01, 0x01, 0x00, 0x01, 0x3F, static_cast<uint8_t>(ah << 4)});
+    s.insert(s.end(), data.begin(), data.end());
     s.insert(s.end(), {0xFF, 0xD9});
     return s;
 }
 
 TEST(OracleProgressive, BrokenStreamsEndCleanly) {
-    const std::vector<uint8_t> good = tiny_progressive(0x00, 0x7F, false);
+    const std::vector<uint8_t> good = tiny_progressive(0x00, {0x7F}, false);
     std::vector<uint8_t> absent = good, band = good, huge = good;
     absent[good.size() - 24 + 5] = 7;  // the first scan's component selector
     band[good.size() - 24 + 8] = 64;   // the first scan's Se
@@ -255,9 +256,9 @@ TEST(OracleProgressive, BrokenStreamsEndCleanly) {
         int32_t status;
     } cases[] = {
         {good, 0},
-        {tiny_progressive(0x10, 0x3F, false), KIVO_ERR_MALFORMED},  // an end-of-band run past the last block
-        {tiny_progressive(0x02, 0x3F, false, 1), KIVO_ERR_MALFORMED},  // a refinement of size 2
-        {tiny_progressive(0x00, 0x7F, true), KIVO_ERR_UNSUPPORTED},  // restart intervals in a progressive frame
+        {tiny_progressive(0x10, {0x3F}, false), KIVO_ERR_MALFORMED},  // an end-of-band run past the last block
+        {tiny_progressive(0x02, std::vector<uint8_t>(16, 0), false, 1), KIVO_ERR_MALFORMED},  // refinements of size 2
+        {tiny_progressive(0x00, {0x7F}, true), KIVO_ERR_UNSUPPORTED},  // restart intervals in a progressive frame
         {absent, KIVO_ERR_MALFORMED}, {band, KIVO_ERR_MALFORMED}, {huge, KIVO_ERR_OUT_OF_MEMORY},
     };
     for (const Case &c : cases) EXPECT_EQ(kivotest::decode(c.s).status, c.status) << (&c - cases);

@@ -1,6 +1,5 @@
 // The support layer against computations written separately here: plane
-// sizes by ceiling division and a floating-point filter. (The bit writer is
-// checked through the encoder's streams, which libjpeg-turbo decodes.)
+// sizes by ceiling division, a bit-by-bit writer, a floating-point filter.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -181,6 +180,37 @@ TEST(XeloImgb, CreateRejectsBadArgumentsAndCleansUpFailures) {
         EXPECT_EQ(im == nullptr, k <= 5) << k;
         if (im) im->release(im);
         EXPECT_EQ(xelo_mem_live(), live0) << k;
+    }
+}
+
+// Random writes (bits above the count are junk the writer must drop) through
+// the plain flush against bits appended one at a time, MSB first, the last
+// byte zero-padded: whole, and cut at the end of a buffer too small, past
+// which nothing is written. (The encoder's own flushes, which stuff, are
+// checked through its streams.)
+TEST(XeloBsw, PlainWritesMatchTheBitByBitReference) {
+    for (uint32_t seed = 1; seed <= 24; ++seed) {
+        std::mt19937 rng(seed);
+        std::vector<std::pair<uint32_t, int>> ops;
+        for (int i = 0; i < 300; ++i) ops.push_back({(rng() & 1) ? uint32_t(rng()) : ~0u, int(rng() % 32) + 1});
+        std::vector<uint8_t> want;
+        int nbits = 0;
+        for (const auto &op : ops)
+            for (int i = op.second - 1; i >= 0; --i, ++nbits) {
+                if (nbits % 8 == 0) want.push_back(0);
+                if ((op.first >> i) & 1) want.back() |= uint8_t(0x80 >> (nbits % 8));
+            }
+        const int32_t cap = seed <= 8 ? int32_t((seed - 1) * (seed - 1)) : 4096;  // too small for the first eight
+        std::vector<uint8_t> buf(size_t(cap) + 16, 0xA5);
+        xelo_bsw bsw;
+        xelo_bsw_init(&bsw, buf.data(), cap, xelo_bsw_flush_plain);
+        for (const auto &op : ops) xelo_bsw_write(&bsw, op.first, op.second);
+        xelo_bsw_sink(&bsw);
+        EXPECT_TRUE(bsw.cache == 0 && bsw.free_bits == 32);
+        EXPECT_TRUE(std::all_of(buf.begin() + cap, buf.end(), [](uint8_t b) { return b == 0xA5; }));
+        const size_t n = std::min(want.size(), size_t(cap));
+        EXPECT_EQ(std::vector<uint8_t>(buf.data(), bsw.write_ptr), std::vector<uint8_t>(want.begin(), want.begin() + n));
+        EXPECT_EQ(bsw.overflow, n < want.size()) << seed;
     }
 }
 
