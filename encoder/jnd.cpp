@@ -1,6 +1,8 @@
 // JND filter and JND level suppression: detail below the visibility
 // threshold is smoothed away before the transform, or dropped from the
 // levels after quantization.
+#include <cstring>
+
 #include "encoder/kivoe_int.h"
 
 // Tables: the clamp band around a centre sample c is [c - d(c), c + a(c)],
@@ -116,7 +118,9 @@ void kivoe_jnd_thresholds(int16_t dc, uint8_t thr[64]) {
     int level = (dc + 1024) >> 3;
     level = level < 0 ? 0 : level > 255 ? 255 : level;
     const int k = tbl_suppr_lum[level];
-    for (int i = 0; i < 64; ++i) thr[i] = static_cast<uint8_t>((tbl_inv_mtf[i] * k) >> 12);
+    // Row k - 1 of the exported table holds (tbl_inv_mtf * k) >> 12.
+    if (k) std::memcpy(thr, kivo_tbl_suppr_thr + 64 * (k - 1), 64);
+    else std::memset(thr, 0, 64);
 }
 
 void kivoe_jnd_suppress(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint8_t thr[64]) {
