@@ -376,7 +376,7 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                     // edge of the picture are filtered.
                     if (ctx->jnd_filter && c == 0 && bcol >= 1 && brow >= 1 && 8 * bcol + 16 <= ctx->smp_w[0] &&
                         8 * brow + 16 <= ctx->smp_h[0]) {
-                        kivoe_jndfilt8x8(cc.plane + static_cast<ptrdiff_t>(8 * brow) * cc.stride + 8 * bcol,
+                        p.jndfilt(cc.plane + static_cast<ptrdiff_t>(8 * brow) * cc.stride + 8 * bcol,
                                          cc.stride, blk);
                     } else {
                         load_block(cc.plane, cc.stride, ctx->smp_w[c], ctx->smp_h[c], bcol, brow, blk);
