@@ -1,9 +1,13 @@
 // Encode speed and size against libjpeg-turbo, side by side in one run:
 // planar 4:2:0 input on both sides, the same quantization tables (libjpeg's
 // quality-90 tables handed to ours through KIVOE_CFG_QTBL), default and
-// optimised Huffman tables, our encoder on 1 and 2 threads.
+// optimised Huffman tables, our encoder on 1 and 2 threads. Files
+// (PNG, PPM, PGM made 4:2:0 by the colour helpers; YUV4MPEG2 4:2:0) are
+// measured one by one with the median ratio at the end; without files a
+// generated picture is. --switches adds the cost of each quality switch
+// over a plain one-thread encode.
 //
-// usage: bench_encode [--reps N] [--size WxH]
+// usage: bench_encode [--reps N] [--size WxH] [--switches] [FILE...]
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -13,8 +17,10 @@
 
 #include <jpeglib.h>
 
+#include "kivoc.h"
 #include "kivoe.h"
 #include "oracle_support/turbo.h"
+#include "tool.h"
 
 namespace {
 
@@ -27,13 +33,8 @@ struct Picture {
     xelo_imgb *img;
 };
 
-Picture make(int w, int h) {
+Picture from_planes(int w, int h, const std::vector<testpic::Plane> &planes) {
     Picture p{w, h, {}, {0}, {0}, nullptr};
-    turbo::EncodeSpec s;
-    s.width = w;
-    s.height = h;
-    s.h[0] = s.v[0] = 2;
-    const auto planes = turbo::make_planes(s, 77);
     const uint32_t al[4] = {XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16)};
     const uint32_t pad[4] = {0, 0, 0, 0};
     p.img = xelo_imgb_create(w, h, XELO_CS_YCBCR420, 3, al, pad, 0, 0, 0);
@@ -51,6 +52,50 @@ Picture make(int w, int h) {
                 p.padded[c][static_cast<size_t>(y) * p.pw[c] + x] = pl.at(std::min(x, pl.w - 1), std::min(y, pl.h - 1));
     }
     return p;
+}
+
+Picture generated(int w, int h) {
+    turbo::EncodeSpec s;
+    s.width = w;
+    s.height = h;
+    s.h[0] = s.v[0] = 2;
+    return from_planes(w, h, turbo::make_planes(s, 77));
+}
+
+// A file's picture as 4:2:0 planes; false when it cannot be read.
+bool from_file(const std::string &path, Picture *out) {
+    xelo_imgb *img = nullptr;
+    if (tool::ends_with(path, ".y4m")) {
+        img = tool::read_picture(path, 0, 0, 0);
+        if (img && img->color_format != XELO_CS_YCBCR420) {
+            img->release(img);
+            return false;
+        }
+    } else {
+        tool::Packed px;
+        if (!tool::read_packed(path, &px)) return false;
+        const uint32_t al[4] = {XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16)};
+        const uint32_t pad[4] = {0, 0, 0, 0};
+        img = xelo_imgb_create(px.width, px.height, XELO_CS_YCBCR420, 3, al, pad, 0, 0, 0);
+        if (img && kivoc_from_packed(px.pixels.data(), px.width * px.channels, px.pixels.size(),
+                                     px.channels == 1 ? KIVOC_GREY : KIVOC_RGB, img, nullptr) != 0) {
+            img->release(img);
+            img = nullptr;
+        }
+    }
+    if (!img) return false;
+    std::vector<testpic::Plane> planes(3);
+    for (int c = 0; c < 3; ++c) {
+        testpic::Plane &pl = planes[c];
+        pl.w = c ? (img->width + 1) / 2 : img->width;
+        pl.h = c ? (img->height + 1) / 2 : img->height;
+        pl.px.resize(static_cast<size_t>(pl.w) * pl.h);
+        for (int y = 0; y < pl.h; ++y)
+            std::memcpy(&pl.px[static_cast<size_t>(y) * pl.w], img->plane[c] + static_cast<ptrdiff_t>(y) * img->stride[c], pl.w);
+    }
+    *out = from_planes(img->width, img->height, planes);
+    img->release(img);
+    return true;
 }
 
 // libjpeg-turbo from raw planes; returns the size and fills the raster-order
@@ -96,7 +141,11 @@ size_t turbo_encode(const Picture &p, bool optimize, std::vector<uint8_t> *out, 
     return size;
 }
 
-size_t kivo_encode(const Picture &p, bool optimize, int threads, const uint8_t qt[128], std::vector<uint8_t> *out) {
+// Quality switches, as bits.
+enum { kJndFilter = 1, kJndSuppress = 2, kAdaptiveRounding = 4, kPerceptual = 8 };
+
+size_t kivo_encode(const Picture &p, bool optimize, int threads, const uint8_t qt[128], std::vector<uint8_t> *out,
+                   int switches = 0) {
     kivo_tpool pool;
     kivo_tpool_std(&pool, threads);
     kivoe_create_param cp{1, p.w, p.h, 90, XELO_CS_YCBCR420, &pool};
@@ -104,54 +153,114 @@ size_t kivo_encode(const Picture &p, bool optimize, int threads, const uint8_t q
     kivoe_ctx *&e = enc[optimize][threads];
     if (!e) e = kivoe_create(&cp, nullptr);
     const int32_t four = 4, size128 = 128, on = optimize;
+    const int32_t jf = (switches & kJndFilter) != 0, js = (switches & kJndSuppress) != 0;
+    const int32_t ar = (switches & kAdaptiveRounding) != 0;
     kivoe_config(e, KIVOE_CFG_OPT_HUFFMAN, &on, &four);
+    kivoe_config(e, KIVOE_CFG_JND_FILTER, &jf, &four);
+    kivoe_config(e, KIVOE_CFG_JND_SUPPRESS, &js, &four);
+    kivoe_config(e, KIVOE_CFG_ADAPTIVE_ROUNDING, &ar, &four);
     kivoe_config(e, KIVOE_CFG_QTBL, qt, &size128);
     xelo_bitb b{};
     b.addr = out->data();
     b.ssize = static_cast<int32_t>(out->size());
     kivoe_output o{KIVOD_INPUT_BITB, &b, nullptr};
     int32_t written = 0;
-    if (kivoe_push(e, p.img) != 0 || kivoe_encode(e, &o, &written) != 0) return 0;
+    if (kivoe_push(e, p.img) != 0) return 0;
+    uint8_t chosen[128];
+    if ((switches & kPerceptual) && kivoe_get_qtbl(e, 1, chosen) != 0) return 0;
+    if (kivoe_encode(e, &o, &written) != 0) return 0;
     return static_cast<size_t>(written);
+}
+
+double median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    const size_t n = v.size();
+    return n == 0 ? 0 : n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
     int reps = 7, w = 2048, h = 1536;
+    bool switches = false;
+    std::vector<std::string> files;
     for (int i = 1; i < argc; ++i) {
         if (!std::strcmp(argv[i], "--reps") && i + 1 < argc) reps = std::atoi(argv[++i]);
         else if (!std::strcmp(argv[i], "--size") && i + 1 < argc) std::sscanf(argv[++i], "%dx%d", &w, &h);
+        else if (!std::strcmp(argv[i], "--switches")) switches = true;
+        else files.push_back(argv[i]);
     }
-    std::fprintf(stderr, "generating a %dx%d 4:2:0 picture...\n", w, h);
-    const Picture p = make(w, h);
-    const double mp = static_cast<double>(w) * h / 1e6;
-    std::vector<uint8_t> out(static_cast<size_t>(w) * h * 4);
-    uint8_t qt[128];
-    std::printf("%d x %d 4:2:0 (%.2f MP), libjpeg-turbo's quality-90 tables on both sides, best of %d runs\n", w, h,
-                mp, reps);
-    std::printf("%-10s %11s %11s %11s %10s %10s %9s %9s\n", "huffman", "turbo MP/s", "kivo1 MP/s", "kivo2 MP/s",
-                "turbo B", "kivo B", "1t/turbo", "size");
-    for (bool optimize : {false, true}) {
-        double tt = 1e30, t1 = 1e30, t2 = 1e30;
-        size_t st = 0, sk = 0;
-        for (int r = 0; r < reps; ++r) {
-            auto t0 = Clock::now();
-            st = turbo_encode(p, optimize, &out, qt);
-            tt = std::min(tt, std::chrono::duration<double>(Clock::now() - t0).count());
-            t0 = Clock::now();
-            sk = kivo_encode(p, optimize, 1, qt, &out);
-            t1 = std::min(t1, std::chrono::duration<double>(Clock::now() - t0).count());
-            t0 = Clock::now();
-            kivo_encode(p, optimize, 2, qt, &out);
-            t2 = std::min(t2, std::chrono::duration<double>(Clock::now() - t0).count());
-        }
-        if (!sk) {
-            std::fprintf(stderr, "bench_encode: our encode failed\n");
+    std::vector<std::string> names = files;
+    if (names.empty()) names.push_back("generated");
+    std::printf("4:2:0, libjpeg-turbo's quality-90 tables on both sides, best of %d runs\n", reps);
+    std::printf("%-28s %-9s %8s %8s %8s %9s %9s %7s %7s %6s\n", "picture", "huffman", "turbo", "kivo1", "kivo2",
+                "turbo B", "kivo B", "1t/tj", "2t/tj", "size");
+    std::vector<double> ratios[2][2];  // [optimised][threads - 1]
+    std::vector<double> cost[6];
+    const char *switch_names[6] = {"jnd filter", "jnd suppress", "adaptive rounding", "perceptual", "all four", ""};
+    for (const std::string &name : names) {
+        Picture p;
+        if (files.empty()) {
+            std::fprintf(stderr, "generating a %dx%d 4:2:0 picture...\n", w, h);
+            p = generated(w, h);
+        } else if (!from_file(name, &p)) {
+            std::fprintf(stderr, "bench_encode: cannot read %s as a 4:2:0 picture\n", name.c_str());
             return 1;
         }
-        std::printf("%-10s %11.1f %11.1f %11.1f %10zu %10zu %9.2f %9.3f\n", optimize ? "optimised" : "default",
-                    mp / tt, mp / t1, mp / t2, st, sk, tt / t1, static_cast<double>(sk) / st);
+        const double mp = static_cast<double>(p.w) * p.h / 1e6;
+        std::vector<uint8_t> out(static_cast<size_t>(p.w) * p.h * 4 + 65536);
+        uint8_t qt[128];
+        const std::string shown = name.substr(name.find_last_of('/') + 1).substr(0, 28);
+        for (bool optimize : {false, true}) {
+            double tt = 1e30, t1 = 1e30, t2 = 1e30;
+            size_t st = 0, sk = 0;
+            for (int r = 0; r < reps; ++r) {
+                auto t0 = Clock::now();
+                st = turbo_encode(p, optimize, &out, qt);
+                tt = std::min(tt, std::chrono::duration<double>(Clock::now() - t0).count());
+                t0 = Clock::now();
+                sk = kivo_encode(p, optimize, 1, qt, &out);
+                t1 = std::min(t1, std::chrono::duration<double>(Clock::now() - t0).count());
+                t0 = Clock::now();
+                kivo_encode(p, optimize, 2, qt, &out);
+                t2 = std::min(t2, std::chrono::duration<double>(Clock::now() - t0).count());
+            }
+            if (!sk) {
+                std::fprintf(stderr, "bench_encode: our encode failed\n");
+                return 1;
+            }
+            ratios[optimize][0].push_back(tt / t1);
+            ratios[optimize][1].push_back(tt / t2);
+            std::printf("%-28s %-9s %8.1f %8.1f %8.1f %9zu %9zu %7.2f %7.2f %6.3f\n", shown.c_str(),
+                        optimize ? "optimised" : "default", mp / tt, mp / t1, mp / t2, st, sk, tt / t1, tt / t2,
+                        static_cast<double>(sk) / st);
+        }
+        if (!switches) continue;
+        // Each switch alone and all four, over a plain one-thread encode with
+        // default tables, timed in turns so that drift hits all alike.
+        const int sets[6] = {0, kJndFilter, kJndSuppress, kAdaptiveRounding, kPerceptual, 15};
+        double t[6];
+        std::fill(t, t + 6, 1e30);
+        for (int r = 0; r < reps; ++r)
+            for (int k = 0; k < 6; ++k) {
+                const auto t0 = Clock::now();
+                if (!kivo_encode(p, false, 1, qt, &out, sets[k])) return 1;
+                t[k] = std::min(t[k], std::chrono::duration<double>(Clock::now() - t0).count());
+            }
+        for (int k = 1; k < 6; ++k) cost[k - 1].push_back(t[k] / t[0] - 1);
+        std::printf("%-28s switch cost over a plain encode (%.1f MP/s):", shown.c_str(), mp / t[0]);
+        for (int k = 1; k < 6; ++k) std::printf(" %s %+.1f%%", switch_names[k - 1], 100 * (t[k] / t[0] - 1));
+        std::printf("\n");
+    }
+    if (names.size() > 1) {
+        std::printf("median over %zu files: default %.2f / %.2f, optimised %.2f / %.2f (1 / 2 threads vs turbo)\n",
+                    names.size(), median(ratios[0][0]), median(ratios[0][1]), median(ratios[1][0]),
+                    median(ratios[1][1]));
+        if (switches) {
+            std::printf("median switch cost:");
+            for (int k = 0; k < 5; ++k) std::printf(" %s %+.1f%%", switch_names[k], 100 * median(cost[k]));
+            std::printf("\n");
+        }
     }
     return 0;
 }

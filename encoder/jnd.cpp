@@ -1,7 +1,10 @@
 // JND filter and JND level suppression: detail below the visibility
 // threshold is smoothed away before the transform, or dropped from the
 // levels after quantization.
+#include <cstring>
+
 #include "encoder/kivoe_int.h"
+#include "encoder/nonzero.h"
 
 // Tables: the clamp band around a centre sample c is [c - d(c), c + a(c)],
 // a and d counting the steps 11, 30, 55, 84, 118, 155, 195, 239 and 12, 32,
@@ -116,16 +119,23 @@ void kivoe_jnd_thresholds(int16_t dc, uint8_t thr[64]) {
     int level = (dc + 1024) >> 3;
     level = level < 0 ? 0 : level > 255 ? 255 : level;
     const int k = tbl_suppr_lum[level];
-    for (int i = 0; i < 64; ++i) thr[i] = static_cast<uint8_t>((tbl_inv_mtf[i] * k) >> 12);
+    // Row k - 1 of the exported table holds (tbl_inv_mtf * k) >> 12.
+    if (k) std::memcpy(thr, kivo_tbl_suppr_thr + 64 * (k - 1), 64);
+    else std::memset(thr, 0, 64);
 }
 
 void kivoe_jnd_suppress(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint8_t thr[64]) {
+    // Only the non-zero levels count and change.
+    const uint64_t nonzero = kivoe_raster_mask(levels);
     int32_t sum = 0;
-    for (int i = 1; i < 64; ++i) sum += levels[i] < 0 ? -levels[i] : levels[i];
+    for (uint64_t m = nonzero & ~uint64_t(1); m; m &= m - 1) {
+        const int32_t l = levels[__builtin_ctzll(m)];
+        sum += l < 0 ? -l : l;
+    }
     if (sum <= 7) return;
-    for (int i = 0; i < 64; ++i) {
+    for (uint64_t m = nonzero; m; m &= m - 1) {
+        const int i = __builtin_ctzll(m);
         const int32_t l = levels[i];
-        if (l == 0) continue;
         const int32_t n = l < 0 ? -l : l, sign = l < 0 ? -1 : 1;
         int32_t accepted = -1;
         for (int32_t m = n - 1; m >= 0; --m) {

@@ -124,6 +124,7 @@ typedef int32_t (*kivoe_vlc_ac_fn)(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t 
 typedef void (*kivoe_fdct_fn)(int16_t *blk);
 typedef int32_t (*kivoe_quant_fn)(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 typedef void (*kivoe_quant_rdoq_fn)(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+typedef void (*kivoe_jndfilt_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
 
 struct kivoe_proc {
     int32_t (*ready)(kivoe_ctx *ctx);
@@ -141,6 +142,8 @@ struct kivoe_proc {
     kivoe_fdct_fn fdct8;
     kivoe_quant_fn quant;
     kivoe_quant_rdoq_fn quant_rdoq;
+    // Kernels beyond the fifteen slots, chosen the same way.
+    kivoe_jndfilt_fn jndfilt;
 };
 
 struct kivoe_ctx {

@@ -5,7 +5,27 @@
 
 #include "encoder/kivoe_int.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#elif defined(__ARM_NEON)
+#include <arm_neon.h>
+#endif
+
 namespace {
+
+// Widens the 8 x 8 samples at src into blk.
+inline void load_inside(const uint8_t *src, int32_t stride, int16_t *blk) {
+    for (int r = 0; r < 8; ++r, src += stride) {
+#if defined(__SSE2__)
+        const __m128i v = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(blk + 8 * r), _mm_unpacklo_epi8(v, _mm_setzero_si128()));
+#elif defined(__ARM_NEON)
+        vst1q_s16(blk + 8 * r, vreinterpretq_s16_u16(vmovl_u8(vld1_u8(src))));
+#else
+        for (int c = 0; c < 8; ++c) blk[8 * r + c] = src[c];
+#endif
+    }
+}
 
 // Loads the 8x8 block at (8 bcol, 8 brow) of a plane, repeating the last
 // column and row where the block crosses the plane's edge.
@@ -17,8 +37,7 @@ void load_block(const uint8_t *plane, int32_t stride, int32_t ws, int32_t hs, in
     const int32_t cols = ws - x < 8 ? ws - x : 8, rows = hs - y < 8 ? hs - y : 8;
     const uint8_t *src = plane + static_cast<ptrdiff_t>(y) * stride + x;
     if (cols == 8 && rows == 8) {
-        for (int r = 0; r < 8; ++r, src += stride)
-            for (int c = 0; c < 8; ++c) blk[8 * r + c] = src[c];
+        load_inside(src, stride, blk);
         return;
     }
     for (int r = 0; r < rows; ++r, src += stride) {
@@ -357,7 +376,7 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                     // edge of the picture are filtered.
                     if (ctx->jnd_filter && c == 0 && bcol >= 1 && brow >= 1 && 8 * bcol + 16 <= ctx->smp_w[0] &&
                         8 * brow + 16 <= ctx->smp_h[0]) {
-                        kivoe_jndfilt8x8(cc.plane + static_cast<ptrdiff_t>(8 * brow) * cc.stride + 8 * bcol,
+                        p.jndfilt(cc.plane + static_cast<ptrdiff_t>(8 * brow) * cc.stride + 8 * bcol,
                                          cc.stride, blk);
                     } else {
                         load_block(cc.plane, cc.stride, ctx->smp_w[c], ctx->smp_h[c], bcol, brow, blk);

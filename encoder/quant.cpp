@@ -1,6 +1,7 @@
 // Quantizers: rounding by the table's half values, the adaptive quantizer
 // with Q14 offsets, and the offset update of adaptive rounding.
 #include "encoder/kivoe_int.h"
+#include "encoder/nonzero.h"
 
 int32_t kivoe_quant(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
     int32_t nonzero = 0;
@@ -28,9 +29,10 @@ void kivoe_quant_rdoq(int16_t *blk, const uint16_t *recip, const uint16_t *offse
 
 void kivoe_update_offset(const int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
                          uint16_t *offset) {
-    for (int i = 0; i < 64; ++i) {
+    // Offsets move only where the level is not zero.
+    for (uint64_t m = kivoe_raster_mask(levels); m; m &= m - 1) {
+        const int i = __builtin_ctzll(m);
         const int32_t l = levels[i];
-        if (l == 0) continue;
         const int32_t c = coef[i];
         const int32_t rec = (l < 0 ? -l : l) * q[i];
         const int32_t err = (c < 0 ? -c : c) - rec;

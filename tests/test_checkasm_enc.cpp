@@ -112,7 +112,8 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
     ASSERT_EQ(plain.fdct8, &kivoe_fdct8);
     ASSERT_EQ(plain.quant, &kivoe_quant);
     ASSERT_EQ(plain.quant_rdoq, &kivoe_quant_rdoq);
-    std::set<const void *> seen = {reinterpret_cast<const void *>(plain.fdct8),
+    ASSERT_EQ(plain.jndfilt, &kivoe_jndfilt8x8);
+    std::set<const void *> seen = {reinterpret_cast<const void *>(plain.fdct8), reinterpret_cast<const void *>(plain.jndfilt),
                                    reinterpret_cast<const void *>(plain.quant),
                                    reinterpret_cast<const void *>(plain.quant_rdoq)};
     auto is_new = [&seen](const void *f) { return seen.insert(f).second; };
@@ -133,6 +134,18 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
                 plain.fdct8(a.at);
                 p.fdct8(b.at);
                 if (!(a == b)) fail("fdct8", flags, i);
+            }
+        }
+        if (is_new(reinterpret_cast<const void *>(p.jndfilt))) {
+            ++checked;
+            // The filter reads two lines above and below the block.
+            for (size_t i = 0; i + 1 < samples.size(); ++i) {
+                uint8_t plane[12 * 9 + 1];
+                for (int k = 0; k < 12 * 9; ++k) plane[k + 1] = static_cast<uint8_t>(samples[i + k / 64][k % 64]);
+                Slot a(Block(64), i % 5), b(Block(64), i % 5);
+                plain.jndfilt(plane + 1 + 2 * 9, 9, a.at);
+                p.jndfilt(plane + 1 + 2 * 9, 9, b.at);
+                if (!(a == b)) fail("jndfilt", flags, i);
             }
         }
         const bool quant = is_new(reinterpret_cast<const void *>(p.quant));

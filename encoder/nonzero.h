@@ -1,0 +1,66 @@
+// Which values of a block are not zero, as a 64-bit mask, for the loops
+// that visit only those.
+#ifndef KIVO_ENCODER_NONZERO_H
+#define KIVO_ENCODER_NONZERO_H
+
+#include <cstdint>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#elif defined(__ARM_NEON)
+#include <arm_neon.h>
+#endif
+
+// Bit i set when blk[i] is not zero (raster order). *all_coded is set to
+// whether every value has a size category (none above 2047, none -32768).
+inline uint64_t kivoe_raster_mask(const int16_t *blk, bool *all_coded) {
+#if defined(__SSE2__)
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i top = _mm_set1_epi16(2047);
+    const __m128i low = _mm_set1_epi16(-32768);
+    __m128i bad = zero;
+    uint64_t zeros = 0;
+    for (int32_t r = 0; r < 4; ++r) {
+        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blk + 16 * r));
+        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blk + 16 * r + 8));
+        const __m128i eq = _mm_packs_epi16(_mm_cmpeq_epi16(a, zero), _mm_cmpeq_epi16(b, zero));
+        zeros |= static_cast<uint64_t>(static_cast<uint32_t>(_mm_movemask_epi8(eq))) << (16 * r);
+        bad = _mm_or_si128(bad, _mm_or_si128(_mm_cmpgt_epi16(a, top), _mm_cmpgt_epi16(b, top)));
+        bad = _mm_or_si128(bad, _mm_or_si128(_mm_cmpeq_epi16(a, low), _mm_cmpeq_epi16(b, low)));
+    }
+    *all_coded = _mm_movemask_epi8(bad) == 0;
+    return ~zeros;
+#elif defined(__ARM_NEON)
+    const uint8x8_t weight = {1, 2, 4, 8, 16, 32, 64, 128};
+    const int16x8_t top = vdupq_n_s16(2047), low = vdupq_n_s16(-32768);
+    uint16x8_t bad = vdupq_n_u16(0);
+    uint8x8_t row[8];
+    for (int32_t r = 0; r < 8; ++r) {
+        const int16x8_t v = vld1q_s16(blk + 8 * r);
+        row[r] = vand_u8(vmovn_u16(vtstq_s16(v, v)), weight);
+        bad = vorrq_u16(bad, vorrq_u16(vcgtq_s16(v, top), vceqq_s16(v, low)));
+    }
+    const uint8x8_t p0 = vpadd_u8(row[0], row[1]), p1 = vpadd_u8(row[2], row[3]);
+    const uint8x8_t p2 = vpadd_u8(row[4], row[5]), p3 = vpadd_u8(row[6], row[7]);
+    const uint8x8_t all = vpadd_u8(vpadd_u8(p0, p1), vpadd_u8(p2, p3));
+    const uint8x8_t bad8 = vmovn_u16(bad);
+    *all_coded = vget_lane_u64(vreinterpret_u64_u8(bad8), 0) == 0;
+    return vget_lane_u64(vreinterpret_u64_u8(all), 0);
+#else
+    uint64_t m = 0;
+    bool ok = true;
+    for (int32_t i = 0; i < 64; ++i) {
+        m |= static_cast<uint64_t>(blk[i] != 0) << i;
+        ok = ok && blk[i] <= 2047 && blk[i] != -32768;
+    }
+    *all_coded = ok;
+    return m;
+#endif
+}
+
+inline uint64_t kivoe_raster_mask(const int16_t *blk) {
+    bool all_coded;
+    return kivoe_raster_mask(blk, &all_coded);
+}
+
+#endif
