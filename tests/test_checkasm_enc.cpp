@@ -18,9 +18,8 @@
 namespace {
 
 #if defined(KIVO_ARCH_x86)
-const uint32_t kLevels[] = {0, KIVO_CPU_SSE2, KIVO_CPU_SSE2 | KIVO_CPU_SSSE3,
-                            KIVO_CPU_SSE2 | KIVO_CPU_SSSE3 | KIVO_CPU_SSE41,
-                            KIVO_CPU_SSE2 | KIVO_CPU_SSSE3 | KIVO_CPU_SSE41 | KIVO_CPU_AVX2};
+const uint32_t kSse = KIVO_CPU_SSE2 | KIVO_CPU_SSSE3 | KIVO_CPU_SSE41;
+const uint32_t kLevels[] = {0, KIVO_CPU_SSE2, KIVO_CPU_SSE2 | KIVO_CPU_SSSE3, kSse, kSse | KIVO_CPU_AVX2};
 #elif defined(KIVO_ARCH_arm)
 const uint32_t kLevels[] = {0, KIVO_CPU_NEON};
 #else
@@ -40,80 +39,59 @@ struct Slot {
     bool operator==(const Slot &o) const { return std::memcmp(mem, o.mem, sizeof(mem)) == 0; }
 };
 
-// Reciprocals, half values and adaptive offsets, at an odd address as the
-// fields of kivoe_qtbl may be.
-struct QTable {
-    std::vector<uint16_t> store = std::vector<uint16_t>(193);
-    uint16_t *recip() { return store.data() + 1; }
-    uint16_t *half() { return store.data() + 65; }
-    uint16_t *offset() { return store.data() + 129; }
-    void set(int i, int q, uint16_t off) {
-        recip()[i] = static_cast<uint16_t>(16384 / q);
-        half()[i] = static_cast<uint16_t>(q >> 1);
-        offset()[i] = off;
-    }
-};
-
 TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
     const char *env = std::getenv("KIVO_CHECKASM_SEED");
     const uint32_t seed = env ? static_cast<uint32_t>(std::strtoul(env, nullptr, 0)) : 20240611u;
     std::mt19937 rng(seed);
     // Coefficients: every 16-bit value once, then random ones of several
     // ranges and the extremes.
-    std::vector<Block> every, random;
+    std::vector<Block> every, random, samples;
     for (int base = -32768; base < 32768; base += 64) {
-        Block b(64);
-        for (int i = 0; i < 64; ++i) b[i] = static_cast<int16_t>(base + i);
-        every.push_back(b);
+        every.emplace_back(64);
+        for (int i = 0; i < 64; ++i) every.back()[i] = static_cast<int16_t>(base + i);
     }
     const int16_t ext[] = {32767, -32768, -32767, 0, 1, -1};
+    const int range[3] = {65536, 2049, 7};
     for (int n = 0; n < 1024; ++n) {
-        Block b(64);
-        const int range[3] = {65536, 2049, 7};
-        for (int16_t &c : b)
+        random.emplace_back(64);
+        for (int16_t &c : random.back())
             c = static_cast<int16_t>(n % 4 == 3 ? ext[rng() % 6] : static_cast<int>(rng() % range[n % 4]) - range[n % 4] / 2);
-        random.push_back(b);
     }
-    // Samples: random, random black/white, flats, checkerboards, stripes
-    // and ramps in both directions.
-    std::vector<Block> samples;
+    // Samples: random, black and white, flats, checkerboards, stripes and
+    // ramps both ways.
     for (int n = 0; n < 4000; ++n) {
-        Block b(64);
-        for (int16_t &s : b) s = static_cast<int16_t>(n % 2 ? rng() % 256 : (rng() & 1) * 255);
-        samples.push_back(b);
+        samples.emplace_back(64);
+        for (int16_t &s : samples.back()) s = static_cast<int16_t>(n % 2 ? rng() % 256 : (rng() & 1) * 255);
     }
     for (int v : {0, 1, 127, 128, 254, 255}) samples.push_back(Block(64, static_cast<int16_t>(v)));
     for (int p = 0; p < 8; ++p)
         for (int kind = 0; kind < 5; ++kind) {
-            Block b(64);
-            for (int i = 0; i < 64; ++i) {
-                const int y = i / 8, x = i % 8, r = p & 1 ? 7 - (kind == 3 ? x : y) : (kind == 3 ? x : y);
+            samples.emplace_back(64);
+            for (int i = 0, y, x; i < 64; ++i) {
+                y = i / 8, x = i % 8;
+                const int r = p & 1 ? 7 - (kind == 3 ? x : y) : (kind == 3 ? x : y);
                 const int v[5] = {((x ^ y ^ p) & 1) * 255, ((y >> (p % 3)) & 1) * 255, ((x >> (p % 3)) & 1) * 255,
                                   r * 36 + p, r * 36 + p};
-                b[i] = static_cast<int16_t>(v[kind]);
+                samples.back()[i] = static_cast<int16_t>(v[kind]);
             }
-            samples.push_back(b);
         }
-    // Every quantizer alone over every value, the offsets plain (8192),
-    // truncating (0) or any 16-bit value; mixed tables over random blocks.
-    std::vector<QTable> uniform(255), mixed(64);
+    // Reciprocals, half values and adaptive offsets at an odd address: every
+    // quantizer alone with plain, truncating or any offsets; mixed tables.
+    std::vector<std::vector<uint16_t>> uniform(255, std::vector<uint16_t>(193)), mixed(64, std::vector<uint16_t>(193));
+    auto set = [](std::vector<uint16_t> &t, int i, int q, uint16_t off) {
+        t[1 + i] = static_cast<uint16_t>(16384 / q), t[65 + i] = static_cast<uint16_t>(q >> 1), t[129 + i] = off;
+    };
     for (int q = 1; q <= 255; ++q) {
         const uint16_t offs[3] = {8192, 0, static_cast<uint16_t>(rng())};
-        for (int i = 0; i < 64; ++i) uniform[q - 1].set(i, q, offs[q % 3]);
+        for (int i = 0; i < 64; ++i) set(uniform[q - 1], i, q, offs[q % 3]);
     }
     for (int n = 0; n < 64; ++n)
-        for (int i = 0; i < 64; ++i) {
-            const int q = 1 + static_cast<int>(rng() % 255);
-            mixed[n].set(i, q, static_cast<uint16_t>(n % 2 ? rng() : rng() % 8193));
-        }
+        for (int i = 0; i < 64; ++i) set(mixed[n], i, 1 + static_cast<int>(rng() % 255), static_cast<uint16_t>(n % 2 ? rng() : rng() % 8193));
 
     kivoe_proc plain{};
     kivoe_dsp_init(&plain, 0);
-    ASSERT_EQ(plain.fdct8, &kivoe_fdct8);
-    ASSERT_EQ(plain.quant, &kivoe_quant);
-    ASSERT_EQ(plain.quant_rdoq, &kivoe_quant_rdoq);
-    std::set<const void *> seen = {reinterpret_cast<const void *>(plain.fdct8),
-                                   reinterpret_cast<const void *>(plain.quant),
+    ASSERT_TRUE(plain.fdct8 == &kivoe_fdct8 && plain.quant == &kivoe_quant && plain.quant_rdoq == &kivoe_quant_rdoq);
+    std::set<const void *> seen = {reinterpret_cast<const void *>(plain.fdct8), reinterpret_cast<const void *>(plain.quant),
                                    reinterpret_cast<const void *>(plain.quant_rdoq)};
     auto is_new = [&seen](const void *f) { return seen.insert(f).second; };
     int checked = 0, failures = 0;
@@ -139,18 +117,16 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
         const bool rdoq = is_new(reinterpret_cast<const void *>(p.quant_rdoq));
         checked += quant + rdoq;
         for (int pass = 0; pass < 2 && (quant || rdoq); ++pass) {
-            std::vector<QTable> &tables = pass ? mixed : uniform;
-            const std::vector<Block> &blocks = pass ? random : every;
             size_t i = 0;
-            for (QTable &t : tables)
-                for (const Block &in : blocks) {
+            for (std::vector<uint16_t> &t : pass ? mixed : uniform)
+                for (const Block &in : pass ? random : every) {
                     Slot a(in, i % 5), b(in, i % 5), c(in, i % 5), d(in, i % 5);
-                    if (quant && (plain.quant(a.at, t.recip(), t.half()) != p.quant(b.at, t.recip(), t.half()) ||
-                                  !(a == b)))
+                    const uint16_t *recip = &t[1], *half = &t[65], *off = &t[129];
+                    if (quant && (plain.quant(a.at, recip, half) != p.quant(b.at, recip, half) || !(a == b)))
                         fail("quant", flags, i);
                     if (rdoq) {
-                        plain.quant_rdoq(c.at, t.recip(), t.offset());
-                        p.quant_rdoq(d.at, t.recip(), t.offset());
+                        plain.quant_rdoq(c.at, recip, off);
+                        p.quant_rdoq(d.at, recip, off);
                         if (!(c == d)) fail("quant_rdoq", flags, i);
                     }
                     ++i;
