@@ -30,23 +30,17 @@ TEST(OracleTool, FormatsRoundTrip) {
     // in, out: file extensions; channels of the input; --sample and the
     // libjpeg-turbo subsampling it must produce; bounds of our decoded
     // file against libjpeg-turbo's decode of the same JPEG.
-    const struct Case {
-        const char *in, *out;
-        int channels;
-        const char *sample;
-        int subsamp, max_diff;
-        double mean_diff;
-    } cases[] = {
+    const struct Case { const char *in, *out; int channels; const char *sample; int subsamp, max_diff; double mean_diff; } cases[] = {
         {"png", "png", 3, "2x2", TJSAMP_420, 3, 0.1}, {"ppm", "ppm", 3, "1x1", TJSAMP_444, 3, 0.1},
         {"png", "ppm", 3, "2x1", TJSAMP_422, 3, 0.1}, {"ppm", "pgm", 3, "grey", TJSAMP_GRAY, 1, 0.05},
         {"pgm", "png", 1, "2x2", TJSAMP_GRAY, 1, 0.05},
     };
-    const int w = 67, h = 45;  // odd sizes: partial blocks and chroma edges
+    const int w = 67, h = 45;
     for (const Case &c : cases) {
         const std::string name = std::string(c.in) + "->" + c.out + " " + c.sample;
         if ((!std::strcmp(c.in, "png") || !std::strcmp(c.out, "png")) && !tool::have_png()) continue;
         tool::Packed pic;
-        pic.width = w, pic.height = h, pic.channels = c.channels;
+        pic.width = w, pic.height = h, pic.channels = c.channels;  // odd sizes: partial blocks and chroma edges
         pic.pixels.resize(static_cast<size_t>(w) * h * c.channels);
         for (int ch = 0; ch < c.channels; ++ch) {
             const testpic::Plane p = testpic::make_plane(w, h, 7, ch);
@@ -84,9 +78,7 @@ TEST(OracleTool, FormatsRoundTrip) {
         tool::Packed got;
         ASSERT_TRUE(tool::read_packed(out, &got)) << name;
         const int out_channels = !std::strcmp(c.out, "pgm") || c.channels == 1 ? 1 : 3;
-        ASSERT_EQ(got.channels, out_channels) << name;
-        ASSERT_EQ(got.width, w) << name;
-        ASSERT_EQ(got.height, h) << name;
+        ASSERT_TRUE(got.channels == out_channels && got.width == w && got.height == h) << name;
         if (out_channels != jpg_channels) {
             ref.resize(got.pixels.size());
             ASSERT_EQ(tjDecompress2(tj, bytes.data(), bytes.size(), ref.data(), w, w * out_channels, h,
@@ -95,11 +87,7 @@ TEST(OracleTool, FormatsRoundTrip) {
         tjDestroy(tj);
         int max_diff = 0;
         double sum = 0;
-        for (size_t i = 0; i < ref.size(); ++i) {
-            const int d = std::abs(ref[i] - got.pixels[i]);
-            max_diff = std::max(max_diff, d);
-            sum += d;
-        }
+        for (size_t i = 0; i < ref.size(); ++i) max_diff = std::max(max_diff, std::abs(ref[i] - got.pixels[i])), sum += std::abs(ref[i] - got.pixels[i]);
         EXPECT_LE(max_diff, c.max_diff) << name;
         EXPECT_LE(sum / ref.size(), c.mean_diff) << name;
         for (const std::string &f : {src, jpg, out}) std::remove(f.c_str());
@@ -113,18 +101,10 @@ TEST(OracleTool, InfoReportsExifOrientation) {
     ASSERT_FALSE(jpg.empty());
     // Byte order, orientation value, TIFF bytes kept (0: all), the line
     // expected (empty: no orientation line at all).
-    const struct Case {
-        bool little;
-        int value;
-        size_t keep;
-        const char *line;
-    } cases[] = {
-        {true, 6, 0, "exif orientation: 6 (rotate 90 CW)"},
-        {false, 6, 0, "exif orientation: 6 (rotate 90 CW)"},
-        {true, 3, 0, "exif orientation: 3 (rotate 180)"},
-        {false, 8, 0, "exif orientation: 8 (rotate 270 CW)"},
-        {true, 1, 0, "exif orientation: 1 (normal)"},
-        {false, 9, 0, "exif orientation: unreadable"},
+    const struct Case { bool little; int value; size_t keep; const char *line; } cases[] = {
+        {true, 6, 0, "exif orientation: 6 (rotate 90 CW)"}, {false, 6, 0, "exif orientation: 6 (rotate 90 CW)"},
+        {true, 3, 0, "exif orientation: 3 (rotate 180)"},   {false, 8, 0, "exif orientation: 8 (rotate 270 CW)"},
+        {true, 1, 0, "exif orientation: 1 (normal)"},       {false, 9, 0, "exif orientation: unreadable"},
         {true, 6, 30, "exif orientation: unreadable"},  // the IFD's last entry cut short
         {false, 6, 7, "exif orientation: unreadable"},  // the TIFF header cut short
     };

@@ -1,15 +1,19 @@
 // The encoder's plain kernels and tables against a reference written here
-// as plainly as possible from their rules (the SIMD variants are proven
-// equal to the plain kernels in test_checkasm_enc.cpp): forward DCT, both
-// quantizers, the offset update, quality and perceptual tables, the JND
-// filter, thresholds and suppression; then the perceptual selection
-// against statistics sampled here.
+// as plainly as possible from their rules: forward DCT, both quantizers,
+// the offset update, quality and perceptual tables, the JND filter,
+// thresholds and suppression; every SIMD variant kivoe_dsp_init can choose
+// on this CPU against the plain kernel, bit for bit (KIVO_CHECKASM_SEED=n
+// changes the seed); the perceptual selection against statistics sampled
+// here.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <random>
+#include <set>
 #include <vector>
 
 #include "encoder/kivoe_int.h"
@@ -149,11 +153,8 @@ TEST(EncRef, QualityAndPerceptualTables) {
     for (uint32_t quality = 0; quality <= 102; ++quality) {
         const kivoe_qtbl before = enc->qtbl[0];
         ASSERT_EQ(kivoe_init_q_tbl(enc, quality), quality > 100 ? KIVO_ERR_INVALID_ARG : KIVO_OK);
-        if (quality > 100) {
-            EXPECT_EQ(0, std::memcmp(&before, &enc->qtbl[0], sizeof(before))) << "tables kept";
-            continue;
-        }
-        kivotest::quality_tables(static_cast<int>(quality), want);
+        kivotest::quality_tables(quality > 100 ? 100 : static_cast<int>(quality), want);
+        EXPECT_TRUE(quality <= 100 || std::memcmp(&before, &enc->qtbl[0], sizeof(before)) == 0) << "tables kept";
         for (int i = 0; i < 128; ++i) {
             const kivoe_qtbl &t = enc->qtbl[i / 64];
             ASSERT_TRUE(t.q[i % 64] == want[i] && t.recip[i % 64] == 16384 / want[i] && t.half[i % 64] == want[i] / 2)
@@ -170,10 +171,8 @@ TEST(EncRef, QualityAndPerceptualTables) {
         int16_t q[64];
         uint16_t recip[64], half[64];
         kivo_gen_qtbl(q, recip, half, stat, base);
-        for (int i = 0; i < 64; ++i) {
-            const int w = ref::gen_q(i, stat[i], base);
-            ASSERT_TRUE(q[i] == w && recip[i] == 16384 / w && half[i] == w / 2) << "base " << base << " stat " << stat[i] << " at " << i;
-        }
+        for (int i = 0, w; i < 64; ++i)
+            ASSERT_TRUE(q[i] == (w = ref::gen_q(i, stat[i], base)) && recip[i] == 16384 / w && half[i] == w / 2) << base << " " << stat[i] << " at " << i;
     }
     for (int level = 0; level < 256; ++level) EXPECT_EQ(tbl_thr[level], ref::base_of_level(level)) << level;
 }
@@ -209,6 +208,121 @@ TEST(EncRef, JndFilterThresholdsAndSuppression) {
     }
 }
 
+#if defined(KIVO_ARCH_x86)
+const uint32_t kSse = KIVO_CPU_SSE2 | KIVO_CPU_SSSE3 | KIVO_CPU_SSE41;
+const uint32_t kLevels[] = {0, KIVO_CPU_SSE2, KIVO_CPU_SSE2 | KIVO_CPU_SSSE3, kSse, kSse | KIVO_CPU_AVX2};
+#elif defined(KIVO_ARCH_arm)
+const uint32_t kLevels[] = {0, KIVO_CPU_NEON};
+#else
+const uint32_t kLevels[] = {0};
+#endif
+
+using Block = std::vector<int16_t>;
+
+// 64 values `skew` int16 past a 32-byte boundary, canaries on both sides.
+struct Slot {
+    alignas(32) int16_t mem[112];
+    int16_t *at;
+    Slot(const Block &in, int skew) : at(mem + 24 + skew) {
+        for (int16_t &v : mem) v = 0x5A5A;
+        std::memcpy(at, in.data(), 128);
+    }
+    bool operator==(const Slot &o) const { return std::memcmp(mem, o.mem, sizeof(mem)) == 0; }
+};
+
+// The quantizers see every 16-bit coefficient with every quantizer 1..255
+// and mixed tables, the transform random, extreme and patterned blocks;
+// blocks sit at unaligned addresses between canaries.
+TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
+    const char *env = std::getenv("KIVO_CHECKASM_SEED");
+    const uint32_t seed = env ? static_cast<uint32_t>(std::strtoul(env, nullptr, 0)) : 20240611u;
+    std::mt19937 rng(seed);
+    // Coefficients: every 16-bit value once, then random ones of several
+    // ranges and the extremes.
+    std::vector<Block> every, random, samples;
+    for (int base = -32768; base < 32768; base += 64) {
+        every.emplace_back(64);
+        for (int i = 0; i < 64; ++i) every.back()[i] = static_cast<int16_t>(base + i);
+    }
+    const int16_t ext[] = {32767, -32768, -32767, 0, 1, -1};
+    const int range[3] = {65536, 2049, 7};
+    for (int n = 0; n < 1024; ++n) {
+        random.emplace_back(64);
+        for (int16_t &c : random.back())
+            c = static_cast<int16_t>(n % 4 == 3 ? ext[rng() % 6] : static_cast<int>(rng() % range[n % 4]) - range[n % 4] / 2);
+    }
+    // Samples: random, black and white, flats, checkerboards, stripes and
+    // ramps both ways.
+    for (int n = 0; n < 4048; ++n) {
+        samples.emplace_back(64);
+        const int p = n % 8, kind = n % 6, flat[6] = {0, 1, 127, 128, 254, 255};
+        for (int i = 0, y = 0, x = 0; i < 64; y = ++i / 8, x = i % 8) {
+            const int r = (p & 1 ? 7 : 0) + (p & 1 ? -1 : 1) * (kind == 3 ? x : y);
+            const int v[6] = {((x ^ y ^ p) & 1) * 255, ((y >> (p % 3)) & 1) * 255, ((x >> (p % 3)) & 1) * 255, r * 36 + p, r * 36 + p, flat[n / 6 % 6]};
+            samples.back()[i] = static_cast<int16_t>(n < 4000 ? (n % 2 ? rng() % 256 : (rng() & 1) * 255) : v[kind]);
+        }
+    }
+    // Reciprocals, half values and adaptive offsets at an odd address: every
+    // quantizer alone with plain, truncating or any offsets; mixed tables.
+    std::vector<std::vector<uint16_t>> uniform(255, std::vector<uint16_t>(193)), mixed(64, std::vector<uint16_t>(193));
+    auto set = [](std::vector<uint16_t> &t, int i, int q, uint16_t off) {
+        t[1 + i] = static_cast<uint16_t>(16384 / q), t[65 + i] = static_cast<uint16_t>(q >> 1), t[129 + i] = off;
+    };
+    for (int q = 1; q <= 255; ++q) {
+        const uint16_t offs[3] = {8192, 0, static_cast<uint16_t>(rng())};
+        for (int i = 0; i < 64; ++i) set(uniform[q - 1], i, q, offs[q % 3]);
+    }
+    for (int n = 0; n < 64; ++n)
+        for (int i = 0; i < 64; ++i) set(mixed[n], i, 1 + static_cast<int>(rng() % 255), static_cast<uint16_t>(n % 2 ? rng() : rng() % 8193));
+
+    kivoe_proc plain{};
+    kivoe_dsp_init(&plain, 0);
+    ASSERT_TRUE(plain.fdct8 == &kivoe_fdct8 && plain.quant == &kivoe_quant && plain.quant_rdoq == &kivoe_quant_rdoq);
+    std::set<const void *> seen;
+    auto is_new = [&seen](auto f) { return seen.insert(reinterpret_cast<const void *>(f)).second; };
+    is_new(plain.fdct8), is_new(plain.quant), is_new(plain.quant_rdoq);
+    int checked = 0, failures = 0;
+    auto fail = [&failures](const char *what, uint32_t flags, size_t i) {
+        if (failures++ < 5) ADD_FAILURE() << what << " at CPU flags " << flags << ": block " << i;
+    };
+    for (uint32_t flags : kLevels) {
+        if (flags & ~kivo_cpu_detected()) continue;
+        kivoe_proc p{};
+        kivoe_dsp_init(&p, flags);
+        std::printf("%s\n", kivoe_dsp_describe(flags));
+        ASSERT_TRUE(p.fdct8 && p.quant && p.quant_rdoq) << flags;
+        if (is_new(p.fdct8)) {
+            ++checked;
+            for (size_t i = 0; i < samples.size(); ++i) {
+                Slot a(samples[i], i % 5), b(samples[i], i % 5);
+                plain.fdct8(a.at);
+                p.fdct8(b.at);
+                if (!(a == b)) fail("fdct8", flags, i);
+            }
+        }
+        const bool quant = is_new(p.quant), rdoq = is_new(p.quant_rdoq);
+        checked += quant + rdoq;
+        for (int pass = 0; pass < 2 && (quant || rdoq); ++pass) {
+            size_t i = 0;
+            for (std::vector<uint16_t> &t : pass ? mixed : uniform)
+                for (const Block &in : pass ? random : every) {
+                    Slot a(in, i % 5), b(in, i % 5), c(in, i % 5), d(in, i % 5);
+                    const uint16_t *recip = &t[1], *half = &t[65], *off = &t[129];
+                    if (quant && (plain.quant(a.at, recip, half) != p.quant(b.at, recip, half) || !(a == b)))
+                        fail("quant", flags, i);
+                    if (rdoq) {
+                        plain.quant_rdoq(c.at, recip, off);
+                        p.quant_rdoq(d.at, recip, off);
+                        if (!(c == d)) fail("quant_rdoq", flags, i);
+                    }
+                    ++i;
+                }
+        }
+    }
+    EXPECT_EQ(failures, 0) << "seed " << seed;
+    std::printf("%d variant(s) checked\n", checked);
+}
+
 // Pushes planes and selects the tables at `level`; got: the tables after.
 int32_t select(int32_t cs, int w, int h, const std::vector<testpic::Plane> &planes, int level, uint8_t out[128],
                kivoe_qtbl got[2], kivoe_qtbl before[2]) {
@@ -216,8 +330,7 @@ int32_t select(int32_t cs, int w, int h, const std::vector<testpic::Plane> &plan
     kivoe_ctx *enc = kivoe_create(&p, nullptr);
     xelo_imgb *img = kivotest::to_imgb(cs, w, h, planes);
     std::memcpy(before, enc->qtbl, 2 * sizeof(kivoe_qtbl));
-    int32_t status = kivoe_push(enc, img);
-    if (status == KIVO_OK) status = kivoe_get_qtbl(enc, level, out);
+    const int32_t status = kivoe_push(enc, img) ? -1 : kivoe_get_qtbl(enc, level, out);
     std::memcpy(got, enc->qtbl, 2 * sizeof(kivoe_qtbl));
     img->release(img);
     kivoe_delete(enc);
@@ -256,7 +369,7 @@ TEST(EncQuant, PerceptualSelectionMatchesTheSampledStatistics) {
             for (int i = 0; i < 64; ++i) mean[t][i] = blocks[t] ? static_cast<uint32_t>(sum[t][i] / blocks[t]) : 0;
         uint8_t out[128];
         kivoe_qtbl got[2], before[2];
-        ASSERT_EQ(select(c.cs, c.w, c.h, planes, c.level, out, got, before), KIVO_OK) << c.cs << " " << c.level;
+        ASSERT_EQ(select(c.cs, c.w, c.h, planes, c.level, out, got, before), 0) << c.cs << " " << c.level;
         for (int i = 0; i < 128; ++i) {
             // No chroma: the chroma table stays and is reported.
             const int want = i < 64 || c.cs != XELO_CS_YCBCR400 ? ref::gen_q(i % 64, mean[i / 64][i % 64], ref::base_of_level(mean[0][0]))
@@ -286,16 +399,14 @@ TEST(EncQuant, InterleavedLayoutsAndRefusals) {
             }
         uint8_t want[128], got[128];
         kivoe_qtbl t[2], before[2];
-        ASSERT_EQ(select(twin, w, h, planar, 0, want, t, before), KIVO_OK);
-        ASSERT_EQ(select(cs, w, h, inter, 0, got, t, before), KIVO_OK);
+        ASSERT_TRUE(select(twin, w, h, planar, 0, want, t, before) == 0 && select(cs, w, h, inter, 0, got, t, before) == 0);
         EXPECT_EQ(0, std::memcmp(want, got, 128)) << "format " << cs;
     }
+    // No whole block; chroma without one; levels out of range.
     const struct { int32_t cs; int w, h, level; int32_t status; } cases[] = {
-        {XELO_CS_YCBCR444, 63, 64, 3, KIVO_ERR_UNAVAILABLE},  // no whole block
-        {XELO_CS_YCBCR420, 64, 64, 3, KIVO_ERR_UNAVAILABLE},  // chroma without a whole block
-        {XELO_CS_YUYV, 120, 64, 3, KIVO_ERR_UNAVAILABLE},     {XELO_CS_YCBCR444, 64, 64, 13, KIVO_ERR_UNAVAILABLE},
-        {XELO_CS_YCBCR444, 64, 64, -1, KIVO_ERR_INVALID_ARG},
-    };
+        {XELO_CS_YCBCR444, 63, 64, 3, KIVO_ERR_UNAVAILABLE}, {XELO_CS_YCBCR420, 64, 64, 3, KIVO_ERR_UNAVAILABLE},
+        {XELO_CS_YUYV, 120, 64, 3, KIVO_ERR_UNAVAILABLE},    {XELO_CS_YCBCR444, 64, 64, 13, KIVO_ERR_UNAVAILABLE},
+        {XELO_CS_YCBCR444, 64, 64, -1, KIVO_ERR_INVALID_ARG}};
     for (const auto &c : cases) {
         uint8_t out[128];
         std::memset(out, 0xEE, sizeof(out));

@@ -22,14 +22,11 @@ struct Recorder {
 } *g_rec = nullptr;
 
 void *rec_create(kivo_tpool *, int32_t idx) {
-    if (idx == g_rec->fail_at) return nullptr;
-    g_rec->created.push_back(idx);
-    return new int(idx);
+    return idx == g_rec->fail_at ? nullptr : (g_rec->created.push_back(idx), new int(idx));
 }
 int32_t rec_release(void *t) {
     g_rec->released.push_back(*static_cast<int *>(t));
-    delete static_cast<int *>(t);
-    return 0;
+    return delete static_cast<int *>(t), 0;
 }
 
 struct FakeCtx {
@@ -47,13 +44,9 @@ const kivo::Family kFake = {0x4B414B46u, sizeof(FakeCtx), offsetof(FakeCtx, tpoo
                             [](void *) {}, nullptr};
 
 TEST(Frame, HandleCreationMakesClampedWorkersAndUnwinds) {
-    const struct {
-        int count;         // tpool count; -2: no tpool record
-        int fail_at;       // worker index that fails, -1 for none
-        int32_t fail_mem;  // allocation that fails, 0 for none
-        int workers;       // made in order 1..workers
-        int32_t status;
-    } cases[] = {
+    // tpool count (-2: no record), worker index that fails (-1: none),
+    // allocation that fails (0: none), workers made in order 1.., status.
+    const struct { int count, fail_at, fail_mem, workers, status; } cases[] = {
         {0, -1, 0, 0, 0}, {1, -1, 0, 0, 0}, {-1, -1, 0, 0, 0}, {3, -1, 0, 2, 0}, {9, -1, 0, 7, 0}, {-2, -1, 0, 0, 0},
         {5, 3, 0, 2, KIVO_ERR_THREAD}, {3, -1, 1, 0, KIVO_ERR_OUT_OF_MEMORY},
     };
@@ -63,9 +56,7 @@ TEST(Frame, HandleCreationMakesClampedWorkersAndUnwinds) {
         rec.fail_at = tc.fail_at;
         g_rec = &rec;
         kivo_tpool tp{};
-        tp.create = rec_create;
-        tp.release = rec_release;
-        tp.count = tc.count;
+        tp.create = rec_create, tp.release = rec_release, tp.count = tc.count;
         const int32_t live = xelo_mem_live();
         int32_t status = 12345;
         xelo_mem_fail_at(tc.fail_mem);
@@ -87,22 +78,17 @@ TEST(Frame, HandleCreationMakesClampedWorkersAndUnwinds) {
     xelo_mem_fail_at(1);  // a null status pointer is allowed
     EXPECT_EQ(kivo::handle_create(kFake, nullptr, nullptr, nullptr), nullptr);
     xelo_mem_fail_at(0);
-    // Null and foreign handles are ignored by deletion.
-    kivo::handle_delete(kFake, nullptr);
-    FakeCtx foreign{};
+    FakeCtx foreign{};  // null and foreign handles are ignored by deletion
     foreign.head.magic = kivo::kMagicDecoder;
     kivo::handle_delete(kFake, &foreign);
+    kivo::handle_delete(kFake, nullptr);
 }
 
 struct ForkArgs {
     int32_t result;
     int runs;
 };
-int32_t fork_job(void *arg) {
-    ForkArgs *a = static_cast<ForkArgs *>(arg);
-    ++a->runs;
-    return a->result;
-}
+int32_t fork_job(void *arg) { return ++static_cast<ForkArgs *>(arg)->runs, static_cast<ForkArgs *>(arg)->result; }
 int g_runs_allowed = 0, g_waits = 0;
 
 // Every job runs once and the last negative status wins; when the pool
@@ -113,11 +99,8 @@ TEST(Frame, ForkJoinStatusRule) {
     kivo_tpool_std(&tp, 4);
     void *threads[4] = {nullptr};
     for (int i = 1; i < 4; ++i) threads[i] = tp.create(&tp, i);
-    const struct {
-        int32_t results[4];
-        int32_t want;
-    } cases[] = {{{0, 0, 0, 0}, 0},     {{5, 1, 2, 3}, 0},      {{-7, 0, 0, 0}, -7},
-                 {{-7, -8, 0, 0}, -8},  {{-7, -8, 0, -9}, -9},  {{0, -8, -3, 0}, -3}};
+    const struct { int32_t results[4], want; } cases[] = {
+        {{0, 0, 0, 0}, 0}, {{5, 1, 2, 3}, 0}, {{-7, 0, 0, 0}, -7}, {{-7, -8, 0, 0}, -8}, {{-7, -8, 0, -9}, -9}, {{0, -8, -3, 0}, -3}};
     ForkArgs a[4];
     void *args[4] = {&a[0], &a[1], &a[2], &a[3]};
     for (const auto &tc : cases) {
@@ -173,11 +156,7 @@ TEST(Frame, PictureBufferReuseGrowthAndGrey) {
     ASSERT_TRUE(pic && status == 0);
     EXPECT_TRUE(pic->width_c == 32 && pic->height_c == 24 && pic->pad_x == 4 && pic->stride_y == pic->imgb->stride[0]);
     EXPECT_TRUE(pic->plane[3] == pic->plane[2] && pic->plane_alt[2] == pic->imgb->plane[3]);
-    const struct {
-        int32_t w, h, cap_w, cap_h, cs;
-        bool same;
-        int32_t wc, hc;
-    } steps[] = {{33, 17, 64, 48, XELO_CS_YCBCR420, true, 17, 9},
+    const struct { int32_t w, h, cap_w, cap_h, cs; bool same; int32_t wc, hc; } steps[] = {{33, 17, 64, 48, XELO_CS_YCBCR420, true, 17, 9},
                  {200, 100, 200, 100, XELO_CS_YCBCR420, false, 100, 50},
                  {20, 10, 200, 100, XELO_CS_YCBCR400, true, 0, 0}};
     for (const auto &s : steps) {
@@ -191,7 +170,7 @@ TEST(Frame, PictureBufferReuseGrowthAndGrey) {
     }
     kivo_picbuf_free(pic);
     kivo_picbuf_free(nullptr);
-    kivo_picbuf bare{};
+    kivo_picbuf bare{};  // not ours to touch
     status = 77;
     EXPECT_EQ(kivo_picbuf_alloc(&p, &bare, &status), nullptr);
     EXPECT_EQ(status, 77);

@@ -15,9 +15,7 @@ std::vector<testpic::Plane> make_picture(int32_t cs, int w, int h, uint64_t seed
     return planes;
 }
 
-xelo_imgb *to_imgb(int32_t cs, int w, int h, const std::vector<testpic::Plane> &planes, bool tight,
-                   const uint32_t *pad) {
-    const uint32_t a = tight ? XELO_PAIR(1, 1) : XELO_PAIR(16, 16);
+xelo_imgb *to_imgb(int32_t cs, int w, int h, const std::vector<testpic::Plane> &planes, uint32_t a, const uint32_t *pad) {
     const uint32_t align[4] = {a, a, a, a}, none[4] = {0, 0, 0, 0};
     xelo_imgb *img = xelo_imgb_create(w, h, cs, 3, align, pad ? pad : none, 0, 0, 0);
     for (size_t p = 0, i = 0; img && p < 4 && i < planes.size(); ++p) {
@@ -38,15 +36,11 @@ Encoded encode(int32_t cs, int w, int h, const std::vector<testpic::Plane> &plan
     if (!enc) return r;
     const int32_t four = 4, size = 128;
     const int32_t flags[4] = {o.optimize, o.jnd_filter, o.jnd_suppress, o.adaptive_rounding};
-    const int32_t ids[4] = {KIVOE_CFG_OPT_HUFFMAN, KIVOE_CFG_JND_FILTER, KIVOE_CFG_JND_SUPPRESS,
-                            KIVOE_CFG_ADAPTIVE_ROUNDING};
+    const int32_t ids[4] = {KIVOE_CFG_OPT_HUFFMAN, KIVOE_CFG_JND_FILTER, KIVOE_CFG_JND_SUPPRESS, KIVOE_CFG_ADAPTIVE_ROUNDING};
     for (int i = 0; i < 4; ++i) kivoe_config(enc, ids[i], &flags[i], &four);
     quality_tables(o.quality, r.q);
-    if (o.qtables) {
-        kivoe_config(enc, KIVOE_CFG_QTBL, o.qtables, &size);
-        std::memcpy(r.q, o.qtables, 128);
-    }
-    xelo_imgb *img = to_imgb(cs, w, h, planes, o.copy_path);
+    if (o.qtables) kivoe_config(enc, KIVOE_CFG_QTBL, o.qtables, &size), std::memcpy(r.q, o.qtables, 128);
+    xelo_imgb *img = to_imgb(cs, w, h, planes, o.copy_path ? XELO_PAIR(1, 1) : XELO_PAIR(16, 16));
     r.status = img ? kivoe_push(enc, img) : KIVO_ERR_IMGB;
     if (r.status == 0 && o.perceptual_level >= 0) {
         r.status = kivoe_get_qtbl(enc, o.perceptual_level, r.q);
@@ -59,8 +53,7 @@ Encoded encode(int32_t cs, int w, int h, const std::vector<testpic::Plane> &plan
         // Exactly sized, so that a write past the end is caught by ASan.
         Bytes buf(o.out_size ? o.out_size : raw * 4 + 4096);
         xelo_bitb bitb{};
-        bitb.addr = buf.data();
-        bitb.ssize = static_cast<int32_t>(buf.size());
+        bitb.addr = buf.data(), bitb.ssize = static_cast<int32_t>(buf.size());
         kivoe_output out{KIVOD_INPUT_BITB, &bitb, nullptr};
         int32_t written = 0;
         r.status = kivoe_encode(enc, &out, &written);

@@ -26,20 +26,19 @@ struct EncodeOptions {
 struct Encoded {
     int32_t status = 0;
     Bytes jpg;
-    uint8_t q[128] = {};  // the quantizers the stream was coded with (raster, luma then chroma)
+    uint8_t q[128] = {};  // quantizers coded with (raster, luma then chroma)
 };
 
 // Planes of a picture of colour format cs, each at its own size.
 std::vector<testpic::Plane> make_picture(int32_t cs, int w, int h, uint64_t seed,
                                          testpic::Kind kind = testpic::Kind::Natural);
-// An image buffer holding the planes (line distances padded to 16 unless
-// `tight`; `pad`: four margin pairs, none when null).
-xelo_imgb *to_imgb(int32_t cs, int w, int h, const std::vector<testpic::Plane> &planes, bool tight = false,
-                   const uint32_t *pad = nullptr);
+// An image buffer holding the planes, line distances and counts aligned as
+// `align` says (an XELO_PAIR), with margins `pad` (four pairs) if given.
+xelo_imgb *to_imgb(int32_t cs, int w, int h, const std::vector<testpic::Plane> &planes,
+                   uint32_t align = XELO_PAIR(16, 16), const uint32_t *pad = nullptr);
 Encoded encode(int32_t cs, int w, int h, const std::vector<testpic::Plane> &planes, const EncodeOptions &o);
 // PSNR of b against a over all samples of all planes (99 when equal).
 double psnr(const std::vector<testpic::Plane> &a, const std::vector<testpic::Plane> &b);
-
 // Quantizers of a quality, raster order, luma then chroma.
 void quality_tables(int quality, uint8_t q[128]);
 // Quantizers (zig-zag order) of a stream's first two components (the first

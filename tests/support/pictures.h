@@ -12,12 +12,7 @@ namespace testpic {
 struct Rng {
     uint64_t s;
     explicit Rng(uint64_t seed) : s(seed * 0x9E3779B97F4A7C15ull + 1) {}
-    uint32_t next() {
-        s ^= s << 13;
-        s ^= s >> 7;
-        s ^= s << 17;
-        return static_cast<uint32_t>(s >> 11);
-    }
+    uint32_t next() { return s ^= s << 13, s ^= s >> 7, s ^= s << 17, static_cast<uint32_t>(s >> 11); }
     int range(int lo, int hi) { return lo + static_cast<int>(next() % static_cast<uint32_t>(hi - lo + 1)); }
 };
 
