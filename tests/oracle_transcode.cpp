@@ -98,16 +98,42 @@ Bytes make_source(const Source &s, int w, int h, int quality, uint64_t seed, con
     return turbo::encode(e, turbo::make_planes(e, seed ? seed : w));
 }
 
-TEST(OracleTranscode, OutputsDecodeAndNeverRefine) {
+Bytes segment(uint8_t marker, const std::string &payload) {
+    const size_t len = payload.size() + 2;
+    const std::string s = std::string{'\xFF', char(marker), char(len >> 8), char(len)} + payload;
+    return Bytes(s.begin(), s.end());
+}
+
+// Every source kind, given EXIF, an ICC profile in three APP2 segments and
+// XMP before its own JFIF APP0, a fill byte before EOI and 16 bytes after
+// it; two at a size or colour format of their own. Memory that holds the
+// stream but not the whole trailer gives a status (and, under ASan, holds
+// nothing past its end).
+TEST(OracleTranscode, EverySourceKind) {
+    Bytes apps;
+    for (const Bytes &a : {segment(0xE1, std::string("Exif\0\0", 6) + std::string(300, '\x11')),
+                           segment(0xE2, std::string("ICC_PROFILE\0\x01\x03", 14) + std::string(200, '\x22')),
+                           segment(0xE2, std::string("ICC_PROFILE\0\x02\x03", 14) + std::string(200, '\x33')),
+                           segment(0xE2, std::string("ICC_PROFILE\0\x03\x03", 14) + std::string(50, '\x44')),
+                           segment(0xE1, std::string("http://ns.adobe.com/xap/1.0/\0<x:xmpmeta/>", 41))})
+        apps.insert(apps.end(), a.begin(), a.end());
+    const Bytes trailer = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 0xFF, 0xD9, 13, 14, 15, 16};
     int idx = 0;
     for (const Source &s : kSources)
         for (bool optimize : {false, true}) {
             SCOPED_TRACE(s.name);
-            const Bytes src = make_source(s, 203 + ++idx, 131, 95, 0);
-            const Result r = transcode(src, idx % 3 ? 0 : 80, optimize, -1, 1 + idx % 3);
+            const Bytes base = make_source(s, 203 + ++idx, 131, 95, 0);
+            Bytes src = {0xFF, 0xD8};
+            for (const Bytes &part : {apps, Bytes(base.begin() + 2, base.end() - 2), Bytes{0xFF, 0xFF, 0xD9}, trailer})
+                src.insert(src.end(), part.begin(), part.end());
+            const int threads = 1 + idx % 3, w = idx == 4 ? 100 : 0, h = idx == 4 ? 60 : 0;
+            const Result r = transcode(src, idx % 3 ? 0 : 80, optimize, -1, threads, idx == 3 ? XELO_CS_YCBCR420 : 0, w, h);
             ASSERT_EQ(r.status, 0);
             EXPECT_LT(r.out.size(), src.size());
-            check_output(src, r.out, r.qtbl, 1 + idx % 3, optimize);
+            check_output(src, r.out, r.qtbl, threads, optimize, trailer);
+            EXPECT_TRUE(idx != 3 || kivotest::decode(r.out, 1).color_format == XELO_CS_YCBCR420);
+            EXPECT_TRUE(idx != 4 || (kivotest::decode(r.out, 1).width == 100 && kivotest::decode(r.out, 1).height == 60));
+            EXPECT_TRUE(idx != 1 || transcode(src, 0, optimize, static_cast<int32_t>(r.out.size()) - 5, threads).status < 0);
         }
 }
 
@@ -151,50 +177,6 @@ TEST(OracleTranscode, TablesFollowTheirRule) {
     }
 }
 
-Bytes segment(uint8_t marker, const std::string &payload) {
-    const size_t len = payload.size() + 2;
-    const std::string s = std::string{'\xFF', char(marker), char(len >> 8), char(len)} + payload;
-    return Bytes(s.begin(), s.end());
-}
-
-// EXIF, an ICC profile in three APP2 segments and XMP before the picture's
-// own JFIF APP0 come out in order byte for byte; with a fill byte before
-// EOI and 16 bytes after it, the bytes follow the new EOI unchanged.
-TEST(OracleTranscode, AppSegmentsAndTrailerCarriedOver) {
-    const Bytes base = make_source(kSources[0], 120, 80, 95, 4);
-    const Bytes own(base.begin() + 2, base.begin() + 4 + ((base[4] << 8) | base[5]));
-    Bytes src = {0xFF, 0xD8};
-    for (const Bytes &a : {segment(0xE1, std::string("Exif\0\0", 6) + std::string(300, '\x11')),
-                           segment(0xE2, std::string("ICC_PROFILE\0\x01\x03", 14) + std::string(200, '\x22')),
-                           segment(0xE2, std::string("ICC_PROFILE\0\x02\x03", 14) + std::string(200, '\x33')),
-                           segment(0xE2, std::string("ICC_PROFILE\0\x03\x03", 14) + std::string(50, '\x44')),
-                           segment(0xE1, std::string("http://ns.adobe.com/xap/1.0/\0<x:xmpmeta/>", 41)), own})
-        src.insert(src.end(), a.begin(), a.end());
-    src.insert(src.end(), base.begin() + 2 + own.size(), base.end() - 2);
-    const Bytes trailer = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 0xFF, 0xD9, 13, 14, 15, 16};
-    src.insert(src.end(), {0xFF, 0xFF, 0xD9});
-    src.insert(src.end(), trailer.begin(), trailer.end());
-    const Result r = transcode(src, 0, true, -1, 2);
-    ASSERT_EQ(r.status, 0);
-    check_output(src, r.out, r.qtbl, 2, true, trailer);
-    // Memory that holds the stream but not the whole trailer: a status, and
-    // (under ASan) nothing past its end.
-    EXPECT_LT(transcode(src, 0, true, static_cast<int32_t>(r.out.size()) - 5, 2).status, 0);
-}
-
-// Output size and colour format overrides; packed pairs are a decode-only
-// output, the encoder takes planar layouts.
-TEST(OracleTranscode, Overrides) {
-    const Bytes src = make_source(kSources[1], 320, 240, 95, 8);
-    const Result small = transcode(src, 0, false, -1, 2, 0, 160, 120);
-    const kivotest::Decoded d = kivotest::decode(small.out, 1);
-    EXPECT_TRUE(small.status == 0 && d.status == 0 && d.width == 160 && d.height == 120);
-    const Result sub = transcode(src, 0, false, -1, 1, XELO_CS_YCBCR420);
-    ASSERT_EQ(sub.status, 0);
-    EXPECT_EQ(kivotest::decode(sub.out, 1).color_format, XELO_CS_YCBCR420);
-    EXPECT_EQ(transcode(src, 0, false, -1, 1, XELO_CS_YUYV).status, KIVO_ERR_COLOR_FORMAT);
-}
-
 TEST(OracleTranscode, SkipEncodeBadMemoryAndCorruptSources) {
     Bytes src = make_source(kSources[0], 64, 48, 90, 5), out;
     kivoe_create_param p{1, 0, 0, 0, 0, nullptr}, ep{1, 16, 16, 50, 11, nullptr};
@@ -214,6 +196,7 @@ TEST(OracleTranscode, SkipEncodeBadMemoryAndCorruptSources) {
     const kivotest::Decoded d = kivotest::decode(src, 1);
     for (int y = 0; y < 48; ++y)
         for (int x = 0; x < 64; ++x) ASSERT_EQ(pic->plane[0][y * pic->stride[0] + x], d.planes[0].at(x, y));
+    EXPECT_EQ(transcode(src, 0, false, -1, 1, XELO_CS_YUYV).status, KIVO_ERR_COLOR_FORMAT);  // planar layouts only
     src[0] = 0;  // a corrupt source gives the decoder's status
     EXPECT_EQ(code(nullptr, t, src, &out), KIVO_ERR_MALFORMED);
     // An encoder handle is not a transcoder, nor the other way round.
