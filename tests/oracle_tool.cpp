@@ -52,10 +52,9 @@ TEST(OracleTool, FormatsRoundTrip) {
         ASSERT_EQ(run(tool::cmd_encode, {src, jpg, "-quality", "95", "-sample", c.sample}), 0) << name;
 
         std::vector<uint8_t> bytes;
-        ASSERT_TRUE(tool::read_file(jpg, &bytes)) << name;
         tjhandle tj = tjInitDecompress();
         int tw = 0, th = 0, subsamp = -1, cs = 0;
-        ASSERT_EQ(tjDecompressHeader3(tj, bytes.data(), bytes.size(), &tw, &th, &subsamp, &cs), 0) << name;
+        ASSERT_TRUE(tool::read_file(jpg, &bytes) && tjDecompressHeader3(tj, bytes.data(), bytes.size(), &tw, &th, &subsamp, &cs) == 0) << name;
         EXPECT_EQ(subsamp, c.subsamp) << name;
         // The JPEG holds the picture: libjpeg-turbo's decode is within
         // quality-95 and subsampling loss of the original, or of its luma
@@ -67,8 +66,7 @@ TEST(OracleTool, FormatsRoundTrip) {
         double se = 0;
         for (size_t i = 0; i < ref.size(); ++i) {
             const uint8_t *o = &pic.pixels[i / jpg_channels * c.channels];
-            const double want = jpg_channels == c.channels ? pic.pixels[i] : 0.299 * o[0] + 0.587 * o[1] + 0.114 * o[2];
-            se += (ref[i] - want) * (ref[i] - want);
+            se += std::pow(ref[i] - (jpg_channels == c.channels ? pic.pixels[i] : 0.299 * o[0] + 0.587 * o[1] + 0.114 * o[2]), 2);
         }
         EXPECT_GT(10 * std::log10(255.0 * 255.0 * ref.size() / se), 27.0) << name;
 
@@ -88,16 +86,20 @@ TEST(OracleTool, FormatsRoundTrip) {
         int max_diff = 0;
         double sum = 0;
         for (size_t i = 0; i < ref.size(); ++i) max_diff = std::max(max_diff, std::abs(ref[i] - got.pixels[i])), sum += std::abs(ref[i] - got.pixels[i]);
-        EXPECT_LE(max_diff, c.max_diff) << name;
-        EXPECT_LE(sum / ref.size(), c.mean_diff) << name;
+        EXPECT_TRUE(max_diff <= c.max_diff && sum / ref.size() <= c.mean_diff) << name << ": " << max_diff << " " << sum / ref.size();
         for (const std::string &f : {src, jpg, out}) std::remove(f.c_str());
     }
 }
 
-TEST(OracleTool, InfoReportsExifOrientation) {
+// A 16 x 16 grey picture from libjpeg-turbo.
+std::vector<uint8_t> small_grey() {
     turbo::EncodeSpec spec;
     spec.width = 16, spec.height = 16, spec.n_comp = 1;
-    const std::vector<uint8_t> jpg = turbo::encode(spec, turbo::make_planes(spec, 3));
+    return turbo::encode(spec, turbo::make_planes(spec, 3));
+}
+
+TEST(OracleTool, InfoReportsExifOrientation) {
+    const std::vector<uint8_t> jpg = small_grey();
     ASSERT_FALSE(jpg.empty());
     // Byte order, orientation value, TIFF bytes kept (0: all), the line
     // expected (empty: no orientation line at all).
@@ -137,9 +139,7 @@ TEST(OracleTool, InfoReportsExifOrientation) {
 // The tool's default limits refuse a frame that declares 65535 x 65535;
 // lifting the pixel limit lets its headers through.
 TEST(OracleTool, DefaultLimitsRefuseABomb) {
-    turbo::EncodeSpec spec;
-    spec.width = 16, spec.height = 16, spec.n_comp = 1;
-    std::vector<uint8_t> jpg = turbo::encode(spec, turbo::make_planes(spec, 3));
+    std::vector<uint8_t> jpg = small_grey();
     for (size_t i = 0; i + 8 < jpg.size(); ++i)
         if (jpg[i] == 0xFF && jpg[i + 1] == 0xC0) std::fill(jpg.begin() + i + 5, jpg.begin() + i + 9, 0xFF);
     const std::string path = ::testing::TempDir() + "kivo_tool_bomb.jpg";
