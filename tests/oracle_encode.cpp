@@ -87,28 +87,19 @@ TEST(OracleEncode, QualityHundredCarriesTheTransformOfEveryBlock) {
         }
 }
 
-// Fidelity rises with quality; optimised tables make a smaller stream of
-// the same picture; any thread count gives the same picture.
-TEST(OracleEncode, QualitySizeAndThreads) {
+// Any thread count gives the same picture, with or without optimised
+// tables (which make a smaller stream).
+TEST(OracleEncode, ThreadCountsAgree) {
     for (int32_t cs : {11, 13, 10}) {
         const auto pic = kivotest::make_picture(cs, 256, 192, 3);
-        double last = 0;
-        for (int q : {10, 30, 50, 70, 90, 100}) {
-            EncodeOptions o;
-            o.quality = q;
-            const double p = kivotest::psnr(pic, turbo_decode(kivotest::encode(cs, 256, 192, pic, o).jpg, "quality"));
-            EXPECT_GT(p, last) << "format " << cs << " q" << q;
-            last = p;
-        }
         EncodeOptions o;
         const kivotest::Encoded plain = kivotest::encode(cs, 256, 192, pic, o);
         const auto want = turbo_decode(plain.jpg, "plain");
-        for (int t = 1; t <= 8; ++t) {
-            o.threads = t;
-            o.optimize = t % 2;
+        for (o.threads = 2; o.threads <= 8; ++o.threads) {
+            o.optimize = o.threads % 2;
             const kivotest::Encoded e = kivotest::encode(cs, 256, 192, pic, o);
             EXPECT_TRUE(!o.optimize || e.jpg.size() < plain.jpg.size()) << "format " << cs;
-            EXPECT_EQ(kivotest::psnr(want, turbo_decode(e.jpg, "threads")), 99) << "format " << cs << " t" << t;
+            EXPECT_EQ(kivotest::psnr(want, turbo_decode(e.jpg, "threads")), 99) << "format " << cs << " t" << o.threads;
         }
     }
 }

@@ -1,7 +1,7 @@
 // Entropy coder and Huffman tables of the encoder, checked against the
 // decoder: what the coder writes is decoded with the decoder's own tables
 // and routines and must give back the blocks and the symbols the
-// statistics twins counted; values without a category; optimal tables.
+// statistics twins counted; optimal tables.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -126,37 +126,6 @@ TEST(EncVlc, RoundTrip) {
     ASSERT_EQ(kivoe_opt_huff_tbl(c.ctx), 0);
     EXPECT_GT(c.ctx->ac_tbl[0].by_symbol[0x0B].len, 0);
     for (int id = 0; id < 2; ++id) round_trip(c.ctx, id, blocks);
-}
-
-// Values without a category are refused, by the statistics twins too,
-// writing and counting nothing.
-TEST(EncVlc, ValuesWithoutCategory) {
-    Ctx c;
-    std::vector<uint8_t> out(4096);
-    xelo_bsw w;
-    xelo_bsw_init(&w, out.data(), 4096, kivoe_bs_flush_data_seg);
-    const kivoe_ac_tbl before = c.ctx->ac_tbl[0];
-    for (int v : {2048, 4000, 32767, -32768}) {
-        int16_t blk[64] = {};
-        blk[kivo_tbl_zig_to_ras[5]] = static_cast<int16_t>(v);
-        EXPECT_TRUE(v < 0 || (kivoe_vlc_dc(&w, &c.ctx->dc_tbl[0], v) == KIVO_ERR_UNAVAILABLE &&
-                              kivoe_vlc_dc_stat(&w, &c.ctx->dc_tbl[0], v) == KIVO_ERR_UNAVAILABLE)) << v;
-        EXPECT_EQ(kivoe_vlc_ac(&w, &c.ctx->ac_tbl[0], blk), KIVO_ERR_UNAVAILABLE) << v;
-        EXPECT_EQ(kivoe_vlc_ac_stat(&w, &c.ctx->ac_tbl[0], blk), KIVO_ERR_UNAVAILABLE) << v;
-    }
-    EXPECT_EQ(std::memcmp(before.counter, c.ctx->ac_tbl[0].counter, sizeof(before.counter)), 0);
-    EXPECT_EQ(w.write_ptr, out.data());
-}
-
-// With adaptive rounding every AC symbol is counted once per component.
-TEST(EncVlc, FooterStatistics) {
-    Ctx c;
-    kivoe_init_fh(&c.ctx->fh, 64, 64, XELO_CS_YCBCR420);
-    kivoe_init_sh(&c.ctx->sh, 64, 64, XELO_CS_YCBCR420);
-    kivoe_vlc_footer_stat(c.ctx);
-    EXPECT_EQ(c.ctx->ac_tbl[0].counter[0x37], 0u);
-    kivoe_vlc_footer_stat((c.ctx->adaptive_rounding = 1, c.ctx));
-    for (int s = 0; s < 256; ++s) ASSERT_TRUE(c.ctx->ac_tbl[0].counter[s] == 1 && c.ctx->ac_tbl[1].counter[s] == 2) << s;
 }
 
 // Optimal table `spec` (DC 0, AC 0, DC 1, AC 1) from the given counts.

@@ -42,16 +42,12 @@ Encoded encode(int32_t cs, int w, int h, const std::vector<testpic::Plane> &plan
     if (o.qtables) kivoe_config(enc, KIVOE_CFG_QTBL, o.qtables, &size), std::memcpy(r.q, o.qtables, 128);
     xelo_imgb *img = to_imgb(cs, w, h, planes, o.copy_path ? XELO_PAIR(1, 1) : XELO_PAIR(16, 16));
     r.status = img ? kivoe_push(enc, img) : KIVO_ERR_IMGB;
-    if (r.status == 0 && o.perceptual_level >= 0) {
-        r.status = kivoe_get_qtbl(enc, o.perceptual_level, r.q);
-        // A picture without a whole analysis block keeps its tables.
-        if (r.status == KIVO_ERR_UNAVAILABLE) r.status = 0;
-    }
+    // A picture without a whole analysis block keeps its tables.
+    if (r.status == 0 && o.perceptual_level >= 0 && (r.status = kivoe_get_qtbl(enc, o.perceptual_level, r.q)) == KIVO_ERR_UNAVAILABLE)
+        r.status = 0;
     if (r.status == 0) {
-        size_t raw = 0;
-        for (const auto &p : planes) raw += p.px.size();
         // Exactly sized, so that a write past the end is caught by ASan.
-        Bytes buf(o.out_size ? o.out_size : raw * 4 + 4096);
+        Bytes buf(o.out_size ? o.out_size : static_cast<size_t>(w) * h * 12 + 4096);
         xelo_bitb bitb{};
         bitb.addr = buf.data(), bitb.ssize = static_cast<int32_t>(buf.size());
         kivoe_output out{KIVOD_INPUT_BITB, &bitb, nullptr};
@@ -60,8 +56,7 @@ Encoded encode(int32_t cs, int w, int h, const std::vector<testpic::Plane> &plan
         if (r.status == 0) r.jpg.assign(buf.begin(), buf.begin() + written);
     }
     if (img) img->release(img);
-    kivoe_delete(enc);
-    return r;
+    return kivoe_delete(enc), r;
 }
 
 double psnr(const std::vector<testpic::Plane> &a, const std::vector<testpic::Plane> &b) {

@@ -1,5 +1,4 @@
-// Encoding through the public API, for tests, and the structure every
-// stream of ours must have.
+// Encoding through the public API, and the structure of our streams.
 #ifndef KIVO_TESTS_KIVO_ENCODE_H
 #define KIVO_TESTS_KIVO_ENCODE_H
 
