@@ -115,15 +115,12 @@ TEST(OracleTool, InfoReportsExifOrientation) {
         // resolution unit), no next IFD. Fields are (value, bytes).
         const int fields[][2] = {{42, 2}, {8, 4}, {2, 2}, {0x0112, 2}, {3, 2}, {1, 4}, {c.value, 2}, {0, 2},
                                  {0x0128, 2}, {3, 2}, {1, 4}, {2, 2}, {0, 2}, {0, 4}};
-        std::vector<uint8_t> tiff(2, c.little ? 'I' : 'M');
+        std::vector<uint8_t> file(2, c.little ? 'I' : 'M');
         for (const auto &f : fields)
-            for (int i = 0; i < f[1]; ++i) tiff.push_back(static_cast<uint8_t>(f[0] >> 8 * (c.little ? i : f[1] - 1 - i)));
-        if (c.keep) tiff.resize(c.keep);
-        std::vector<uint8_t> app = {0xFF, 0xE1, 0, 0, 'E', 'x', 'i', 'f', 0, 0};
-        app.insert(app.end(), tiff.begin(), tiff.end());
-        app[2] = static_cast<uint8_t>((app.size() - 2) >> 8), app[3] = static_cast<uint8_t>(app.size() - 2);
-        std::vector<uint8_t> file(jpg.begin(), jpg.begin() + 2);
-        file.insert(file.end(), app.begin(), app.end());
+            for (int i = 0; i < f[1]; ++i) file.push_back(static_cast<uint8_t>(f[0] >> 8 * (c.little ? i : f[1] - 1 - i)));
+        if (c.keep) file.resize(c.keep);
+        const size_t len = file.size() + 8;  // SOI and the APP1 segment before the TIFF bytes, the picture after
+        file.insert(file.begin(), {0xFF, 0xD8, 0xFF, 0xE1, uint8_t(len >> 8), uint8_t(len), 'E', 'x', 'i', 'f', 0, 0});
         file.insert(file.end(), jpg.begin() + 2, jpg.end());
         const std::string path = ::testing::TempDir() + "kivo_tool_exif.jpg";
         ASSERT_TRUE(tool::write_file(path, file));
@@ -160,9 +157,8 @@ TEST(OracleTool, BatchGoesOnPastAFailingFile) {
     turbo::EncodeSpec spec;
     spec.width = 40, spec.height = 24;
     const std::vector<uint8_t> jpg = turbo::encode(spec, turbo::make_planes(spec, 4));
-    ASSERT_TRUE(tool::write_file((dir / "in" / "a.jpg").string(), jpg));
-    ASSERT_TRUE(tool::write_file((dir / "in" / "sub" / "b.jpg").string(), jpg));
-    ASSERT_TRUE(tool::write_file((dir / "in" / "bad.jpg").string(), {0xFF, 0xD8, 0xFF}));
+    ASSERT_TRUE(tool::write_file((dir / "in" / "a.jpg").string(), jpg) && tool::write_file((dir / "in" / "sub" / "b.jpg").string(), jpg) &&
+                tool::write_file((dir / "in" / "bad.jpg").string(), {0xFF, 0xD8, 0xFF}));
     EXPECT_EQ(run(tool::cmd_transcode, {(dir / "in").string(), "--recursive", "--out-dir", (dir / "out").string(),
                                         "--threads", "2"}), 1);
     // Both good files are complete pictures; nothing else is in the output.

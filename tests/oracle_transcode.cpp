@@ -51,8 +51,7 @@ Result transcode(const Bytes &src, int quality = 0, bool optimize = false, int32
     kivot_config(t, KIVOT_CFG_OPT_HUFFMAN, &on, &four);
     r.status = code(nullptr, t, src, &r.out, out_size);
     kivot_config(t, KIVOT_CFG_GET_QTBL, r.qtbl, &s128);
-    kivot_delete(t);
-    return r;
+    return kivot_delete(t), r;
 }
 
 // The APPn segments of a stream, in order.
@@ -73,8 +72,7 @@ void check_output(const Bytes &src, const Bytes &out, const uint8_t *q, int thre
     int warnings = -1;
     ASSERT_TRUE(turbo::decode_raw(out, 1, &planes, &warnings) && warnings == 0);
     const kivotest::Decoded d = kivotest::decode(out, 1);
-    kivotest::Plan plan{d.color_format, d.width, d.height, threads, q, !optimize, apps_of(src), trailer};
-    EXPECT_EQ(kivotest::check_stream(out, plan), "");
+    EXPECT_EQ(kivotest::check_stream(out, {d.color_format, d.width, d.height, threads, q, !optimize, apps_of(src), trailer}), "");
     int sq[2][64], oq[2][64];
     ASSERT_TRUE(kivotest::stream_tables(src, sq) && kivotest::stream_tables(out, oq));
     for (int k = 0; k < (planes.size() > 1 ? 2 : 1); ++k)
@@ -87,13 +85,11 @@ const struct Source { const char *name; int n_comp, h0, v0; bool progressive; } 
     {"k422", 4, 2, 1, false}, {"k444", 4, 1, 1, false}, {"grey progressive", 1, 1, 1, true}, {"k420 progressive", 4, 2, 2, true},
 };
 
-// Seed 0: the width.
 Bytes make_source(const Source &s, int w, int h, int quality, uint64_t seed, const uint8_t *tables = nullptr) {
     turbo::EncodeSpec e;
     e.width = w, e.height = h, e.n_comp = s.n_comp, e.quality = quality, e.progressive = s.progressive, e.tables = tables;
-    e.h[0] = e.h[3] = s.n_comp == 1 ? 1 : s.h0;
-    e.v[0] = e.v[3] = s.n_comp == 1 ? 1 : s.v0;
-    return turbo::encode(e, turbo::make_planes(e, seed ? seed : w));
+    e.h[0] = e.h[3] = s.n_comp == 1 ? 1 : s.h0, e.v[0] = e.v[3] = s.n_comp == 1 ? 1 : s.v0;
+    return turbo::encode(e, turbo::make_planes(e, seed ? seed : w));  // seed 0: the width
 }
 
 Bytes segment(uint8_t marker, const std::string &payload) {
@@ -129,8 +125,8 @@ TEST(OracleTranscode, EverySourceKind) {
             ASSERT_EQ(r.status, 0);
             EXPECT_LT(r.out.size(), src.size());
             check_output(src, r.out, r.qtbl, threads, optimize, trailer);
-            EXPECT_TRUE(idx != 3 || kivotest::decode(r.out, 1).color_format == XELO_CS_YCBCR420);
-            EXPECT_TRUE(idx != 4 || (kivotest::decode(r.out, 1).width == 100 && kivotest::decode(r.out, 1).height == 60));
+            const kivotest::Decoded d = kivotest::decode(r.out, 1);
+            EXPECT_TRUE((idx != 3 || d.color_format == XELO_CS_YCBCR420) && (idx != 4 || (d.width == 100 && d.height == 60)));
             EXPECT_TRUE(idx != 1 || transcode(src, 0, optimize, static_cast<int32_t>(r.out.size()) - 5, threads).status < 0);
         }
 }
@@ -144,24 +140,21 @@ TEST(OracleTranscode, TablesFollowTheirRule) {
     std::mt19937 rng(3);
     for (int n = 0; n < 12; ++n) {
         uint8_t tables[128];
-        const int lo = 1 + n % 4;
-        for (int i = 0; i < 128; ++i) tables[i] = uint8_t(n == 0 ? 1 : lo + rng() % (n % 3 ? 40 : 4));
+        for (int i = 0; i < 128; ++i) tables[i] = uint8_t(n == 0 ? 1 : 1 + n % 4 + rng() % (n % 3 ? 40 : 4));
         const int quality = n == 0 ? 100 : n % 4 == 1 ? 0 : 30 + 10 * (n % 7);
         const Bytes src = make_source(kSources[n % 3], 96 + 8 * n, 64, 90, n, tables);
         const Result r = transcode(src, quality);
         ASSERT_EQ(r.status, 0);
         const kivod_stats st = kivotest::decode(src, 1).stats;
         uint32_t stat[2][64];
-        for (int i = 0; i < 64; ++i) {
-            stat[0][i] = static_cast<uint32_t>(st.stat_luma[i] / st.n_luma);
-            stat[1][i] = st.n_chroma ? static_cast<uint32_t>(st.stat_chroma[i] / st.n_chroma) : 0;
-        }
+        for (int i = 0; i < 64; ++i)
+            stat[0][i] = uint32_t(st.stat_luma[i] / st.n_luma), stat[1][i] = st.n_chroma ? uint32_t(st.stat_chroma[i] / st.n_chroma) : 0;
         const int f = 105 - (quality ? quality : 96 - tbl_thr[st.mean_level]);
         int sq[2][64];
+        int16_t pq[64];
+        uint16_t recip[64], half[64];
         ASSERT_TRUE(kivotest::stream_tables(src, sq));
         for (int k = 0; k < 2; ++k) {
-            int16_t pq[64];
-            uint16_t recip[64], half[64];
             kivo_gen_qtbl(pq, recip, half, stat[k], tbl_thr[std::min<uint32_t>(stat[0][0], 255)]);
             const int minq = *std::min_element(sq[k], sq[k] + 64);
             for (int p = 0; p < 64; ++p) {
@@ -306,9 +299,7 @@ TEST(OracleTranscode, HandleHistories) {
             if (*op != 'e') {
                 Handles f;
                 for (int i = 0; i < 4; ++i) f.set(i, h.sw[i]);
-                ASSERT_TRUE(!encode || f.push(last_push) == 0);
-                ASSERT_EQ(f.code(src, &fresh), 0);
-                EXPECT_EQ(jpg, fresh);
+                EXPECT_TRUE((!encode || f.push(last_push) == 0) && f.code(src, &fresh) == 0 && jpg == fresh) << "not as a fresh handle";
             }
             pushed = pushed && !encode;
             if (!encode) {

@@ -1,10 +1,8 @@
 // The encoder's plain kernels and tables against a reference written here
-// as plainly as possible from their rules: forward DCT, both quantizers,
-// the offset update, quality and perceptual tables, the JND filter,
-// thresholds and suppression; every SIMD variant kivoe_dsp_init can choose
-// on this CPU against the plain kernel, bit for bit (KIVO_CHECKASM_SEED=n
-// changes the seed); the perceptual selection against statistics sampled
-// here.
+// plainly from their rules (forward DCT, both quantizers, offset update,
+// quality and perceptual tables, JND filter, thresholds and suppression);
+// every SIMD variant kivoe_dsp_init can choose here against the plain
+// kernel (KIVO_CHECKASM_SEED=n changes the seed); the perceptual selection.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -148,17 +146,14 @@ TEST(EncRef, ForwardDctAndQuantizers) {
     int16_t want[64], got[64], lv[64];
     for (size_t n = 0; n < sets.samples.size(); ++n) {
         ref::fdct(sets.samples[n].data(), want);
-        std::memcpy(got, sets.samples[n].data(), sizeof(got));
-        kivoe_fdct8(got);
+        kivoe_fdct8(static_cast<int16_t *>(std::memcpy(got, sets.samples[n].data(), sizeof(got))));
         for (int i = 0; i < 64; ++i) ASSERT_EQ(got[i], want[i]) << "block " << n << " at " << i;
     }
     for (const auto &pr : sets.pairs) {
         const int16_t *c = sets.coefs[pr.first].data();
         const uint16_t *q = q_of(sets.tables[pr.second], 0), *recip = q + 64, *half = q + 128, *off = q + 192;
-        std::memcpy(got, c, sizeof(got));
-        std::memcpy(lv, c, sizeof(lv));
-        const int nonzero = kivoe_quant(got, recip, half);
-        kivoe_quant_rdoq(lv, recip, off);
+        const int nonzero = kivoe_quant(static_cast<int16_t *>(std::memcpy(got, c, sizeof(got))), recip, half);
+        kivoe_quant_rdoq(static_cast<int16_t *>(std::memcpy(lv, c, sizeof(lv))), recip, off);
         for (int i = 0; i < 64; ++i) {
             ASSERT_EQ(got[i], ref::quant(c[i], recip[i], half[i])) << c[i] << " / " << q[i];
             ASSERT_EQ(lv[i], ref::quant_rdoq(c[i], recip[i], off[i])) << c[i] << " / " << q[i] << " offset " << off[i];

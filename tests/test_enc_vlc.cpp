@@ -46,8 +46,7 @@ std::vector<Block> make_blocks(std::mt19937 &rng, int max_cat) {
     auto cat = [&](int n) { return 1 + static_cast<int>(rng() % n); };
     std::vector<Block> out(600);
     for (int i = 0; i < 600; ++i) {
-        Block &b = out[i];
-        b.fill(0);
+        Block &b = out[i];  // zero-filled
         auto set = [&b](int z, int16_t v) { b[kivo_tbl_zig_to_ras[z]] = v; };
         b[0] = i % 12 ? level(i % 12) : 0;
         const int kind = i % 6;
@@ -57,11 +56,7 @@ std::vector<Block> make_blocks(std::mt19937 &rng, int max_cat) {
             if (kind == 4 && z % 7 == static_cast<int>(rng() % 7)) set(z, static_cast<int16_t>((rng() % 2 ? 1 : -1) * ((1 << max_cat) - 1)));
             if (kind == 5 && z <= 47 && (z == 47 || rng() % 3 == 0)) set(z, level(cat(6)));
         }
-        if (kind == 2) {
-            set(cat(3), level(3));
-            set(19 + cat(4), level(5));
-            set(39 + cat(4), level(2));
-        }
+        if (kind == 2) set(cat(3), level(3)), set(19 + cat(4), level(5)), set(39 + cat(4), level(2));
         if ((kind == 2 || kind == 3) && rng() % 2) set(63, level(cat(kind == 2 ? 1 : max_cat)));
     }
     return out;

@@ -132,8 +132,7 @@ TEST(Frame, RefusedThreadFailsTheConstructors) {
         _exit(null && st[0] == KIVO_ERR_THREAD && st[1] == KIVO_ERR_THREAD && st[2] == KIVO_ERR_THREAD ? 0 : 1);
     }
     int wstatus = 0;
-    ASSERT_EQ(waitpid(pid, &wstatus, 0), pid);
-    ASSERT_TRUE(WIFEXITED(wstatus)) << "child ended by signal " << WTERMSIG(wstatus);
+    ASSERT_TRUE(waitpid(pid, &wstatus, 0) == pid && WIFEXITED(wstatus)) << "child ended by signal " << WTERMSIG(wstatus);
     if (WEXITSTATUS(wstatus) == 2) GTEST_SKIP() << "cannot refuse threads in this environment";
     EXPECT_EQ(WEXITSTATUS(wstatus), 0);
 }
@@ -159,8 +158,7 @@ TEST(Frame, PictureBufferReuseGrowthAndGrey) {
         EXPECT_TRUE(next->width == s.w && next->height == s.h && next->width_c == s.wc && next->height_c == s.hc) << s.w;
         pic = next;
     }
-    kivo_picbuf_free(pic);
-    kivo_picbuf_free(nullptr);
+    kivo_picbuf_free(pic), kivo_picbuf_free(nullptr);
     kivo_picbuf bare{};  // not ours to touch
     status = 77;
     EXPECT_EQ(kivo_picbuf_alloc(&p, &bare, &status), nullptr);

@@ -107,10 +107,8 @@ std::string check_stream(const Bytes &s, const Plan &p) {
     want.insert(want.end(), p.apps.begin(), p.apps.end());
     want.insert(want.end(), {0xFF, 0xC0, 0, uint8_t(8 + 3 * n), 8, uint8_t(p.h >> 8), uint8_t(p.h), uint8_t(p.w >> 8),
                              uint8_t(p.w), uint8_t(n)});
-    for (int c = 0; c < n; ++c) {
-        const bool chroma = c == 1 || c == 2;
-        want.insert(want.end(), {uint8_t(c + 1), uint8_t(!chroma ? f->h << 4 | f->v : p.cs == 40 ? 0 : 0x11), chroma});
-    }
+    for (int c = 0; c < n; ++c)
+        want.insert(want.end(), {uint8_t(c + 1), uint8_t(c != 1 && c != 2 ? f->h << 4 | f->v : p.cs == 40 ? 0 : 0x11), uint8_t(c == 1 || c == 2)});
     want.insert(want.end(), {0xFF, 0xDB, 0, 0x84});
     int zz[64], k = 0;  // raster position of each zig-zag position: the anti-diagonals, alternating
     for (int d = 0; d < 15; ++d)
@@ -152,8 +150,7 @@ std::string check_stream(const Bytes &s, const Plan &p) {
     Bytes got;
     bool last = false;  // a marker directly before EOI
     for (at += tail.size(); at + 1 < s.size() && !(s[at] == 0xFF && s[at + 1] == 0xD9); ++at) {
-        if (s[at] != 0xFF) continue;
-        if (s[++at] == 0) continue;
+        if (s[at] != 0xFF || s[++at] == 0) continue;
         if (s[at] < 0xD0 || s[at] > 0xD7) return "marker " + std::to_string(s[at]) + " in the data";
         got.push_back(s[at]);
         last = at + 2 < s.size() && s[at + 1] == 0xFF && s[at + 2] == 0xD9;

@@ -47,7 +47,7 @@ bool stream_tables(const Bytes &jpg, int q[2][64]);
 // What a stream of ours must hold for its inputs.
 struct Plan {
     int32_t cs;
-    int w, h, threads = 1;
+    int w, h, threads;
     const uint8_t *q = nullptr;  // 128 quantizers the DQT carries (raster); null: not checked
     bool typical = true;         // the DHT holds the typical tables
     Bytes apps, trailer;         // APPn segments after SOI, bytes after EOI
