@@ -1,8 +1,9 @@
 // Our encoder's streams decoded by libjpeg-turbo: every planar layout, odd
 // sizes, qualities, switches, table sources and thread counts decode
 // without warning within a PSNR of the picture, follow their stream plan,
-// and at quality 100 carry exactly the transform of every block, the
-// blocks past the picture's edge repeating its last column and row.
+// and at quality 100 carry exactly the transform of every block (blocks
+// past the edge repeat the last column and row; interior luma blocks go
+// through the JND filter when it is on).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -61,11 +62,12 @@ TEST(OracleEncode, EveryLayoutSizeAndSwitch) {
 
 TEST(OracleEncode, QualityHundredCarriesTheTransformOfEveryBlock) {
     for (int32_t cs : {11, 22, 44})
-        for (const auto &sz : {std::pair<int, int>{17, 9}, {41, 23}}) {
+        for (const auto &sz : {std::pair<int, int>{17, 9}, {41, 37}}) {
             const auto pic = kivotest::make_picture(cs, sz.first, sz.second, 5);
             EncodeOptions o;
             o.quality = 100;
             o.threads = 2;
+            o.jnd_filter = sz.first > 20;  // luma blocks a whole block inside the picture go through the filter
             const kivotest::Encoded e = kivotest::encode(cs, sz.first, sz.second, pic, o);
             std::vector<turbo::Coefficients> comps;
             ASSERT_TRUE(e.status == 0 && turbo::read_coefficients(e.jpg, &comps));
@@ -77,6 +79,8 @@ TEST(OracleEncode, QualityHundredCarriesTheTransformOfEveryBlock) {
                     for (int bx = 0; bx < k.padded_w; ++bx) {
                         int16_t b[64];
                         for (int i = 0; i < 64; ++i) b[i] = pl.at(std::min(8 * bx + i % 8, pl.w - 1), std::min(8 * by + i / 8, pl.h - 1));
+                        if (o.jnd_filter && c == 0 && bx && by && 8 * bx + 16 <= pl.w && 8 * by + 16 <= pl.h)
+                            kivoe_jndfilt8x8(&pl.px[static_cast<size_t>(8 * by) * pl.w + 8 * bx], pl.w, b);
                         kivoe_fdct8(b);
                         const bool inside = bx < k.blocks_w && by < k.blocks_h;
                         for (int i = 0; i < (inside ? 64 : 1); ++i)

@@ -318,12 +318,14 @@ int32_t select(int32_t cs, int w, int h, const std::vector<testpic::Plane> &plan
 // output alone.
 TEST(EncQuant, PerceptualSelection) {
     struct Case { int32_t cs; int w, h, level; };
-    std::vector<Case> cases = {{XELO_CS_YCBCR444, 64, 64, 3}, {XELO_CS_NV12, 96, 64, 0}, {XELO_CS_NV21, 96, 64, 1}, {XELO_CS_YUYV, 96, 64, 0}};
+    std::vector<Case> cases = {{XELO_CS_YCBCR444, 64, 64, 3}, {XELO_CS_NV12, 96, 64, 0}, {XELO_CS_NV21, 96, 64, 1},
+                               {XELO_CS_YUYV, 96, 64, 0}, {XELO_CS_YCBCR400, 24, 24, 0}};  // the last flat at 24, a bracket's edge
     for (int32_t cs : {XELO_CS_YCBCR420, XELO_CS_YCBCR422, XELO_CS_YCBCR444, XELO_CS_YCBCR400})
         for (int level = 0; level <= 2; ++level) cases.push_back({cs, 75 + 40 * level, 70 + 33 * level, level});
     for (const Case &c : cases) {
         const int32_t twin = c.cs == XELO_CS_YUYV ? XELO_CS_YCBCR422 : c.cs == XELO_CS_NV12 || c.cs == XELO_CS_NV21 ? XELO_CS_YCBCR420 : c.cs;
-        const auto planes = kivotest::make_picture(twin, c.w, c.h, static_cast<uint64_t>(c.cs + c.level));
+        auto planes = kivotest::make_picture(twin, c.w, c.h, static_cast<uint64_t>(c.cs + c.level));
+        if (c.w == 24) std::fill(planes[0].px.begin(), planes[0].px.end(), 24);
         std::vector<testpic::Plane> given = planes;
         if (twin != c.cs) {  // Y Cb Y Cr, or Cb Cr (NV12) and Cr Cb (NV21) pairs
             given.resize(c.cs == XELO_CS_YUYV ? 1 : 2);

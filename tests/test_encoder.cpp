@@ -64,11 +64,11 @@ TEST(Encoder, FrameInput) {
     const uint32_t m = XELO_PAIR(32, 32), a16 = XELO_PAIR(16, 16);
     const uint32_t pads[4][4] = {{m, 0, 0, 0}, {0, m, 0, 0}, {0, 0, a16, 0}, {0, 0, 0, m}};
     for (int32_t f : {10, 11, 12, 13, 18, 22, 40, 41, 42, 43, 44, 16, 17, 101}) {
-        const auto planes = kivotest::make_picture(f, 217, 125, static_cast<uint64_t>(f));
+        const auto planes = kivotest::make_picture(f, 201, 125, static_cast<uint64_t>(f));
         std::vector<uint8_t> ref;
         for (int n = 0; n < 11; ++n) {  // the 16-aligned reference, margins on plane n - 1, alignments
             const uint32_t align = n < 5 ? a16 : XELO_PAIR(1 << (n - 5), n % 2 ? 1 : 16);
-            xelo_imgb *img = kivotest::to_imgb(f, 217, 125, planes, align, n && n < 5 ? pads[n - 1] : nullptr);
+            xelo_imgb *img = kivotest::to_imgb(f, 201, 125, planes, align, n && n < 5 ? pads[n - 1] : nullptr);
             kivoe_ctx *e = create(f);
             std::vector<uint8_t> out(1 << 17);
             ASSERT_EQ(kivoe_push(e, img), 0);
