@@ -21,26 +21,22 @@ std::vector<testpic::Plane> turbo_decode(const std::vector<uint8_t> &jpg, const 
     std::vector<testpic::Plane> planes;
     int warnings = -1;
     std::string err;
-    EXPECT_TRUE(turbo::decode_raw(jpg, 1, &planes, &warnings, &err)) << what << ": " << err;
-    EXPECT_EQ(warnings, 0) << what;
+    EXPECT_TRUE(turbo::decode_raw(jpg, 1, &planes, &warnings, &err) && warnings == 0) << what << ": " << err;
     return planes;
 }
-
-// Format 40 declares its chroma components with 0x0 sampling factors,
-// which libjpeg-turbo refuses (test_encoder checks its streams).
-const int32_t kLayouts[] = {10, 11, 12, 13, 18, 22, 41, 42, 43, 44};
 
 TEST(OracleEncode, EveryLayoutSizeAndSwitch) {
     const int sizes[][2] = {{1, 1}, {17, 9}, {33, 7}, {64, 48}, {301, 203}};
     uint8_t custom[128];
     for (int i = 0; i < 128; ++i) custom[i] = static_cast<uint8_t>(1 + (i * 7) % 60);
     int idx = 0;
-    for (int32_t cs : kLayouts)
+    // Format 40 declares its chroma components with 0x0 sampling factors,
+    // which libjpeg-turbo refuses (test_encoder checks its streams).
+    for (int32_t cs : {10, 11, 12, 13, 18, 22, 41, 42, 43, 44})
         for (const auto &sz : sizes)
             for (int variant = 0; variant < 4; ++variant, ++idx) {
                 EncodeOptions o;
-                o.quality = (idx * 17) % 101;
-                o.threads = 1 + idx % 8;
+                o.quality = (idx * 17) % 101, o.threads = 1 + idx % 8;
                 const int combo = idx % 16;  // every combination of the four switches over the cases
                 o.optimize = combo & 1, o.jnd_filter = combo & 2, o.jnd_suppress = combo & 4, o.adaptive_rounding = combo & 8;
                 o.copy_path = variant >= 2;
@@ -65,8 +61,7 @@ TEST(OracleEncode, QualityHundredCarriesTheTransformOfEveryBlock) {
         for (const auto &sz : {std::pair<int, int>{17, 9}, {41, 37}}) {
             const auto pic = kivotest::make_picture(cs, sz.first, sz.second, 5);
             EncodeOptions o;
-            o.quality = 100;
-            o.threads = 2;
+            o.quality = 100, o.threads = 2;
             o.jnd_filter = sz.first > 20;  // luma blocks a whole block inside the picture go through the filter
             const kivotest::Encoded e = kivotest::encode(cs, sz.first, sz.second, pic, o);
             std::vector<turbo::Coefficients> comps;

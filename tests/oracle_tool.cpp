@@ -46,8 +46,8 @@ TEST(OracleTool, FormatsRoundTrip) {
             const testpic::Plane p = testpic::make_plane(w, h, 7, ch);
             for (size_t i = 0; i < p.px.size(); ++i) pic.pixels[i * c.channels + ch] = p.px[i];
         }
-        const std::string base = ::testing::TempDir() + "kivo_tool_" + c.in + c.out + c.sample;
-        const std::string src = base + "." + c.in, jpg = base + ".jpg", out = base + "_out." + c.out;
+        const std::string base = ::testing::TempDir() + "kivo_tool_" + c.in + c.out + c.sample, src = base + "." + c.in,
+                          jpg = base + ".jpg", out = base + "_out." + c.out;
         ASSERT_TRUE(tool::write_packed(src, pic)) << name;
         ASSERT_EQ(run(tool::cmd_encode, {src, jpg, "-quality", "95", "-sample", c.sample}), 0) << name;
 

@@ -267,8 +267,7 @@ Bytes history_source(char c) {
     uint8_t tables[128];
     for (int i = 0; i < 128; ++i) tables[i] = i < 64 ? (c == '1' ? 3 : 4) : 60;
     turbo::EncodeSpec e;
-    e.width = 80, e.height = 56, e.n_comp = c == 'g' ? 1 : 3;
-    e.h[0] = e.v[0] = c == 'g' ? 1 : 2;
+    e.width = 80, e.height = 56, e.n_comp = c == 'g' ? 1 : 3, e.h[0] = e.v[0] = c == 'g' ? 1 : 2;
     for (int k = 0; k < 3 && c != 'g'; ++k) e.qslot[k] = kSlots[c - '1'][k], e.tables = tables;
     return turbo::encode(e, turbo::make_planes(e, c));
 }

@@ -138,8 +138,6 @@ struct Sets {
     }
 };
 
-const uint16_t *q_of(const Block &t, int part) { return reinterpret_cast<const uint16_t *>(t.data()) + 64 * part; }
-
 TEST(EncRef, ForwardDctAndQuantizers) {
     const Sets sets(5);
     std::mt19937 rng(6);
@@ -151,7 +149,7 @@ TEST(EncRef, ForwardDctAndQuantizers) {
     }
     for (const auto &pr : sets.pairs) {
         const int16_t *c = sets.coefs[pr.first].data();
-        const uint16_t *q = q_of(sets.tables[pr.second], 0), *recip = q + 64, *half = q + 128, *off = q + 192;
+        const uint16_t *q = reinterpret_cast<const uint16_t *>(sets.tables[pr.second].data()), *recip = q + 64, *half = q + 128, *off = q + 192;
         const int nonzero = kivoe_quant(static_cast<int16_t *>(std::memcpy(got, c, sizeof(got))), recip, half);
         kivoe_quant_rdoq(static_cast<int16_t *>(std::memcpy(lv, c, sizeof(lv))), recip, off);
         for (int i = 0; i < 64; ++i) {
@@ -204,8 +202,8 @@ TEST(EncRef, QualityAndPerceptualTables) {
 
 TEST(EncRef, JndFilterThresholdsAndSuppression) {
     std::mt19937 rng(9);
+    uint8_t thr[64];
     for (int dc = -1100; dc <= 1100; ++dc) {
-        uint8_t thr[64];
         kivoe_jnd_thresholds(static_cast<int16_t>(dc), thr);
         for (int i = 0; i < 64; ++i) ASSERT_EQ(thr[i], ref::threshold(dc, i)) << dc << " at " << i;
     }
@@ -220,7 +218,6 @@ TEST(EncRef, JndFilterThresholdsAndSuppression) {
         // Levels near the coefficients' own, thresholds of every brightness.
         int16_t coef[64], lv[64], want[64];
         uint16_t q[64];
-        uint8_t thr[64];
         kivoe_jnd_thresholds(static_cast<int16_t>(rng() % 2049) - 1024, thr);
         for (int i = 0; i < 64; ++i) {
             q[i] = uint16_t(1 + rng() % (n % 2 ? 4 : 40));

@@ -16,7 +16,7 @@
 namespace {
 
 kivoe_ctx *create(int32_t cs = XELO_CS_YCBCR420, int quality = 90) {
-    kivoe_create_param p{1, 64, 48, quality, cs, nullptr};
+    const kivoe_create_param p{1, 64, 48, quality, cs, nullptr};
     return kivoe_create(&p, nullptr);
 }
 
@@ -129,8 +129,7 @@ TEST(Encoder, StreamsFollowTheirPlan) {
     for (const auto &c : cases) {
         const auto pic = kivotest::make_picture(c.cs, c.w, c.h, 3, c.w > 1000 ? testpic::Kind::Flat : testpic::Kind::Natural);
         kivotest::EncodeOptions o;
-        o.threads = c.threads;
-        o.optimize = c.threads % 2;
+        o.threads = c.threads, o.optimize = c.threads % 2;
         const kivotest::Encoded r = kivotest::encode(c.cs, c.w, c.h, pic, o);
         ASSERT_EQ(r.status, 0);
         EXPECT_EQ(kivotest::check_stream(r.jpg, {c.cs, c.w, c.h, c.threads, r.q, !o.optimize, {}, {}}), "")

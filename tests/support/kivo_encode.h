@@ -22,11 +22,8 @@ struct EncodeOptions {
     bool copy_path = false;            // planes with unaligned line distances: copied at push
 };
 
-struct Encoded {
-    int32_t status = 0;
-    Bytes jpg;
-    uint8_t q[128] = {};  // quantizers coded with (raster, luma then chroma)
-};
+// q: the quantizers coded with (raster, luma then chroma).
+struct Encoded { int32_t status = 0; Bytes jpg; uint8_t q[128] = {}; };
 
 // Planes of a picture of colour format cs, each at its own size.
 std::vector<testpic::Plane> make_picture(int32_t cs, int w, int h, uint64_t seed,
@@ -46,8 +43,7 @@ bool stream_tables(const Bytes &jpg, int q[2][64]);
 
 // What a stream of ours must hold for its inputs.
 struct Plan {
-    int32_t cs;
-    int w, h, threads;
+    int32_t cs, w, h, threads;
     const uint8_t *q = nullptr;  // 128 quantizers the DQT carries (raster); null: not checked
     bool typical = true;         // the DHT holds the typical tables
     Bytes apps, trailer;         // APPn segments after SOI, bytes after EOI

@@ -3,7 +3,6 @@
 #ifndef KIVO_TESTS_PICTURES_H
 #define KIVO_TESTS_PICTURES_H
 
-#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -20,7 +19,7 @@ struct Rng {
 struct Plane {
     int w = 0, h = 0;
     std::vector<uint8_t> px;
-    uint8_t at(int x, int y) const { return px[static_cast<size_t>(y) * w + x]; }
+    uint8_t at(int x, int y) const { return px[static_cast<uint64_t>(y) * w + x]; }
 };
 
 enum class Kind { Natural, Noise, Flat };
