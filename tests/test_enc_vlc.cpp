@@ -25,7 +25,7 @@ struct Ctx {
     ~Ctx() { std::free(ctx); }
 };
 
-// Builds the decoder's tables from an encoder table specification.
+// Builds the decoder's tables from an encoder's Huffman table (counts and values).
 int32_t build(const kivoe_huff_spec &s, kivod_dc_tbl *dc, kivod_ac_tbl *ac) {
     kivod_htbl_spec h{static_cast<uint8_t>(s.id), static_cast<uint8_t>(s.cls), static_cast<uint16_t>(s.count), {}, {}};
     for (int l = 0; l < 16; ++l) h.bits[l] = static_cast<uint8_t>(s.bits[l]);
