@@ -320,7 +320,8 @@ int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb) {
     int64_t scans = 0;
     while (!done) {
         if (kivod_bs_read(bs, 8) != 0xFF) break;
-        const uint32_t m = kivod_bs_read(bs, 8);
+        uint32_t m = kivod_bs_read(bs, 8);
+        while (m == 0xFF) m = kivod_bs_read(bs, 8);  // fill bytes before a marker
         // EOI stays unread, so that the reader ends on it whatever the
         // frame's last scan was (what follows it can then be found).
         if (kivod_bs_rewind_cache(bs, m == 0xD9 ? 2 : 0) != 0) return KIVO_ERR_IO;

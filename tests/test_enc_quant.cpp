@@ -1,375 +1,393 @@
-// Transform and quality control of the encoder in their plain form (the
-// SIMD variants are proven equal to these in test_checkasm_enc.cpp):
-// quality and perceptual tables, the forward DCT against a double-precision
-// transform, both quantizers and the offset update, the JND tables, filter
-// and suppression, and the perceptual selection against statistics
-// computed here from the samples.
+// The encoder's plain kernels and tables against a reference written here
+// plainly from their rules (forward DCT, both quantizers, offset update,
+// quality and perceptual tables, JND filter, thresholds and suppression);
+// every SIMD variant kivoe_dsp_init can choose here against the plain
+// kernel (KIVO_CHECKASM_SEED=n changes the seed); the perceptual selection.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <random>
+#include <set>
 #include <vector>
 
 #include "encoder/kivoe_int.h"
 #include "support/kivo_encode.h"
 
+namespace ref {
+
+// Per-frequency weight, Q12, raster order.
+const int kMtf[64] = {
+    4096, 4096, 4096, 4096, 4267, 4683, 5330, 6233, 4096, 4096, 4096, 4096, 4412, 4873, 5556, 6495,
+    4096, 4096, 4279, 4603, 5000, 5556, 6329, 7369, 4096, 4096, 4603, 5377, 6141, 6928, 7882, 9112,
+    4267, 4412, 5000, 6141, 7558, 8974, 10422, 12071, 4683, 4873, 5556, 6928, 8974, 11384, 13894, 16516,
+    5330, 5556, 6329, 7882, 10422, 13894, 17980, 22407, 6233, 6495, 7369, 9112, 12071, 16516, 22407, 29446};
+
+// How many of the eight steps are at or below v.
+int steps(const int (&s)[8], int v) { return static_cast<int>(std::count_if(s, s + 8, [v](int x) { return x <= v; })); }
+
+void fdct(const int16_t *in, int16_t *out) {
+    int32_t t[64];
+    for (int pass = 0; pass < 2; ++pass)
+        for (int n = 0; n < 8; ++n) {
+            int32_t x[8];
+            for (int k = 0; k < 8; ++k) x[k] = pass ? t[8 * k + n] : in[8 * n + k] - 128;
+            const int32_t s07 = x[0] + x[7], s16 = x[1] + x[6], s25 = x[2] + x[5], s34 = x[3] + x[4];
+            const int32_t d07 = x[0] - x[7], d16 = x[1] - x[6], d25 = x[2] - x[5], d34 = x[3] - x[4];
+            const int32_t e0 = s07 + s34, e1 = s16 + s25, a = s07 - s34, b = s16 - s25;
+            const int32_t m1 = (724 * (d16 - d25) + 512) >> 10, m2 = (724 * (d16 + d25) + 512) >> 10;
+            const int32_t g = d07 + m2, h = d34 + m1, g2 = d07 - m2, h2 = d34 - m1;
+            const int32_t y[8] = {e0 + e1, 710 * g + 141 * h, 669 * a + 277 * b, 602 * g2 - 402 * h2,
+                                  e0 - e1, 602 * h2 + 402 * g2, 277 * a - 669 * b, 141 * g - 710 * h};
+            for (int k = 0; k < 8; ++k) {
+                if (pass == 0) t[8 * n + k] = k % 4 ? y[k] : y[k] * 512;
+                else out[8 * k + n] = static_cast<int16_t>(k % 4 ? (y[k] + (1 << 20)) >> 21 : (y[k] + 2048) >> 12);
+            }
+        }
+}
+
+int16_t quant(int c, int recip, int half) {
+    const int64_t n = std::min<int64_t>((std::abs(c) + half) * int64_t(recip) >> 14, 32767);
+    return static_cast<int16_t>(c > 0 ? n : -n);
+}
+
+int16_t quant_rdoq(int c, int recip, int offset) {
+    const int64_t n = (std::abs(c) * int64_t(recip) + offset) >> 14;
+    return static_cast<int16_t>(static_cast<uint16_t>(c > 0 ? n : -n));
+}
+
+uint16_t update_offset(int level, int coef, int q, int recip, int offset) {
+    if (level == 0) return static_cast<uint16_t>(offset);
+    const int64_t err = std::abs(coef) - std::abs(level * q), d = std::abs(err) * recip >> 11;
+    const int o = static_cast<int16_t>(static_cast<uint16_t>(err > 0 ? offset + d : offset - d));
+    return static_cast<uint16_t>(std::clamp(o, 0, 8192));
+}
+
+int gen_q(int i, uint32_t stat, int base) {
+    const int b = static_cast<int16_t>((kMtf[i] * base) >> 12);
+    int m = b;
+    if (i > 0) m = std::max<int>(b, static_cast<int16_t>(static_cast<int64_t>(std::pow(b, 0.30000000000000004) * std::pow(double(stat), 0.7))));
+    const int t = 3 * m / 4;
+    return b < t ? b : std::max(t, 1);
+}
+
+int base_of_level(int level) { return level < 24 ? 2 : level < 72 ? 3 : level < 160 ? 4 : 5; }
+
+int threshold(int dc, int i) {
+    static const int kLum[8] = {12, 34, 63, 97, 129, 141, 185, 233};
+    return kMtf[i] * steps(kLum, std::clamp((dc + 1024) >> 3, 0, 255)) >> 12;
+}
+
+// Sample (x, y) of the filtered block at src (line distance s).
+int jnd_filter(const uint8_t *src, int s, int x, int y) {
+    static const int kUp[8] = {11, 30, 55, 84, 118, 155, 195, 239}, kDown[8] = {12, 32, 58, 88, 123, 161, 202, 247};
+    const int c = src[y * s + x], lo = c - steps(kDown, c), hi = std::min(255, c + steps(kUp, c));
+    auto n = [&](int dy) { return std::clamp<int>(src[(y + dy) * s + x], lo, hi); };
+    return (n(-2) + 4 * n(-1) + 6 * c + 4 * n(1) + n(2) + 8) >> 4;
+}
+
+void suppress(int16_t *lv, const int16_t *coef, const uint16_t *q, const uint8_t *thr) {
+    int sum = 0;
+    for (int i = 1; i < 64; ++i) sum += std::abs(lv[i]);
+    for (int i = 0; i < 64 && sum > 7; ++i) {
+        const int sign = lv[i] < 0 ? -1 : 1;
+        for (int m = std::abs(lv[i]) - 1; m >= 0 && std::abs(coef[i] - sign * m * q[i]) < thr[i]; --m) lv[i] = int16_t(sign * m);
+    }
+}
+
+}  // namespace ref
+
 namespace {
 
-void expect_invariant(const uint16_t *q, const uint16_t *recip, const uint16_t *half, int n = 64) {
-    for (int i = 0; i < n; ++i) {
-        ASSERT_TRUE(q[i] >= 1 && q[i] <= 255) << i;
-        ASSERT_EQ(recip[i], 16384 / q[i]) << i;
-        ASSERT_EQ(half[i], q[i] >> 1) << i;
-    }
-}
+using Block = std::vector<int16_t>;
 
-kivoe_ctx *create(int quality, int32_t cs = XELO_CS_YCBCR420, int w = 64, int h = 64) {
-    kivoe_create_param p{1, w, h, quality, cs, nullptr};
-    return kivoe_create(&p, nullptr);
-}
-
-TEST(EncQuant, QualityTables) {
-    kivoe_ctx *def = create(0), *q90 = create(90), *q100 = create(100), *q1 = create(1);
-    for (int t = 0; t < 2; ++t) {
-        EXPECT_EQ(0, std::memcmp(&def->qtbl[t], &q90->qtbl[t], sizeof(kivoe_qtbl))) << "quality 0 is 90";
-        EXPECT_EQ(def->qtbl[t].tq, t);
-        for (int i = 0; i < 64; ++i) {
-            // Luma v + u + 1; chroma twice that, DC 1, the first AC terms 3.
-            const int rc = i / 8 + i % 8 + 1;
-            EXPECT_EQ(def->qtbl[t].q[i], t == 0 ? rc : i == 0 ? 1 : (i == 1 || i == 8) ? 3 : 2 * rc) << t << " " << i;
-            EXPECT_EQ(q100->qtbl[t].q[i], 1);
+// Transform inputs: random, black and white, flat, and ramps of random
+// slope either way. Coefficients: every 16-bit value with every quantizer
+// 1..255 and plain, truncating or any adaptive offsets, then random and
+// extreme values with mixed tables. A table is q, recip, half and offset.
+struct Sets {
+    std::vector<Block> samples, coefs, tables;
+    std::vector<std::pair<size_t, size_t>> pairs;  // coefficient block, table
+    explicit Sets(uint32_t seed) {
+        std::mt19937 rng(seed);
+        for (int n = 0; n < 20000; ++n) {
+            const int kind = n % 4, v = static_cast<int>(rng() % 256), dx = static_cast<int>(rng() % 65) - 32;
+            samples.emplace_back(64);
+            for (int i = 0; i < 64; ++i)
+                samples.back()[i] = int16_t(kind == 0 ? rng() % 256 : kind == 1 ? (rng() & 1) * 255 : kind == 2 ? v : std::clamp(v + dx * (n & 8 ? i / 8 : i % 8), 0, 255));
         }
-        expect_invariant(q100->qtbl[t].q, q100->qtbl[t].recip, q100->qtbl[t].half);
-    }
-    EXPECT_EQ(q1->qtbl[1].q[63], 255);  // 300 * 99 / 100 clamps
-    EXPECT_EQ(q1->qtbl[0].q[63], 148);  // 150 * 99 / 100, truncated
-    for (uint32_t quality = 0; quality <= 100; ++quality) {
-        ASSERT_EQ(kivoe_init_q_tbl(def, quality), KIVO_OK);
-        for (const kivoe_qtbl &t : def->qtbl) expect_invariant(t.q, t.recip, t.half);
-    }
-    const kivoe_qtbl before = def->qtbl[0];
-    EXPECT_EQ(kivoe_init_q_tbl(def, 101), KIVO_ERR_INVALID_ARG);
-    EXPECT_EQ(kivoe_init_q_tbl(def, 0xFFFFFFFFu), KIVO_ERR_INVALID_ARG);
-    EXPECT_EQ(0, std::memcmp(&before, &def->qtbl[0], sizeof(before)));
-    for (kivoe_ctx *c : {def, q90, q100, q1}) kivoe_delete(c);
-    kivoe_qtbl t{};
-    const int32_t in[4] = {0, 16, 255, 300}, out[4] = {1, 16, 255, 255};
-    for (int i = 0; i < 4; ++i) kivoe_qtbl_set(&t, i, in[i]);
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(t.q[i], out[i]) << in[i];
-    expect_invariant(t.q, t.recip, t.half, 4);
-}
-
-TEST(EncQuant, PerceptualTableFromStatistics) {
-    const struct {
-        int base;
-        uint32_t stat;  // every AC statistic
-        int index, q;
-    } cases[] = {
-        {2, 0, 0, 1},        {2, 0, 1, 1},        {2, 0, 63, 10}, {4, 0, 0, 3}, {4, 0, 63, 21},  // flat: 3/4
-        {5, 100000, 63, 35}, {5, 100000, 1, 5},   {3, 100000, 0, 2},  // busy: the full base, DC still 3/4
-        {0, 0, 0, 1},        {0, 500, 63, 1},                         // a base of 0 still gives 1
-    };
-    for (const auto &c : cases) {
-        uint32_t stat[64];
-        for (uint32_t &s : stat) s = c.stat;
-        stat[0] = 0xDEADBEEF;  // not read
-        int16_t q[64];
-        uint16_t uq[64], recip[64], half[64];
-        kivo_gen_qtbl(q, recip, half, stat, c.base);
-        EXPECT_EQ(q[c.index], c.q) << "base " << c.base << " stat " << c.stat << " at " << c.index;
-        for (int i = 0; i < 64; ++i) {
-            uq[i] = static_cast<uint16_t>(q[i]);
-            const int b = (tbl_inv_mtf[i] * c.base) >> 12;
-            EXPECT_LE(q[i], b > 1 ? b : 1) << i;  // never above the weighted base
+        const int16_t ext[] = {32767, -32768, -32767, 0, 1, -1};
+        for (int n = 0; n < 2048; ++n) {
+            coefs.emplace_back(64);
+            for (int i = 0; i < 64; ++i)
+                coefs.back()[i] = int16_t(n < 1024 ? n * 64 - 32768 + i : n % 4 == 3 ? ext[rng() % 6] : static_cast<int>(rng() % (n % 2 ? 65536 : 2049)) - (n % 2 ? 32768 : 1024));
         }
-        expect_invariant(uq, recip, half);
+        for (int n = 0; n < 255 + 64; ++n) {
+            tables.emplace_back(256);
+            for (int i = 0; i < 64; ++i) {
+                const int q = n < 255 ? n + 1 : 1 + static_cast<int>(rng() % 255);
+                const uint16_t off[3] = {8192, 0, uint16_t(rng() % 2 ? rng() : rng() % 8193)};
+                tables.back()[i] = int16_t(q), tables.back()[64 + i] = int16_t(16384 / q), tables.back()[128 + i] = int16_t(q >> 1);
+                tables.back()[192 + i] = int16_t(off[n < 255 ? n % 3 : 2]);
+            }
+            for (size_t k = n < 255 ? 0 : 1024; k < (n < 255 ? 1024 : 2048); ++k) pairs.push_back({k, tables.size() - 1});
+        }
     }
-    // The base quantizer follows the mean level in brackets.
-    const int brackets[][2] = {{0, 2}, {23, 2}, {24, 3}, {71, 3}, {72, 4}, {159, 4}, {160, 5}, {255, 5}};
-    for (const auto &b : brackets) EXPECT_EQ(tbl_thr[b[0]], b[1]) << b[0];
+};
+
+TEST(EncRef, ForwardDctAndQuantizers) {
+    const Sets sets(5);
+    std::mt19937 rng(6);
+    int16_t want[64], got[64], lv[64];
+    for (size_t n = 0; n < sets.samples.size(); ++n) {
+        ref::fdct(sets.samples[n].data(), want);
+        kivoe_fdct8(static_cast<int16_t *>(std::memcpy(got, sets.samples[n].data(), sizeof(got))));
+        for (int i = 0; i < 64; ++i) ASSERT_EQ(got[i], want[i]) << "block " << n << " at " << i;
+    }
+    for (const auto &pr : sets.pairs) {
+        const int16_t *c = sets.coefs[pr.first].data();
+        const uint16_t *q = reinterpret_cast<const uint16_t *>(sets.tables[pr.second].data()), *recip = q + 64, *half = q + 128, *off = q + 192;
+        const int nonzero = kivoe_quant(static_cast<int16_t *>(std::memcpy(got, c, sizeof(got))), recip, half);
+        kivoe_quant_rdoq(static_cast<int16_t *>(std::memcpy(lv, c, sizeof(lv))), recip, off);
+        for (int i = 0; i < 64; ++i) {
+            ASSERT_EQ(got[i], ref::quant(c[i], recip[i], half[i])) << c[i] << " / " << q[i];
+            ASSERT_EQ(lv[i], ref::quant_rdoq(c[i], recip[i], off[i])) << c[i] << " / " << q[i] << " offset " << off[i];
+        }
+        ASSERT_EQ(nonzero, 64 - std::count(got, got + 64, 0));
+        if (pr.first % 16) continue;
+        // The offset update: levels near the coefficient's own, and any, with any offset.
+        uint16_t adapt[64], adapt_want[64];
+        for (int i = 0; i < 64; ++i) {
+            lv[i] = int16_t(rng() % 8 ? lv[i] + int(rng() % 5) - 2 : rng());
+            adapt[i] = uint16_t(rng() % 16 ? rng() % 8193 : rng());
+            adapt_want[i] = ref::update_offset(lv[i], c[i], q[i], recip[i], adapt[i]);
+        }
+        kivoe_update_offset(lv, c, q, recip, adapt);
+        for (int i = 0; i < 64; ++i) ASSERT_EQ(adapt[i], adapt_want[i]) << lv[i] << " for " << c[i] << " / " << q[i];
+    }
 }
 
-TEST(EncQuant, ForwardDct) {
-    std::mt19937 rng(11);
-    std::vector<std::vector<int16_t>> blocks;
-    for (int v : {0, 128, 255}) blocks.push_back(std::vector<int16_t>(64, static_cast<int16_t>(v)));
+TEST(EncRef, QualityAndPerceptualTables) {
+    kivoe_create_param p{1, 16, 16, 50, XELO_CS_YCBCR420, nullptr};
+    kivoe_ctx *enc = kivoe_create(&p, nullptr);
+    uint8_t want[128];
+    for (uint32_t quality = 0; quality <= 102; ++quality) {
+        const kivoe_qtbl before = enc->qtbl[0];
+        ASSERT_EQ(kivoe_init_q_tbl(enc, quality), quality > 100 ? KIVO_ERR_INVALID_ARG : KIVO_OK);
+        kivotest::quality_tables(quality > 100 ? 100 : static_cast<int>(quality), want);
+        EXPECT_TRUE(quality <= 100 || std::memcmp(&before, &enc->qtbl[0], sizeof(before)) == 0) << "tables kept";
+        for (int i = 0; i < 128; ++i) {
+            const kivoe_qtbl &t = enc->qtbl[i / 64];
+            ASSERT_TRUE(t.q[i % 64] == want[i] && t.recip[i % 64] == 16384 / want[i] && t.half[i % 64] == want[i] / 2) << quality << " at " << i;
+        }
+    }
+    kivoe_delete(enc);
+    std::mt19937 rng(7);
+    const uint32_t ext[] = {0, 1, 2, 100, 0xFFFFFFFFu, 0x80000000u, 2000000};
     for (int n = 0; n < 3000; ++n) {
-        std::vector<int16_t> b(64);
-        for (int i = 0; i < 64; ++i)
-            b[i] = static_cast<int16_t>(n < 4 ? ((((i % 8) >> n) ^ ((i / 8) >> (n & 1))) & 1) * 255  // patterns
-                                        : n % 3 ? rng() % 256 : (rng() & 1) * 255);
-        blocks.push_back(b);
+        uint32_t stat[64];
+        for (uint32_t &s : stat) s = n % 3 ? rng() % (1u << (n % 24)) : ext[rng() % 7];
+        const int base = n % 8;
+        int16_t q[64];
+        uint16_t recip[64], half[64];
+        kivo_gen_qtbl(q, recip, half, stat, base);
+        for (int i = 0, w; i < 64; ++i)
+            ASSERT_TRUE(q[i] == (w = ref::gen_q(i, stat[i], base)) && recip[i] == 16384 / w && half[i] == w / 2) << base << " " << stat[i] << " at " << i;
     }
-    // The Q10 constants leave errors of up to about 1.25 on full-swing
-    // blocks: every coefficient within 1 of the correctly rounded value,
-    // flat blocks exact, and the errors small on average.
-    double total = 0;
-    for (const auto &in : blocks) {
-        int16_t b[64];
-        std::memcpy(b, in.data(), sizeof(b));
-        kivoe_fdct8(b);
-        for (int v = 0; v < 8; ++v)
-            for (int u = 0; u < 8; ++u) {
-                double s = 0;
-                for (int y = 0; y < 8; ++y)
-                    for (int x = 0; x < 8; ++x)
-                        s += (in[8 * y + x] - 128) * std::cos((2 * x + 1) * u * M_PI / 16) *
-                             std::cos((2 * y + 1) * v * M_PI / 16);
-                const double ref = 0.25 * (u ? 1 : M_SQRT1_2) * (v ? 1 : M_SQRT1_2) * s;
-                const int got = b[8 * v + u], err = std::abs(got - static_cast<int>(std::lround(ref)));
-                ASSERT_LE(err, &in - &blocks[0] < 3 ? 0 : 1) << "at " << 8 * v + u << ": " << ref;
-                total += std::fabs(got - ref);
-            }
-    }
-    EXPECT_LT(total / (64.0 * blocks.size()), 0.3);
+    for (int level = 0; level < 256; ++level) EXPECT_EQ(tbl_thr[level], ref::base_of_level(level)) << level;
 }
 
-TEST(EncQuant, Quantizers) {
-    const struct {
-        int q, offset;  // offset: Q14 for the adaptive quantizer
-        int16_t c, plain, adaptive;
-    } cases[] = {
-        {16, 8192, 8, 1, 1},         {16, 8192, 7, 0, 0},           {16, 8192, -8, -1, -1},    {16, 8192, 0, 0, 0},
-        {16, 0, 31, 2, 1},           {16, 8192, 30, 2, 2},          {3, 8192, 1100, 366, 367}, {3, 8192, -1100, -366, -367},
-        {1, 0, -1000, -1000, -1000}, {1, 8192, 32767, 32767, 32767},
-        // The plain quantizer saturates, the adaptive one keeps 16 bits.
-        {1, 8192, -32768, -32767, -32768}, {255, 8192, -32768, -128, -128}, {2, 16383, 32767, 16384, 16384},
-    };
-    for (const auto &c : cases) {
-        uint16_t recip[64], half[64], off[64];
-        int16_t a[64] = {0}, b[64] = {0};
-        for (int i = 0; i < 64; ++i) {
-            recip[i] = static_cast<uint16_t>(16384 / c.q);
-            half[i] = static_cast<uint16_t>(c.q >> 1);
-            off[i] = static_cast<uint16_t>(c.offset);
-            a[i] = b[i] = static_cast<int16_t>(i == 37 ? c.c : i % 3 ? 0 : c.q);  // the others become 0 or 1
-        }
-        EXPECT_EQ(kivoe_quant(a, recip, half), 22 + (c.plain != 0)) << c.c << " / " << c.q;
-        EXPECT_EQ(a[37], c.plain) << c.c << " / " << c.q;
-        kivoe_quant_rdoq(b, recip, off);
-        EXPECT_EQ(b[37], c.adaptive) << c.c << " / " << c.q << " offset " << c.offset;
-    }
-}
-
-TEST(EncQuant, OffsetUpdate) {
-    const struct {
-        int16_t level, coef;
-        int start, after;
-    } cases[] = {
-        {2, 30, 8192, 8191},    // overshoot by 2: (2 * 1024) >> 11 = 1 down
-        {-2, -30, 8192, 8191},  // the same below zero
-        {1, 24, 4000, 4004},    // undershoot by half a step: 4 up
-        {1, 8, 4000, 3996},     // overshoot by half a step: 4 down
-        {0, 900, 5000, 5000},   // a zero level keeps its offset
-        {1, 2000, 8190, 8192},  // clamped at 8192
-        {-100, 0, 3, 0},        // clamped at 0
-    };
-    uint16_t q[64], recip[64];
-    for (int i = 0; i < 64; ++i) q[i] = 16, recip[i] = 1024;
-    for (const auto &c : cases) {
-        int16_t lv[64] = {0}, coef[64] = {0};
-        uint16_t off[64];
-        for (uint16_t &o : off) o = 1234;
-        lv[9] = c.level;
-        coef[9] = c.coef;
-        off[9] = static_cast<uint16_t>(c.start);
-        kivoe_update_offset(lv, coef, q, recip, off);
-        for (int i = 0; i < 64; ++i) EXPECT_EQ(off[i], i == 9 ? c.after : 1234) << c.level << " " << c.coef << " at " << i;
-    }
-}
-
-TEST(EncQuant, JndTables) {
-    // Each table steps up by one at these levels.
-    const int up[8] = {11, 30, 55, 84, 118, 155, 195, 239}, down[8] = {12, 32, 58, 88, 123, 161, 202, 247};
-    const int lum[8] = {12, 34, 63, 97, 129, 141, 185, 233};
-    for (int c = 0; c < 256; ++c) {
-        int a = 0, d = 0, k = 0;
-        for (int s = 0; s < 8; ++s) a += c >= up[s], d += c >= down[s], k += c >= lum[s];
-        EXPECT_EQ(tbl_pblur_max[c], std::min(c + a, 255)) << c;
-        EXPECT_EQ(tbl_pblur_min[c], c - d) << c;
-        EXPECT_EQ(tbl_suppr_lum[c], k) << c;
-    }
-    for (int i = 0; i < 512; ++i) EXPECT_EQ(kivo_tbl_suppr_thr[i], (tbl_inv_mtf[i % 64] * (i / 64 + 1)) >> 12) << i;
-    // Thresholds from the DC: mean level 5 gives k = 0, 128 k = 4, white k = 8.
-    const int16_t dcs[3] = {-1024 + 8 * 5, 0, 1016};
-    for (int n = 0; n < 3; ++n) {
-        uint8_t thr[64];
-        kivoe_jnd_thresholds(dcs[n], thr);
-        for (int i = 0; i < 64; ++i) EXPECT_EQ(thr[i], n ? kivo_tbl_suppr_thr[(4 * n - 1) * 64 + i] : 0) << dcs[n];
-    }
-}
-
-TEST(EncQuant, JndFilter) {
-    const struct {
-        int lo, hi, period;  // lines of lo, then hi: an edge at line 6 (period 0) or a ripple
-        int row, value;      // an output row and its value (row -1: the input unchanged)
-    } cases[] = {
-        {77, 77, 0, -1, 0},   {128, 168, 0, 3, 130}, {128, 168, 0, 2, 128}, {128, 168, 0, 4, 166},
-        {126, 130, 1, 5, 128}, {40, 200, 1, 5, 197},  // a big ripple survives
-    };
-    for (const auto &c : cases) {
-        uint8_t plane[16 * 12];
-        for (int i = 0; i < 16 * 12; ++i) plane[i] = static_cast<uint8_t>((c.period ? i / 16 % 2 : i / 16 >= 6) ? c.hi : c.lo);
-        int16_t blk[64];
-        kivoe_jndfilt8x8(&plane[16 * 2 + 4], 16, blk);
-        for (int i = 0; i < 64; ++i) {
-            const int y = i / 8;
-            if (c.row < 0 || y == c.row) {
-                EXPECT_EQ(blk[i], c.row < 0 ? plane[16 * (y + 2) + 4 + i % 8] : c.value) << i;
-            }
-        }
-    }
-}
-
-TEST(EncQuant, JndSuppression) {
-    const struct {
-        int16_t lv, coef;
-        int thr;
-        int16_t extra_ac;  // |level| of a second AC term (the block's AC sum)
-        int16_t want;
-    } cases[] = {
-        {3, 10, 6, 5, 2}, {-3, -10, 6, 5, -2}, {2, 9, 10, 6, 0},
-        {3, 10, 6, 4, 3},  // AC sum 7 is left alone
-        {3, 10, 0, 5, 3},  // threshold 0 keeps every level
-    };
-    uint16_t q[64];
-    for (uint16_t &x : q) x = 4;
-    for (const auto &c : cases) {
-        int16_t lv[64] = {0}, coef[64] = {0};
-        uint8_t thr[64];
-        std::memset(thr, c.thr, sizeof(thr));
-        lv[1] = c.lv;
-        coef[1] = c.coef;
-        lv[2] = c.extra_ac;  // reconstructed exactly, so never lowered
-        coef[2] = static_cast<int16_t>(c.extra_ac * 4 + c.thr);
-        kivoe_jnd_suppress(lv, coef, q, thr);
-        EXPECT_EQ(lv[1], c.want) << c.lv << " " << c.thr;
-        EXPECT_EQ(lv[2], c.extra_ac);
-    }
-    // The DC level counts for nothing in the sum but is suppressed too.
-    int16_t lv[64] = {3, 0, 0, 0, 0, 8}, coef[64] = {10, 0, 0, 0, 0, 32};
+TEST(EncRef, JndFilterThresholdsAndSuppression) {
+    std::mt19937 rng(9);
     uint8_t thr[64];
-    std::memset(thr, 6, sizeof(thr));
-    kivoe_jnd_suppress(lv, coef, q, thr);
-    EXPECT_EQ(lv[0], 2);
-    EXPECT_EQ(lv[5], 7);  // |32 - 28| < 6, |32 - 24| is not
+    for (int dc = -1100; dc <= 1100; ++dc) {
+        kivoe_jnd_thresholds(static_cast<int16_t>(dc), thr);
+        for (int i = 0; i < 64; ++i) ASSERT_EQ(thr[i], ref::threshold(dc, i)) << dc << " at " << i;
+    }
+    for (int n = 0; n < 2000; ++n) {
+        // A 12 x 12 area: smooth with ripples, edges and noise of every size.
+        uint8_t plane[144];
+        const int base = static_cast<int>(rng() % 256), amp = 1 << (n % 9);
+        for (uint8_t &s : plane) s = uint8_t(std::clamp(base + static_cast<int>(rng() % amp) - amp / 2, 0, 255));
+        int16_t blk[64];
+        kivoe_jndfilt8x8(plane + 26, 12, blk);
+        for (int i = 0; i < 64; ++i) ASSERT_EQ(blk[i], ref::jnd_filter(plane + 26, 12, i % 8, i / 8)) << n << " at " << i;
+        // Levels near the coefficients' own, thresholds of every brightness.
+        int16_t coef[64], lv[64], want[64];
+        uint16_t q[64];
+        kivoe_jnd_thresholds(static_cast<int16_t>(rng() % 2049) - 1024, thr);
+        for (int i = 0; i < 64; ++i) {
+            q[i] = uint16_t(1 + rng() % (n % 2 ? 4 : 40));
+            coef[i] = int16_t(rng() % (3 + n % 30) ? 0 : static_cast<int>(rng() % 200) - 100);  // AC sums about 7 too
+            want[i] = lv[i] = int16_t(std::lround(double(coef[i]) / q[i]) + (rng() % 4 ? 0 : 1));
+        }
+        ref::suppress(want, coef, q, thr);
+        kivoe_jnd_suppress(lv, coef, q, thr);
+        for (int i = 0; i < 64; ++i) ASSERT_EQ(lv[i], want[i]) << n << " at " << i;
+    }
 }
 
-// Pushes planes and selects the tables at `level`.
+#if defined(KIVO_ARCH_x86)
+const uint32_t kSse = KIVO_CPU_SSE2 | KIVO_CPU_SSSE3 | KIVO_CPU_SSE41;
+const uint32_t kLevels[] = {0, KIVO_CPU_SSE2, KIVO_CPU_SSE2 | KIVO_CPU_SSSE3, kSse, kSse | KIVO_CPU_AVX2};
+#elif defined(KIVO_ARCH_arm)
+const uint32_t kLevels[] = {0, KIVO_CPU_NEON};
+#else
+const uint32_t kLevels[] = {0};
+#endif
+
+// 64 values `skew` int16 past a 32-byte boundary, canaries on both sides.
+struct Slot {
+    alignas(32) int16_t mem[112];
+    int16_t *at;
+    Slot(const int16_t *in, int skew) : at(mem + 24 + skew) {
+        for (int16_t &v : mem) v = 0x5A5A;
+        std::memcpy(at, in, 128);
+    }
+    bool operator==(const Slot &o) const { return std::memcmp(mem, o.mem, sizeof(mem)) == 0; }
+};
+
+// Every SIMD variant against the plain kernel on the sets above, with
+// tables at an odd address as kivoe_qtbl fields may be.
+TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
+    const char *env = std::getenv("KIVO_CHECKASM_SEED");
+    const Sets sets(env ? static_cast<uint32_t>(std::strtoul(env, nullptr, 0)) : 20240611u);
+    kivoe_proc plain{};
+    kivoe_dsp_init(&plain, 0);
+    ASSERT_TRUE(plain.fdct8 == &kivoe_fdct8 && plain.quant == &kivoe_quant && plain.quant_rdoq == &kivoe_quant_rdoq &&
+                plain.jndfilt == &kivoe_jndfilt8x8);
+    std::set<const void *> seen;
+    auto is_new = [&seen](auto f) { return seen.insert(reinterpret_cast<const void *>(f)).second; };
+    is_new(plain.fdct8), is_new(plain.quant), is_new(plain.quant_rdoq), is_new(plain.jndfilt);
+    int checked = 0, failures = 0;
+    auto fail = [&failures](const char *what, uint32_t flags, size_t i) {
+        if (failures++ < 5) ADD_FAILURE() << what << " at CPU flags " << flags << ": block " << i;
+    };
+    std::vector<uint16_t> odd(1 + 256);
+    for (uint32_t flags : kLevels) {
+        if (flags & ~kivo_cpu_detected()) continue;
+        kivoe_proc p{};
+        kivoe_dsp_init(&p, flags);
+        std::printf("%s\n", kivoe_dsp_describe(flags));
+        ASSERT_TRUE(p.fdct8 && p.quant && p.quant_rdoq && p.jndfilt) << flags;
+        const bool fdct = is_new(p.fdct8), quant = is_new(p.quant), rdoq = is_new(p.quant_rdoq), jnd = is_new(p.jndfilt);
+        checked += fdct + quant + rdoq + jnd;
+        for (size_t i = 0; fdct && i < sets.samples.size(); ++i) {
+            Slot a(sets.samples[i].data(), i % 5), b(sets.samples[i].data(), i % 5);
+            plain.fdct8(a.at);
+            p.fdct8(b.at);
+            if (!(a == b)) fail("fdct8", flags, i);
+        }
+        // The filter reads two lines above and below the block, here from
+        // consecutive sample blocks.
+        for (size_t i = 0; jnd && i + 1 < sets.samples.size(); ++i) {
+            uint8_t plane[12 * 9 + 1];
+            for (int k = 0; k < 12 * 9; ++k) plane[k + 1] = static_cast<uint8_t>(sets.samples[i + k / 64][k % 64]);
+            const int16_t zero[64] = {};
+            Slot a(zero, i % 5), b(zero, i % 5);
+            plain.jndfilt(plane + 1 + 2 * 9, 9, a.at);
+            p.jndfilt(plane + 1 + 2 * 9, 9, b.at);
+            if (!(a == b)) fail("jndfilt", flags, i);
+        }
+        for (size_t i = 0; (quant || rdoq) && i < sets.pairs.size(); ++i) {
+            const int16_t *in = sets.coefs[sets.pairs[i].first].data();
+            std::memcpy(&odd[1], sets.tables[sets.pairs[i].second].data(), 512);
+            const uint16_t *recip = &odd[65], *half = &odd[129], *off = &odd[193];
+            Slot a(in, i % 5), b(in, i % 5), c(in, i % 5), d(in, i % 5);
+            if (quant && (plain.quant(a.at, recip, half) != p.quant(b.at, recip, half) || !(a == b))) fail("quant", flags, i);
+            if (rdoq) plain.quant_rdoq(c.at, recip, off), p.quant_rdoq(d.at, recip, off);
+            if (rdoq && !(c == d)) fail("quant_rdoq", flags, i);
+        }
+    }
+    EXPECT_EQ(failures, 0);
+    std::printf("%d variant(s) checked\n", checked);
+}
+
+// Pushes planes and selects the tables at `level`; got: the tables after.
 int32_t select(int32_t cs, int w, int h, const std::vector<testpic::Plane> &planes, int level, uint8_t out[128],
                kivoe_qtbl got[2], kivoe_qtbl before[2]) {
-    kivoe_ctx *enc = create(50, cs, w, h);
+    kivoe_create_param p{1, w, h, 50, cs, nullptr};
+    kivoe_ctx *enc = kivoe_create(&p, nullptr);
     xelo_imgb *img = kivotest::to_imgb(cs, w, h, planes);
     std::memcpy(before, enc->qtbl, 2 * sizeof(kivoe_qtbl));
-    int32_t status = kivoe_push(enc, img);
-    if (status == KIVO_OK) status = kivoe_get_qtbl(enc, level, out);
+    const int32_t status = kivoe_push(enc, img) ? -1 : kivoe_get_qtbl(enc, level, out);
     std::memcpy(got, enc->qtbl, 2 * sizeof(kivoe_qtbl));
     img->release(img);
     kivoe_delete(enc);
     return status;
 }
 
-// The selection against statistics computed here: whole blocks of 8 x 8
+// The selection against statistics sampled here: whole blocks of 8 x 8
 // cells of s x s samples, each cell the mean of its corners, partial blocks
-// at the right and bottom left out.
-TEST(EncQuant, PerceptualSelectionMatchesTheSampledStatistics) {
-    struct Case {
-        int32_t cs;
-        int w, h, level;
-    };
-    std::vector<Case> cases = {{XELO_CS_YCBCR444, 64, 64, 3}};
+// at the right and bottom left out; NV12 and NV21 are sampled as 4:2:0,
+// packed pairs as 4:2:2. Refused selections keep the tables and leave the
+// output alone.
+TEST(EncQuant, PerceptualSelection) {
+    struct Case { int32_t cs; int w, h, level; };
+    std::vector<Case> cases = {{XELO_CS_YCBCR444, 64, 64, 3}, {XELO_CS_NV12, 96, 64, 0}, {XELO_CS_NV21, 96, 64, 1},
+                               {XELO_CS_YUYV, 96, 64, 0}, {XELO_CS_YCBCR400, 24, 24, 0}};  // the last flat at 24, a bracket's edge
     for (int32_t cs : {XELO_CS_YCBCR420, XELO_CS_YCBCR422, XELO_CS_YCBCR444, XELO_CS_YCBCR400})
         for (int level = 0; level <= 2; ++level) cases.push_back({cs, 75 + 40 * level, 70 + 33 * level, level});
     for (const Case &c : cases) {
-        const auto planes = kivotest::make_picture(c.cs, c.w, c.h, static_cast<uint64_t>(c.cs + c.level));
+        const int32_t twin = c.cs == XELO_CS_YUYV ? XELO_CS_YCBCR422 : c.cs == XELO_CS_NV12 || c.cs == XELO_CS_NV21 ? XELO_CS_YCBCR420 : c.cs;
+        auto planes = kivotest::make_picture(twin, c.w, c.h, static_cast<uint64_t>(c.cs + c.level));
+        if (c.w == 24) std::fill(planes[0].px.begin(), planes[0].px.end(), 24);
+        std::vector<testpic::Plane> given = planes;
+        if (twin != c.cs) {  // Y Cb Y Cr, or Cb Cr (NV12) and Cr Cb (NV21) pairs
+            given.resize(c.cs == XELO_CS_YUYV ? 1 : 2);
+            testpic::Plane &mixed = given.back();
+            mixed.w = 2 * planes[given.size() - 1].w;
+            mixed.px.resize(static_cast<size_t>(mixed.w) * mixed.h);
+            for (int y = 0; y < mixed.h; ++y)
+                for (int x = 0, k; x < mixed.w; ++x) {
+                    k = c.cs == XELO_CS_YUYV ? (x % 2 ? 1 + x / 2 % 2 : 0) : c.cs == XELO_CS_NV12 ? 1 + x % 2 : 2 - x % 2;
+                    mixed.px[static_cast<size_t>(y) * mixed.w + x] = planes[k].at(k && c.cs == XELO_CS_YUYV ? x / 4 : x / 2, y);
+                }
+        }
         uint64_t sum[2][64] = {};
-        uint32_t blocks[2] = {};
+        uint32_t blocks[2] = {}, mean[2][64];
         const int s = 1 << c.level;
         for (size_t p = 0; p < planes.size(); ++p) {
             const testpic::Plane &pl = planes[p];
             const int t = p ? 1 : 0;
             for (int by = 0; by + 8 * s <= pl.h; by += 8 * s)
                 for (int bx = 0; bx + 8 * s <= pl.w; bx += 8 * s, ++blocks[t]) {
-                    int16_t b[64];
+                    int16_t b[64], f[64];
                     for (int i = 0; i < 64; ++i) {
                         const int x0 = bx + i % 8 * s, y0 = by + i / 8 * s, x1 = x0 + s - 1, y1 = y0 + s - 1;
                         b[i] = static_cast<int16_t>((pl.at(x0, y0) + pl.at(x1, y0) + pl.at(x0, y1) + pl.at(x1, y1)) >> 2);
                     }
-                    kivoe_fdct8(b);
-                    sum[t][0] += static_cast<uint64_t>((b[0] + 1024) >> 3);
-                    for (int i = 1; i < 64; ++i) sum[t][i] += static_cast<uint64_t>(std::abs(b[i]));
+                    ref::fdct(b, f);
+                    sum[t][0] += static_cast<uint64_t>((f[0] + 1024) >> 3);
+                    for (int i = 1; i < 64; ++i) sum[t][i] += static_cast<uint64_t>(std::abs(f[i]));
                 }
         }
+        for (int i = 0; i < 128; ++i) mean[i / 64][i % 64] = blocks[i / 64] ? static_cast<uint32_t>(sum[i / 64][i % 64] / blocks[i / 64]) : 0;
         uint8_t out[128];
         kivoe_qtbl got[2], before[2];
-        ASSERT_EQ(select(c.cs, c.w, c.h, planes, c.level, out, got, before), KIVO_OK) << c.cs << " " << c.level;
-        uint32_t mean[2][64];
-        for (int t = 0; t < 2; ++t)
-            for (int i = 0; i < 64; ++i) mean[t][i] = blocks[t] ? static_cast<uint32_t>(sum[t][i] / blocks[t]) : 0;
-        for (int t = 0; t < 2; ++t) {
-            kivoe_qtbl want = before[t];  // no chroma: the chroma table stays and is reported
-            if (t == 0 || c.cs != XELO_CS_YCBCR400) kivo_gen_qtbl(reinterpret_cast<int16_t *>(want.q), want.recip, want.half, mean[t], tbl_thr[mean[0][0]]);
-            for (int i = 0; i < 64; ++i) {
-                ASSERT_EQ(got[t].q[i], want.q[i]) << "format " << c.cs << " level " << c.level << " table " << t << " at " << i;
-                ASSERT_EQ(got[t].recip[i], want.recip[i]);
-                ASSERT_EQ(got[t].half[i], want.half[i]);
-                ASSERT_EQ(out[64 * t + i], got[t].q[i]) << "output byte " << 64 * t + i;
-            }
+        ASSERT_EQ(select(c.cs, c.w, c.h, given, c.level, out, got, before), 0) << c.cs << " " << c.level;
+        for (int i = 0; i < 128; ++i) {
+            // No chroma: the chroma table stays and is reported.
+            const int want = i < 64 || c.cs != XELO_CS_YCBCR400 ? ref::gen_q(i % 64, mean[i / 64][i % 64], ref::base_of_level(mean[0][0]))
+                                                                : before[1].q[i % 64];
+            ASSERT_TRUE(got[i / 64].q[i % 64] == want && out[i] == want) << "format " << c.cs << " level " << c.level << " at " << i;
         }
     }
-}
-
-// NV12 and NV21 are analysed like 4:2:0, packed pairs like 4:2:2.
-TEST(EncQuant, InterleavedLayoutsGiveThePlanarTables) {
-    const int w = 96, h = 64;
-    for (int32_t cs : {XELO_CS_NV12, XELO_CS_NV21, XELO_CS_YUYV}) {
-        const int32_t twin = cs == XELO_CS_YUYV ? XELO_CS_YCBCR422 : XELO_CS_YCBCR420;
-        const auto planar = kivotest::make_picture(twin, w, h, 9);
-        std::vector<testpic::Plane> inter = planar;
-        inter.resize(cs == XELO_CS_YUYV ? 1 : 2);
-        testpic::Plane &mixed = inter.back();  // Y Cb Y Cr, or Cb Cr (NV12) and Cr Cb (NV21) pairs
-        mixed.w = 2 * planar[inter.size() - 1].w;
-        mixed.px.resize(static_cast<size_t>(mixed.w) * mixed.h);
-        for (int y = 0; y < mixed.h; ++y)
-            for (int x = 0; x < mixed.w; ++x) {
-                const int k = cs == XELO_CS_YUYV ? (x % 2 ? 1 + x / 2 % 2 : 0) : cs == XELO_CS_NV12 ? 1 + x % 2 : 2 - x % 2;
-                mixed.px[static_cast<size_t>(y) * mixed.w + x] = planar[k].at(k && cs == XELO_CS_YUYV ? x / 4 : x / 2, y);
-            }
-        uint8_t want[128], got[128];
-        kivoe_qtbl t[2], before[2];
-        ASSERT_EQ(select(twin, w, h, planar, 0, want, t, before), KIVO_OK);
-        ASSERT_EQ(select(cs, w, h, inter, 0, got, t, before), KIVO_OK);
-        EXPECT_EQ(0, std::memcmp(want, got, 128)) << "format " << cs;
-    }
-}
-
-// Selection refused: the tables stay and the output is untouched.
-TEST(EncQuant, PerceptualSelectionRefused) {
-    const struct {
-        int32_t cs;
-        int w, h, level;
-        int32_t status;
-    } cases[] = {
-        {XELO_CS_YCBCR444, 63, 64, 3, KIVO_ERR_UNAVAILABLE},  // no whole block
-        {XELO_CS_YCBCR420, 64, 64, 3, KIVO_ERR_UNAVAILABLE},  // chroma without a whole block
-        {XELO_CS_YUYV, 120, 64, 3, KIVO_ERR_UNAVAILABLE},
-        {XELO_CS_YCBCR444, 64, 64, 13, KIVO_ERR_UNAVAILABLE},
-        {XELO_CS_YCBCR444, 64, 64, -1, KIVO_ERR_INVALID_ARG},
-    };
-    for (const auto &c : cases) {
+    // No whole block; chroma without one; levels out of range.
+    const struct { int32_t cs; int w, h, level; int32_t status; } refusals[] = {
+        {XELO_CS_YCBCR444, 63, 64, 3, KIVO_ERR_UNAVAILABLE}, {XELO_CS_YCBCR420, 64, 64, 3, KIVO_ERR_UNAVAILABLE},
+        {XELO_CS_YUYV, 120, 64, 3, KIVO_ERR_UNAVAILABLE},    {XELO_CS_YCBCR444, 64, 64, 13, KIVO_ERR_UNAVAILABLE},
+        {XELO_CS_YCBCR444, 64, 64, -1, KIVO_ERR_INVALID_ARG}};
+    for (const auto &c : refusals) {
         uint8_t out[128];
         std::memset(out, 0xEE, sizeof(out));
         kivoe_qtbl got[2], before[2];
         EXPECT_EQ(select(c.cs, c.w, c.h, kivotest::make_picture(c.cs, c.w, c.h, 1), c.level, out, got, before), c.status);
-        EXPECT_EQ(0, std::memcmp(before, got, sizeof(got))) << c.cs << " " << c.level << ": tables kept";
-        for (uint8_t b : out) ASSERT_EQ(b, 0xEE) << c.cs << " " << c.level << ": output untouched";
+        EXPECT_TRUE(!std::memcmp(before, got, sizeof(got)) && std::count(out, out + 128, 0xEE) == 128) << c.cs << " " << c.level << ": all kept";
     }
-    kivoe_ctx *enc = create(50);  // nothing pushed yet
-    uint8_t out[128];
-    EXPECT_EQ(kivoe_get_qtbl(enc, 0, out), KIVO_ERR_UNAVAILABLE);
-    kivoe_delete(enc);
 }
 
 }  // namespace

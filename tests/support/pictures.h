@@ -3,7 +3,6 @@
 #ifndef KIVO_TESTS_PICTURES_H
 #define KIVO_TESTS_PICTURES_H
 
-#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -12,12 +11,7 @@ namespace testpic {
 struct Rng {
     uint64_t s;
     explicit Rng(uint64_t seed) : s(seed * 0x9E3779B97F4A7C15ull + 1) {}
-    uint32_t next() {
-        s ^= s << 13;
-        s ^= s >> 7;
-        s ^= s << 17;
-        return static_cast<uint32_t>(s >> 11);
-    }
+    uint32_t next() { return s ^= s << 13, s ^= s >> 7, s ^= s << 17, static_cast<uint32_t>(s >> 11); }
     int range(int lo, int hi) { return lo + static_cast<int>(next() % static_cast<uint32_t>(hi - lo + 1)); }
 };
 
@@ -25,7 +19,7 @@ struct Rng {
 struct Plane {
     int w = 0, h = 0;
     std::vector<uint8_t> px;
-    uint8_t at(int x, int y) const { return px[static_cast<size_t>(y) * w + x]; }
+    uint8_t at(int x, int y) const { return px[static_cast<uint64_t>(y) * w + x]; }
 };
 
 enum class Kind { Natural, Noise, Flat };
