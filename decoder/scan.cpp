@@ -361,11 +361,19 @@ int32_t dec_scan(kivod_ctx *ctx, int32_t *done) {
     const int32_t status = kivod_skim_and_run(ctx);
     kivod_collect_stats(ctx);
 
-    // How far the scan got: the last slice that ran holds its end.
+    // How far the scan got: to the end of the first slice that stopped (one
+    // that could not start, for want of memory, stops before its first MCU).
     const kivod_work *last = ctx->work[ctx->n_threads - 1];
     int32_t per_row = 1;
     const int32_t total = kivod_scan_mcus(ctx, &per_row);
-    const int32_t reached = last->stopped ? last->first_mcu + last->mcu_done : total;
+    int32_t reached = total;
+    for (int i = 0; i < ctx->n_threads; ++i) {
+        const kivod_work *w = ctx->work[i];
+        if (w->stopped) {
+            reached = w->first_mcu + w->mcu_done;
+            break;
+        }
+    }
     for (int k = 0; k < ctx->sh.n_comp; ++k) {
         const int c = ctx->sh.comp_idx[k];
         const int32_t v = ctx->sh.n_comp > 1 ? ctx->fh.v[c] : 1;
