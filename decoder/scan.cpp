@@ -429,6 +429,9 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     w->mcu_done = run_mcus(j, &w->bs, w->first_mcu, w->n_mcu, &held, &stopped);
     w->stopped = stopped;
     flush_magnitudes(j);
+    // The last strip goes to the resizers once every row it holds is
+    // decoded, even when the data end right after them.
+    bool whole = w->mcu_done == w->n_mcu && (!stopped || w->extra_mcu == 0);
     if (!stopped && w->extra_mcu > 0) {
         // Rows below the slice that its resizers still read, decoded from
         // where the next slice starts: the same bits give the same rows.
@@ -437,10 +440,10 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
         j.stats = false;
         kivod_bs bs = w->bs;
         int32_t extra_held = held;
-        run_mcus(j, &bs, w->first_mcu + w->n_mcu, w->extra_mcu, &extra_held, &stopped);
+        whole = run_mcus(j, &bs, w->first_mcu + w->n_mcu, w->extra_mcu, &extra_held, &stopped) == w->extra_mcu;
     }
     if (!w->stopped) kivod_bs_read_stuffing(&w->bs);
-    end_resizers(j, !stopped);
+    end_resizers(j, whole);
     if (w->stopped) return held;
     // A failure held at the slice's end belongs to the next slice's first
     // restart interval, which starts holding it; only the scan's last slice
