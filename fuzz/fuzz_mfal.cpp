@@ -112,11 +112,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const int32_t denom = in.one_of(denoms);
     const uint32_t mask = fz::cpu_mask(in.byte());
     const uint32_t fail_alloc = in.pick(24);
-    if (in.size == 0) return 0;  // memory input refuses it as an argument, a file as a read failure
     File bad;
     const uint8_t which = in.byte();
     for (int k = 0; k < kKinds; ++k) bad.fail_at[k] = which >> k & 1 ? 1 + in.pick(k == kRead ? 4096 : 4) : 0;
     bad.extra_size = which & 0x20 ? 1 + in.pick(64) : 0;
+    if (in.size == 0) return 0;  // memory input refuses it as an argument, a file as a read failure
     bad.data = in.data;
     bad.size = int64_t(in.size);
     File good = bad;
