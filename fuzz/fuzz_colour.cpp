@@ -20,7 +20,7 @@ struct Plan {
 
 // Packed rows of the picture: row y's bytes from y * stride.
 bool in_rows(const Plan &p, int32_t ps, size_t i) {
-    return i / size_t(p.stride) < size_t(p.h) && i % size_t(p.stride) < size_t(p.w) * ps;
+    return p.stride > 0 && i / size_t(p.stride) < size_t(p.h) && i % size_t(p.stride) < size_t(p.w) * ps;
 }
 
 // A call that ran out of memory or threads may have converted some rows.
