@@ -361,11 +361,19 @@ int32_t dec_scan(kivod_ctx *ctx, int32_t *done) {
     const int32_t status = kivod_skim_and_run(ctx);
     kivod_collect_stats(ctx);
 
-    // How far the scan got: the last slice that ran holds its end.
+    // How far the scan got: to the end of the first slice that stopped (one
+    // that could not start, for want of memory, stops before its first MCU).
     const kivod_work *last = ctx->work[ctx->n_threads - 1];
     int32_t per_row = 1;
     const int32_t total = kivod_scan_mcus(ctx, &per_row);
-    const int32_t reached = last->stopped ? last->first_mcu + last->mcu_done : total;
+    int32_t reached = total;
+    for (int i = 0; i < ctx->n_threads; ++i) {
+        const kivod_work *w = ctx->work[i];
+        if (w->stopped) {
+            reached = w->first_mcu + w->mcu_done;
+            break;
+        }
+    }
     for (int k = 0; k < ctx->sh.n_comp; ++k) {
         const int c = ctx->sh.comp_idx[k];
         const int32_t v = ctx->sh.n_comp > 1 ? ctx->fh.v[c] : 1;
@@ -421,6 +429,9 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     w->mcu_done = run_mcus(j, &w->bs, w->first_mcu, w->n_mcu, &held, &stopped);
     w->stopped = stopped;
     flush_magnitudes(j);
+    // The last strip goes to the resizers once every row it holds is
+    // decoded, even when the data end right after them.
+    bool whole = w->mcu_done == w->n_mcu && (!stopped || w->extra_mcu == 0);
     if (!stopped && w->extra_mcu > 0) {
         // Rows below the slice that its resizers still read, decoded from
         // where the next slice starts: the same bits give the same rows.
@@ -429,10 +440,10 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
         j.stats = false;
         kivod_bs bs = w->bs;
         int32_t extra_held = held;
-        run_mcus(j, &bs, w->first_mcu + w->n_mcu, w->extra_mcu, &extra_held, &stopped);
+        whole = run_mcus(j, &bs, w->first_mcu + w->n_mcu, w->extra_mcu, &extra_held, &stopped) == w->extra_mcu;
     }
     if (!w->stopped) kivod_bs_read_stuffing(&w->bs);
-    end_resizers(j, !stopped);
+    end_resizers(j, whole);
     if (w->stopped) return held;
     // A failure held at the slice's end belongs to the next slice's first
     // restart interval, which starts holding it; only the scan's last slice

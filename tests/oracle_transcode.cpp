@@ -186,6 +186,12 @@ TEST(OracleTranscode, SkipEncodeBadMemoryAndCorruptSources) {
     for (int y = 0; y < 48; ++y)
         for (int x = 0; x < 64; ++x) ASSERT_EQ(pic->plane[0][y * pic->stride[0] + x], d.planes[0].at(x, y));
     EXPECT_EQ(transcode(src, 0, false, -1, 1, XELO_CS_YUYV).status, KIVO_ERR_COLOR_FORMAT);  // planar layouts only
+    // A source that ends early leaves mid-grey below its data, not what the
+    // kept picture held.
+    Bytes cut(src.begin(), src.begin() + src.size() * 2 / 3);
+    EXPECT_EQ(code(nullptr, t, cut, &out), 0);
+    ASSERT_EQ(kivot_config(t, KIVOT_CFG_GET_PICTURE, &pic, &ptr), 0);
+    EXPECT_EQ(pic->plane[0][47 * pic->stride[0] + 63], 128);
     src[0] = 0;  // a corrupt source gives the decoder's status
     EXPECT_EQ(code(nullptr, t, src, &out), KIVO_ERR_MALFORMED);
     // An encoder handle is not a transcoder, nor the other way round.

@@ -130,6 +130,52 @@ TEST(DecApi, DispatchStatusesAndCreateFailures) {
     EXPECT_GT(refused, 0);
 }
 
+// A slice whose resizer cannot be made leaves its rows undecoded: the clone
+// then fails, however the other slices fared.
+TEST(DecApi, FailedSliceFailsTheClone) {
+    kivo_tpool pool;
+    kivo_tpool_std(&pool, 3);
+    std::vector<uint8_t> s = grey_stream(64, 96, 8, 0);
+    std::vector<uint8_t> want;
+    for (int n = 0; n <= 12; ++n) {
+        Handle h(&pool);
+        kivod_frame_info info{};
+        ASSERT_EQ(decode_mem(h.ctx, s, &info), 0);
+        xelo_imgb *img = make_img(40, 60, XELO_CS_YCBCR400);
+        std::memset(img->plane[0], n, size_t(img->stride[0]) * img->lines[0]);
+        xelo_mem_fail_at(n);
+        const int32_t st = kivod_clone(h.ctx, img);
+        xelo_mem_fail_at(0);
+        std::vector<uint8_t> got;
+        for (int y = 0; y < 60; ++y) got.insert(got.end(), img->plane[0] + y * img->stride[0], img->plane[0] + y * img->stride[0] + 40);
+        if (n == 0) want = got;
+        EXPECT_TRUE(st != 0 || got == want) << n;
+        img->release(img);
+    }
+}
+
+// Data that end right after the last MCU (no EOI) decode the same picture
+// at every reduction; the partial strip of a reduced one is still resized.
+TEST(DecApi, DataEndingAtLastMcuAreWritten) {
+    std::vector<uint8_t> s = grey_stream(240, 16, 8, 0), cut(s.begin(), s.end() - 2);
+    for (int denom : {1, 2, 4, 8}) {
+        std::vector<uint8_t> px[2];
+        for (int k = 0; k < 2; ++k) {
+            Handle h;
+            kivod_set_reduction(h.ctx, denom);
+            kivod_frame_info info{};
+            ASSERT_EQ(decode_mem(h.ctx, k ? cut : s, &info), 0);
+            xelo_imgb *img = make_img(240 / denom, 16 / denom, XELO_CS_YCBCR400);
+            std::memset(img->plane[0], k ? 0 : 255, size_t(img->stride[0]) * img->lines[0]);
+            EXPECT_EQ(kivod_clone(h.ctx, img), 0);
+            for (int y = 0; y < 16 / denom; ++y)
+                px[k].insert(px[k].end(), img->plane[0] + y * img->stride[0], img->plane[0] + y * img->stride[0] + 240 / denom);
+            img->release(img);
+        }
+        EXPECT_EQ(px[0], px[1]) << denom;
+    }
+}
+
 // Sample (x, y) of grey_stream(w, h, q): DC predictions run +q, 0, +q, 0, ...
 // over the blocks, giving levels 128 + floor((dc + 4) / 8).
 int grey_level(int w, int q, int x, int y) {

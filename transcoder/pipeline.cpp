@@ -132,7 +132,13 @@ int32_t kivot_trc(kivot_ctx *t, const kivod_input *in, const kivoe_output *out, 
     t->pic = req.alloc(&req, t->pic, &status);
     if (!t->pic || status < 0) return fail_with_picture(t, status < 0 ? status : KIVO_ERR_OUT_OF_MEMORY);
 
-    ret = d->proc.clone_frm(d, t->pic->imgb);
+    // A source that ends early decodes as far as its data go and leaves the
+    // rows below as the buffer held them: start from mid-grey, so that no
+    // earlier picture or stale memory reaches the new stream.
+    xelo_imgb *img = t->pic->imgb;
+    for (int p = 0; p < 4; ++p)
+        if (img->plane_base[p]) std::memset(img->plane_base[p], 128, img->capacity[p]);
+    ret = d->proc.clone_frm(d, img);
     if (ret < 0) return fail_with_picture(t, ret);
 
     // Statistics of the decoded picture choose the perceptual tables.

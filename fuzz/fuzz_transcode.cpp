@@ -1,0 +1,121 @@
+// libFuzzer target: kivot_txcode over any source bytes with every setting
+// (output size, colour format and quality at creation, the four encoder
+// switches, quality, decode-only) into output memory of any size. The
+// reference run uses the plain kernels and output memory filled with 0x00;
+// the checked run the kernels the input picks, 0xFF, and a handle that
+// first met a failed allocation. Both must give the same status and stream;
+// the bytes after the stream keep their pattern, and a stream that is not
+// format 40's decodes completely with our decoder.
+#include "fuzz/fuzz_util.h"
+#include "kivot.h"
+
+namespace {
+
+struct Plan {
+    kivoe_create_param cp;
+    int32_t flags[4], quality, set_quality, skip, set_format, format;
+    size_t out_size;
+};
+
+fz::Result transcode(kivot_ctx *ctx, const Plan &p, const uint8_t *data, size_t size, uint8_t pattern,
+                     std::vector<uint8_t> &out) {
+    fz::Result r;
+    const int32_t four = 4;
+    for (int i = 0; i < 4; ++i) kivot_config(ctx, KIVOT_CFG_JND_FILTER + i, const_cast<int32_t *>(&p.flags[i]), &four);
+    if (p.set_quality) kivot_config(ctx, KIVOT_CFG_QUALITY, const_cast<int32_t *>(&p.quality), &four);
+    if (p.set_format) kivot_config(ctx, KIVOT_CFG_COLOR_FORMAT, const_cast<int32_t *>(&p.format), &four);
+    kivot_config(ctx, KIVOT_CFG_SKIP_ENCODE, const_cast<int32_t *>(&p.skip), &four);
+    const kivod_limits limits{1 << 20, 0, 0, 0};
+    kivot_set_limits(ctx, &limits);
+    xelo_bitb src{}, dst{};
+    src.addr = const_cast<uint8_t *>(data);
+    src.ssize = int32_t(size);
+    out.assign(p.out_size + 64, pattern);
+    dst.addr = out.data();
+    dst.ssize = int32_t(p.out_size);
+    const kivod_input in{KIVOD_INPUT_BITB, &src, nullptr};
+    const kivoe_output o{KIVOD_INPUT_BITB, &dst, nullptr};
+    int32_t written = -1;
+    r.status = kivot_txcode(ctx, &in, &o, &written);
+    if (r.status != 0 || p.skip) return r;
+    fz::check(written > 0 && size_t(written) <= p.out_size, "written size outside the output memory");
+    for (size_t i = size_t(written); i < out.size(); ++i) fz::check(out[i] == pattern, "a byte written after the stream");
+    r.bytes.assign(out.begin(), out.begin() + written);
+    return r;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    fz::init();
+    if (size > (1u << 22)) return 0;
+    fz::Input in{data, size};
+    Plan p{};
+    const int32_t formats[] = {0, 0, 10, 11, 12, 13, 18, 22, 40, 41, 42, 43, 44, 101, 7};
+    const int threads = 1 + in.pick(3);
+    p.cp = kivoe_create_param{1, in.pick(4) ? 0 : int32_t(in.pick(300)), in.pick(4) ? 0 : int32_t(in.pick(300)),
+                              int32_t(in.pick(101)), in.one_of(formats), fz::pool(threads)};
+    for (int32_t &f : p.flags) f = in.byte() & 1;
+    p.set_quality = in.byte() & 1;
+    p.quality = int32_t(in.pick(103)) - 1;
+    p.set_format = in.byte() & 1;
+    p.format = in.one_of(formats);
+    p.skip = in.pick(8) == 0;
+    p.out_size = in.pick(3) ? size * 4 + 65536 : in.pick(65536);
+    const uint32_t mask = fz::cpu_mask(in.byte());
+    const uint32_t fail_at = in.pick(32);
+    std::vector<uint8_t> out;
+
+    kivo_cpu_set_mask(0);
+    kivot_ctx *ref = kivot_create(&p.cp, nullptr);
+    if (!ref) return 0;  // a setting creation refuses
+    const fz::Result a = transcode(ref, p, in.data, in.size, 0x00, out);
+    kivot_delete(ref);
+
+    kivo_cpu_set_mask(mask);
+    const int32_t live = xelo_mem_live();
+    kivot_ctx *ctx = nullptr;
+    fz::Result b;
+    {
+        fz::FailAt f(fail_at);
+        ctx = kivot_create(&p.cp, nullptr);
+        if (ctx) b = transcode(ctx, p, in.data, in.size, 0x5A, out);
+    }
+    if (!ctx) {
+        fz::check_no_leak(live);
+        ctx = kivot_create(&p.cp, nullptr);
+        fz::check(ctx != nullptr, "handle");
+    }
+    // The transcoder starts every source afresh, so a second call on the
+    // handle must give the first call's result.
+    if (b.status == 0) fz::check_same(a, b, "a transcoding that met a failed allocation");
+    b = transcode(ctx, p, in.data, in.size, 0xFF, out);
+    fz::check_same(a, b, "status or stream differ from the plain kernels' on a fresh handle");
+    kivot_delete(ctx);
+    fz::check_no_leak(live);
+    kivo_cpu_set_mask(~0u);
+
+    if (b.status == 0 && !p.skip) {
+        kivod_ctx *d = kivod_create(nullptr, nullptr);
+        xelo_bitb bitb{};
+        bitb.addr = b.bytes.data();
+        bitb.ssize = int32_t(b.bytes.size());
+        const kivod_input din{KIVOD_INPUT_BITB, &bitb, nullptr};
+        kivod_frame_info info{};
+        int32_t st = kivod_decode(d, &din, &info);
+        if (st == 0) {
+            const int32_t zero[4] = {0, 0, 0, 0};
+            fz::Image img;
+            fz::check(img.make(info.color_format, info.width, info.height, zero, zero, zero), "layout");
+            st = kivod_clone(d, &img.img);
+            kivod_progress pr{};
+            kivod_get_progress(d, &pr);
+            fz::check(st == 0 && pr.complete, "the new stream does not decode whole");
+        }
+        // Formats 40 and 44 make streams our decoder does not take.
+        const int32_t format = p.set_format ? p.format : p.cp.color_format;
+        fz::check(st == 0 || format == XELO_CS_YCBCRK400 || format == XELO_CS_YCBCRK440, "the new stream is refused");
+        kivod_delete(d);
+    }
+    return 0;
+}
