@@ -37,6 +37,18 @@ int32_t build_dc(const kivod_htbl_spec *spec, kivod_dc_tbl *t) {
         if (t->lookup[i] == 255) t->lookup[i] = prev;
         prev = t->lookup[i];
     }
+    // One-step entries where the 8-bit look-up alone resolves the code (its
+    // result then depends on those 8 bits only) and the extra bits fit.
+    constexpr int kFast = kivod_fast_bits;
+    for (uint32_t j = 0; j < (1u << kFast); ++j) {
+        const uint32_t cat = t->lookup[j >> (kFast - 8)];
+        if (cat > 11) continue;
+        const uint32_t len = t->code[cat].len;
+        if (len < 1 || len > 8 || ((j >> (kFast - len)) != t->code[cat].code) || len + cat > uint32_t(kFast))
+            continue;
+        const int32_t value = cat ? extend((j >> (kFast - len - cat)) & ((1u << cat) - 1), cat) : 0;
+        t->fast[j] = static_cast<int32_t>((static_cast<uint32_t>(value) << 16) | (cat << 8) | (len + cat));
+    }
     return KIVO_OK;
 }
 
