@@ -177,6 +177,12 @@ int32_t ac_reader(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint
 
 using Window = kivod_win;
 
+// Runs of one-step codes are decoded from the window's top 32 bits on
+// 32-bit processors, where every shift of the 64-bit accumulator costs
+// several instructions; on 64-bit ones such a shift is one instruction and
+// the plain loop is shorter.
+constexpr bool kBurst = sizeof(void *) == 4;
+
 // Opens the window where the reader allows it.
 inline void window_begin(const kivod_bs *bs, Window *w) {
     if (w->open || bs->type != KIVOD_INPUT_BITB || bs->bits < 0 || bs->not_ff == 0) return;
@@ -274,6 +280,7 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
     int32_t k = 1;
     int32_t status = KIVO_OK;
     Next n = Next::kEnd;
+    bool burst = kBurst && !kCount;
     while (k <= 63) {
         if (w.n < 32) window_fill(&w);
         if (w.n < 32) {
@@ -283,10 +290,47 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
             kivod_win_close(wp, bs);
             return ac_reader<kLast, kCount>(bs, q, t, cnt, blk, dc_only, k, &rq);
         }
+        if (burst) {
+            // One-step codes from the top 32 bits alone (cheap shifts on
+            // 32-bit processors): while at most 21 bits are used, at least
+            // 11 remain for the next look-up. Anything else goes on below
+            // after a refill.
+            uint32_t hi = static_cast<uint32_t>(w.acc >> 32);
+            int32_t used = 0;
+            bool ended = false;
+            for (;;) {
+                const int32_t f = t->fast[hi >> (32 - kivod_fast_bits)];
+                if (!f || (kLast > 0 && (f & kivod_fast_zrl))) {
+                    burst = false;
+                    break;
+                }
+                const int32_t len = f & 31;
+                hi <<= len;
+                used += len;
+                if (f & kivod_fast_eob) {
+                    if (k == 1 && kLast > 0) *dc_only = 1;
+                    ended = true;
+                    break;
+                }
+                // Nothing stored at 1/8: sixteen zeros and a coefficient
+                // both only move k on (past 63 the block ends either way).
+                const int32_t pos = k + ((f >> 8) & 15);
+                if (kLast > 0 && pos > 63) {
+                    ended = true;
+                    break;
+                }
+                if (k <= kLast) blk[kivo_tbl_zig_to_ras[pos]] = dequant(f >> 16, q->q[pos]);
+                k = pos + 1;
+                if (k > 63 || used > 21) break;
+            }
+            window_skip(&w, used);
+            if (ended) break;
+            continue;
+        }
+        burst = kBurst && !kCount;
         const int32_t f = t->fast[w.acc >> (64 - kivod_fast_bits)];
         if (kLast == 0 && f && !(f & kivod_fast_eob)) {
-            // Nothing stored: a coefficient or sixteen zeros only moves k on
-            // (past 63 the block ends alike either way).
+            // As in the burst: at 1/8 a code only moves k on.
             window_skip(&w, f & 31);
             k += ((f >> 8) & 15) + 1;
             continue;
