@@ -211,6 +211,7 @@ struct kivod_blk_tbls {
     const kivod_qtbl *q;
     uint64_t *dc_count;
     uint64_t *ac_count;
+    uint32_t *mag;  // per raster position: magnitudes of the stored AC coefficients are added
     int16_t q0;
 };
 typedef int32_t (*kivod_vld_blk_fn)(kivod_bs *bs, kivod_win *w, const kivod_blk_tbls *t, int16_t *blk,

@@ -66,7 +66,10 @@ inline bool decode_block(kivod_bs *bs, kivod_win *win, const ScanComp &s, kivod_
     *held = st;
     *diff = 0;
     *dc_only = 1;
-    if (blk) std::memset(blk, 0, 128);
+    if (blk) {
+        for (int i = 0; i < 64; ++i) s.t.mag[i] -= static_cast<uint32_t>(blk[i] < 0 ? -blk[i] : blk[i]);
+        std::memset(blk, 0, 128);
+    }
     return restarts;
 }
 
@@ -150,6 +153,7 @@ struct Slice {
     bool stats;  // the MCUs decoded count towards the statistics
     int32_t mag_blocks;
     alignas(16) uint32_t mag[2][64];  // coefficient magnitudes, luma and chroma
+    uint32_t mag_unkept[64];          // magnitudes of rows that count for no statistics
     alignas(16) uint8_t mcu_buf[4][32 * 32];
 };
 
@@ -234,13 +238,8 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
                         w->stat_chroma[0] += level;
                         ++w->n_chroma;
                     }
-                    // A block without AC coefficients adds nothing to them
-                    // (its AC positions are zero), so it is not summed.
-                    if (!dc_only) {
-                        uint32_t *sum = j.mag[luma ? 0 : 1];
-                        for (int i = 0; i < 64; ++i) sum[i] += static_cast<uint32_t>(blk[i] < 0 ? -blk[i] : blk[i]);
-                        if (++j.mag_blocks == kMagFlush) flush_magnitudes(j);
-                    }
+                    // The block decoder has added the AC magnitudes.
+                    if (!dc_only && ++j.mag_blocks == kMagFlush) flush_magnitudes(j);
                 }
                 const kivod_idct_fn fn = dc_only ? j.idct_dc : j.idct;
                 if (j.mode == KIVOD_OUT_DIRECT) {
@@ -414,7 +413,10 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     std::memset(w->dc_count, 0, sizeof(w->dc_count));
     std::memset(w->ac_count, 0, sizeof(w->ac_count));
     setup_comps(ctx, j.sc, w->dc_count, w->ac_count);
-    for (int k = 0; k < j.ns; ++k) j.sc[k].row = w->start_row[k];
+    for (int k = 0; k < j.ns; ++k) {
+        j.sc[k].row = w->start_row[k];
+        j.sc[k].t.mag = j.mag[j.sc[k].c == 0 ? 0 : 1];
+    }
     if (j.mode == KIVOD_OUT_RESIZED) {
         const int32_t r = open_resizers(j);
         if (r != 0) return r;
@@ -429,7 +431,10 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
         // Rows below the slice that its resizers still read, decoded from
         // where the next slice starts: the same bits give the same rows.
         // They count for no statistics and write nothing but the strips.
-        for (int k = 0; k < j.ns; ++k) j.sc[k].t.dc_count = j.sc[k].t.ac_count = nullptr;
+        for (int k = 0; k < j.ns; ++k) {
+            j.sc[k].t.dc_count = j.sc[k].t.ac_count = nullptr;
+            j.sc[k].t.mag = j.mag_unkept;
+        }
         j.stats = false;
         kivod_bs bs = w->bs;
         int32_t extra_held = held;
