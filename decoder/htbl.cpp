@@ -37,6 +37,23 @@ int32_t build_dc(const kivod_htbl_spec *spec, kivod_dc_tbl *t) {
         if (t->lookup[i] == 255) t->lookup[i] = prev;
         prev = t->lookup[i];
     }
+    // One-step entries for the codes of up to 8 bits, which the 8-bit
+    // look-up resolves by itself (codes are prefix-free, so the look-up
+    // gives the category over its code's whole span), when the extra bits
+    // fit too: runs of entries with the same extra bits.
+    constexpr int kFast = kivod_fast_bits;
+    for (uint32_t cat = 0; cat < 12; ++cat) {
+        const uint32_t len = t->code[cat].len;
+        if (len < 1 || len > 8 || len + cat > uint32_t(kFast)) continue;
+        uint32_t j = uint32_t(t->code[cat].code) << (kFast - len);
+        if (t->lookup[j >> (kFast - 8)] != cat) continue;
+        const uint32_t reps = 1u << (kFast - len - cat);
+        for (uint32_t bits = 0; bits < (1u << cat); ++bits) {
+            const int32_t value = cat ? extend(bits, static_cast<int32_t>(cat)) : 0;
+            const int32_t e = static_cast<int32_t>((static_cast<uint32_t>(value) << 16) | (cat << 8) | (len + cat));
+            for (uint32_t r = 0; r < reps; ++r) t->fast[j++] = e;
+        }
+    }
     return KIVO_OK;
 }
 

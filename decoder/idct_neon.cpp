@@ -130,11 +130,45 @@ inline void store4(uint8_t *dst, uint8x8_t v, int lane) {
     std::memcpy(dst, lane ? &y : &x, 4);
 }
 
+// Blocks whose coefficient rows 4-7 are all zero, common in photographs:
+// the horizontal pass gives zeros for those rows, so only rows 0-3 are
+// transformed, and the vertical pass gets constant zeros for rows 4-7.
+inline void idct8_upper(const int16_t *coef, int32_t stride, uint8_t *dst) {
+    const int16x4_t zero = vdup_n_s16(0);
+    Vec8 v;
+    for (int r = 0; r < 4; r++) {
+        v.x[r] = vld1_s16(coef + 8 * r);
+        v.x[r + 4] = vld1_s16(coef + 8 * r + 4);
+    }
+    transpose4(v.x[0], v.x[1], v.x[2], v.x[3]);  // coefficient k of rows 0-3
+    transpose4(v.x[4], v.x[5], v.x[6], v.x[7]);
+    int16x4_t h[8];
+    row_pass(v, h);  // column k of rows 0-3
+    Vec8 a, b;
+    a.x[0] = h[0], a.x[1] = h[1], a.x[2] = h[2], a.x[3] = h[3];
+    b.x[0] = h[4], b.x[1] = h[5], b.x[2] = h[6], b.x[3] = h[7];
+    transpose4(a.x[0], a.x[1], a.x[2], a.x[3]);  // row r of columns 0-3
+    transpose4(b.x[0], b.x[1], b.x[2], b.x[3]);  // row r of columns 4-7
+    a.x[4] = a.x[5] = a.x[6] = a.x[7] = zero;
+    b.x[4] = b.x[5] = b.x[6] = b.x[7] = zero;
+    int16x4_t ol[8], oh[8];
+    col_pass(a, ol);
+    col_pass(b, oh);
+    const ptrdiff_t ls = stride;
+    for (int r = 0; r < 8; r++) vst1_u8(dst + r * ls, to_pixels(ol[r], oh[r]));
+}
+
 }  // namespace
 
 void kivod_idct8_neon(const int16_t *coef, int32_t stride, uint8_t *dst) {
     int16x8_t rows[8];
     for (int i = 0; i < 8; i++) rows[i] = vld1q_s16(coef + 8 * i);
+    const int16x8_t low = vorrq_s16(vorrq_s16(rows[4], rows[5]), vorrq_s16(rows[6], rows[7]));
+    const uint32x2_t any = vreinterpret_u32_s16(vorr_s16(vget_low_s16(low), vget_high_s16(low)));
+    if ((vget_lane_u32(any, 0) | vget_lane_u32(any, 1)) == 0) {
+        idct8_upper(coef, stride, dst);
+        return;
+    }
     Vec8 lo, hi;
     transpose8(rows, lo.x, hi.x);  // coefficient k of rows 0-3 and of rows 4-7
     int16x4_t hl[8], hh[8];

@@ -118,11 +118,18 @@ struct kivod_dc_code {
     uint8_t len;
 };
 
+// Bits of the one-step look-ups of the DC and AC tables.
+constexpr int kivod_fast_bits = 11;
 struct kivod_dc_tbl {
     uint16_t count;
     uint8_t lookup[256];
     kivod_dc_code code[12];
     uint64_t dc_count[12];
+    // Codes of the 8-bit look-up that fit in kivod_fast_bits bits together
+    // with their extra bits, decoded in one step: indexed by the next
+    // kivod_fast_bits bits, (value << 16) | (category << 8) | (code length +
+    // category); 0 when the code and its bits need more.
+    int32_t fast[1 << kivod_fast_bits];
 };
 
 struct kivod_ac_sym {
@@ -159,9 +166,8 @@ struct kivod_ac_tbl {
     // (value << 16) | flags | (run << 8) | (code length + size); 0 when the
     // code and its bits need more. End-of-block and sixteen-zero codes carry
     // a flag and value 0.
-    int32_t fast[1 << 11];
+    int32_t fast[1 << kivod_fast_bits];
 };
-constexpr int kivod_fast_bits = 11;
 constexpr int32_t kivod_fast_eob = 1 << 12;
 constexpr int32_t kivod_fast_zrl = 1 << 13;
 
@@ -185,6 +191,34 @@ int32_t kivod_vld_ac2(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
                       uint64_t *ac_count, int16_t *blk, int16_t *dc_only);
 int32_t kivod_vld_ac1(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
                       uint64_t *ac_count, int16_t *blk, int16_t *dc_only);
+
+// Block decoding for the slices: DC and AC codes of one block through a
+// 64-bit window over memory input that stays open across the blocks of an
+// MCU (kivod_win_close hands its state back to the reader before anything
+// else reads it).
+struct kivod_win {
+    uint64_t acc;  // valid bits at the top, zeros below
+    int32_t n;     // valid bits
+    bool open;
+    const uint8_t *p;
+    const uint8_t *end;  // last byte of the input
+};
+void kivod_win_close(kivod_win *w, kivod_bs *bs);
+// A scan component's tables and counters (null: not counted).
+struct kivod_blk_tbls {
+    const kivod_dc_tbl *dc;
+    const kivod_ac_tbl *ac;
+    const kivod_qtbl *q;
+    uint64_t *dc_count;
+    uint64_t *ac_count;
+    uint32_t *mag;  // per raster position: magnitudes of the stored AC coefficients are added
+    int16_t q0;
+};
+typedef int32_t (*kivod_vld_blk_fn)(kivod_bs *bs, kivod_win *w, const kivod_blk_tbls *t, int16_t *blk,
+                                    int16_t *diff, int16_t *dc_only);
+// The block decoder of a scale (0, 1, 2, 4, 8): the AC routine of that scale
+// after kivod_vld_dc.
+kivod_vld_blk_fn kivod_vld_blk_for(int32_t scale);
 
 // ---- inverse DCT --------------------------------------------------------------
 

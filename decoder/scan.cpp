@@ -15,12 +15,7 @@ struct ScanComp {
     int h, v;          // blocks per MCU across and down (1 x 1 in a one-component scan)
     int32_t row_w;     // blocks per MCU row
     int32_t col, row;  // block position of the current MCU
-    const kivod_dc_tbl *dc;
-    const kivod_ac_tbl *ac;
-    const kivod_qtbl *q;
-    uint64_t *dc_count;
-    uint64_t *ac_count;
-    int16_t q0;
+    kivod_blk_tbls t;
     int fill;          // reduced lines written into the strip
     int32_t src_line;  // next source line handed to the resizer
     xelo_irsz_t *rsz;
@@ -38,16 +33,16 @@ void setup_comps(const kivod_ctx *ctx, ScanComp sc[4], uint64_t (*dc_count)[12],
         s.h = ns > 1 ? fh.h[s.c] : 1;
         s.v = ns > 1 ? fh.v[s.c] : 1;
         s.row_w = ctx->blk_w[s.c];
-        s.dc = &ctx->dc_tbl[sh.td[s.c]];
-        s.ac = &ctx->ac_tbl[sh.ta[s.c]];
-        s.q = &ctx->qtbl[fh.tq[s.c]];
-        s.q0 = static_cast<int16_t>(s.q->q[0]);
-        s.dc_count = dc_count ? dc_count[sh.td[s.c]] : nullptr;
+        s.t.dc = &ctx->dc_tbl[sh.td[s.c]];
+        s.t.ac = &ctx->ac_tbl[sh.ta[s.c]];
+        s.t.q = &ctx->qtbl[fh.tq[s.c]];
+        s.t.q0 = static_cast<int16_t>(s.t.q->q[0]);
+        s.t.dc_count = dc_count ? dc_count[sh.td[s.c]] : nullptr;
         // AC symbols are counted for re-encoding with new quantizers, so
         // only when the quantization record carries them.
         bool requant = false;
-        for (int i = 0; i < 64; ++i) requant |= s.q->rq_mul[i] != 0;
-        s.ac_count = ac_count && requant ? ac_count[sh.ta[s.c]] : nullptr;
+        for (int i = 0; i < 64; ++i) requant |= s.t.q->rq_mul[i] != 0;
+        s.t.ac_count = ac_count && requant ? ac_count[sh.ta[s.c]] : nullptr;
     }
 }
 
@@ -61,18 +56,20 @@ inline int32_t restart_interval(const kivod_ctx *ctx) { return ctx->dri.length ?
 // restart interval; a failing block holds its status and is reconstructed
 // from the predictor alone. Returns false where decoding stops at once:
 // without restart markers nothing after a failure can be found again.
-inline bool decode_block(kivod_bs *bs, const ScanComp &s, kivod_vld_ac_fn ac, bool restarts, int32_t *held,
-                         int16_t *blk, int16_t *diff, int16_t *dc_only) {
+inline bool decode_block(kivod_bs *bs, kivod_win *win, const ScanComp &s, kivod_vld_blk_fn fn, bool restarts,
+                         int32_t *held, int16_t *blk, int16_t *diff, int16_t *dc_only) {
     *diff = 0;
     *dc_only = 1;
     if (*held) return true;
-    int32_t st = kivod_vld_dc(bs, s.q0, s.dc, s.dc_count, diff);
-    if (st == KIVO_OK) st = ac(bs, s.q, s.ac, s.ac_count, blk, dc_only);
+    const int32_t st = fn(bs, win, &s.t, blk, diff, dc_only);
     if (st == KIVO_OK) return true;
     *held = st;
     *diff = 0;
     *dc_only = 1;
-    if (blk) std::memset(blk, 0, 128);
+    if (blk) {
+        for (int i = 0; i < 64; ++i) s.t.mag[i] -= static_cast<uint32_t>(blk[i] < 0 ? -blk[i] : blk[i]);
+        std::memset(blk, 0, 128);
+    }
     return restarts;
 }
 
@@ -150,12 +147,13 @@ struct Slice {
     int nblk;  // output samples per block side
     int32_t interval;
     int32_t scan_mcus;
-    kivod_vld_ac_fn vld_ac;
+    kivod_vld_blk_fn vld_blk;
     kivod_idct_fn idct, idct_dc;
     ScanComp sc[4];
     bool stats;  // the MCUs decoded count towards the statistics
     int32_t mag_blocks;
     alignas(16) uint32_t mag[2][64];  // coefficient magnitudes, luma and chroma
+    uint32_t mag_unkept[64];          // magnitudes of rows that count for no statistics
     alignas(16) uint8_t mcu_buf[4][32 * 32];
 };
 
@@ -216,6 +214,7 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
     kivod_work *w = j.w;
     kivod_ctx *ctx = j.ctx;
     const bool restarts = j.interval != 0;
+    kivod_win win{};
     for (int k = 0; k < j.ns; ++k) {
         ScanComp &s = j.sc[k];
         const bool luma = s.c == 0;
@@ -223,7 +222,10 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
             for (int h = 0; h < s.h; ++h) {
                 int16_t *blk = w->blk;
                 int16_t diff, dc_only;
-                if (!decode_block(bs, s, j.vld_ac, restarts, held, blk, &diff, &dc_only)) return false;
+                if (!decode_block(bs, &win, s, j.vld_blk, restarts, held, blk, &diff, &dc_only)) {
+                    kivod_win_close(&win, bs);
+                    return false;
+                }
                 w->dc_pred[k] = add16(w->dc_pred[k], diff);
                 blk[0] = w->dc_pred[k];
                 if (j.stats) {
@@ -236,13 +238,8 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
                         w->stat_chroma[0] += level;
                         ++w->n_chroma;
                     }
-                    // A block without AC coefficients adds nothing to them
-                    // (its AC positions are zero), so it is not summed.
-                    if (!dc_only) {
-                        uint32_t *sum = j.mag[luma ? 0 : 1];
-                        for (int i = 0; i < 64; ++i) sum[i] += static_cast<uint32_t>(blk[i] < 0 ? -blk[i] : blk[i]);
-                        if (++j.mag_blocks == kMagFlush) flush_magnitudes(j);
-                    }
+                    // The block decoder has added the AC magnitudes.
+                    if (!dc_only && ++j.mag_blocks == kMagFlush) flush_magnitudes(j);
                 }
                 const kivod_idct_fn fn = dc_only ? j.idct_dc : j.idct;
                 if (j.mode == KIVOD_OUT_DIRECT) {
@@ -258,6 +255,7 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
             }
         }
     }
+    kivod_win_close(&win, bs);
     if (j.mode == KIVOD_OUT_PACKED) kivod_out_pack_mcu(ctx, j.mcu_buf, j.sc[0].col * 8, j.sc[0].row * 8);
     for (int k = 0; k < j.ns; ++k) j.sc[k].col += j.sc[k].h;
     return true;
@@ -333,15 +331,20 @@ int32_t kivod_skim_to(const kivod_ctx *ctx, kivod_skim *sk, int32_t target) {
     const int ns = ctx->sh.n_comp;
     const int32_t interval = restart_interval(ctx);
     const int32_t total = kivod_scan_mcus(ctx, nullptr);
+    const kivod_vld_blk_fn skim = kivod_vld_blk_for(8);
     while (sk->mcu < target) {
+        kivod_win win{};
         for (int k = 0; k < ns; ++k) {
             for (int b = 0; b < sc[k].h * sc[k].v; ++b) {
                 int16_t diff, dc_only;
-                if (!decode_block(&sk->bs, sc[k], kivod_vld_ac1, interval != 0, &sk->held, nullptr, &diff, &dc_only))
+                if (!decode_block(&sk->bs, &win, sc[k], skim, interval != 0, &sk->held, nullptr, &diff, &dc_only)) {
+                    kivod_win_close(&win, &sk->bs);
                     return 1;
+                }
                 sk->pred[k] = add16(sk->pred[k], diff);
             }
         }
+        kivod_win_close(&win, &sk->bs);
         ++sk->mcu;
         if (!restart_after(&sk->bs, interval, sk->mcu == total, sk->pred, &sk->run, &sk->held)) return 1;
         if (!data_left(&sk->bs)) return 1;
@@ -402,7 +405,7 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     // Packed pairs need every component of the MCU at hand.
     if (j.mode == KIVOD_OUT_PACKED && ctx->fh.n_comp > 1 && j.ns != ctx->fh.n_comp) return KIVO_ERR_UNSUPPORTED;
     const int scale = ctx->scale;
-    j.vld_ac = ctx->dsp.vld_ac[scale];
+    j.vld_blk = kivod_vld_blk_for(scale);
     j.idct = ctx->dsp.idct[scale];
     j.idct_dc = ctx->dsp.idct_dc[scale];
     j.nblk = 1 << tbl_blk_shift[scale];
@@ -418,7 +421,10 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     std::memset(w->dc_count, 0, sizeof(w->dc_count));
     std::memset(w->ac_count, 0, sizeof(w->ac_count));
     setup_comps(ctx, j.sc, w->dc_count, w->ac_count);
-    for (int k = 0; k < j.ns; ++k) j.sc[k].row = w->start_row[k];
+    for (int k = 0; k < j.ns; ++k) {
+        j.sc[k].row = w->start_row[k];
+        j.sc[k].t.mag = j.mag[j.sc[k].c == 0 ? 0 : 1];
+    }
     if (j.mode == KIVOD_OUT_RESIZED) {
         const int32_t r = open_resizers(j);
         if (r != 0) return r;
@@ -436,7 +442,10 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
         // Rows below the slice that its resizers still read, decoded from
         // where the next slice starts: the same bits give the same rows.
         // They count for no statistics and write nothing but the strips.
-        for (int k = 0; k < j.ns; ++k) j.sc[k].dc_count = j.sc[k].ac_count = nullptr;
+        for (int k = 0; k < j.ns; ++k) {
+            j.sc[k].t.dc_count = j.sc[k].t.ac_count = nullptr;
+            j.sc[k].t.mag = j.mag_unkept;
+        }
         j.stats = false;
         kivod_bs bs = w->bs;
         int32_t extra_held = held;

@@ -7,17 +7,19 @@
 // a top-up the cache holds at least 24 bits unless the input is nearly used
 // up, which covers any code of up to 8 bits together with its extra bits.
 //
-// Every AC routine is one block loop (ac_block: a 64-bit window over memory
+// Every block goes through one loop (ac_block: a 64-bit window over memory
 // input, the reader where the window cannot go) with one rule for what a
-// symbol does (apply); they differ only in which coefficients they store
-// and whether they count symbols, so all of them consume a stream the same
-// way, leave the reader in the same state and fail on the same blocks.
-// Size-0 AC symbols other than end-of-block (run 0) and sixteen zeros
-// (run 15) are refused.
+// symbol does (apply); the routines differ only in which coefficients they
+// store and whether they count symbols, so all of them consume a stream the
+// same way and fail on the same blocks. The slices decode DC and AC of a
+// block in one pass and keep the window open across the blocks of an MCU;
+// the exported AC routines open and close it around their block. Size-0 AC
+// symbols other than end-of-block (run 0) and sixteen zeros (run 15) are
+// refused.
 //
 // Counters: a null dc_count or ac_count means "do not count". The choice is
-// made once per block (kivod_vld_ac8 runs one of two instantiations), not
-// per symbol.
+// made once per block (kivod_vld_ac8 and block8 run one of two
+// instantiations), not per symbol.
 #include <cstring>
 
 #include "decoder/bs_inline.h"
@@ -104,6 +106,14 @@ struct Requant {
     }
 };
 
+// Stores coefficient c at zig-zag position pos and adds its magnitude to
+// the statistics (a block that then fails takes its magnitudes back).
+inline void put(int16_t *blk, uint32_t *mag, int32_t pos, int16_t c) {
+    const int32_t r = kivo_tbl_zig_to_ras[pos];
+    blk[r] = c;
+    mag[r] += static_cast<uint32_t>(c < 0 ? -c : c);
+}
+
 // Where a block stands after a symbol.
 enum class Next { kGoOn, kEnd, kCounted, kBad };
 
@@ -113,7 +123,7 @@ enum class Next { kGoOn, kEnd, kCounted, kBad };
 // Other size-0 symbols are malformed.
 template <int kLast, bool kCount>
 inline Next apply(int32_t run, int32_t size, int32_t value, int32_t *k, const kivod_qtbl *q, int16_t *blk,
-                  int16_t *dc_only, uint64_t *cnt, Requant *rq, int32_t *status) {
+                  uint32_t *mag, int16_t *dc_only, uint64_t *cnt, Requant *rq, int32_t *status) {
     if (size == 0) {
         if (run == 0) {
             if (*k == 1 && kLast > 0) *dc_only = 1;
@@ -135,7 +145,7 @@ inline Next apply(int32_t run, int32_t size, int32_t value, int32_t *k, const ki
     if (pos > 63) return Next::kEnd;
     if (*k <= kLast) {
         const int16_t c = dequant(value, q->q[pos]);
-        blk[kivo_tbl_zig_to_ras[pos]] = c;
+        put(blk, mag, pos, c);
         if (kCount && !rq->coefficient(q, cnt, c, pos, run, status)) return *status ? Next::kBad : Next::kCounted;
     }
     *k = pos + 1;
@@ -153,13 +163,13 @@ inline int32_t finish(Next n, const Requant &rq, uint64_t *cnt, int32_t status) 
 // A block's symbols from zig-zag position k on, through the reader.
 template <int kLast, bool kCount>
 int32_t ac_reader(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint64_t *cnt, int16_t *blk,
-                  int16_t *dc_only, int32_t k, Requant *rq) {
+                  uint32_t *mag, int16_t *dc_only, int32_t k, Requant *rq) {
     int32_t status = KIVO_OK;
     Next n = Next::kEnd;
     while (k <= 63) {
         int32_t run, size, value;
         if (reader_symbol(bs, t, kCount || k <= kLast, &run, &size, &value) != 0) return KIVO_ERR_MALFORMED;
-        n = apply<kLast, kCount>(run, size, value, &k, q, blk, dc_only, cnt, rq, &status);
+        n = apply<kLast, kCount>(run, size, value, &k, q, blk, mag, dc_only, cnt, rq, &status);
         if (n != Next::kGoOn) break;
         n = Next::kEnd;
     }
@@ -168,44 +178,27 @@ int32_t ac_reader(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint
 
 // ---- 64-bit window over memory input ------------------------------------------
 //
-// For the length of one block the reader's state is held in a 64-bit
-// accumulator, topped up eight bytes at a time while the bytes hold no 0xFF.
-// When fewer than 32 bits can be had that way (a 0xFF ahead, or the end of
-// the input), the symbol goes through the reader's own refill instead.
+// The reader's state is held in a 64-bit accumulator, topped up eight bytes
+// at a time while the bytes hold no 0xFF. When fewer than 32 bits can be had
+// that way (a 0xFF ahead, or the end of the input), the window is closed and
+// the reader's own refill takes over.
 
-struct Window {
-    uint64_t acc;  // valid bits at the top, zeros below
-    int32_t n;     // valid bits
-    const uint8_t *p;
-    const uint8_t *end;  // last byte of the input
-};
+using Window = kivod_win;
 
-inline bool window_usable(const kivod_bs *bs) {
-    return bs->type == KIVOD_INPUT_BITB && bs->bits >= 0 && bs->not_ff != 0;
-}
+// Runs of one-step codes are decoded from the window's top 32 bits on
+// 32-bit processors, where every shift of the 64-bit accumulator costs
+// several instructions; on 64-bit ones such a shift is one instruction and
+// the plain loop is shorter.
+constexpr bool kBurst = sizeof(void *) == 4;
 
-inline void window_open(const kivod_bs *bs, Window *w) {
+// Opens the window where the reader allows it.
+inline void window_begin(const kivod_bs *bs, Window *w) {
+    if (w->open || bs->type != KIVOD_INPUT_BITB || bs->bits < 0 || bs->not_ff == 0) return;
     w->acc = static_cast<uint64_t>(bs->cache) << 32;
     w->n = bs->bits;
     w->p = bs->cur;
     w->end = bs->end;
-}
-
-// Hands the state back to the reader: bytes beyond its 32-bit cache go back
-// to the input (they hold no 0xFF, so nothing was dropped from them).
-inline void window_close(const Window *w, kivod_bs *bs) {
-    int32_t n = w->n;
-    const uint8_t *p = w->p;
-    if (n > 32) {
-        const int32_t back = (n - 32 + 7) >> 3;
-        n -= back * 8;
-        p -= back;
-    }
-    const uint64_t acc = n > 0 ? w->acc & (~0ull << (64 - n)) : 0;
-    if (p != bs->cur) bs->not_ff = 1;
-    bs->cache = static_cast<uint32_t>(acc >> 32);
-    bs->bits = n;
-    bs->cur = p;
+    w->open = true;
 }
 
 inline void window_fill(Window *w) {
@@ -237,31 +230,121 @@ inline void window_skip(Window *w, int32_t len) {
     w->n -= len;
 }
 
-// One block's AC symbols through the window while it can be used, then
-// through the reader. Coefficients of symbols that start at zig-zag
-// positions up to kLast are stored; every symbol is read. With kCount, the
-// symbols an encoder would send for the re-quantized block are counted.
-template <int kLast, bool kCount>
-int32_t ac_block(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint64_t *cnt, int16_t *blk,
+// The DC difference through the open window, which holds at least 32 bits.
+inline int32_t dc_window(Window *w, int16_t q0, const kivod_dc_tbl *t, uint64_t *dc_count, int16_t *out) {
+    const int32_t f = t->fast[w->acc >> (64 - kivod_fast_bits)];
+    if (f) {
+        window_skip(w, f & 31);
+        *out = dequant(f >> 16, static_cast<uint16_t>(q0));
+        if (dc_count) ++dc_count[(f >> 8) & 15];
+        return KIVO_OK;
+    }
+    int32_t len = 0;
+    const int32_t cat = dc_category(t, static_cast<uint32_t>(w->acc >> 48), &len);
+    if (cat < 0) return KIVO_ERR_MALFORMED;
+    window_skip(w, len);
+    int16_t d = 0;
+    if (cat) {
+        d = dequant(extend(static_cast<uint32_t>(w->acc >> (64 - cat)), cat), static_cast<uint16_t>(q0));
+        window_skip(w, cat);
+    }
+    *out = d;
+    if (dc_count) ++dc_count[cat];
+    return KIVO_OK;
+}
+
+// One block's symbols, with its DC code first when kDc, through the window
+// while it can be opened and filled, else through the reader.
+// Coefficients of symbols that start at zig-zag positions up to kLast are
+// stored; every symbol is read. With kCount, the symbols an encoder would
+// send for the re-quantized block are counted.
+template <int kLast, bool kCount, bool kDc>
+int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk, int16_t *diff,
                  int16_t *dc_only) {
+    const kivod_qtbl *q = s.q;
+    const kivod_ac_tbl *t = s.ac;
+    uint64_t *cnt = s.ac_count;
+    uint32_t *mag = s.mag;
     *dc_only = kLast == 0 ? 1 : 0;
     Requant rq;
-    if (!window_usable(bs)) return ac_reader<kLast, kCount>(bs, q, t, cnt, blk, dc_only, 1, &rq);
-    Window w;
-    window_open(bs, &w);
+    window_begin(bs, wp);
+    Window w = *wp;  // a local copy stays in registers
+    if (w.open && w.n < 32) window_fill(&w);
+    if (!w.open || w.n < 32) {
+        *wp = w;
+        kivod_win_close(wp, bs);
+        if (kDc) {
+            const int32_t st = kivod_vld_dc(bs, s.q0, s.dc, s.dc_count, diff);
+            if (st != KIVO_OK) return st;
+        }
+        return ac_reader<kLast, kCount>(bs, q, t, cnt, blk, mag, dc_only, 1, &rq);
+    }
+    if (kDc) {
+        const int32_t st = dc_window(&w, s.q0, s.dc, s.dc_count, diff);
+        if (st != KIVO_OK) {
+            *wp = w;
+            return st;
+        }
+    }
     int32_t k = 1;
     int32_t status = KIVO_OK;
     Next n = Next::kEnd;
+    bool burst = kBurst && !kCount;
     while (k <= 63) {
         if (w.n < 32) window_fill(&w);
         if (w.n < 32) {
             // A 0xFF or the end of the input is near: the reader's refill
             // handles stuffing and running out.
-            window_close(&w, bs);
-            return ac_reader<kLast, kCount>(bs, q, t, cnt, blk, dc_only, k, &rq);
+            *wp = w;
+            kivod_win_close(wp, bs);
+            return ac_reader<kLast, kCount>(bs, q, t, cnt, blk, mag, dc_only, k, &rq);
+        }
+        if (burst) {
+            // One-step codes from the top 32 bits alone (cheap shifts on
+            // 32-bit processors): while at most 21 bits are used, at least
+            // 11 remain for the next look-up. Anything else goes on below
+            // after a refill.
+            uint32_t hi = static_cast<uint32_t>(w.acc >> 32);
+            int32_t used = 0;
+            bool ended = false;
+            for (;;) {
+                const int32_t f = t->fast[hi >> (32 - kivod_fast_bits)];
+                if (!f || (kLast > 0 && (f & kivod_fast_zrl))) {
+                    burst = false;
+                    break;
+                }
+                const int32_t len = f & 31;
+                hi <<= len;
+                used += len;
+                if (f & kivod_fast_eob) {
+                    if (k == 1 && kLast > 0) *dc_only = 1;
+                    ended = true;
+                    break;
+                }
+                // Nothing stored at 1/8: sixteen zeros and a coefficient
+                // both only move k on (past 63 the block ends either way).
+                const int32_t pos = k + ((f >> 8) & 15);
+                if (kLast > 0 && pos > 63) {
+                    ended = true;
+                    break;
+                }
+                if (k <= kLast) put(blk, mag, pos, dequant(f >> 16, q->q[pos]));
+                k = pos + 1;
+                if (k > 63 || used > 21) break;
+            }
+            window_skip(&w, used);
+            if (ended) break;
+            continue;
+        }
+        burst = kBurst && !kCount;
+        const int32_t f = t->fast[w.acc >> (64 - kivod_fast_bits)];
+        if (kLast == 0 && f && !(f & kivod_fast_eob)) {
+            // As in the burst: at 1/8 a code only moves k on.
+            window_skip(&w, f & 31);
+            k += ((f >> 8) & 15) + 1;
+            continue;
         }
         // A coefficient code of the one-step look-up, the common case.
-        const int32_t f = t->fast[w.acc >> (64 - kivod_fast_bits)];
         if (f && !(f & (kivod_fast_eob | kivod_fast_zrl))) {
             window_skip(&w, f & 31);
             const int32_t run = (f >> 8) & 15;
@@ -269,7 +352,7 @@ int32_t ac_block(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint6
             if (pos > 63) break;
             if (k <= kLast) {
                 const int16_t c = dequant(f >> 16, q->q[pos]);
-                blk[kivo_tbl_zig_to_ras[pos]] = c;
+                put(blk, mag, pos, c);
                 if (kCount && !rq.coefficient(q, cnt, c, pos, run, &status)) {
                     n = status ? Next::kBad : Next::kCounted;
                     break;
@@ -293,7 +376,7 @@ int32_t ac_block(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint6
             } else {
                 const int32_t idx = long_ac_code(t, static_cast<uint32_t>(w.acc >> 48), &len);
                 if (idx < 0) {
-                    window_close(&w, bs);
+                    *wp = w;
                     return KIVO_ERR_MALFORMED;
                 }
                 run = t->sym[idx].run;
@@ -305,15 +388,61 @@ int32_t ac_block(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint6
                 window_skip(&w, size);
             }
         }
-        n = apply<kLast, kCount>(run, size, value, &k, q, blk, dc_only, cnt, &rq, &status);
+        n = apply<kLast, kCount>(run, size, value, &k, q, blk, mag, dc_only, cnt, &rq, &status);
         if (n != Next::kGoOn) break;
         n = Next::kEnd;
     }
-    window_close(&w, bs);
+    *wp = w;
     return finish<kCount>(n, rq, cnt, status);
 }
 
+// One AC routine on its own: the window opened and closed around the block.
+template <int kLast, bool kCount>
+int32_t ac_alone(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint64_t *cnt, int16_t *blk,
+                 int16_t *dc_only) {
+    Window w{};
+    uint32_t mag[64] = {};  // not kept
+    kivod_blk_tbls s{};
+    s.mag = mag;
+    s.q = q;
+    s.ac = t;
+    s.ac_count = cnt;
+    const int32_t st = ac_block<kLast, kCount, false>(bs, &w, s, blk, nullptr, dc_only);
+    kivod_win_close(&w, bs);
+    return st;
+}
+
+// A whole block: DC then AC.
+template <int kLast, bool kCount>
+int32_t block(kivod_bs *bs, Window *w, const kivod_blk_tbls *s, int16_t *blk, int16_t *diff, int16_t *dc_only) {
+    return ac_block<kLast, kCount, true>(bs, w, *s, blk, diff, dc_only);
+}
+
+int32_t block8(kivod_bs *bs, Window *w, const kivod_blk_tbls *s, int16_t *blk, int16_t *diff, int16_t *dc_only) {
+    if (s->ac_count) return block<63, true>(bs, w, s, blk, diff, dc_only);
+    return block<63, false>(bs, w, s, blk, diff, dc_only);
+}
+
 }  // namespace
+
+// Hands the state back to the reader: bytes beyond its 32-bit cache go back
+// to the input (they hold no 0xFF, so nothing was dropped from them).
+void kivod_win_close(kivod_win *w, kivod_bs *bs) {
+    if (!w->open) return;
+    w->open = false;
+    int32_t n = w->n;
+    const uint8_t *p = w->p;
+    if (n > 32) {
+        const int32_t back = (n - 32 + 7) >> 3;
+        n -= back * 8;
+        p -= back;
+    }
+    const uint64_t acc = n > 0 ? w->acc & (~0ull << (64 - n)) : 0;
+    if (p != bs->cur) bs->not_ff = 1;
+    bs->cache = static_cast<uint32_t>(acc >> 32);
+    bs->bits = n;
+    bs->cur = p;
+}
 
 int32_t kivod_vld_dc(kivod_bs *bs, int16_t q0, const kivod_dc_tbl *t, uint64_t *dc_count,
                      int16_t *out) {
@@ -339,21 +468,31 @@ int32_t kivod_vld_dc(kivod_bs *bs, int16_t q0, const kivod_dc_tbl *t, uint64_t *
 
 int32_t kivod_vld_ac8(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
                       uint64_t *ac_count, int16_t *blk, int16_t *dc_only) {
-    if (ac_count) return ac_block<63, true>(bs, q, t, ac_count, blk, dc_only);
-    return ac_block<63, false>(bs, q, t, nullptr, blk, dc_only);
+    if (ac_count) return ac_alone<63, true>(bs, q, t, ac_count, blk, dc_only);
+    return ac_alone<63, false>(bs, q, t, nullptr, blk, dc_only);
 }
 
 int32_t kivod_vld_ac4(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
                       uint64_t *, int16_t *blk, int16_t *dc_only) {
-    return ac_block<9, false>(bs, q, t, nullptr, blk, dc_only);
+    return ac_alone<9, false>(bs, q, t, nullptr, blk, dc_only);
 }
 
 int32_t kivod_vld_ac2(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
                       uint64_t *, int16_t *blk, int16_t *dc_only) {
-    return ac_block<2, false>(bs, q, t, nullptr, blk, dc_only);
+    return ac_alone<2, false>(bs, q, t, nullptr, blk, dc_only);
 }
 
 int32_t kivod_vld_ac1(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
                       uint64_t *, int16_t *blk, int16_t *dc_only) {
-    return ac_block<0, false>(bs, q, t, nullptr, blk, dc_only);
+    return ac_alone<0, false>(bs, q, t, nullptr, blk, dc_only);
+}
+
+kivod_vld_blk_fn kivod_vld_blk_for(int32_t scale) {
+    switch (scale) {
+        case 0:
+        case 1: return block8;
+        case 2: return block<9, false>;
+        case 4: return block<2, false>;
+        default: return block<0, false>;
+    }
 }

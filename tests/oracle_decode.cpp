@@ -334,6 +334,31 @@ TEST(OracleDecode, LimitsRefuseWhatExceedsThem) {
     EXPECT_EQ(kivod_set_limits(nullptr, &bad), KIVO_ERR_INVALID_ARG);
 }
 
+// A block that fails after some of its AC coefficients were stored adds
+// none of them to the statistics: a grey picture with a restart marker after
+// every block, one interval's data past its first bytes made all ones (no
+// code), gives libjpeg-turbo's magnitudes of every other block.
+TEST(OracleDecode, StatisticsSkipAFailedBlock) {
+    turbo::EncodeSpec s = spec_for(kLayouts[0], 64, 48);
+    s.restart_mcus = 1;
+    const auto jpg = turbo::encode(s, turbo::make_planes(s, 5, testpic::Kind::Noise));
+    std::vector<turbo::Coefficients> coefs;
+    ASSERT_TRUE(turbo::read_coefficients(jpg, &coefs));
+    const int bad_block = 20;
+    std::vector<size_t> rst;  // where each restart marker starts
+    for (size_t i = 0; i + 1 < jpg.size(); ++i)
+        if (jpg[i] == 0xFF && jpg[i + 1] >= 0xD0 && jpg[i + 1] <= 0xD7) rst.push_back(i);
+    ASSERT_GT(rst.size(), size_t(bad_block));
+    std::vector<uint8_t> bad(jpg);
+    for (size_t i = rst[bad_block - 1] + 2 + 3; i + 1 < rst[bad_block]; i += 2) bad[i] = 0xFF, bad[i + 1] = 0x00;
+    const kivotest::Decoded d = kivotest::decode(bad, 1);
+    EXPECT_EQ(d.status, 0);
+    int64_t mag[64] = {};
+    for (size_t k = 0; k < coefs[0].coef.size(); ++k)
+        if (int(k / 64) != bad_block) mag[k % 64] += std::abs(coefs[0].coef[k]);
+    for (int i = 1; i < 64; ++i) EXPECT_EQ(d.stats.stat_luma[i], mag[i]) << i;
+}
+
 // Damaged and truncated streams of every kind (restart markers or not,
 // interleaved or separate scans, progressive) decode alike on 1 to 8
 // threads: the same status, the same progress and the same bytes in every
