@@ -228,6 +228,8 @@ int32_t kivoe_gen_opt_spec(kivoe_ctx *ctx);
 // ---- entropy coder (vlc.cpp) -----------------------------------------------------------------
 int32_t kivoe_vlc_dc(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff);
 int32_t kivoe_vlc_ac(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk);
+// kivoe_vlc_dc then kivoe_vlc_ac, the block's codes gathered in one buffer.
+int32_t kivoe_vlc_block(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk);
 int32_t kivoe_vlc_dc_stat(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff);
 int32_t kivoe_vlc_ac_stat(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk);
 int32_t kivoe_vlc_dri_marker(xelo_bsw *bs, int32_t marker);

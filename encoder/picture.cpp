@@ -363,6 +363,8 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
     alignas(16) int16_t coef[64];
     uint8_t thr[64];
     const bool keep = ctx->jnd_suppress || ctx->adaptive_rounding;
+    // With the writers in the coder slots, a block's codes go out together.
+    const bool fused = p.vlc_dc == kivoe_vlc_dc && p.vlc_ac == kivoe_vlc_ac;
     int32_t counter = 0;
     for (int32_t m = 0; m < job->n_mcu; ++m) {
         for (int c = 0; c < nc; ++c) {
@@ -390,8 +392,12 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                     if (ctx->adaptive_rounding) kivoe_update_offset(blk, coef, cc.q->q, cc.q->recip, cc.adapt);
                     const int32_t d = blk[0] - job->dc_pred[c];
                     job->dc_pred[c] = blk[0];
-                    p.vlc_dc(bs, cc.dc, d);
-                    p.vlc_ac(bs, cc.ac, blk);
+                    if (fused) {
+                        kivoe_vlc_block(bs, cc.dc, cc.ac, d, blk);
+                    } else {
+                        p.vlc_dc(bs, cc.dc, d);
+                        p.vlc_ac(bs, cc.ac, blk);
+                    }
                 }
             }
         }

@@ -80,10 +80,11 @@ inline uint32_t extra_bits(int32_t v, int32_t k) {
 
 // ---- bit output ------------------------------------------------------------------
 
-// Bytes a block can produce at most, stuffing included: 63 coefficient
-// codes and three ZRLs of at most 31 bits, EOB and pending bits, each byte
-// doubled by stuffing, plus the eight bytes a full buffer stores at once.
-constexpr ptrdiff_t kBlockMargin = 2 * ((66 * 31 + 16 + 63 + 7) / 8) + 16;
+// Bytes a block can produce at most, stuffing included: the DC code, 63
+// coefficient codes and three ZRLs of at most 31 bits, EOB and pending
+// bits, each byte doubled by stuffing, plus the eight bytes a full buffer
+// stores at once.
+constexpr ptrdiff_t kBlockMargin = 2 * ((67 * 31 + 16 + 63 + 7) / 8) + 16;
 
 // Writes the n high bytes of w, a 0x00 after each 0xFF; returns the end.
 __attribute__((noinline)) uint8_t *store_stuffed(uint8_t *p, uint64_t w, int32_t n) {
@@ -264,6 +265,20 @@ int32_t kivoe_vlc_dc(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff) {
     const int32_t len = c.len + k;
     if (len) xelo_bsw_write(bs, (static_cast<uint32_t>(c.code) << k) | extra, len);
     return KIVO_OK;
+}
+
+int32_t kivoe_vlc_block(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk) {
+    const int32_t k = kivo::category(diff);
+    if (k < 0 || !FastSink::usable(bs)) {
+        const int32_t ret = kivoe_vlc_dc(bs, dc, diff);
+        return ret < 0 ? ret : kivoe_vlc_ac(bs, ac, blk);
+    }
+    FastSink sink(bs);
+    const kivoe_code &c = dc->code[k];
+    sink.put((static_cast<uint32_t>(c.code) << k) | (k ? extra_bits(as_int16(diff), k) : 0), c.len + k);
+    const int32_t ret = code_ac(sink, ac, blk);
+    sink.store(bs);
+    return ret;
 }
 
 int32_t kivoe_vlc_ac(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk) {
