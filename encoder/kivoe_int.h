@@ -116,6 +116,11 @@ struct kivoe_job {
     kivoe_dc_tbl *stat_dc;
     kivoe_ac_tbl *stat_ac;
     bool counting;               // a statistics pass is running
+    // The levels of the segment's blocks in coding order, stored by the
+    // statistics pass so that the coding pass only codes them; allocated per
+    // picture, null when the picture is too large to keep them.
+    int16_t *levels;
+    bool levels_kept;            // levels holds this picture's blocks
     kivoe_ctx *ctx;
 };
 
