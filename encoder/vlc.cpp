@@ -2,6 +2,7 @@
 // the statistics twins that count symbols instead, restart markers, EOI,
 // the rate functions and the two flush procedures of the bit writer.
 #include <cstring>
+#include <type_traits>
 
 #include "encoder/kivoe_int.h"
 #include "encoder/nonzero.h"
@@ -59,6 +60,13 @@ inline uint64_t zigzag_ac_mask(const int16_t *blk, bool *all_coded) {
     return z;
 }
 
+// The zig-zag mask is walked a register at a time: in two halves on 32-bit
+// processors, where 64-bit bit counts and clears take several instructions.
+using MaskWord = std::conditional_t<sizeof(void *) >= 8, uint64_t, uint32_t>;
+constexpr int32_t kMaskBits = 8 * sizeof(MaskWord);
+inline int32_t ctz(uint64_t m) { return __builtin_ctzll(m); }
+inline int32_t ctz(uint32_t m) { return __builtin_ctz(m); }
+
 // True for the 16-bit values that have a size category: -32767 to 2047.
 inline bool has_category(int32_t v) { return static_cast<uint32_t>(v + 32767) <= 32767u + 2047u; }
 
@@ -96,18 +104,29 @@ __attribute__((noinline)) uint8_t *store_stuffed(uint8_t *p, uint64_t w, int32_t
     return p;
 }
 
-// True when one of the eight bytes of w is 0xFF.
-inline bool has_ff(uint64_t w) { return ((~w - 0x0101010101010101u) & w & 0x8080808080808080u) != 0; }
+// True when one of the bytes of w is 0xFF.
+template <class W>
+inline bool has_ff(W w) {
+    constexpr W ones = static_cast<W>(~W(0)) / 255;
+    return ((~w - ones) & w & (ones << 7)) != 0;
+}
+
+inline uint64_t big_endian(uint64_t w) { return __builtin_bswap64(w); }
+inline uint32_t big_endian(uint32_t w) { return __builtin_bswap32(w); }
 
 // Entropy-coded bits written straight to memory with byte stuffing. Bits
-// gather in a 64-bit buffer that leaves eight bytes at a time; store()
-// pushes out whole 32-bit words as well, so that the bytes and the writer's
-// state are then exactly those of xelo_bsw_write with the stuffing flush.
-// Used only when the output has room for a whole block, so that nothing
-// here checks the end of the output.
+// gather in a register-wide buffer (32 bits on 32-bit processors, where
+// shifting 64 bits takes several instructions) that leaves a whole word at
+// a time;
+// store() pushes out whole 32-bit words as well, so that the bytes and the
+// writer's state are then exactly those of xelo_bsw_write with the
+// stuffing flush. Used only when the output has room for a whole block, so
+// that nothing here checks the end of the output.
 struct FastSink {
-    uint64_t acc;  // pending bits in the low n bits (higher bits are stale)
-    int32_t n;     // 0 to 64
+    using Acc = MaskWord;
+    static constexpr int32_t kBits = 8 * sizeof(Acc);
+    Acc acc;    // pending bits in the low n bits (higher bits are stale)
+    int32_t n;  // 0 to kBits
     uint8_t *p;
 
     // The writer's state can be taken over: stuffing flush, a cache that is
@@ -118,7 +137,8 @@ struct FastSink {
     }
 
     explicit FastSink(const xelo_bsw *bs)
-        : acc(static_cast<uint64_t>(bs->cache) >> bs->free_bits), n(32 - bs->free_bits), p(bs->write_ptr) {}
+        : acc(static_cast<Acc>(static_cast<uint64_t>(bs->cache) >> bs->free_bits)), n(32 - bs->free_bits),
+          p(bs->write_ptr) {}
 
     void store(xelo_bsw *bs) {
         // Whole words go out as the writer would have written them.
@@ -127,38 +147,39 @@ struct FastSink {
             if (__builtin_expect(has_ff(w), 0)) {
                 p = store_stuffed(p, static_cast<uint64_t>(w) << 32, 4);
             } else {
-                const uint32_t be = __builtin_bswap32(w);
+                const uint32_t be = big_endian(w);
                 std::memcpy(p, &be, 4);
                 p += 4;
             }
             n -= 32;
         }
-        bs->cache = static_cast<uint32_t>(acc << (32 - n));
+        bs->cache = static_cast<uint32_t>(static_cast<uint64_t>(acc) << (32 - n));
         bs->free_bits = 32 - n;
         bs->write_ptr = p;
     }
 
-    // Writes the eight bytes of w.
-    void emit(uint64_t w) {
+    // Writes the bytes of w.
+    void emit(Acc w) {
         if (__builtin_expect(has_ff(w), 0)) {
-            p = store_stuffed(p, w, 8);
+            p = store_stuffed(p, static_cast<uint64_t>(w) << (64 - kBits), kBits / 8);
             return;
         }
-        const uint64_t be = __builtin_bswap64(w);
-        std::memcpy(p, &be, 8);
-        p += 8;
+        const Acc be = big_endian(w);
+        std::memcpy(p, &be, sizeof(be));
+        p += sizeof(be);
     }
 
     // Appends v, which has no bits above the low len (len 0 to 31).
     void put(uint32_t v, int32_t len) {
-        if (__builtin_expect(n + len <= 64, 1)) {
+        if (__builtin_expect(n + len <= kBits, 1)) {
             acc = (acc << len) | v;
             n += len;
             return;
         }
-        // Fill the buffer (n is at least 34 here), write it, keep the rest.
-        const int32_t rest = n + len - 64;
-        emit((acc << (64 - n)) | (static_cast<uint64_t>(v) >> rest));
+        // Fill the buffer (n is at least kBits - 30 here), write it, keep
+        // the rest.
+        const int32_t rest = n + len - kBits;
+        emit((acc << (kBits - n)) | static_cast<Acc>(v >> rest));
         acc = v;
         n = rest;
     }
@@ -179,20 +200,21 @@ template <bool kChecked, class Sink>
 int32_t code_ac(Sink &sink, const kivoe_ac_tbl *t, const int16_t *blk, uint64_t mask) {
     const kivoe_code *codes = t->by_symbol;
     int32_t next = 1;  // zig-zag position after the last coefficient coded
-    while (mask) {
-        const int32_t z = __builtin_ctzll(mask);
-        mask &= mask - 1;
-        const int32_t v = blk[kivo_tbl_zig_to_ras[z]];
-        if (kChecked && !has_category(v)) return KIVO_ERR_UNAVAILABLE;
-        int32_t run = z - next;
-        next = z + 1;
-        if (__builtin_expect(run >= 16, 0)) {
-            for (; run >= 16; run -= 16) sink.put(codes[0xF0].code, codes[0xF0].len);
+    for (int32_t base = 0; base < 64; base += kMaskBits) {
+        for (MaskWord m = static_cast<MaskWord>(mask >> base); m; m &= m - 1) {
+            const int32_t z = base + ctz(m);
+            const int32_t v = blk[kivo_tbl_zig_to_ras[z]];
+            if (kChecked && !has_category(v)) return KIVO_ERR_UNAVAILABLE;
+            int32_t run = z - next;
+            next = z + 1;
+            if (__builtin_expect(run >= 16, 0)) {
+                for (; run >= 16; run -= 16) sink.put(codes[0xF0].code, codes[0xF0].len);
+            }
+            const int32_t lz = clz_abs(v);
+            const int32_t k = 32 - lz;
+            const kivoe_code c = codes[run * 16 + k];
+            sink.put((static_cast<uint32_t>(c.code) << k) | extra_bits_clz(v, lz), c.len + k);
         }
-        const int32_t lz = clz_abs(v);
-        const int32_t k = 32 - lz;
-        const kivoe_code c = codes[run * 16 + k];
-        sink.put((static_cast<uint32_t>(c.code) << k) | extra_bits_clz(v, lz), c.len + k);
     }
     if (next != 64) sink.put(codes[0x00].code, codes[0x00].len);
     return KIVO_OK;
@@ -210,15 +232,16 @@ int32_t count_ac(kivoe_ac_tbl *t, const int16_t *blk) {
     bool all_coded;
     uint64_t mask = zigzag_ac_mask(blk, &all_coded);
     int32_t next = 1;
-    while (mask) {
-        const int32_t z = __builtin_ctzll(mask);
-        mask &= mask - 1;
-        const int32_t v = blk[kivo_tbl_zig_to_ras[z]];
-        if (!all_coded && !has_category(v)) return KIVO_ERR_UNAVAILABLE;
-        const int32_t run = z - next;
-        next = z + 1;
-        t->counter[0xF0] += static_cast<uint32_t>(run >> 4);
-        ++t->counter[(run & 15) * 16 + 32 - clz_abs(v)];
+    for (int32_t base = 0; base < 64; base += kMaskBits) {
+        for (MaskWord m = static_cast<MaskWord>(mask >> base); m; m &= m - 1) {
+            const int32_t z = base + ctz(m);
+            const int32_t v = blk[kivo_tbl_zig_to_ras[z]];
+            if (!all_coded && !has_category(v)) return KIVO_ERR_UNAVAILABLE;
+            const int32_t run = z - next;
+            next = z + 1;
+            t->counter[0xF0] += static_cast<uint32_t>(run >> 4);
+            ++t->counter[(run & 15) * 16 + 32 - clz_abs(v)];
+        }
     }
     if (next != 64) ++t->counter[0x00];
     return KIVO_OK;
