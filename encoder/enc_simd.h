@@ -8,6 +8,7 @@
 
 int32_t kivoe_quant_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_quant_rdoq_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+void kivoe_fdct8_sse2(int16_t *blk);
 void kivoe_jndfilt8x8_sse2(const uint8_t *src, int32_t stride, int16_t *blk);
 void kivoe_fdct8_avx2(int16_t *blk);
 int32_t kivoe_quant_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);

@@ -116,6 +116,11 @@ struct kivoe_job {
     kivoe_dc_tbl *stat_dc;
     kivoe_ac_tbl *stat_ac;
     bool counting;               // a statistics pass is running
+    // The levels of the segment's blocks in coding order, stored by the
+    // statistics pass so that the coding pass only codes them; allocated per
+    // picture, null when the picture is too large to keep them.
+    int16_t *levels;
+    bool levels_kept;            // levels holds this picture's blocks
     kivoe_ctx *ctx;
 };
 
@@ -228,6 +233,8 @@ int32_t kivoe_gen_opt_spec(kivoe_ctx *ctx);
 // ---- entropy coder (vlc.cpp) -----------------------------------------------------------------
 int32_t kivoe_vlc_dc(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff);
 int32_t kivoe_vlc_ac(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk);
+// kivoe_vlc_dc then kivoe_vlc_ac, the block's codes gathered in one buffer.
+int32_t kivoe_vlc_block(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk);
 int32_t kivoe_vlc_dc_stat(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff);
 int32_t kivoe_vlc_ac_stat(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk);
 int32_t kivoe_vlc_dri_marker(xelo_bsw *bs, int32_t marker);

@@ -144,6 +144,9 @@ void kivoe_pic_deinit(kivoe_ctx *ctx) {
         if (!ctx->job[i]) continue;
         std::free(ctx->job[i]->own_buf);
         ctx->job[i]->own_buf = nullptr;
+        std::free(ctx->job[i]->levels);
+        ctx->job[i]->levels = nullptr;
+        ctx->job[i]->levels_kept = false;
     }
     if (ctx->pic_owned) {
         ctx->pic_req.free(ctx->pic_owned);
@@ -202,6 +205,18 @@ int32_t count_symbols(kivoe_ctx *ctx) {
             std::memset(job->stat_dc[t].counter, 0, sizeof(job->stat_dc[t].counter));
             std::memset(job->stat_ac[t].counter, 0, sizeof(job->stat_ac[t].counter));
         }
+    }
+    // The levels are kept up to 64 MiB for the whole picture (a 4:2:0
+    // picture of some 22 million pixels); larger pictures, or a failed
+    // allocation, have the coding pass transform and quantize again.
+    int32_t per_mcu = 0;
+    for (int c = 0; c < ctx->fh.n_comp; ++c) per_mcu += ctx->fh.h[c] * ctx->fh.v[c];
+    size_t total = 0;
+    for (int i = 0; i < n; ++i) total += static_cast<size_t>(ctx->job[i]->n_mcu) * per_mcu * 64 * sizeof(int16_t);
+    for (int i = 0; i < n && total <= (size_t(64) << 20); ++i) {
+        kivoe_job *job = ctx->job[i];
+        std::free(job->levels);
+        job->levels = static_cast<int16_t *>(std::malloc(static_cast<size_t>(job->n_mcu) * per_mcu * 64 * sizeof(int16_t)));
     }
     for (int i = 0; i < n; ++i) ctx->job[i]->counting = true;
     p.vlc_dc = kivoe_vlc_dc_stat;
@@ -360,9 +375,15 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
     }
 
     int16_t *blk = job->block;
+    // The statistics pass stores each block's levels where there is room;
+    // the coding pass after it codes them as stored.
+    const bool reuse = !job->counting && job->levels_kept;
+    int16_t *kept = job->counting || reuse ? job->levels : nullptr;
     alignas(16) int16_t coef[64];
     uint8_t thr[64];
     const bool keep = ctx->jnd_suppress || ctx->adaptive_rounding;
+    // With the writers in the coder slots, a block's codes go out together.
+    const bool fused = p.vlc_dc == kivoe_vlc_dc && p.vlc_ac == kivoe_vlc_ac;
     int32_t counter = 0;
     for (int32_t m = 0; m < job->n_mcu; ++m) {
         for (int c = 0; c < nc; ++c) {
@@ -370,28 +391,42 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
             const int hf = fh.h[c], vf = fh.v[c];
             for (int v = 0; v < vf; ++v) {
                 for (int h = 0; h < hf; ++h) {
-                    const int32_t bcol = cc.col + h, brow = cc.row + v;
-                    // The JND filter reads two lines above and below the
-                    // block: only luma blocks a whole block away from every
-                    // edge of the picture are filtered.
-                    if (ctx->jnd_filter && c == 0 && bcol >= 1 && brow >= 1 && 8 * bcol + 16 <= ctx->smp_w[0] &&
-                        8 * brow + 16 <= ctx->smp_h[0]) {
-                        p.jndfilt(cc.plane + static_cast<ptrdiff_t>(8 * brow) * cc.stride + 8 * bcol,
-                                         cc.stride, blk);
+                    const int16_t *lv = blk;
+                    if (reuse) {
+                        lv = kept;
+                        kept += 64;
                     } else {
-                        load_block(cc.plane, cc.stride, ctx->smp_w[c], ctx->smp_h[c], bcol, brow, blk);
+                        const int32_t bcol = cc.col + h, brow = cc.row + v;
+                        // The JND filter reads two lines above and below the
+                        // block: only luma blocks a whole block away from every
+                        // edge of the picture are filtered.
+                        if (ctx->jnd_filter && c == 0 && bcol >= 1 && brow >= 1 && 8 * bcol + 16 <= ctx->smp_w[0] &&
+                            8 * brow + 16 <= ctx->smp_h[0]) {
+                            p.jndfilt(cc.plane + static_cast<ptrdiff_t>(8 * brow) * cc.stride + 8 * bcol,
+                                             cc.stride, blk);
+                        } else {
+                            load_block(cc.plane, cc.stride, ctx->smp_w[c], ctx->smp_h[c], bcol, brow, blk);
+                        }
+                        p.fdct8(blk);
+                        if (ctx->jnd_suppress) kivoe_jnd_thresholds(blk[0], thr);
+                        if (keep) std::memcpy(coef, blk, sizeof(coef));
+                        if (ctx->adaptive_rounding) p.quant_rdoq(blk, cc.q->recip, cc.offset);
+                        else p.quant(blk, cc.q->recip, cc.offset);
+                        if (ctx->jnd_suppress) kivoe_jnd_suppress(blk, coef, cc.q->q, thr);
+                        if (ctx->adaptive_rounding) kivoe_update_offset(blk, coef, cc.q->q, cc.q->recip, cc.adapt);
+                        if (kept) {
+                            std::memcpy(kept, blk, 64 * sizeof(int16_t));
+                            kept += 64;
+                        }
                     }
-                    p.fdct8(blk);
-                    if (ctx->jnd_suppress) kivoe_jnd_thresholds(blk[0], thr);
-                    if (keep) std::memcpy(coef, blk, sizeof(coef));
-                    if (ctx->adaptive_rounding) p.quant_rdoq(blk, cc.q->recip, cc.offset);
-                    else p.quant(blk, cc.q->recip, cc.offset);
-                    if (ctx->jnd_suppress) kivoe_jnd_suppress(blk, coef, cc.q->q, thr);
-                    if (ctx->adaptive_rounding) kivoe_update_offset(blk, coef, cc.q->q, cc.q->recip, cc.adapt);
-                    const int32_t d = blk[0] - job->dc_pred[c];
-                    job->dc_pred[c] = blk[0];
-                    p.vlc_dc(bs, cc.dc, d);
-                    p.vlc_ac(bs, cc.ac, blk);
+                    const int32_t d = lv[0] - job->dc_pred[c];
+                    job->dc_pred[c] = lv[0];
+                    if (fused) {
+                        kivoe_vlc_block(bs, cc.dc, cc.ac, d, lv);
+                    } else {
+                        p.vlc_dc(bs, cc.dc, d);
+                        p.vlc_ac(bs, cc.ac, lv);
+                    }
                 }
             }
         }
@@ -414,6 +449,7 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
             }
         }
     }
+    job->levels_kept = job->counting && job->levels;
     xelo_bsw_sink(bs);
     bs->flush = kivoe_bs_flush;
     return KIVO_OK;

@@ -2,6 +2,7 @@
 // the statistics twins that count symbols instead, restart markers, EOI,
 // the rate functions and the two flush procedures of the bit writer.
 #include <cstring>
+#include <type_traits>
 
 #include "encoder/kivoe_int.h"
 #include "encoder/nonzero.h"
@@ -11,6 +12,7 @@ namespace {
 
 // ---- non-zero AC coefficients in zig-zag order ---------------------------------
 
+#if !defined(__ARM_NEON)
 // Zig-zag position of every raster position, from a walk along the
 // anti-diagonals (alternating direction, starting towards the right).
 struct RasToZig {
@@ -51,13 +53,49 @@ constexpr NibbleZig make_nibble_zig() {
 
 constexpr NibbleZig kNibbleZig = make_nibble_zig();
 
+#endif
+
 // Bit z set when the AC coefficient at zig-zag position z is not zero.
 inline uint64_t zigzag_ac_mask(const int16_t *blk, bool *all_coded) {
+#if defined(__ARM_NEON)
+    // One byte a coefficient (all ones where not zero), put in zig-zag
+    // order by table look-ups over the two halves of the block, then one
+    // bit each.
+    const int16x8_t top = vdupq_n_s16(2047), low = vdupq_n_s16(-32768);
+    uint16x8_t bad = vdupq_n_u16(0);
+    uint8x8_t nz[8];
+    for (int32_t r = 0; r < 8; ++r) {
+        const int16x8_t v = vld1q_s16(blk + 8 * r);
+        nz[r] = vmovn_u16(vtstq_s16(v, v));
+        bad = vorrq_u16(bad, vorrq_u16(vcgtq_s16(v, top), vceqq_s16(v, low)));
+    }
+    *all_coded = vget_lane_u64(vreinterpret_u64_u8(vmovn_u16(bad)), 0) == 0;
+    const uint8x8x4_t lo = {{nz[0], nz[1], nz[2], nz[3]}}, hi = {{nz[4], nz[5], nz[6], nz[7]}};
+    const uint8x8_t weight = {1, 2, 4, 8, 16, 32, 64, 128}, half = vdup_n_u8(32);
+    uint8x8_t zz[8];
+    for (int32_t i = 0; i < 8; ++i) {
+        // Indices 32 and up miss the first half; below 32, minus 32, the second.
+        const uint8x8_t idx = vld1_u8(kivo_tbl_zig_to_ras + 8 * i);
+        zz[i] = vand_u8(vtbx4_u8(vtbl4_u8(lo, idx), hi, vsub_u8(idx, half)), weight);
+    }
+    const uint8x8_t p0 = vpadd_u8(zz[0], zz[1]), p1 = vpadd_u8(zz[2], zz[3]);
+    const uint8x8_t p2 = vpadd_u8(zz[4], zz[5]), p3 = vpadd_u8(zz[6], zz[7]);
+    const uint8x8_t all = vpadd_u8(vpadd_u8(p0, p1), vpadd_u8(p2, p3));
+    return vget_lane_u64(vreinterpret_u64_u8(all), 0) & ~uint64_t(1);
+#else
     const uint64_t m = kivoe_raster_mask(blk, all_coded);
     uint64_t z = 0;
     for (int32_t i = 0; i < 16; ++i) z |= kNibbleZig.m[i][(m >> (4 * i)) & 15];
     return z;
+#endif
 }
+
+// The zig-zag mask is walked a register at a time: in two halves on 32-bit
+// processors, where 64-bit bit counts and clears take several instructions.
+using MaskWord = std::conditional_t<sizeof(void *) >= 8, uint64_t, uint32_t>;
+constexpr int32_t kMaskBits = 8 * sizeof(MaskWord);
+inline int32_t ctz(uint64_t m) { return __builtin_ctzll(m); }
+inline int32_t ctz(uint32_t m) { return __builtin_ctz(m); }
 
 // True for the 16-bit values that have a size category: -32767 to 2047.
 inline bool has_category(int32_t v) { return static_cast<uint32_t>(v + 32767) <= 32767u + 2047u; }
@@ -80,10 +118,11 @@ inline uint32_t extra_bits(int32_t v, int32_t k) {
 
 // ---- bit output ------------------------------------------------------------------
 
-// Bytes a block can produce at most, stuffing included: 63 coefficient
-// codes and three ZRLs of at most 31 bits, EOB and pending bits, each byte
-// doubled by stuffing, plus the eight bytes a full buffer stores at once.
-constexpr ptrdiff_t kBlockMargin = 2 * ((66 * 31 + 16 + 63 + 7) / 8) + 16;
+// Bytes a block can produce at most, stuffing included: the DC code, 63
+// coefficient codes and three ZRLs of at most 31 bits, EOB and pending
+// bits, each byte doubled by stuffing, plus the eight bytes a full buffer
+// stores at once.
+constexpr ptrdiff_t kBlockMargin = 2 * ((67 * 31 + 16 + 63 + 7) / 8) + 16;
 
 // Writes the n high bytes of w, a 0x00 after each 0xFF; returns the end.
 __attribute__((noinline)) uint8_t *store_stuffed(uint8_t *p, uint64_t w, int32_t n) {
@@ -95,18 +134,29 @@ __attribute__((noinline)) uint8_t *store_stuffed(uint8_t *p, uint64_t w, int32_t
     return p;
 }
 
-// True when one of the eight bytes of w is 0xFF.
-inline bool has_ff(uint64_t w) { return ((~w - 0x0101010101010101u) & w & 0x8080808080808080u) != 0; }
+// True when one of the bytes of w is 0xFF.
+template <class W>
+inline bool has_ff(W w) {
+    constexpr W ones = static_cast<W>(~W(0)) / 255;
+    return ((~w - ones) & w & (ones << 7)) != 0;
+}
+
+inline uint64_t big_endian(uint64_t w) { return __builtin_bswap64(w); }
+inline uint32_t big_endian(uint32_t w) { return __builtin_bswap32(w); }
 
 // Entropy-coded bits written straight to memory with byte stuffing. Bits
-// gather in a 64-bit buffer that leaves eight bytes at a time; store()
-// pushes out whole 32-bit words as well, so that the bytes and the writer's
-// state are then exactly those of xelo_bsw_write with the stuffing flush.
-// Used only when the output has room for a whole block, so that nothing
-// here checks the end of the output.
+// gather in a register-wide buffer (32 bits on 32-bit processors, where
+// shifting 64 bits takes several instructions) that leaves a whole word at
+// a time;
+// store() pushes out whole 32-bit words as well, so that the bytes and the
+// writer's state are then exactly those of xelo_bsw_write with the
+// stuffing flush. Used only when the output has room for a whole block, so
+// that nothing here checks the end of the output.
 struct FastSink {
-    uint64_t acc;  // pending bits in the low n bits (higher bits are stale)
-    int32_t n;     // 0 to 64
+    using Acc = MaskWord;
+    static constexpr int32_t kBits = 8 * sizeof(Acc);
+    Acc acc;    // pending bits in the low n bits (higher bits are stale)
+    int32_t n;  // 0 to kBits
     uint8_t *p;
 
     // The writer's state can be taken over: stuffing flush, a cache that is
@@ -117,7 +167,8 @@ struct FastSink {
     }
 
     explicit FastSink(const xelo_bsw *bs)
-        : acc(static_cast<uint64_t>(bs->cache) >> bs->free_bits), n(32 - bs->free_bits), p(bs->write_ptr) {}
+        : acc(static_cast<Acc>(static_cast<uint64_t>(bs->cache) >> bs->free_bits)), n(32 - bs->free_bits),
+          p(bs->write_ptr) {}
 
     void store(xelo_bsw *bs) {
         // Whole words go out as the writer would have written them.
@@ -126,38 +177,39 @@ struct FastSink {
             if (__builtin_expect(has_ff(w), 0)) {
                 p = store_stuffed(p, static_cast<uint64_t>(w) << 32, 4);
             } else {
-                const uint32_t be = __builtin_bswap32(w);
+                const uint32_t be = big_endian(w);
                 std::memcpy(p, &be, 4);
                 p += 4;
             }
             n -= 32;
         }
-        bs->cache = static_cast<uint32_t>(acc << (32 - n));
+        bs->cache = static_cast<uint32_t>(static_cast<uint64_t>(acc) << (32 - n));
         bs->free_bits = 32 - n;
         bs->write_ptr = p;
     }
 
-    // Writes the eight bytes of w.
-    void emit(uint64_t w) {
+    // Writes the bytes of w.
+    void emit(Acc w) {
         if (__builtin_expect(has_ff(w), 0)) {
-            p = store_stuffed(p, w, 8);
+            p = store_stuffed(p, static_cast<uint64_t>(w) << (64 - kBits), kBits / 8);
             return;
         }
-        const uint64_t be = __builtin_bswap64(w);
-        std::memcpy(p, &be, 8);
-        p += 8;
+        const Acc be = big_endian(w);
+        std::memcpy(p, &be, sizeof(be));
+        p += sizeof(be);
     }
 
     // Appends v, which has no bits above the low len (len 0 to 31).
     void put(uint32_t v, int32_t len) {
-        if (__builtin_expect(n + len <= 64, 1)) {
+        if (__builtin_expect(n + len <= kBits, 1)) {
             acc = (acc << len) | v;
             n += len;
             return;
         }
-        // Fill the buffer (n is at least 34 here), write it, keep the rest.
-        const int32_t rest = n + len - 64;
-        emit((acc << (64 - n)) | (static_cast<uint64_t>(v) >> rest));
+        // Fill the buffer (n is at least kBits - 30 here), write it, keep
+        // the rest.
+        const int32_t rest = n + len - kBits;
+        emit((acc << (kBits - n)) | static_cast<Acc>(v >> rest));
         acc = v;
         n = rest;
     }
@@ -178,20 +230,21 @@ template <bool kChecked, class Sink>
 int32_t code_ac(Sink &sink, const kivoe_ac_tbl *t, const int16_t *blk, uint64_t mask) {
     const kivoe_code *codes = t->by_symbol;
     int32_t next = 1;  // zig-zag position after the last coefficient coded
-    while (mask) {
-        const int32_t z = __builtin_ctzll(mask);
-        mask &= mask - 1;
-        const int32_t v = blk[kivo_tbl_zig_to_ras[z]];
-        if (kChecked && !has_category(v)) return KIVO_ERR_UNAVAILABLE;
-        int32_t run = z - next;
-        next = z + 1;
-        if (__builtin_expect(run >= 16, 0)) {
-            for (; run >= 16; run -= 16) sink.put(codes[0xF0].code, codes[0xF0].len);
+    for (int32_t base = 0; base < 64; base += kMaskBits) {
+        for (MaskWord m = static_cast<MaskWord>(mask >> base); m; m &= m - 1) {
+            const int32_t z = base + ctz(m);
+            const int32_t v = blk[kivo_tbl_zig_to_ras[z]];
+            if (kChecked && !has_category(v)) return KIVO_ERR_UNAVAILABLE;
+            int32_t run = z - next;
+            next = z + 1;
+            if (__builtin_expect(run >= 16, 0)) {
+                for (; run >= 16; run -= 16) sink.put(codes[0xF0].code, codes[0xF0].len);
+            }
+            const int32_t lz = clz_abs(v);
+            const int32_t k = 32 - lz;
+            const kivoe_code c = codes[run * 16 + k];
+            sink.put((static_cast<uint32_t>(c.code) << k) | extra_bits_clz(v, lz), c.len + k);
         }
-        const int32_t lz = clz_abs(v);
-        const int32_t k = 32 - lz;
-        const kivoe_code c = codes[run * 16 + k];
-        sink.put((static_cast<uint32_t>(c.code) << k) | extra_bits_clz(v, lz), c.len + k);
     }
     if (next != 64) sink.put(codes[0x00].code, codes[0x00].len);
     return KIVO_OK;
@@ -209,15 +262,16 @@ int32_t count_ac(kivoe_ac_tbl *t, const int16_t *blk) {
     bool all_coded;
     uint64_t mask = zigzag_ac_mask(blk, &all_coded);
     int32_t next = 1;
-    while (mask) {
-        const int32_t z = __builtin_ctzll(mask);
-        mask &= mask - 1;
-        const int32_t v = blk[kivo_tbl_zig_to_ras[z]];
-        if (!all_coded && !has_category(v)) return KIVO_ERR_UNAVAILABLE;
-        const int32_t run = z - next;
-        next = z + 1;
-        t->counter[0xF0] += static_cast<uint32_t>(run >> 4);
-        ++t->counter[(run & 15) * 16 + 32 - clz_abs(v)];
+    for (int32_t base = 0; base < 64; base += kMaskBits) {
+        for (MaskWord m = static_cast<MaskWord>(mask >> base); m; m &= m - 1) {
+            const int32_t z = base + ctz(m);
+            const int32_t v = blk[kivo_tbl_zig_to_ras[z]];
+            if (!all_coded && !has_category(v)) return KIVO_ERR_UNAVAILABLE;
+            const int32_t run = z - next;
+            next = z + 1;
+            t->counter[0xF0] += static_cast<uint32_t>(run >> 4);
+            ++t->counter[(run & 15) * 16 + 32 - clz_abs(v)];
+        }
     }
     if (next != 64) ++t->counter[0x00];
     return KIVO_OK;
@@ -264,6 +318,20 @@ int32_t kivoe_vlc_dc(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff) {
     const int32_t len = c.len + k;
     if (len) xelo_bsw_write(bs, (static_cast<uint32_t>(c.code) << k) | extra, len);
     return KIVO_OK;
+}
+
+int32_t kivoe_vlc_block(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk) {
+    const int32_t k = kivo::category(diff);
+    if (k < 0 || !FastSink::usable(bs)) {
+        const int32_t ret = kivoe_vlc_dc(bs, dc, diff);
+        return ret < 0 ? ret : kivoe_vlc_ac(bs, ac, blk);
+    }
+    FastSink sink(bs);
+    const kivoe_code &c = dc->code[k];
+    sink.put((static_cast<uint32_t>(c.code) << k) | (k ? extra_bits(as_int16(diff), k) : 0), c.len + k);
+    const int32_t ret = code_ac(sink, ac, blk);
+    sink.store(bs);
+    return ret;
 }
 
 int32_t kivoe_vlc_ac(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk) {
