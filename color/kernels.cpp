@@ -117,7 +117,10 @@ Tables build_tables() {
 #if defined(KIVO_ARCH_x86)
     color_init_sse2(&t.level[kLevel1]);
     color_init_sse2(&t.level[kLevel2]);
-    color_init_avx2(&t.level[kLevel2]);
+    // The AVX2 file is compiled for AVX2 throughout, its init included, so
+    // it runs only on a processor that has it; without it the level is never
+    // chosen and keeps the SSE2 kernels.
+    if (kivo_cpu_detected() & KIVO_CPU_AVX2) color_init_avx2(&t.level[kLevel2]);
 #elif defined(KIVO_ARCH_arm)
     color_init_neon(&t.level[kLevel1]);
 #endif
