@@ -55,10 +55,9 @@ struct Mem {
 std::vector<uint8_t> random_stream(std::mt19937 &rng, size_t n) {
     std::vector<uint8_t> s;
     while (s.size() < n) {
-        const uint8_t pick[][2] = {{0xFF, 0x00}, {0xFF, 0xD0}, {0xFF}, {0x00}};
-        const int k = rng() % 8;
-        if (k < 2) s.insert(s.end(), pick[k], pick[k] + 2);
-        else s.push_back(k < 4 ? pick[k][0] : static_cast<uint8_t>(rng()));
+        const uint32_t k = rng() % 8;
+        if (k < 2) s.insert(s.end(), {0xFF, static_cast<uint8_t>(k ? 0xD0 : 0x00)});
+        else s.push_back(k == 2 ? 0xFF : k == 3 ? 0 : static_cast<uint8_t>(rng()));
     }
     return s;
 }
@@ -86,24 +85,15 @@ TEST(DecBs, RandomOperationsMatchBitModelFromMemoryAndFile) {
                 break;
             }
             if (op == 1) {
-                kivod_bs_align_byte(&m.bs);
-                kivod_bs_align_byte(&f.bs);
+                kivod_bs_align_byte(&m.bs), kivod_bs_align_byte(&f.bs);
                 pos = (pos + 7) & ~size_t(7);
                 continue;
             }
             uint32_t want = 0, a = 0, b = 0;
             for (int i = 0; i < n && pos + n <= bits.size(); ++i) want = want << 1 | static_cast<uint32_t>(bits[pos + i]);
-            if (op < 6) {
-                a = kivod_bs_peek(&m.bs, n);
-                b = kivod_bs_peek(&f.bs, n);
-            } else if (op < 9) {
-                kivod_bs_skip(&m.bs, n);
-                kivod_bs_skip(&f.bs, n);
-                a = b = want;
-            } else {
-                a = kivod_bs_read(&m.bs, n);
-                b = kivod_bs_read(&f.bs, n);
-            }
+            if (op < 6) a = kivod_bs_peek(&m.bs, n), b = kivod_bs_peek(&f.bs, n);
+            else if (op < 9) kivod_bs_skip(&m.bs, n), kivod_bs_skip(&f.bs, n), a = b = want;
+            else a = kivod_bs_read(&m.bs, n), b = kivod_bs_read(&f.bs, n);
             if (pos + n <= bits.size()) {
                 ASSERT_EQ(a, want) << "round " << round << " pos " << pos;
                 ASSERT_TRUE(a == b && m.bs.bits == f.bs.bits) << "round " << round << " step " << step;
@@ -321,24 +311,19 @@ TEST(DecSeg, AppSkipAndMarkers) {
 
 // The trailer check, from memory and from a file: it keeps the position.
 TEST(DecSeg, CheckEoiMemoryAndFile) {
-    struct Case {
-        std::vector<uint8_t> b;
-        int32_t status;
-    } cases[] = {
+    const std::pair<std::vector<uint8_t>, int32_t> cases[] = {
         {{0xFF, 0xD8, 1, 2, 0xFF, 0xD9, 0x00}, 0},  // trailing byte
         {{0xFF, 0xD8, 1, 2, 0xFF, 0xD9}, 0},
         {{0xFF, 0xD8, 1, 2, 3, 4}, KIVO_ERR_MALFORMED},
         {{0xFF, 0xD9, 1, 2, 3, 4}, KIVO_ERR_MALFORMED},  // only behind the reader
     };
-    for (const Case &c : cases) {
-        Mem m(c.b);
-        m.bs.read_byte(&m.bs, 2);
-        EXPECT_EQ(kivod_chk_eoi(&m.bs), c.status);
-        Mem f(c.b, true);
-        f.bs.read_byte(&f.bs, 2);
-        EXPECT_EQ(kivod_chk_eoi(&f.bs), c.status);
-        EXPECT_EQ(f.bs.read_byte(&f.bs, 1), c.b[2]);
-    }
+    for (const auto &c : cases)
+        for (bool file : {false, true}) {
+            Mem m(c.first, file);
+            m.bs.read_byte(&m.bs, 2);
+            EXPECT_EQ(kivod_chk_eoi(&m.bs), c.second) << file;
+            EXPECT_EQ(m.bs.read_byte(&m.bs, 1), c.first[2]) << file;
+        }
 }
 
 // ---- Huffman tables and coefficients ---------------------------------------------------
