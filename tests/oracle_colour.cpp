@@ -62,10 +62,7 @@ TEST(OracleColour, DecodeToRgbMatchesTurbo) {
             ASSERT_EQ(kivoc_to_packed(&img, ours.data(), w * 3, ours.size(), KIVOC_RGB, c.flags, nullptr), 0);
             int max = 0;
             double sum = 0;
-            for (size_t i = 0; i < ours.size(); ++i) {
-                max = std::max(max, std::abs(ours[i] - ref[i]));
-                sum += std::abs(ours[i] - ref[i]);
-            }
+            for (size_t i = 0; i < ours.size(); ++i) max = std::max(max, std::abs(ours[i] - ref[i])), sum += std::abs(ours[i] - ref[i]);
             EXPECT_LE(max, src.max_bound) << src.what;
             EXPECT_LE(sum / static_cast<double>(ours.size()), src.mean_bound) << src.what;
         }

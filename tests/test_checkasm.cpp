@@ -131,13 +131,7 @@ struct Level {
     const char *name;
     uint32_t flags;
 };
-#if defined(KIVO_ARCH_x86)
-const Level kLevels[] = {{"c", 0}, {"sse2", KIVO_CPU_SSE2}, {"avx2", KIVO_CPU_SSE2 | KIVO_CPU_AVX2}};
-#elif defined(KIVO_ARCH_arm)
-const Level kLevels[] = {{"c", 0}, {"neon", KIVO_CPU_NEON}};
-#else
-const Level kLevels[] = {{"c", 0}};
-#endif
+const Level kLevels[] = {{"c", 0}, {"sse2", KIVO_CPU_SSE2}, {"avx2", KIVO_CPU_SSE2 | KIVO_CPU_AVX2}, {"neon", KIVO_CPU_NEON}};
 const int kScales[] = {0, 1, 2, 4, 8};
 
 // Line distance and offset of the first sample from a 16-byte aligned

@@ -1,18 +1,22 @@
 // The bit-stream reader, the marker segment parsers, the Huffman tables and
 // coefficient decoding, fed bytes in exactly sized buffers so the sanitizer
 // catches any read past the caller's bytes. Expected bits come from a bit
-// model with stuffing removed; coefficient streams from a small encoder
-// written here (canonical codes, run/size symbols with their value bits),
-// independent of the decoder's tables.
+// model with stuffing removed; coefficient streams from the encoder's
+// entropy coder (which libjpeg-turbo checks in oracle_encode) or written
+// bit by bit here.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "decoder/kivod_int.h"
+#include "encoder/kivoe_int.h"
 
 namespace {
 
@@ -51,10 +55,9 @@ struct Mem {
 std::vector<uint8_t> random_stream(std::mt19937 &rng, size_t n) {
     std::vector<uint8_t> s;
     while (s.size() < n) {
-        const uint8_t pick[][2] = {{0xFF, 0x00}, {0xFF, 0xD0}, {0xFF}, {0x00}};
-        const int k = rng() % 8;
-        if (k < 2) s.insert(s.end(), pick[k], pick[k] + 2);
-        else s.push_back(k < 4 ? pick[k][0] : static_cast<uint8_t>(rng()));
+        const uint32_t k = rng() % 8;
+        if (k < 2) s.insert(s.end(), {0xFF, static_cast<uint8_t>(k ? 0xD0 : 0x00)});
+        else s.push_back(k == 2 ? 0xFF : k == 3 ? 0 : static_cast<uint8_t>(rng()));
     }
     return s;
 }
@@ -82,24 +85,15 @@ TEST(DecBs, RandomOperationsMatchBitModelFromMemoryAndFile) {
                 break;
             }
             if (op == 1) {
-                kivod_bs_align_byte(&m.bs);
-                kivod_bs_align_byte(&f.bs);
+                kivod_bs_align_byte(&m.bs), kivod_bs_align_byte(&f.bs);
                 pos = (pos + 7) & ~size_t(7);
                 continue;
             }
             uint32_t want = 0, a = 0, b = 0;
             for (int i = 0; i < n && pos + n <= bits.size(); ++i) want = want << 1 | static_cast<uint32_t>(bits[pos + i]);
-            if (op < 6) {
-                a = kivod_bs_peek(&m.bs, n);
-                b = kivod_bs_peek(&f.bs, n);
-            } else if (op < 9) {
-                kivod_bs_skip(&m.bs, n);
-                kivod_bs_skip(&f.bs, n);
-                a = b = want;
-            } else {
-                a = kivod_bs_read(&m.bs, n);
-                b = kivod_bs_read(&f.bs, n);
-            }
+            if (op < 6) a = kivod_bs_peek(&m.bs, n), b = kivod_bs_peek(&f.bs, n);
+            else if (op < 9) kivod_bs_skip(&m.bs, n), kivod_bs_skip(&f.bs, n), a = b = want;
+            else a = kivod_bs_read(&m.bs, n), b = kivod_bs_read(&f.bs, n);
             if (pos + n <= bits.size()) {
                 ASSERT_EQ(a, want) << "round " << round << " pos " << pos;
                 ASSERT_TRUE(a == b && m.bs.bits == f.bs.bits) << "round " << round << " step " << step;
@@ -317,24 +311,19 @@ TEST(DecSeg, AppSkipAndMarkers) {
 
 // The trailer check, from memory and from a file: it keeps the position.
 TEST(DecSeg, CheckEoiMemoryAndFile) {
-    struct Case {
-        std::vector<uint8_t> b;
-        int32_t status;
-    } cases[] = {
+    const std::pair<std::vector<uint8_t>, int32_t> cases[] = {
         {{0xFF, 0xD8, 1, 2, 0xFF, 0xD9, 0x00}, 0},  // trailing byte
         {{0xFF, 0xD8, 1, 2, 0xFF, 0xD9}, 0},
         {{0xFF, 0xD8, 1, 2, 3, 4}, KIVO_ERR_MALFORMED},
         {{0xFF, 0xD9, 1, 2, 3, 4}, KIVO_ERR_MALFORMED},  // only behind the reader
     };
-    for (const Case &c : cases) {
-        Mem m(c.b);
-        m.bs.read_byte(&m.bs, 2);
-        EXPECT_EQ(kivod_chk_eoi(&m.bs), c.status);
-        Mem f(c.b, true);
-        f.bs.read_byte(&f.bs, 2);
-        EXPECT_EQ(kivod_chk_eoi(&f.bs), c.status);
-        EXPECT_EQ(f.bs.read_byte(&f.bs, 1), c.b[2]);
-    }
+    for (const auto &c : cases)
+        for (bool file : {false, true}) {
+            Mem m(c.first, file);
+            m.bs.read_byte(&m.bs, 2);
+            EXPECT_EQ(kivod_chk_eoi(&m.bs), c.second) << file;
+            EXPECT_EQ(m.bs.read_byte(&m.bs, 1), c.first[2]) << file;
+        }
 }
 
 // ---- Huffman tables and coefficients ---------------------------------------------------
@@ -342,15 +331,8 @@ TEST(DecSeg, CheckEoiMemoryAndFile) {
 struct Dht {
     std::vector<uint8_t> bits, vals;
 };
-// The usual luminance DC table; an AC table of the usual luminance shape
-// (codes of 2 to 16 bits) over every symbol, in run/size order.
+// The usual luminance DC table.
 const Dht kLumaDc = {{0, 1, 5, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, 0, 0, 0}, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}};
-const Dht kLumaAc = [] {
-    Dht d{{0, 2, 1, 3, 3, 2, 4, 3, 5, 5, 4, 4, 0, 0, 1, 0x7d}, {0x01, 0x00, 0xF0}};
-    for (int rs = 0x02; rs < 0x100; ++rs)
-        if ((rs & 15) && (rs & 15) <= 10) d.vals.push_back(static_cast<uint8_t>(rs));
-    return d;
-}();
 
 // Decoding tables of one DC and one AC table description, in exactly sized arrays.
 struct Tables {
@@ -364,23 +346,12 @@ struct Tables {
         for (size_t i = 0; i < s.vals.size() && i < 256; ++i) h.vals[i] = s.vals[i];
         return kivod_build_htbl(&h, dc.get(), ac.get());
     }
-};
-
-// Code and code length of each symbol value.
-struct Code {
-    uint32_t co[256] = {};
-    int si[256] = {};
-    explicit Code(const Dht &s) {
-        std::vector<int> size;
-        for (int l = 1; l <= 16; ++l)
-            for (int i = 0; i < s.bits[l - 1]; ++i) size.push_back(l);
-        uint32_t code = 0;
-        size_t k = 0;
-        for (int si_ = size.empty() ? 0 : size[0]; k < size.size(); ++si_, code <<= 1)
-            for (; k < size.size() && size[k] == si_; ++k) co[s.vals[k]] = code++, si[s.vals[k]] = si_;
+    int32_t build(const kivoe_huff_spec &s) {
+        return build({{s.bits, s.bits + 16}, {s.vals, s.vals + s.count}}, s.cls);
     }
 };
 
+// Bits with stuffing, padded with ones and closed by EOI.
 struct Writer {
     std::vector<uint8_t> out;
     uint32_t acc = 0;
@@ -405,75 +376,50 @@ struct Writer {
     }
 };
 
-int category(int v) {
-    int m = v < 0 ? -v : v, c = 0;
-    for (; m; m >>= 1) ++c;
-    return c;
-}
+using Block = std::array<int16_t, 64>;  // raster order, DC difference in entry 0
 
-void put_value(Writer &w, int v, int cat) {
-    if (cat) w.put(static_cast<uint32_t>(v < 0 ? v - 1 : v) & ((1u << cat) - 1), cat);
-}
-
-// One block: levels in zig-zag order (entry 0 the DC difference) and, for
-// each coefficient, the zig-zag position where its symbol starts.
-struct Block {
-    int lev[64] = {};
-    int start[64] = {};
-    std::vector<int> ac_symbols;  // symbols emitted, for the counters
-};
-
-void encode(Writer &w, Block &b, const Code &dc, const Code &ac) {
-    int c = category(b.lev[0]);
-    w.put(dc.co[c], dc.si[c]);
-    put_value(w, b.lev[0], c);
-    int run = 0;
-    for (int k = 1; k < 64; ++k) {
-        if (b.lev[k] == 0) {
-            ++run;
-            continue;
+// DC differences of every category, and AC blocks sparse, dense, with runs
+// of 16 and more zeros, a lone coefficient at 63, the extremes of the
+// largest category, and a last coefficient at 47.
+std::vector<Block> make_blocks(std::mt19937 &rng, int max_cat) {
+    auto level = [&](int cat) {
+        const int v = (1 << (cat - 1)) + static_cast<int>(rng() % (1u << (cat - 1)));
+        return static_cast<int16_t>(rng() % 2 ? v : -v);
+    };
+    auto cat = [&](int n) { return 1 + static_cast<int>(rng() % n); };
+    std::vector<Block> out(600);
+    for (int i = 0; i < 600; ++i) {
+        Block &b = out[i];  // zero-filled
+        auto set = [&b](int z, int16_t v) { b[kivo_tbl_zig_to_ras[z]] = v; };
+        b[0] = i % 12 ? level(i % 12) : 0;
+        const int kind = i % 6;
+        for (int z = 1; z < 64; ++z) {
+            if (kind == 0 && rng() % 12 == 0) set(z, level(cat(4)));
+            if (kind == 1) set(z, level(cat(max_cat)));
+            if (kind == 4 && z % 7 == static_cast<int>(rng() % 7)) set(z, static_cast<int16_t>((rng() % 2 ? 1 : -1) * ((1 << max_cat) - 1)));
+            if (kind == 5 && z <= 47 && (z == 47 || rng() % 3 == 0)) set(z, level(cat(6)));
         }
-        for (; run > 15; run -= 16) w.put(ac.co[0xF0], ac.si[0xF0]), b.ac_symbols.push_back(0xF0);
-        int s = run << 4 | category(b.lev[k]);
-        w.put(ac.co[s], ac.si[s]);
-        put_value(w, b.lev[k], category(b.lev[k]));
-        b.ac_symbols.push_back(s);
-        b.start[k] = k - run;
-        run = 0;
+        if (kind == 2) set(cat(3), level(3)), set(19 + cat(4), level(5)), set(39 + cat(4), level(2));
+        if ((kind == 2 || kind == 3) && rng() % 2) set(63, level(cat(kind == 2 ? 1 : max_cat)));
     }
-    if (run) w.put(ac.co[0], ac.si[0]), b.ac_symbols.push_back(0);
+    return out;
+}
+
+// The blocks as the encoder codes them with table pair `id`, then EOI.
+std::vector<uint8_t> code(kivoe_ctx *ctx, int id, const std::vector<Block> &blocks) {
+    std::vector<uint8_t> bytes(blocks.size() * 300);
+    xelo_bsw w;
+    xelo_bsw_init(&w, bytes.data(), static_cast<int32_t>(bytes.size()), kivoe_bs_flush_data_seg);
+    for (const Block &b : blocks)
+        EXPECT_TRUE(kivoe_vlc_dc(&w, &ctx->dc_tbl[id], b[0]) == 0 && kivoe_vlc_ac(&w, &ctx->ac_tbl[id], b.data()) == 0);
+    xelo_bsw_sink(&w);
+    EXPECT_EQ(w.overflow, 0);
+    bytes.resize(static_cast<size_t>(w.write_ptr - w.start_ptr));
+    bytes.insert(bytes.end(), {0xFF, 0xD9});
+    return bytes;
 }
 
 int16_t wrap16(int v) { return static_cast<int16_t>(static_cast<uint16_t>(v & 0xFFFF)); }
-
-std::vector<Block> make_blocks(std::mt19937 &rng) {
-    std::vector<Block> blocks(400);
-    auto level = [&](int max_cat) {
-        int c = 1 + static_cast<int>(rng() % max_cat);
-        int v = (1 << (c - 1)) + static_cast<int>(rng() % (1u << (c - 1)));
-        return rng() % 2 ? v : -v;
-    };
-    for (size_t i = 0; i < blocks.size(); ++i) {
-        Block &b = blocks[i];
-        b.lev[0] = rng() % 4 ? level(11) : 0;
-        int density = static_cast<int>(rng() % 5);
-        for (int k = 1; k < 64; ++k)
-            if (density && rng() % (2 + 4 * density) == 0) b.lev[k] = level(10);
-    }
-    // Fixed shapes: DC only, a lone coefficient at 63, a full block, runs of
-    // 38 and 15 zeros, category 11 DC with all extra bits zero.
-    blocks[0] = Block{};
-    blocks[1] = Block{};
-    blocks[1].lev[63] = -5;
-    for (int k = 0; k < 64; ++k) blocks[2].lev[k] = k % 2 ? 3 : -1;
-    blocks[3] = Block{};
-    blocks[3].lev[1] = 7, blocks[3].lev[40] = 1;
-    blocks[4] = Block{};
-    blocks[4].lev[16] = 2, blocks[4].lev[20] = 9;
-    blocks[5] = Block{};
-    blocks[5].lev[0] = -2047;
-    return blocks;
-}
 
 // Quantizers of 1 in an exactly sized block, re-quantization that changes nothing.
 struct Quant {
@@ -511,73 +457,87 @@ TEST(DecVld, CategoryFigures) {
     for (const auto &f : figures) EXPECT_EQ(kivo_category(f[0]), f[1]) << f[0];
 }
 
-// Random and shaped blocks through every scale's routine: each stores
-// exactly its share, all consume the same bits. With quantizers of 1 and
-// re-quantization that changes nothing, the full routine's counters hold
-// the symbols the encoder emitted, plus the end-of-block the counting adds
-// after a coefficient at position 63.
+// Blocks the encoder codes with its typical tables, then with tables
+// optimised for their own counts (AC values of category 11 too), decoded
+// by every scale's routine under quantizers of 1 and random ones: each
+// stores the coefficients whose symbol starts at or before its last
+// position (runs of 16 zeros go first), all consume the same bits, and the
+// full routine's counters hold what the encoder's statistics twins counted
+// plus the end-of-block counted after a coefficient at 63.
 TEST(DecVld, BlocksAtEveryScale) {
     const struct {
         AcFn fn;
-        int last;  // symbols starting at or before this position are stored
+        int last;
     } routines[] = {{kivod_vld_ac8, 63}, {kivod_vld_ac4, 9}, {kivod_vld_ac2, 2}, {kivod_vld_ac1, 0}};
     std::mt19937 rng(3);
-    Tables t;
-    ASSERT_EQ(t.build(kLumaDc, 0), 0);
-    ASSERT_EQ(t.build(kLumaAc, 1), 0);
-    const Code dc(kLumaDc), ac(kLumaAc);
-    for (int qmode = 0; qmode < 2; ++qmode) {
-        Quant q;
-        for (int k = 0; k < 64 && qmode; ++k) q.q->q[k] = static_cast<uint16_t>(1 + rng() % 255);
-        std::vector<Block> blocks = make_blocks(rng);
-        Writer w;
-        uint64_t want_ac[256] = {};
-        for (Block &b : blocks) {
-            encode(w, b, dc, ac);
-            for (int s : b.ac_symbols) ++want_ac[s];
-            want_ac[0] += b.lev[63] != 0;
-        }
-        const std::vector<uint8_t> stream = w.finish();
-        for (const auto &r : routines) {
-            Mem in(stream);
-            uint64_t dc_count[12] = {}, want_dc[12] = {}, ac_count[256] = {};
-            uint64_t *counts = qmode == 0 && r.last == 63 ? ac_count : nullptr;
-            for (size_t i = 0; i < blocks.size(); ++i) {
-                const Block &b = blocks[i];
-                int16_t diff = 1234, blk[64], want[64], dc_only = 7;
-                std::fill_n(blk, 64, r.last ? 0 : 0x5555);
-                std::fill_n(want, 64, r.last ? 0 : 0x5555);
-                bool any_ac = false;
-                for (int k = 1; k < 64; ++k) {
-                    any_ac = any_ac || b.lev[k];
-                    if (b.lev[k] && b.start[k] <= r.last) want[kivo_tbl_zig_to_ras[k]] = wrap16(b.lev[k] * q.q->q[k]);
+    std::unique_ptr<kivoe_ctx, void (*)(void *)> ctx(static_cast<kivoe_ctx *>(std::calloc(1, sizeof(kivoe_ctx))), std::free);
+    kivoe_init_huff_tbl(ctx.get());
+    for (int opt = 0; opt < 2; ++opt) {
+        const std::vector<Block> blocks = make_blocks(rng, 10 + opt);
+        auto dcs = std::make_unique<kivoe_dc_tbl[]>(2);
+        auto acs = std::make_unique<kivoe_ac_tbl[]>(2);  // statistics twins, from 0
+        for (int id = 0; id < 2; ++id)
+            for (const Block &b : blocks)
+                for (int into_ctx = 0; into_ctx <= opt; ++into_ctx) {
+                    kivoe_vlc_dc_stat(nullptr, into_ctx ? &ctx->dc_tbl[id] : &dcs[id], b[0]);
+                    kivoe_vlc_ac_stat(nullptr, into_ctx ? &ctx->ac_tbl[id] : &acs[id], b.data());
                 }
-                ++want_dc[category(b.lev[0])];
-                ASSERT_EQ(kivod_vld_dc(&in.bs, static_cast<int16_t>(q.q->q[0]), &t.dc[0], dc_count, &diff), 0);
-                ASSERT_EQ(diff, wrap16(b.lev[0] * q.q->q[0])) << "block " << i;
-                ASSERT_EQ(r.fn(&in.bs, q.q.get(), &t.ac[0], counts, blk, &dc_only), 0);
-                for (int j = 0; j < 64; ++j) ASSERT_EQ(blk[j], want[j]) << "routine " << r.last << " block " << i << " at " << j;
-                ASSERT_EQ(dc_only, r.last == 0 || !any_ac ? 1 : 0) << "block " << i;
+        if (opt) {
+            ASSERT_EQ(kivoe_opt_huff_tbl(ctx.get()), 0);
+            EXPECT_GT(ctx->ac_tbl[0].by_symbol[0x0B].len, 0);
+        }
+        for (int id = 0; id < 2; ++id) {
+            const uint64_t *want_dc = dcs[id].counter, *want_ac = acs[id].counter;
+            const std::vector<uint8_t> bytes = code(ctx.get(), id, blocks);
+            EXPECT_NE(std::find(bytes.begin(), bytes.end() - 2, 0xFF), bytes.end() - 2);  // stuffing is exercised
+            Tables t;
+            ASSERT_TRUE(t.build(ctx->huff_spec[2 * id]) == 0 && t.build(ctx->huff_spec[2 * id + 1]) == 0);
+            for (int qmode = 0; qmode < 2; ++qmode) {
+                Quant q;
+                for (int k = 0; k < 64 && qmode; ++k) q.q->q[k] = static_cast<uint16_t>(1 + rng() % 255);
+                for (const auto &r : routines) {
+                    Mem in(bytes);
+                    uint64_t dc_count[12] = {}, ac_count[256] = {};
+                    uint64_t *counts = qmode == 0 && r.last == 63 ? ac_count : nullptr;
+                    for (size_t i = 0; i < blocks.size(); ++i) {
+                        const Block &b = blocks[i];
+                        int16_t diff = 1234, blk[64], want[64], dc_only = 7;
+                        std::fill_n(blk, 64, r.last ? 0 : 0x5555);
+                        std::fill_n(want, 64, r.last ? 0 : 0x5555);
+                        bool any_ac = false;
+                        for (int z = 1, next = 1; z < 64; ++z) {  // next: the position after the last one sent
+                            const int k = kivo_tbl_zig_to_ras[z];
+                            if (b[k] == 0) continue;
+                            if (next + (z - next) / 16 * 16 <= r.last) want[k] = wrap16(b[k] * q.q->q[z]);
+                            any_ac = true, next = z + 1;
+                        }
+                        ac_count[0] -= counts && b[63] != 0;  // the end-of-block counted after position 63
+                        ASSERT_EQ(kivod_vld_dc(&in.bs, static_cast<int16_t>(q.q->q[0]), &t.dc[0], dc_count, &diff), 0);
+                        ASSERT_EQ(diff, wrap16(b[0] * q.q->q[0])) << "block " << i;
+                        ASSERT_EQ(r.fn(&in.bs, q.q.get(), &t.ac[0], counts, blk, &dc_only), 0);
+                        for (int j = 0; j < 64; ++j) ASSERT_EQ(blk[j], want[j]) << "routine " << r.last << " block " << i << " at " << j;
+                        ASSERT_EQ(dc_only, r.last == 0 || !any_ac ? 1 : 0) << "block " << i;
+                    }
+                    for (int c = 0; c < 12; ++c) EXPECT_EQ(dc_count[c], want_dc[c]) << "DC category " << c;
+                    for (int s = 0; s < 256 && counts; ++s) EXPECT_EQ(ac_count[s], want_ac[s]) << "symbol " << s;
+                    kivod_bs_align_byte(&in.bs);
+                    EXPECT_EQ(kivod_bs_read(&in.bs, 16), 0xFFD9u);
+                }
             }
-            for (int c = 0; c < 12; ++c) EXPECT_EQ(dc_count[c], want_dc[c]);
-            for (int s = 0; s < 256 && counts; ++s) EXPECT_EQ(ac_count[s], want_ac[s]) << "symbol " << s;
-            kivod_bs_align_byte(&in.bs);
-            EXPECT_EQ(kivod_bs_read(&in.bs, 16), 0xFFD9u);
         }
     }
-    int16_t diff = 0;
     // A re-quantized value of 2048 or more has no category.
     Quant q;
     for (int k = 0; k < 64; ++k) q.q->q[k] = 2, q.q->rq_mul[k] = 32767;
-    Block b;
-    b.lev[1] = 600;
-    Writer w2;
-    encode(w2, b, dc, ac);
-    Mem in2(w2.finish());
-    int16_t blk[64] = {}, dc_only;
+    Block b{};
+    b[1] = 600;
+    Mem in(code(ctx.get(), 0, {b}));
+    Tables t;
+    ASSERT_TRUE(t.build(ctx->huff_spec[0]) == 0 && t.build(ctx->huff_spec[1]) == 0);
+    int16_t diff = 0, blk[64] = {}, dc_only;
     uint64_t counts[256] = {};
-    ASSERT_EQ(kivod_vld_dc(&in2.bs, 2, &t.dc[0], nullptr, &diff), 0);
-    EXPECT_EQ(kivod_vld_ac8(&in2.bs, q.q.get(), &t.ac[0], counts, blk, &dc_only), KIVO_ERR_UNAVAILABLE);
+    ASSERT_EQ(kivod_vld_dc(&in.bs, 2, &t.dc[0], nullptr, &diff), 0);
+    EXPECT_EQ(kivod_vld_ac8(&in.bs, q.q.get(), &t.ac[0], counts, blk, &dc_only), KIVO_ERR_UNAVAILABLE);
 }
 
 TEST(DecVld, MalformedCodes) {
@@ -587,8 +547,8 @@ TEST(DecVld, MalformedCodes) {
         const char *bits;
         int32_t dc_status, ac_status;
     } cases[] = {
-        {&kLumaAc, "00" "1111111111111111", 0, KIVO_ERR_MALFORMED},
-        {&kLumaAc, "1111111111111111", KIVO_ERR_MALFORMED, 0},
+        {&kLumaDc, "00" "1111111111111111", 0, KIVO_ERR_MALFORMED},
+        {&kLumaDc, "1111111111111111", KIVO_ERR_MALFORMED, 0},
         {&kLongSym, "00" "111111100" "1" "0", 0, KIVO_ERR_MALFORMED},  // longer than the symbol count allows
         {&kLongEob, "00" "0" "1" "111111100", 0, 0},
         {&bad_run, "00" "01", 0, KIVO_ERR_MALFORMED},
