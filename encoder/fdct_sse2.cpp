@@ -31,7 +31,8 @@ inline V operator*(V a, int32_t k) {
 
 // ka x + kb y for the eight 16-bit lanes of x and y, as 32-bit lanes.
 inline V rotate(__m128i x, __m128i y, int16_t ka, int16_t kb) {
-    const __m128i k = _mm_set1_epi32(static_cast<int32_t>(static_cast<uint16_t>(ka)) | (static_cast<int32_t>(kb) << 16));
+    const uint32_t pair = static_cast<uint32_t>(static_cast<uint16_t>(ka)) | static_cast<uint32_t>(static_cast<uint16_t>(kb)) << 16;
+    const __m128i k = _mm_set1_epi32(static_cast<int32_t>(pair));
     return {_mm_madd_epi16(_mm_unpacklo_epi16(x, y), k), _mm_madd_epi16(_mm_unpackhi_epi16(x, y), k)};
 }
 
