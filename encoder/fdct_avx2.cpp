@@ -3,6 +3,7 @@
 #include <immintrin.h>
 
 #include "encoder/enc_simd.h"
+#include "encoder/fdct_x86.h"
 
 namespace {
 
@@ -62,21 +63,10 @@ inline void store_low16(int16_t *dst, __m256i v) {
 }  // namespace
 
 void kivoe_fdct8_avx2(int16_t *blk) {
-    // Columns of the block as vectors over the rows (a 16-bit transpose),
-    // widened and level-shifted.
-    __m128i r[8];
-    for (int i = 0; i < 8; ++i) r[i] = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blk + 8 * i));
-    const __m128i a0 = _mm_unpacklo_epi16(r[0], r[1]), a1 = _mm_unpackhi_epi16(r[0], r[1]);
-    const __m128i a2 = _mm_unpacklo_epi16(r[2], r[3]), a3 = _mm_unpackhi_epi16(r[2], r[3]);
-    const __m128i a4 = _mm_unpacklo_epi16(r[4], r[5]), a5 = _mm_unpackhi_epi16(r[4], r[5]);
-    const __m128i a6 = _mm_unpacklo_epi16(r[6], r[7]), a7 = _mm_unpackhi_epi16(r[6], r[7]);
-    const __m128i b0 = _mm_unpacklo_epi32(a0, a2), b1 = _mm_unpackhi_epi32(a0, a2);
-    const __m128i b2 = _mm_unpacklo_epi32(a1, a3), b3 = _mm_unpackhi_epi32(a1, a3);
-    const __m128i b4 = _mm_unpacklo_epi32(a4, a6), b5 = _mm_unpackhi_epi32(a4, a6);
-    const __m128i b6 = _mm_unpacklo_epi32(a5, a7), b7 = _mm_unpackhi_epi32(a5, a7);
-    const __m128i col[8] = {_mm_unpacklo_epi64(b0, b4), _mm_unpackhi_epi64(b0, b4), _mm_unpacklo_epi64(b1, b5),
-                            _mm_unpackhi_epi64(b1, b5), _mm_unpacklo_epi64(b2, b6), _mm_unpackhi_epi64(b2, b6),
-                            _mm_unpacklo_epi64(b3, b7), _mm_unpackhi_epi64(b3, b7)};
+    // Columns of the block as vectors over the rows, widened and
+    // level-shifted.
+    __m128i col[8];
+    load_columns(blk, col);
     const __m256i shift = _mm256_set1_epi32(128);
     __m256i x[8];
     for (int k = 0; k < 8; ++k) x[k] = _mm256_sub_epi32(_mm256_cvtepi16_epi32(col[k]), shift);

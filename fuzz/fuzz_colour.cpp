@@ -31,12 +31,7 @@ fz::Result convert(const Plan &p, const uint8_t *data, size_t n, uint8_t pattern
     const kivo_tpool *pool = p.threads ? fz::pool(p.threads) : nullptr;
     const int32_t ps = kivoc_pixel_size(p.format);
     fz::Image img;
-    if (!img.make(p.cs, p.w, p.h, p.extra, p.extra_lines, p.margin)) {
-        img.img = xelo_imgb{};
-        img.img.width = p.w;
-        img.img.height = p.h;
-        img.img.color_format = p.cs;
-    }
+    img.make(p.cs, p.w, p.h, p.extra, p.extra_lines, p.margin);  // a bare record when xelo lacks the layout
     img.fill(pattern);
     std::vector<uint8_t> packed(p.size + 64, pattern);
     if (p.to_packed) {

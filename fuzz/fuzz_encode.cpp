@@ -166,13 +166,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const uint32_t mask = fz::cpu_mask(in.byte());
     const uint32_t fail_at = in.pick(24);
     fz::Image img;
-    if (!img.make(p.cs, p.w, p.h, p.extra, p.extra_lines, p.margin)) {
-        // A layout xelo does not describe still reaches the push checks.
-        img.img = xelo_imgb{};
-        img.img.width = p.w;
-        img.img.height = p.h;
-        img.img.color_format = p.cs;
-    }
+    img.make(p.cs, p.w, p.h, p.extra, p.extra_lines, p.margin);  // a bare record when xelo lacks the layout
     const kivoe_create_param cp{1, p.w, p.h, p.quality, p.cs, fz::pool(p.threads)};
     std::vector<uint8_t> out;
 

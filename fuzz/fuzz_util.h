@@ -63,15 +63,16 @@ struct Image {
 
     // Plane p: line distance vis_w + extra[p], lines vis_h + extra_lines[p],
     // starting `margin[p]` bytes into its block. False for a layout xelo
-    // does not describe.
+    // does not describe, which leaves a record of the size and layout
+    // without planes (such a record still reaches the callers' checks).
     bool make(int32_t cs, int32_t w, int32_t h, const int32_t extra[4], const int32_t extra_lines[4],
               const int32_t margin[4]) {
-        int32_t n = 0;
-        if (xelo_cs_planes(cs, w, h, vis_w, vis_h, &n) != 0) return false;
         img = xelo_imgb{};
         img.width = w;
         img.height = h;
         img.color_format = cs;
+        int32_t n = 0;
+        if (xelo_cs_planes(cs, w, h, vis_w, vis_h, &n) != 0) return false;
         for (int p = 0; p < n; ++p) {
             if (vis_w[p] == 0) continue;
             img.stride[p] = vis_w[p] + extra[p];
