@@ -281,4 +281,33 @@ int32_t kivoe_enc_pic(kivoe_ctx *ctx);
 int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job);
 int32_t kivoe_segment_job(void *job);
 
+// ---- coefficient pictures: progressive output and lossless re-encoding (coefpic.cpp) ----------------
+// A picture held as quantized levels. Component c has blk_w[c] x blk_h[c]
+// blocks (at least the MCU-padded count) in raster order, 64 levels each in
+// natural (row-major) order; a row of blocks is blk_w[c] * 64 levels long.
+struct kivoe_coef_pic {
+    int32_t width;   // samples
+    int32_t height;
+    int32_t n_comp;  // 1, 3 or 4
+    uint8_t id[4];   // component identifiers
+    uint8_t h[4];    // sampling factors
+    uint8_t v[4];
+    uint8_t tq[4];       // quantization table of each component
+    uint16_t qt[4][64];  // quantization tables by identifier, natural order
+    int32_t blk_w[4];
+    int32_t blk_h[4];
+    const int16_t *coef[4];
+    const kivod_app_node *app_list;  // APPn segments written after SOI, or null
+    const uint8_t *trailer;          // bytes written after EOI, or null
+    int32_t trailer_len;
+};
+
+enum kivoe_coding { KIVOE_CODING_BASELINE = 0, KIVOE_CODING_PROGRESSIVE = 1 };
+
+// Codes a coefficient picture as a whole stream into bs: baseline with
+// Huffman tables optimised for its levels, or progressive with the scan
+// script for its component count and tables optimised per scan. Returns 0 or
+// a negative status; an output too small for the stream sets bs->overflow.
+int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw *bs);
+
 #endif
