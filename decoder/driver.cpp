@@ -364,7 +364,9 @@ int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb) {
 }
 
 int32_t kivod_mcu_rows_total(const kivod_ctx *ctx) {
-    const int32_t unit = 8 * (ctx->fh.v_max ? ctx->fh.v_max : 1);
+    // A single component is coded a block at a time whatever its sampling
+    // factors, so its MCU rows are block rows.
+    const int32_t unit = 8 * (ctx->fh.n_comp > 1 && ctx->fh.v_max ? ctx->fh.v_max : 1);
     return (ctx->fh.height + unit - 1) / unit;
 }
 
