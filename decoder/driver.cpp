@@ -61,6 +61,40 @@ int32_t fail(kivod_ctx *ctx, int32_t status) {
     return status;
 }
 
+// File input is read whole when the file's size is within the memory limit
+// and kWholeFile, and then decoded as memory input is: the reader's fast
+// paths and slices on every lent thread. Otherwise, or when that memory
+// cannot be had, it is read through the interface as it is decoded. A file
+// that reads short of its size fails with -109, as it would later.
+constexpr uint32_t kWholeFile = 1u << 30;
+
+int32_t read_whole_file(kivod_ctx *ctx) {
+    kivod_bs *bs = &ctx->main_bs;
+    const uint32_t size = bs->last + 1;  // 1 .. 2^32 - 1
+    if (size > kWholeFile || kivod_over(ctx->limits.max_memory, size)) return KIVO_OK;
+    uint8_t *copy = static_cast<uint8_t *>(std::malloc(size));
+    if (!copy) return KIVO_OK;
+    uint32_t got = 0;
+    while (got < size) {
+        const int32_t n = bs->mfal.read(bs->handle, copy + got, static_cast<int32_t>(size - got));
+        if (n <= 0 || static_cast<uint32_t>(n) > size - got) break;
+        got += static_cast<uint32_t>(n);
+    }
+    if (got < size) {
+        std::free(copy);
+        return KIVO_ERR_IO;
+    }
+    kivod_bs_deinit(bs);
+    xelo_bitb bitb{};
+    bitb.addr = copy;
+    bitb.ssize = static_cast<int32_t>(size);
+    const kivod_input in{KIVOD_INPUT_BITB, &bitb, nullptr};
+    std::memset(bs, 0, sizeof(*bs));
+    kivod_bs_init(bs, &in);  // cannot fail on a non-empty block
+    ctx->file_copy = copy;
+    return KIVO_OK;
+}
+
 // Bytes of a frame buffer, or 0 when it would not fit the address space.
 size_t buffer_bytes(uint64_t a, uint64_t b, uint64_t c) {
     uint64_t n = a * b * c;  // each factor is below 2^20, so no 64-bit overflow
@@ -142,6 +176,7 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
         std::memset(&ctx->main_bs, 0, sizeof(ctx->main_bs));
         return ret;
     }
+    if (ctx->main_bs.type == KIVOD_INPUT_MFAL && read_whole_file(ctx) != 0) return fail(ctx, KIVO_ERR_IO);
     kivod_bs *bs = &ctx->main_bs;
     if (kivod_vld_soi(bs) != 0) return fail(ctx, KIVO_ERR_MALFORMED);
 

@@ -179,6 +179,9 @@ void kivod_release_app_list(kivod_ctx *ctx) {
     ctx->app_list = nullptr;
     ctx->app_last = nullptr;
     ctx->app_owned = 0;
+    // The nodes may point into the copy of a file read whole.
+    std::free(ctx->file_copy);
+    ctx->file_copy = nullptr;
 }
 
 void kivod_release_frame_buffers(kivod_ctx *ctx) {

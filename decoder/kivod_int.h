@@ -345,6 +345,7 @@ struct kivod_ctx {
     kivod_app_node *app_list;
     kivod_app_node *app_last;  // last node of app_list, so that appending takes constant time
     int32_t app_owned;         // 1 when the nodes' data are copies (file input) the list frees
+    uint8_t *file_copy;        // file input read whole, decoded as memory (freed with the APPn list)
     kivod_proc proc;
 };
 

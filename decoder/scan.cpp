@@ -155,7 +155,21 @@ struct Slice {
     alignas(16) uint32_t mag[2][64];  // coefficient magnitudes, luma and chroma
     uint32_t mag_unkept[64];          // magnitudes of rows that count for no statistics
     alignas(16) uint8_t mcu_buf[4][32 * 32];
+    // The MCU's blocks in coding order, walked by one flat loop (a loop
+    // whose trip count changed from component to component mispredicted
+    // at the end of every block row).
+    struct McuBlock {
+        uint8_t k, v, h;
+    } blocks[10];
+    int n_blocks;
 };
+
+void list_blocks(Slice &j) {
+    j.n_blocks = 0;
+    for (int k = 0; k < j.ns; ++k)
+        for (int v = 0; v < j.sc[k].v; ++v)
+            for (int h = 0; h < j.sc[k].h; ++h) j.blocks[j.n_blocks++] = {uint8_t(k), uint8_t(v), uint8_t(h)};
+}
 
 void flush_magnitudes(Slice &j) {
     kivod_work *w = j.w;
@@ -215,45 +229,41 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
     kivod_ctx *ctx = j.ctx;
     const bool restarts = j.interval != 0;
     kivod_win win{};
-    for (int k = 0; k < j.ns; ++k) {
+    for (int b = 0; b < j.n_blocks; ++b) {
+        const int k = j.blocks[b].k, v = j.blocks[b].v, h = j.blocks[b].h;
         ScanComp &s = j.sc[k];
-        const bool luma = s.c == 0;
-        for (int v = 0; v < s.v; ++v) {
-            for (int h = 0; h < s.h; ++h) {
-                int16_t *blk = w->blk;
-                int16_t diff, dc_only;
-                if (!decode_block(bs, &win, s, j.vld_blk, restarts, held, blk, &diff, &dc_only)) {
-                    kivod_win_close(&win, bs);
-                    return false;
-                }
-                w->dc_pred[k] = add16(w->dc_pred[k], diff);
-                blk[0] = w->dc_pred[k];
-                if (j.stats) {
-                    const int32_t level = (blk[0] + 1024) >> 3;
-                    if (luma) {
-                        w->dc_level_sum += level;
-                        w->stat_luma[0] += level;
-                        ++w->n_luma;
-                    } else {
-                        w->stat_chroma[0] += level;
-                        ++w->n_chroma;
-                    }
-                    // The block decoder has added the AC magnitudes.
-                    if (!dc_only && ++j.mag_blocks == kMagFlush) flush_magnitudes(j);
-                }
-                const kivod_idct_fn fn = dc_only ? j.idct_dc : j.idct;
-                if (j.mode == KIVOD_OUT_DIRECT) {
-                    kivod_out_block(j.img, s.c, s.col + h, s.row + v, fn, blk);
-                } else if (j.mode == KIVOD_OUT_PACKED) {
-                    fn(blk, 32, j.mcu_buf[k] + 32 * 8 * v + 8 * h);
-                } else {
-                    const int32_t line = v * j.nblk + s.fill;
-                    fn(blk, ctx->line_w[s.c],
-                       w->strip[k] + static_cast<ptrdiff_t>(line) * ctx->line_w[s.c] + (s.col + h) * j.nblk);
-                }
-                std::memset(blk, 0, 128);
-            }
+        int16_t *blk = w->blk;
+        int16_t diff, dc_only;
+        if (!decode_block(bs, &win, s, j.vld_blk, restarts, held, blk, &diff, &dc_only)) {
+            kivod_win_close(&win, bs);
+            return false;
         }
+        w->dc_pred[k] = add16(w->dc_pred[k], diff);
+        blk[0] = w->dc_pred[k];
+        if (j.stats) {
+            const int32_t level = (blk[0] + 1024) >> 3;
+            if (s.c == 0) {
+                w->dc_level_sum += level;
+                w->stat_luma[0] += level;
+                ++w->n_luma;
+            } else {
+                w->stat_chroma[0] += level;
+                ++w->n_chroma;
+            }
+            // The block decoder has added the AC magnitudes.
+            if (!dc_only && ++j.mag_blocks == kMagFlush) flush_magnitudes(j);
+        }
+        const kivod_idct_fn fn = dc_only ? j.idct_dc : j.idct;
+        if (j.mode == KIVOD_OUT_DIRECT) {
+            kivod_out_block(j.img, s.c, s.col + h, s.row + v, fn, blk);
+        } else if (j.mode == KIVOD_OUT_PACKED) {
+            fn(blk, 32, j.mcu_buf[k] + 32 * 8 * v + 8 * h);
+        } else {
+            const int32_t line = v * j.nblk + s.fill;
+            fn(blk, ctx->line_w[s.c],
+               w->strip[k] + static_cast<ptrdiff_t>(line) * ctx->line_w[s.c] + (s.col + h) * j.nblk);
+        }
+        std::memset(blk, 0, 128);
     }
     kivod_win_close(&win, bs);
     if (j.mode == KIVOD_OUT_PACKED) kivod_out_pack_mcu(ctx, j.mcu_buf, j.sc[0].col * 8, j.sc[0].row * 8);
@@ -421,6 +431,7 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     std::memset(w->dc_count, 0, sizeof(w->dc_count));
     std::memset(w->ac_count, 0, sizeof(w->ac_count));
     setup_comps(ctx, j.sc, w->dc_count, w->ac_count);
+    list_blocks(j);
     for (int k = 0; k < j.ns; ++k) {
         j.sc[k].row = w->start_row[k];
         j.sc[k].t.mag = j.mag[j.sc[k].c == 0 ? 0 : 1];

@@ -102,7 +102,11 @@ KIVO_API int32_t kivod_get_stats(kivod_ctx *ctx, kivod_stats *stats);
  *                  limit stay decoded in the buffer
  *   max_memory     bytes the decoder allocates for one picture: the frame
  *                  buffers (kivod_decode: -102), with the resizers a
- *                  reduced or resized output adds (kivod_clone: -102)
+ *                  reduced or resized output adds (kivod_clone: -102).
+ *                  File input is read whole (and then decodes on every
+ *                  lent thread) when its size is within this limit and
+ *                  1 GiB; a larger file is read as it is decoded, on one
+ *                  thread, and is not refused for its size
  *   max_app_bytes  bytes of the kept APPn segments, each counted with its
  *                  list node                         kivod_decode: -102 */
 typedef struct kivod_limits {

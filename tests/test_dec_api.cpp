@@ -354,27 +354,37 @@ TEST(DecApi, FileInterface) {
     }
     std::remove(path.c_str());
 
-    // Reads that fail or come up short anywhere in the headers give -109
-    // (tables are read again after a seek, the APPn copy in one read), and
-    // the APPn copy made before a failure is freed (LeakSanitizer).
-    CutFile file{s, 0, 0, 0};
+    // Reads that fail or come up short give -109, and the APPn copy made
+    // before a failure is freed (LeakSanitizer). A file within the memory
+    // limit is read whole before anything is decoded; one above it is read
+    // as it is decoded (tables again after a seek, the APPn copy in one
+    // read), so a read failing in the picture's data fails kivod_clone.
+    std::vector<uint8_t> padded = s;  // bytes after EOI make the file larger than the frame's buffers
+    padded.resize(s.size() + 1024);
+    CutFile file{padded, 0, 0, 0};
     kivo_mfal cut = cut_file(&file);
     in.mfal = &cut;
-    for (;; ++file.budget) {
-        const int32_t status = kivod_decode(h.ctx, &in, &info);
-        if (status == 0) break;
-        ASSERT_EQ(status, KIVO_ERR_IO) << file.budget;
-        ASSERT_LT(file.budget, 2 * s.size());
-    }
-    // Reads that fail inside the picture's data: -109 from kivod_clone,
-    // until the budget covers the whole file.
     xelo_imgb *c = make_img(24, 80, XELO_CS_YCBCR400);
-    for (;; ++file.budget) {
-        ASSERT_EQ(kivod_decode(h.ctx, &in, &info), 0);
-        const int32_t status = kivod_clone(h.ctx, c);
-        if (status == 0) break;
-        ASSERT_EQ(status, KIVO_ERR_IO) << file.budget;
-        ASSERT_LT(file.budget, 2 * s.size());
+    for (const int64_t max_memory : {int64_t(0), int64_t(padded.size() - 1)}) {
+        const kivod_limits limits{0, 0, max_memory, 0};
+        ASSERT_EQ(kivod_set_limits(h.ctx, &limits), 0);
+        for (file.budget = 0;; ++file.budget) {
+            const int32_t status = kivod_decode(h.ctx, &in, &info);
+            if (status == 0) break;
+            ASSERT_EQ(status, KIVO_ERR_IO) << file.budget;
+        }
+        EXPECT_EQ(file.budget == padded.size(), max_memory == 0) << file.budget;
+        const size_t headers = file.budget;
+        for (;; ++file.budget) {
+            ASSERT_EQ(kivod_decode(h.ctx, &in, &info), 0);
+            const int32_t status = kivod_clone(h.ctx, c);
+            if (status == 0) break;
+            ASSERT_EQ(status, KIVO_ERR_IO) << file.budget;
+        }
+        EXPECT_EQ(file.budget == padded.size(), max_memory == 0) << file.budget;
+        EXPECT_EQ(file.budget > headers, max_memory != 0) << file.budget;
+        for (int y = 0; y < 80; ++y)
+            for (int x = 0; x < 24; ++x) ASSERT_EQ(c->plane[0][y * c->stride[0] + x], b.at(x, y));
     }
     c->release(c);
 }

@@ -19,15 +19,12 @@ struct Decoder {
     kivo_tpool pool{};
     kivod_ctx *ctx = nullptr;
     kivo_mfal mfal{};
-    std::vector<uint8_t> bytes;
-    xelo_bitb bitb{};
     kivod_input input{};
     kivod_frame_info info{};
     kivod_app_node *apps = nullptr;
 
-    // A file is read through the file interface, or loaded into memory
-    // first when several threads are to share its decoding (a file has one
-    // read position, so file input decodes on one thread).
+    // The file goes through the library's file interface, which reads it
+    // whole and decodes it on every thread of the pool.
     int32_t open(const char *path, int threads, const kivod_limits &limits) {
         kivo_tpool_std(&pool, threads);
         kivod_create_param param{1, &pool};
@@ -36,18 +33,9 @@ struct Decoder {
         if (!ctx) return status;
         status = kivod_set_limits(ctx, &limits);
         if (status != 0) return status;
-        if (threads > 1) {
-            if (!read_file(path, &bytes)) return KIVO_ERR_OPEN;
-            if (bytes.size() > 0x7FFFFFFFu) return KIVO_ERR_INVALID_ARG;
-            bitb.addr = bytes.data();
-            bitb.ssize = static_cast<int32_t>(bytes.size());
-            input.type = KIVOD_INPUT_BITB;
-            input.bitb = &bitb;
-        } else {
-            kivo_mfal_file(&mfal, path);
-            input.type = KIVOD_INPUT_MFAL;
-            input.mfal = &mfal;
-        }
+        kivo_mfal_file(&mfal, path);
+        input.type = KIVOD_INPUT_MFAL;
+        input.mfal = &mfal;
         info.app_list = &apps;
         return kivod_decode(ctx, &input, &info);
     }
