@@ -123,12 +123,12 @@ inline uint8_t dc_value(int16_t c0) {
     return static_cast<uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v));
 }
 
-// Fills an n x n block with one value, one row store at a time.
+// Fills an n x n block with one value, one row store at a time (the row is
+// one integer: a memset of a local row is a library call on ARMv7).
 template <int n>
 inline void fill_block(uint8_t v, int32_t stride, uint8_t *dst) {
-    uint8_t row[n];
-    std::memset(row, v, n);
-    for (int i = 0; i < n; i++) std::memcpy(dst + static_cast<ptrdiff_t>(i) * stride, row, n);
+    const uint64_t row = v * 0x0101010101010101ull;
+    for (int i = 0; i < n; i++) std::memcpy(dst + static_cast<ptrdiff_t>(i) * stride, &row, n);
 }
 
 }  // namespace

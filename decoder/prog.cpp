@@ -4,6 +4,7 @@
 // thread.
 #include <cstring>
 
+#include "common/block.h"
 #include "decoder/bs_inline.h"
 #include "decoder/out.h"
 
@@ -325,7 +326,7 @@ int32_t kivod_dec_pic_prog(kivod_ctx *ctx, kivod_work *w) {
                 int16_t *coef = ctx->coef_buf[c] + (static_cast<size_t>(r) * ctx->prog_blk_w[c] + col) * 64;
                 for (int i = 0; i < 64; ++i) coef[i] = low16(static_cast<uint32_t>(coef[i]) * q.q[i]);
                 if (c == 0) w->dc_level_sum += (coef[0] + 1024) >> 3;
-                std::memcpy(blk, coef, sizeof(blk));
+                kivo::copy_block(blk, coef);
                 if (mode == KIVOD_OUT_DIRECT) kivod_out_block(img, c, col, r, idct, blk);
                 else idct(blk, line_w, strip + static_cast<ptrdiff_t>(fill) * line_w + col * n);
             }

@@ -2,32 +2,13 @@
 // to the next (followed alike by the skim and by the slices), and the slice
 // job that decodes blocks, reconstructs them and writes them out.
 #include <cstring>
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#elif defined(__ARM_NEON)
-#include <arm_neon.h>
-#endif
 
+#include "common/block.h"
 #include "decoder/bs_inline.h"
 #include "decoder/out.h"
 #include "xelo/xelo_int.h"
 
 namespace {
-
-// Zeroes a block of coefficients with vector stores: compilers make a
-// 128-byte memset a rep stos on x86-64 and a library call on ARMv7, both
-// slow for one block.
-inline void clear_block(int16_t *blk) {
-#if defined(__SSE2__)
-    const __m128i z = _mm_setzero_si128();
-    for (int i = 0; i < 64; i += 8) _mm_storeu_si128(reinterpret_cast<__m128i *>(blk + i), z);
-#elif defined(__ARM_NEON)
-    const int16x8_t z = vdupq_n_s16(0);
-    for (int i = 0; i < 64; i += 8) vst1q_s16(blk + i, z);
-#else
-    std::memset(blk, 0, 128);
-#endif
-}
 
 // Geometry of one scan component inside the slice job.
 struct ScanComp {
@@ -88,7 +69,7 @@ inline bool decode_block(kivod_bs *bs, kivod_win *win, const ScanComp &s, kivod_
     *dc_only = 1;
     if (blk) {
         for (int i = 0; i < 64; ++i) s.t.mag[i] -= static_cast<uint32_t>(blk[i] < 0 ? -blk[i] : blk[i]);
-        clear_block(blk);
+        kivo::clear_block(blk);
     }
     return restarts;
 }
@@ -283,7 +264,7 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
             fn(blk, ctx->line_w[s.c],
                w->strip[k] + static_cast<ptrdiff_t>(line) * ctx->line_w[s.c] + (s.col + h) * j.nblk);
         }
-        clear_block(blk);
+        kivo::clear_block(blk);
     }
     kivod_win_close(&win, bs);
     if (j.mode == KIVOD_OUT_PACKED) kivod_out_pack_mcu(ctx, j.mcu_buf, j.sc[0].col * 8, j.sc[0].row * 8);

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/block.h"
 #include "encoder/kivoe_int.h"
 
 #if defined(__SSE2__)
@@ -409,13 +410,13 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                         }
                         p.fdct8(blk);
                         if (ctx->jnd_suppress) kivoe_jnd_thresholds(blk[0], thr);
-                        if (keep) std::memcpy(coef, blk, sizeof(coef));
+                        if (keep) kivo::copy_block(coef, blk);
                         if (ctx->adaptive_rounding) p.quant_rdoq(blk, cc.q->recip, cc.offset);
                         else p.quant(blk, cc.q->recip, cc.offset);
                         if (ctx->jnd_suppress) kivoe_jnd_suppress(blk, coef, cc.q->q, thr);
                         if (ctx->adaptive_rounding) kivoe_update_offset(blk, coef, cc.q->q, cc.q->recip, cc.adapt);
                         if (kept) {
-                            std::memcpy(kept, blk, 64 * sizeof(int16_t));
+                            kivo::copy_block(kept, blk);
                             kept += 64;
                         }
                     }
