@@ -192,6 +192,13 @@ struct kivoe_ctx {
     // Line printed when an optimal code length passes 32 (null: the
     // encoder's own); the transcoder sets its own.
     const char *huff_overflow_msg;
+    // Progressive output (kivoe_set_progressive): the picture loop stores
+    // every block's levels in prog_levels (per component, raster order of
+    // blocks) and the coefficient-picture writer codes them. Adaptive
+    // rounding restarts every prog_chunk MCUs, whatever the thread count.
+    int32_t progressive;
+    int16_t *prog_levels[4];
+    int32_t prog_chunk;
 };
 
 // ---- handle (kivoe.cpp) --------------------------------------------------------------
@@ -289,6 +296,8 @@ void kivoe_pic_deinit(kivoe_ctx *ctx);
 int32_t kivoe_enc_pic(kivoe_ctx *ctx);
 int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job);
 int32_t kivoe_segment_job(void *job);
+// Encodes the picture of a planned encode as a progressive stream.
+int32_t kivoe_enc_progressive(kivoe_ctx *ctx);
 
 // ---- coefficient pictures: progressive output and lossless re-encoding (coefpic.cpp) ----------------
 // A picture held as quantized levels. Component c has blk_w[c] x blk_h[c]
