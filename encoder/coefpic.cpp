@@ -161,9 +161,29 @@ inline int32_t bit_length(uint32_t v) { return v ? 32 - __builtin_clz(v) : 0; }
 // Most correction bits an end-of-band run holds back before it is written.
 constexpr int32_t kCorrectionBits = 1000;
 
+// Bits on their way to the writer, which takes them 32 at a time.
+struct BitOut {
+    xelo_bsw *bs;
+    uint64_t acc;
+    int32_t n;  // 0 to 31
+
+    void put(uint32_t v, int32_t len) {  // len: 1 to 16
+        acc = acc << len | (v & ((1u << len) - 1));
+        n += len;
+        if (n >= 32) {
+            n -= 32;
+            xelo_bsw_write(bs, static_cast<uint32_t>(acc >> n), 32);
+        }
+    }
+    void drain() {
+        if (n) xelo_bsw_write(bs, static_cast<uint32_t>(acc), n);
+        n = 0;
+    }
+};
+
 // One table of a scan: counts symbols while counting, writes codes after.
 struct Coder {
-    xelo_bsw *bs;
+    BitOut *out;
     bool counting;
     uint64_t *counter;        // per symbol
     const kivoe_code *code;   // per symbol
@@ -173,10 +193,10 @@ struct Coder {
 
     void sym(int32_t s) {
         if (counting) ++counter[s];
-        else if (code[s].len) xelo_bsw_write(bs, code[s].code, code[s].len);
+        else if (code[s].len) out->put(code[s].code, code[s].len);
     }
     void bits(uint32_t v, int32_t n) {
-        if (!counting && n) xelo_bsw_write(bs, v, n);
+        if (!counting && n) out->put(v, n);
     }
     void correction_bits(const uint8_t *b, int32_t n) {
         for (int32_t i = 0; i < n; ++i) bits(b[i], 1);
@@ -320,6 +340,7 @@ struct Work {
     kivoe_ac_tbl ac[2];
     kivoe_huff_spec spec[4];
     Coder coder[2];
+    BitOut out;
 };
 
 // Codes one scan (counting when the coders count). A sequential scan goes
@@ -342,9 +363,10 @@ void code_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work
         });
         return;
     }
+    w.out = BitOut{bs, 0, 0};
     for (int32_t i = 0; i < 2; ++i) {
         Coder &t = w.coder[i];
-        t.bs = bs;
+        t.out = &w.out;
         t.counting = counting;
         t.eob_run = t.held = 0;
         t.counter = s.ss ? w.ac[i].counter : w.dc[i].counter;
@@ -358,6 +380,7 @@ void code_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work
         return true;
     });
     w.coder[0].flush_eob_run();
+    w.out.drain();
 }
 
 // Counts the scan's symbols, builds its tables and writes DHT, SOS and the
