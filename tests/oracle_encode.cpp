@@ -3,7 +3,8 @@
 // without warning within a PSNR of the picture, follow their stream plan,
 // and at quality 100 carry exactly the transform of every block (blocks
 // past the edge repeat the last column and row; interior luma blocks go
-// through the JND filter when it is on).
+// through the JND filter when it is on). Progressive streams and the
+// coefficient-picture writer: libjpeg-turbo reads back exactly the levels.
 #include <gtest/gtest.h>
 
 #include <algorithm>
