@@ -171,6 +171,13 @@ KIVO_API int32_t kivoe_config(kivoe_ctx *ctx, int32_t id, const void *value, con
     }
 }
 
+KIVO_API int32_t kivoe_set_progressive(kivoe_ctx *ctx, int32_t on) {
+    kivoe_ctx *c = checked(ctx);
+    if (!c || (on != 0 && on != 1)) return KIVO_ERR_INVALID_ARG;
+    c->progressive = on;
+    return KIVO_OK;
+}
+
 KIVO_API int32_t kivoe_push(kivoe_ctx *ctx, xelo_imgb *imgb) {
     kivoe_ctx *c = checked(ctx);
     if (!c) return KIVO_ERR_INVALID_ARG;

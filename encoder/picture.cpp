@@ -55,6 +55,7 @@ void append_bytes(xelo_bsw *bs, const uint8_t *src, size_t n) {
         n = room;
         bs->overflow = 1;
     }
+    if (!n) return;
     std::memcpy(bs->write_ptr, src, n);
     bs->write_ptr += n;
 }
@@ -98,15 +99,25 @@ int32_t kivoe_pic_init(kivoe_ctx *ctx) {
     const int32_t total = across * (ctx->blk_h[0] / ctx->fh.v[0]);
     int32_t n = kivo::thread_limit(ctx->tpool);
     if (n > total) n = total;
-    int32_t ri = (total + n / 2) / n, k = 1;
+    // A progressive encode plans its segments as for the most threads and
+    // gives each thread a run of them; adaptive rounding restarts where
+    // those segments start, so the levels do not depend on the thread count.
+    const int32_t plan_n = ctx->progressive ? (total < kivo::kMaxThreads ? total : kivo::kMaxThreads) : n;
+    int32_t ri = (total + plan_n / 2) / plan_n, k = 1;
     while (ri > 65535) {
         ri /= 2;
         k *= 2;
     }
-    const int32_t len = k * ri;
+    int32_t len = k * ri;
+    if (ctx->progressive) {
+        ctx->prog_chunk = len;
+        int32_t chunks = (total + len - 1) / len;
+        if (chunks > kivo::kMaxThreads) chunks = kivo::kMaxThreads;  // the last one takes the rest
+        len *= (chunks + n - 1) / n;
+    }
     const int32_t fit = (total + len - 1) / len;
     if (n > fit) n = fit;
-    if (n == 1) ri = 0;
+    if (n == 1 || ctx->progressive) ri = 0;
     ctx->rst_interval = ri;
     ctx->n_segments = n;
 
@@ -121,6 +132,12 @@ int32_t kivoe_pic_init(kivoe_ctx *ctx) {
         job->first_marker = static_cast<uint8_t>(0xD0 + (i * k) % 8);
         if (i == 0) {
             job->writer = &ctx->bs;
+            continue;
+        }
+        if (ctx->progressive) {
+            // The segments only keep levels: their writers stay empty.
+            job->writer = job->own_writer;
+            xelo_bsw_init(job->writer, nullptr, 0, nullptr);
             continue;
         }
         const int32_t size = ctx->bs.size;
@@ -170,17 +187,18 @@ int32_t kivoe_enc(kivoe_ctx *ctx, const kivoe_output *out, int32_t *written) {
         kivoe_pic_deinit(ctx);
         return KIVO_ERR_UNAVAILABLE;
     }
-    ret = p.analysis(ctx);
-    if (ret >= 0) {
-        p.header(ctx);
-        ret = p.pic(ctx);
+    if (ctx->progressive) {
+        ret = kivoe_enc_progressive(ctx);
+    } else {
+        ret = p.analysis(ctx);
+        if (ret >= 0) {
+            p.header(ctx);
+            ret = p.pic(ctx);
+        }
+        if (ret >= 0) p.vlc_footer(ctx);
     }
-    if (ret < 0) {
-        kivoe_pic_deinit(ctx);
-        return ret;
-    }
-    p.vlc_footer(ctx);
     kivoe_pic_deinit(ctx);
+    if (ret < 0) return ret;
     // A stream that does not fit the caller's memory is not handed out:
     // nothing was written past its end, but the stream is incomplete.
     if (ctx->bs.overflow) return KIVO_ERR_INVALID_ARG;
@@ -313,6 +331,53 @@ int32_t kivoe_analysis(kivoe_ctx *ctx) {
     return KIVO_OK;
 }
 
+namespace {
+
+// Levels kept for a progressive stream, at most 1 GiB (some 350 million
+// pixels in 4:2:0); larger pictures are refused with
+// KIVO_ERR_OUT_OF_MEMORY.
+constexpr uint64_t kMaxProgressiveBytes = uint64_t(1) << 30;
+
+}  // namespace
+
+int32_t kivoe_enc_progressive(kivoe_ctx *ctx) {
+    const kivoe_fh &fh = ctx->fh;
+    uint64_t bytes = 0;
+    for (int c = 0; c < fh.n_comp; ++c) {
+        // Format 40 declares chroma components without samples, which no
+        // scan can hold.
+        if (!fh.h[c] || !fh.v[c]) return KIVO_ERR_UNSUPPORTED;
+        bytes += uint64_t(ctx->blk_w[c]) * ctx->blk_h[c] * 64 * sizeof(int16_t);
+    }
+    if (bytes > kMaxProgressiveBytes) return KIVO_ERR_OUT_OF_MEMORY;
+    kivoe_coef_pic pic{};
+    pic.width = fh.width;
+    pic.height = fh.height;
+    pic.n_comp = fh.n_comp;
+    int32_t ret = KIVO_OK;
+    for (int c = 0; c < fh.n_comp; ++c) {
+        const size_t n = static_cast<size_t>(ctx->blk_w[c]) * ctx->blk_h[c] * 64;
+        ctx->prog_levels[c] = static_cast<int16_t *>(std::malloc(n * sizeof(int16_t)));
+        if (!ctx->prog_levels[c]) ret = KIVO_ERR_OUT_OF_MEMORY;
+        pic.id[c] = fh.comp_id[c];
+        pic.h[c] = fh.h[c];
+        pic.v[c] = fh.v[c];
+        pic.tq[c] = fh.tq[c];
+        pic.blk_w[c] = ctx->blk_w[c];
+        pic.blk_h[c] = ctx->blk_h[c];
+        pic.coef[c] = ctx->prog_levels[c];
+    }
+    for (int t = 0; t < 2; ++t) std::memcpy(pic.qt[t], ctx->qtbl[t].q, sizeof(pic.qt[t]));
+    pic.app_list = ctx->app_list;
+    if (ret == KIVO_OK) ret = ctx->proc.pic(ctx);
+    if (ret >= 0) ret = kivoe_write_coef_pic(&pic, KIVOE_CODING_PROGRESSIVE, &ctx->bs);
+    for (int16_t *&levels : ctx->prog_levels) {
+        std::free(levels);
+        levels = nullptr;
+    }
+    return ret;
+}
+
 int32_t kivoe_segment_job(void *arg) {
     kivoe_job *job = static_cast<kivoe_job *>(arg);
     const int32_t ret = kivoe_enc_dri(job->ctx, job);
@@ -376,6 +441,10 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
     }
 
     int16_t *blk = job->block;
+    // Progressive output: the levels go to the picture's level planes, and
+    // adaptive rounding restarts where each planned segment starts.
+    const bool prog = ctx->prog_levels[0] != nullptr;
+    const int32_t first_mcu = job->start_row[0] / fh.v[0] * (ctx->blk_w[0] / fh.h[0]) + job->start_col[0] / fh.h[0];
     // The statistics pass stores each block's levels where there is room;
     // the coding pass after it codes them as stored.
     const bool reuse = !job->counting && job->levels_kept;
@@ -387,6 +456,10 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
     const bool fused = p.vlc_dc == kivoe_vlc_dc && p.vlc_ac == kivoe_vlc_ac;
     int32_t counter = 0;
     for (int32_t m = 0; m < job->n_mcu; ++m) {
+        const int32_t at = first_mcu + m;
+        if (prog && ctx->adaptive_rounding && m && at % ctx->prog_chunk == 0 && at / ctx->prog_chunk < kivo::kMaxThreads)
+            for (int c = 0; c < nc; ++c)
+                for (int i = 0; i < 64; ++i) comp[c].adapt[i] = 8192;
         for (int c = 0; c < nc; ++c) {
             Comp &cc = comp[c];
             const int hf = fh.h[c], vf = fh.v[c];
@@ -418,6 +491,11 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                         if (kept) {
                             kivo::copy_block(kept, blk);
                             kept += 64;
+                        }
+                        if (prog) {
+                            std::memcpy(ctx->prog_levels[c] + (static_cast<size_t>(brow) * ctx->blk_w[c] + bcol) * 64, blk,
+                                        64 * sizeof(int16_t));
+                            continue;
                         }
                     }
                     const int32_t d = lv[0] - job->dc_pred[c];

@@ -26,6 +26,7 @@ struct Plan {
     int32_t cs, w, h, threads, quality;
     int32_t extra[4], extra_lines[4], margin[4];
     int32_t flags[4];  // KIVOE_CFG_JND_FILTER .. KIVOE_CFG_ADAPTIVE_ROUNDING
+    int32_t progressive;
     int32_t tables;    // 0: creation quality, 1: KIVOE_CFG_QUALITY, 2: KIVOE_CFG_QTBL, 3: kivoe_get_qtbl
     int32_t set_quality, level;
     uint8_t qtbl[128];
@@ -55,6 +56,7 @@ Plan read_plan(fz::Input &in) {
         p.extra[3] = p.extra[0];
     }
     for (int32_t &f : p.flags) f = in.byte() & 1;
+    p.progressive = in.byte() % 3 == 0;
     p.tables = in.pick(4);
     p.set_quality = int32_t(in.pick(104)) - 2;
     p.level = int32_t(in.pick(15)) - 1;
@@ -74,6 +76,7 @@ Encoded encode(kivoe_ctx *ctx, const Plan &p, fz::Image &img, std::vector<uint8_
     for (int i = 0; i < 4; ++i) kivoe_config(ctx, KIVOE_CFG_JND_FILTER + i, &p.flags[i], &four);
     if (p.tables == 1) kivoe_config(ctx, KIVOE_CFG_QUALITY, &p.set_quality, &four);
     if (p.tables == 2) kivoe_config(ctx, KIVOE_CFG_QTBL, p.qtbl, &all);
+    kivoe_set_progressive(ctx, p.progressive);
     r.status = kivoe_push(ctx, &img.img);
     if (r.status != 0) return r;
     if (p.tables == 3) {

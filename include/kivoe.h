@@ -37,6 +37,19 @@ typedef kivod_input kivoe_output;
 KIVO_API kivoe_ctx *kivoe_create(const kivoe_create_param *param, int32_t *status);
 KIVO_API void kivoe_delete(kivoe_ctx *ctx);
 KIVO_API int32_t kivoe_config(kivoe_ctx *ctx, int32_t id, const void *value, const int32_t *size);
+/* Progressive output (on: 1) or baseline (0, the default) for the next
+ * encodes; other values are refused (-105) and change nothing. A
+ * progressive stream has the same levels as the baseline one of the same
+ * settings (so the same pixels), coded in ten scans (three components;
+ * six for grey, eighteen for four) with Huffman tables optimised per scan,
+ * whatever KIVOE_CFG_OPT_HUFFMAN says, and no restart markers; it is
+ * usually a few percent smaller. It costs memory for every level of the
+ * picture: 128 bytes per 8x8 block (3 bytes a pixel in 4:2:0, 6 in 4:4:4),
+ * at most 1 GiB, beyond which kivoe_encode returns KIVO_ERR_OUT_OF_MEMORY
+ * (-102); and a second walk over the levels per scan. Format 40 has no
+ * progressive form (-103 at kivoe_encode). Threads still share the
+ * transform and quantization, and any thread count gives the same stream. */
+KIVO_API int32_t kivoe_set_progressive(kivoe_ctx *ctx, int32_t on);
 /* Takes the next picture; planes are used in place when stride[0] and
  * lines[0] are multiples of 16 (the buffer must then stay unchanged until
  * kivoe_encode returns), otherwise copied. */

@@ -49,9 +49,10 @@ TEST(Encoder, CreationAndConfiguration) {
     for (int i = 0; i < 128; ++i) q[i] = i == 5 ? 0 : 16;  // a zero quantizer byte becomes 1
     ASSERT_EQ(kivoe_config(e, KIVOE_CFG_QTBL, q, &s128), 0);
     EXPECT_TRUE(e->qtbl[0].q[5] == 1 && e->qtbl[0].recip[5] == 16384 && e->qtbl[1].recip[63] == 1024 && e->qtbl[1].half[63] == 8);
+    EXPECT_TRUE(kivoe_set_progressive(e, 2) == KIVO_ERR_INVALID_ARG && !e->progressive && kivoe_set_progressive(e, 1) == 0 && e->progressive);
     kivoe_ctx *dec = reinterpret_cast<kivoe_ctx *>(kivod_create(nullptr, nullptr));  // a decoder is not an encoder
     kivoe_delete(dec);
-    EXPECT_EQ(kivoe_config(dec, KIVOE_CFG_OPT_HUFFMAN, &v, &four), KIVO_ERR_INVALID_ARG);
+    EXPECT_TRUE(kivoe_config(dec, KIVOE_CFG_OPT_HUFFMAN, &v, &four) == KIVO_ERR_INVALID_ARG && kivoe_set_progressive(dec, 1) == KIVO_ERR_INVALID_ARG);
     kivod_delete(reinterpret_cast<kivod_ctx *>(dec));
     kivoe_delete(e);
 }

@@ -17,7 +17,8 @@ void usage() {
     std::fprintf(stderr,
                  "usage: kivo encode IN.{png,ppm,pgm,y4m,yuv} OUT.jpg [--sample 2x2|2x1|1x2|1x1|4x1 | --grayscale]\n"
                  "         [--format CODE|NAME --size WxH] [--quality Q] [--qtables FILE] [--perceptual LEVEL]\n"
-                 "         [--optimize] [--jnd-filter] [--jnd-suppress] [--adaptive-rounding] [--threads N]\n"
+                 "         [--optimize] [--progressive] [--jnd-filter] [--jnd-suppress] [--adaptive-rounding]\n"
+                 "         [--threads N]\n"
                  "  RGB input (PNG, PPM) is converted to YCbCr with the luma sampling factors of --sample\n"
                  "  (default 2x2, 4:2:0), or to grey; grey input (PGM, grey PNG) stays grey. Switches may\n"
                  "  also be spelled with one dash, as cjpeg's (-quality 90 -optimize -sample 1x1).\n"
@@ -26,7 +27,8 @@ void usage() {
                  "  in DIR or beside the input, --threads files at once.\n"
                  "  a .yuv input holds raw planes in component order without padding; --format takes\n"
                  "  400 420 422 444 440 411 k400 k420 k422 k444 k440 or a colour format code.\n"
-                 "  --qtables FILE: 128 numbers (luma then chroma quantizers, raster order).\n");
+                 "  --qtables FILE: 128 numbers (luma then chroma quantizers, raster order).\n"
+                 "  --progressive: a progressive stream of the same levels, tables optimised per scan.\n");
 }
 
 bool read_qtables(const std::string &path, uint8_t out[128]) {
@@ -77,6 +79,7 @@ xelo_imgb *read_rgb_picture(const std::string &path, int32_t cs, const kivo_tpoo
 struct Settings {
     int32_t cs = 0, w = 0, h = 0, quality = 90, level = -1, sample = XELO_CS_YCBCR420;
     int32_t flags[4] = {0, 0, 0, 0};  // optimize, jnd filter, jnd suppress, adaptive rounding
+    bool progressive = false;
     bool has_qtables = false;
     uint8_t qtables[128];
 };
@@ -103,6 +106,7 @@ bool encode_file(const std::string &in, const std::string &out, Settings st, int
     const int32_t ids[4] = {KIVOE_CFG_OPT_HUFFMAN, KIVOE_CFG_JND_FILTER, KIVOE_CFG_JND_SUPPRESS,
                             KIVOE_CFG_ADAPTIVE_ROUNDING};
     for (int i = 0; i < 4; ++i) kivoe_config(enc, ids[i], &st.flags[i], &four);
+    kivoe_set_progressive(enc, st.progressive);
     if (st.has_qtables) status = kivoe_config(enc, KIVOE_CFG_QTBL, st.qtables, &size);
     const auto t0 = std::chrono::steady_clock::now();
     if (status == 0) status = kivoe_push(enc, img);
@@ -164,6 +168,7 @@ int cmd_encode(int argc, char **argv) {
         else if (a == "--sample" && has) st.sample = sample_format(argv[++i]);
         else if (a == "--grayscale" || a == "--greyscale") st.sample = XELO_CS_YCBCR400;
         else if (a == "--optimize") st.flags[0] = 1;
+        else if (a == "--progressive") st.progressive = true;
         else if (a == "--jnd-filter") st.flags[1] = 1;
         else if (a == "--jnd-suppress") st.flags[2] = 1;
         else if (a == "--adaptive-rounding") st.flags[3] = 1;

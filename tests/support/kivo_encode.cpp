@@ -38,6 +38,7 @@ Encoded encode(int32_t cs, int w, int h, const std::vector<testpic::Plane> &plan
     const int32_t flags[4] = {o.optimize, o.jnd_filter, o.jnd_suppress, o.adaptive_rounding};
     const int32_t ids[4] = {KIVOE_CFG_OPT_HUFFMAN, KIVOE_CFG_JND_FILTER, KIVOE_CFG_JND_SUPPRESS, KIVOE_CFG_ADAPTIVE_ROUNDING};
     for (int i = 0; i < 4; ++i) kivoe_config(enc, ids[i], &flags[i], &four);
+    kivoe_set_progressive(enc, o.progressive);
     quality_tables(o.quality, r.q);
     if (o.qtables) kivoe_config(enc, KIVOE_CFG_QTBL, o.qtables, &size), std::memcpy(r.q, o.qtables, 128);
     xelo_imgb *img = to_imgb(cs, w, h, planes, o.copy_path ? XELO_PAIR(1, 1) : XELO_PAIR(16, 16));

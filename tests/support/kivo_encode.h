@@ -20,6 +20,7 @@ struct EncodeOptions {
     const uint8_t *qtables = nullptr;  // 128 bytes for KIVOE_CFG_QTBL
     size_t out_size = 0;               // 0: enough for any stream
     bool copy_path = false;            // planes with unaligned line distances: copied at push
+    bool progressive = false;          // kivoe_set_progressive
 };
 
 // q: the quantizers coded with (raster, luma then chroma).
