@@ -493,8 +493,8 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                             kept += 64;
                         }
                         if (prog) {
-                            std::memcpy(ctx->prog_levels[c] + (static_cast<size_t>(brow) * ctx->blk_w[c] + bcol) * 64, blk,
-                                        64 * sizeof(int16_t));
+                            kivo::copy_block(ctx->prog_levels[c] + (static_cast<size_t>(brow) * ctx->blk_w[c] + bcol) * 64,
+                                             blk);
                             continue;
                         }
                     }

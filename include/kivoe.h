@@ -39,8 +39,8 @@ KIVO_API void kivoe_delete(kivoe_ctx *ctx);
 KIVO_API int32_t kivoe_config(kivoe_ctx *ctx, int32_t id, const void *value, const int32_t *size);
 /* Progressive output (on: 1) or baseline (0, the default) for the next
  * encodes; other values are refused (-105) and change nothing. A
- * progressive stream has the same levels as the baseline one of the same
- * settings (so the same pixels), coded in ten scans (three components;
+ * progressive stream has the levels of the baseline one of the same
+ * settings on eight threads (so its pixels), coded in ten scans (three components;
  * six for grey, eighteen for four) with Huffman tables optimised per scan,
  * whatever KIVOE_CFG_OPT_HUFFMAN says, and no restart markers; it is
  * usually a few percent smaller. It costs memory for every level of the
