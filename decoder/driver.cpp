@@ -360,6 +360,9 @@ int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb) {
     // picture and the picture's own status stands.
     // A file that could not be read is the cause of whatever followed.
     if (ret == 0 && ctx->scan_bs.io_error) return KIVO_ERR_IO;
+    // Memory that could not be had fails the call even then: a later scan
+    // of a component already whole would have changed its samples.
+    if (ret == 0 && scan_status == KIVO_ERR_OUT_OF_MEMORY) return scan_status;
     return ret != 0 || complete ? ret : scan_status;
 }
 
