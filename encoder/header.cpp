@@ -67,8 +67,10 @@ void kivoe_write_app(xelo_bsw *bs, const kivod_app_node *node) {
     }
 }
 
-void kivoe_write_fh(xelo_bsw *bs, const kivoe_fh *fh) {
-    put(bs, 0xFFC0, 16);
+void kivoe_write_fh(xelo_bsw *bs, const kivoe_fh *fh) { kivoe_write_sof(bs, fh, 0xC0); }
+
+void kivoe_write_sof(xelo_bsw *bs, const kivoe_fh *fh, int32_t marker) {
+    put(bs, 0xFF00 | (static_cast<uint32_t>(marker) & 0xFF), 16);
     put(bs, fh->length, 16);
     put(bs, fh->precision, 8);
     put(bs, fh->height, 16);
@@ -91,12 +93,15 @@ void kivoe_write_qt(kivoe_ctx *ctx, xelo_bsw *bs) {
     }
 }
 
-void kivoe_write_ht(kivoe_ctx *ctx, xelo_bsw *bs) {
+void kivoe_write_ht(kivoe_ctx *ctx, xelo_bsw *bs) { kivoe_write_dht(bs, ctx->huff_spec, 4); }
+
+void kivoe_write_dht(xelo_bsw *bs, const kivoe_huff_spec *specs, int32_t n) {
     int32_t total = 0;
-    for (const kivoe_huff_spec &s : ctx->huff_spec) total += s.count;
+    for (int32_t i = 0; i < n; ++i) total += specs[i].count;
     put(bs, 0xFFC4, 16);
-    put(bs, static_cast<uint32_t>(70 + total), 16);
-    for (const kivoe_huff_spec &s : ctx->huff_spec) {
+    put(bs, static_cast<uint32_t>(2 + 17 * n + total), 16);
+    for (int32_t i = 0; i < n; ++i) {
+        const kivoe_huff_spec &s = specs[i];
         put(bs, static_cast<uint32_t>(s.cls << 4 | s.id), 8);
         for (int l = 0; l < 16; ++l) put(bs, static_cast<uint32_t>(s.bits[l]) & 0xFF, 8);
         for (int k = 0; k < s.count; ++k) put(bs, static_cast<uint32_t>(s.vals[k]) & 0xFF, 8);

@@ -55,50 +55,50 @@ int32_t kivoe_init_huff_tbl(kivoe_ctx *ctx) {
     return kivoe_gen_code_tbl(ctx);
 }
 
-int32_t kivoe_gen_code_tbl(kivoe_ctx *ctx) {
-    for (int32_t i = 0; i < 4; ++i) {
-        const kivoe_huff_spec &s = ctx->huff_spec[i];
-        const int32_t id = s.id & 3;
-        const int32_t count = s.count < 0 ? 0 : (s.count > 256 ? 256 : s.count);
-        // Canonical codes: consecutive within a length, doubled after each.
-        // A code is kept to its length even when the counts overfill it, so
-        // that the coder can put code and extra bits side by side.
-        uint32_t code = 0;
-        int32_t k = 0;
-        if (s.cls == 0) {
-            kivoe_dc_tbl &t = ctx->dc_tbl[id];
-            for (kivoe_code &c : t.code) c = kivoe_code{0, 0};
-            // All 16 lengths: an optimised table may hold DC codes longer
-            // than the 12 bits of the typical ones.
-            for (int32_t l = 1; l <= 16; ++l, code <<= 1) {
-                for (int32_t n = 0; n < s.bits[l - 1] && k < count; ++n, ++k, ++code) {
-                    kivoe_code &c = t.code[s.vals[k] & 0xFF];
-                    c.code = static_cast<uint16_t>(code & ((1u << l) - 1));
-                    c.len = static_cast<uint8_t>(l);
-                }
+void kivoe_gen_code(const kivoe_huff_spec *s, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac) {
+    const int32_t count = s->count < 0 ? 0 : (s->count > 256 ? 256 : s->count);
+    // Canonical codes: consecutive within a length, doubled after each.
+    // A code is kept to its length even when the counts overfill it, so
+    // that the coder can put code and extra bits side by side.
+    uint32_t code = 0;
+    int32_t k = 0;
+    if (s->cls == 0) {
+        kivoe_dc_tbl &t = *dc;
+        for (kivoe_code &c : t.code) c = kivoe_code{0, 0};
+        // All 16 lengths: an optimised table may hold DC codes longer
+        // than the 12 bits of the typical ones.
+        for (int32_t l = 1; l <= 16; ++l, code <<= 1) {
+            for (int32_t n = 0; n < s->bits[l - 1] && k < count; ++n, ++k, ++code) {
+                kivoe_code &c = t.code[s->vals[k] & 0xFF];
+                c.code = static_cast<uint16_t>(code & ((1u << l) - 1));
+                c.len = static_cast<uint8_t>(l);
             }
-            t.count = s.count;
-            for (int32_t l = 0; l < 16; ++l) t.bits[l] = s.bits[l];
-        } else {
-            kivoe_ac_tbl &t = ctx->ac_tbl[id];
-            t.count = s.count + 1;
-            for (int32_t p = 0; p <= count; ++p) t.code[p].len = 0;
-            for (kivoe_code &c : t.by_symbol) c = kivoe_code{0, 0};
-            for (int32_t l = 1; l <= 16; ++l, code <<= 1) {
-                for (int32_t n = 0; n < s.bits[l - 1] && k < count; ++n, ++k, ++code) {
-                    const int32_t v = s.vals[k] & 0xFF;
-                    kivoe_ac_code &e = t.code[k];
-                    e.code = static_cast<uint16_t>(code & ((1u << l) - 1));
-                    e.len = static_cast<uint8_t>(l);
-                    e.run = static_cast<uint8_t>(v >> 4);
-                    e.size = static_cast<uint8_t>(v & 15);
-                    t.index[v] = k;
-                    t.by_symbol[v] = kivoe_code{e.code, e.len};
-                }
-            }
-            for (int32_t l = 0; l < 16; ++l) t.bits[l] = s.bits[l];
         }
+        t.count = s->count;
+        for (int32_t l = 0; l < 16; ++l) t.bits[l] = s->bits[l];
+    } else {
+        kivoe_ac_tbl &t = *ac;
+        t.count = s->count + 1;
+        for (int32_t p = 0; p <= count; ++p) t.code[p].len = 0;
+        for (kivoe_code &c : t.by_symbol) c = kivoe_code{0, 0};
+        for (int32_t l = 1; l <= 16; ++l, code <<= 1) {
+            for (int32_t n = 0; n < s->bits[l - 1] && k < count; ++n, ++k, ++code) {
+                const int32_t v = s->vals[k] & 0xFF;
+                kivoe_ac_code &e = t.code[k];
+                e.code = static_cast<uint16_t>(code & ((1u << l) - 1));
+                e.len = static_cast<uint8_t>(l);
+                e.run = static_cast<uint8_t>(v >> 4);
+                e.size = static_cast<uint8_t>(v & 15);
+                t.index[v] = k;
+                t.by_symbol[v] = kivoe_code{e.code, e.len};
+            }
+        }
+        for (int32_t l = 0; l < 16; ++l) t.bits[l] = s->bits[l];
     }
+}
+
+int32_t kivoe_gen_code_tbl(kivoe_ctx *ctx) {
+    for (const kivoe_huff_spec &s : ctx->huff_spec) kivoe_gen_code(&s, &ctx->dc_tbl[s.id & 3], &ctx->ac_tbl[s.id & 3]);
     return KIVO_OK;
 }
 
@@ -169,59 +169,62 @@ void load_freq(const uint64_t *counter, int32_t n, uint32_t freq[257]) {
 
 }  // namespace
 
+void kivoe_gen_opt(kivoe_huff_spec *s, const uint64_t *counter, int32_t n, const char *overflow_message) {
+    std::memset(s->bits, 0, sizeof(s->bits));
+    std::memset(s->vals, 0, sizeof(s->vals));
+    uint32_t freq[257];
+    load_freq(counter, n, freq);
+
+    int32_t codesize[257];
+    int32_t bits[33] = {0};
+    if (code_sizes(freq, codesize) > 32) {
+        // Too deep for the 32-entry count: say so, then flatten the
+        // frequencies until the tree fits, so that the code stays a
+        // complete prefix code.
+        if (overflow_message) std::printf("%s\n", overflow_message);
+        do {
+            for (uint32_t &f : freq) f = f ? (f + 1) >> 1 : 0;
+        } while (code_sizes(freq, codesize) > 32);
+    }
+    for (int32_t v = 0; v <= 256; ++v)
+        if (codesize[v]) ++bits[codesize[v]];
+
+    // Limit to 16 bits (T.81 Figure K.3): a pair of the longest codes
+    // becomes one code a bit shorter and a prefix split to hold the other.
+    for (int32_t l = 32; l > 16; --l) {
+        while (bits[l] > 0) {
+            int32_t j = l - 2;
+            while (j > 0 && bits[j] == 0) --j;
+            if (j == 0) break;
+            bits[l] -= 2;
+            bits[l - 1] += 1;
+            bits[j + 1] += 2;
+            bits[j] -= 1;
+        }
+    }
+    // The reserved symbol held one of the longest codes.
+    for (int32_t l = 16; l > 0; --l)
+        if (bits[l] > 0) {
+            --bits[l];
+            break;
+        }
+    for (int32_t l = 1; l <= 16; ++l) s->bits[l - 1] = bits[l];
+
+    // Symbols by code size, then value (T.81 Figure K.4).
+    int32_t count = 0;
+    for (int32_t l = 1; l <= 32; ++l)
+        for (int32_t v = 0; v < 256; ++v)
+            if (codesize[v] == l) s->vals[count++] = v;
+    s->count = count;
+}
+
 int32_t kivoe_gen_opt_spec(kivoe_ctx *ctx) {
     const char *overflow_message =
         ctx->huff_overflow_msg ? ctx->huff_overflow_msg : "Error : Huffman code size table overflow";
-    for (int32_t i = 0; i < 4; ++i) {
-        kivoe_huff_spec &s = ctx->huff_spec[i];
+    for (kivoe_huff_spec &s : ctx->huff_spec) {
         const int32_t id = s.id & 3;
-        std::memset(s.bits, 0, sizeof(s.bits));
-        std::memset(s.vals, 0, sizeof(s.vals));
-        uint32_t freq[257];
-        if (s.cls == 0) load_freq(ctx->dc_tbl[id].counter, 26, freq);
-        else load_freq(ctx->ac_tbl[id].counter, 256, freq);
-
-        int32_t codesize[257];
-        int32_t bits[33] = {0};
-        if (code_sizes(freq, codesize) > 32) {
-            // Too deep for the 32-entry count: say so, then flatten the
-            // frequencies until the tree fits, so that the code stays a
-            // complete prefix code.
-            std::printf("%s\n", overflow_message);
-            do {
-                for (uint32_t &f : freq) f = f ? (f + 1) >> 1 : 0;
-            } while (code_sizes(freq, codesize) > 32);
-        }
-        for (int32_t v = 0; v <= 256; ++v)
-            if (codesize[v]) ++bits[codesize[v]];
-
-        // Limit to 16 bits (T.81 Figure K.3): a pair of the longest codes
-        // becomes one code a bit shorter and a prefix split to hold the other.
-        for (int32_t l = 32; l > 16; --l) {
-            while (bits[l] > 0) {
-                int32_t j = l - 2;
-                while (j > 0 && bits[j] == 0) --j;
-                if (j == 0) break;
-                bits[l] -= 2;
-                bits[l - 1] += 1;
-                bits[j + 1] += 2;
-                bits[j] -= 1;
-            }
-        }
-        // The reserved symbol held one of the longest codes.
-        for (int32_t l = 16; l > 0; --l)
-            if (bits[l] > 0) {
-                --bits[l];
-                break;
-            }
-        for (int32_t l = 1; l <= 16; ++l) s.bits[l - 1] = bits[l];
-
-        // Symbols by code size, then value (T.81 Figure K.4).
-        int32_t count = 0;
-        for (int32_t l = 1; l <= 32; ++l)
-            for (int32_t v = 0; v < 256; ++v)
-                if (codesize[v] == l) s.vals[count++] = v;
-        s.count = count;
+        if (s.cls == 0) kivoe_gen_opt(&s, ctx->dc_tbl[id].counter, 26, overflow_message);
+        else kivoe_gen_opt(&s, ctx->ac_tbl[id].counter, 256, overflow_message);
     }
     return KIVO_OK;
 }

@@ -216,8 +216,12 @@ void kivoe_init_sh(kivoe_sh *sh, int32_t width, int32_t height, int32_t color_fo
 int32_t kivoe_enc_header(kivoe_ctx *ctx);
 void kivoe_write_app(xelo_bsw *bs, const kivod_app_node *first);
 void kivoe_write_fh(xelo_bsw *bs, const kivoe_fh *fh);
+// The frame header under another SOFn marker (0xC0 to 0xC2).
+void kivoe_write_sof(xelo_bsw *bs, const kivoe_fh *fh, int32_t marker);
 void kivoe_write_qt(kivoe_ctx *ctx, xelo_bsw *bs);
 void kivoe_write_ht(kivoe_ctx *ctx, xelo_bsw *bs);
+// One DHT segment holding the n tables of specs.
+void kivoe_write_dht(xelo_bsw *bs, const kivoe_huff_spec *specs, int32_t n);
 void kivoe_write_dri(xelo_bsw *bs, int32_t interval);
 void kivoe_write_sh(xelo_bsw *bs, const kivoe_sh *sh);
 
@@ -229,6 +233,11 @@ void kivoe_default_huff_spec(kivoe_ctx *ctx, int32_t i);
 int32_t kivoe_opt_huff_tbl(kivoe_ctx *ctx);
 int32_t kivoe_gen_code_tbl(kivoe_ctx *ctx);
 int32_t kivoe_gen_opt_spec(kivoe_ctx *ctx);
+// The code table of one specification: dc when it is a DC table, else ac.
+void kivoe_gen_code(const kivoe_huff_spec *s, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac);
+// An optimal specification (bits, vals, count) for counter[0..n-1]; prints
+// overflow_message (unless null) when a code length passes 32.
+void kivoe_gen_opt(kivoe_huff_spec *s, const uint64_t *counter, int32_t n, const char *overflow_message);
 
 // ---- entropy coder (vlc.cpp) -----------------------------------------------------------------
 int32_t kivoe_vlc_dc(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff);

@@ -11,6 +11,7 @@
 
 #include "encoder/kivoe_int.h"
 #include "oracle_support/turbo.h"
+#include "support/kivo_decode.h"
 #include "support/kivo_encode.h"
 
 namespace {
@@ -100,6 +101,114 @@ TEST(OracleEncode, ThreadCountsAgree) {
             EXPECT_TRUE(!o.optimize || e.jpg.size() < plain.jpg.size()) << "format " << cs;
             EXPECT_EQ(kivotest::psnr(want, turbo_decode(e.jpg, "threads")), 99) << "format " << cs << " t" << o.threads;
         }
+    }
+}
+
+// Levels for the coefficient writer: DC levels wandering over the whole
+// 8-bit range (differences up to 2047) and sparse AC levels with the
+// extremes, lone coefficients at the end of the band and long zero runs;
+// or empty bands everywhere (end-of-band runs past their longest); or
+// levels of 2 and 3 (only correction bits in the last refinement scans).
+enum class Levels { Mixed, Empty, Corrections };
+
+struct CoefPic {
+    kivoe_coef_pic pic{};
+    std::vector<int16_t> buf[4];
+};
+
+CoefPic make_levels(int n, const int *h, const int *v, int w, int ht, int q_max, Levels kind, uint64_t seed) {
+    CoefPic r;
+    kivoe_coef_pic &p = r.pic;
+    p.width = w, p.height = ht, p.n_comp = n;
+    testpic::Rng rng(seed);
+    const int hmax = *std::max_element(h, h + n), vmax = *std::max_element(v, v + n);
+    for (int c = 0; c < n; ++c) {
+        p.id[c] = static_cast<uint8_t>(c ? 40 + c : 7);  // any identifiers
+        p.h[c] = static_cast<uint8_t>(h[c]), p.v[c] = static_cast<uint8_t>(v[c]), p.tq[c] = static_cast<uint8_t>(3 - c % 2);
+        p.blk_w[c] = (w + 8 * hmax - 1) / (8 * hmax) * h[c] + c, p.blk_h[c] = (ht + 8 * vmax - 1) / (8 * vmax) * v[c];
+        r.buf[c].assign(static_cast<size_t>(p.blk_w[c]) * p.blk_h[c] * 64, 0);
+        int dc = 0;
+        for (size_t b = 0; b < r.buf[c].size(); b += 64) {
+            int16_t *blk = &r.buf[c][b];
+            const int pick = rng.range(0, 99);
+            dc = pick == 0 ? -1024 : pick == 1 ? 1023 : std::clamp(dc + rng.range(-60, 60), -1024, 1023);
+            blk[0] = static_cast<int16_t>(dc);
+            for (int k = 1; k < 64 && kind != Levels::Empty; ++k) {
+                const int z = kivo_tbl_zig_to_ras[k], sign = rng.range(0, 1) ? 1 : -1;
+                if (kind == Levels::Corrections) blk[z] = static_cast<int16_t>(sign * rng.range(2, 3));
+                else if (pick < 5) blk[z] = static_cast<int16_t>(k == 63 || rng.range(0, 20) == 0 ? sign * 1023 : 0);
+                else if (rng.range(0, 3 * k) < 6) blk[z] = static_cast<int16_t>(sign * (1 + (rng.next() % 4096 >> rng.range(3, 12))));
+            }
+        }
+        p.coef[c] = r.buf[c].data();
+    }
+    for (int t = 0; t < 4; ++t)
+        for (int i = 0; i < 64; ++i) p.qt[t][i] = static_cast<uint16_t>(1 + (i * 37 + t * 11) % q_max);
+    return r;
+}
+
+std::vector<uint8_t> write_coef_pic(const kivoe_coef_pic &p, int coding, int32_t *status) {
+    std::vector<uint8_t> out(4 << 20);
+    xelo_bsw bs;
+    xelo_bsw_init(&bs, out.data(), static_cast<int32_t>(out.size()), nullptr);
+    *status = kivoe_write_coef_pic(&p, coding, &bs);
+    out.resize(bs.overflow ? 0 : static_cast<size_t>(bs.write_ptr - bs.start_ptr));
+    return out;
+}
+
+// Levels written baseline and progressive: libjpeg-turbo reads back exactly
+// the levels (times their quantizers) from both, and decodes both without
+// warning to the same samples; so does our decoder. Levels without a
+// category in 8-bit data are refused.
+TEST(OracleEncode, CoefficientPictures) {
+    // Products of level and quantizer stay within 16 bits where our decoder
+    // reads the stream (the layout of 11 blocks an MCU is not one it takes).
+    const struct { int n, h[4], v[4], w, ht, q_max; Levels kind; bool ours; } cases[] = {
+        {1, {1}, {1}, 203, 61, 255, Levels::Mixed, true},
+        {3, {2, 1, 1}, {2, 1, 1}, 77, 45, 255, Levels::Mixed, true},
+        {3, {2, 1, 1}, {1, 1, 1}, 64, 32, 900, Levels::Mixed, true},  // 16-bit quantizers
+        {3, {1, 1, 1}, {1, 1, 1}, 33, 17, 60, Levels::Corrections, true},
+        {4, {2, 1, 1, 2}, {2, 1, 1, 2}, 50, 50, 255, Levels::Mixed, true},
+        {4, {2, 1, 1, 2}, {2, 2, 1, 2}, 41, 23, 255, Levels::Mixed, false},  // 11 blocks: a scan per component
+        {1, {1}, {1}, 2048, 1040, 8, Levels::Empty, true},
+    };
+    int idx = 0;
+    for (const auto &c : cases) {
+        const std::string what = "case " + std::to_string(idx++);
+        CoefPic lv = make_levels(c.n, c.h, c.v, c.w, c.ht, c.q_max, c.kind, idx);
+        std::vector<testpic::Plane> turbo_px[2], our_px[2];
+        for (int coding = 0; coding < 2; ++coding) {
+            int32_t status = -1;
+            const std::vector<uint8_t> jpg = write_coef_pic(lv.pic, coding, &status);
+            ASSERT_TRUE(status == 0 && !jpg.empty()) << what;
+            std::vector<turbo::Coefficients> comps;
+            ASSERT_TRUE(turbo::read_coefficients(jpg, &comps) && comps.size() == static_cast<size_t>(c.n)) << what;
+            for (int k = 0; k < c.n; ++k)
+                for (int by = 0; by < comps[k].blocks_h; ++by)
+                    for (int bx = 0; bx < comps[k].blocks_w; ++bx)
+                        for (int i = 0; i < 64; ++i) {
+                            const int16_t level = lv.buf[k][(static_cast<size_t>(by) * lv.pic.blk_w[k] + bx) * 64 + i];
+                            const int16_t want = static_cast<int16_t>(static_cast<uint16_t>(level) * lv.pic.qt[lv.pic.tq[k]][i]);
+                            ASSERT_EQ(comps[k].coef[(static_cast<size_t>(by) * comps[k].blocks_w + bx) * 64 + i], want)
+                                << what << " coding " << coding << " component " << k << " block " << bx << "," << by << " at " << i;
+                        }
+            turbo_px[coding] = turbo_decode(jpg, what);
+            const kivotest::Decoded d = kivotest::decode(jpg);
+            EXPECT_TRUE(d.status == 0 || !c.ours) << what;
+            our_px[coding] = d.planes;
+        }
+        EXPECT_EQ(kivotest::psnr(turbo_px[0], turbo_px[1]), 99) << what;
+        EXPECT_TRUE(!c.ours || kivotest::psnr(our_px[0], our_px[1]) == 99) << what;
+    }
+    // DC differences of 2047 and 2048, AC levels of 1024 and -1023, written
+    // baseline and progressive in turn.
+    for (int bad = 0; bad < 4; ++bad) {
+        CoefPic lv = make_levels(3, cases[1].h, cases[1].v, 30, 30, 255, Levels::Mixed, 1);
+        lv.buf[2][0] = static_cast<int16_t>(bad == 1 ? -1025 : -1024), lv.buf[2][64] = 1023;
+        lv.buf[1][9] = static_cast<int16_t>(bad == 2 ? 1024 : -1023);
+        int32_t status = 0;
+        write_coef_pic(lv.pic, bad % 2, &status);
+        EXPECT_EQ(status, bad % 3 ? KIVO_ERR_UNSUPPORTED : 0) << bad;
     }
 }
 
