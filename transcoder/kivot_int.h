@@ -88,7 +88,8 @@ struct kivot_trailer {
 
 // Lossless re-encoding (lossless.cpp). kivot_read_levels decodes the
 // source's levels into the decoder and describes them in pic (APPn list and
-// trailer are the caller's to set); kivot_write_levels codes them into
+// trailer are the caller's to set; pic's size is set as soon as the headers
+// are read, even when the levels then fail); kivot_write_levels codes them into
 // dst: 0, or -105 when cap bytes do not hold the stream.
 int32_t kivot_read_levels(kivot_ctx *ctx, const kivod_input *in, kivoe_coef_pic *pic);
 int32_t kivot_write_levels(const kivoe_coef_pic *pic, int32_t coding, uint8_t *dst, int32_t cap, int32_t *written);

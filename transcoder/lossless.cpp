@@ -13,15 +13,15 @@ int32_t kivot_read_levels(kivot_ctx *t, const kivod_input *in, kivoe_coef_pic *p
     kivod_ctx *d = t->dec;
     if (!d->proc.dec) return KIVO_ERR_UNAVAILABLE;
     std::memset(d->qtbl, 0, sizeof(d->qtbl));
+    *pic = kivoe_coef_pic{};
     kivod_frame_info info{};
     int32_t ret = d->proc.dec(d, in, &info);
     if (ret < 0) return ret;
-    ret = kivod_dec_levels(d);
-    if (ret < 0) return ret;
     const kivod_fh &fh = d->fh;
-    *pic = kivoe_coef_pic{};
     pic->width = fh.width;
     pic->height = fh.height;
+    ret = kivod_dec_levels(d);
+    if (ret < 0) return ret;
     pic->n_comp = fh.n_comp;
     for (int c = 0; c < fh.n_comp; ++c) {
         pic->id[c] = fh.comp_id[c];
@@ -55,7 +55,7 @@ namespace {
 
 // The source's levels with the APPn segments and trailer the outputs carry.
 struct Levels {
-    kivoe_coef_pic pic;
+    kivoe_coef_pic pic{};
     kivot_app_view apps;
     kivot_trailer trailer;
     int32_t read(kivot_ctx *t, const kivod_input *in) {
@@ -192,24 +192,32 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
         best_choice = choice;
     };
 
+    // A candidate that fails for want of memory fails the call: the choice
+    // is made among all of them or not at all. Other failures (a source
+    // that does not decode whole, levels a baseline stream cannot hold)
+    // only leave a candidate out.
     bool same_picture = true;  // the handle keeps the source's size and layout
+    bool headers = false;      // the source's headers were read
     {
         Levels lv;
         ret = lv.read(t, &in);
+        headers = lv.pic.width > 0;
         if (ret == KIVO_OK) {
             const kivod_fh &fh = d->fh;
             same_picture = (t->width <= 0 || t->width == fh.width) && (t->height <= 0 || t->height == fh.height) &&
                            (!t->color_format || t->color_format == d->color_format) && !t->skip_encode;
-            int32_t n = 0;
             for (int32_t coding : {KIVOE_CODING_BASELINE, KIVOE_CODING_PROGRESSIVE}) {
-                const int32_t cap = best_size ? best_size : src.size;
-                if (same_picture && kivot_write_levels(&lv.pic, coding, buf[1 - best], cap, &n) == KIVO_OK)
+                if (!same_picture) break;
+                int32_t n = 0;
+                ret = kivot_write_levels(&lv.pic, coding, buf[1 - best], best_size ? best_size : src.size, &n);
+                if (ret == KIVO_OK)
                     offer(n, coding == KIVOE_CODING_PROGRESSIVE ? KIVOT_CHOSEN_PROGRESSIVE : KIVOT_CHOSEN_LOSSLESS);
+                if (ret == KIVO_ERR_OUT_OF_MEMORY) break;
             }
         }
         kivod_release_frame_buffers(d);
     }
-    if (!same_picture) {
+    if (ret != KIVO_ERR_OUT_OF_MEMORY && !same_picture) {
         // Another size or layout is the pipeline's alone.
         std::free(buf[0]);
         std::free(buf[1]);
@@ -221,20 +229,22 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
     // The pipeline competes where it makes some table coarser; with the
     // source's own tables it only adds loss. A source that does not decode
     // whole is not re-encoded.
-    ret = kivot_trc_decode(t, &in);
-    const bool decoded = ret == KIVO_OK && kivod_picture_complete(d);
-    if (decoded && kivot_tables_changed(t)) {
-        xelo_bitb ob{};
-        ob.addr = buf[1 - best];
-        ob.ssize = best_size ? best_size : src.size;
-        const kivoe_output o{KIVOD_INPUT_BITB, &ob, nullptr};
-        int32_t n = 0;
-        if (kivot_trc_encode(t, &o, &n) == KIVO_OK) offer(n, KIVOT_CHOSEN_PIPELINE);
+    if (ret != KIVO_ERR_OUT_OF_MEMORY) {
+        ret = kivot_trc_decode(t, &in);
+        if (ret == KIVO_OK && kivod_picture_complete(d) && kivot_tables_changed(t)) {
+            xelo_bitb ob{};
+            ob.addr = buf[1 - best];
+            ob.ssize = best_size ? best_size : src.size;
+            const kivoe_output o{KIVOD_INPUT_BITB, &ob, nullptr};
+            int32_t n = 0;
+            ret = kivot_trc_encode(t, &o, &n);
+            if (ret == KIVO_OK) offer(n, KIVOT_CHOSEN_PIPELINE);
+        }
     }
     // The source itself, when its headers could be read.
-    if (ret == KIVO_OK || best_size) {
-        ret = KIVO_OK;
-        offer(strip_source(src.data, src.size, t->copy, buf[1 - best]), KIVOT_CHOSEN_SOURCE);
+    if (ret != KIVO_ERR_OUT_OF_MEMORY) {
+        ret = headers ? KIVO_OK : ret;
+        if (headers) offer(strip_source(src.data, src.size, t->copy, buf[1 - best]), KIVOT_CHOSEN_SOURCE);
     }
     if (ret == KIVO_OK && !best_size) ret = KIVO_ERR_MALFORMED;
     if (ret == KIVO_OK && best_size > output->bitb->ssize) ret = KIVO_ERR_INVALID_ARG;
