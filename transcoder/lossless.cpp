@@ -137,6 +137,33 @@ int32_t strip_source(const uint8_t *s, int32_t n, int32_t copy, uint8_t *dst) {
     return out + (n - in);
 }
 
+// Writes the levels baseline into buf[0] and progressive into buf[1] (cap
+// bytes each), at the same time when the handle has lent threads, and
+// offers both. Returns -102 when either ran out of memory, else 0.
+template <class Offer>
+int32_t write_both(kivot_ctx *t, const kivoe_coef_pic *pic, uint8_t *const buf[2], int32_t cap, Offer &offer) {
+    struct Job {
+        const kivoe_coef_pic *pic;
+        int32_t coding;
+        uint8_t *dst;
+        int32_t cap, size, ret;
+    } jobs[2] = {{pic, KIVOE_CODING_BASELINE, buf[0], cap, 0, 0}, {pic, KIVOE_CODING_PROGRESSIVE, buf[1], cap, 0, 0}};
+    auto run = [](void *a) -> int32_t {
+        Job *j = static_cast<Job *>(a);
+        j->ret = kivot_write_levels(j->pic, j->coding, j->dst, j->cap, &j->size);
+        return KIVO_OK;
+    };
+    void *args[2] = {&jobs[1], &jobs[0]};  // the longer progressive one on the calling thread
+    const kivoe_ctx *e = t->enc;
+    if (kivo::thread_limit(e->tpool) < 2 || kivo::fork_join(e->tpool, e->threads, 2, run, args) != KIVO_OK)
+        for (Job &j : jobs) run(&j);
+    for (int i = 0; i < 2; ++i) {
+        if (jobs[i].ret == KIVO_ERR_OUT_OF_MEMORY) return KIVO_ERR_OUT_OF_MEMORY;
+        if (jobs[i].ret == KIVO_OK) offer(i, jobs[i].size, i ? KIVOT_CHOSEN_PROGRESSIVE : KIVOT_CHOSEN_LOSSLESS);
+    }
+    return KIVO_OK;
+}
+
 }  // namespace
 
 extern "C" {
@@ -183,11 +210,12 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
         std::free(buf[1]);
         return KIVO_ERR_OUT_OF_MEMORY;
     }
-    int best = 0, best_size = 0, best_choice = 0;
-    // Ties go to the source, the one with nothing re-encoded.
-    auto offer = [&](int32_t size, int32_t choice) {
+    int best = 1, best_size = 0, best_choice = 0;
+    // A candidate written into buf[i]; ties go to the source, the one with
+    // nothing re-encoded.
+    auto offer = [&](int i, int32_t size, int32_t choice) {
         if (size <= 0 || (best_size && size > best_size - (choice != KIVOT_CHOSEN_SOURCE))) return;
-        best = 1 - best;
+        best = i;
         best_size = size;
         best_choice = choice;
     };
@@ -206,14 +234,7 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
             const kivod_fh &fh = d->fh;
             same_picture = (t->width <= 0 || t->width == fh.width) && (t->height <= 0 || t->height == fh.height) &&
                            (!t->color_format || t->color_format == d->color_format) && !t->skip_encode;
-            for (int32_t coding : {KIVOE_CODING_BASELINE, KIVOE_CODING_PROGRESSIVE}) {
-                if (!same_picture) break;
-                int32_t n = 0;
-                ret = kivot_write_levels(&lv.pic, coding, buf[1 - best], best_size ? best_size : src.size, &n);
-                if (ret == KIVO_OK)
-                    offer(n, coding == KIVOE_CODING_PROGRESSIVE ? KIVOT_CHOSEN_PROGRESSIVE : KIVOT_CHOSEN_LOSSLESS);
-                if (ret == KIVO_ERR_OUT_OF_MEMORY) break;
-            }
+            if (same_picture) ret = write_both(t, &lv.pic, buf, src.size, offer);
         }
         kivod_release_frame_buffers(d);
     }
@@ -233,18 +254,18 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
         ret = kivot_trc_decode(t, &in);
         if (ret == KIVO_OK && kivod_picture_complete(d) && kivot_tables_changed(t)) {
             xelo_bitb ob{};
-            ob.addr = buf[1 - best];
+            ob.addr = buf[1 - best];  // the other buffer holds no winner
             ob.ssize = best_size ? best_size : src.size;
             const kivoe_output o{KIVOD_INPUT_BITB, &ob, nullptr};
             int32_t n = 0;
             ret = kivot_trc_encode(t, &o, &n);
-            if (ret == KIVO_OK) offer(n, KIVOT_CHOSEN_PIPELINE);
+            if (ret == KIVO_OK) offer(1 - best, n, KIVOT_CHOSEN_PIPELINE);
         }
     }
     // The source itself, when its headers could be read.
     if (ret != KIVO_ERR_OUT_OF_MEMORY) {
         ret = headers ? KIVO_OK : ret;
-        if (headers) offer(strip_source(src.data, src.size, t->copy, buf[1 - best]), KIVOT_CHOSEN_SOURCE);
+        if (headers) offer(1 - best, strip_source(src.data, src.size, t->copy, buf[1 - best]), KIVOT_CHOSEN_SOURCE);
     }
     if (ret == KIVO_OK && !best_size) ret = KIVO_ERR_MALFORMED;
     if (ret == KIVO_OK && best_size > output->bitb->ssize) ret = KIVO_ERR_INVALID_ARG;
