@@ -131,6 +131,83 @@ int32_t parse_saved_tables(kivod_ctx *ctx) {
     return KIVO_OK;
 }
 
+// Bytes of the coefficient buffers, all components together.
+uint64_t coef_bytes(const kivod_ctx *ctx) {
+    uint64_t total = 0;
+    for (int c = 0; c < ctx->fh.n_comp; ++c) total += uint64_t(ctx->prog_blk_h[c]) * ctx->prog_blk_w[c] * 128u;
+    return total;
+}
+
+// Zero-filled coefficient buffer of component c; false when it cannot be had.
+bool alloc_coef_buf(kivod_ctx *ctx, int c) {
+    const size_t cb = buffer_bytes(ctx->prog_blk_h[c] * 8u, ctx->prog_blk_w[c] * 8u, 2);
+    ctx->coef_buf[c] = cb ? static_cast<int16_t *>(std::calloc(cb, 1)) : nullptr;
+    return ctx->coef_buf[c] != nullptr;
+}
+
+// Starts decoding the picture's scans: the scan reader on the first SOS,
+// and statistics and counters that describe this picture only.
+void start_picture(kivod_ctx *ctx) {
+    ctx->scan_bs = ctx->main_bs;
+    std::memset(ctx->stat_luma, 0, sizeof(ctx->stat_luma));
+    std::memset(ctx->stat_chroma, 0, sizeof(ctx->stat_chroma));
+    ctx->n_luma = ctx->n_chroma = 0;
+    ctx->dc_level_total = 0;
+    for (int t = 0; t < 4; ++t) {
+        std::memset(ctx->dc_tbl[t].dc_count, 0, sizeof(ctx->dc_tbl[t].dc_count));
+        std::memset(ctx->ac_tbl[t].ac_count, 0, sizeof(ctx->ac_tbl[t].ac_count));
+    }
+}
+
+// Walks the markers from the first scan on and decodes every scan and
+// table, up to EOI, the end of the data or the first failure, whose status
+// goes to *scan_status. Returns 0, or the status of a failure that ends the
+// picture at once (a failed read, a comment past the end), after releasing
+// the frame buffers.
+int32_t decode_scans(kivod_ctx *ctx, int32_t *scan_status) {
+    kivod_bs *bs = &ctx->scan_bs;
+    int32_t done = 0;
+    int64_t scans = 0;
+    *scan_status = KIVO_OK;
+    while (!done) {
+        if (kivod_bs_read(bs, 8) != 0xFF) break;
+        uint32_t m = kivod_bs_read(bs, 8);
+        while (m == 0xFF) m = kivod_bs_read(bs, 8);  // fill bytes before a marker
+        // EOI stays unread, so that the reader ends on it whatever the
+        // frame's last scan was (what follows it can then be found).
+        if (kivod_bs_rewind_cache(bs, m == 0xD9 ? 2 : 0) != 0) {
+            kivod_release_frame_buffers(ctx);
+            return KIVO_ERR_IO;
+        }
+        if (m == 0xC4) {
+            *scan_status = kivod_vld_htbl(bs, ctx->dht_spec, ctx->dc_tbl, ctx->ac_tbl);
+        } else if (m == 0xDB) {
+            // Levels are handed out with one set of tables: a table that
+            // changes after a scan used it has no place there.
+            *scan_status = ctx->levels_only && scans > 0
+                               ? KIVO_ERR_UNSUPPORTED
+                               : kivod_vld_qtbl(bs, ctx->qtbl, ctx->q_unit, ctx->progressive);
+        } else if (m == 0xDD) {
+            kivod_vld_dri(bs, &ctx->dri);
+        } else if (m == 0xDA) {
+            *scan_status = kivod_over(ctx->limits.max_scans, uint64_t(++scans)) ? KIVO_ERR_UNSUPPORTED
+                                                                                   : dec_scan(ctx, &done);
+        } else if (m == 0xD9) {
+            done = 1;
+        } else if (m == 0xFE) {
+            if (kivod_vld_skip_seg(bs) != 0) {
+                kivod_release_frame_buffers(ctx);
+                return KIVO_ERR_MALFORMED;
+            }
+        } else {
+            break;
+        }
+        if (*scan_status != 0) break;
+    }
+    ctx->reached_end = done;
+    return KIVO_OK;
+}
+
 // Bytes the resizers of one picture take: one per plane and thread (each
 // slice has its own).
 uint64_t resizer_bytes(const kivod_ctx *ctx) {
@@ -239,8 +316,9 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
         ctx->blk_w[c] = (ctx->comp_w[c] + 7) / 8;
         ctx->blk_h[c] = (ctx->comp_h[c] + 7) / 8;
     }
-    if (ctx->progressive) {
-        // Coefficient buffers cover whole MCUs of every component.
+    // Coefficient buffers (a progressive frame's, or any frame's levels)
+    // cover whole MCUs of every component.
+    {
         const int mcu_cols = (fh.width + 8 * fh.h_max - 1) / (8 * fh.h_max);
         const int mcu_rows = (fh.height + 8 * fh.v_max - 1) / (8 * fh.v_max);
         for (int c = 0; c < n; ++c) {
@@ -249,7 +327,8 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
         }
         ctx->prog_blk_w[4] = mcu_cols;
         ctx->prog_blk_w[5] = mcu_rows;
-    } else {
+    }
+    if (!ctx->progressive) {
         for (int c = 0; c < n; ++c) {
             const int hf = fh.h[c], vf = fh.v[c];
             if (ctx->blk_w[c] % hf) ctx->blk_w[c] += hf - ctx->blk_w[c] % hf;
@@ -261,10 +340,8 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
     uint64_t frame_bytes = 0;
     for (int c = 0; c < n; ++c) frame_bytes += uint64_t(fh.v[c]) * 8u * ctx->blk_w[c] * 8u * threads;
     if (ctx->progressive) {
-        uint64_t total = 0;
-        for (int c = 0; c < n; ++c) total += uint64_t(ctx->prog_blk_h[c]) * ctx->prog_blk_w[c] * 128u;
-        if (total > kMaxProgressiveBytes) return fail(ctx, KIVO_ERR_OUT_OF_MEMORY);
-        frame_bytes += total;
+        if (coef_bytes(ctx) > kMaxProgressiveBytes) return fail(ctx, KIVO_ERR_OUT_OF_MEMORY);
+        frame_bytes += coef_bytes(ctx);
     }
     if (kivod_over(ctx->limits.max_memory, frame_bytes)) return fail(ctx, KIVO_ERR_OUT_OF_MEMORY);
     ctx->frame_bytes = frame_bytes;
@@ -274,11 +351,7 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
         const size_t bytes = buffer_bytes(fh.v[c] * 8u, ctx->blk_w[c] * 8u, threads);
         ctx->sample_buf[c] = bytes ? static_cast<uint8_t *>(std::malloc(bytes)) : nullptr;
         if (!ctx->sample_buf[c]) return fail(ctx, KIVO_ERR_OUT_OF_MEMORY);
-        if (ctx->progressive) {
-            const size_t cb = buffer_bytes(ctx->prog_blk_h[c] * 8u, ctx->prog_blk_w[c] * 8u, 2);
-            ctx->coef_buf[c] = cb ? static_cast<int16_t *>(std::calloc(cb, 1)) : nullptr;
-            if (!ctx->coef_buf[c]) return fail(ctx, KIVO_ERR_OUT_OF_MEMORY);
-        }
+        if (ctx->progressive && !alloc_coef_buf(ctx, c)) return fail(ctx, KIVO_ERR_OUT_OF_MEMORY);
     }
 
     ctx->proc.pic_job = ctx->progressive ? kivod_dec_pic_prog : kivod_dec_slice;
@@ -321,7 +394,7 @@ int32_t kivod_clone_frm(kivod_ctx *ctx, xelo_imgb *imgb) {
 int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb) {
     // kivod_clone is valid once after each successful kivod_decode.
     if (!ctx->sample_buf[0]) return KIVO_ERR_UNAVAILABLE;
-    ctx->scan_bs = ctx->main_bs;
+    start_picture(ctx);
     ctx->out_imgb = imgb;
     if (imgb->width < 1 || imgb->height < 1) return KIVO_ERR_INVALID_ARG;
     ctx->scale = kivod_choose_scale(ctx->fh.width, ctx->fh.height, imgb->width, imgb->height);
@@ -334,59 +407,14 @@ int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb) {
     if (ctx->scale == 0 && imgb->color_format != ctx->color_format && imgb->color_format != XELO_CS_YUYV)
         ctx->scale = 1;
 
-    // Statistics and counters describe this picture only.
-    std::memset(ctx->stat_luma, 0, sizeof(ctx->stat_luma));
-    std::memset(ctx->stat_chroma, 0, sizeof(ctx->stat_chroma));
-    ctx->n_luma = ctx->n_chroma = 0;
-    ctx->dc_level_total = 0;
-    for (int t = 0; t < 4; ++t) {
-        std::memset(ctx->dc_tbl[t].dc_count, 0, sizeof(ctx->dc_tbl[t].dc_count));
-        std::memset(ctx->ac_tbl[t].ac_count, 0, sizeof(ctx->ac_tbl[t].ac_count));
-    }
-
     if (ctx->scale != 0 && kivod_over(ctx->limits.max_memory, ctx->frame_bytes + resizer_bytes(ctx))) {
         kivod_release_frame_buffers(ctx);
         return KIVO_ERR_OUT_OF_MEMORY;
     }
 
-    kivod_bs *bs = &ctx->scan_bs;
-    int32_t done = 0;
-    int32_t scan_status = KIVO_OK;
-    int64_t scans = 0;
-    while (!done) {
-        if (kivod_bs_read(bs, 8) != 0xFF) break;
-        uint32_t m = kivod_bs_read(bs, 8);
-        while (m == 0xFF) m = kivod_bs_read(bs, 8);  // fill bytes before a marker
-        // EOI stays unread, so that the reader ends on it whatever the
-        // frame's last scan was (what follows it can then be found).
-        if (kivod_bs_rewind_cache(bs, m == 0xD9 ? 2 : 0) != 0) return KIVO_ERR_IO;
-        if (m == 0xC4) {
-            scan_status = kivod_vld_htbl(bs, ctx->dht_spec, ctx->dc_tbl, ctx->ac_tbl);
-            if (scan_status != 0) break;
-        } else if (m == 0xDB) {
-            scan_status = kivod_vld_qtbl(bs, ctx->qtbl, ctx->q_unit, ctx->progressive);
-            if (scan_status != 0) break;
-        } else if (m == 0xDD) {
-            kivod_vld_dri(bs, &ctx->dri);
-        } else if (m == 0xDA) {
-            if (kivod_over(ctx->limits.max_scans, uint64_t(++scans))) {
-                scan_status = KIVO_ERR_UNSUPPORTED;
-                break;
-            }
-            scan_status = dec_scan(ctx, &done);
-            if (scan_status != 0) break;
-        } else if (m == 0xD9) {
-            done = 1;
-        } else if (m == 0xFE) {
-            if (kivod_vld_skip_seg(bs) != 0) {
-                kivod_release_frame_buffers(ctx);
-                return KIVO_ERR_MALFORMED;
-            }
-        } else {
-            break;
-        }
-    }
-    ctx->reached_end = done;
+    int32_t scan_status;
+    const int32_t fatal = decode_scans(ctx, &scan_status);
+    if (fatal != 0) return fatal;
     const bool complete = kivod_picture_complete(ctx);
     const int32_t ret = kivod_finish(ctx);
     // A damaged scan or table between scans still leaves what was decoded in
@@ -443,3 +471,35 @@ int32_t kivod_finish(kivod_ctx *ctx) {
 }
 
 int32_t kivod_pull_frm(kivod_ctx *, void *) { return KIVO_ERR_UNSUPPORTED; }
+
+int32_t kivod_dec_levels(kivod_ctx *ctx) {
+    if (!ctx->sample_buf[0]) return KIVO_ERR_UNAVAILABLE;
+    // A sequential frame's levels take coefficient buffers here, within the
+    // same bounds as a progressive frame's.
+    if (!ctx->progressive) {
+        const uint64_t bytes = coef_bytes(ctx);
+        if (bytes > kMaxProgressiveBytes || kivod_over(ctx->limits.max_memory, ctx->frame_bytes + bytes)) {
+            kivod_release_frame_buffers(ctx);
+            return KIVO_ERR_OUT_OF_MEMORY;
+        }
+        ctx->frame_bytes += bytes;
+        for (int c = 0; c < ctx->fh.n_comp; ++c)
+            if (!alloc_coef_buf(ctx, c)) {
+                kivod_release_frame_buffers(ctx);
+                return KIVO_ERR_OUT_OF_MEMORY;
+            }
+    }
+    start_picture(ctx);
+    ctx->out_imgb = nullptr;
+    ctx->scale = 0;
+    ctx->levels_only = 1;
+    int32_t scan_status;
+    const int32_t fatal = decode_scans(ctx, &scan_status);
+    ctx->levels_only = 0;
+    if (fatal != 0) return fatal;
+    int32_t ret = scan_status;
+    if (ret == 0 && ctx->scan_bs.io_error) ret = KIVO_ERR_IO;
+    if (ret == 0 && !kivod_picture_complete(ctx)) ret = KIVO_ERR_MALFORMED;
+    if (ret != 0) kivod_release_frame_buffers(ctx);
+    return ret;
+}

@@ -346,6 +346,7 @@ struct kivod_ctx {
     int64_t app_bytes;       // bytes of the kept APPn segments and their nodes
     uint64_t frame_bytes;    // bytes of the frame buffers kivod_decode allocated
     int32_t reached_end;     // the picture's last scan or EOI was reached
+    int32_t levels_only;     // kivod_dec_levels is running: scans keep levels, nothing is reconstructed
     kivod_dsp dsp;
     kivo_tpool tpool;
     void *threads[8];
@@ -386,6 +387,16 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
 int32_t kivod_clone_frm(kivod_ctx *ctx, xelo_imgb *imgb);
 int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb);
 int32_t kivod_finish(kivod_ctx *ctx);
+// Instead of kivod_clone_frm: decodes every scan of the picture whose headers
+// kivod_dec read into quantized levels only (no IDCT, no output). Then
+// coef_buf[c] holds component c's levels, prog_blk_w[c] x prog_blk_h[c]
+// blocks of whole MCUs, 64 levels each in raster order, until
+// kivod_release_frame_buffers or the next kivod_dec; qtbl holds the tables
+// (zig-zag order for a sequential frame, raster for a progressive one).
+// Levels of a damaged picture are not handed out: a scan that fails, a
+// picture not decoded whole or a table redefined after the first scan gives
+// a negative status and no buffers.
+int32_t kivod_dec_levels(kivod_ctx *ctx);
 int32_t kivod_pull_frm(kivod_ctx *ctx, void *frame);
 int32_t kivod_choose_scale(int32_t fw, int32_t fh, int32_t ow, int32_t oh);
 // MCU rows of the frame, and those every component of the last picture was

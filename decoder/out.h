@@ -5,7 +5,9 @@
 
 #include "decoder/kivod_int.h"
 
-enum kivod_out_mode { KIVOD_OUT_DIRECT, KIVOD_OUT_PACKED, KIVOD_OUT_RESIZED };
+// KIVOD_OUT_LEVELS: no samples; each block's quantized levels go to the
+// coefficient buffers (kivod_dec_levels).
+enum kivod_out_mode { KIVOD_OUT_DIRECT, KIVOD_OUT_PACKED, KIVOD_OUT_RESIZED, KIVOD_OUT_LEVELS };
 
 // Planes of the layouts the decoder writes (0 for others).
 int kivod_planes_of(int32_t cs);

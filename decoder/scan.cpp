@@ -22,6 +22,15 @@ struct ScanComp {
     xelo_irsz_t *rsz;
 };
 
+const kivod_qtbl &unit_qtbl() {
+    static const kivod_qtbl unit = [] {
+        kivod_qtbl q{};
+        for (uint16_t &v : q.q) v = 1;
+        return q;
+    }();
+    return unit;
+}
+
 // The scan components' geometry, tables and counters (null: not counted).
 void setup_comps(const kivod_ctx *ctx, ScanComp sc[4], uint64_t (*dc_count)[12], uint64_t (*ac_count)[256]) {
     const kivod_sh &sh = ctx->sh;
@@ -36,7 +45,8 @@ void setup_comps(const kivod_ctx *ctx, ScanComp sc[4], uint64_t (*dc_count)[12],
         s.row_w = ctx->blk_w[s.c];
         s.t.dc = &ctx->dc_tbl[sh.td[s.c]];
         s.t.ac = &ctx->ac_tbl[sh.ta[s.c]];
-        s.t.q = &ctx->qtbl[fh.tq[s.c]];
+        // Levels are decoded with quantizers of 1.
+        s.t.q = ctx->levels_only ? &unit_qtbl() : &ctx->qtbl[fh.tq[s.c]];
         s.t.q0 = static_cast<int16_t>(s.t.q->q[0]);
         s.t.dc_count = dc_count ? dc_count[sh.td[s.c]] : nullptr;
         // AC symbols are counted for re-encoding with new quantizers, so
@@ -254,7 +264,11 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
             }
         }
         const kivod_idct_fn fn = dc_only ? j.idct_dc : j.idct;
-        if (j.mode == KIVOD_OUT_DIRECT) {
+        if (j.mode == KIVOD_OUT_LEVELS) {
+            const int32_t row = s.row + v, col = s.col + h;
+            if (row < ctx->prog_blk_h[s.c] && col < ctx->prog_blk_w[s.c])
+                kivo::copy_block(ctx->coef_buf[s.c] + (size_t(row) * ctx->prog_blk_w[s.c] + col) * 64, blk);
+        } else if (j.mode == KIVOD_OUT_DIRECT) {
             kivod_out_block(j.img, s.c, s.col + h, s.row + v, fn, blk);
         } else if (j.mode == KIVOD_OUT_PACKED) {
             fn(blk, 32, j.mcu_buf[k] + 32 * 8 * v + 8 * h);

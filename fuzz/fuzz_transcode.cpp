@@ -1,6 +1,8 @@
-// libFuzzer target: kivot_txcode over any source bytes with every setting
-// (output size, colour format and quality at creation, the four encoder
-// switches, quality, decode-only) into output memory of any size. The
+// libFuzzer target: kivot_txcode, kivot_txcode_lossless (baseline or
+// progressive) or kivot_txcode_smallest over any source bytes with every
+// setting (output size, colour format and quality at creation, the four
+// encoder switches, quality, decode-only, the copy choice) into output
+// memory of any size. The
 // reference run uses the plain kernels and output memory filled with 0x00;
 // the checked run the kernels the input picks, 0xFF, and a handle that
 // first met a failed allocation. Both must give the same status and stream;
@@ -13,8 +15,10 @@ namespace {
 
 struct Plan {
     kivoe_create_param cp;
-    int32_t flags[4], quality, set_quality, skip, set_format, format;
+    int32_t flags[4], quality, set_quality, skip, set_format, format, mode, copy;
     size_t out_size;
+    // The lossless calls ignore the decode-only setting.
+    bool decode_only() const { return skip && mode != 1 && mode != 2; }
 };
 
 fz::Result transcode(kivot_ctx *ctx, const Plan &p, const uint8_t *data, size_t size, uint8_t pattern,
@@ -35,10 +39,16 @@ fz::Result transcode(kivot_ctx *ctx, const Plan &p, const uint8_t *data, size_t 
     dst.ssize = int32_t(p.out_size);
     const kivod_input in{KIVOD_INPUT_BITB, &src, nullptr};
     const kivoe_output o{KIVOD_INPUT_BITB, &dst, nullptr};
-    int32_t written = -1;
-    r.status = kivot_txcode(ctx, &in, &o, &written);
-    if (r.status != 0 || p.skip) return r;
+    int32_t written = -1, chosen = 0;
+    kivot_set_copy(ctx, p.copy);
+    if (p.mode == 0) r.status = kivot_txcode(ctx, &in, &o, &written);
+    else if (p.mode < 3) r.status = kivot_txcode_lossless(ctx, &in, &o, &written, p.mode - 1);
+    else r.status = kivot_txcode_smallest(ctx, &in, &o, &written, &chosen);
+    r.source = chosen == KIVOT_CHOSEN_SOURCE;
+    if (r.status != 0 || p.decode_only()) return r;
     fz::check(written > 0 && size_t(written) <= p.out_size, "written size outside the output memory");
+    fz::check(p.mode != 3 || chosen == KIVOT_CHOSEN_PIPELINE || size_t(written) <= size,
+              "the smallest output outgrew the source");
     for (size_t i = size_t(written); i < out.size(); ++i) fz::check(out[i] == pattern, "a byte written after the stream");
     r.bytes.assign(out.begin(), out.begin() + written);
     return r;
@@ -62,6 +72,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     p.format = in.one_of(formats);
     p.skip = in.pick(8) == 0;
     p.out_size = in.pick(3) ? size * 4 + 65536 : in.pick(65536);
+    p.mode = in.pick(4);
+    p.copy = in.pick(3);
     const uint32_t mask = fz::cpu_mask(in.byte());
     const uint32_t fail_at = in.pick(32);
     std::vector<uint8_t> out;
@@ -95,7 +107,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     fz::check_no_leak(live);
     kivo_cpu_set_mask(~0u);
 
-    if (b.status == 0 && !p.skip) {
+    // A source handed back unchanged need not decode whole.
+    if (b.status == 0 && !p.decode_only() && !b.source) {
         kivod_ctx *d = kivod_create(nullptr, nullptr);
         xelo_bitb bitb{};
         bitb.addr = b.bytes.data();

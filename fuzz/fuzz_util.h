@@ -111,6 +111,7 @@ struct Image {
 struct Result {
     int32_t status = 1;
     std::vector<uint8_t> bytes;
+    bool source = false;  // a transcoding handed the source back
     bool operator==(const Result &o) const { return status == o.status && bytes == o.bytes; }
 };
 

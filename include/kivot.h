@@ -35,6 +35,45 @@ KIVO_API int32_t kivot_set_limits(kivot_ctx *ctx, const kivod_limits *limits);
 KIVO_API int32_t kivot_txcode(kivot_ctx *ctx, const kivod_input *input, const kivoe_output *output,
                               int32_t *written);
 
+/* ---- extensions ------------------------------------------------------------ */
+
+/* The source's APPn segments that every output of the handle carries: all
+ * (the default), none, or only the ICC profile (APP2 segments named
+ * "ICC_PROFILE"). The segments that say how the samples are to be read,
+ * JFIF's APP0 and Adobe's APP14, are always kept. */
+#define KIVOT_COPY_ALL 0
+#define KIVOT_COPY_NONE 1
+#define KIVOT_COPY_ICC 2
+/* Returns 0, or -105 for a bad handle or an unknown choice. */
+KIVO_API int32_t kivot_set_copy(kivot_ctx *ctx, int32_t copy);
+
+/* Lossless re-encoding: the source's quantized coefficients coded again,
+ * without any transform, with its quantization tables, APPn segments (as
+ * kivot_set_copy says) and trailing bytes: baseline with Huffman tables
+ * optimised for them, or progressive. Decoding the output gives exactly the
+ * source's pixels. A source that does not decode whole is refused with the
+ * decoder's status (or -202). */
+#define KIVOT_LOSSLESS_BASELINE 0
+#define KIVOT_LOSSLESS_PROGRESSIVE 1
+KIVO_API int32_t kivot_txcode_lossless(kivot_ctx *ctx, const kivod_input *input, const kivoe_output *output,
+                                       int32_t *written, int32_t coding);
+
+/* The smallest of: kivot_txcode's output with the handle's settings, the
+ * lossless re-encoding (progressive or baseline) and the source unchanged;
+ * *chosen (when not null) says which. Never more bytes than the source,
+ * except on a handle set to another size or colour format, whose outputs
+ * are always kivot_txcode's (the others are not that picture). An output
+ * memory too small for the chosen stream gives -105. */
+#define KIVOT_CHOSEN_PIPELINE 1
+#define KIVOT_CHOSEN_LOSSLESS 2     /* baseline */
+#define KIVOT_CHOSEN_PROGRESSIVE 3  /* lossless, progressive */
+#define KIVOT_CHOSEN_SOURCE 4
+KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input, const kivoe_output *output,
+                                       int32_t *written, int32_t *chosen);
+/* A short name of a KIVOT_CHOSEN_ value for reports ("pipeline",
+ * "lossless", "progressive", "source"; "?" for others). */
+KIVO_API const char *kivot_chosen_name(int32_t chosen);
+
 #ifdef __cplusplus
 }
 #endif

@@ -15,6 +15,7 @@
 #include "decoder/kivod_int.h"
 #include "kivot.h"
 #include "oracle_support/turbo.h"
+#include "transcoder/kivot_int.h"
 #include "support/kivo_decode.h"
 #include "support/kivo_encode.h"
 
@@ -129,6 +130,125 @@ TEST(OracleTranscode, EverySourceKind) {
             EXPECT_TRUE((idx != 3 || d.color_format == XELO_CS_YCBCR420) && (idx != 4 || (d.width == 100 && d.height == 60)));
             EXPECT_TRUE(idx != 1 || transcode(src, 0, optimize, static_cast<int32_t>(r.out.size()) - 5, threads).status < 0);
         }
+}
+
+// Same planes, as libjpeg-turbo decodes them.
+bool same_pixels(const Bytes &a, const Bytes &b) {
+    std::vector<testpic::Plane> pa, pb;
+    if (!turbo::decode_raw(a, 1, &pa) || !turbo::decode_raw(b, 1, &pb) || pa.size() != pb.size()) return false;
+    for (size_t i = 0; i < pa.size(); ++i)
+        if (pa[i].px != pb[i].px) return false;
+    return true;
+}
+
+// Lossless re-encoding of every kind of source libjpeg-turbo makes: the
+// decoder's levels times the tables are libjpeg-turbo's coefficients; both
+// outputs decode to the source's pixels and are within 1% of libjpeg-turbo's
+// own lossless outputs (jpegtran -optimize, -progressive); the smallest-of
+// output is never larger than the source, is exact unless it is the
+// pipeline's, and is not the pipeline's for a quality-75 source.
+TEST(OracleTranscode, LosslessAndSmallest) {
+    const struct Case { const char *name; int n_comp, h0, v0, quality, restart; bool progressive; } kCases[] = {
+        {"grey", 1, 1, 1, 90, 0, false}, {"420", 3, 2, 2, 75, 0, false}, {"422", 3, 2, 1, 85, 0, false},
+        {"444", 3, 1, 1, 95, 0, false},  {"420 progressive", 3, 2, 2, 75, 0, true},
+        {"420 restarts", 3, 2, 2, 90, 3, false}, {"grey progressive", 1, 1, 1, 98, 0, true},
+    };
+    kivoe_create_param p{1, 0, 0, 0, 0, nullptr};
+    kivot_ctx *t = kivot_create(&p, nullptr);
+    for (const Case &c : kCases) {
+        SCOPED_TRACE(c.name);
+        turbo::EncodeSpec e;
+        e.width = 317, e.height = 243, e.n_comp = c.n_comp, e.quality = c.quality, e.progressive = c.progressive;
+        e.restart_mcus = c.restart, e.h[0] = c.h0, e.v[0] = c.v0;
+        const Bytes src = turbo::encode(e, turbo::make_planes(e, c.quality));
+        Bytes in(src);
+        xelo_bitb ib{};
+        ib.addr = in.data(), ib.ssize = static_cast<int32_t>(in.size());
+        const kivod_input input{KIVOD_INPUT_BITB, &ib, nullptr};
+        kivoe_coef_pic pic;
+        std::vector<turbo::Coefficients> want;
+        ASSERT_TRUE(kivot_read_levels(t, &input, &pic) == 0 && turbo::read_coefficients(src, &want));
+        for (int k = 0; k < c.n_comp; ++k)
+            for (int by = 0; by < want[k].blocks_h; ++by)
+                for (int bx = 0; bx < want[k].blocks_w; ++bx)
+                    for (int i = 0; i < 64; ++i)
+                        ASSERT_EQ(int16_t(pic.coef[k][(size_t(by) * pic.blk_w[k] + bx) * 64 + i] * pic.qt[pic.tq[k]][i]),
+                                  want[k].coef[(size_t(by) * want[k].blocks_w + bx) * 64 + i]) << k << " " << bx << "," << by;
+        kivod_release_frame_buffers(t->dec);
+        Bytes buf(src.size() * 2);
+        xelo_bitb ob{};
+        ob.addr = buf.data(), ob.ssize = static_cast<int32_t>(buf.size());
+        const kivoe_output output{KIVOD_INPUT_BITB, &ob, nullptr};
+        for (int32_t coding : {KIVOT_LOSSLESS_BASELINE, KIVOT_LOSSLESS_PROGRESSIVE}) {
+            int32_t n = 0;
+            ASSERT_EQ(kivot_txcode_lossless(t, &input, &output, &n, coding), 0);
+            const Bytes out(buf.begin(), buf.begin() + n), ref = turbo::transcode(src, coding != 0, true);
+            EXPECT_TRUE(same_pixels(src, out)) << coding;
+            EXPECT_LT(std::abs(double(out.size()) / ref.size() - 1), 0.01) << coding << ": " << out.size() << " vs " << ref.size();
+        }
+        int32_t n = 0, chosen = 0;
+        ASSERT_EQ(kivot_txcode_smallest(t, &input, &output, &n, &chosen), 0);
+        const Bytes out(buf.begin(), buf.begin() + n);
+        EXPECT_LE(out.size(), src.size());
+        EXPECT_TRUE(chosen == KIVOT_CHOSEN_PIPELINE || same_pixels(src, out)) << kivot_chosen_name(chosen);
+        EXPECT_TRUE(c.quality != 75 || chosen != KIVOT_CHOSEN_PIPELINE);
+        // Memory one byte short of the winner is refused; the handle goes on.
+        ob.ssize = n - 1;
+        EXPECT_EQ(kivot_txcode_smallest(t, &input, &output, &n, &chosen), KIVO_ERR_INVALID_ARG);
+        ob.ssize = static_cast<int32_t>(buf.size());
+        EXPECT_TRUE(kivot_txcode_smallest(t, &input, &output, &n, &chosen) == 0 && Bytes(buf.begin(), buf.begin() + n) == out);
+    }
+    kivot_delete(t);
+}
+
+// The copy choices keep the segments they name, in the pipeline's and the
+// lossless outputs alike: all of them; JFIF, Adobe and the ICC profile's;
+// JFIF and Adobe only. The smallest-of output follows them too, the source
+// included.
+TEST(OracleTranscode, CopyChoices) {
+    const Bytes jfif = segment(0xE0, std::string("JFIF\0\x01\x01\0\0\x01\0\x01\0\0", 14)),
+                exif = segment(0xE1, std::string("Exif\0\0", 6) + std::string(40, 'e')),
+                icc1 = segment(0xE2, std::string("ICC_PROFILE\0\x01\x02", 14) + std::string(30, 'i')),
+                icc2 = segment(0xE2, std::string("ICC_PROFILE\0\x02\x02", 14) + std::string(20, 'j')),
+                other2 = segment(0xE2, std::string("MPF\0", 4) + std::string(10, 'm')),
+                adobe = segment(0xEE, std::string("Adobe\0\x64\0\0\0\0\x01", 12));
+    const Bytes base = make_source(kSources[0], 120, 80, 75, 4);
+    Bytes src = {0xFF, 0xD8};
+    for (const Bytes &part : {jfif, exif, icc1, other2, icc2, adobe}) src.insert(src.end(), part.begin(), part.end());
+    size_t pos = 2;  // past the source's own APP0
+    while (base[pos + 1] >= 0xE0 && base[pos + 1] <= 0xEF) pos += 2 + (base[pos + 2] << 8 | base[pos + 3]);
+    src.insert(src.end(), base.begin() + pos, base.end());
+    auto cat = [](std::initializer_list<Bytes> parts) {
+        Bytes b;
+        for (const Bytes &p : parts) b.insert(b.end(), p.begin(), p.end());
+        return b;
+    };
+    const struct { int32_t copy; Bytes want; } kCopies[] = {
+        {KIVOT_COPY_ALL, cat({jfif, exif, icc1, other2, icc2, adobe})},
+        {KIVOT_COPY_ICC, cat({jfif, icc1, icc2, adobe})},
+        {KIVOT_COPY_NONE, cat({jfif, adobe})},
+    };
+    kivoe_create_param p{1, 0, 0, 0, 0, nullptr};
+    kivot_ctx *t = kivot_create(&p, nullptr);
+    EXPECT_EQ(kivot_set_copy(t, 3), KIVO_ERR_INVALID_ARG);
+    Bytes in(src), buf(src.size() * 2);
+    xelo_bitb ib{}, ob{};
+    ib.addr = in.data(), ib.ssize = static_cast<int32_t>(in.size());
+    ob.addr = buf.data(), ob.ssize = static_cast<int32_t>(buf.size());
+    const kivod_input input{KIVOD_INPUT_BITB, &ib, nullptr};
+    const kivoe_output output{KIVOD_INPUT_BITB, &ob, nullptr};
+    for (const auto &c : kCopies) {
+        ASSERT_EQ(kivot_set_copy(t, c.copy), 0);
+        for (int call = 0; call < 3; ++call) {
+            int32_t n = 0, chosen = 0;
+            const int32_t st = call == 0   ? kivot_txcode(t, &input, &output, &n)
+                               : call == 1 ? kivot_txcode_lossless(t, &input, &output, &n, KIVOT_LOSSLESS_PROGRESSIVE)
+                                           : kivot_txcode_smallest(t, &input, &output, &n, &chosen);
+            ASSERT_EQ(st, 0);
+            EXPECT_EQ(apps_of(Bytes(buf.begin(), buf.begin() + n)), c.want) << c.copy << " " << call;
+        }
+    }
+    kivot_delete(t);
 }
 
 // Output quantizers against their rule: for table k (luma, chroma) and

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -227,6 +228,15 @@ int run_batch(const BatchOptions &b, const std::vector<const char *> &exts, cons
     std::printf("%zu files, %d failed; the others %.1f MB -> %.1f MB", jobs.size(), failed, mb(in), mb(out));
     if (in) std::printf(" (%.1f%%)", 100.0 * out / in);
     std::printf(" in %.1f s\n", s);
+    // Which kind of output each file got, when the work names one.
+    std::map<std::string, int> won;
+    for (const FileJob &job : jobs)
+        if (job.chosen) ++won[job.chosen];
+    if (!won.empty()) {
+        std::printf("chosen:");
+        for (const auto &[name, n] : won) std::printf(" %s %d", name.c_str(), n);
+        std::printf("; %.2f MB saved\n", in >= out ? mb(in - out) : -mb(out - in));
+    }
     return failed ? 1 : 0;
 }
 

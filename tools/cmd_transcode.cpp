@@ -12,7 +12,12 @@ namespace tool {
 
 namespace {
 
+enum class Mode { Pipeline, Lossless, Smallest };
+
 struct Settings {
+    Mode mode = Mode::Smallest;
+    bool progressive = false;  // lossless mode: progressive output
+    int32_t copy = KIVOT_COPY_ALL;
     int32_t quality = 0, w = 0, h = 0;
     int32_t flags[4] = {0, 0, 0, 0};  // optimize, jnd filter, jnd suppress, adaptive rounding
     kivod_limits limits = default_limits();
@@ -22,7 +27,7 @@ struct Settings {
 // pointers); false with a message on failure. `report` prints the
 // sizes and time.
 bool transcode_file(const std::string &in, const std::string &out, Settings st, int threads, bool report,
-                    uint64_t *out_bytes) {
+                    uint64_t *out_bytes, const char **chosen_name) {
     std::vector<uint8_t> src;
     if (!read_file(in, &src) || src.empty() || src.size() > 0x3FFFFFFFu) {
         message("kivo: cannot read %s\n", in.c_str());
@@ -42,6 +47,7 @@ bool transcode_file(const std::string &in, const std::string &out, Settings st, 
                             KIVOT_CFG_ADAPTIVE_ROUNDING};
     for (int i = 0; i < 4; ++i) kivot_config(t, ids[i], &st.flags[i], &four);
     kivot_set_limits(t, &st.limits);
+    kivot_set_copy(t, st.copy);
     xelo_bitb ib{};
     ib.addr = src.data();
     ib.ssize = static_cast<int32_t>(src.size());
@@ -54,7 +60,16 @@ bool transcode_file(const std::string &in, const std::string &out, Settings st, 
     kivoe_output output{KIVOD_INPUT_BITB, &ob, nullptr};
     int32_t written = 0;
     const auto t0 = std::chrono::steady_clock::now();
-    status = kivot_txcode(t, &input, &output, &written);
+    int32_t chosen = KIVOT_CHOSEN_PIPELINE;
+    if (st.mode == Mode::Smallest) {
+        status = kivot_txcode_smallest(t, &input, &output, &written, &chosen);
+    } else if (st.mode == Mode::Lossless) {
+        chosen = st.progressive ? KIVOT_CHOSEN_PROGRESSIVE : KIVOT_CHOSEN_LOSSLESS;
+        status = kivot_txcode_lossless(t, &input, &output, &written,
+                                       st.progressive ? KIVOT_LOSSLESS_PROGRESSIVE : KIVOT_LOSSLESS_BASELINE);
+    } else {
+        status = kivot_txcode(t, &input, &output, &written);
+    }
     const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
     kivot_delete(t);
     if (status != 0) {
@@ -65,9 +80,10 @@ bool transcode_file(const std::string &in, const std::string &out, Settings st, 
     buf.resize(static_cast<size_t>(written));
     if (!write_file(out, buf)) return false;
     *out_bytes = buf.size();
+    *chosen_name = kivot_chosen_name(chosen);
     if (report)
-        std::printf("%s: %zu bytes -> %s: %d bytes (%.1f%%) in %.1f ms\n", in.c_str(), src.size(), out.c_str(),
-                    written, 100.0 * written / static_cast<double>(src.size()), ms);
+        std::printf("%s: %zu bytes -> %s: %d bytes (%.1f%%, %s) in %.1f ms\n", in.c_str(), src.size(), out.c_str(),
+                    written, 100.0 * written / static_cast<double>(src.size()), *chosen_name, ms);
     return true;
 }
 
@@ -89,6 +105,16 @@ int cmd_transcode(int argc, char **argv) {
         else if (a == "--jnd-filter") st.flags[1] = 1;
         else if (a == "--jnd-suppress") st.flags[2] = 1;
         else if (a == "--adaptive-rounding") st.flags[3] = 1;
+        else if (a == "--progressive") st.progressive = true;
+        else if (a == "--mode" && has) {
+            const std::string m = argv[++i];
+            st.mode = m == "pipeline" ? Mode::Pipeline : m == "lossless" ? Mode::Lossless : Mode::Smallest;
+            bad = m != "pipeline" && m != "lossless" && m != "smallest";
+        } else if (a == "--copy" && has) {
+            const std::string c = argv[++i];
+            st.copy = c == "none" ? KIVOT_COPY_NONE : c == "icc" ? KIVOT_COPY_ICC : KIVOT_COPY_ALL;
+            bad = c != "none" && c != "icc" && c != "all";
+        }
         else if (batch_option(a, argc, argv, &i, &batch)) continue;
         else if (a[0] != '-') batch.inputs.push_back(a);
         else bad = true;
@@ -97,17 +123,24 @@ int cmd_transcode(int argc, char **argv) {
     if (bad || (many ? batch.inputs.empty() : batch.inputs.size() != 2) || st.quality < 0 || st.quality > 100 ||
         batch.threads < 1 || batch.threads > 8 || st.w < 0 || st.h < 0) {
         std::fprintf(stderr,
-                     "usage: kivo transcode IN.jpg OUT.jpg [--quality Q] [--optimize] [--jnd-filter]\n"
+                     "usage: kivo transcode IN.jpg OUT.jpg [--mode pipeline|lossless|smallest] [--progressive]\n"
+                     "         [--copy all|icc|none] [--quality Q] [--optimize] [--jnd-filter]\n"
                      "         [--jnd-suppress] [--adaptive-rounding] [--size WxH] [--threads N]\n"
                      "       kivo transcode IN... (--out-dir DIR | --in-place) [--recursive] [options]\n"
-                     "  quality 0 (the default) chooses it from the picture's brightness. With several\n"
-                     "  inputs (directories: their .jpg and .jpeg files), --threads files at once.\n");
+                     "  smallest (the default) keeps the smallest of the re-encoded picture (pipeline),\n"
+                     "  the lossless re-encoding and the source, never a larger file; lossless codes the\n"
+                     "  source's coefficients again (--progressive: as a progressive stream). --copy says\n"
+                     "  which APPn segments stay (icc: the colour profile). Quality 0 (the default)\n"
+                     "  chooses it from the picture's brightness. With several inputs (directories:\n"
+                     "  their .jpg and .jpeg files), --threads files at once.\n");
         return 2;
     }
     uint64_t out_bytes = 0;
-    if (!many) return transcode_file(batch.inputs[0], batch.inputs[1], st, batch.threads, true, &out_bytes) ? 0 : 1;
+    const char *chosen = nullptr;
+    if (!many)
+        return transcode_file(batch.inputs[0], batch.inputs[1], st, batch.threads, true, &out_bytes, &chosen) ? 0 : 1;
     return run_batch(batch, {".jpg", ".jpeg"}, nullptr, [&](FileJob *job) {
-        return transcode_file(job->in, job->out, st, 1, false, &job->out_bytes);
+        return transcode_file(job->in, job->out, st, 1, false, &job->out_bytes, &job->chosen);
     });
 }
 

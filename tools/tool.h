@@ -80,6 +80,7 @@ bool batch_option(const std::string &a, int argc, char **argv, int *i, BatchOpti
 struct FileJob {
     std::string in, out;
     uint64_t in_bytes = 0, out_bytes = 0;  // work() sets out_bytes
+    const char *chosen = nullptr;          // work() may name the kind of output it chose
 };
 // Runs work (from several threads) on every input file, directories giving
 // their files with one of exts; out_ext replaces the output's extension

@@ -165,6 +165,14 @@ KIVO_API int32_t kivot_config(kivot_ctx *ctx, int32_t id, void *value, const int
     }
 }
 
+KIVO_API int32_t kivot_set_copy(kivot_ctx *ctx, int32_t copy) {
+    kivot_ctx *t = checked(ctx);
+    if (!t || (copy != KIVOT_COPY_ALL && copy != KIVOT_COPY_NONE && copy != KIVOT_COPY_ICC))
+        return KIVO_ERR_INVALID_ARG;
+    t->copy = copy;
+    return KIVO_OK;
+}
+
 KIVO_API int32_t kivot_txcode(kivot_ctx *ctx, const kivod_input *input, const kivoe_output *output,
                               int32_t *written) {
     kivot_ctx *t = checked(ctx);

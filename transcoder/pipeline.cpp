@@ -1,6 +1,7 @@
 // The transcoding pipeline: decode the source completely, choose tables
 // never finer than its own, encode again with the source's APPn segments,
 // and append what followed the source's end of image.
+#include <cstdlib>
 #include <cstring>
 
 #include "transcoder/kivot_int.h"
@@ -41,6 +42,9 @@ void floor_by(kivoe_qtbl &eq, const kivod_qtbl &sq, int k, int32_t f, bool progr
     }
 }
 
+// Whether output table k serves component c.
+bool serves(int k, int c) { return (c == 1 || c == 2) == (k == 1); }
+
 // Output table 0 serves components 0 and 3, table 1 components 1 and 2.
 // Each is floored by the source table of every source component it serves,
 // whatever order the source defined its tables in, so that no component
@@ -55,7 +59,7 @@ void floor_tables(kivot_ctx *t, int32_t quality) {
         eq.tq = static_cast<uint8_t>(k);
         bool floored = false;
         for (int c = 0; c < d->fh.n_comp && c < 4; ++c) {
-            if ((c == 1 || c == 2) != (k == 1)) continue;
+            if (!serves(k, c)) continue;
             const kivod_qtbl &sq = d->qtbl[d->fh.tq[c] & 3];
             if (!sq.length) continue;
             floor_by(eq, sq, k, f, d->progressive);
@@ -66,9 +70,11 @@ void floor_tables(kivot_ctx *t, int32_t quality) {
     }
 }
 
-// Bytes after the source's end of image, appended to the output. Returns 0,
-// or -105 when they do not fit (the output then ends at its last byte).
-int32_t append_trailer(kivod_ctx *d, xelo_bsw *out) {
+}  // namespace
+
+kivot_trailer::~kivot_trailer() { std::free(owned); }
+
+int32_t kivot_trailer::take(kivod_ctx *d) {
     kivod_bs *bs = &d->scan_bs;
     kivod_bs_rewind_cache(bs, 0);
     // Find FF (FF...) D9.
@@ -83,36 +89,64 @@ int32_t append_trailer(kivod_ctx *d, xelo_bsw *out) {
         }
     }
     if (!found) return KIVO_OK;
-    // The rest is copied in blocks: straight from memory, or read from the
-    // file into the output.
-    uint8_t *dst = out->write_ptr;
-    const size_t room = static_cast<size_t>(out->end_ptr - dst);
     if (bs->type == KIVOD_INPUT_BITB) {
-        const size_t n = static_cast<size_t>(bs->end + 1 - bs->cur);
-        if (n > room) return KIVO_ERR_INVALID_ARG;
-        std::memcpy(dst, bs->cur, n);
+        data = bs->cur;
+        size = static_cast<size_t>(bs->end + 1 - bs->cur);
         bs->cur = bs->end + 1;
-        out->write_ptr = dst + n;
         return KIVO_OK;
     }
+    // From a file the rest is read in blocks.
     const int64_t left = static_cast<int64_t>(bs->last) - bs->pos + 1;
-    if (left > static_cast<int64_t>(room)) return KIVO_ERR_INVALID_ARG;
+    if (left <= 0) return KIVO_OK;
+    owned = static_cast<uint8_t *>(std::malloc(static_cast<size_t>(left)));
+    if (!owned) return KIVO_ERR_OUT_OF_MEMORY;
     int64_t done = 0;
     while (done < left) {
         const int32_t want = static_cast<int32_t>(left - done > (1 << 20) ? (1 << 20) : left - done);
-        const int32_t got = bs->mfal.read(bs->handle, dst + done, want);
+        const int32_t got = bs->mfal.read(bs->handle, owned + done, want);
         if (got <= 0) break;
         done += got;
     }
     bs->pos += static_cast<uint32_t>(done);
-    out->write_ptr = dst + done;
+    data = owned;
+    size = static_cast<size_t>(done);
     return KIVO_OK;
 }
 
-}  // namespace
+bool kivot_keeps_app(int32_t copy, uint32_t marker, const uint8_t *data, uint32_t size) {
+    auto named = [&](uint32_t m, const char *id, uint32_t len) {
+        return marker == m && size >= len && data && std::memcmp(data, id, len) == 0;
+    };
+    // JFIF and Adobe segments tell how the samples are to be read (colour
+    // space, transform): they stay whatever the choice.
+    return copy == KIVOT_COPY_ALL || named(0xE0, "JFIF", 5) || named(0xEE, "Adobe", 5) ||
+           (copy == KIVOT_COPY_ICC && named(0xE2, "ICC_PROFILE", 12));
+}
 
-int32_t kivot_trc(kivot_ctx *t, const kivod_input *in, const kivoe_output *out, int32_t *written) {
-    *written = 0;
+kivot_app_view::~kivot_app_view() { std::free(nodes); }
+
+int32_t kivot_app_view::select(int32_t copy, kivod_app_node *list) {
+    head = list;
+    if (copy == KIVOT_COPY_ALL) return KIVO_OK;
+    size_t n = 0;
+    for (const kivod_app_node *a = list; a; a = a->next) ++n;
+    nodes = n ? static_cast<kivod_app_node *>(std::malloc(n * sizeof(kivod_app_node))) : nullptr;
+    if (n && !nodes) return KIVO_ERR_OUT_OF_MEMORY;
+    head = nullptr;
+    kivod_app_node **tail = &head;
+    size_t used = 0;
+    for (const kivod_app_node *a = list; a; a = a->next) {
+        if (!kivot_keeps_app(copy, a->marker, a->data, a->size)) continue;
+        kivod_app_node *node = &nodes[used++];
+        *node = *a;
+        node->next = nullptr;
+        *tail = node;
+        tail = &node->next;
+    }
+    return KIVO_OK;
+}
+
+int32_t kivot_trc_decode(kivot_ctx *t, const kivod_input *in) {
     kivod_ctx *d = t->dec;
     kivoe_ctx *e = t->enc;
     if (!d->proc.dec || !d->proc.clone_frm) return KIVO_ERR_UNAVAILABLE;
@@ -153,10 +187,29 @@ int32_t kivot_trc(kivot_ctx *t, const kivod_input *in, const kivoe_output *out, 
     for (int k = 0; k < 2; ++k)
         kivo_gen_qtbl(reinterpret_cast<int16_t *>(e->qtbl[k].q), e->qtbl[k].recip, e->qtbl[k].half, stat[k], base);
     floor_tables(t, quality);
+    return KIVO_OK;
+}
 
+bool kivot_tables_changed(const kivot_ctx *t) {
+    const kivod_ctx *d = t->dec;
+    for (int c = 0; c < d->fh.n_comp && c < 4; ++c) {
+        const int k = serves(0, c) ? 0 : 1;
+        const kivod_qtbl &sq = d->qtbl[d->fh.tq[c] & 3];
+        for (int r = 0; r < 64; ++r) {
+            const int32_t s = d->progressive ? sq.q[r] : sq.q[kivo_tbl_ras_to_zig[r]];
+            if (t->enc->qtbl[k].q[r] != s) return true;
+        }
+    }
+    return false;
+}
+
+int32_t kivot_trc_encode(kivot_ctx *t, const kivoe_output *out, int32_t *written) {
+    *written = 0;
+    kivod_ctx *d = t->dec;
+    kivoe_ctx *e = t->enc;
     if (t->skip_encode) return KIVO_OK;
     if (!e->proc.push) return KIVO_ERR_UNAVAILABLE;
-    ret = e->proc.push(e, t->pic->imgb);
+    int32_t ret = e->proc.push(e, t->pic->imgb);
     if (ret < 0) return fail_with_picture(t, ret);
     e->jnd_filter = t->jnd_filter;
     e->adaptive_rounding = t->adaptive_rounding;
@@ -176,7 +229,10 @@ int32_t kivot_trc(kivot_ctx *t, const kivod_input *in, const kivoe_output *out, 
     e->huff_overflow_msg = "Huffman code size table overflow";
     if (!out || !out->bitb || !out->bitb->addr || out->bitb->ssize <= 0) return KIVO_ERR_INVALID_ARG;
     xelo_bsw_init(&e->bs, out->bitb->addr, out->bitb->ssize, kivoe_bs_flush);
-    e->app_list = d->app_list;
+    kivot_app_view apps;
+    ret = apps.select(t->copy, d->app_list);
+    if (ret < 0) return fail_with_picture(t, ret);
+    e->app_list = apps.head;
     ret = kivoe_pic_init(e);
     if (ret < 0) return fail_with_picture(t, ret);
     kivoe_proc &p = e->proc;
@@ -197,7 +253,19 @@ int32_t kivot_trc(kivot_ctx *t, const kivod_input *in, const kivoe_output *out, 
     kivoe_pic_deinit(e);
     // The stream and then the source's trailing bytes must fit the output;
     // otherwise nothing is handed out (nothing was written past its end).
-    if (e->bs.overflow || append_trailer(d, &e->bs) != KIVO_OK) return KIVO_ERR_INVALID_ARG;
-    *written = static_cast<int32_t>(e->bs.write_ptr - e->bs.start_ptr);
+    kivot_trailer trailer;
+    ret = trailer.take(d);
+    if (ret < 0) return ret;
+    xelo_bsw &bs = e->bs;
+    if (bs.overflow || trailer.size > static_cast<size_t>(bs.end_ptr - bs.write_ptr)) return KIVO_ERR_INVALID_ARG;
+    if (trailer.size) std::memcpy(bs.write_ptr, trailer.data, trailer.size);
+    bs.write_ptr += trailer.size;
+    *written = static_cast<int32_t>(bs.write_ptr - bs.start_ptr);
     return KIVO_OK;
+}
+
+int32_t kivot_trc(kivot_ctx *t, const kivod_input *in, const kivoe_output *out, int32_t *written) {
+    *written = 0;
+    const int32_t ret = kivot_trc_decode(t, in);
+    return ret < 0 ? ret : kivot_trc_encode(t, out, written);
 }

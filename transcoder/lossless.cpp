@@ -1,0 +1,292 @@
+// Lossless re-encoding: the source's quantized levels, as the decoder reads
+// them, coded again as a baseline stream with optimised tables or as a
+// progressive one; and the smallest-of choice among that, the pipeline and
+// the source itself.
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
+
+#include "transcoder/kivot_int.h"
+
+int32_t kivot_read_levels(kivot_ctx *t, const kivod_input *in, kivoe_coef_pic *pic) {
+    kivod_ctx *d = t->dec;
+    if (!d->proc.dec) return KIVO_ERR_UNAVAILABLE;
+    std::memset(d->qtbl, 0, sizeof(d->qtbl));
+    *pic = kivoe_coef_pic{};
+    kivod_frame_info info{};
+    int32_t ret = d->proc.dec(d, in, &info);
+    if (ret < 0) return ret;
+    const kivod_fh &fh = d->fh;
+    pic->width = fh.width;
+    pic->height = fh.height;
+    ret = kivod_dec_levels(d);
+    if (ret < 0) return ret;
+    pic->n_comp = fh.n_comp;
+    for (int c = 0; c < fh.n_comp; ++c) {
+        pic->id[c] = fh.comp_id[c];
+        // One component is coded block by block whatever its factors say.
+        pic->h[c] = fh.n_comp > 1 ? fh.h[c] : 1;
+        pic->v[c] = fh.n_comp > 1 ? fh.v[c] : 1;
+        const int tq = fh.tq[c] & 3;
+        pic->tq[c] = static_cast<uint8_t>(tq);
+        const kivod_qtbl &q = d->qtbl[tq];
+        for (int r = 0; r < 64; ++r) pic->qt[tq][r] = d->progressive ? q.q[r] : q.q[kivo_tbl_ras_to_zig[r]];
+        pic->blk_w[c] = d->prog_blk_w[c];
+        pic->blk_h[c] = d->prog_blk_h[c];
+        pic->coef[c] = d->coef_buf[c];
+    }
+    return KIVO_OK;
+}
+
+int32_t kivot_write_levels(const kivoe_coef_pic *pic, int32_t coding, uint8_t *dst, int32_t cap, int32_t *written) {
+    *written = 0;
+    if (!dst || cap <= 0) return KIVO_ERR_INVALID_ARG;
+    xelo_bsw bs;
+    xelo_bsw_init(&bs, dst, cap, kivoe_bs_flush);
+    const int32_t ret = kivoe_write_coef_pic(pic, coding, &bs);
+    if (ret < 0) return ret;
+    if (bs.overflow) return KIVO_ERR_INVALID_ARG;
+    *written = static_cast<int32_t>(bs.write_ptr - bs.start_ptr);
+    return KIVO_OK;
+}
+
+namespace {
+
+// The source's levels with the APPn segments and trailer the outputs carry.
+struct Levels {
+    kivoe_coef_pic pic{};
+    kivot_app_view apps;
+    kivot_trailer trailer;
+    int32_t read(kivot_ctx *t, const kivod_input *in) {
+        int32_t ret = kivot_read_levels(t, in, &pic);
+        if (ret == KIVO_OK) ret = apps.select(t->copy, t->dec->app_list);
+        if (ret == KIVO_OK) ret = trailer.take(t->dec);
+        if (ret < 0) return ret;
+        pic.app_list = apps.head;
+        pic.trailer = trailer.data;
+        pic.trailer_len = static_cast<int32_t>(trailer.size);
+        return KIVO_OK;
+    }
+};
+
+// The source's bytes in memory: the caller's, or read from its file.
+struct Source {
+    const uint8_t *data = nullptr;
+    int32_t size = 0;
+    uint8_t *owned = nullptr;
+    Source() = default;
+    Source(const Source &) = delete;
+    Source &operator=(const Source &) = delete;
+    ~Source() { std::free(owned); }
+    int32_t load(const kivod_input *in) {
+        if (in->type == KIVOD_INPUT_BITB) {
+            if (!in->bitb || !in->bitb->addr || in->bitb->ssize <= 0) return KIVO_ERR_INVALID_ARG;
+            data = in->bitb->addr;
+            size = in->bitb->ssize;
+            return KIVO_OK;
+        }
+        if (in->type != KIVOD_INPUT_MFAL || !in->mfal || !in->mfal->open || !in->mfal->read || !in->mfal->size ||
+            !in->mfal->close)
+            return KIVO_ERR_INVALID_ARG;
+        kivo_mfal *m = in->mfal;
+        void *h = m->open(m, 2, 1);
+        if (!h) return KIVO_ERR_IO;
+        int64_t n = 0;
+        int32_t ret = m->size(h, &n) != 0 || n <= 0 || n > INT32_MAX ? KIVO_ERR_IO : KIVO_OK;
+        if (ret == KIVO_OK) owned = static_cast<uint8_t *>(std::malloc(static_cast<size_t>(n)));
+        if (ret == KIVO_OK && !owned) ret = KIVO_ERR_OUT_OF_MEMORY;
+        int64_t done = 0;
+        while (ret == KIVO_OK && done < n) {
+            const int32_t want = static_cast<int32_t>(n - done > (1 << 20) ? (1 << 20) : n - done);
+            const int32_t got = m->read(h, owned + done, want);
+            if (got <= 0) ret = KIVO_ERR_IO;
+            done += got > 0 ? got : 0;
+        }
+        m->close(h);
+        data = owned;
+        size = static_cast<int32_t>(n);
+        return ret;
+    }
+};
+
+// The source with the APPn segments before its first scan that the copy
+// setting drops left out, into dst (room for the source). Returns the
+// bytes written, or 0 when the headers cannot be walked.
+int32_t strip_source(const uint8_t *s, int32_t n, int32_t copy, uint8_t *dst) {
+    if (copy == KIVOT_COPY_ALL) {
+        std::memcpy(dst, s, static_cast<size_t>(n));
+        return n;
+    }
+    if (n < 4 || s[0] != 0xFF || s[1] != 0xD8) return 0;
+    int32_t in = 2, out = 2;
+    std::memcpy(dst, s, 2);
+    while (in + 4 <= n && s[in] == 0xFF && s[in + 1] != 0xDA) {
+        const uint32_t marker = s[in + 1];
+        const int32_t len = s[in + 2] << 8 | s[in + 3];
+        if (marker == 0xFF || len < 2 || in + 2 + len > n) return 0;  // fill bytes or a cut segment: not walked
+        const bool app = marker >= 0xE0 && marker <= 0xEF;
+        if (!app || kivot_keeps_app(copy, marker, s + in + 4, static_cast<uint32_t>(len - 2))) {
+            std::memcpy(dst + out, s + in, static_cast<size_t>(2 + len));
+            out += 2 + len;
+        }
+        in += 2 + len;
+    }
+    if (in + 2 > n || s[in] != 0xFF || s[in + 1] != 0xDA) return 0;
+    std::memcpy(dst + out, s + in, static_cast<size_t>(n - in));
+    return out + (n - in);
+}
+
+// Writes the levels baseline into buf[0] and progressive into buf[1] (cap
+// bytes each), at the same time when the handle has lent threads, and
+// offers both. Returns -102 when either ran out of memory, else 0.
+template <class Offer>
+int32_t write_both(kivot_ctx *t, const kivoe_coef_pic *pic, uint8_t *const buf[2], int32_t cap, Offer &offer) {
+    struct Job {
+        const kivoe_coef_pic *pic;
+        int32_t coding;
+        uint8_t *dst;
+        int32_t cap, size, ret;
+    } jobs[2] = {{pic, KIVOE_CODING_BASELINE, buf[0], cap, 0, 0}, {pic, KIVOE_CODING_PROGRESSIVE, buf[1], cap, 0, 0}};
+    auto run = [](void *a) -> int32_t {
+        Job *j = static_cast<Job *>(a);
+        j->ret = kivot_write_levels(j->pic, j->coding, j->dst, j->cap, &j->size);
+        return KIVO_OK;
+    };
+    void *args[2] = {&jobs[1], &jobs[0]};  // the longer progressive one on the calling thread
+    const kivoe_ctx *e = t->enc;
+    if (kivo::thread_limit(e->tpool) < 2 || kivo::fork_join(e->tpool, e->threads, 2, run, args) != KIVO_OK)
+        for (Job &j : jobs) run(&j);
+    for (int i = 0; i < 2; ++i) {
+        if (jobs[i].ret == KIVO_ERR_OUT_OF_MEMORY) return KIVO_ERR_OUT_OF_MEMORY;
+        if (jobs[i].ret == KIVO_OK) offer(i, jobs[i].size, i ? KIVOT_CHOSEN_PROGRESSIVE : KIVOT_CHOSEN_LOSSLESS);
+    }
+    return KIVO_OK;
+}
+
+}  // namespace
+
+extern "C" {
+
+KIVO_API int32_t kivot_txcode_lossless(kivot_ctx *ctx, const kivod_input *input, const kivoe_output *output,
+                                       int32_t *written, int32_t coding) {
+    kivot_ctx *t = static_cast<kivot_ctx *>(kivo::handle_check(ctx, kivo::Kind::Transcoder));
+    if (!t || !input || !written) return KIVO_ERR_INVALID_ARG;
+    *written = 0;
+    if (coding != KIVOT_LOSSLESS_BASELINE && coding != KIVOT_LOSSLESS_PROGRESSIVE) return KIVO_ERR_INVALID_ARG;
+    if (!output || !output->bitb || !output->bitb->addr || output->bitb->ssize <= 0) return KIVO_ERR_INVALID_ARG;
+    Levels lv;
+    int32_t ret = lv.read(t, input);
+    if (ret == KIVO_OK)
+        ret = kivot_write_levels(&lv.pic, coding == KIVOT_LOSSLESS_PROGRESSIVE ? KIVOE_CODING_PROGRESSIVE
+                                                                              : KIVOE_CODING_BASELINE,
+                                 output->bitb->addr, output->bitb->ssize, written);
+    kivod_release_frame_buffers(t->dec);
+    return ret;
+}
+
+KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input, const kivoe_output *output,
+                                       int32_t *written, int32_t *chosen) {
+    kivot_ctx *t = static_cast<kivot_ctx *>(kivo::handle_check(ctx, kivo::Kind::Transcoder));
+    if (!t || !input || !written) return KIVO_ERR_INVALID_ARG;
+    *written = 0;
+    if (chosen) *chosen = 0;
+    if (!output || !output->bitb || !output->bitb->addr || output->bitb->ssize <= 0) return KIVO_ERR_INVALID_ARG;
+    kivod_ctx *d = t->dec;
+    Source src;
+    int32_t ret = src.load(input);
+    if (ret < 0) return ret;
+    xelo_bitb src_bitb{};
+    src_bitb.addr = const_cast<uint8_t *>(src.data);
+    src_bitb.ssize = src.size;
+    const kivod_input in{KIVOD_INPUT_BITB, &src_bitb, nullptr};
+
+    // The candidates compete in two buffers of the source's size (no
+    // winner can be larger): the best so far and the one being made.
+    uint8_t *buf[2] = {static_cast<uint8_t *>(std::malloc(static_cast<size_t>(src.size))),
+                       static_cast<uint8_t *>(std::malloc(static_cast<size_t>(src.size)))};
+    if (!buf[0] || !buf[1]) {
+        std::free(buf[0]);
+        std::free(buf[1]);
+        return KIVO_ERR_OUT_OF_MEMORY;
+    }
+    int best = 1, best_size = 0, best_choice = 0;
+    // A candidate written into buf[i]; ties go to the source, the one with
+    // nothing re-encoded.
+    auto offer = [&](int i, int32_t size, int32_t choice) {
+        if (size <= 0 || (best_size && size > best_size - (choice != KIVOT_CHOSEN_SOURCE))) return;
+        best = i;
+        best_size = size;
+        best_choice = choice;
+    };
+
+    // A candidate that fails for want of memory fails the call: the choice
+    // is made among all of them or not at all. Other failures (a source
+    // that does not decode whole, levels a baseline stream cannot hold)
+    // only leave a candidate out.
+    bool same_picture = true;  // the handle keeps the source's size and layout
+    bool headers = false;      // the source's headers were read
+    {
+        Levels lv;
+        ret = lv.read(t, &in);
+        headers = lv.pic.width > 0;
+        if (ret == KIVO_OK) {
+            const kivod_fh &fh = d->fh;
+            same_picture = (t->width <= 0 || t->width == fh.width) && (t->height <= 0 || t->height == fh.height) &&
+                           (!t->color_format || t->color_format == d->color_format) && !t->skip_encode;
+            if (same_picture) ret = write_both(t, &lv.pic, buf, src.size, offer);
+        }
+        kivod_release_frame_buffers(d);
+    }
+    if (ret != KIVO_ERR_OUT_OF_MEMORY && !same_picture) {
+        // Another size or layout is the pipeline's alone.
+        std::free(buf[0]);
+        std::free(buf[1]);
+        ret = kivot_trc(t, &in, output, written);
+        if (ret == KIVO_OK && chosen) *chosen = KIVOT_CHOSEN_PIPELINE;
+        return ret;
+    }
+
+    // The pipeline competes where it makes some table coarser; with the
+    // source's own tables it only adds loss. A source that does not decode
+    // whole is not re-encoded.
+    if (ret != KIVO_ERR_OUT_OF_MEMORY) {
+        ret = kivot_trc_decode(t, &in);
+        if (ret == KIVO_OK && kivod_picture_complete(d) && kivot_tables_changed(t)) {
+            xelo_bitb ob{};
+            ob.addr = buf[1 - best];  // the other buffer holds no winner
+            ob.ssize = best_size ? best_size : src.size;
+            const kivoe_output o{KIVOD_INPUT_BITB, &ob, nullptr};
+            int32_t n = 0;
+            ret = kivot_trc_encode(t, &o, &n);
+            if (ret == KIVO_OK) offer(1 - best, n, KIVOT_CHOSEN_PIPELINE);
+        }
+    }
+    // The source itself, when its headers could be read.
+    if (ret != KIVO_ERR_OUT_OF_MEMORY) {
+        ret = headers ? KIVO_OK : ret;
+        if (headers) offer(1 - best, strip_source(src.data, src.size, t->copy, buf[1 - best]), KIVOT_CHOSEN_SOURCE);
+    }
+    if (ret == KIVO_OK && !best_size) ret = KIVO_ERR_MALFORMED;
+    if (ret == KIVO_OK && best_size > output->bitb->ssize) ret = KIVO_ERR_INVALID_ARG;
+    if (ret == KIVO_OK) {
+        std::memcpy(output->bitb->addr, buf[best], static_cast<size_t>(best_size));
+        *written = best_size;
+        if (chosen) *chosen = best_choice;
+    }
+    std::free(buf[0]);
+    std::free(buf[1]);
+    return ret;
+}
+
+KIVO_API const char *kivot_chosen_name(int32_t chosen) {
+    switch (chosen) {
+    case KIVOT_CHOSEN_PIPELINE: return "pipeline";
+    case KIVOT_CHOSEN_LOSSLESS: return "lossless";
+    case KIVOT_CHOSEN_PROGRESSIVE: return "progressive";
+    case KIVOT_CHOSEN_SOURCE: return "source";
+    default: return "?";
+    }
+}
+
+}  // extern "C"
