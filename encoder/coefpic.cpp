@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "encoder/kivoe_int.h"
+#include "encoder/nonzero.h"
 
 namespace {
 
@@ -229,45 +230,54 @@ void code_dc_first(Coder &t, int32_t *pred, int32_t al, const int16_t *b) {
     t.bits(static_cast<uint32_t>(d < 0 ? d - 1 : d), k);
 }
 
-void code_ac_first(Coder &t, int32_t ss, int32_t se, int32_t al, const int16_t *b) {
-    int32_t run = 0;
-    for (int32_t k = ss; k <= se; ++k) {
+// Zig-zag positions ss..se of an AC band.
+inline uint64_t band_bits(int32_t ss, int32_t se) {
+    return (se == 63 ? ~uint64_t(0) : (uint64_t(1) << (se + 1)) - 1) & ~((uint64_t(1) << ss) - 1);
+}
+
+inline int32_t ctz64(uint64_t m) { return __builtin_ctzll(m); }
+
+// The AC coders visit only the band's non-zero coefficients (nz: the
+// block's zig-zag mask); one that is zero at bit al counts as a zero.
+void code_ac_first(Coder &t, int32_t ss, int32_t se, int32_t al, const int16_t *b, uint64_t nz) {
+    int32_t next = ss;  // the position after the last one coded
+    for (uint64_t m = nz & band_bits(ss, se); m; m &= m - 1) {
+        const int32_t k = ctz64(m);
         const int32_t v = b[kivo_tbl_zig_to_ras[k]];
         const int32_t a = (v < 0 ? -v : v) >> al;
-        if (!a) {
-            ++run;
-            continue;
-        }
+        if (!a) continue;
         t.flush_eob_run();
+        int32_t run = k - next;
         for (; run > 15; run -= 16) t.sym(0xF0);
         const int32_t n = bit_length(static_cast<uint32_t>(a));
         t.sym(run << 4 | n);
         t.bits(static_cast<uint32_t>(v < 0 ? ~a : a), n);
-        run = 0;
+        next = k + 1;
     }
-    if (run) t.end_band(nullptr, 0);
+    if (next <= se) t.end_band(nullptr, 0);
 }
 
 // Refinement of the band by bit al: coefficients that become non-zero are
 // coded as run/size-1 symbols with their sign; those already non-zero send
 // their bit al as a correction bit after the next symbol (or with the end
 // of band run that covers them).
-void code_ac_refine(Coder &t, int32_t ss, int32_t se, int32_t al, const int16_t *b) {
-    int32_t mag[64];
+void code_ac_refine(Coder &t, int32_t ss, int32_t se, int32_t al, const int16_t *b, uint64_t nz) {
+    const uint64_t band = nz & band_bits(ss, se);
     int32_t last_new = -1;  // the band's last coefficient that becomes non-zero
-    for (int32_t k = ss; k <= se; ++k) {
+    for (uint64_t m = band; m; m &= m - 1) {
+        const int32_t k = ctz64(m);
         const int32_t v = b[kivo_tbl_zig_to_ras[k]];
-        mag[k] = (v < 0 ? -v : v) >> al;
-        if (mag[k] == 1) last_new = k;
+        if (((v < 0 ? -v : v) >> al) == 1) last_new = k;
     }
     uint8_t pending[64];
-    int32_t n_pending = 0, run = 0;
-    for (int32_t k = ss; k <= se; ++k) {
-        const int32_t a = mag[k];
-        if (!a) {
-            ++run;
-            continue;
-        }
+    int32_t n_pending = 0, run = 0, prev = ss - 1;
+    for (uint64_t m = band; m; m &= m - 1) {
+        const int32_t k = ctz64(m);
+        const int32_t v = b[kivo_tbl_zig_to_ras[k]];
+        const int32_t a = (v < 0 ? -v : v) >> al;
+        if (!a) continue;
+        run += k - prev - 1;  // the zeros since the last non-zero one
+        prev = k;
         // Sixteen zeros before a new coefficient need a ZRL; after the last
         // one the end of band covers them.
         while (run > 15 && k <= last_new) {
@@ -283,11 +293,12 @@ void code_ac_refine(Coder &t, int32_t ss, int32_t se, int32_t al, const int16_t 
         }
         t.flush_eob_run();
         t.sym(run << 4 | 1);
-        t.bits(b[kivo_tbl_zig_to_ras[k]] < 0 ? 0 : 1, 1);
+        t.bits(v < 0 ? 0 : 1, 1);
         t.correction_bits(pending, n_pending);
         n_pending = 0;
         run = 0;
     }
+    run += se - prev;
     if (run || n_pending) t.end_band(pending, n_pending);
 }
 
@@ -372,11 +383,12 @@ void code_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work
         t.counter = s.ss ? w.ac[i].counter : w.dc[i].counter;
         t.code = s.ss ? w.ac[i].by_symbol : w.dc[i].code;
     }
+    bool all_coded;  // levels were checked before the first scan
     for_each_block(pic, g, s, [&](int32_t c, const int16_t *b) {
         if (s.ss == 0 && s.ah) w.coder[0].bits(static_cast<uint32_t>(asr(b[0], s.al) & 1), 1);
         else if (s.ss == 0) code_dc_first(w.coder[table_of(s, c)], &pred[c], s.al, b);
-        else if (s.ah) code_ac_refine(w.coder[0], s.ss, s.se, s.al, b);
-        else code_ac_first(w.coder[0], s.ss, s.se, s.al, b);
+        else if (s.ah) code_ac_refine(w.coder[0], s.ss, s.se, s.al, b, kivoe_zigzag_ac_mask(b, &all_coded));
+        else code_ac_first(w.coder[0], s.ss, s.se, s.al, b, kivoe_zigzag_ac_mask(b, &all_coded));
         return true;
     });
     w.coder[0].flush_eob_run();

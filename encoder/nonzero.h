@@ -1,9 +1,11 @@
-// Which values of a block are not zero, as a 64-bit mask, for the loops
-// that visit only those.
+// Which values of a block are not zero, as a 64-bit mask in raster or
+// zig-zag order, for the loops that visit only those.
 #ifndef KIVO_ENCODER_NONZERO_H
 #define KIVO_ENCODER_NONZERO_H
 
 #include <cstdint>
+
+#include "kivo.h"
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -61,6 +63,88 @@ inline uint64_t kivoe_raster_mask(const int16_t *blk, bool *all_coded) {
 inline uint64_t kivoe_raster_mask(const int16_t *blk) {
     bool all_coded;
     return kivoe_raster_mask(blk, &all_coded);
+}
+
+namespace kivoe_nz {
+
+#if !defined(__ARM_NEON)
+// Zig-zag position of every raster position, from a walk along the
+// anti-diagonals (alternating direction, starting towards the right).
+struct RasToZig {
+    uint8_t z[64];
+};
+
+constexpr RasToZig make_ras_to_zig() {
+    RasToZig t{};
+    int32_t z = 0;
+    for (int32_t d = 0; d < 15; ++d) {
+        for (int32_t i = 0; i <= d; ++i) {
+            const int32_t row = (d & 1) ? i : d - i;
+            const int32_t col = d - row;
+            if (row < 8 && col < 8) t.z[row * 8 + col] = static_cast<uint8_t>(z++);
+        }
+    }
+    return t;
+}
+
+// kNibbleZig[i][m]: the zig-zag mask of the non-zero coefficients that the
+// four-bit pattern m marks among raster positions 4i to 4i + 3. The DC
+// position maps to no bit.
+struct NibbleZig {
+    uint64_t m[16][16];
+};
+
+constexpr NibbleZig make_nibble_zig() {
+    constexpr RasToZig r2z = make_ras_to_zig();
+    NibbleZig t{};
+    for (int32_t i = 0; i < 16; ++i)
+        for (int32_t m = 0; m < 16; ++m)
+            for (int32_t b = 0; b < 4; ++b) {
+                const int32_t z = r2z.z[4 * i + b];
+                if ((m >> b & 1) && z) t.m[i][m] |= uint64_t(1) << z;
+            }
+    return t;
+}
+
+inline constexpr NibbleZig kNibbleZig = make_nibble_zig();
+
+#endif
+
+}  // namespace kivoe_nz
+
+// Bit z set when the AC coefficient at zig-zag position z is not zero.
+inline uint64_t kivoe_zigzag_ac_mask(const int16_t *blk, bool *all_coded) {
+#if defined(__ARM_NEON)
+    // One byte a coefficient (all ones where not zero), put in zig-zag
+    // order by table look-ups over the two halves of the block, then one
+    // bit each.
+    const int16x8_t top = vdupq_n_s16(2047), low = vdupq_n_s16(-32768);
+    uint16x8_t bad = vdupq_n_u16(0);
+    uint8x8_t nz[8];
+    for (int32_t r = 0; r < 8; ++r) {
+        const int16x8_t v = vld1q_s16(blk + 8 * r);
+        nz[r] = vmovn_u16(vtstq_s16(v, v));
+        bad = vorrq_u16(bad, vorrq_u16(vcgtq_s16(v, top), vceqq_s16(v, low)));
+    }
+    *all_coded = vget_lane_u64(vreinterpret_u64_u8(vmovn_u16(bad)), 0) == 0;
+    const uint8x8x4_t lo = {{nz[0], nz[1], nz[2], nz[3]}}, hi = {{nz[4], nz[5], nz[6], nz[7]}};
+    const uint8x8_t weight = {1, 2, 4, 8, 16, 32, 64, 128}, half = vdup_n_u8(32);
+    uint8x8_t zz[8];
+    for (int32_t i = 0; i < 8; ++i) {
+        // Indices 32 and up miss the first half; below 32, minus 32, the second.
+        const uint8x8_t idx = vld1_u8(kivo_tbl_zig_to_ras + 8 * i);
+        zz[i] = vand_u8(vtbx4_u8(vtbl4_u8(lo, idx), hi, vsub_u8(idx, half)), weight);
+    }
+    const uint8x8_t p0 = vpadd_u8(zz[0], zz[1]), p1 = vpadd_u8(zz[2], zz[3]);
+    const uint8x8_t p2 = vpadd_u8(zz[4], zz[5]), p3 = vpadd_u8(zz[6], zz[7]);
+    const uint8x8_t all = vpadd_u8(vpadd_u8(p0, p1), vpadd_u8(p2, p3));
+    return vget_lane_u64(vreinterpret_u64_u8(all), 0) & ~uint64_t(1);
+#else
+    const uint64_t m = kivoe_raster_mask(blk, all_coded);
+    uint64_t z = 0;
+    for (int32_t i = 0; i < 16; ++i) z |= kivoe_nz::kNibbleZig.m[i][(m >> (4 * i)) & 15];
+    return z;
+#endif
 }
 
 #endif
