@@ -14,6 +14,7 @@
 
 #include "decoder/kivod_int.h"
 #include "kivot.h"
+#include "xelo/xelo_hooks.h"
 #include "oracle_support/turbo.h"
 #include "transcoder/kivot_int.h"
 #include "support/kivo_decode.h"
@@ -197,6 +198,17 @@ TEST(OracleTranscode, LosslessAndSmallest) {
         EXPECT_EQ(kivot_txcode_smallest(t, &input, &output, &n, &chosen), KIVO_ERR_INVALID_ARG);
         ob.ssize = static_cast<int32_t>(buf.size());
         EXPECT_TRUE(kivot_txcode_smallest(t, &input, &output, &n, &chosen) == 0 && Bytes(buf.begin(), buf.begin() + n) == out);
+        // A failed allocation anywhere, on a new handle, fails the call (for
+        // want of memory or of a picture buffer) and never changes the choice.
+        for (int32_t at = 1; at <= 40; ++at) {
+            kivot_ctx *fresh = kivot_create(&p, nullptr);
+            xelo_mem_fail_at(at);
+            const int32_t st = kivot_txcode_smallest(fresh, &input, &output, &n, &chosen);
+            xelo_mem_fail_at(0);
+            kivot_delete(fresh);
+            EXPECT_TRUE(st == KIVO_ERR_OUT_OF_MEMORY || st == KIVO_ERR_IMGB || (st == 0 && Bytes(buf.begin(), buf.begin() + n) == out))
+                << at << ": " << st;
+        }
     }
     kivot_delete(t);
 }

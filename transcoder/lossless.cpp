@@ -164,6 +164,12 @@ int32_t write_both(kivot_ctx *t, const kivoe_coef_pic *pic, uint8_t *const buf[2
     return KIVO_OK;
 }
 
+// A candidate that failed for want of memory: an allocation, or an image
+// buffer that could not be created.
+inline bool want_of_memory(int32_t status) {
+    return status == KIVO_ERR_OUT_OF_MEMORY || status == KIVO_ERR_IMGB;
+}
+
 }  // namespace
 
 extern "C" {
@@ -238,7 +244,7 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
         }
         kivod_release_frame_buffers(d);
     }
-    if (ret != KIVO_ERR_OUT_OF_MEMORY && !same_picture) {
+    if (!want_of_memory(ret) && !same_picture) {
         // Another size or layout is the pipeline's alone.
         std::free(buf[0]);
         std::free(buf[1]);
@@ -250,7 +256,7 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
     // The pipeline competes where it makes some table coarser; with the
     // source's own tables it only adds loss. A source that does not decode
     // whole is not re-encoded.
-    if (ret != KIVO_ERR_OUT_OF_MEMORY) {
+    if (!want_of_memory(ret)) {
         ret = kivot_trc_decode(t, &in);
         if (ret == KIVO_OK && kivod_picture_complete(d) && kivot_tables_changed(t)) {
             xelo_bitb ob{};
@@ -263,7 +269,7 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
         }
     }
     // The source itself, when its headers could be read.
-    if (ret != KIVO_ERR_OUT_OF_MEMORY) {
+    if (!want_of_memory(ret)) {
         ret = headers ? KIVO_OK : ret;
         if (headers) offer(1 - best, strip_source(src.data, src.size, t->copy, buf[1 - best]), KIVOT_CHOSEN_SOURCE);
     }
