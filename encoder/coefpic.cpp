@@ -262,20 +262,28 @@ void code_ac_first(Coder &t, int32_t ss, int32_t se, int32_t al, const int16_t *
 // their bit al as a correction bit after the next symbol (or with the end
 // of band run that covers them).
 void code_ac_refine(Coder &t, int32_t ss, int32_t se, int32_t al, const int16_t *b, uint64_t nz) {
-    const uint64_t band = nz & band_bits(ss, se);
-    int32_t last_new = -1;  // the band's last coefficient that becomes non-zero
-    for (uint64_t m = band; m; m &= m - 1) {
-        const int32_t k = ctz64(m);
-        const int32_t v = b[kivo_tbl_zig_to_ras[k]];
-        if (((v < 0 ? -v : v) >> al) == 1) last_new = k;
-    }
-    uint8_t pending[64];
-    int32_t n_pending = 0, run = 0, prev = ss - 1;
-    for (uint64_t m = band; m; m &= m - 1) {
+    // One look at the levels: the band's coefficients that become non-zero
+    // at bit al, with their signs, and those already non-zero, with their
+    // bit al.
+    uint64_t fresh = 0, negative = 0, old = 0, correction = 0;
+    for (uint64_t m = nz & band_bits(ss, se); m; m &= m - 1) {
         const int32_t k = ctz64(m);
         const int32_t v = b[kivo_tbl_zig_to_ras[k]];
         const int32_t a = (v < 0 ? -v : v) >> al;
-        if (!a) continue;
+        const uint64_t bit = uint64_t(1) << k;
+        if (a == 1) {
+            fresh |= bit;
+            if (v < 0) negative |= bit;
+        } else if (a > 1) {
+            old |= bit;
+            if (a & 1) correction |= bit;
+        }
+    }
+    const int32_t last_new = fresh ? 63 - __builtin_clzll(fresh) : -1;
+    uint8_t pending[64];
+    int32_t n_pending = 0, run = 0, prev = ss - 1;
+    for (uint64_t m = fresh | old; m; m &= m - 1) {
+        const int32_t k = ctz64(m);
         run += k - prev - 1;  // the zeros since the last non-zero one
         prev = k;
         // Sixteen zeros before a new coefficient need a ZRL; after the last
@@ -287,13 +295,13 @@ void code_ac_refine(Coder &t, int32_t ss, int32_t se, int32_t al, const int16_t 
             t.correction_bits(pending, n_pending);
             n_pending = 0;
         }
-        if (a > 1) {
-            pending[n_pending++] = static_cast<uint8_t>(a & 1);
+        if (old >> k & 1) {
+            pending[n_pending++] = static_cast<uint8_t>(correction >> k & 1);
             continue;
         }
         t.flush_eob_run();
         t.sym(run << 4 | 1);
-        t.bits(v < 0 ? 0 : 1, 1);
+        t.bits(negative >> k & 1 ? 0 : 1, 1);
         t.correction_bits(pending, n_pending);
         n_pending = 0;
         run = 0;
@@ -352,7 +360,16 @@ struct Work {
     kivoe_huff_spec spec[4];
     Coder coder[2];
     BitOut out;
+    // Progressive: the zig-zag masks of every block's non-zero AC levels,
+    // per component in the order of its levels, made once for all scans.
+    uint64_t *nz[4];
 };
+
+// Frees w and its masks.
+void free_work(Work *w) {
+    for (uint64_t *m : w->nz) std::free(m);
+    std::free(w);
+}
 
 // Codes one scan (counting when the coders count). A sequential scan goes
 // through the baseline coder.
@@ -383,12 +400,11 @@ void code_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work
         t.counter = s.ss ? w.ac[i].counter : w.dc[i].counter;
         t.code = s.ss ? w.ac[i].by_symbol : w.dc[i].code;
     }
-    bool all_coded;  // levels were checked before the first scan
     for_each_block(pic, g, s, [&](int32_t c, const int16_t *b) {
         if (s.ss == 0 && s.ah) w.coder[0].bits(static_cast<uint32_t>(asr(b[0], s.al) & 1), 1);
         else if (s.ss == 0) code_dc_first(w.coder[table_of(s, c)], &pred[c], s.al, b);
-        else if (s.ah) code_ac_refine(w.coder[0], s.ss, s.se, s.al, b, kivoe_zigzag_ac_mask(b, &all_coded));
-        else code_ac_first(w.coder[0], s.ss, s.se, s.al, b, kivoe_zigzag_ac_mask(b, &all_coded));
+        else if (s.ah) code_ac_refine(w.coder[0], s.ss, s.se, s.al, b, w.nz[c][(b - pic->coef[c]) >> 6]);
+        else code_ac_first(w.coder[0], s.ss, s.se, s.al, b, w.nz[c][(b - pic->coef[c]) >> 6]);
         return true;
     });
     w.coder[0].flush_eob_run();
@@ -448,6 +464,18 @@ int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw
     if (ret < 0) return ret;
     Work *w = static_cast<Work *>(std::calloc(1, sizeof(Work)));
     if (!w) return KIVO_ERR_OUT_OF_MEMORY;
+    if (coding == KIVOE_CODING_PROGRESSIVE) {
+        for (int32_t c = 0; c < pic->n_comp; ++c) {
+            const size_t blocks = static_cast<size_t>(pic->blk_w[c]) * pic->blk_h[c];
+            w->nz[c] = static_cast<uint64_t *>(std::malloc(blocks * sizeof(uint64_t)));
+            if (!w->nz[c]) {
+                free_work(w);
+                return KIVO_ERR_OUT_OF_MEMORY;
+            }
+            bool all_coded;  // the levels were checked above
+            for (size_t i = 0; i < blocks; ++i) w->nz[c][i] = kivoe_zigzag_ac_mask(pic->coef[c] + 64 * i, &all_coded);
+        }
+    }
 
     bs->flush = kivoe_bs_flush;
     put(bs, 0xFFD8, 16);
@@ -470,7 +498,7 @@ int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw
     // Quantizers above 255 make a sequential frame extended (SOF1).
     kivoe_write_sof(bs, &fh, coding == KIVOE_CODING_PROGRESSIVE ? 0xC2 : wide ? 0xC1 : 0xC0);
     for (int32_t i = 0; i < script.n && !bs->overflow; ++i) write_scan(pic, g, script.scan[i], *w, bs);
-    std::free(w);
+    free_work(w);
     put(bs, 0xFFD9, 16);
     xelo_bsw_sink(bs);
     size_t n = static_cast<size_t>(pic->trailer_len);
