@@ -28,7 +28,6 @@ void init_plain(kivod_dsp *dsp) {
     dsp->vld_ac[2] = kivod_vld_ac4;
     dsp->vld_ac[4] = kivod_vld_ac2;
     dsp->vld_ac[8] = kivod_vld_ac1;
-    dsp->add_mag = kivod_add_mag;
 }
 
 // Overwrites the slots that have a faster variant and returns the names of
@@ -38,7 +37,6 @@ const char *init_simd(kivod_dsp *dsp, uint32_t flags) {
     const char *choice = "idct8 c, idct4 c, idct2 c, idct1 c, dc c";
 #if defined(KIVO_ARCH_x86)
     if (!(flags & KIVO_CPU_SSE2)) return choice;
-    dsp->add_mag = kivod_add_mag_sse2;
     dsp->idct[0] = kivod_idct8_sse2;
     dsp->idct[1] = kivod_idct8_sse2;
     dsp->idct[2] = kivod_idct4_sse2;
@@ -51,7 +49,6 @@ const char *init_simd(kivod_dsp *dsp, uint32_t flags) {
     choice = "idct8 avx2, idct4 sse2, idct2 sse2, idct1 c, dc c";
 #elif defined(KIVO_ARCH_arm)
     if (!(flags & KIVO_CPU_NEON)) return choice;
-    dsp->add_mag = kivod_add_mag_neon;
     dsp->idct[0] = kivod_idct8_neon;
     dsp->idct[1] = kivod_idct8_neon;
     dsp->idct[2] = kivod_idct4_neon;

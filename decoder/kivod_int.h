@@ -211,6 +211,7 @@ struct kivod_blk_tbls {
     const kivod_qtbl *q;
     uint64_t *dc_count;
     uint64_t *ac_count;
+    uint32_t *mag;  // per raster position: magnitudes of the stored AC coefficients are added
     int16_t q0;
 };
 typedef int32_t (*kivod_vld_blk_fn)(kivod_bs *bs, kivod_win *w, const kivod_blk_tbls *t, int16_t *blk,
@@ -232,18 +233,10 @@ void kivod_idct2_dc(const int16_t *coef, int32_t stride, uint8_t *dst);
 
 // Per-scale kernel tables, indexed by the scale denominator 0, 1, 2, 4, 8;
 // the other slots are empty. Filled from the best variant the CPU flags allow.
-// Adds the magnitude of each of a block's 64 coefficients to mag (32-bit
-// sums, raster order).
-typedef void (*kivod_add_mag_fn)(const int16_t *blk, uint32_t *mag);
-void kivod_add_mag(const int16_t *blk, uint32_t *mag);
-void kivod_add_mag_sse2(const int16_t *blk, uint32_t *mag);
-void kivod_add_mag_neon(const int16_t *blk, uint32_t *mag);
-
 struct kivod_dsp {
     kivod_idct_fn idct[9];
     kivod_idct_fn idct_dc[9];
     kivod_vld_ac_fn vld_ac[9];
-    kivod_add_mag_fn add_mag;
 };
 void kivod_dsp_init(kivod_dsp *dsp, uint32_t cpu_flags);
 // Names of the variants kivod_dsp_init would choose, for reports.

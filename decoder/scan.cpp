@@ -77,7 +77,10 @@ inline bool decode_block(kivod_bs *bs, kivod_win *win, const ScanComp &s, kivod_
     *held = st;
     *diff = 0;
     *dc_only = 1;
-    if (blk) kivo::clear_block(blk);
+    if (blk) {
+        for (int i = 0; i < 64; ++i) s.t.mag[i] -= static_cast<uint32_t>(blk[i] < 0 ? -blk[i] : blk[i]);
+        kivo::clear_block(blk);
+    }
     return restarts;
 }
 
@@ -159,9 +162,9 @@ struct Slice {
     kivod_idct_fn idct, idct_dc;
     ScanComp sc[4];
     bool stats;  // the MCUs decoded count towards the statistics
-    kivod_add_mag_fn add_mag;
     int32_t mag_blocks;
     alignas(16) uint32_t mag[2][64];  // coefficient magnitudes, luma and chroma
+    uint32_t mag_unkept[64];          // magnitudes of rows that count for no statistics
     alignas(16) uint8_t mcu_buf[4][32 * 32];
     // The MCU's blocks in coding order, walked by one flat loop (a loop
     // whose trip count changed from component to component mispredicted
@@ -258,10 +261,8 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
                 w->stat_chroma[0] += level;
                 ++w->n_chroma;
             }
-            if (!dc_only) {
-                j.add_mag(blk, j.mag[s.c == 0 ? 0 : 1]);
-                if (++j.mag_blocks == kMagFlush) flush_magnitudes(j);
-            }
+            // The block decoder has added the AC magnitudes.
+            if (!dc_only && ++j.mag_blocks == kMagFlush) flush_magnitudes(j);
         }
         const kivod_idct_fn fn = dc_only ? j.idct_dc : j.idct;
         if (j.mode == KIVOD_OUT_LEVELS) {
@@ -436,7 +437,6 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     j.interval = restart_interval(ctx);
     j.scan_mcus = kivod_scan_mcus(ctx, nullptr);
     j.stats = true;
-    j.add_mag = ctx->dsp.add_mag;
     j.mag_blocks = 0;
     std::memset(j.mag, 0, sizeof(j.mag));
     std::memset(w->stat_luma, 0, sizeof(w->stat_luma));
@@ -447,7 +447,10 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     std::memset(w->ac_count, 0, sizeof(w->ac_count));
     setup_comps(ctx, j.sc, w->dc_count, w->ac_count);
     list_blocks(j);
-    for (int k = 0; k < j.ns; ++k) j.sc[k].row = w->start_row[k];
+    for (int k = 0; k < j.ns; ++k) {
+        j.sc[k].row = w->start_row[k];
+        j.sc[k].t.mag = j.mag[j.sc[k].c == 0 ? 0 : 1];
+    }
     if (j.mode == KIVOD_OUT_RESIZED) {
         const int32_t r = open_resizers(j);
         if (r != 0) return r;
@@ -465,7 +468,10 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
         // Rows below the slice that its resizers still read, decoded from
         // where the next slice starts: the same bits give the same rows.
         // They count for no statistics and write nothing but the strips.
-        for (int k = 0; k < j.ns; ++k) j.sc[k].t.dc_count = j.sc[k].t.ac_count = nullptr;
+        for (int k = 0; k < j.ns; ++k) {
+            j.sc[k].t.dc_count = j.sc[k].t.ac_count = nullptr;
+            j.sc[k].t.mag = j.mag_unkept;
+        }
         j.stats = false;
         kivod_bs bs = w->bs;
         int32_t extra_held = held;

@@ -106,8 +106,13 @@ struct Requant {
     }
 };
 
-// Stores coefficient c at zig-zag position pos.
-inline void put(int16_t *blk, int32_t pos, int16_t c) { blk[kivo_tbl_zig_to_ras[pos]] = c; }
+// Stores coefficient c at zig-zag position pos and adds its magnitude to
+// the statistics (a block that then fails takes its magnitudes back).
+inline void put(int16_t *blk, uint32_t *mag, int32_t pos, int16_t c) {
+    const int32_t r = kivo_tbl_zig_to_ras[pos];
+    blk[r] = c;
+    mag[r] += static_cast<uint32_t>(c < 0 ? -c : c);
+}
 
 // Where a block stands after a symbol.
 enum class Next { kGoOn, kEnd, kCounted, kBad };
@@ -118,7 +123,7 @@ enum class Next { kGoOn, kEnd, kCounted, kBad };
 // Other size-0 symbols are malformed.
 template <int kLast, bool kCount>
 inline Next apply(int32_t run, int32_t size, int32_t value, int32_t *k, const kivod_qtbl *q, int16_t *blk,
-                  int16_t *dc_only, uint64_t *cnt, Requant *rq, int32_t *status) {
+                  uint32_t *mag, int16_t *dc_only, uint64_t *cnt, Requant *rq, int32_t *status) {
     if (size == 0) {
         if (run == 0) {
             if (*k == 1 && kLast > 0) *dc_only = 1;
@@ -140,7 +145,7 @@ inline Next apply(int32_t run, int32_t size, int32_t value, int32_t *k, const ki
     if (pos > 63) return Next::kEnd;
     if (*k <= kLast) {
         const int16_t c = dequant(value, q->q[pos]);
-        put(blk, pos, c);
+        put(blk, mag, pos, c);
         if (kCount && !rq->coefficient(q, cnt, c, pos, run, status)) return *status ? Next::kBad : Next::kCounted;
     }
     *k = pos + 1;
@@ -158,13 +163,13 @@ inline int32_t finish(Next n, const Requant &rq, uint64_t *cnt, int32_t status) 
 // A block's symbols from zig-zag position k on, through the reader.
 template <int kLast, bool kCount>
 int32_t ac_reader(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint64_t *cnt, int16_t *blk,
-                  int16_t *dc_only, int32_t k, Requant *rq) {
+                  uint32_t *mag, int16_t *dc_only, int32_t k, Requant *rq) {
     int32_t status = KIVO_OK;
     Next n = Next::kEnd;
     while (k <= 63) {
         int32_t run, size, value;
         if (reader_symbol(bs, t, kCount || k <= kLast, &run, &size, &value) != 0) return KIVO_ERR_MALFORMED;
-        n = apply<kLast, kCount>(run, size, value, &k, q, blk, dc_only, cnt, rq, &status);
+        n = apply<kLast, kCount>(run, size, value, &k, q, blk, mag, dc_only, cnt, rq, &status);
         if (n != Next::kGoOn) break;
         n = Next::kEnd;
     }
@@ -259,6 +264,7 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
     const kivod_qtbl *q = s.q;
     const kivod_ac_tbl *t = s.ac;
     uint64_t *cnt = s.ac_count;
+    uint32_t *mag = s.mag;
     *dc_only = kLast == 0 ? 1 : 0;
     Requant rq;
     window_begin(bs, wp);
@@ -271,7 +277,7 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
             const int32_t st = kivod_vld_dc(bs, s.q0, s.dc, s.dc_count, diff);
             if (st != KIVO_OK) return st;
         }
-        return ac_reader<kLast, kCount>(bs, q, t, cnt, blk, dc_only, 1, &rq);
+        return ac_reader<kLast, kCount>(bs, q, t, cnt, blk, mag, dc_only, 1, &rq);
     }
     if (kDc) {
         const int32_t st = dc_window(&w, s.q0, s.dc, s.dc_count, diff);
@@ -291,7 +297,7 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
             // handles stuffing and running out.
             *wp = w;
             kivod_win_close(wp, bs);
-            return ac_reader<kLast, kCount>(bs, q, t, cnt, blk, dc_only, k, &rq);
+            return ac_reader<kLast, kCount>(bs, q, t, cnt, blk, mag, dc_only, k, &rq);
         }
         if (burst) {
             // One-step codes from the top 32 bits alone (cheap shifts on
@@ -322,7 +328,7 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
                     ended = true;
                     break;
                 }
-                if (k <= kLast) put(blk, pos, dequant(f >> 16, q->q[pos]));
+                if (k <= kLast) put(blk, mag, pos, dequant(f >> 16, q->q[pos]));
                 k = pos + 1;
                 if (k > 63 || used > 21) break;
             }
@@ -346,7 +352,7 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
             if (pos > 63) break;
             if (k <= kLast) {
                 const int16_t c = dequant(f >> 16, q->q[pos]);
-                put(blk, pos, c);
+                put(blk, mag, pos, c);
                 if (kCount && !rq.coefficient(q, cnt, c, pos, run, &status)) {
                     n = status ? Next::kBad : Next::kCounted;
                     break;
@@ -382,7 +388,7 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
                 window_skip(&w, size);
             }
         }
-        n = apply<kLast, kCount>(run, size, value, &k, q, blk, dc_only, cnt, &rq, &status);
+        n = apply<kLast, kCount>(run, size, value, &k, q, blk, mag, dc_only, cnt, &rq, &status);
         if (n != Next::kGoOn) break;
         n = Next::kEnd;
     }
@@ -395,7 +401,9 @@ template <int kLast, bool kCount>
 int32_t ac_alone(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint64_t *cnt, int16_t *blk,
                  int16_t *dc_only) {
     Window w{};
+    uint32_t mag[64] = {};  // not kept
     kivod_blk_tbls s{};
+    s.mag = mag;
     s.q = q;
     s.ac = t;
     s.ac_count = cnt;

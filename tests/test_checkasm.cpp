@@ -219,32 +219,3 @@ TEST(Checkasm, DspTablesMatchPlainKernels) {
 }
 
 }  // namespace
-namespace {
-
-// The magnitude sums of every level against the plain kernel: random and
-// extreme coefficients (-32768 included) into sums that wrap.
-TEST(Checkasm, MagnitudeSumsMatchPlainKernel) {
-    std::mt19937 rng(seed());
-    kivod_dsp plain;
-    kivod_dsp_init(&plain, 0);
-    for (const Level &lv : kLevels) {
-        if (lv.flags & ~kivo_cpu_detected()) continue;
-        kivod_dsp dsp;
-        kivod_dsp_init(&dsp, lv.flags);
-        uint32_t a[64], b[64];
-        for (int i = 0; i < 64; ++i) a[i] = b[i] = static_cast<uint32_t>(rng());
-        alignas(16) int16_t blk[65];
-        for (int n = 0; n < 2000; ++n) {
-            int16_t *p = blk + (n & 1);  // unaligned on odd rounds
-            for (int i = 0; i < 64; ++i) {
-                const uint32_t r = static_cast<uint32_t>(rng());
-                p[i] = static_cast<int16_t>(r % 4 == 0 ? (r & 16 ? -32768 : 32767) : r >> 16);
-            }
-            plain.add_mag(p, a);
-            dsp.add_mag(p, b);
-        }
-        EXPECT_EQ(std::memcmp(a, b, sizeof(a)), 0) << lv.name;
-    }
-}
-
-}  // namespace
