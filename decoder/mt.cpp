@@ -138,10 +138,15 @@ int32_t kivod_skim_and_run(kivod_ctx *ctx) {
     ctx->work[0]->bs = ctx->scan_bs;
     if (n == 1) return kivod_thread_job(ctx->work[0]);
 
-    int32_t status = start_slice(ctx, 0);
-    if (status < 0) {
+    // Each slice's status; the scan reports that of the first slice, in
+    // picture order, that failed. Decoding got no further than that slice,
+    // so what a later one met (a failed allocation, or damage the data
+    // hold past the stop) must not change the outcome.
+    int32_t status[kivo::kMaxThreads] = {};
+    status[0] = start_slice(ctx, 0);
+    if (status[0] < 0) {
         ctx->n_threads = 1;
-        return status;
+        return status[0];
     }
     int started = 1;  // slices running on workers: 0 .. started-1
 
@@ -164,22 +169,17 @@ int32_t kivod_skim_and_run(kivod_ctx *ctx) {
             last_ready = true;
             break;
         }
-        status = start_slice(ctx, slice);
-        if (status != KIVO_OK) break;
+        status[slice] = start_slice(ctx, slice);
+        if (status[slice] != KIVO_OK) break;
         started = slice + 1;
     }
     // The calling thread decodes the last slice when the skim reached it.
     ctx->n_threads = last_ready ? n : started;
-    if (last_ready) {
-        const int32_t ret = kivod_thread_job(ctx->work[n - 1]);
-        if (ret < 0 && status == KIVO_OK) status = ret;
-    }
-    for (int i = 0; i < started; ++i) {
-        int32_t job = KIVO_OK;
-        ctx->tpool.wait(ctx->threads[i + 1], &job);
-        if (job < 0 && status == KIVO_OK) status = job;
-    }
-    return status;
+    if (last_ready) status[n - 1] = kivod_thread_job(ctx->work[n - 1]);
+    for (int i = 0; i < started; ++i) ctx->tpool.wait(ctx->threads[i + 1], &status[i]);
+    for (int i = 0; i < n; ++i)
+        if (status[i] < 0) return status[i];
+    return KIVO_OK;
 }
 
 int32_t kivod_thread_job(void *arg) {

@@ -143,7 +143,14 @@ TEST(DecApi, FailedSliceFailsTheClone) {
     two.insert(two.end(), {0xFF, 0xDA, 0x00, 0x08, 0x01, 0x01, 0x00, 0x00, 0x3F, 0x00});
     two.insert(two.end(), 8 * 12 / 2, 0x66);
     two.insert(two.end(), {0xFF, 0xD9});
-    for (std::vector<uint8_t> s : {grey_stream(64, 96, 8, 0), two}) {
+    // A restart marker after every MCU row, and a code no table holds in the
+    // last row: its slice reports the damage while the picture completes.
+    std::vector<uint8_t> rst = grey_stream(64, 96, 8, 0);
+    const size_t data = rst.size() - 2 - 48;
+    for (int row = 11; row > 0; --row) rst.insert(rst.begin() + data + 4 * row, {0xFF, uint8_t(0xD0 + (row - 1) % 8)});
+    rst[rst.size() - 5] = 0xC0;
+    rst.insert(rst.begin() + data - 10, {0xFF, 0xDD, 0x00, 0x04, 0x00, 0x08});
+    for (std::vector<uint8_t> s : {grey_stream(64, 96, 8, 0), two, rst}) {
         std::vector<uint8_t> want;
         for (int n = 0; n <= 48; ++n) {
             Handle h(&pool);
@@ -157,7 +164,7 @@ TEST(DecApi, FailedSliceFailsTheClone) {
             std::vector<uint8_t> got;
             for (int y = 0; y < 60; ++y) got.insert(got.end(), img->plane[0] + y * img->stride[0], img->plane[0] + y * img->stride[0] + 40);
             if (n == 0) want = got;
-            EXPECT_TRUE(st != 0 || got == want) << n;
+            EXPECT_TRUE(st == 0 ? got == want : st == KIVO_ERR_OUT_OF_MEMORY) << n << " " << st;
             img->release(img);
         }
     }
