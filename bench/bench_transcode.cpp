@@ -6,13 +6,21 @@
 // output tables (speed); and libjpeg-turbo's lossless optimisation
 // (jpegtran -optimize) for size.
 //
+// With --modes, JPEG files instead: the time of each transcoding call on
+// them (pipeline, lossless baseline and progressive, smallest-of), with the
+// smallest-of call's cost over the pipeline's and its median over files.
+//
 // usage: bench_transcode [--reps N] [--size WxH]
+//        bench_transcode --modes [--reps N] [--threads N] FILE.jpg...
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
 #include <vector>
 
 #include "kivot.h"
@@ -34,14 +42,68 @@ double psnr(const std::vector<testpic::Plane> &a, const std::vector<testpic::Pla
     return se == 0 ? 99 : 10 * std::log10(255.0 * 255.0 * n / se);
 }
 
+// Best time of reps calls of each transcoding mode on every file.
+int time_modes(const std::vector<std::string> &files, int reps, int threads) {
+    const char *names[] = {"pipeline", "lossless", "progressive", "smallest"};
+    std::printf("best of %d runs, %d thread(s); ms per call, and smallest-of over pipeline\n", reps, threads);
+    std::printf("%-28s %9s %9s %9s %9s %9s %7s\n", "file", "source B", names[0], names[1], names[2], names[3], "ratio");
+    kivo_tpool pool;
+    kivo_tpool_std(&pool, threads);
+    std::vector<double> ratios;
+    for (const std::string &f : files) {
+        std::ifstream is(f, std::ios::binary);
+        std::vector<uint8_t> in((std::istreambuf_iterator<char>(is)), std::istreambuf_iterator<char>()),
+            out(in.size() * 4 + 65536);
+        kivoe_create_param cp{1, 0, 0, 0, 0, &pool};
+        kivot_ctx *t = kivot_create(&cp, nullptr);
+        if (!t || in.empty()) return 1;
+        xelo_bitb ib{}, ob{};
+        ib.addr = in.data();
+        ib.ssize = static_cast<int32_t>(in.size());
+        ob.addr = out.data();
+        ob.ssize = static_cast<int32_t>(out.size());
+        const kivod_input input{KIVOD_INPUT_BITB, &ib, nullptr};
+        const kivoe_output output{KIVOD_INPUT_BITB, &ob, nullptr};
+        double ms[4] = {1e30, 1e30, 1e30, 1e30};
+        for (int r = 0; r < reps; ++r)
+            for (int m = 0; m < 4; ++m) {
+                int32_t written = 0, chosen = 0, st;
+                const auto t0 = Clock::now();
+                if (m == 0) st = kivot_txcode(t, &input, &output, &written);
+                else if (m < 3) st = kivot_txcode_lossless(t, &input, &output, &written, m - 1);
+                else st = kivot_txcode_smallest(t, &input, &output, &written, &chosen);
+                if (st != 0) {
+                    std::fprintf(stderr, "bench_transcode: %s: %s failed (%d)\n", f.c_str(), names[m], st);
+                    return 1;
+                }
+                ms[m] = std::min(ms[m], std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
+            }
+        kivot_delete(t);
+        ratios.push_back(ms[3] / ms[0]);
+        const std::string base = f.substr(f.find_last_of('/') + 1);
+        std::printf("%-28s %9zu %9.1f %9.1f %9.1f %9.1f %6.2fx\n", base.c_str(), in.size(), ms[0], ms[1], ms[2], ms[3],
+                    ratios.back());
+    }
+    std::sort(ratios.begin(), ratios.end());
+    if (!ratios.empty())
+        std::printf("smallest-of over pipeline: median %.2fx, worst %.2fx\n", ratios[ratios.size() / 2], ratios.back());
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
-    int reps = 5, w = 2048, h = 1536;
+    int reps = 5, w = 2048, h = 1536, threads = 1;
+    bool modes = false;
+    std::vector<std::string> files;
     for (int i = 1; i < argc; ++i) {
         if (!std::strcmp(argv[i], "--reps") && i + 1 < argc) reps = std::atoi(argv[++i]);
         else if (!std::strcmp(argv[i], "--size") && i + 1 < argc) std::sscanf(argv[++i], "%dx%d", &w, &h);
+        else if (!std::strcmp(argv[i], "--threads") && i + 1 < argc) threads = std::atoi(argv[++i]);
+        else if (!std::strcmp(argv[i], "--modes")) modes = true;
+        else files.push_back(argv[i]);
     }
+    if (modes) return time_modes(files, reps, threads);
     std::printf("%d x %d sources encoded by libjpeg-turbo at quality 95; best of %d runs\n", w, h, reps);
     std::printf("%-6s %10s %10s %7s %9s %9s %10s %10s %8s %11s\n", "layout", "source B", "kivo B", "saving",
                 "PSNR src", "PSNR out", "kivo ms", "turbo ms", "speed", "jpegtran B");
