@@ -50,6 +50,10 @@ int32_t kivot_trc(kivot_ctx *ctx, const kivod_input *in, const kivoe_output *out
 // (the decoded picture in ctx->pic), then the picture encoded.
 int32_t kivot_trc_decode(kivot_ctx *ctx, const kivod_input *in);
 int32_t kivot_trc_encode(kivot_ctx *ctx, const kivoe_output *out, int32_t *written);
+// The new tables from the decoder's statistics and mean level and the
+// source's tables: kivot_trc_decode's last step, also valid after
+// kivod_dec_levels of a sequential source, which gathers the same.
+void kivot_choose_tables(kivot_ctx *ctx);
 // True when the tables kivot_trc_decode chose differ from the source's for
 // some component (with the same tables the pipeline only adds loss).
 bool kivot_tables_changed(const kivot_ctx *ctx);

@@ -232,6 +232,7 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
     // only leave a candidate out.
     bool same_picture = true;  // the handle keeps the source's size and layout
     bool headers = false;      // the source's headers were read
+    bool tables_change = true; // the pipeline would choose other tables
     {
         Levels lv;
         ret = lv.read(t, &in);
@@ -240,6 +241,13 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
             const kivod_fh &fh = d->fh;
             same_picture = (t->width <= 0 || t->width == fh.width) && (t->height <= 0 || t->height == fh.height) &&
                            (!t->color_format || t->color_format == d->color_format) && !t->skip_encode;
+            // A sequential source's levels come with the statistics that
+            // choose the pipeline's tables: no second decode to learn that
+            // they stay the source's.
+            if (same_picture && !d->progressive) {
+                kivot_choose_tables(t);
+                tables_change = kivot_tables_changed(t);
+            }
             if (same_picture) ret = write_both(t, &lv.pic, buf, src.size, offer);
         }
         kivod_release_frame_buffers(d);
@@ -256,7 +264,7 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
     // The pipeline competes where it makes some table coarser; with the
     // source's own tables it only adds loss. A source that does not decode
     // whole is not re-encoded.
-    if (!want_of_memory(ret)) {
+    if (!want_of_memory(ret) && tables_change) {
         ret = kivot_trc_decode(t, &in);
         if (ret == KIVO_OK && kivod_picture_complete(d) && kivot_tables_changed(t)) {
             xelo_bitb ob{};

@@ -148,7 +148,6 @@ int32_t kivot_app_view::select(int32_t copy, kivod_app_node *list) {
 
 int32_t kivot_trc_decode(kivot_ctx *t, const kivod_input *in) {
     kivod_ctx *d = t->dec;
-    kivoe_ctx *e = t->enc;
     if (!d->proc.dec || !d->proc.clone_frm) return KIVO_ERR_UNAVAILABLE;
     // Tables come from this source only: none is left from the one before.
     std::memset(d->qtbl, 0, sizeof(d->qtbl));
@@ -174,7 +173,13 @@ int32_t kivot_trc_decode(kivot_ctx *t, const kivod_input *in) {
         if (img->plane_base[p]) std::memset(img->plane_base[p], 128, img->capacity[p]);
     ret = d->proc.clone_frm(d, img);
     if (ret < 0) return fail_with_picture(t, ret);
+    kivot_choose_tables(t);
+    return KIVO_OK;
+}
 
+void kivot_choose_tables(kivot_ctx *t) {
+    const kivod_ctx *d = t->dec;
+    kivoe_ctx *e = t->enc;
     // Statistics of the decoded picture choose the perceptual tables.
     uint32_t stat[2][64] = {};
     for (int i = 0; i < 64; ++i) {
@@ -187,7 +192,6 @@ int32_t kivot_trc_decode(kivot_ctx *t, const kivod_input *in) {
     for (int k = 0; k < 2; ++k)
         kivo_gen_qtbl(reinterpret_cast<int16_t *>(e->qtbl[k].q), e->qtbl[k].recip, e->qtbl[k].half, stat[k], base);
     floor_tables(t, quality);
-    return KIVO_OK;
 }
 
 bool kivot_tables_changed(const kivot_ctx *t) {
