@@ -148,6 +148,13 @@ KIVO_API int32_t kivod_set_reduction(kivod_ctx *ctx, int32_t denom) {
     return KIVO_OK;
 }
 
+KIVO_API int32_t kivod_set_stats(kivod_ctx *ctx, int32_t on) {
+    kivod_ctx *c = checked(ctx);
+    if (!c || (on != 0 && on != 1)) return KIVO_ERR_INVALID_ARG;
+    c->magnitudes = on;
+    return KIVO_OK;
+}
+
 KIVO_API int32_t kivod_set_limits(kivod_ctx *ctx, const kivod_limits *limits) {
     kivod_ctx *c = checked(ctx);
     if (!c || !limits || limits->max_pixels < 0 || limits->max_scans < 0 || limits->max_memory < 0 ||

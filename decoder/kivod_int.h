@@ -211,14 +211,14 @@ struct kivod_blk_tbls {
     const kivod_qtbl *q;
     uint64_t *dc_count;
     uint64_t *ac_count;
-    uint32_t *mag;  // per raster position: magnitudes of the stored AC coefficients are added
+    uint32_t *mag;  // per raster position: magnitudes of the stored AC coefficients are added (null: not gathered)
     int16_t q0;
 };
 typedef int32_t (*kivod_vld_blk_fn)(kivod_bs *bs, kivod_win *w, const kivod_blk_tbls *t, int16_t *blk,
                                     int16_t *diff, int16_t *dc_only);
 // The block decoder of a scale (0, 1, 2, 4, 8): the AC routine of that scale
-// after kivod_vld_dc.
-kivod_vld_blk_fn kivod_vld_blk_for(int32_t scale);
+// after kivod_vld_dc, adding magnitudes to t->mag when `magnitudes`.
+kivod_vld_blk_fn kivod_vld_blk_for(int32_t scale, bool magnitudes);
 
 // ---- inverse DCT --------------------------------------------------------------
 
@@ -335,6 +335,7 @@ struct kivod_ctx {
     int64_t dc_level_total;  // DC levels of component 0 summed over the picture's scans
     int32_t comp_rows[4];    // block rows of each component every scan reached (-1: no scan yet)
     int32_t reduction;       // the caller's reduction (1, 2, 4, 8), or 0 for the choice by ratio
+    int32_t magnitudes;      // sequential scans add coefficient magnitudes to stat_luma/stat_chroma
     kivod_limits limits;     // the caller's limits (0: none)
     int64_t app_bytes;       // bytes of the kept APPn segments and their nodes
     uint64_t frame_bytes;    // bytes of the frame buffers kivod_decode allocated

@@ -78,7 +78,8 @@ inline bool decode_block(kivod_bs *bs, kivod_win *win, const ScanComp &s, kivod_
     *diff = 0;
     *dc_only = 1;
     if (blk) {
-        for (int i = 0; i < 64; ++i) s.t.mag[i] -= static_cast<uint32_t>(blk[i] < 0 ? -blk[i] : blk[i]);
+        if (s.t.mag)
+            for (int i = 0; i < 64; ++i) s.t.mag[i] -= static_cast<uint32_t>(blk[i] < 0 ? -blk[i] : blk[i]);
         kivo::clear_block(blk);
     }
     return restarts;
@@ -356,7 +357,7 @@ int32_t kivod_skim_to(const kivod_ctx *ctx, kivod_skim *sk, int32_t target) {
     const int ns = ctx->sh.n_comp;
     const int32_t interval = restart_interval(ctx);
     const int32_t total = kivod_scan_mcus(ctx, nullptr);
-    const kivod_vld_blk_fn skim = kivod_vld_blk_for(8);
+    const kivod_vld_blk_fn skim = kivod_vld_blk_for(8, false);
     while (sk->mcu < target) {
         kivod_win win{};
         for (int k = 0; k < ns; ++k) {
@@ -430,7 +431,7 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     // Packed pairs need every component of the MCU at hand.
     if (j.mode == KIVOD_OUT_PACKED && ctx->fh.n_comp > 1 && j.ns != ctx->fh.n_comp) return KIVO_ERR_UNSUPPORTED;
     const int scale = ctx->scale;
-    j.vld_blk = kivod_vld_blk_for(scale);
+    j.vld_blk = kivod_vld_blk_for(scale, ctx->magnitudes != 0);
     j.idct = ctx->dsp.idct[scale];
     j.idct_dc = ctx->dsp.idct_dc[scale];
     j.nblk = 1 << tbl_blk_shift[scale];
@@ -449,7 +450,7 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     list_blocks(j);
     for (int k = 0; k < j.ns; ++k) {
         j.sc[k].row = w->start_row[k];
-        j.sc[k].t.mag = j.mag[j.sc[k].c == 0 ? 0 : 1];
+        j.sc[k].t.mag = ctx->magnitudes ? j.mag[j.sc[k].c == 0 ? 0 : 1] : nullptr;
     }
     if (j.mode == KIVOD_OUT_RESIZED) {
         const int32_t r = open_resizers(j);
@@ -470,7 +471,7 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
         // They count for no statistics and write nothing but the strips.
         for (int k = 0; k < j.ns; ++k) {
             j.sc[k].t.dc_count = j.sc[k].t.ac_count = nullptr;
-            j.sc[k].t.mag = j.mag_unkept;
+            if (j.sc[k].t.mag) j.sc[k].t.mag = j.mag_unkept;
         }
         j.stats = false;
         kivod_bs bs = w->bs;

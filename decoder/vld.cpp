@@ -18,8 +18,9 @@
 // refused.
 //
 // Counters: a null dc_count or ac_count means "do not count". The choice is
-// made once per block (kivod_vld_ac8 and block8 run one of two
-// instantiations), not per symbol.
+// made once per block (kivod_vld_ac8 and block8_mag run one of two
+// instantiations), not per symbol. Magnitudes are added to the statistics
+// only by the instantiations that gather them.
 #include <cstring>
 
 #include "decoder/bs_inline.h"
@@ -106,12 +107,14 @@ struct Requant {
     }
 };
 
-// Stores coefficient c at zig-zag position pos and adds its magnitude to
-// the statistics (a block that then fails takes its magnitudes back).
+// Stores coefficient c at zig-zag position pos and, with kMag, adds its
+// magnitude to the statistics (a block that then fails takes its
+// magnitudes back).
+template <bool kMag>
 inline void put(int16_t *blk, uint32_t *mag, int32_t pos, int16_t c) {
     const int32_t r = kivo_tbl_zig_to_ras[pos];
     blk[r] = c;
-    mag[r] += static_cast<uint32_t>(c < 0 ? -c : c);
+    if (kMag) mag[r] += static_cast<uint32_t>(c < 0 ? -c : c);
 }
 
 // Where a block stands after a symbol.
@@ -121,7 +124,7 @@ enum class Next { kGoOn, kEnd, kCounted, kBad };
 // position *k: end-of-block, sixteen zeros, a coefficient stored (and
 // counted) when it starts at kLast or before, the end of the block past 63.
 // Other size-0 symbols are malformed.
-template <int kLast, bool kCount>
+template <int kLast, bool kCount, bool kMag>
 inline Next apply(int32_t run, int32_t size, int32_t value, int32_t *k, const kivod_qtbl *q, int16_t *blk,
                   uint32_t *mag, int16_t *dc_only, uint64_t *cnt, Requant *rq, int32_t *status) {
     if (size == 0) {
@@ -145,7 +148,7 @@ inline Next apply(int32_t run, int32_t size, int32_t value, int32_t *k, const ki
     if (pos > 63) return Next::kEnd;
     if (*k <= kLast) {
         const int16_t c = dequant(value, q->q[pos]);
-        put(blk, mag, pos, c);
+        put<kMag>(blk, mag, pos, c);
         if (kCount && !rq->coefficient(q, cnt, c, pos, run, status)) return *status ? Next::kBad : Next::kCounted;
     }
     *k = pos + 1;
@@ -161,7 +164,7 @@ inline int32_t finish(Next n, const Requant &rq, uint64_t *cnt, int32_t status) 
 }
 
 // A block's symbols from zig-zag position k on, through the reader.
-template <int kLast, bool kCount>
+template <int kLast, bool kCount, bool kMag>
 int32_t ac_reader(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint64_t *cnt, int16_t *blk,
                   uint32_t *mag, int16_t *dc_only, int32_t k, Requant *rq) {
     int32_t status = KIVO_OK;
@@ -169,7 +172,7 @@ int32_t ac_reader(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint
     while (k <= 63) {
         int32_t run, size, value;
         if (reader_symbol(bs, t, kCount || k <= kLast, &run, &size, &value) != 0) return KIVO_ERR_MALFORMED;
-        n = apply<kLast, kCount>(run, size, value, &k, q, blk, mag, dc_only, cnt, rq, &status);
+        n = apply<kLast, kCount, kMag>(run, size, value, &k, q, blk, mag, dc_only, cnt, rq, &status);
         if (n != Next::kGoOn) break;
         n = Next::kEnd;
     }
@@ -258,7 +261,7 @@ inline int32_t dc_window(Window *w, int16_t q0, const kivod_dc_tbl *t, uint64_t 
 // Coefficients of symbols that start at zig-zag positions up to kLast are
 // stored; every symbol is read. With kCount, the symbols an encoder would
 // send for the re-quantized block are counted.
-template <int kLast, bool kCount, bool kDc>
+template <int kLast, bool kCount, bool kDc, bool kMag>
 int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk, int16_t *diff,
                  int16_t *dc_only) {
     const kivod_qtbl *q = s.q;
@@ -277,7 +280,7 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
             const int32_t st = kivod_vld_dc(bs, s.q0, s.dc, s.dc_count, diff);
             if (st != KIVO_OK) return st;
         }
-        return ac_reader<kLast, kCount>(bs, q, t, cnt, blk, mag, dc_only, 1, &rq);
+        return ac_reader<kLast, kCount, kMag>(bs, q, t, cnt, blk, mag, dc_only, 1, &rq);
     }
     if (kDc) {
         const int32_t st = dc_window(&w, s.q0, s.dc, s.dc_count, diff);
@@ -297,7 +300,7 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
             // handles stuffing and running out.
             *wp = w;
             kivod_win_close(wp, bs);
-            return ac_reader<kLast, kCount>(bs, q, t, cnt, blk, mag, dc_only, k, &rq);
+            return ac_reader<kLast, kCount, kMag>(bs, q, t, cnt, blk, mag, dc_only, k, &rq);
         }
         if (burst) {
             // One-step codes from the top 32 bits alone (cheap shifts on
@@ -328,7 +331,7 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
                     ended = true;
                     break;
                 }
-                if (k <= kLast) put(blk, mag, pos, dequant(f >> 16, q->q[pos]));
+                if (k <= kLast) put<kMag>(blk, mag, pos, dequant(f >> 16, q->q[pos]));
                 k = pos + 1;
                 if (k > 63 || used > 21) break;
             }
@@ -352,7 +355,7 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
             if (pos > 63) break;
             if (k <= kLast) {
                 const int16_t c = dequant(f >> 16, q->q[pos]);
-                put(blk, mag, pos, c);
+                put<kMag>(blk, mag, pos, c);
                 if (kCount && !rq.coefficient(q, cnt, c, pos, run, &status)) {
                     n = status ? Next::kBad : Next::kCounted;
                     break;
@@ -388,7 +391,7 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
                 window_skip(&w, size);
             }
         }
-        n = apply<kLast, kCount>(run, size, value, &k, q, blk, mag, dc_only, cnt, &rq, &status);
+        n = apply<kLast, kCount, kMag>(run, size, value, &k, q, blk, mag, dc_only, cnt, &rq, &status);
         if (n != Next::kGoOn) break;
         n = Next::kEnd;
     }
@@ -401,26 +404,26 @@ template <int kLast, bool kCount>
 int32_t ac_alone(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint64_t *cnt, int16_t *blk,
                  int16_t *dc_only) {
     Window w{};
-    uint32_t mag[64] = {};  // not kept
     kivod_blk_tbls s{};
-    s.mag = mag;
     s.q = q;
     s.ac = t;
     s.ac_count = cnt;
-    const int32_t st = ac_block<kLast, kCount, false>(bs, &w, s, blk, nullptr, dc_only);
+    const int32_t st = ac_block<kLast, kCount, false, false>(bs, &w, s, blk, nullptr, dc_only);
     kivod_win_close(&w, bs);
     return st;
 }
 
 // A whole block: DC then AC.
-template <int kLast, bool kCount>
+template <int kLast, bool kCount, bool kMag>
 int32_t block(kivod_bs *bs, Window *w, const kivod_blk_tbls *s, int16_t *blk, int16_t *diff, int16_t *dc_only) {
-    return ac_block<kLast, kCount, true>(bs, w, *s, blk, diff, dc_only);
+    return ac_block<kLast, kCount, true, kMag>(bs, w, *s, blk, diff, dc_only);
 }
 
-int32_t block8(kivod_bs *bs, Window *w, const kivod_blk_tbls *s, int16_t *blk, int16_t *diff, int16_t *dc_only) {
-    if (s->ac_count) return block<63, true>(bs, w, s, blk, diff, dc_only);
-    return block<63, false>(bs, w, s, blk, diff, dc_only);
+// Full size with magnitudes: symbols are counted where the tables ask.
+int32_t block8_mag(kivod_bs *bs, Window *w, const kivod_blk_tbls *s, int16_t *blk, int16_t *diff,
+                   int16_t *dc_only) {
+    if (s->ac_count) return block<63, true, true>(bs, w, s, blk, diff, dc_only);
+    return block<63, false, true>(bs, w, s, blk, diff, dc_only);
 }
 
 }  // namespace
@@ -487,12 +490,12 @@ int32_t kivod_vld_ac1(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
     return ac_alone<0, false>(bs, q, t, nullptr, blk, dc_only);
 }
 
-kivod_vld_blk_fn kivod_vld_blk_for(int32_t scale) {
+kivod_vld_blk_fn kivod_vld_blk_for(int32_t scale, bool magnitudes) {
     switch (scale) {
         case 0:
-        case 1: return block8;
-        case 2: return block<9, false>;
-        case 4: return block<2, false>;
-        default: return block<0, false>;
+        case 1: return magnitudes ? block8_mag : block<63, false, false>;
+        case 2: return magnitudes ? block<9, false, true> : block<9, false, false>;
+        case 4: return magnitudes ? block<2, false, true> : block<2, false, false>;
+        default: return block<0, false, false>;
     }
 }

@@ -282,7 +282,7 @@ TEST(OracleTranscode, TablesFollowTheirRule) {
         const Bytes src = make_source(kSources[n % 3], 96 + 8 * n, 64, 90, n, tables);
         const Result r = transcode(src, quality);
         ASSERT_EQ(r.status, 0);
-        const kivod_stats st = kivotest::decode(src, 1).stats;
+        const kivod_stats st = kivotest::decode(src, 1, 0, 0, 0, 0, nullptr, true).stats;
         uint32_t stat[2][64];
         for (int i = 0; i < 64; ++i)
             stat[0][i] = uint32_t(st.stat_luma[i] / st.n_luma), stat[1][i] = st.n_chroma ? uint32_t(st.stat_chroma[i] / st.n_chroma) : 0;

@@ -5,7 +5,7 @@
 namespace kivotest {
 
 Decoded decode(const std::vector<uint8_t> &jpg, int threads, int out_w, int out_h, int32_t out_cs, int reduction,
-               const kivod_limits *limits) {
+               const kivod_limits *limits, bool stats) {
     Decoded r;
     kivo_tpool pool;
     kivo_tpool_std(&pool, threads);
@@ -26,6 +26,7 @@ Decoded decode(const std::vector<uint8_t> &jpg, int threads, int out_w, int out_
     kivod_frame_info info{};
     r.status = kivod_set_reduction(ctx, reduction);
     if (r.status == 0 && limits) r.status = kivod_set_limits(ctx, limits);
+    if (r.status == 0) r.status = kivod_set_stats(ctx, stats);
     if (r.status == 0) r.status = kivod_decode(ctx, &in, &info);
     r.width = info.width, r.height = info.height, r.color_format = info.color_format;
     const int32_t w = out_w ? out_w : info.width, h = out_h ? out_h : info.height, cs = out_cs ? out_cs : info.color_format;

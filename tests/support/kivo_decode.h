@@ -21,11 +21,12 @@ struct Decoded {
 // Decodes a stream from memory with `threads` threads into a buffer of
 // out_w x out_h (0: the frame's size) of the frame's colour format (or
 // `out_cs` when not 0), at the reduction given (kivod_set_reduction; 0:
-// the decoder's choice), under `limits` if given. The buffer is filled with
+// the decoder's choice), under `limits` if given, gathering the magnitude
+// statistics when `stats`. The buffer is filled with
 // 0x5A beforehand, so samples the decoder leaves alone read the same on
 // every run.
 Decoded decode(const std::vector<uint8_t> &jpg, int threads = 1, int out_w = 0, int out_h = 0,
-               int32_t out_cs = 0, int reduction = 0, const kivod_limits *limits = nullptr);
+               int32_t out_cs = 0, int reduction = 0, const kivod_limits *limits = nullptr, bool stats = false);
 
 }  // namespace kivotest
 
