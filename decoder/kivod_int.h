@@ -212,8 +212,12 @@ struct kivod_blk_tbls {
     uint64_t *dc_count;
     uint64_t *ac_count;
     uint32_t *mag;  // per raster position: magnitudes of the stored AC coefficients are added (null: not gathered)
+    const uint32_t *qz;  // per zig-zag position: quantizer | raster position << 16 (kivod_make_qz)
     int16_t q0;
 };
+// The quantizers of a sequential table with their raster positions, as the
+// block decoders look them up: one load gives both.
+void kivod_make_qz(const kivod_qtbl *q, uint32_t qz[64]);
 typedef int32_t (*kivod_vld_blk_fn)(kivod_bs *bs, kivod_win *w, const kivod_blk_tbls *t, int16_t *blk,
                                     int16_t *diff, int16_t *dc_only);
 // The block decoder of a scale (0, 1, 2, 4, 8): the AC routine of that scale

@@ -165,6 +165,7 @@ struct Slice {
     bool stats;  // the MCUs decoded count towards the statistics
     int32_t mag_blocks;
     alignas(16) uint32_t mag[2][64];  // coefficient magnitudes, luma and chroma
+    uint32_t qz[4][64];               // each scan component's quantizers with raster positions
     uint32_t mag_unkept[64];          // magnitudes of rows that count for no statistics
     alignas(16) uint8_t mcu_buf[4][32 * 32];
     // The MCU's blocks in coding order, walked by one flat loop (a loop
@@ -451,6 +452,8 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     for (int k = 0; k < j.ns; ++k) {
         j.sc[k].row = w->start_row[k];
         j.sc[k].t.mag = ctx->magnitudes ? j.mag[j.sc[k].c == 0 ? 0 : 1] : nullptr;
+        kivod_make_qz(j.sc[k].t.q, j.qz[k]);
+        j.sc[k].t.qz = j.qz[k];
     }
     if (j.mode == KIVOD_OUT_RESIZED) {
         const int32_t r = open_resizers(j);

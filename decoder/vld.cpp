@@ -27,8 +27,10 @@
 
 namespace {
 
-// value x quantizer, kept to 16 bits without signed overflow.
-inline int16_t dequant(int32_t value, uint16_t q) {
+// value x quantizer, kept to 16 bits without signed overflow. With a
+// kivod_make_qz entry for q the raster position's bits only reach bits 16
+// and up of the product, which are dropped.
+inline int16_t dequant(int32_t value, uint32_t q) {
     return low16(static_cast<uint32_t>(value) * q);
 }
 
@@ -107,14 +109,16 @@ struct Requant {
     }
 };
 
-// Stores coefficient c at zig-zag position pos and, with kMag, adds its
-// magnitude to the statistics (a block that then fails takes its
-// magnitudes back).
+// Stores value x quantizer at the raster position of qz (a kivod_make_qz
+// entry) and, with kMag, adds its magnitude to the statistics (a block that
+// then fails takes its magnitudes back). Returns the coefficient.
 template <bool kMag>
-inline void put(int16_t *blk, uint32_t *mag, int32_t pos, int16_t c) {
-    const int32_t r = kivo_tbl_zig_to_ras[pos];
+inline int16_t put(int16_t *blk, uint32_t *mag, uint32_t qz, int32_t value) {
+    const uint32_t r = qz >> 16;
+    const int16_t c = dequant(value, qz);
     blk[r] = c;
     if (kMag) mag[r] += static_cast<uint32_t>(c < 0 ? -c : c);
+    return c;
 }
 
 // Where a block stands after a symbol.
@@ -125,7 +129,8 @@ enum class Next { kGoOn, kEnd, kCounted, kBad };
 // counted) when it starts at kLast or before, the end of the block past 63.
 // Other size-0 symbols are malformed.
 template <int kLast, bool kCount, bool kMag>
-inline Next apply(int32_t run, int32_t size, int32_t value, int32_t *k, const kivod_qtbl *q, int16_t *blk,
+inline Next apply(int32_t run, int32_t size, int32_t value, int32_t *k, const kivod_qtbl *q, const uint32_t *qz,
+                  int16_t *blk,
                   uint32_t *mag, int16_t *dc_only, uint64_t *cnt, Requant *rq, int32_t *status) {
     if (size == 0) {
         if (run == 0) {
@@ -147,8 +152,7 @@ inline Next apply(int32_t run, int32_t size, int32_t value, int32_t *k, const ki
     const int32_t pos = *k + run;
     if (pos > 63) return Next::kEnd;
     if (*k <= kLast) {
-        const int16_t c = dequant(value, q->q[pos]);
-        put<kMag>(blk, mag, pos, c);
+        const int16_t c = put<kMag>(blk, mag, qz[pos], value);
         if (kCount && !rq->coefficient(q, cnt, c, pos, run, status)) return *status ? Next::kBad : Next::kCounted;
     }
     *k = pos + 1;
@@ -165,14 +169,15 @@ inline int32_t finish(Next n, const Requant &rq, uint64_t *cnt, int32_t status) 
 
 // A block's symbols from zig-zag position k on, through the reader.
 template <int kLast, bool kCount, bool kMag>
-int32_t ac_reader(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint64_t *cnt, int16_t *blk,
+int32_t ac_reader(kivod_bs *bs, const kivod_qtbl *q, const uint32_t *qz, const kivod_ac_tbl *t, uint64_t *cnt,
+                  int16_t *blk,
                   uint32_t *mag, int16_t *dc_only, int32_t k, Requant *rq) {
     int32_t status = KIVO_OK;
     Next n = Next::kEnd;
     while (k <= 63) {
         int32_t run, size, value;
         if (reader_symbol(bs, t, kCount || k <= kLast, &run, &size, &value) != 0) return KIVO_ERR_MALFORMED;
-        n = apply<kLast, kCount, kMag>(run, size, value, &k, q, blk, mag, dc_only, cnt, rq, &status);
+        n = apply<kLast, kCount, kMag>(run, size, value, &k, q, qz, blk, mag, dc_only, cnt, rq, &status);
         if (n != Next::kGoOn) break;
         n = Next::kEnd;
     }
@@ -188,11 +193,14 @@ int32_t ac_reader(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint
 
 using Window = kivod_win;
 
-// Runs of one-step codes are decoded from the window's top 32 bits on
-// 32-bit processors, where every shift of the 64-bit accumulator costs
-// several instructions; on 64-bit ones such a shift is one instruction and
-// the plain loop is shorter.
-constexpr bool kBurst = sizeof(void *) == 4;
+// On 32-bit processors a shift of the 64-bit accumulator by a variable
+// amount costs several instructions: the blocks that count no symbols are
+// decoded there by ac_block32, which keeps the window in two words (and so
+// they are on any processor in builds that check that path).
+#ifndef KIVO_WORD_WINDOW
+#define KIVO_WORD_WINDOW 0
+#endif
+constexpr bool kWords = sizeof(void *) == 4 || KIVO_WORD_WINDOW;
 
 // Opens the window where the reader allows it.
 inline void window_begin(const kivod_bs *bs, Window *w) {
@@ -265,6 +273,7 @@ template <int kLast, bool kCount, bool kDc, bool kMag>
 int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk, int16_t *diff,
                  int16_t *dc_only) {
     const kivod_qtbl *q = s.q;
+    const uint32_t *qz = s.qz;
     const kivod_ac_tbl *t = s.ac;
     uint64_t *cnt = s.ac_count;
     uint32_t *mag = s.mag;
@@ -280,7 +289,7 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
             const int32_t st = kivod_vld_dc(bs, s.q0, s.dc, s.dc_count, diff);
             if (st != KIVO_OK) return st;
         }
-        return ac_reader<kLast, kCount, kMag>(bs, q, t, cnt, blk, mag, dc_only, 1, &rq);
+        return ac_reader<kLast, kCount, kMag>(bs, q, qz, t, cnt, blk, mag, dc_only, 1, &rq);
     }
     if (kDc) {
         const int32_t st = dc_window(&w, s.q0, s.dc, s.dc_count, diff);
@@ -292,7 +301,6 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
     int32_t k = 1;
     int32_t status = KIVO_OK;
     Next n = Next::kEnd;
-    bool burst = kBurst && !kCount;
     while (k <= 63) {
         if (w.n < 32) window_fill(&w);
         if (w.n < 32) {
@@ -300,49 +308,12 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
             // handles stuffing and running out.
             *wp = w;
             kivod_win_close(wp, bs);
-            return ac_reader<kLast, kCount, kMag>(bs, q, t, cnt, blk, mag, dc_only, k, &rq);
+            return ac_reader<kLast, kCount, kMag>(bs, q, qz, t, cnt, blk, mag, dc_only, k, &rq);
         }
-        if (burst) {
-            // One-step codes from the top 32 bits alone (cheap shifts on
-            // 32-bit processors): while at most 21 bits are used, at least
-            // 11 remain for the next look-up. Anything else goes on below
-            // after a refill.
-            uint32_t hi = static_cast<uint32_t>(w.acc >> 32);
-            int32_t used = 0;
-            bool ended = false;
-            for (;;) {
-                const int32_t f = t->fast[hi >> (32 - kivod_fast_bits)];
-                if (!f || (kLast > 0 && (f & kivod_fast_zrl))) {
-                    burst = false;
-                    break;
-                }
-                const int32_t len = f & 31;
-                hi <<= len;
-                used += len;
-                if (f & kivod_fast_eob) {
-                    if (k == 1 && kLast > 0) *dc_only = 1;
-                    ended = true;
-                    break;
-                }
-                // Nothing stored at 1/8: sixteen zeros and a coefficient
-                // both only move k on (past 63 the block ends either way).
-                const int32_t pos = k + ((f >> 8) & 15);
-                if (kLast > 0 && pos > 63) {
-                    ended = true;
-                    break;
-                }
-                if (k <= kLast) put<kMag>(blk, mag, pos, dequant(f >> 16, q->q[pos]));
-                k = pos + 1;
-                if (k > 63 || used > 21) break;
-            }
-            window_skip(&w, used);
-            if (ended) break;
-            continue;
-        }
-        burst = kBurst && !kCount;
         const int32_t f = t->fast[w.acc >> (64 - kivod_fast_bits)];
         if (kLast == 0 && f && !(f & kivod_fast_eob)) {
-            // As in the burst: at 1/8 a code only moves k on.
+            // Nothing is stored at 1/8: sixteen zeros and a coefficient
+            // both only move k on (past 63 the block ends either way).
             window_skip(&w, f & 31);
             k += ((f >> 8) & 15) + 1;
             continue;
@@ -354,8 +325,7 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
             const int32_t pos = k + run;
             if (pos > 63) break;
             if (k <= kLast) {
-                const int16_t c = dequant(f >> 16, q->q[pos]);
-                put<kMag>(blk, mag, pos, c);
+                const int16_t c = put<kMag>(blk, mag, qz[pos], f >> 16);
                 if (kCount && !rq.coefficient(q, cnt, c, pos, run, &status)) {
                     n = status ? Next::kBad : Next::kCounted;
                     break;
@@ -391,7 +361,7 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
                 window_skip(&w, size);
             }
         }
-        n = apply<kLast, kCount, kMag>(run, size, value, &k, q, blk, mag, dc_only, cnt, &rq, &status);
+        n = apply<kLast, kCount, kMag>(run, size, value, &k, q, qz, blk, mag, dc_only, cnt, &rq, &status);
         if (n != Next::kGoOn) break;
         n = Next::kEnd;
     }
@@ -399,16 +369,144 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
     return finish<kCount>(n, rq, cnt, status);
 }
 
+// ac_block for 32-bit processors, blocks whose symbols are not counted: the
+// window's top 32 bits in `hi` and the next ones in `lo`, so that a code is
+// consumed with single-word shifts, refilled four bytes at a time while
+// they hold no 0xFF. Reads and stores exactly what ac_block does.
+template <int kLast, bool kDc, bool kMag>
+int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk, int16_t *diff,
+                   int16_t *dc_only) {
+    const kivod_qtbl *q = s.q;
+    const uint32_t *qz = s.qz;
+    const kivod_ac_tbl *t = s.ac;
+    uint32_t *mag = s.mag;
+    *dc_only = kLast == 0 ? 1 : 0;
+    Requant rq;
+    window_begin(bs, wp);
+    Window w = *wp;
+    if (w.open && w.n < 32) window_fill(&w);
+    if (!w.open || w.n < 32) {
+        *wp = w;
+        kivod_win_close(wp, bs);
+        if (kDc) {
+            const int32_t st = kivod_vld_dc(bs, s.q0, s.dc, s.dc_count, diff);
+            if (st != KIVO_OK) return st;
+        }
+        return ac_reader<kLast, false, kMag>(bs, q, qz, t, nullptr, blk, mag, dc_only, 1, &rq);
+    }
+    if (kDc) {
+        const int32_t st = dc_window(&w, s.q0, s.dc, s.dc_count, diff);
+        if (st != KIVO_OK) {
+            *wp = w;
+            return st;
+        }
+    }
+    // Every symbol takes at most 31 bits of the 32 or more the window holds
+    // before it, so at least one is left: the shifts below stay in 1..31.
+    uint32_t hi = static_cast<uint32_t>(w.acc >> 32), lo = static_cast<uint32_t>(w.acc);
+    int32_t n = w.n;
+    const uint8_t *p = w.p;
+    const auto consume = [&](int32_t len) {
+        hi = hi << len | lo >> (32 - len);
+        lo <<= len;
+        n -= len;
+    };
+    const auto pack = [&]() {
+        w.acc = static_cast<uint64_t>(hi) << 32 | lo;
+        w.n = n;
+        w.p = p;
+    };
+    const int32_t *fast = t->fast;
+    int32_t k = 1, status = KIVO_OK;
+    while (k <= 63) {
+        if (n < 32) {
+            uint32_t x = 0;
+            if (w.end - p >= 3) {
+                std::memcpy(&x, p, 4);
+                x = __builtin_bswap32(x);
+            }
+            const uint32_t inv = ~x;  // a 0xFF byte becomes a zero byte
+            if (w.end - p >= 3 && !((inv - 0x01010101u) & ~inv & 0x80808080u)) {
+                hi |= x >> n;  // n >= 1 and the bits below n are zero
+                lo = x << (32 - n);
+                n += 32;
+                p += 4;
+            } else {
+                pack();
+                window_fill(&w);
+                if (w.n < 32) {
+                    // A 0xFF or the end of the input is near: the reader's
+                    // refill handles stuffing and running out.
+                    *wp = w;
+                    kivod_win_close(wp, bs);
+                    return ac_reader<kLast, false, kMag>(bs, q, qz, t, nullptr, blk, mag, dc_only, k, &rq);
+                }
+                hi = static_cast<uint32_t>(w.acc >> 32), lo = static_cast<uint32_t>(w.acc);
+                n = w.n;
+                p = w.p;
+            }
+        }
+        const int32_t f = fast[hi >> (32 - kivod_fast_bits)];
+        if (f && !(f & (kivod_fast_eob | kivod_fast_zrl))) {
+            // A coefficient code of the one-step look-up, the common case.
+            consume(f & 31);
+            const int32_t pos = k + ((f >> 8) & 15);
+            if (pos > 63) break;
+            if (k <= kLast) put<kMag>(blk, mag, qz[pos], f >> 16);
+            k = pos + 1;
+            continue;
+        }
+        int32_t run, size, value = 0;
+        if (f) {
+            consume(f & 31);
+            run = f & kivod_fast_zrl ? 15 : 0;
+            size = 0;
+        } else {
+            const kivod_ac_look e = t->lookup[hi >> 24];
+            int32_t len;
+            if (e.len <= 8) {
+                len = e.len;
+                run = e.run;
+                size = e.size;
+            } else {
+                const int32_t idx = long_ac_code(t, hi >> 16, &len);
+                if (idx < 0) {
+                    pack();
+                    *wp = w;
+                    return KIVO_ERR_MALFORMED;
+                }
+                run = t->sym[idx].run;
+                size = t->sym[idx].size;
+            }
+            consume(len);
+            if (size) {
+                value = extend(hi >> (32 - size), size);
+                consume(size);
+            }
+        }
+        if (apply<kLast, false, kMag>(run, size, value, &k, q, qz, blk, mag, dc_only, nullptr, &rq, &status) !=
+            Next::kGoOn)
+            break;
+    }
+    pack();
+    *wp = w;
+    return status;
+}
+
 // One AC routine on its own: the window opened and closed around the block.
 template <int kLast, bool kCount>
 int32_t ac_alone(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint64_t *cnt, int16_t *blk,
                  int16_t *dc_only) {
     Window w{};
+    uint32_t qz[64];
+    kivod_make_qz(q, qz);
     kivod_blk_tbls s{};
     s.q = q;
+    s.qz = qz;
     s.ac = t;
     s.ac_count = cnt;
-    const int32_t st = ac_block<kLast, kCount, false, false>(bs, &w, s, blk, nullptr, dc_only);
+    const int32_t st = kWords && !kCount ? ac_block32<kLast, false, false>(bs, &w, s, blk, nullptr, dc_only)
+                                         : ac_block<kLast, kCount, false, false>(bs, &w, s, blk, nullptr, dc_only);
     kivod_win_close(&w, bs);
     return st;
 }
@@ -416,6 +514,7 @@ int32_t ac_alone(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint6
 // A whole block: DC then AC.
 template <int kLast, bool kCount, bool kMag>
 int32_t block(kivod_bs *bs, Window *w, const kivod_blk_tbls *s, int16_t *blk, int16_t *diff, int16_t *dc_only) {
+    if (kWords && !kCount) return ac_block32<kLast, true, kMag>(bs, w, *s, blk, diff, dc_only);
     return ac_block<kLast, kCount, true, kMag>(bs, w, *s, blk, diff, dc_only);
 }
 
@@ -427,6 +526,10 @@ int32_t block8_mag(kivod_bs *bs, Window *w, const kivod_blk_tbls *s, int16_t *bl
 }
 
 }  // namespace
+
+void kivod_make_qz(const kivod_qtbl *q, uint32_t qz[64]) {
+    for (int i = 0; i < 64; ++i) qz[i] = q->q[i] | static_cast<uint32_t>(kivo_tbl_zig_to_ras[i]) << 16;
+}
 
 // Hands the state back to the reader: bytes beyond its 32-bit cache go back
 // to the input (they hold no 0xFF, so nothing was dropped from them).
