@@ -2,8 +2,9 @@
 //
 // Each pass works on four rows (or columns) in the 32-bit lanes of a q
 // register. vmull/vmlal give the exact products of 16-bit inputs; adds and
-// vmulq wrap modulo 2^32 as the plain kernel does; vshrn keeps the low 16
-// bits of the shifted value, which is the plain kernel's narrowing.
+// vmul/vmla wrap modulo 2^32 as the plain kernel does; vrshrn keeps the low
+// 16 bits of the shifted value, which is the plain kernel's narrowing. The
+// 8x8 transform is in assembly, the 4x4 one in intrinsics.
 #include <arm_neon.h>
 
 #include <cstring>
@@ -17,7 +18,7 @@ using namespace kivo::idct;
 
 constexpr int16_t w1 = kW1, w2 = kW2, w3 = kW3, w5 = kW5, w6 = kW6, w7 = kW7;
 
-// The multipliers in the lanes of two d registers, loaded once per block:
+// The multipliers in the lanes of d registers, loaded once per block:
 // vmull/vmlal by lane take them from there.
 struct Consts {
     int16x4_t k0, k1, k2;  // W1 W7 W3 W5, W2 W6 -W5 -, - 256 - -
@@ -85,8 +86,9 @@ inline void row_pass(const int16x4_t in[8], int16x4_t out[8], const Consts &k) {
 }
 
 // Vertical pass over four columns, in[i] holding row i of each column, up to
-// its last butterfly: pixel row r is pixels(t + u) or pixels(t - u) of a pair
-// below. kHalf: rows 4-7 are zero.
+// its last butterflies: pixel rows 0 and 7 are pixels(t7 +- s1), rows 3 and 4
+// pixels(t8 +- s6), rows 1 and 6 pixels(t3 +- g2), rows 2 and 5
+// pixels(t0 +- g4). kHalf: rows 4-7 are zero.
 //
 // Product pairs stay below 2^27, so vrshr #3 is the exact (x + 4) >> 3. The
 // rotation's 32-bit product wraps and must round as the wrapped value does,
@@ -118,34 +120,6 @@ inline ColSums col_pass(const int16x4_t in[8], const Consts &k) {
 
 inline uint16x4_t pixels(int32x4_t x) { return vqrshrun_n_s32(x, 14); }
 
-// Pixel rows x + y and x - y, four pixels each, as u8 [x + y | x - y].
-inline uint8x8_t pixels2(int32x4_t x, int32x4_t y) {
-    return vqmovn_u16(vcombine_u16(pixels(vaddq_s32(x, y)), pixels(vsubq_s32(x, y))));
-}
-
-// Pixel rows of four columns: out[r] = u8 [row r | row 7 - r], r = 0..3.
-template <bool kHalf>
-inline void col_pixels(const int16x4_t in[8], uint8x8_t out[4], const Consts &k) {
-    const ColSums c = col_pass<kHalf>(in, k);
-    out[0] = pixels2(c.t7, c.s1);
-    out[3] = pixels2(c.t8, c.s6);
-    out[1] = pixels2(c.t3, c.g2);
-    out[2] = pixels2(c.t0, c.g4);
-}
-
-// Transposes four 8-lane rows in place into the 4x4 blocks of their left and
-// right halves: afterwards the low half of v[k] holds element k of the four
-// rows, the high half element k + 4.
-inline void transpose4x8(int16x8_t v[4]) {
-    const int16x8x2_t a01 = vtrnq_s16(v[0], v[1]), a23 = vtrnq_s16(v[2], v[3]);
-    const int32x4x2_t b0 = vtrnq_s32(vreinterpretq_s32_s16(a01.val[0]), vreinterpretq_s32_s16(a23.val[0]));
-    const int32x4x2_t b1 = vtrnq_s32(vreinterpretq_s32_s16(a01.val[1]), vreinterpretq_s32_s16(a23.val[1]));
-    v[0] = vreinterpretq_s16_s32(b0.val[0]);
-    v[1] = vreinterpretq_s16_s32(b1.val[0]);
-    v[2] = vreinterpretq_s16_s32(b0.val[1]);
-    v[3] = vreinterpretq_s16_s32(b1.val[1]);
-}
-
 // 4x4 transposition of 16-bit lanes.
 inline void transpose4(int16x4_t v[4]) {
     const int16x4x2_t a = vtrn_s16(v[0], v[1]), b = vtrn_s16(v[2], v[3]);
@@ -157,41 +131,151 @@ inline void transpose4(int16x4_t v[4]) {
     v[3] = vreinterpret_s16_s32(y.val[1]);
 }
 
-// Horizontal pass over four coefficient rows; returns the four rows of the
-// intermediate block, eight columns each.
-template <bool kRight>
-inline void rows4(const int16_t *coef, int16x8_t out[4], const Consts &k) {
-    int16x8_t v[4] = {vld1q_s16(coef), vld1q_s16(coef + 8), vld1q_s16(coef + 16), vld1q_s16(coef + 24)};
-    transpose4x8(v);
-    const int16x4_t in[8] = {vget_low_s16(v[0]),  vget_low_s16(v[1]),  vget_low_s16(v[2]),  vget_low_s16(v[3]),
-                             vget_high_s16(v[0]), vget_high_s16(v[1]), vget_high_s16(v[2]), vget_high_s16(v[3])};
-    int16x4_t h[8];
-    row_pass<kRight>(in, h, k);
-    for (int k = 0; k < 4; k++) out[k] = vcombine_s16(h[k], h[k + 4]);
-    transpose4x8(out);
-}
+// The 8x8 transform in assembly: with intrinsics the compiler spilled the
+// 32-bit intermediates of the full passes to the stack. Same arithmetic as
+// row_pass and col_pass above, on fixed registers:
+//   d0 = W1 W7 W3 W5, d1 = W2 W6 181 0 (181 as the 32-bit lane 1), d2 = 256 -W5
+//   q2-q7 temporaries; the inputs of a pass in four q registers X0-X3 as
+//   [x0|x4] [x1|x5] [x2|x6] [x3|x7] (or, with inputs 4-7 zero, x0-x3 in d
+//   registers Y0-Y3); t7 t8 t3 t0 in q5 X0 q2 q4, s1 s6 g2 g4 in X1 X3 q7 X2.
 
-// The full transform. kBottom: coefficient rows 4-7 are zero, and so are the
-// intermediate rows they give. kRight: coefficient columns 4-7 are zero.
+// Even part, inputs 4-7 present: t7 t8 t3 t0 from x0 x2 x4 x6 (X0 X2 free).
+#define KIVO_EVEN(X0, X0L, X0H, X2L, X2H, SHIFT_X0, SHIFT_X1, ROUND) \
+    "vmull.s16 q2, " X2L ", d1[0]\n\t" "vmlal.s16 q2, " X2H ", d1[1]\n\t" \
+    "vmull.s16 q3, " X2L ", d1[1]\n\t" "vmlsl.s16 q3, " X2H ", d1[0]\n\t" ROUND SHIFT_X0 SHIFT_X1 \
+    "vadd.i32 " X0 ", q4, q5\n\t" "vsub.i32 q4, q4, q5\n\t" \
+    "vadd.i32 q5, " X0 ", q2\n\t" "vsub.i32 " X0 ", " X0 ", q2\n\t" \
+    "vadd.i32 q2, q4, q3\n\t" "vsub.i32 q4, q4, q3\n\t"
+// Odd part, inputs 4-7 present: a b c d in q3 q6 q7 X2 (X1 X3 then free).
+#define KIVO_ODD_PRODUCTS(X1L, X1H, X2, X3L, X3H) \
+    "vmull.s16 q3, " X1L ", d0[0]\n\t" "vmlal.s16 q3, " X3H ", d0[1]\n\t" \
+    "vmull.s16 q6, " X1L ", d0[1]\n\t" "vmlsl.s16 q6, " X3H ", d0[0]\n\t" \
+    "vmull.s16 q7, " X3L ", d0[2]\n\t" "vmlal.s16 q7, " X1H ", d0[3]\n\t" \
+    "vmull.s16 " X2 ", " X1H ", d0[2]\n\t" "vmlsl.s16 " X2 ", " X3L ", d0[3]\n\t"
+#define KIVO_ROUND4(X2) \
+    "vrshr.s32 q3, q3, #3\n\t" "vrshr.s32 q6, q6, #3\n\t" \
+    "vrshr.s32 q7, q7, #3\n\t" "vrshr.s32 " X2 ", " X2 ", #3\n\t"
+// s1 s4 s6 s5 from a c b d (d negated when NEG: b - d and b + d swap).
+#define KIVO_SUMS(X1, X2, X3, ADD_S6, SUB_S5) \
+    "vadd.i32 " X1 ", q3, q7\n\t" "vsub.i32 q3, q3, q7\n\t" \
+    "" ADD_S6 " " X3 ", q6, " X2 "\n\t" "" SUB_S5 " q6, q6, " X2 "\n\t"
+// Rotation, horizontal pass: (181 (s4 +- s5)) rounded >> 8.
+#define KIVO_ROT_ROW(X2) \
+    "vadd.i32 q7, q3, q6\n\t" "vsub.i32 " X2 ", q3, q6\n\t" \
+    "vmul.i32 q7, q7, d1[1]\n\t" "vmul.i32 " X2 ", " X2 ", d1[1]\n\t" \
+    "vrshr.s32 q7, q7, #8\n\t" "vrshr.s32 " X2 ", " X2 ", #8\n\t"
+// Rotation, vertical pass: (181 (s4 +- s5) + 128) >> 8 on the wrapped value.
+#define KIVO_ROT_COL(X2) \
+    "vmov.i32 q7, #128\n\t" "vmov.i32 " X2 ", #128\n\t" \
+    "vmla.i32 q7, q3, d1[1]\n\t" "vmla.i32 " X2 ", q3, d1[1]\n\t" \
+    "vmla.i32 q7, q6, d1[1]\n\t" "vmls.i32 " X2 ", q6, d1[1]\n\t" \
+    "vshr.s32 q7, q7, #8\n\t" "vshr.s32 " X2 ", " X2 ", #8\n\t"
+// Horizontal outputs, rounded >> 8 to 16 bits: X1 = [o0|o4], X0 = [o1|o5],
+// X2 = [o2|o6], X3 = [o3|o7].
+#define KIVO_ROW_OUT(X0, X0L, X0H, X1, X1L, X1H, X2, X2L, X2H, X3, X3L, X3H) \
+    "vadd.i32 q3, q5, " X1 "\n\t" "vsub.i32 q5, q5, " X1 "\n\t" \
+    "vadd.i32 q6, " X0 ", " X3 "\n\t" "vsub.i32 " X0 ", " X0 ", " X3 "\n\t" \
+    "vrshrn.i32 " X1L ", q3, #8\n\t" "vrshrn.i32 " X1H ", " X0 ", #8\n\t" \
+    "vrshrn.i32 " X3L ", q6, #8\n\t" "vrshrn.i32 " X3H ", q5, #8\n\t" \
+    "vadd.i32 q3, q2, q7\n\t" "vsub.i32 q2, q2, q7\n\t" \
+    "vadd.i32 q5, q4, " X2 "\n\t" "vsub.i32 q4, q4, " X2 "\n\t" \
+    "vrshrn.i32 " X0L ", q3, #8\n\t" "vrshrn.i32 " X0H ", q4, #8\n\t" \
+    "vrshrn.i32 " X2L ", q5, #8\n\t" "vrshrn.i32 " X2H ", q2, #8\n\t"
+// Vertical outputs as pixels: X1 = u8 [row 0|row 7 ; row 3|row 4],
+// X0 = [row 1|row 6 ; row 2|row 5], four pixels each.
+#define KIVO_PIX(A, B, DST) \
+    "vadd.i32 q3, " A ", " B "\n\t" "vsub.i32 q5, " A ", " B "\n\t" \
+    "vqrshrun.s32 d12, q3, #14\n\t" "vqrshrun.s32 d13, q5, #14\n\t" "vqmovn.u16 " DST ", q6\n\t"
+#define KIVO_COL_OUT(X0, X0L, X0H, X1, X1L, X1H, X2, X3) \
+    KIVO_PIX("q5", X1, X1L) KIVO_PIX(X0, X3, X1H) KIVO_PIX("q2", "q7", X0L) KIVO_PIX("q4", X2, X0H)
+
+// Horizontal pass over four rows, all coefficients.
+#define KIVO_ROW(X0, X0L, X0H, X1, X1L, X1H, X2, X2L, X2H, X3, X3L, X3H) \
+    KIVO_EVEN(X0, X0L, X0H, X2L, X2H, "vshll.s16 q4, " X0L ", #11\n\t", "vshll.s16 q5, " X0H ", #11\n\t", ) \
+    KIVO_ODD_PRODUCTS(X1L, X1H, X2, X3L, X3H) KIVO_SUMS(X1, X2, X3, "vadd.i32", "vsub.i32") KIVO_ROT_ROW(X2) \
+    KIVO_ROW_OUT(X0, X0L, X0H, X1, X1L, X1H, X2, X2L, X2H, X3, X3L, X3H)
+// Horizontal pass over four rows whose coefficients 4-7 are zero.
+#define KIVO_ROW_HALF(X0, X0L, X0H, X1, X1L, X1H, X2, X2L, X2H, X3, X3L, X3H) \
+    "vmull.s16 q2, " X2L ", d1[0]\n\t" "vmull.s16 q3, " X2L ", d1[1]\n\t" "vshll.s16 q4, " X0L ", #11\n\t" \
+    "vadd.i32 q5, q4, q2\n\t" "vsub.i32 " X0 ", q4, q2\n\t" \
+    "vadd.i32 q2, q4, q3\n\t" "vsub.i32 q4, q4, q3\n\t" \
+    "vmull.s16 q3, " X1L ", d0[0]\n\t" "vmull.s16 q6, " X1L ", d0[1]\n\t" \
+    "vmull.s16 q7, " X3L ", d0[2]\n\t" "vmull.s16 " X2 ", " X3L ", d0[3]\n\t" \
+    KIVO_SUMS(X1, X2, X3, "vsub.i32", "vadd.i32") KIVO_ROT_ROW(X2) \
+    KIVO_ROW_OUT(X0, X0L, X0H, X1, X1L, X1H, X2, X2L, X2H, X3, X3L, X3H)
+// Vertical pass over four columns, all rows.
+#define KIVO_COL(X0, X0L, X0H, X1, X1L, X1H, X2, X2L, X2H, X3, X3L, X3H) \
+    KIVO_EVEN(X0, X0L, X0H, X2L, X2H, "vmov.i32 q4, #0x200000\n\t" "vmlal.s16 q4, " X0L ", d2[0]\n\t", \
+              "vshll.s16 q5, " X0H ", #8\n\t", "vrshr.s32 q2, q2, #3\n\t" "vrshr.s32 q3, q3, #3\n\t") \
+    KIVO_ODD_PRODUCTS(X1L, X1H, X2, X3L, X3H) KIVO_ROUND4(X2) KIVO_SUMS(X1, X2, X3, "vadd.i32", "vsub.i32") \
+    KIVO_ROT_COL(X2) KIVO_COL_OUT(X0, X0L, X0H, X1, X1L, X1H, X2, X3)
+// Vertical pass over four columns whose rows 4-7 are zero; inputs Y0-Y3.
+#define KIVO_COL_HALF(Y0, Y1, Y2, Y3, X0, X0L, X0H, X1, X1L, X1H, X2, X3) \
+    "vmull.s16 q2, " Y2 ", d1[0]\n\t" "vmull.s16 q3, " Y2 ", d1[1]\n\t" \
+    "vrshr.s32 q2, q2, #3\n\t" "vrshr.s32 q3, q3, #3\n\t" \
+    "vmov.i32 q4, #0x200000\n\t" "vmlal.s16 q4, " Y0 ", d2[0]\n\t" \
+    "vadd.i32 q5, q4, q2\n\t" "vsub.i32 " X0 ", q4, q2\n\t" \
+    "vadd.i32 q2, q4, q3\n\t" "vsub.i32 q4, q4, q3\n\t" \
+    "vmull.s16 q3, " Y1 ", d0[0]\n\t" "vmull.s16 q6, " Y1 ", d0[1]\n\t" \
+    "vmull.s16 q7, " Y3 ", d0[2]\n\t" "vmull.s16 " X2 ", " Y3 ", d2[1]\n\t" \
+    KIVO_ROUND4(X2) KIVO_SUMS(X1, X2, X3, "vadd.i32", "vsub.i32") \
+    KIVO_ROT_COL(X2) KIVO_COL_OUT(X0, X0L, X0H, X1, X1L, X1H, X2, X3)
+
+// Four rows in X0-X3 transposed into the layout of a pass's inputs.
+#define KIVO_TRN(X0, X1, X2, X3) \
+    "vtrn.16 " X0 ", " X1 "\n\t" "vtrn.16 " X2 ", " X3 "\n\t" "vtrn.32 " X0 ", " X2 "\n\t" "vtrn.32 " X1 ", " X3 "\n\t"
+// Pixel rows: A = [row 0|row 7], B = [row 1|row 6], C = [row 2|row 5],
+// D = [row 3|row 4] of the left half, E-H the same of the right half.
+#define KIVO_STORE(A, B, C, D, E, F, G, H) \
+    "vtrn.32 " A ", " E "\n\t" "vtrn.32 " B ", " F "\n\t" "vtrn.32 " C ", " G "\n\t" "vtrn.32 " D ", " H "\n\t" \
+    "vst1.8 {" A "}, [%[dst]], %[stride]\n\t" "vst1.8 {" B "}, [%[dst]], %[stride]\n\t" \
+    "vst1.8 {" C "}, [%[dst]], %[stride]\n\t" "vst1.8 {" D "}, [%[dst]], %[stride]\n\t" \
+    "vst1.8 {" H "}, [%[dst]], %[stride]\n\t" "vst1.8 {" G "}, [%[dst]], %[stride]\n\t" \
+    "vst1.8 {" F "}, [%[dst]], %[stride]\n\t" "vst1.8 {" E "}, [%[dst]]\n\t"
+
+#define KIVO_CLOBBERS                                                                                          \
+    "memory", "d0", "d1", "d2", "d3", "d4", "d5", "d6", "d7", "d8", "d9", "d10", "d11", "d12", "d13", "d14", \
+        "d15", "d16", "d17", "d18", "d19", "d20", "d21", "d22", "d23", "d24", "d25", "d26", "d27", "d28",    \
+        "d29", "d30", "d31"
+
+// Multipliers of the passes (see the register map above).
+alignas(8) const int16_t kConsts[12] = {w1, w7, w3, w5, w2, w6, static_cast<int16_t>(kC), 0, 256, -w5, 0, 0};
+
+// Rows 0-3 of the intermediate block from coefficient rows 0-3, horizontal
+// pass ROW; leaves them in q9 q8 q10 q11.
+#define KIVO_ROWS03(ROW)                                                              \
+    "vld1.16 {d0 - d2}, [%[k]]\n\t" "vld1.16 {d16 - d19}, [%[coef]]!\n\t"       \
+    "vld1.16 {d20 - d23}, [%[coef]]!\n\t" KIVO_TRN("q8", "q9", "q10", "q11")              \
+    ROW("q8", "d16", "d17", "q9", "d18", "d19", "q10", "d20", "d21", "q11", "d22", "d23") KIVO_TRN("q9", "q8", "q10", "q11")
+
+// All rows; horizontal pass ROW.
+#define KIVO_IDCT8_FULL(ROW)                                                            \
+    KIVO_ROWS03(ROW) "vld1.16 {d24 - d27}, [%[coef]]!\n\t"                          \
+    "vld1.16 {d28 - d31}, [%[coef]]\n\t" KIVO_TRN("q12", "q13", "q14", "q15")                \
+    ROW("q12", "d24", "d25", "q13", "d26", "d27", "q14", "d28", "d29", "q15", "d30", "d31") KIVO_TRN("q13", "q12", "q14", "q15") \
+    "vswp d19, d26\n\t" "vswp d17, d24\n\t" "vswp d21, d28\n\t" "vswp d23, d30\n\t"       \
+    KIVO_COL("q9", "d18", "d19", "q8", "d16", "d17", "q10", "d20", "d21", "q11", "d22", "d23")                          \
+    KIVO_COL("q13", "d26", "d27", "q12", "d24", "d25", "q14", "d28", "d29", "q15", "d30", "d31")                        \
+    KIVO_STORE("d16", "d18", "d19", "d17", "d24", "d26", "d27", "d25")
+
+// Coefficient rows 4-7 zero; horizontal pass ROW.
+#define KIVO_IDCT8_TOP(ROW)                                                                       \
+    KIVO_ROWS03(ROW) "vswp d19, d16\n\t" "vswp d21, d22\n\t"                                \
+    KIVO_COL_HALF("d18", "d19", "d20", "d21", "q12", "d24", "d25", "q13", "d26", "d27", "q14", "q15")                   \
+    KIVO_COL_HALF("d16", "d17", "d22", "d23", "q14", "d28", "d29", "q15", "d30", "d31", "q9", "q10")                    \
+    KIVO_STORE("d26", "d24", "d25", "d27", "d30", "d28", "d29", "d31")
+
+#define KIVO_ASM(TEXT)                                                           \
+    asm volatile(TEXT : [coef] "+r"(coef), [dst] "+r"(dst) : [stride] "r"(stride), \
+                 [k] "r"(kConsts) : KIVO_CLOBBERS)
+
+// One shape of block; out of line, so that the dispatch below ends in a jump.
 template <bool kBottom, bool kRight>
 __attribute__((noinline)) void idct8(const int16_t *coef, int32_t stride, uint8_t *dst) {
-    const Consts k = consts();
-    int16x8_t m[8];
-    rows4<kRight>(coef, m, k);
-    if (!kBottom) rows4<kRight>(coef + 32, m + 4, k);
-    int16x4_t in[8];
-    uint8x8_t lo[4], hi[4];
-    for (int i = 0; i < 8; i++) in[i] = vget_low_s16(m[kBottom ? i & 3 : i]);
-    col_pixels<kBottom>(in, lo, k);
-    for (int i = 0; i < 8; i++) in[i] = vget_high_s16(m[kBottom ? i & 3 : i]);
-    col_pixels<kBottom>(in, hi, k);
-    uint8x8_t rows[8];
-    for (int r = 0; r < 4; r++) {  // [row r | row 7 - r] of both halves -> rows r and 7 - r
-        const uint32x2x2_t t = vtrn_u32(vreinterpret_u32_u8(lo[r]), vreinterpret_u32_u8(hi[r]));
-        rows[r] = vreinterpret_u8_u32(t.val[0]);
-        rows[7 - r] = vreinterpret_u8_u32(t.val[1]);
-    }
-    for (int i = 0; i < 8; i++, dst += stride) vst1_u8(dst, rows[i]);
+    if (kBottom && kRight) KIVO_ASM(KIVO_IDCT8_TOP(KIVO_ROW_HALF));
+    else if (kBottom) KIVO_ASM(KIVO_IDCT8_TOP(KIVO_ROW));
+    else if (kRight) KIVO_ASM(KIVO_IDCT8_FULL(KIVO_ROW_HALF));
+    else KIVO_ASM(KIVO_IDCT8_FULL(KIVO_ROW));
 }
 
 }  // namespace
