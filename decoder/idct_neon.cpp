@@ -324,25 +324,23 @@ void kivod_idct4_neon(const int16_t *coef, int32_t stride, uint8_t *dst) {
 // Horizontal outputs 0 and 4 of rows 0 and 1, then vertical outputs 0 and 4
 // of columns 0 and 4, in the lanes of one vector each.
 void kivod_idct2_neon(const int16_t *coef, int32_t stride, uint8_t *dst) {
-    int32_t row0, row1;
-    std::memcpy(&row0, coef, 4);
-    std::memcpy(&row1, coef + 8, 4);
-    const int16x4_t c = vreinterpret_s16_s32(vset_lane_s32(row1, vdup_n_s32(row0), 1));
+    const int32x2x2_t rows = vtrn_s32(vreinterpret_s32_s16(vld1_s16(coef)), vreinterpret_s32_s16(vld1_s16(coef + 8)));
+    const int16x4_t c = vreinterpret_s16_s32(rows.val[0]);  // c00 c01 c10 c11
     const int16x4x2_t cc = vtrn_s16(c, c);  // [c00 c00 c10 c10], [c01 c01 c11 c11]
-    // out0 = (2048 c0 + W1 c1 + 128) >> 8, out4 = (2048 c0 - W7 c1 + 128) >> 8.
-    const int16_t kh[4] = {w1, static_cast<int16_t>(-w7), w1, static_cast<int16_t>(-w7)};
-    const int32x4_t hx = vmlal_s16(vaddq_s32(vshll_n_s16(cc.val[0], 11), vdupq_n_s32(128)),
-                                   cc.val[1], vld1_s16(kh));
-    const int32x2_t h = vreinterpret_s32_s16(vshrn_n_s32(hx, 8));  // [(M00 M04) (M10 M14)]
+    // out0 = (2048 c0 + W1 c1 + 128) >> 8, out4 = (2048 c0 - W7 c1 + 128) >> 8,
+    // the rounding by vrshrn as in row_pass.
+    static const int16_t kh[4] = {w1, -w7, w1, -w7};
+    const int32x4_t hx = vmlal_s16(vshll_n_s16(cc.val[0], 11), cc.val[1], vld1_s16(kh));
+    const int32x2_t h = vreinterpret_s32_s16(vrshrn_n_s32(hx, 8));  // [(M00 M04) (M10 M14)]
     const int16x4_t y0 = vreinterpret_s16_s32(vdup_lane_s32(h, 0));
     const int16x4_t y1 = vreinterpret_s16_s32(vdup_lane_s32(h, 1));
-    // Row 0: x0 + ((W1 y1 + 4) >> 3); row 4: x0 - ((W7 y1 + 4) >> 3).
-    const int16_t kv[4] = {w1, w1, w7, w7};
-    const int32x4_t x0 = vaddq_s32(vshll_n_s16(y0, 8), vdupq_n_s32(8192));
+    // Row 0: x0 + ((W1 y1 + 4) >> 3); row 4: x0 - ((W7 y1 + 4) >> 3); level
+    // shift, rounding and clamping as in col_pass.
+    static const int16_t kv[4] = {w1, w1, w7, w7};
+    const int32x4_t x0 = vaddq_s32(vshll_n_s16(y0, 8), vdupq_n_s32(128 << 14));
     const int32x4_t odd = vrshrq_n_s32(vmull_s16(y1, vld1_s16(kv)), 3);
-    const int32x4_t out = vcombine_s32(vget_low_s32(vaddq_s32(x0, odd)), vget_high_s32(vsubq_s32(x0, odd)));
-    const int16x4_t o = vshrn_n_s32(out, 14);
-    const uint8x8_t px = vqmovun_s16(vqaddq_s16(vcombine_s16(o, o), vdupq_n_s16(128)));
+    const uint16x4_t o = pixels(vcombine_s32(vget_low_s32(vaddq_s32(x0, odd)), vget_high_s32(vsubq_s32(x0, odd))));
+    const uint8x8_t px = vqmovn_u16(vcombine_u16(o, o));
     const uint16_t r0 = vget_lane_u16(vreinterpret_u16_u8(px), 0);
     const uint16_t r4 = vget_lane_u16(vreinterpret_u16_u8(px), 1);
     std::memcpy(dst, &r0, 2);
