@@ -13,6 +13,7 @@
 #include <cstring>
 #include <random>
 #include <set>
+#include <utility>
 #include <vector>
 
 #include "decoder/kivod_int.h"
@@ -86,6 +87,13 @@ std::vector<std::vector<int16_t>> make_corpus(uint32_t s) {
         for (int i = 0; i < 64; i++) b[i] = v;
         out.emplace_back(b, b + 64);
         for (int i = 0; i < 64; i++) b[i] = static_cast<int16_t>((i ^ (i >> 3)) & 1 ? v : -v - 1);
+        out.emplace_back(b, b + 64);
+    }
+    // Vertical rotation products that wrap to within 128 below 2^31: rounded
+    // before the wrap instead of after, they come out 2^24 off.
+    for (const auto &c : {std::pair<int16_t, int16_t>{-4034, -2347}, {204, -2838}}) {
+        std::memset(b, 0, sizeof(b));
+        b[8] = c.first, b[24] = c.second;
         out.emplace_back(b, b + 64);
     }
     return out;
