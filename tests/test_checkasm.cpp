@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "decoder/kivod_int.h"
+#include "xelo/irsz_dsp.h"
 
 namespace {
 
@@ -227,3 +228,43 @@ TEST(Checkasm, DspTablesMatchPlainKernels) {
 }
 
 }  // namespace
+// The resizer's row kernels at each level against the plain ones: rows of
+// every length up to 70 at three alignments, random or only 0 and 255 (the
+// largest sums), into canary-filled rows.
+TEST(Checkasm, ResizerKernelsMatchPlain) {
+    // (wa, wb, shift) of every vertical mix the resizer makes.
+    const int mixes[][3] = {{1, 3, 4}, {3, 1, 4}, {4, 0, 4}, {1, 3, 2}, {4, 0, 3}, {1, 1, 1}, {1, 1, 3}, {1, 0, 1}, {1, 0, 2}};
+    const xelo::IrszDsp &c = xelo::irsz_dsp(0);
+    std::mt19937 rng(seed());
+    std::vector<uint8_t> s(150), o0(80), o1(80);
+    std::vector<uint16_t> a(80), b(80), h0(150), h1(150);
+    for (const Level &lv : kLevels) {
+        if (!lv.flags || (lv.flags & ~kivo_cpu_detected())) continue;
+        const xelo::IrszDsp &v = xelo::irsz_dsp(lv.flags);
+        for (int n = 1; n <= 70; n++)
+            for (int off = 0; off < 3; off++)
+                for (int extreme = 0; extreme < 2; extreme++) {
+                    SCOPED_TRACE(testing::Message() << lv.name << " n " << n << " off " << off << " extreme " << extreme);
+                    for (uint8_t &x : s) x = uint8_t(extreme ? (rng() & 1) * 255 : rng());
+                    const xelo::IrszRowFn rows[][2] = {{c.up2, v.up2}, {c.down2, v.down2}, {c.widen, v.widen}};
+                    for (const auto &f : rows) {
+                        std::fill(h0.begin(), h0.end(), 0xA5A5);
+                        std::fill(h1.begin(), h1.end(), 0xA5A5);
+                        f[0](s.data() + off, h0.data() + off, n);
+                        f[1](s.data() + off, h1.data() + off, n);
+                        ASSERT_EQ(h0, h1) << "row kernel " << &f - rows;
+                    }
+                    for (const auto &m : mixes) {
+                        const int most = (255 << m[2]) / (m[0] + m[1]);
+                        for (size_t i = 0; i < a.size(); i++)
+                            a[i] = uint16_t(extreme ? (rng() & 1) * most : rng() % (most + 1)),
+                            b[i] = uint16_t(extreme ? (rng() & 1) * most : rng() % (most + 1));
+                        std::fill(o0.begin(), o0.end(), 0x5A);
+                        std::fill(o1.begin(), o1.end(), 0x5A);
+                        c.mix(a.data() + off, b.data(), o0.data() + off, n, m[0], m[1], m[2]);
+                        v.mix(a.data() + off, b.data(), o1.data() + off, n, m[0], m[1], m[2]);
+                        ASSERT_EQ(o0, o1) << "mix " << m[0] << "," << m[1] << " >> " << m[2];
+                    }
+                }
+    }
+}

@@ -10,7 +10,9 @@
 #include <thread>
 #include <vector>
 
+#include "kivo.h"
 #include "xelo.h"
+#include "xelo/xelo_int.h"
 #include "support/pictures.h"
 #include "xelo/xelo_hooks.h"
 
@@ -215,8 +217,7 @@ TEST(XeloBsw, PlainWritesMatchTheBitByBitReference) {
 }
 
 // A floating-point filter of one axis: for each destination index, the
-// (source index, weight) pairs. Equal sizes give single taps of weight 1, so
-// the half-level tolerance below makes identity cases exact.
+// (source index, weight) pairs.
 using Taps = std::vector<std::vector<std::pair<int, double>>>;
 Taps ref_axis(int src, int dst) {
     Taps t(static_cast<size_t>(dst));
@@ -243,8 +244,10 @@ using testpic::Plane;
 // bottom into junk rows. The destination sits inside a canary-filled buffer
 // with a wider stride; the canary is checked at the end. With `final_px`,
 // after each strip every destination row whose source rows have all arrived
-// must already hold its final value.
-Plane resize(const Plane &src, int dw, int dh, int strip, const Plane *final_px = nullptr) {
+// must already hold its final value. With `windows` > 1, that many resizers
+// of windows of the destination lines each write theirs, fed from their
+// first source row on, as the decoder's slices do.
+Plane resize(const Plane &src, int dw, int dh, int strip, const Plane *final_px = nullptr, int windows = 1) {
     const int sstride = src.w + 3, dstride = dw + 5, fed = ceil_div(src.h, strip) * strip;
     std::vector<uint8_t> in(size_t(sstride) * size_t(fed));
     std::mt19937 junk(7);
@@ -253,18 +256,24 @@ Plane resize(const Plane &src, int dw, int dh, int strip, const Plane *final_px 
     std::vector<uint8_t> out(size_t(dstride) * size_t(dh + 4), 0xC3);
     uint8_t *dst = out.data() + 2 * dstride + 2;
     const xelo_irsz_desc desc = {20, 11, src.w, src.h, sstride, strip, dw, dh, dstride, dst};
-    xelo_irsz_t *rsz = xelo_irsz_create(&desc, 0, sstride, src.h);
-    EXPECT_NE(rsz, nullptr);
-    if (!rsz) return Plane{};
     const Taps ty = ref_axis(src.h, dh);
-    for (int row = 0; row < fed; row += strip) {
-        EXPECT_EQ(xelo_irsz(rsz, &in[size_t(row) * sstride], row, strip), 0);
-        for (int j = 0; final_px && j < dh; ++j)
-            EXPECT_TRUE(ty[size_t(j)].back().first >= row + strip ||
-                        !std::memcmp(dst + j * dstride, &final_px->px[size_t(j) * dw], size_t(dw)))
-                << "row " << j << " not final after source row " << row + strip - 1;
+    for (int k = 0; k < windows; ++k) {
+        const int j0 = dh * k / windows, j1 = dh * (k + 1) / windows;
+        int32_t row0 = 0, count;
+        if (windows > 1) xelo::irsz_taps(src.h, dh, j0, &row0, &count);
+        xelo_irsz_t *rsz = windows > 1 ? xelo::irsz_create_window(&desc, sstride, src.h, j0, j1 - j0, row0)
+                                       : xelo_irsz_create(&desc, 0, sstride, src.h);
+        EXPECT_NE(rsz, nullptr);
+        if (!rsz) return Plane{};
+        for (int row = row0; row < fed; row += strip) {
+            EXPECT_EQ(xelo_irsz(rsz, &in[size_t(row) * sstride], row, strip), 0);
+            for (int j = 0; final_px && j < dh; ++j)
+                EXPECT_TRUE(ty[size_t(j)].back().first >= row + strip ||
+                            !std::memcmp(dst + j * dstride, &final_px->px[size_t(j) * dw], size_t(dw)))
+                    << "row " << j << " not final after source row " << row + strip - 1;
+        }
+        xelo_irsz_delete(rsz);
     }
-    xelo_irsz_delete(rsz);
     Plane res{dw, dh, std::vector<uint8_t>(size_t(dw) * size_t(dh))};
     for (size_t i = 0; i < out.size(); ++i) {
         const ptrdiff_t off = ptrdiff_t(i) - (dst - out.data());
@@ -276,28 +285,44 @@ Plane resize(const Plane &src, int dw, int dh, int strip, const Plane *final_px 
 
 // Random planes, and all-255 ones (the largest sums), against the filter;
 // every strip height gives the same bytes, each row final as soon as it can be.
-TEST(XeloIrsz, MatchesFloatingPointFilterAndStripFeeding) {
+// Random planes, and all-255 ones (the largest sums), against the filter
+// exactly rounded (weights in units of 1/src shrinking, 1/(2 dst) enlarging),
+// with plain and SIMD kernels; every strip height and every split into
+// windows gives the same bytes, each row final as soon as it can be. The
+// second line of sizes doubles, halves or keeps each side.
+TEST(XeloIrsz, MatchesTheExactFilterStripsAndWindows) {
     const int sizes[][4] = {{8, 8, 4, 4},     {7, 5, 3, 2},   {5, 7, 13, 11},   {16, 9, 9, 16},    {1, 1, 5, 3},
                             {100, 37, 31, 74}, {64, 64, 1, 1}, {13, 17, 40, 5},  {17, 3, 17, 3},    {1000, 3, 3, 40},
-                            {3, 1000, 200, 3}, {999, 997, 7, 5}, {5, 7, 211, 199}, {128, 66, 64, 33}};
+                            {3, 1000, 200, 3}, {999, 997, 7, 5}, {5, 7, 211, 199}, {128, 66, 64, 33},
+                            {7, 5, 14, 10},   {1, 1, 2, 2},   {40, 3, 80, 3},   {9, 4, 9, 8},      {38, 7, 19, 14},
+                            {70, 10, 35, 5},  {3, 12, 6, 6},  {17, 6, 17, 3},   {66, 1, 33, 2},    {2, 34, 1, 17},
+                            {128, 96, 256, 192}};
+    const auto den = [](int src, int dst) -> int64_t { return dst < src ? src : dst > src ? 2 * dst : 1; };
     for (const auto &s : sizes)
-        for (bool full : {false, true}) {
-            SCOPED_TRACE(testing::Message() << s[0] << "x" << s[1] << " -> " << s[2] << "x" << s[3] << (full ? " 255" : ""));
-            std::mt19937 rng(uint32_t(s[0] * 131 + s[1]));
-            Plane src{s[0], s[1], std::vector<uint8_t>(size_t(s[0]) * size_t(s[1]), 255)};
-            for (uint8_t &v : src.px) v = full ? v : uint8_t(rng());
-            const Plane once = resize(src, s[2], s[3], s[1]);
-            const Taps tx = ref_axis(s[0], s[2]), ty = ref_axis(s[1], s[3]);
-            for (int y = 0; y < s[3]; ++y)
-                for (int x = 0; x < s[2]; ++x) {
-                    double v = 0;
-                    for (const auto &wy : ty[size_t(y)])
-                        for (const auto &wx : tx[size_t(x)]) v += wy.second * wx.second * src.at(wx.first, wy.first);
-                    ASSERT_LE(std::fabs(once.at(x, y) - v), 0.5 + 1e-6) << x << "," << y;
-                }
-            for (int strip : {1, 3, 16, s[1] + 5})
-                EXPECT_EQ(resize(src, s[2], s[3], strip, &once).px, once.px) << "strip " << strip;
-        }
+        for (uint32_t cpu : {0u, ~0u})
+            for (bool full : {false, true}) {
+                SCOPED_TRACE(testing::Message() << s[0] << "x" << s[1] << " -> " << s[2] << "x" << s[3] << " cpu " << cpu
+                                                << (full ? " 255" : ""));
+                kivo_cpu_set_mask(cpu);
+                std::mt19937 rng(uint32_t(s[0] * 131 + s[1]));
+                Plane src{s[0], s[1], std::vector<uint8_t>(size_t(s[0]) * size_t(s[1]), 255)};
+                for (uint8_t &v : src.px) v = full ? v : uint8_t(rng());
+                const Plane once = resize(src, s[2], s[3], s[1]);
+                const Taps tx = ref_axis(s[0], s[2]), ty = ref_axis(s[1], s[3]);
+                const int64_t dx = den(s[0], s[2]), dy = den(s[1], s[3]), d = dx * dy;
+                for (int y = 0; y < s[3]; ++y)
+                    for (int x = 0; x < s[2]; ++x) {
+                        int64_t v = 0;
+                        for (const auto &wy : ty[size_t(y)])
+                            for (const auto &wx : tx[size_t(x)])
+                                v += std::llround(wy.second * dy) * std::llround(wx.second * dx) * src.at(wx.first, wy.first);
+                        ASSERT_EQ(once.at(x, y), (v + d / 2) / d) << x << "," << y;
+                    }
+                for (int strip : {1, 3, 16, s[1] + 5})
+                    EXPECT_EQ(resize(src, s[2], s[3], strip, &once).px, once.px) << "strip " << strip;
+                for (int windows : {2, 5}) EXPECT_EQ(resize(src, s[2], s[3], 3, nullptr, windows).px, once.px) << windows;
+            }
+    kivo_cpu_set_mask(~0u);
 }
 
 TEST(XeloIrsz, RejectsBadArgumentsAndOutOfOrderRows) {

@@ -18,8 +18,22 @@
 // resizer adds each filtered row into the (at most two) destination rows it
 // covers; an enlarging or equal one keeps the last two filtered rows. A
 // destination row is written as soon as its last source row has arrived.
+//
+// Small ratios. When each axis doubles, halves or keeps its size (not both
+// kept: that is a copy), every weight of an axis is a multiple of
+// g = den / d with d its small denominator: doubling has den = 2*dst = 4*src
+// and weights src, 3*src, 4*src (d = 4); halving has den = src = 2*dst and
+// weights dst (d = 2); equal sides have d = den = 1. With S the sum over the
+// small weights w / g, the generic value is (gx*gy*S + D/2) / D with
+// D = gx*gy*dx*dy; dx*dy is a power of two of at least 2, so D/2 is
+// gx*gy*dx*dy/2 exactly and the quotient is (S + dx*dy/2) / (dx*dy): the same
+// byte from sums below 2^12, which 16-bit SIMD lanes hold. Those resizers
+// filter rows with the kernels of irsz_dsp.h and mix the last two filtered
+// rows vertically (halving reads rows 2j and 2j+1, like an enlarging axis).
 #include <cstring>
 
+#include "kivo.h"
+#include "xelo/irsz_dsp.h"
 #include "xelo/xelo_int.h"
 
 namespace xelo {
@@ -37,6 +51,7 @@ struct Axis {
     uint32_t *weight;
     uint32_t den;
     bool shrink;
+    uint32_t small;  // small denominator d of a doubling, halving or equal axis, else 0
 };
 
 struct Resizer {
@@ -47,6 +62,8 @@ struct Resizer {
     uint32_t *hrow[2];  // filtered rows: the ring (enlarge) or scratch (shrink)
     uint64_t *acc[2];   // shrink only: running sums of two destination rows
     uint64_t den;       // ax.den * ay.den
+    const IrszDsp *dsp; // small ratios only: their kernels, else null
+    int32_t shift;      // small ratios: log2(ax.small * ay.small)
     int32_t next_row;   // next source row expected
     int32_t next_out;   // next destination row to write
     int32_t out_end;    // one past the last destination row this resizer writes
@@ -133,6 +150,7 @@ size_t axis_taps(int32_t src, int32_t dst) {
 bool build_axis(Axis &a, int32_t src, int32_t dst) {
     a.shrink = dst < src;
     a.den = dst < src ? uint32_t(src) : dst > src ? uint32_t(2 * dst) : 1u;
+    a.small = dst == 2 * src ? 4 : src == 2 * dst ? 2 : src == dst ? 1 : 0;
     a.first = alloc_array<int32_t>(size_t(dst));
     a.count = alloc_array<int32_t>(size_t(dst));
     a.offset = alloc_array<int32_t>(size_t(dst));
@@ -187,8 +205,17 @@ void push_row_shrink(Resizer &r, int32_t i) {
     }
 }
 
+// Source row i into hrow[i & 1] as 16-bit sums in units of 1/ax.small.
+void filter_row_small(const Resizer &r, const uint8_t *src, int32_t i) {
+    uint16_t *out = reinterpret_cast<uint16_t *>(r.hrow[i & 1]);
+    if (r.ax.small == 4) r.dsp->up2(src, out, r.src_w);
+    else if (r.ax.small == 2) r.dsp->down2(src, out, r.dst_w);
+    else r.dsp->widen(src, out, r.dst_w);
+}
+
 // Source row i, filtered into hrow[i & 1], for the enlarging or equal
-// vertical axis: writes every destination row whose last tap is i.
+// vertical axis (or a halving one on small ratios): writes every destination
+// row whose last tap is i.
 void push_row_interp(Resizer &r, int32_t i) {
     const Axis &a = r.ay;
     uint64_t *acc = r.acc[0];
@@ -196,6 +223,15 @@ void push_row_interp(Resizer &r, int32_t i) {
         const int32_t j = r.next_out;
         if (a.first[j] + a.count[j] - 1 != i) break;
         const uint32_t *w = a.weight + a.offset[j];
+        if (r.dsp) {
+            const uint32_t g = a.den / a.small;
+            const uint16_t *h0 = reinterpret_cast<const uint16_t *>(r.hrow[a.first[j] & 1]);
+            const uint16_t *h1 = reinterpret_cast<const uint16_t *>(r.hrow[(a.first[j] + 1) & 1]);
+            const int w1 = a.count[j] == 2 ? int(w[1] / g) : 0;
+            r.dsp->mix(h0, w1 ? h1 : h0, dst_line(r, j), r.dst_w, int(w[0] / g), w1, r.shift);
+            ++r.next_out;
+            continue;
+        }
         const uint32_t *h0 = r.hrow[a.first[j] & 1];
         if (a.count[j] == 1) {
             for (int32_t x = 0; x < r.dst_w; ++x) acc[x] = uint64_t(w[0]) * h0[x];
@@ -251,17 +287,22 @@ xelo_irsz_t *irsz_create_window(const xelo_irsz_desc *desc, int32_t src_stride, 
     r->next_out = out_first;
     r->out_end = out_first + out_n;
     bool ok = build_axis(r->ax, sw, dw) && build_axis(r->ay, src_h, dh);
+    const bool small = ok && r->ax.small && r->ay.small && r->ax.small * r->ay.small > 1;
     for (int i = 0; ok && i < 2; ++i) {
         r->hrow[i] = alloc_array<uint32_t>(size_t(dw));
-        r->acc[i] = alloc_array<uint64_t>(size_t(dw));
-        ok = r->hrow[i] && r->acc[i];
-        if (ok) std::memset(r->acc[i], 0, size_t(dw) * sizeof(uint64_t));
+        r->acc[i] = small ? nullptr : alloc_array<uint64_t>(size_t(dw));
+        ok = r->hrow[i] && (small || r->acc[i]);
+        if (ok && !small) std::memset(r->acc[i], 0, size_t(dw) * sizeof(uint64_t));
     }
     if (!ok) {
         destroy(r);
         return nullptr;
     }
     r->den = uint64_t(r->ax.den) * r->ay.den;
+    if (small) {
+        r->dsp = &irsz_dsp(kivo_cpu_flags());
+        for (uint32_t d = r->ax.small * r->ay.small; d > 1; d >>= 1) ++r->shift;
+    }
     return reinterpret_cast<xelo_irsz_t *>(r);
 }
 
@@ -295,6 +336,9 @@ XELO_API int32_t xelo_irsz(xelo_irsz_t *rsz, const uint8_t *strip, int32_t first
                 std::memcpy(r.dst + int64_t(i) * r.dst_stride, src, size_t(r.dst_w));
                 r.next_out = i + 1;
             }
+        } else if (r.dsp) {
+            filter_row_small(r, src, i);
+            push_row_interp(r, i);
         } else if (r.ay.shrink) {
             filter_row(r, src, r.hrow[0]);
             push_row_shrink(r, i);
