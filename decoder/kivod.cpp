@@ -151,7 +151,7 @@ KIVO_API int32_t kivod_set_reduction(kivod_ctx *ctx, int32_t denom) {
 KIVO_API int32_t kivod_set_stats(kivod_ctx *ctx, int32_t on) {
     kivod_ctx *c = checked(ctx);
     if (!c || (on != 0 && on != 1)) return KIVO_ERR_INVALID_ARG;
-    c->magnitudes = on;
+    c->stats_wanted = on;
     return KIVO_OK;
 }
 

@@ -339,7 +339,7 @@ struct kivod_ctx {
     int64_t dc_level_total;  // DC levels of component 0 summed over the picture's scans
     int32_t comp_rows[4];    // block rows of each component every scan reached (-1: no scan yet)
     int32_t reduction;       // the caller's reduction (1, 2, 4, 8), or 0 for the choice by ratio
-    int32_t magnitudes;      // sequential scans add coefficient magnitudes to stat_luma/stat_chroma
+    int32_t stats_wanted;    // sequential scans gather the statistics (kivod_set_stats)
     kivod_limits limits;     // the caller's limits (0: none)
     int64_t app_bytes;       // bytes of the kept APPn segments and their nodes
     uint64_t frame_bytes;    // bytes of the frame buffers kivod_decode allocated

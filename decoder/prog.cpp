@@ -325,7 +325,7 @@ int32_t kivod_dec_pic_prog(kivod_ctx *ctx, kivod_work *w) {
             for (int32_t col = 0; col < ctx->blk_w[c]; ++col) {
                 int16_t *coef = ctx->coef_buf[c] + (static_cast<size_t>(r) * ctx->prog_blk_w[c] + col) * 64;
                 for (int i = 0; i < 64; ++i) coef[i] = low16(static_cast<uint32_t>(coef[i]) * q.q[i]);
-                if (c == 0) w->dc_level_sum += (coef[0] + 1024) >> 3;
+                if (c == 0 && ctx->stats_wanted) w->dc_level_sum += (coef[0] + 1024) >> 3;
                 kivo::copy_block(blk, coef);
                 if (mode == KIVOD_OUT_DIRECT) kivod_out_block(img, c, col, r, idct, blk);
                 else idct(blk, line_w, strip + static_cast<ptrdiff_t>(fill) * line_w + col * n);

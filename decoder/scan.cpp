@@ -432,13 +432,14 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     // Packed pairs need every component of the MCU at hand.
     if (j.mode == KIVOD_OUT_PACKED && ctx->fh.n_comp > 1 && j.ns != ctx->fh.n_comp) return KIVO_ERR_UNSUPPORTED;
     const int scale = ctx->scale;
-    j.vld_blk = kivod_vld_blk_for(scale, ctx->magnitudes != 0);
+    j.vld_blk = kivod_vld_blk_for(scale, ctx->stats_wanted != 0);
     j.idct = ctx->dsp.idct[scale];
     j.idct_dc = ctx->dsp.idct_dc[scale];
     j.nblk = 1 << tbl_blk_shift[scale];
     j.interval = restart_interval(ctx);
     j.scan_mcus = kivod_scan_mcus(ctx, nullptr);
-    j.stats = true;
+    // Statistics only for a handle that asks for them (the transcoder's).
+    j.stats = ctx->stats_wanted != 0;
     j.mag_blocks = 0;
     std::memset(j.mag, 0, sizeof(j.mag));
     std::memset(w->stat_luma, 0, sizeof(w->stat_luma));
@@ -447,11 +448,11 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     w->dc_level_sum = 0;
     std::memset(w->dc_count, 0, sizeof(w->dc_count));
     std::memset(w->ac_count, 0, sizeof(w->ac_count));
-    setup_comps(ctx, j.sc, w->dc_count, w->ac_count);
+    setup_comps(ctx, j.sc, j.stats ? w->dc_count : nullptr, j.stats ? w->ac_count : nullptr);
     list_blocks(j);
     for (int k = 0; k < j.ns; ++k) {
         j.sc[k].row = w->start_row[k];
-        j.sc[k].t.mag = ctx->magnitudes ? j.mag[j.sc[k].c == 0 ? 0 : 1] : nullptr;
+        j.sc[k].t.mag = j.stats ? j.mag[j.sc[k].c == 0 ? 0 : 1] : nullptr;
         kivod_make_qz(j.sc[k].t.q, j.qz[k]);
         j.sc[k].t.qz = j.qz[k];
     }

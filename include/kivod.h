@@ -81,10 +81,9 @@ KIVO_API int32_t kivod_pull(kivod_ctx *ctx, void *frame);
 /* Always -103. */
 KIVO_API int32_t kivod_info(void);
 
-/* Statistics of the last decoded picture (sequential frames). The sums of
- * coefficient magnitudes (stat_luma and stat_chroma entries 1 to 63) are
- * gathered only by a handle asked to with kivod_set_stats: they cost time on
- * every coefficient; without them those entries are 0. */
+/* Statistics of the last decoded picture (sequential frames), gathered only
+ * by a handle asked to with kivod_set_stats, as they cost time on every
+ * block and coefficient; without it every field is 0. */
 typedef struct kivod_stats {
     int64_t mean_level;         /* mean luma DC level, 0..255 */
     int64_t stat_luma[64];      /* raster order; [0]: sum of (DC + 1024) >> 3 */
@@ -95,7 +94,7 @@ typedef struct kivod_stats {
     uint64_t ac_count[4][256];  /* per AC table, per symbol (full-size decoding only) */
 } kivod_stats;
 KIVO_API int32_t kivod_get_stats(kivod_ctx *ctx, kivod_stats *stats);
-/* Whether the next pictures gather the magnitude sums of kivod_stats (on: 1,
+/* Whether the next pictures gather the statistics of kivod_stats (on: 1,
  * off: 0, the default). Returns 0, or -105 for another value. */
 KIVO_API int32_t kivod_set_stats(kivod_ctx *ctx, int32_t on);
 

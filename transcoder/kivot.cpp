@@ -105,8 +105,8 @@ KIVO_API kivot_ctx *kivot_create(const kivoe_create_param *param, int32_t *statu
     if (ret == KIVO_OK) {
         kivod_create_param dp{param->platform, param->tpool};
         t->dec = kivod_create(&dp, &ret);
-        // The new tables are chosen from the source's coefficient magnitudes.
-        if (t->dec) t->dec->magnitudes = 1;
+        // The new tables are chosen from the source's statistics.
+        if (t->dec) t->dec->stats_wanted = 1;
     }
     if (ret != KIVO_OK) {
         destroy(t);
