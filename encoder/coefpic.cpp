@@ -2,8 +2,8 @@
 // tables optimised for the levels, or progressive (spectral selection and
 // successive approximation, T.81 Annex G) with tables optimised per scan.
 //
-// Every scan is coded twice by the same routine: once counting its symbols,
-// once writing them with the tables built from the counts.
+// Every scan is coded twice: once counting its symbols, once writing them
+// with the tables built from the counts.
 #include <cstdlib>
 #include <cstring>
 
@@ -159,6 +159,17 @@ inline int32_t asr(int32_t v, int32_t n) { return v >= 0 ? v >> n : ~(~v >> n); 
 
 inline int32_t bit_length(uint32_t v) { return v ? 32 - __builtin_clz(v) : 0; }
 
+inline int32_t ctz64(uint64_t m) { return __builtin_ctzll(m); }
+
+inline int32_t popcount64(uint64_t m) {
+    return __builtin_popcount(static_cast<uint32_t>(m)) + __builtin_popcount(static_cast<uint32_t>(m >> 32));
+}
+
+// Zig-zag positions ss..se of an AC band.
+inline uint64_t band_bits(int32_t ss, int32_t se) {
+    return (se == 63 ? ~uint64_t(0) : (uint64_t(1) << (se + 1)) - 1) & ~((uint64_t(1) << ss) - 1);
+}
+
 // Most correction bits an end-of-band run holds back before it is written.
 constexpr int32_t kCorrectionBits = 1000;
 
@@ -168,147 +179,230 @@ struct BitOut {
     uint64_t acc;
     int32_t n;  // 0 to 31
 
-    void put(uint32_t v, int32_t len) {  // len: 1 to 16
-        acc = acc << len | (v & ((1u << len) - 1));
+    void put(uint32_t v, int32_t len) {  // len: 0 to 32, v: no bits above len
+        acc = acc << len | v;
         n += len;
         if (n >= 32) {
             n -= 32;
             xelo_bsw_write(bs, static_cast<uint32_t>(acc >> n), 32);
         }
     }
+    void put64(uint64_t v, int32_t len) {  // len: 0 to 64
+        if (len > 32) {
+            put(static_cast<uint32_t>(v >> 32), len - 32);
+            len = 32;
+        }
+        put(static_cast<uint32_t>(v), len);
+    }
     void drain() {
-        if (n) xelo_bsw_write(bs, static_cast<uint32_t>(acc), n);
+        if (n) xelo_bsw_write(bs, static_cast<uint32_t>(acc) & ((1u << n) - 1), n);
         n = 0;
     }
 };
 
-// One table of a scan: counts symbols while counting, writes codes after.
-struct Coder {
-    BitOut *out;
-    bool counting;
-    uint64_t *counter;        // per symbol
-    const kivoe_code *code;   // per symbol
-    int32_t eob_run = 0;      // blocks whose band ends with no more symbols
-    int32_t held = 0;         // correction bits of those blocks
-    uint8_t bits_held[kCorrectionBits];
+// End-of-band runs while counting: blocks whose band ends with no more
+// symbols, and how many correction bits they hold, which decides where a
+// run is cut.
+struct EobCount {
+    uint64_t *counter;
+    int32_t run = 0, held = 0;
 
-    void sym(int32_t s) {
-        if (counting) ++counter[s];
-        else if (code[s].len) out->put(code[s].code, code[s].len);
+    void flush() {
+        if (!run) return;
+        ++counter[(bit_length(static_cast<uint32_t>(run)) - 1) << 4];
+        run = held = 0;
     }
-    void bits(uint32_t v, int32_t n) {
-        if (!counting && n) out->put(v, n);
-    }
-    void correction_bits(const uint8_t *b, int32_t n) {
-        for (int32_t i = 0; i < n; ++i) bits(b[i], 1);
-    }
-    // Writes the pending end-of-band run: EOBn, then the run's n low bits
-    // (its top bit is implied), then the correction bits it held back.
-    void flush_eob_run() {
-        if (!eob_run) return;
-        const int32_t n = bit_length(static_cast<uint32_t>(eob_run)) - 1;
-        sym(n << 4);
-        bits(static_cast<uint32_t>(eob_run), n);
-        correction_bits(bits_held, held);
-        eob_run = 0;
-        held = 0;
-    }
-    // One more block ends its band in the run, with its correction bits.
-    void end_band(const uint8_t *b, int32_t n) {
-        ++eob_run;
-        for (int32_t i = 0; i < n; ++i) bits_held[held++] = b[i];
-        if (eob_run == 0x7FFF || held > kCorrectionBits - 64) flush_eob_run();
+    void end_band(int32_t bits) {
+        ++run;
+        held += bits;
+        if (run == 0x7FFF || held > kCorrectionBits - 64) flush();
     }
 };
 
-void code_dc_first(Coder &t, int32_t *pred, int32_t al, const int16_t *b) {
-    const int32_t v = asr(b[0], al);
-    const int32_t d = v - *pred;
-    *pred = v;
-    const int32_t k = kivo::category(d);
-    t.sym(k);
-    t.bits(static_cast<uint32_t>(d < 0 ? d - 1 : d), k);
-}
+// End-of-band runs while writing, with the correction bits they hold
+// (first bit in the top of held_bits[0]).
+struct EobWrite {
+    BitOut *out;
+    const kivoe_code *code;
+    int32_t run = 0, held = 0;
+    uint64_t held_bits[kCorrectionBits / 64 + 1];
 
-// Zig-zag positions ss..se of an AC band.
-inline uint64_t band_bits(int32_t ss, int32_t se) {
-    return (se == 63 ? ~uint64_t(0) : (uint64_t(1) << (se + 1)) - 1) & ~((uint64_t(1) << ss) - 1);
-}
+    EobWrite(BitOut *o, const kivoe_code *c) : out(o), code(c) {}
 
-inline int32_t ctz64(uint64_t m) { return __builtin_ctzll(m); }
-
-// The AC coders visit only the band's non-zero coefficients (nz: the
-// block's zig-zag mask); one that is zero at bit al counts as a zero.
-void code_ac_first(Coder &t, int32_t ss, int32_t se, int32_t al, const int16_t *b, uint64_t nz) {
-    int32_t next = ss;  // the position after the last one coded
-    for (uint64_t m = nz & band_bits(ss, se); m; m &= m - 1) {
-        const int32_t k = ctz64(m);
-        const int32_t v = b[kivo_tbl_zig_to_ras[k]];
-        const int32_t a = (v < 0 ? -v : v) >> al;
-        if (!a) continue;
-        t.flush_eob_run();
-        int32_t run = k - next;
-        for (; run > 15; run -= 16) t.sym(0xF0);
-        const int32_t n = bit_length(static_cast<uint32_t>(a));
-        t.sym(run << 4 | n);
-        t.bits(static_cast<uint32_t>(v < 0 ? ~a : a), n);
-        next = k + 1;
+    // Writes the run: EOBn, then the run's n low bits (its top bit is
+    // implied), then the correction bits it held back.
+    void flush() {
+        if (!run) return;
+        const int32_t n = bit_length(static_cast<uint32_t>(run)) - 1;
+        const kivoe_code c = code[n << 4];
+        out->put(static_cast<uint32_t>(c.code) << n | (static_cast<uint32_t>(run) & ((1u << n) - 1)), c.len + n);
+        int32_t i = 0;
+        for (; (i + 1) * 64 <= held; ++i) out->put64(held_bits[i], 64);
+        if (held & 63) out->put64(held_bits[i] >> (64 - (held & 63)), held & 63);
+        run = held = 0;
     }
-    if (next <= se) t.end_band(nullptr, 0);
-}
+    // One more block ends its band in the run, with its n correction bits
+    // (the low bits of v, first bit highest).
+    void end_band(uint64_t v, int32_t n) {
+        ++run;
+        if (n) {
+            const int32_t used = held & 63, room = 64 - used;
+            uint64_t *w = &held_bits[held >> 6];
+            if (!used) *w = 0;
+            if (n <= room) {
+                *w |= v << (room - n);
+            } else {
+                *w |= v >> (n - room);
+                w[1] = v << (64 - (n - room));
+            }
+            held += n;
+        }
+        if (run == 0x7FFF || held > kCorrectionBits - 64) flush();
+    }
+};
 
-// Refinement of the band by bit al: coefficients that become non-zero are
-// coded as run/size-1 symbols with their sign; those already non-zero send
-// their bit al as a correction bit after the next symbol (or with the end
-// of band run that covers them).
-void code_ac_refine(Coder &t, int32_t ss, int32_t se, int32_t al, const int16_t *b, uint64_t nz) {
-    // One look at the levels: the band's coefficients that become non-zero
-    // at bit al, with their signs, and those already non-zero, with their
-    // bit al.
-    uint64_t fresh = 0, negative = 0, old = 0, correction = 0;
-    for (uint64_t m = nz & band_bits(ss, se); m; m &= m - 1) {
-        const int32_t k = ctz64(m);
-        const int32_t v = b[kivo_tbl_zig_to_ras[k]];
-        const int32_t a = (v < 0 ? -v : v) >> al;
-        const uint64_t bit = uint64_t(1) << k;
-        if (a == 1) {
-            fresh |= bit;
-            if (v < 0) negative |= bit;
-        } else if (a > 1) {
-            old |= bit;
-            if (a & 1) correction |= bit;
+// One AC band scan of one component over its blocks in order; planes:
+// theirs. The first scan of a band codes each level's bits from al up; the
+// refinement codes bit al: the levels that become non-zero as run/size-1
+// symbols with their sign, and those already non-zero as correction bits
+// after the next symbol (or with the end-of-band run that covers them).
+struct AcScan {
+    const int16_t *coef;  // the component's levels
+    int32_t bw, bh, blk_w;
+    const kivoe_planes *planes;
+    int32_t ss, se, al;
+
+    template <class F>
+    void blocks(F &&f) const {
+        const kivoe_planes *p = planes;
+        for (int32_t by = 0; by < bh; ++by) {
+            const int16_t *b = coef + static_cast<size_t>(by) * blk_w * 64;
+            for (int32_t bx = 0; bx < bw; ++bx, b += 64) f(b, *p++);
         }
     }
-    const int32_t last_new = fresh ? 63 - __builtin_clzll(fresh) : -1;
-    uint8_t pending[64];
-    int32_t n_pending = 0, run = 0, prev = ss - 1;
-    for (uint64_t m = fresh | old; m; m &= m - 1) {
-        const int32_t k = ctz64(m);
-        run += k - prev - 1;  // the zeros since the last non-zero one
-        prev = k;
-        // Sixteen zeros before a new coefficient need a ZRL; after the last
-        // one the end of band covers them.
-        while (run > 15 && k <= last_new) {
-            t.flush_eob_run();
-            t.sym(0xF0);
-            run -= 16;
-            t.correction_bits(pending, n_pending);
-            n_pending = 0;
-        }
-        if (old >> k & 1) {
-            pending[n_pending++] = static_cast<uint8_t>(correction >> k & 1);
-            continue;
-        }
-        t.flush_eob_run();
-        t.sym(run << 4 | 1);
-        t.bits(negative >> k & 1 ? 0 : 1, 1);
-        t.correction_bits(pending, n_pending);
-        n_pending = 0;
-        run = 0;
+
+    // Symbol counts alone: the refinement needs no levels, only where the
+    // zeros and the new levels lie.
+    void count_first(uint64_t *counter) const {
+        EobCount eob{counter};
+        const uint64_t band = band_bits(ss, se);
+        blocks([&](const int16_t *b, const kivoe_planes &p) {
+            const uint64_t m = p.nz[al] & band;
+            if (!m) return eob.end_band(0);
+            eob.flush();
+            int32_t next = ss;  // the position after the last one coded
+            for (uint64_t r = m; r; r &= r - 1) {
+                const int32_t k = ctz64(r);
+                const int32_t v = b[kivo_tbl_zig_to_ras[k]];
+                const int32_t run = k - next;
+                counter[0xF0] += static_cast<uint32_t>(run >> 4);
+                ++counter[(run & 15) << 4 | bit_length(static_cast<uint32_t>(v < 0 ? -v : v) >> al)];
+                next = k + 1;
+            }
+            if (next <= se) eob.end_band(0);
+        });
+        eob.flush();
     }
-    run += se - prev;
-    if (run || n_pending) t.end_band(pending, n_pending);
-}
+
+    void count_refine(uint64_t *counter) const {
+        EobCount eob{counter};
+        const uint64_t band = band_bits(ss, se);
+        blocks([&](const int16_t *, const kivoe_planes &p) {
+            const uint64_t nz = p.nz[al] & band, old = p.nz[al + 1] & band, fresh = nz & ~old;
+            if (!fresh) return eob.end_band(popcount64(old));
+            eob.flush();
+            // The zeros before each new level since the one before it.
+            const uint64_t zeros = band & ~nz;
+            uint64_t done = (uint64_t(1) << ss) - 1;
+            int32_t last = 0;
+            for (uint64_t r = fresh; r; r &= r - 1) {
+                last = ctz64(r);
+                const uint64_t upto = (uint64_t(2) << last) - 1;
+                const int32_t z = popcount64(zeros & upto & ~done);
+                counter[0xF0] += static_cast<uint32_t>(z >> 4);
+                ++counter[(z & 15) << 4 | 1];
+                done = upto;
+            }
+            if (last < se) eob.end_band(popcount64(old & ~done));
+        });
+        eob.flush();
+    }
+
+    void write_first(BitOut &out, const kivoe_code *code) const {
+        EobWrite eob{&out, code};
+        const uint64_t band = band_bits(ss, se);
+        const kivoe_code zrl = code[0xF0];
+        blocks([&](const int16_t *b, const kivoe_planes &p) {
+            const uint64_t m = p.nz[al] & band;
+            if (!m) return eob.end_band(0, 0);
+            eob.flush();
+            int32_t next = ss;
+            for (uint64_t r = m; r; r &= r - 1) {
+                const int32_t k = ctz64(r);
+                const int32_t v = b[kivo_tbl_zig_to_ras[k]];
+                int32_t run = k - next;
+                for (; run > 15; run -= 16) out.put(zrl.code, zrl.len);
+                const int32_t a = (v < 0 ? -v : v) >> al;
+                const int32_t n = bit_length(static_cast<uint32_t>(a));
+                const kivoe_code c = code[run << 4 | n];
+                const uint32_t extra = static_cast<uint32_t>(v < 0 ? ~a : a) & ((1u << n) - 1);
+                out.put(static_cast<uint32_t>(c.code) << n | extra, c.len + n);
+                next = k + 1;
+            }
+            if (next <= se) eob.end_band(0, 0);
+        });
+        eob.flush();
+    }
+
+    void write_refine(BitOut &out, const kivoe_code *code) const {
+        EobWrite eob{&out, code};
+        const uint64_t band = band_bits(ss, se);
+        const kivoe_code zrl = code[0xF0];
+        blocks([&](const int16_t *, const kivoe_planes &p) {
+            const uint64_t nz = p.nz[al] & band, old = p.nz[al + 1] & band, fresh = nz & ~old;
+            const uint64_t correction = p.odd[al] & old;
+            // Correction bits of the levels already non-zero since the last
+            // symbol, first bit highest.
+            uint64_t pending = 0;
+            int32_t n_pending = 0;
+            if (!fresh) {
+                for (uint64_t r = old; r; r &= r - 1) pending = pending << 1 | (correction >> ctz64(r) & 1);
+                return eob.end_band(pending, popcount64(old));
+            }
+            eob.flush();
+            const int32_t last_new = 63 - __builtin_clzll(fresh);
+            int32_t run = 0, prev = ss - 1;
+            for (uint64_t r = nz; r; r &= r - 1) {
+                const int32_t k = ctz64(r);
+                run += k - prev - 1;  // the zeros since the last non-zero one
+                prev = k;
+                // Sixteen zeros before a new level need a ZRL; after the
+                // last one the end of band covers them.
+                while (run > 15 && k <= last_new) {
+                    out.put(zrl.code, zrl.len);
+                    out.put64(pending, n_pending);
+                    pending = 0;
+                    n_pending = 0;
+                    run -= 16;
+                }
+                if (old >> k & 1) {
+                    pending = pending << 1 | (correction >> k & 1);
+                    ++n_pending;
+                    continue;
+                }
+                const kivoe_code c = code[run << 4 | 1];
+                out.put(static_cast<uint32_t>(c.code) << 1 | static_cast<uint32_t>(~p.neg >> k & 1), c.len + 1);
+                out.put64(pending, n_pending);
+                pending = 0;
+                n_pending = 0;
+                run = 0;
+            }
+            run += se - prev;
+            if (run || n_pending) eob.end_band(pending, n_pending);
+        });
+        eob.flush();
+    }
+};
 
 // ---- stream -----------------------------------------------------------------------------
 
@@ -358,21 +452,19 @@ struct Work {
     kivoe_dc_tbl dc[2];
     kivoe_ac_tbl ac[2];
     kivoe_huff_spec spec[4];
-    Coder coder[2];
-    BitOut out;
-    // Progressive: the zig-zag masks of every block's non-zero AC levels,
-    // per component in the order of its levels, made once for all scans.
-    uint64_t *nz[4];
+    // Progressive: the bit planes of every block's AC levels, per component
+    // in the order of its AC scans, made once for all scans.
+    kivoe_planes *planes[4];
 };
 
-// Frees w and its masks.
+// Frees w and its planes.
 void free_work(Work *w) {
-    for (uint64_t *m : w->nz) std::free(m);
+    for (kivoe_planes *p : w->planes) std::free(p);
     std::free(w);
 }
 
-// Codes one scan (counting when the coders count). A sequential scan goes
-// through the baseline coder.
+// Codes one scan (counting when asked). A sequential scan goes through the
+// baseline coder.
 void code_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work &w, bool counting, xelo_bsw *bs) {
     int32_t pred[4] = {0, 0, 0, 0};
     if (s.ss == 0 && s.se == 63) {
@@ -391,24 +483,35 @@ void code_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work
         });
         return;
     }
-    w.out = BitOut{bs, 0, 0};
-    for (int32_t i = 0; i < 2; ++i) {
-        Coder &t = w.coder[i];
-        t.out = &w.out;
-        t.counting = counting;
-        t.eob_run = t.held = 0;
-        t.counter = s.ss ? w.ac[i].counter : w.dc[i].counter;
-        t.code = s.ss ? w.ac[i].by_symbol : w.dc[i].code;
+    BitOut out{bs, 0, 0};
+    if (s.ss == 0) {
+        for_each_block(pic, g, s, [&](int32_t c, const int16_t *b) {
+            if (s.ah) {
+                out.put(static_cast<uint32_t>(asr(b[0], s.al) & 1), 1);
+                return true;
+            }
+            const int32_t v = asr(b[0], s.al);
+            const int32_t d = v - pred[c];
+            pred[c] = v;
+            const int32_t k = kivo::category(d);
+            kivoe_dc_tbl &t = w.dc[table_of(s, c)];
+            if (counting) {
+                ++t.counter[k];
+            } else {
+                const uint32_t extra = static_cast<uint32_t>(d < 0 ? d - 1 : d) & ((1u << k) - 1);
+                out.put(static_cast<uint32_t>(t.code[k].code) << k | extra, t.code[k].len + k);
+            }
+            return true;
+        });
+    } else {
+        const int32_t c = s.comp[0];
+        const AcScan scan{pic->coef[c], g.bw[c], g.bh[c], pic->blk_w[c], w.planes[c], s.ss, s.se, s.al};
+        if (counting && s.ah) scan.count_refine(w.ac[0].counter);
+        else if (counting) scan.count_first(w.ac[0].counter);
+        else if (s.ah) scan.write_refine(out, w.ac[0].by_symbol);
+        else scan.write_first(out, w.ac[0].by_symbol);
     }
-    for_each_block(pic, g, s, [&](int32_t c, const int16_t *b) {
-        if (s.ss == 0 && s.ah) w.coder[0].bits(static_cast<uint32_t>(asr(b[0], s.al) & 1), 1);
-        else if (s.ss == 0) code_dc_first(w.coder[table_of(s, c)], &pred[c], s.al, b);
-        else if (s.ah) code_ac_refine(w.coder[0], s.ss, s.se, s.al, b, w.nz[c][(b - pic->coef[c]) >> 6]);
-        else code_ac_first(w.coder[0], s.ss, s.se, s.al, b, w.nz[c][(b - pic->coef[c]) >> 6]);
-        return true;
-    });
-    w.coder[0].flush_eob_run();
-    w.out.drain();
+    out.drain();
 }
 
 // Counts the scan's symbols, builds its tables and writes DHT, SOS and the
@@ -465,15 +568,20 @@ int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw
     Work *w = static_cast<Work *>(std::calloc(1, sizeof(Work)));
     if (!w) return KIVO_ERR_OUT_OF_MEMORY;
     if (coding == KIVOE_CODING_PROGRESSIVE) {
+        kivoe_proc proc{};
+        kivoe_dsp_init(&proc, kivo_cpu_flags());
         for (int32_t c = 0; c < pic->n_comp; ++c) {
-            const size_t blocks = static_cast<size_t>(pic->blk_w[c]) * pic->blk_h[c];
-            w->nz[c] = static_cast<uint64_t *>(std::malloc(blocks * sizeof(uint64_t)));
-            if (!w->nz[c]) {
+            w->planes[c] = static_cast<kivoe_planes *>(std::malloc(static_cast<size_t>(g.bw[c]) * g.bh[c] * sizeof(kivoe_planes)));
+            if (!w->planes[c]) {
                 free_work(w);
                 return KIVO_ERR_OUT_OF_MEMORY;
             }
-            bool all_coded;  // the levels were checked above
-            for (size_t i = 0; i < blocks; ++i) w->nz[c][i] = kivoe_zigzag_ac_mask(pic->coef[c] + 64 * i, &all_coded);
+            // The levels were checked above: none is -32768.
+            kivoe_planes *p = w->planes[c];
+            for (int32_t by = 0; by < g.bh[c]; ++by) {
+                const int16_t *b = pic->coef[c] + static_cast<size_t>(by) * pic->blk_w[c] * 64;
+                for (int32_t bx = 0; bx < g.bw[c]; ++bx, b += 64) proc.planes(b, p++);
+            }
         }
     }
 

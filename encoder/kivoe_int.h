@@ -130,6 +130,15 @@ typedef void (*kivoe_fdct_fn)(int16_t *blk);
 typedef int32_t (*kivoe_quant_fn)(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 typedef void (*kivoe_quant_rdoq_fn)(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 typedef void (*kivoe_jndfilt_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
+// Bit planes of a block's AC levels in zig-zag order, for the progressive
+// writer: bit z of nz[a] is set when |level| >> a is not zero, of odd[a]
+// when bit a of |level| is set, of neg when the level is negative. Bit 0
+// (the DC position) is clear in all.
+struct kivoe_planes {
+    uint64_t nz[3], odd[2], neg;
+};
+// Levels other than -32768.
+typedef void (*kivoe_planes_fn)(const int16_t *blk, kivoe_planes *out);
 
 struct kivoe_proc {
     int32_t (*ready)(kivoe_ctx *ctx);
@@ -149,6 +158,7 @@ struct kivoe_proc {
     kivoe_quant_rdoq_fn quant_rdoq;
     // Kernels beyond the fifteen slots, chosen the same way.
     kivoe_jndfilt_fn jndfilt;
+    kivoe_planes_fn planes;
 };
 
 struct kivoe_ctx {
@@ -271,6 +281,7 @@ void kivoe_quant_rdoq(int16_t *blk, const uint16_t *recip, const uint16_t *offse
 // reconstruction errors (coef: the unquantized coefficients).
 void kivoe_update_offset(const int16_t *levels, const int16_t *coef, const uint16_t *q,
                          const uint16_t *recip, uint16_t *offset);
+void kivoe_planes_c(const int16_t *blk, kivoe_planes *out);
 // Fills the transform and quantizer slots from the best variant the CPU
 // flags allow.
 void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags);

@@ -67,7 +67,6 @@ inline uint64_t kivoe_raster_mask(const int16_t *blk) {
 
 namespace kivoe_nz {
 
-#if !defined(__ARM_NEON)
 // Zig-zag position of every raster position, from a walk along the
 // anti-diagonals (alternating direction, starting towards the right).
 struct RasToZig {
@@ -87,6 +86,17 @@ constexpr RasToZig make_ras_to_zig() {
     return t;
 }
 
+// Raster position of every zig-zag position, as constants.
+constexpr RasToZig make_zig_to_ras() {
+    constexpr RasToZig r2z = make_ras_to_zig();
+    RasToZig t{};
+    for (int32_t i = 0; i < 64; ++i) t.z[r2z.z[i]] = static_cast<uint8_t>(i);
+    return t;
+}
+
+inline constexpr RasToZig kZigToRas = make_zig_to_ras();
+
+#if !defined(__ARM_NEON)
 // kNibbleZig[i][m]: the zig-zag mask of the non-zero coefficients that the
 // four-bit pattern m marks among raster positions 4i to 4i + 3. The DC
 // position maps to no bit.
