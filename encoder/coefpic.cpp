@@ -76,18 +76,17 @@ struct Geometry {
     bool interleave;       // one scan may hold every component
 };
 
-// Calls f(c, levels) for every block of the scan in coding order: MCU by
-// MCU for several components, the component's own blocks row by row for
-// one. Stops when f returns false.
+// Calls f(c, i) for every block of the scan in coding order, i the block's
+// index among the component's (blk_w a row): MCU by MCU for several
+// components, the component's own blocks row by row for one. Stops when f
+// returns false.
 template <class F>
 bool for_each_block(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, F &&f) {
     if (s.n == 1) {
         const int32_t c = s.comp[0];
-        for (int32_t by = 0; by < g.bh[c]; ++by) {
-            const int16_t *row = pic->coef[c] + static_cast<size_t>(by) * pic->blk_w[c] * 64;
+        for (int32_t by = 0; by < g.bh[c]; ++by)
             for (int32_t bx = 0; bx < g.bw[c]; ++bx)
-                if (!f(c, row + static_cast<size_t>(bx) * 64)) return false;
-        }
+                if (!f(c, static_cast<size_t>(by) * pic->blk_w[c] + bx)) return false;
         return true;
     }
     for (int32_t my = 0; my < g.mcu_h; ++my)
@@ -96,10 +95,8 @@ bool for_each_block(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s,
                 const int32_t c = s.comp[k];
                 for (int32_t v = 0; v < pic->v[c]; ++v) {
                     const size_t by = static_cast<size_t>(my) * pic->v[c] + v;
-                    for (int32_t h = 0; h < pic->h[c]; ++h) {
-                        const size_t bx = static_cast<size_t>(mx) * pic->h[c] + h;
-                        if (!f(c, pic->coef[c] + (by * pic->blk_w[c] + bx) * 64)) return false;
-                    }
+                    for (int32_t h = 0; h < pic->h[c]; ++h)
+                        if (!f(c, by * pic->blk_w[c] + static_cast<size_t>(mx) * pic->h[c] + h)) return false;
                 }
             }
     return true;
@@ -140,12 +137,13 @@ int32_t check_picture(const kivoe_coef_pic *pic, Geometry *g) {
 int32_t check_levels(const kivoe_coef_pic *pic, const Geometry &g, const Script &baseline) {
     for (int32_t i = 0; i < baseline.n; ++i) {
         int32_t pred[4] = {0, 0, 0, 0};
-        const bool ok = for_each_block(pic, g, baseline.scan[i], [&pred](int32_t c, const int16_t *b) {
+        const bool ok = for_each_block(pic, g, baseline.scan[i], [&](int32_t c, size_t i) {
+            const int16_t *b = pic->coef[c] + 64 * i;
             const int32_t d = b[0] - pred[c];
             pred[c] = b[0];
-            bool fits = d >= -2047 && d <= 2047;
-            for (int32_t k = 1; k < 64; ++k) fits &= b[k] >= -1023 && b[k] <= 1023;
-            return fits;
+            uint32_t outside = static_cast<uint32_t>(d + 2047) > 4094;
+            for (int32_t k = 1; k < 64; ++k) outside |= static_cast<uint16_t>(b[k] + 1023) > 2046;
+            return !outside;
         });
         if (!ok) return KIVO_ERR_UNSUPPORTED;
     }
@@ -161,8 +159,13 @@ inline int32_t bit_length(uint32_t v) { return v ? 32 - __builtin_clz(v) : 0; }
 
 inline int32_t ctz64(uint64_t m) { return __builtin_ctzll(m); }
 
+// Bits set in m, without the library call a plain x86-64 or ARMv7 build
+// makes of __builtin_popcountll.
 inline int32_t popcount64(uint64_t m) {
-    return __builtin_popcount(static_cast<uint32_t>(m)) + __builtin_popcount(static_cast<uint32_t>(m >> 32));
+    m -= m >> 1 & 0x5555555555555555ull;
+    m = (m & 0x3333333333333333ull) + (m >> 2 & 0x3333333333333333ull);
+    m = (m + (m >> 4)) & 0x0F0F0F0F0F0F0F0Full;
+    return static_cast<int32_t>((m * 0x0101010101010101ull) >> 56);
 }
 
 // Zig-zag positions ss..se of an AC band.
@@ -453,13 +456,18 @@ struct Work {
     kivoe_ac_tbl ac[2];
     kivoe_huff_spec spec[4];
     // Progressive: the bit planes of every block's AC levels, per component
-    // in the order of its AC scans, made once for all scans.
+    // in the order of its AC scans, and the DC levels of all its blocks (the
+    // DC scans read nothing else), made once for all scans.
     kivoe_planes *planes[4];
+    int16_t *dc_levels[4];
 };
 
-// Frees w and its planes.
+// Frees w, its planes and DC levels.
 void free_work(Work *w) {
-    for (kivoe_planes *p : w->planes) std::free(p);
+    for (int32_t c = 0; c < 4; ++c) {
+        std::free(w->planes[c]);
+        std::free(w->dc_levels[c]);
+    }
     std::free(w);
 }
 
@@ -468,7 +476,8 @@ void free_work(Work *w) {
 void code_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work &w, bool counting, xelo_bsw *bs) {
     int32_t pred[4] = {0, 0, 0, 0};
     if (s.ss == 0 && s.se == 63) {
-        for_each_block(pic, g, s, [&](int32_t c, const int16_t *b) {
+        for_each_block(pic, g, s, [&](int32_t c, size_t i) {
+            const int16_t *b = pic->coef[c] + 64 * i;
             const int32_t d = b[0] - pred[c];
             pred[c] = b[0];
             kivoe_dc_tbl *dc = &w.dc[table_of(s, c)];
@@ -485,12 +494,13 @@ void code_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work
     }
     BitOut out{bs, 0, 0};
     if (s.ss == 0) {
-        for_each_block(pic, g, s, [&](int32_t c, const int16_t *b) {
+        for_each_block(pic, g, s, [&](int32_t c, size_t i) {
+            const int32_t dc = w.dc_levels[c][i];
             if (s.ah) {
-                out.put(static_cast<uint32_t>(asr(b[0], s.al) & 1), 1);
+                out.put(static_cast<uint32_t>(asr(dc, s.al) & 1), 1);
                 return true;
             }
-            const int32_t v = asr(b[0], s.al);
+            const int32_t v = asr(dc, s.al);
             const int32_t d = v - pred[c];
             pred[c] = v;
             const int32_t k = kivo::category(d);
@@ -571,11 +581,14 @@ int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw
         kivoe_proc proc{};
         kivoe_dsp_init(&proc, kivo_cpu_flags());
         for (int32_t c = 0; c < pic->n_comp; ++c) {
+            const size_t blocks = static_cast<size_t>(pic->blk_w[c]) * pic->blk_h[c];
             w->planes[c] = static_cast<kivoe_planes *>(std::malloc(static_cast<size_t>(g.bw[c]) * g.bh[c] * sizeof(kivoe_planes)));
-            if (!w->planes[c]) {
+            w->dc_levels[c] = static_cast<int16_t *>(std::malloc(blocks * sizeof(int16_t)));
+            if (!w->planes[c] || !w->dc_levels[c]) {
                 free_work(w);
                 return KIVO_ERR_OUT_OF_MEMORY;
             }
+            for (size_t i = 0; i < blocks; ++i) w->dc_levels[c][i] = pic->coef[c][64 * i];
             // The levels were checked above: none is -32768.
             kivoe_planes *p = w->planes[c];
             for (int32_t by = 0; by < g.bh[c]; ++by) {
