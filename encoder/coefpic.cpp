@@ -460,6 +460,9 @@ struct Work {
     // DC scans read nothing else), made once for all scans.
     kivoe_planes *planes[4];
     int16_t *dc_levels[4];
+    // Baseline: the zig-zag masks of every block's non-zero AC levels,
+    // found while counting, for the writing pass.
+    uint64_t *masks[4];
 };
 
 // Frees w, its planes and DC levels.
@@ -467,6 +470,7 @@ void free_work(Work *w) {
     for (int32_t c = 0; c < 4; ++c) {
         std::free(w->planes[c]);
         std::free(w->dc_levels[c]);
+        std::free(w->masks[c]);
     }
     std::free(w);
 }
@@ -484,9 +488,9 @@ void code_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work
             kivoe_ac_tbl *ac = &w.ac[table_of(s, c)];
             if (counting) {
                 kivoe_vlc_dc_stat(bs, dc, d);
-                kivoe_vlc_ac_stat(bs, ac, b);
+                w.masks[c][i] = kivoe_vlc_ac_stat_mask(ac, b);
             } else {
-                kivoe_vlc_block(bs, dc, ac, d, b);
+                kivoe_vlc_block_mask(bs, dc, ac, d, b, w.masks[c][i]);
             }
             return true;
         });
@@ -577,6 +581,13 @@ int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw
     if (ret < 0) return ret;
     Work *w = static_cast<Work *>(std::calloc(1, sizeof(Work)));
     if (!w) return KIVO_ERR_OUT_OF_MEMORY;
+    for (int32_t c = 0; c < pic->n_comp && coding == KIVOE_CODING_BASELINE; ++c) {
+        w->masks[c] = static_cast<uint64_t *>(std::malloc(static_cast<size_t>(pic->blk_w[c]) * pic->blk_h[c] * sizeof(uint64_t)));
+        if (!w->masks[c]) {
+            free_work(w);
+            return KIVO_ERR_OUT_OF_MEMORY;
+        }
+    }
     if (coding == KIVOE_CODING_PROGRESSIVE) {
         kivoe_proc proc{};
         kivoe_dsp_init(&proc, kivo_cpu_flags());
