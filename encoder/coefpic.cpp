@@ -6,6 +6,7 @@
 // with the tables built from the counts.
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 
 #include "encoder/kivoe_int.h"
 #include "encoder/nonzero.h"
@@ -157,15 +158,25 @@ inline int32_t asr(int32_t v, int32_t n) { return v >= 0 ? v >> n : ~(~v >> n); 
 
 inline int32_t bit_length(uint32_t v) { return v ? 32 - __builtin_clz(v) : 0; }
 
-inline int32_t ctz64(uint64_t m) { return __builtin_ctzll(m); }
+// Set bits are walked a register at a time: in two halves on 32-bit
+// processors, where 64-bit counts, clears and shifts take several
+// instructions.
+using MaskWord = std::conditional_t<sizeof(void *) >= 8, uint64_t, uint32_t>;
+constexpr int32_t kMaskBits = 8 * sizeof(MaskWord);
+inline int32_t ctz(uint64_t m) { return __builtin_ctzll(m); }
+inline int32_t ctz(uint32_t m) { return __builtin_ctz(m); }
 
-// Bits set in m, without the library call a plain x86-64 or ARMv7 build
-// makes of __builtin_popcountll.
-inline int32_t popcount64(uint64_t m) {
-    m -= m >> 1 & 0x5555555555555555ull;
-    m = (m & 0x3333333333333333ull) + (m >> 2 & 0x3333333333333333ull);
-    m = (m + (m >> 4)) & 0x0F0F0F0F0F0F0F0Full;
-    return static_cast<int32_t>((m * 0x0101010101010101ull) >> 56);
+// Calls f(k, base) for every bit k set in m, lowest first; base is the
+// first bit of k's register, for bit().
+template <class F>
+inline void for_each_bit(uint64_t m, F &&f) {
+    for (int32_t base = 0; base < 64; base += kMaskBits)
+        for (MaskWord w = static_cast<MaskWord>(m >> base); w; w &= w - 1) f(base + ctz(w), base);
+}
+
+// Bit k of x, k in the register starting at base.
+inline uint32_t bit(uint64_t x, int32_t k, int32_t base) {
+    return static_cast<uint32_t>(static_cast<MaskWord>(x >> base) >> (k - base) & 1);
 }
 
 // Zig-zag positions ss..se of an AC band.
@@ -294,14 +305,13 @@ struct AcScan {
             if (!m) return eob.end_band(0);
             eob.flush();
             int32_t next = ss;  // the position after the last one coded
-            for (uint64_t r = m; r; r &= r - 1) {
-                const int32_t k = ctz64(r);
+            for_each_bit(m, [&](int32_t k, int32_t) {
                 const int32_t v = b[kivo_tbl_zig_to_ras[k]];
                 const int32_t run = k - next;
                 counter[0xF0] += static_cast<uint32_t>(run >> 4);
                 ++counter[(run & 15) << 4 | bit_length(static_cast<uint32_t>(v < 0 ? -v : v) >> al)];
                 next = k + 1;
-            }
+            });
             if (next <= se) eob.end_band(0);
         });
         eob.flush();
@@ -311,22 +321,23 @@ struct AcScan {
         EobCount eob{counter};
         const uint64_t band = band_bits(ss, se);
         blocks([&](const int16_t *, const kivoe_planes &p) {
-            const uint64_t nz = p.nz[al] & band, old = p.nz[al + 1] & band, fresh = nz & ~old;
-            if (!fresh) return eob.end_band(popcount64(old));
-            eob.flush();
-            // The zeros before each new level since the one before it.
-            const uint64_t zeros = band & ~nz;
-            uint64_t done = (uint64_t(1) << ss) - 1;
-            int32_t last = 0;
-            for (uint64_t r = fresh; r; r &= r - 1) {
-                last = ctz64(r);
-                const uint64_t upto = (uint64_t(2) << last) - 1;
-                const int32_t z = popcount64(zeros & upto & ~done);
-                counter[0xF0] += static_cast<uint32_t>(z >> 4);
-                ++counter[(z & 15) << 4 | 1];
-                done = upto;
-            }
-            if (last < se) eob.end_band(popcount64(old & ~done));
+            const uint64_t nz = p.nz[al] & band, fresh = nz & ~p.nz[al + 1];
+            if (fresh) eob.flush();
+            // Zeros since the last new level, and levels already non-zero
+            // since then (whose correction bits an end of band holds).
+            int32_t zeros = 0, held = 0, prev = ss - 1;
+            for_each_bit(nz, [&](int32_t k, int32_t base) {
+                zeros += k - prev - 1;
+                prev = k;
+                if (!bit(fresh, k, base)) {
+                    ++held;
+                    return;
+                }
+                counter[0xF0] += static_cast<uint32_t>(zeros >> 4);
+                ++counter[(zeros & 15) << 4 | 1];
+                zeros = held = 0;
+            });
+            if (zeros + se - prev || held) eob.end_band(held);
         });
         eob.flush();
     }
@@ -340,8 +351,7 @@ struct AcScan {
             if (!m) return eob.end_band(0, 0);
             eob.flush();
             int32_t next = ss;
-            for (uint64_t r = m; r; r &= r - 1) {
-                const int32_t k = ctz64(r);
+            for_each_bit(m, [&](int32_t k, int32_t) {
                 const int32_t v = b[kivo_tbl_zig_to_ras[k]];
                 int32_t run = k - next;
                 for (; run > 15; run -= 16) out.put(zrl.code, zrl.len);
@@ -351,7 +361,7 @@ struct AcScan {
                 const uint32_t extra = static_cast<uint32_t>(v < 0 ? ~a : a) & ((1u << n) - 1);
                 out.put(static_cast<uint32_t>(c.code) << n | extra, c.len + n);
                 next = k + 1;
-            }
+            });
             if (next <= se) eob.end_band(0, 0);
         });
         eob.flush();
@@ -368,15 +378,10 @@ struct AcScan {
             // symbol, first bit highest.
             uint64_t pending = 0;
             int32_t n_pending = 0;
-            if (!fresh) {
-                for (uint64_t r = old; r; r &= r - 1) pending = pending << 1 | (correction >> ctz64(r) & 1);
-                return eob.end_band(pending, popcount64(old));
-            }
-            eob.flush();
-            const int32_t last_new = 63 - __builtin_clzll(fresh);
+            if (fresh) eob.flush();
+            const int32_t last_new = fresh ? 63 - __builtin_clzll(fresh) : -1;
             int32_t run = 0, prev = ss - 1;
-            for (uint64_t r = nz; r; r &= r - 1) {
-                const int32_t k = ctz64(r);
+            for_each_bit(nz, [&](int32_t k, int32_t base) {
                 run += k - prev - 1;  // the zeros since the last non-zero one
                 prev = k;
                 // Sixteen zeros before a new level need a ZRL; after the
@@ -388,18 +393,18 @@ struct AcScan {
                     n_pending = 0;
                     run -= 16;
                 }
-                if (old >> k & 1) {
-                    pending = pending << 1 | (correction >> k & 1);
+                if (!bit(fresh, k, base)) {
+                    pending = pending << 1 | bit(correction, k, base);
                     ++n_pending;
-                    continue;
+                    return;
                 }
                 const kivoe_code c = code[run << 4 | 1];
-                out.put(static_cast<uint32_t>(c.code) << 1 | static_cast<uint32_t>(~p.neg >> k & 1), c.len + 1);
+                out.put(static_cast<uint32_t>(c.code) << 1 | (bit(p.neg, k, base) ^ 1), c.len + 1);
                 out.put64(pending, n_pending);
                 pending = 0;
                 n_pending = 0;
                 run = 0;
-            }
+            });
             run += se - prev;
             if (run || n_pending) eob.end_band(pending, n_pending);
         });
