@@ -1,8 +1,10 @@
 // Byte-identity check for encoder and transcoder speed work: prints one hash
 // per encoded or transcoded stream, over every colour format, switch set,
 // table source and thread count, for generated pictures of odd sizes, the
-// given photographs (PPM/PGM/PNG) and JPEG sources. Run it before and after a
-// change, under the plain kernels (--mask 0) and the SIMD ones, and diff.
+// given photographs (PPM/PGM/PNG) and JPEG sources, and the lossless
+// re-encodings (baseline and progressive) of the JPEG sources and of some
+// generated streams. Run it before and after a change, under the plain
+// kernels (--mask 0) and the SIMD ones, and diff.
 //
 // usage: bench_identity [--mask HEX] [--quick] [photo.ppm ...] [source.jpg ...]
 #include <cstdio>
@@ -42,6 +44,33 @@ kivotest::EncodeOptions options(int s, int threads, int quality) {
     return o;
 }
 
+// Lossless re-encodings of src, baseline and progressive, on a handle of t
+// threads.
+void lossless(const char *name, const std::vector<uint8_t> &src, int t) {
+    kivo_tpool pool;
+    kivo_tpool_std(&pool, t);
+    kivoe_create_param cp{1, 0, 0, 0, 0, &pool};
+    kivot_ctx *tc = kivot_create(&cp, nullptr);
+    std::vector<uint8_t> in(src), out(src.size() * 4 + 65536);
+    xelo_bitb ib{}, ob{};
+    ib.addr = in.data();
+    ib.ssize = static_cast<int32_t>(in.size());
+    ob.addr = out.data();
+    ob.ssize = static_cast<int32_t>(out.size());
+    const kivod_input input{KIVOD_INPUT_BITB, &ib, nullptr};
+    const kivoe_output output{KIVOD_INPUT_BITB, &ob, nullptr};
+    char full[600];
+    for (int32_t coding : {KIVOT_LOSSLESS_BASELINE, KIVOT_LOSSLESS_PROGRESSIVE}) {
+        int32_t written = 0;
+        kivotest::Encoded e;
+        e.status = kivot_txcode_lossless(tc, &input, &output, &written, coding);
+        if (e.status == 0) e.jpg.assign(out.begin(), out.begin() + written);
+        snprintf(full, sizeof(full), "%s/lossless%d/t%d", name, coding, t);
+        report(full, e);
+    }
+    kivot_delete(tc);
+}
+
 void generated(bool quick) {
     const int32_t formats[] = {10, 11, 12, 13, 16, 17, 18, 22, 40, 41, 42, 43, 44, 101};
     const int sizes[][2] = {{17, 9}, {75, 41}, {130, 67}};
@@ -53,7 +82,11 @@ void generated(bool quick) {
                 for (int t : {1, 2, 8}) {
                     if (quick && t == 8) continue;
                     snprintf(name, sizeof(name), "gen/%d/%dx%d/s%d/t%d", cs, sz[0], sz[1], s, t);
-                    report(name, kivotest::encode(cs, sz[0], sz[1], pic, options(s, t, 90)));
+                    const kivotest::Encoded e = kivotest::encode(cs, sz[0], sz[1], pic, options(s, t, 90));
+                    report(name, e);
+                    // Sources for the lossless re-encodings: default and
+                    // optimised, without and with restart intervals.
+                    if (s < 2 && t < 8 && e.status == 0) lossless(name, e.jpg, 1);
                 }
             // Copy path, other qualities and noise, with no switch and with all.
             for (int s : {0, 31}) {
@@ -65,9 +98,17 @@ void generated(bool quick) {
                     snprintf(name, sizeof(name), "gen/%d/%dx%d/s%d/q%d", cs, sz[0], sz[1], s, q);
                     report(name, kivotest::encode(cs, sz[0], sz[1], pic, options(s, 1, q)));
                 }
+                kivotest::EncodeOptions po = options(s, 2, 90);
+                po.progressive = true;
+                snprintf(name, sizeof(name), "gen/%d/%dx%d/s%d/progressive", cs, sz[0], sz[1], s);
+                const kivotest::Encoded pe = kivotest::encode(cs, sz[0], sz[1], pic, po);
+                report(name, pe);
+                if (pe.status == 0) lossless(name, pe.jpg, 1);
                 const auto noise = kivotest::make_picture(cs, sz[0], sz[1], 9, testpic::Kind::Noise);
                 snprintf(name, sizeof(name), "gen/%d/%dx%d/s%d/noise", cs, sz[0], sz[1], s);
-                report(name, kivotest::encode(cs, sz[0], sz[1], noise, options(s, 3, 100)));
+                const kivotest::Encoded e = kivotest::encode(cs, sz[0], sz[1], noise, options(s, 3, 100));
+                report(name, e);
+                if (e.status == 0) lossless(name, e.jpg, 2);
             }
         }
 }
@@ -152,6 +193,9 @@ void transcode(const std::string &path, bool quick) {
                 snprintf(name, sizeof(name), "trc/%s/s%d/q%d/t%d", path.c_str(), s, q, t);
                 report(name, e);
             }
+    snprintf(name, sizeof(name), "trc/%s", path.c_str());
+    lossless(name, src, 1);
+    if (!quick) lossless(name, src, 3);
 }
 
 }  // namespace

@@ -2,10 +2,11 @@
 // tables optimised for the levels, or progressive (spectral selection and
 // successive approximation, T.81 Annex G) with tables optimised per scan.
 //
-// Every scan is coded twice by the same routine: once counting its symbols,
-// once writing them with the tables built from the counts.
+// Every scan is coded twice: once counting its symbols, once writing them
+// with the tables built from the counts.
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 
 #include "encoder/kivoe_int.h"
 #include "encoder/nonzero.h"
@@ -76,18 +77,17 @@ struct Geometry {
     bool interleave;       // one scan may hold every component
 };
 
-// Calls f(c, levels) for every block of the scan in coding order: MCU by
-// MCU for several components, the component's own blocks row by row for
-// one. Stops when f returns false.
+// Calls f(c, i) for every block of the scan in coding order, i the block's
+// index among the component's (blk_w a row): MCU by MCU for several
+// components, the component's own blocks row by row for one. Stops when f
+// returns false.
 template <class F>
 bool for_each_block(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, F &&f) {
     if (s.n == 1) {
         const int32_t c = s.comp[0];
-        for (int32_t by = 0; by < g.bh[c]; ++by) {
-            const int16_t *row = pic->coef[c] + static_cast<size_t>(by) * pic->blk_w[c] * 64;
+        for (int32_t by = 0; by < g.bh[c]; ++by)
             for (int32_t bx = 0; bx < g.bw[c]; ++bx)
-                if (!f(c, row + static_cast<size_t>(bx) * 64)) return false;
-        }
+                if (!f(c, static_cast<size_t>(by) * pic->blk_w[c] + bx)) return false;
         return true;
     }
     for (int32_t my = 0; my < g.mcu_h; ++my)
@@ -96,10 +96,8 @@ bool for_each_block(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s,
                 const int32_t c = s.comp[k];
                 for (int32_t v = 0; v < pic->v[c]; ++v) {
                     const size_t by = static_cast<size_t>(my) * pic->v[c] + v;
-                    for (int32_t h = 0; h < pic->h[c]; ++h) {
-                        const size_t bx = static_cast<size_t>(mx) * pic->h[c] + h;
-                        if (!f(c, pic->coef[c] + (by * pic->blk_w[c] + bx) * 64)) return false;
-                    }
+                    for (int32_t h = 0; h < pic->h[c]; ++h)
+                        if (!f(c, by * pic->blk_w[c] + static_cast<size_t>(mx) * pic->h[c] + h)) return false;
                 }
             }
     return true;
@@ -140,12 +138,13 @@ int32_t check_picture(const kivoe_coef_pic *pic, Geometry *g) {
 int32_t check_levels(const kivoe_coef_pic *pic, const Geometry &g, const Script &baseline) {
     for (int32_t i = 0; i < baseline.n; ++i) {
         int32_t pred[4] = {0, 0, 0, 0};
-        const bool ok = for_each_block(pic, g, baseline.scan[i], [&pred](int32_t c, const int16_t *b) {
+        const bool ok = for_each_block(pic, g, baseline.scan[i], [&](int32_t c, size_t i) {
+            const int16_t *b = pic->coef[c] + 64 * i;
             const int32_t d = b[0] - pred[c];
             pred[c] = b[0];
-            bool fits = d >= -2047 && d <= 2047;
-            for (int32_t k = 1; k < 64; ++k) fits &= b[k] >= -1023 && b[k] <= 1023;
-            return fits;
+            uint32_t outside = static_cast<uint32_t>(d + 2047) > 4094;
+            for (int32_t k = 1; k < 64; ++k) outside |= static_cast<uint16_t>(b[k] + 1023) > 2046;
+            return !outside;
         });
         if (!ok) return KIVO_ERR_UNSUPPORTED;
     }
@@ -159,6 +158,32 @@ inline int32_t asr(int32_t v, int32_t n) { return v >= 0 ? v >> n : ~(~v >> n); 
 
 inline int32_t bit_length(uint32_t v) { return v ? 32 - __builtin_clz(v) : 0; }
 
+// Set bits are walked a register at a time: in two halves on 32-bit
+// processors, where 64-bit counts, clears and shifts take several
+// instructions.
+using MaskWord = std::conditional_t<sizeof(void *) >= 8, uint64_t, uint32_t>;
+constexpr int32_t kMaskBits = 8 * sizeof(MaskWord);
+inline int32_t ctz(uint64_t m) { return __builtin_ctzll(m); }
+inline int32_t ctz(uint32_t m) { return __builtin_ctz(m); }
+
+// Calls f(k, base) for every bit k set in m, lowest first; base is the
+// first bit of k's register, for bit().
+template <class F>
+inline void for_each_bit(uint64_t m, F &&f) {
+    for (int32_t base = 0; base < 64; base += kMaskBits)
+        for (MaskWord w = static_cast<MaskWord>(m >> base); w; w &= w - 1) f(base + ctz(w), base);
+}
+
+// Bit k of x, k in the register starting at base.
+inline uint32_t bit(uint64_t x, int32_t k, int32_t base) {
+    return static_cast<uint32_t>(static_cast<MaskWord>(x >> base) >> (k - base) & 1);
+}
+
+// Zig-zag positions ss..se of an AC band.
+inline uint64_t band_bits(int32_t ss, int32_t se) {
+    return (se == 63 ? ~uint64_t(0) : (uint64_t(1) << (se + 1)) - 1) & ~((uint64_t(1) << ss) - 1);
+}
+
 // Most correction bits an end-of-band run holds back before it is written.
 constexpr int32_t kCorrectionBits = 1000;
 
@@ -168,147 +193,224 @@ struct BitOut {
     uint64_t acc;
     int32_t n;  // 0 to 31
 
-    void put(uint32_t v, int32_t len) {  // len: 1 to 16
-        acc = acc << len | (v & ((1u << len) - 1));
+    void put(uint32_t v, int32_t len) {  // len: 0 to 32, v: no bits above len
+        acc = acc << len | v;
         n += len;
         if (n >= 32) {
             n -= 32;
             xelo_bsw_write(bs, static_cast<uint32_t>(acc >> n), 32);
         }
     }
+    void put64(uint64_t v, int32_t len) {  // len: 0 to 64
+        if (len > 32) {
+            put(static_cast<uint32_t>(v >> 32), len - 32);
+            len = 32;
+        }
+        put(static_cast<uint32_t>(v), len);
+    }
     void drain() {
-        if (n) xelo_bsw_write(bs, static_cast<uint32_t>(acc), n);
+        if (n) xelo_bsw_write(bs, static_cast<uint32_t>(acc) & ((1u << n) - 1), n);
         n = 0;
     }
 };
 
-// One table of a scan: counts symbols while counting, writes codes after.
-struct Coder {
-    BitOut *out;
-    bool counting;
-    uint64_t *counter;        // per symbol
-    const kivoe_code *code;   // per symbol
-    int32_t eob_run = 0;      // blocks whose band ends with no more symbols
-    int32_t held = 0;         // correction bits of those blocks
-    uint8_t bits_held[kCorrectionBits];
+// End-of-band runs while counting: blocks whose band ends with no more
+// symbols, and how many correction bits they hold, which decides where a
+// run is cut.
+struct EobCount {
+    uint64_t *counter;
+    int32_t run = 0, held = 0;
 
-    void sym(int32_t s) {
-        if (counting) ++counter[s];
-        else if (code[s].len) out->put(code[s].code, code[s].len);
+    void flush() {
+        if (!run) return;
+        ++counter[(bit_length(static_cast<uint32_t>(run)) - 1) << 4];
+        run = held = 0;
     }
-    void bits(uint32_t v, int32_t n) {
-        if (!counting && n) out->put(v, n);
-    }
-    void correction_bits(const uint8_t *b, int32_t n) {
-        for (int32_t i = 0; i < n; ++i) bits(b[i], 1);
-    }
-    // Writes the pending end-of-band run: EOBn, then the run's n low bits
-    // (its top bit is implied), then the correction bits it held back.
-    void flush_eob_run() {
-        if (!eob_run) return;
-        const int32_t n = bit_length(static_cast<uint32_t>(eob_run)) - 1;
-        sym(n << 4);
-        bits(static_cast<uint32_t>(eob_run), n);
-        correction_bits(bits_held, held);
-        eob_run = 0;
-        held = 0;
-    }
-    // One more block ends its band in the run, with its correction bits.
-    void end_band(const uint8_t *b, int32_t n) {
-        ++eob_run;
-        for (int32_t i = 0; i < n; ++i) bits_held[held++] = b[i];
-        if (eob_run == 0x7FFF || held > kCorrectionBits - 64) flush_eob_run();
+    void end_band(int32_t bits) {
+        ++run;
+        held += bits;
+        if (run == 0x7FFF || held > kCorrectionBits - 64) flush();
     }
 };
 
-void code_dc_first(Coder &t, int32_t *pred, int32_t al, const int16_t *b) {
-    const int32_t v = asr(b[0], al);
-    const int32_t d = v - *pred;
-    *pred = v;
-    const int32_t k = kivo::category(d);
-    t.sym(k);
-    t.bits(static_cast<uint32_t>(d < 0 ? d - 1 : d), k);
-}
+// End-of-band runs while writing, with the correction bits they hold
+// (first bit in the top of held_bits[0]).
+struct EobWrite {
+    BitOut *out;
+    const kivoe_code *code;
+    int32_t run = 0, held = 0;
+    uint64_t held_bits[kCorrectionBits / 64 + 1];
 
-// Zig-zag positions ss..se of an AC band.
-inline uint64_t band_bits(int32_t ss, int32_t se) {
-    return (se == 63 ? ~uint64_t(0) : (uint64_t(1) << (se + 1)) - 1) & ~((uint64_t(1) << ss) - 1);
-}
+    EobWrite(BitOut *o, const kivoe_code *c) : out(o), code(c) {}
 
-inline int32_t ctz64(uint64_t m) { return __builtin_ctzll(m); }
-
-// The AC coders visit only the band's non-zero coefficients (nz: the
-// block's zig-zag mask); one that is zero at bit al counts as a zero.
-void code_ac_first(Coder &t, int32_t ss, int32_t se, int32_t al, const int16_t *b, uint64_t nz) {
-    int32_t next = ss;  // the position after the last one coded
-    for (uint64_t m = nz & band_bits(ss, se); m; m &= m - 1) {
-        const int32_t k = ctz64(m);
-        const int32_t v = b[kivo_tbl_zig_to_ras[k]];
-        const int32_t a = (v < 0 ? -v : v) >> al;
-        if (!a) continue;
-        t.flush_eob_run();
-        int32_t run = k - next;
-        for (; run > 15; run -= 16) t.sym(0xF0);
-        const int32_t n = bit_length(static_cast<uint32_t>(a));
-        t.sym(run << 4 | n);
-        t.bits(static_cast<uint32_t>(v < 0 ? ~a : a), n);
-        next = k + 1;
+    // Writes the run: EOBn, then the run's n low bits (its top bit is
+    // implied), then the correction bits it held back.
+    void flush() {
+        if (!run) return;
+        const int32_t n = bit_length(static_cast<uint32_t>(run)) - 1;
+        const kivoe_code c = code[n << 4];
+        out->put(static_cast<uint32_t>(c.code) << n | (static_cast<uint32_t>(run) & ((1u << n) - 1)), c.len + n);
+        int32_t i = 0;
+        for (; (i + 1) * 64 <= held; ++i) out->put64(held_bits[i], 64);
+        if (held & 63) out->put64(held_bits[i] >> (64 - (held & 63)), held & 63);
+        run = held = 0;
     }
-    if (next <= se) t.end_band(nullptr, 0);
-}
+    // One more block ends its band in the run, with its n correction bits
+    // (the low bits of v, first bit highest).
+    void end_band(uint64_t v, int32_t n) {
+        ++run;
+        if (n) {
+            const int32_t used = held & 63, room = 64 - used;
+            uint64_t *w = &held_bits[held >> 6];
+            if (!used) *w = 0;
+            if (n <= room) {
+                *w |= v << (room - n);
+            } else {
+                *w |= v >> (n - room);
+                w[1] = v << (64 - (n - room));
+            }
+            held += n;
+        }
+        if (run == 0x7FFF || held > kCorrectionBits - 64) flush();
+    }
+};
 
-// Refinement of the band by bit al: coefficients that become non-zero are
-// coded as run/size-1 symbols with their sign; those already non-zero send
-// their bit al as a correction bit after the next symbol (or with the end
-// of band run that covers them).
-void code_ac_refine(Coder &t, int32_t ss, int32_t se, int32_t al, const int16_t *b, uint64_t nz) {
-    // One look at the levels: the band's coefficients that become non-zero
-    // at bit al, with their signs, and those already non-zero, with their
-    // bit al.
-    uint64_t fresh = 0, negative = 0, old = 0, correction = 0;
-    for (uint64_t m = nz & band_bits(ss, se); m; m &= m - 1) {
-        const int32_t k = ctz64(m);
-        const int32_t v = b[kivo_tbl_zig_to_ras[k]];
-        const int32_t a = (v < 0 ? -v : v) >> al;
-        const uint64_t bit = uint64_t(1) << k;
-        if (a == 1) {
-            fresh |= bit;
-            if (v < 0) negative |= bit;
-        } else if (a > 1) {
-            old |= bit;
-            if (a & 1) correction |= bit;
+// One AC band scan of one component over its blocks in order; planes:
+// theirs. The first scan of a band codes each level's bits from al up; the
+// refinement codes bit al: the levels that become non-zero as run/size-1
+// symbols with their sign, and those already non-zero as correction bits
+// after the next symbol (or with the end-of-band run that covers them).
+struct AcScan {
+    const int16_t *coef;  // the component's levels
+    int32_t bw, bh, blk_w;
+    const kivoe_planes *planes;
+    int32_t ss, se, al;
+
+    template <class F>
+    void blocks(F &&f) const {
+        const kivoe_planes *p = planes;
+        for (int32_t by = 0; by < bh; ++by) {
+            const int16_t *b = coef + static_cast<size_t>(by) * blk_w * 64;
+            for (int32_t bx = 0; bx < bw; ++bx, b += 64) f(b, *p++);
         }
     }
-    const int32_t last_new = fresh ? 63 - __builtin_clzll(fresh) : -1;
-    uint8_t pending[64];
-    int32_t n_pending = 0, run = 0, prev = ss - 1;
-    for (uint64_t m = fresh | old; m; m &= m - 1) {
-        const int32_t k = ctz64(m);
-        run += k - prev - 1;  // the zeros since the last non-zero one
-        prev = k;
-        // Sixteen zeros before a new coefficient need a ZRL; after the last
-        // one the end of band covers them.
-        while (run > 15 && k <= last_new) {
-            t.flush_eob_run();
-            t.sym(0xF0);
-            run -= 16;
-            t.correction_bits(pending, n_pending);
-            n_pending = 0;
-        }
-        if (old >> k & 1) {
-            pending[n_pending++] = static_cast<uint8_t>(correction >> k & 1);
-            continue;
-        }
-        t.flush_eob_run();
-        t.sym(run << 4 | 1);
-        t.bits(negative >> k & 1 ? 0 : 1, 1);
-        t.correction_bits(pending, n_pending);
-        n_pending = 0;
-        run = 0;
+
+    // Symbol counts alone: the refinement needs no levels, only where the
+    // zeros and the new levels lie.
+    void count_first(uint64_t *counter) const {
+        EobCount eob{counter};
+        const uint64_t band = band_bits(ss, se);
+        blocks([&](const int16_t *b, const kivoe_planes &p) {
+            const uint64_t m = p.nz[al] & band;
+            if (!m) return eob.end_band(0);
+            eob.flush();
+            int32_t next = ss;  // the position after the last one coded
+            for_each_bit(m, [&](int32_t k, int32_t) {
+                const int32_t v = b[kivo_tbl_zig_to_ras[k]];
+                const int32_t run = k - next;
+                counter[0xF0] += static_cast<uint32_t>(run >> 4);
+                ++counter[(run & 15) << 4 | bit_length(static_cast<uint32_t>(v < 0 ? -v : v) >> al)];
+                next = k + 1;
+            });
+            if (next <= se) eob.end_band(0);
+        });
+        eob.flush();
     }
-    run += se - prev;
-    if (run || n_pending) t.end_band(pending, n_pending);
-}
+
+    void count_refine(uint64_t *counter) const {
+        EobCount eob{counter};
+        const uint64_t band = band_bits(ss, se);
+        blocks([&](const int16_t *, const kivoe_planes &p) {
+            const uint64_t nz = p.nz[al] & band, fresh = nz & ~p.nz[al + 1];
+            if (fresh) eob.flush();
+            // Zeros since the last new level, and levels already non-zero
+            // since then (whose correction bits an end of band holds).
+            int32_t zeros = 0, held = 0, prev = ss - 1;
+            for_each_bit(nz, [&](int32_t k, int32_t base) {
+                zeros += k - prev - 1;
+                prev = k;
+                if (!bit(fresh, k, base)) {
+                    ++held;
+                    return;
+                }
+                counter[0xF0] += static_cast<uint32_t>(zeros >> 4);
+                ++counter[(zeros & 15) << 4 | 1];
+                zeros = held = 0;
+            });
+            if (zeros + se - prev || held) eob.end_band(held);
+        });
+        eob.flush();
+    }
+
+    void write_first(BitOut &out, const kivoe_code *code) const {
+        EobWrite eob{&out, code};
+        const uint64_t band = band_bits(ss, se);
+        const kivoe_code zrl = code[0xF0];
+        blocks([&](const int16_t *b, const kivoe_planes &p) {
+            const uint64_t m = p.nz[al] & band;
+            if (!m) return eob.end_band(0, 0);
+            eob.flush();
+            int32_t next = ss;
+            for_each_bit(m, [&](int32_t k, int32_t) {
+                const int32_t v = b[kivo_tbl_zig_to_ras[k]];
+                int32_t run = k - next;
+                for (; run > 15; run -= 16) out.put(zrl.code, zrl.len);
+                const int32_t a = (v < 0 ? -v : v) >> al;
+                const int32_t n = bit_length(static_cast<uint32_t>(a));
+                const kivoe_code c = code[run << 4 | n];
+                const uint32_t extra = static_cast<uint32_t>(v < 0 ? ~a : a) & ((1u << n) - 1);
+                out.put(static_cast<uint32_t>(c.code) << n | extra, c.len + n);
+                next = k + 1;
+            });
+            if (next <= se) eob.end_band(0, 0);
+        });
+        eob.flush();
+    }
+
+    void write_refine(BitOut &out, const kivoe_code *code) const {
+        EobWrite eob{&out, code};
+        const uint64_t band = band_bits(ss, se);
+        const kivoe_code zrl = code[0xF0];
+        blocks([&](const int16_t *, const kivoe_planes &p) {
+            const uint64_t nz = p.nz[al] & band, old = p.nz[al + 1] & band, fresh = nz & ~old;
+            const uint64_t correction = p.odd[al] & old;
+            // Correction bits of the levels already non-zero since the last
+            // symbol, first bit highest.
+            uint64_t pending = 0;
+            int32_t n_pending = 0;
+            if (fresh) eob.flush();
+            const int32_t last_new = fresh ? 63 - __builtin_clzll(fresh) : -1;
+            int32_t run = 0, prev = ss - 1;
+            for_each_bit(nz, [&](int32_t k, int32_t base) {
+                run += k - prev - 1;  // the zeros since the last non-zero one
+                prev = k;
+                // Sixteen zeros before a new level need a ZRL; after the
+                // last one the end of band covers them.
+                while (run > 15 && k <= last_new) {
+                    out.put(zrl.code, zrl.len);
+                    out.put64(pending, n_pending);
+                    pending = 0;
+                    n_pending = 0;
+                    run -= 16;
+                }
+                if (!bit(fresh, k, base)) {
+                    pending = pending << 1 | bit(correction, k, base);
+                    ++n_pending;
+                    return;
+                }
+                const kivoe_code c = code[run << 4 | 1];
+                out.put(static_cast<uint32_t>(c.code) << 1 | (bit(p.neg, k, base) ^ 1), c.len + 1);
+                out.put64(pending, n_pending);
+                pending = 0;
+                n_pending = 0;
+                run = 0;
+            });
+            run += se - prev;
+            if (run || n_pending) eob.end_band(pending, n_pending);
+        });
+        eob.flush();
+    }
+};
 
 // ---- stream -----------------------------------------------------------------------------
 
@@ -358,57 +460,77 @@ struct Work {
     kivoe_dc_tbl dc[2];
     kivoe_ac_tbl ac[2];
     kivoe_huff_spec spec[4];
-    Coder coder[2];
-    BitOut out;
-    // Progressive: the zig-zag masks of every block's non-zero AC levels,
-    // per component in the order of its levels, made once for all scans.
-    uint64_t *nz[4];
+    // Progressive: the bit planes of every block's AC levels, per component
+    // in the order of its AC scans, and the DC levels of all its blocks (the
+    // DC scans read nothing else), made once for all scans.
+    kivoe_planes *planes[4];
+    int16_t *dc_levels[4];
+    // Baseline: the zig-zag masks of every block's non-zero AC levels,
+    // found while counting, for the writing pass.
+    uint64_t *masks[4];
 };
 
-// Frees w and its masks.
+// Frees w, its planes and DC levels.
 void free_work(Work *w) {
-    for (uint64_t *m : w->nz) std::free(m);
+    for (int32_t c = 0; c < 4; ++c) {
+        std::free(w->planes[c]);
+        std::free(w->dc_levels[c]);
+        std::free(w->masks[c]);
+    }
     std::free(w);
 }
 
-// Codes one scan (counting when the coders count). A sequential scan goes
-// through the baseline coder.
+// Codes one scan (counting when asked). A sequential scan goes through the
+// baseline coder.
 void code_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work &w, bool counting, xelo_bsw *bs) {
     int32_t pred[4] = {0, 0, 0, 0};
     if (s.ss == 0 && s.se == 63) {
-        for_each_block(pic, g, s, [&](int32_t c, const int16_t *b) {
+        for_each_block(pic, g, s, [&](int32_t c, size_t i) {
+            const int16_t *b = pic->coef[c] + 64 * i;
             const int32_t d = b[0] - pred[c];
             pred[c] = b[0];
             kivoe_dc_tbl *dc = &w.dc[table_of(s, c)];
             kivoe_ac_tbl *ac = &w.ac[table_of(s, c)];
             if (counting) {
                 kivoe_vlc_dc_stat(bs, dc, d);
-                kivoe_vlc_ac_stat(bs, ac, b);
+                w.masks[c][i] = kivoe_vlc_ac_stat_mask(ac, b);
             } else {
-                kivoe_vlc_block(bs, dc, ac, d, b);
+                kivoe_vlc_block_mask(bs, dc, ac, d, b, w.masks[c][i]);
             }
             return true;
         });
         return;
     }
-    w.out = BitOut{bs, 0, 0};
-    for (int32_t i = 0; i < 2; ++i) {
-        Coder &t = w.coder[i];
-        t.out = &w.out;
-        t.counting = counting;
-        t.eob_run = t.held = 0;
-        t.counter = s.ss ? w.ac[i].counter : w.dc[i].counter;
-        t.code = s.ss ? w.ac[i].by_symbol : w.dc[i].code;
+    BitOut out{bs, 0, 0};
+    if (s.ss == 0) {
+        for_each_block(pic, g, s, [&](int32_t c, size_t i) {
+            const int32_t dc = w.dc_levels[c][i];
+            if (s.ah) {
+                out.put(static_cast<uint32_t>(asr(dc, s.al) & 1), 1);
+                return true;
+            }
+            const int32_t v = asr(dc, s.al);
+            const int32_t d = v - pred[c];
+            pred[c] = v;
+            const int32_t k = kivo::category(d);
+            kivoe_dc_tbl &t = w.dc[table_of(s, c)];
+            if (counting) {
+                ++t.counter[k];
+            } else {
+                const uint32_t extra = static_cast<uint32_t>(d < 0 ? d - 1 : d) & ((1u << k) - 1);
+                out.put(static_cast<uint32_t>(t.code[k].code) << k | extra, t.code[k].len + k);
+            }
+            return true;
+        });
+    } else {
+        const int32_t c = s.comp[0];
+        const AcScan scan{pic->coef[c], g.bw[c], g.bh[c], pic->blk_w[c], w.planes[c], s.ss, s.se, s.al};
+        if (counting && s.ah) scan.count_refine(w.ac[0].counter);
+        else if (counting) scan.count_first(w.ac[0].counter);
+        else if (s.ah) scan.write_refine(out, w.ac[0].by_symbol);
+        else scan.write_first(out, w.ac[0].by_symbol);
     }
-    for_each_block(pic, g, s, [&](int32_t c, const int16_t *b) {
-        if (s.ss == 0 && s.ah) w.coder[0].bits(static_cast<uint32_t>(asr(b[0], s.al) & 1), 1);
-        else if (s.ss == 0) code_dc_first(w.coder[table_of(s, c)], &pred[c], s.al, b);
-        else if (s.ah) code_ac_refine(w.coder[0], s.ss, s.se, s.al, b, w.nz[c][(b - pic->coef[c]) >> 6]);
-        else code_ac_first(w.coder[0], s.ss, s.se, s.al, b, w.nz[c][(b - pic->coef[c]) >> 6]);
-        return true;
-    });
-    w.coder[0].flush_eob_run();
-    w.out.drain();
+    out.drain();
 }
 
 // Counts the scan's symbols, builds its tables and writes DHT, SOS and the
@@ -464,16 +586,31 @@ int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw
     if (ret < 0) return ret;
     Work *w = static_cast<Work *>(std::calloc(1, sizeof(Work)));
     if (!w) return KIVO_ERR_OUT_OF_MEMORY;
+    for (int32_t c = 0; c < pic->n_comp && coding == KIVOE_CODING_BASELINE; ++c) {
+        w->masks[c] = static_cast<uint64_t *>(std::malloc(static_cast<size_t>(pic->blk_w[c]) * pic->blk_h[c] * sizeof(uint64_t)));
+        if (!w->masks[c]) {
+            free_work(w);
+            return KIVO_ERR_OUT_OF_MEMORY;
+        }
+    }
     if (coding == KIVOE_CODING_PROGRESSIVE) {
+        kivoe_proc proc{};
+        kivoe_dsp_init(&proc, kivo_cpu_flags());
         for (int32_t c = 0; c < pic->n_comp; ++c) {
             const size_t blocks = static_cast<size_t>(pic->blk_w[c]) * pic->blk_h[c];
-            w->nz[c] = static_cast<uint64_t *>(std::malloc(blocks * sizeof(uint64_t)));
-            if (!w->nz[c]) {
+            w->planes[c] = static_cast<kivoe_planes *>(std::malloc(static_cast<size_t>(g.bw[c]) * g.bh[c] * sizeof(kivoe_planes)));
+            w->dc_levels[c] = static_cast<int16_t *>(std::malloc(blocks * sizeof(int16_t)));
+            if (!w->planes[c] || !w->dc_levels[c]) {
                 free_work(w);
                 return KIVO_ERR_OUT_OF_MEMORY;
             }
-            bool all_coded;  // the levels were checked above
-            for (size_t i = 0; i < blocks; ++i) w->nz[c][i] = kivoe_zigzag_ac_mask(pic->coef[c] + 64 * i, &all_coded);
+            for (size_t i = 0; i < blocks; ++i) w->dc_levels[c][i] = pic->coef[c][64 * i];
+            // The levels were checked above: none is -32768.
+            kivoe_planes *p = w->planes[c];
+            for (int32_t by = 0; by < g.bh[c]; ++by) {
+                const int16_t *b = pic->coef[c] + static_cast<size_t>(by) * pic->blk_w[c] * 64;
+                for (int32_t bx = 0; bx < g.bw[c]; ++bx, b += 64) proc.planes(b, p++);
+            }
         }
     }
 

@@ -10,6 +10,7 @@ int32_t kivoe_quant_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *of
 void kivoe_quant_rdoq_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_fdct8_sse2(int16_t *blk);
 void kivoe_jndfilt8x8_sse2(const uint8_t *src, int32_t stride, int16_t *blk);
+void kivoe_planes_sse2(const int16_t *blk, kivoe_planes *out);
 void kivoe_fdct8_avx2(int16_t *blk);
 int32_t kivoe_quant_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_quant_rdoq_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
@@ -17,5 +18,6 @@ void kivoe_fdct8_neon(int16_t *blk);
 int32_t kivoe_quant_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_quant_rdoq_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_jndfilt8x8_neon(const uint8_t *src, int32_t stride, int16_t *blk);
+void kivoe_planes_neon(const int16_t *blk, kivoe_planes *out);
 
 #endif

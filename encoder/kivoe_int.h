@@ -130,6 +130,15 @@ typedef void (*kivoe_fdct_fn)(int16_t *blk);
 typedef int32_t (*kivoe_quant_fn)(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 typedef void (*kivoe_quant_rdoq_fn)(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 typedef void (*kivoe_jndfilt_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
+// Bit planes of a block's AC levels in zig-zag order, for the progressive
+// writer: bit z of nz[a] is set when |level| >> a is not zero, of odd[a]
+// when bit a of |level| is set, of neg when the level is negative. Bit 0
+// (the DC position) is clear in all.
+struct kivoe_planes {
+    uint64_t nz[3], odd[2], neg;
+};
+// Levels other than -32768.
+typedef void (*kivoe_planes_fn)(const int16_t *blk, kivoe_planes *out);
 
 struct kivoe_proc {
     int32_t (*ready)(kivoe_ctx *ctx);
@@ -149,6 +158,7 @@ struct kivoe_proc {
     kivoe_quant_rdoq_fn quant_rdoq;
     // Kernels beyond the fifteen slots, chosen the same way.
     kivoe_jndfilt_fn jndfilt;
+    kivoe_planes_fn planes;
 };
 
 struct kivoe_ctx {
@@ -253,6 +263,12 @@ int32_t kivoe_vlc_ac(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk);
 int32_t kivoe_vlc_block(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk);
 int32_t kivoe_vlc_dc_stat(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff);
 int32_t kivoe_vlc_ac_stat(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk);
+// For a block coded twice: kivoe_vlc_ac_stat, returning the mask that
+// kivoe_vlc_block_mask takes to code the block without finding its
+// non-zero levels again (all ones: a level without category, found then).
+uint64_t kivoe_vlc_ac_stat_mask(kivoe_ac_tbl *t, const int16_t *blk);
+int32_t kivoe_vlc_block_mask(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk,
+                             uint64_t mask);
 int32_t kivoe_vlc_dri_marker(xelo_bsw *bs, int32_t marker);
 int32_t kivoe_vlc_null(xelo_bsw *bs, int32_t marker);
 int32_t kivoe_vlc_footer(kivoe_ctx *ctx);
@@ -271,6 +287,7 @@ void kivoe_quant_rdoq(int16_t *blk, const uint16_t *recip, const uint16_t *offse
 // reconstruction errors (coef: the unquantized coefficients).
 void kivoe_update_offset(const int16_t *levels, const int16_t *coef, const uint16_t *q,
                          const uint16_t *recip, uint16_t *offset);
+void kivoe_planes_c(const int16_t *blk, kivoe_planes *out);
 // Fills the transform and quantizer slots from the best variant the CPU
 // flags allow.
 void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags);

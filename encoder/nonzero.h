@@ -67,15 +67,15 @@ inline uint64_t kivoe_raster_mask(const int16_t *blk) {
 
 namespace kivoe_nz {
 
-#if !defined(__ARM_NEON)
-// Zig-zag position of every raster position, from a walk along the
-// anti-diagonals (alternating direction, starting towards the right).
-struct RasToZig {
+// A map of the 64 positions of a block.
+struct Order {
     uint8_t z[64];
 };
 
-constexpr RasToZig make_ras_to_zig() {
-    RasToZig t{};
+// Zig-zag position of every raster position, from a walk along the
+// anti-diagonals (alternating direction, starting towards the right).
+constexpr Order make_ras_to_zig() {
+    Order t{};
     int32_t z = 0;
     for (int32_t d = 0; d < 15; ++d) {
         for (int32_t i = 0; i <= d; ++i) {
@@ -87,6 +87,17 @@ constexpr RasToZig make_ras_to_zig() {
     return t;
 }
 
+// Raster position of every zig-zag position, as constants.
+constexpr Order make_zig_to_ras() {
+    constexpr Order r2z = make_ras_to_zig();
+    Order t{};
+    for (int32_t i = 0; i < 64; ++i) t.z[r2z.z[i]] = static_cast<uint8_t>(i);
+    return t;
+}
+
+inline constexpr Order kZigToRas = make_zig_to_ras();
+
+#if !defined(__ARM_NEON)
 // kNibbleZig[i][m]: the zig-zag mask of the non-zero coefficients that the
 // four-bit pattern m marks among raster positions 4i to 4i + 3. The DC
 // position maps to no bit.
@@ -95,7 +106,7 @@ struct NibbleZig {
 };
 
 constexpr NibbleZig make_nibble_zig() {
-    constexpr RasToZig r2z = make_ras_to_zig();
+    constexpr Order r2z = make_ras_to_zig();
     NibbleZig t{};
     for (int32_t i = 0; i < 16; ++i)
         for (int32_t m = 0; m < 16; ++m)

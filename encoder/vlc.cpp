@@ -179,9 +179,7 @@ int32_t code_ac(Sink &sink, const kivoe_ac_tbl *t, const int16_t *blk) {
 }
 
 // The same walk, counting the symbols that code_ac writes.
-int32_t count_ac(kivoe_ac_tbl *t, const int16_t *blk) {
-    bool all_coded;
-    uint64_t mask = kivoe_zigzag_ac_mask(blk, &all_coded);
+int32_t count_ac(kivoe_ac_tbl *t, const int16_t *blk, uint64_t mask, bool all_coded) {
     int32_t next = 1;
     for (int32_t base = 0; base < 64; base += kMaskBits) {
         for (MaskWord m = static_cast<MaskWord>(mask >> base); m; m &= m - 1) {
@@ -242,6 +240,13 @@ int32_t kivoe_vlc_dc(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff) {
 }
 
 int32_t kivoe_vlc_block(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk) {
+    bool all_coded;
+    const uint64_t mask = kivoe_zigzag_ac_mask(blk, &all_coded);
+    return all_coded ? kivoe_vlc_block_mask(bs, dc, ac, diff, blk, mask) : kivoe_vlc_block_mask(bs, dc, ac, diff, blk, -1);
+}
+
+int32_t kivoe_vlc_block_mask(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk,
+                             uint64_t mask) {
     const int32_t k = kivo::category(diff);
     if (k < 0 || !FastSink::usable(bs)) {
         const int32_t ret = kivoe_vlc_dc(bs, dc, diff);
@@ -250,7 +255,7 @@ int32_t kivoe_vlc_block(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_
     FastSink sink(bs);
     const kivoe_code &c = dc->code[k];
     sink.put((static_cast<uint32_t>(c.code) << k) | (k ? extra_bits(as_int16(diff), k) : 0), c.len + k);
-    const int32_t ret = code_ac(sink, ac, blk);
+    const int32_t ret = ~mask ? code_ac<false>(sink, ac, blk, mask) : code_ac(sink, ac, blk);
     sink.store(bs);
     return ret;
 }
@@ -273,7 +278,17 @@ int32_t kivoe_vlc_dc_stat(xelo_bsw *, kivoe_dc_tbl *t, int32_t diff) {
     return KIVO_OK;
 }
 
-int32_t kivoe_vlc_ac_stat(xelo_bsw *, kivoe_ac_tbl *t, const int16_t *blk) { return count_ac(t, blk); }
+int32_t kivoe_vlc_ac_stat(xelo_bsw *, kivoe_ac_tbl *t, const int16_t *blk) {
+    bool all_coded;
+    const uint64_t mask = kivoe_zigzag_ac_mask(blk, &all_coded);
+    return count_ac(t, blk, mask, all_coded);
+}
+
+uint64_t kivoe_vlc_ac_stat_mask(kivoe_ac_tbl *t, const int16_t *blk) {
+    bool all_coded;
+    const uint64_t mask = kivoe_zigzag_ac_mask(blk, &all_coded);
+    return count_ac(t, blk, mask, all_coded) < 0 ? ~uint64_t(0) : mask;
+}
 
 int32_t kivoe_vlc_dri_marker(xelo_bsw *bs, int32_t marker) {
     xelo_bsw_sink(bs);

@@ -258,10 +258,10 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
     kivoe_proc plain{};
     kivoe_dsp_init(&plain, 0);
     ASSERT_TRUE(plain.fdct8 == &kivoe_fdct8 && plain.quant == &kivoe_quant && plain.quant_rdoq == &kivoe_quant_rdoq &&
-                plain.jndfilt == &kivoe_jndfilt8x8);
+                plain.jndfilt == &kivoe_jndfilt8x8 && plain.planes == &kivoe_planes_c);
     std::set<const void *> seen;
     auto is_new = [&seen](auto f) { return seen.insert(reinterpret_cast<const void *>(f)).second; };
-    is_new(plain.fdct8), is_new(plain.quant), is_new(plain.quant_rdoq), is_new(plain.jndfilt);
+    is_new(plain.fdct8), is_new(plain.quant), is_new(plain.quant_rdoq), is_new(plain.jndfilt), is_new(plain.planes);
     int checked = 0, failures = 0;
     auto fail = [&failures](const char *what, uint32_t flags, size_t i) {
         if (failures++ < 5) ADD_FAILURE() << what << " at CPU flags " << flags << ": block " << i;
@@ -272,14 +272,23 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
         kivoe_proc p{};
         kivoe_dsp_init(&p, flags);
         std::printf("%s\n", kivoe_dsp_describe(flags));
-        ASSERT_TRUE(p.fdct8 && p.quant && p.quant_rdoq && p.jndfilt) << flags;
-        const bool fdct = is_new(p.fdct8), quant = is_new(p.quant), rdoq = is_new(p.quant_rdoq), jnd = is_new(p.jndfilt);
-        checked += fdct + quant + rdoq + jnd;
+        ASSERT_TRUE(p.fdct8 && p.quant && p.quant_rdoq && p.jndfilt && p.planes) << flags;
+        const bool fdct = is_new(p.fdct8), quant = is_new(p.quant), rdoq = is_new(p.quant_rdoq), jnd = is_new(p.jndfilt),
+                   planes = is_new(p.planes);
+        checked += fdct + quant + rdoq + jnd + planes;
         for (size_t i = 0; fdct && i < sets.samples.size(); ++i) {
             Slot a(sets.samples[i].data(), i % 5), b(sets.samples[i].data(), i % 5);
             plain.fdct8(a.at);
             p.fdct8(b.at);
             if (!(a == b)) fail("fdct8", flags, i);
+        }
+        for (size_t i = 0; planes && i < sets.coefs.size(); ++i) {
+            Slot a(sets.coefs[i].data(), i % 5);
+            for (int k = 0; k < 64; ++k) a.at[k] = std::max<int16_t>(a.at[k], -32767);
+            kivoe_planes x, y;
+            plain.planes(a.at, &x);
+            p.planes(a.at, &y);
+            if (std::memcmp(&x, &y, sizeof(x))) fail("planes", flags, i);
         }
         // The filter reads two lines above and below the block, here from
         // consecutive sample blocks.
