@@ -6,7 +6,6 @@
 // with the tables built from the counts.
 #include <cstdlib>
 #include <cstring>
-#include <type_traits>
 
 #include "encoder/kivoe_int.h"
 #include "encoder/nonzero.h"
@@ -158,13 +157,9 @@ inline int32_t asr(int32_t v, int32_t n) { return v >= 0 ? v >> n : ~(~v >> n); 
 
 inline int32_t bit_length(uint32_t v) { return v ? 32 - __builtin_clz(v) : 0; }
 
-// Set bits are walked a register at a time: in two halves on 32-bit
-// processors, where 64-bit counts, clears and shifts take several
-// instructions.
-using MaskWord = std::conditional_t<sizeof(void *) >= 8, uint64_t, uint32_t>;
-constexpr int32_t kMaskBits = 8 * sizeof(MaskWord);
-inline int32_t ctz(uint64_t m) { return __builtin_ctzll(m); }
-inline int32_t ctz(uint32_t m) { return __builtin_ctz(m); }
+using kivoe_nz::MaskWord;
+using kivoe_nz::kMaskBits;
+using kivoe_nz::ctz;
 
 // Calls f(k, base) for every bit k set in m, lowest first; base is the
 // first bit of k's register, for bit().

@@ -4,6 +4,7 @@
 #define KIVO_ENCODER_NONZERO_H
 
 #include <cstdint>
+#include <type_traits>
 
 #include "kivo.h"
 
@@ -66,6 +67,17 @@ inline uint64_t kivoe_raster_mask(const int16_t *blk) {
 }
 
 namespace kivoe_nz {
+
+// Masks are walked a register at a time: in two halves on 32-bit
+// processors, where 64-bit bit counts, clears and shifts take several
+// instructions.
+using MaskWord = std::conditional_t<sizeof(void *) >= 8, uint64_t, uint32_t>;
+constexpr int32_t kMaskBits = 8 * sizeof(MaskWord);
+// Trailing zeros of a non-zero mask word.
+inline int32_t ctz(MaskWord m) {
+    if constexpr (sizeof(MaskWord) == 8) return __builtin_ctzll(m);
+    else return __builtin_ctz(static_cast<uint32_t>(m));
+}
 
 // A map of the 64 positions of a block.
 struct Order {

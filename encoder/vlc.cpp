@@ -2,7 +2,6 @@
 // the statistics twins that count symbols instead, restart markers, EOI,
 // the rate functions and the two flush procedures of the bit writer.
 #include <cstring>
-#include <type_traits>
 
 #include "encoder/kivoe_int.h"
 #include "encoder/nonzero.h"
@@ -11,12 +10,9 @@
 namespace {
 
 
-// The zig-zag mask is walked a register at a time: in two halves on 32-bit
-// processors, where 64-bit bit counts and clears take several instructions.
-using MaskWord = std::conditional_t<sizeof(void *) >= 8, uint64_t, uint32_t>;
-constexpr int32_t kMaskBits = 8 * sizeof(MaskWord);
-inline int32_t ctz(uint64_t m) { return __builtin_ctzll(m); }
-inline int32_t ctz(uint32_t m) { return __builtin_ctz(m); }
+using kivoe_nz::MaskWord;
+using kivoe_nz::kMaskBits;
+using kivoe_nz::ctz;
 
 // True for the 16-bit values that have a size category: -32767 to 2047.
 inline bool has_category(int32_t v) { return static_cast<uint32_t>(v + 32767) <= 32767u + 2047u; }
