@@ -106,7 +106,7 @@ int32_t build_ac(const kivod_htbl_spec *spec, kivod_ac_tbl *t) {
         if (total_len > uint32_t(kFast)) continue;
         // Long codes the full decoder refuses stay out of the look-up too.
         if (s.len > 8 && s.len >= t->count && (s.run != 0 || s.size != 0)) continue;
-        int32_t flags = 0;
+        int32_t flags = kivod_fast_coef;
         if (s.size == 0) {
             if (s.run == 0) flags = kivod_fast_eob;
             else if (s.run == 15) flags = kivod_fast_zrl;

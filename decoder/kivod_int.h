@@ -163,13 +163,15 @@ struct kivod_ac_tbl {
     uint64_t ac_count[256];
     // Codes that fit in kivod_fast_bits bits together with their extra bits,
     // decoded in one step: indexed by the next kivod_fast_bits bits,
-    // (value << 16) | flags | (run << 8) | (code length + size); 0 when the
+    // (value << 16) | flags | (run << 8) | (code length + size), the flags
+    // saying end-of-block, sixteen zeros or coefficient; 0 when the
     // code and its bits need more. End-of-block and sixteen-zero codes carry
     // a flag and value 0.
     int32_t fast[1 << kivod_fast_bits];
 };
 constexpr int32_t kivod_fast_eob = 1 << 12;
 constexpr int32_t kivod_fast_zrl = 1 << 13;
+constexpr int32_t kivod_fast_coef = 1 << 14;  // a coefficient: one test tells the common case
 
 // Builds the decoding table of the table description's class and identifier.
 // tables: four DC tables followed by four AC tables. 0 or -202.

@@ -418,7 +418,7 @@ int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *b
     };
     const int32_t *fast = t->fast;
     int32_t k = 1, status = KIVO_OK;
-    while (k <= 63) {
+    for (;;) {
         if (n < 32) {
             uint32_t x = 0;
             if (w.end - p >= 3) {
@@ -447,11 +447,15 @@ int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *b
             }
         }
         const int32_t f = fast[hi >> (32 - kivod_fast_bits)];
-        if (f && !(f & (kivod_fast_eob | kivod_fast_zrl))) {
+        if (f & kivod_fast_coef) {
             // A coefficient code of the one-step look-up, the common case.
+            // One at 63 ends the block, one past it ends it unstored.
             consume(f & 31);
             const int32_t pos = k + ((f >> 8) & 15);
-            if (pos > 63) break;
+            if (pos >= 63) {
+                if (pos == 63 && k <= kLast) put<kMag>(blk, mag, qz[pos], f >> 16);
+                break;
+            }
             if (k <= kLast) put<kMag>(blk, mag, qz[pos], f >> 16);
             k = pos + 1;
             continue;
@@ -485,7 +489,8 @@ int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *b
             }
         }
         if (apply<kLast, false, kMag>(run, size, value, &k, q, qz, blk, mag, dc_only, nullptr, &rq, &status) !=
-            Next::kGoOn)
+                Next::kGoOn ||
+            k > 63)
             break;
     }
     pack();
