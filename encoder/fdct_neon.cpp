@@ -27,8 +27,9 @@ alignas(16) const int32_t kCol[8] = {724 << 21, 669, 277, 710, 141, 602, 402, 0}
 }  // namespace
 
 // Butterflies of one pass on lines q8-q15 (lane type T), leaving
-// a q0, b q15, e0 + e1 q14, e0 - e1 q12, g q10, h q9, g2 q8, h2 q11; the
-// rotation (vqrdmulh by d4[0]) on d16 -+ d25 in q1 and q9.
+// a q0, b q15, e0 + e1 q14, e0 - e1 q12 and, for the rotation by d4[0],
+// (x1 - x6) - (x2 - x5) in q1 and (x1 - x6) + (x2 - x5) in q9; KIVO_ODD then
+// leaves g q10, h q9, g2 q8, h2 q11.
 #define KIVO_BUTTERFLIES(T)                                                                                         \
     "vadd." T " q0, q8, q15\n\t" "vsub." T " q8, q8, q15\n\t" "vadd." T " q15, q9, q14\n\t"                       \
     "vsub." T " q9, q9, q14\n\t" "vadd." T " q14, q10, q13\n\t" "vsub." T " q10, q10, q13\n\t"                   \
@@ -105,3 +106,9 @@ void kivoe_fdct8_neon(int16_t *blk) {
           "d15", "d16", "d17", "d18", "d19", "d20", "d21", "d22", "d23", "d24", "d25", "d26", "d27", "d28", "d29",
           "d30", "d31");
 }
+
+#undef KIVO_BUTTERFLIES
+#undef KIVO_ODD
+#undef KIVO_ROW_OUT03
+#undef KIVO_ROW_OUT47
+#undef KIVO_COLUMNS
