@@ -1,6 +1,7 @@
 // SIMD variants of the encoder's kernels; each gives exactly what the plain
-// one gives (the x86 kivoe_quant variants for offsets below 32768, which
-// the half values always are).
+// one gives (the kivoe_quant variants for offsets below 32768 and
+// reciprocals up to 16384, which the half values and 16384 / q always are;
+// the kivoe_fdct8 variants for samples 0 to 255).
 #ifndef KIVO_ENCODER_SIMD_H
 #define KIVO_ENCODER_SIMD_H
 

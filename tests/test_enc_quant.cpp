@@ -307,6 +307,10 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
             const uint16_t *recip = &odd[65], *half = &odd[129], *off = &odd[193];
             Slot a(in, i % 5), b(in, i % 5), c(in, i % 5), d(in, i % 5);
             if (quant && (plain.quant(a.at, recip, half) != p.quant(b.at, recip, half) || !(a == b))) fail("quant", flags, i);
+            // Any offsets below 32768 (zero coefficients then quantize to -n).
+            Slot e(in, i % 5), f(in, i % 5);
+            if (quant && std::all_of(off, off + 64, [](uint16_t v) { return v < 32768; }) &&
+                (plain.quant(e.at, recip, off) != p.quant(f.at, recip, off) || !(e == f))) fail("quant, offsets", flags, i);
             if (rdoq) plain.quant_rdoq(c.at, recip, off), p.quant_rdoq(d.at, recip, off);
             if (rdoq && !(c == d)) fail("quant_rdoq", flags, i);
         }
