@@ -34,6 +34,23 @@ inline int16_t dequant(int32_t value, uint32_t q) {
     return low16(static_cast<uint32_t>(value) * q);
 }
 
+// The AC code at the top of `top` (the next 32 bits): its length, run and
+// size. 0, or -202 for a code the table does not hold.
+inline int32_t ac_code(const kivod_ac_tbl *t, uint32_t top, int32_t *len, int32_t *run, int32_t *size) {
+    const kivod_ac_look e = t->lookup[top >> 24];
+    if (e.len <= 8) {
+        *len = e.len;
+        *run = e.run;
+        *size = e.size;
+        return KIVO_OK;
+    }
+    const int32_t idx = long_ac_code(t, top >> 16, len);
+    if (idx < 0) return KIVO_ERR_MALFORMED;
+    *run = t->sym[idx].run;
+    *size = t->sym[idx].size;
+    return KIVO_OK;
+}
+
 // Decodes one AC code through the reader and consumes it with its extra
 // bits: run, size and, when `with_value`, the extended value. 0, or -202
 // for a code the table does not hold.
@@ -41,18 +58,8 @@ inline int32_t reader_symbol(kivod_bs *bs, const kivod_ac_tbl *t, bool with_valu
                              int32_t *value) {
     top_up(bs);
     const uint32_t c = bs->cache;
-    const kivod_ac_look e = t->lookup[c >> 24];
     int32_t len;
-    if (e.len <= 8) {
-        len = e.len;
-        *run = e.run;
-        *size = e.size;
-    } else {
-        const int32_t idx = long_ac_code(t, c >> 16, &len);
-        if (idx < 0) return KIVO_ERR_MALFORMED;
-        *run = t->sym[idx].run;
-        *size = t->sym[idx].size;
-    }
+    if (ac_code(t, c, &len, run, size) != KIVO_OK) return KIVO_ERR_MALFORMED;
     const int32_t s = *size;
     const int32_t total = len + s;
     *value = 0;
@@ -212,15 +219,20 @@ inline void window_begin(const kivod_bs *bs, Window *w) {
     w->open = true;
 }
 
+// True when a byte of x is 0xFF: its complement then holds a zero byte.
+template <class T>
+inline bool holds_ff(T x) {
+    const T inv = static_cast<T>(~x), ones = static_cast<T>(~T(0)) / 255;  // 0x01 in every byte
+    return ((inv - ones) & ~inv & static_cast<T>(ones << 7)) != 0;
+}
+
 inline void window_fill(Window *w) {
     if (w->n > 56) return;
     if (w->end - w->p >= 7) {
         uint64_t x;
         std::memcpy(&x, w->p, 8);
         x = __builtin_bswap64(x);
-        const uint64_t inv = ~x;  // a 0xFF byte becomes a zero byte
-        const uint64_t ff = (inv - 0x0101010101010101ull) & ~inv & 0x8080808080808080ull;
-        if (!ff) {
+        if (!holds_ff(x)) {
             const int32_t k = (64 - w->n) >> 3;
             const int32_t kept = w->n + 8 * k;
             const uint64_t keep = kept >= 64 ? ~0ull : ~(~0ull >> kept);
@@ -264,6 +276,37 @@ inline int32_t dc_window(Window *w, int16_t q0, const kivod_dc_tbl *t, uint64_t 
     return KIVO_OK;
 }
 
+// The start of a block for both block loops, on w, the local copy of the
+// opened window *wp: the window filled, and the DC code when kDc. Returns
+// true with 32 bits or more in w to go on with; false with *ret the block's status when the reader
+// has decoded the block (no window could be had) or the DC code failed.
+template <int kLast, bool kCount, bool kDc, bool kMag>
+inline bool block_start(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk, int16_t *diff,
+                        int16_t *dc_only, Window &w, int32_t *ret) {
+    *dc_only = kLast == 0 ? 1 : 0;
+    if (w.open && w.n < 32) window_fill(&w);
+    if (!w.open || w.n < 32) {
+        *wp = w;
+        kivod_win_close(wp, bs);
+        if (kDc) {
+            *ret = kivod_vld_dc(bs, s.q0, s.dc, s.dc_count, diff);
+            if (*ret != KIVO_OK) return false;
+        }
+        Requant rq;
+        *ret = ac_reader<kLast, kCount, kMag>(bs, s.q, s.qz, s.ac, kCount ? s.ac_count : nullptr, blk, s.mag, dc_only,
+                                               1, &rq);
+        return false;
+    }
+    if (kDc) {
+        *ret = dc_window(&w, s.q0, s.dc, s.dc_count, diff);
+        if (*ret != KIVO_OK) {
+            *wp = w;
+            return false;
+        }
+    }
+    return true;
+}
+
 // One block's symbols, with its DC code first when kDc, through the window
 // while it can be opened and filled, else through the reader.
 // Coefficients of symbols that start at zig-zag positions up to kLast are
@@ -277,27 +320,11 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
     const kivod_ac_tbl *t = s.ac;
     uint64_t *cnt = s.ac_count;
     uint32_t *mag = s.mag;
-    *dc_only = kLast == 0 ? 1 : 0;
-    Requant rq;
     window_begin(bs, wp);
     Window w = *wp;  // a local copy stays in registers
-    if (w.open && w.n < 32) window_fill(&w);
-    if (!w.open || w.n < 32) {
-        *wp = w;
-        kivod_win_close(wp, bs);
-        if (kDc) {
-            const int32_t st = kivod_vld_dc(bs, s.q0, s.dc, s.dc_count, diff);
-            if (st != KIVO_OK) return st;
-        }
-        return ac_reader<kLast, kCount, kMag>(bs, q, qz, t, cnt, blk, mag, dc_only, 1, &rq);
-    }
-    if (kDc) {
-        const int32_t st = dc_window(&w, s.q0, s.dc, s.dc_count, diff);
-        if (st != KIVO_OK) {
-            *wp = w;
-            return st;
-        }
-    }
+    int32_t ret;
+    if (!block_start<kLast, kCount, kDc, kMag>(bs, wp, s, blk, diff, dc_only, w, &ret)) return ret;
+    Requant rq;
     int32_t k = 1;
     int32_t status = KIVO_OK;
     Next n = Next::kEnd;
@@ -340,20 +367,10 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
             run = f & kivod_fast_zrl ? 15 : 0;
             size = 0;
         } else {
-            const kivod_ac_look e = t->lookup[w.acc >> 56];
             int32_t len;
-            if (e.len <= 8) {
-                len = e.len;
-                run = e.run;
-                size = e.size;
-            } else {
-                const int32_t idx = long_ac_code(t, static_cast<uint32_t>(w.acc >> 48), &len);
-                if (idx < 0) {
-                    *wp = w;
-                    return KIVO_ERR_MALFORMED;
-                }
-                run = t->sym[idx].run;
-                size = t->sym[idx].size;
+            if (ac_code(t, static_cast<uint32_t>(w.acc >> 32), &len, &run, &size) != KIVO_OK) {
+                *wp = w;
+                return KIVO_ERR_MALFORMED;
             }
             window_skip(&w, len);
             if (size) {
@@ -380,27 +397,11 @@ int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *b
     const uint32_t *qz = s.qz;
     const kivod_ac_tbl *t = s.ac;
     uint32_t *mag = s.mag;
-    *dc_only = kLast == 0 ? 1 : 0;
-    Requant rq;
     window_begin(bs, wp);
-    Window w = *wp;
-    if (w.open && w.n < 32) window_fill(&w);
-    if (!w.open || w.n < 32) {
-        *wp = w;
-        kivod_win_close(wp, bs);
-        if (kDc) {
-            const int32_t st = kivod_vld_dc(bs, s.q0, s.dc, s.dc_count, diff);
-            if (st != KIVO_OK) return st;
-        }
-        return ac_reader<kLast, false, kMag>(bs, q, qz, t, nullptr, blk, mag, dc_only, 1, &rq);
-    }
-    if (kDc) {
-        const int32_t st = dc_window(&w, s.q0, s.dc, s.dc_count, diff);
-        if (st != KIVO_OK) {
-            *wp = w;
-            return st;
-        }
-    }
+    Window w = *wp;  // a local copy stays in registers
+    int32_t ret;
+    if (!block_start<kLast, false, kDc, kMag>(bs, wp, s, blk, diff, dc_only, w, &ret)) return ret;
+    Requant rq;
     // Every symbol takes at most 31 bits of the 32 or more the window holds
     // before it, so at least one is left: the shifts below stay in 1..31.
     uint32_t hi = static_cast<uint32_t>(w.acc >> 32), lo = static_cast<uint32_t>(w.acc);
@@ -420,13 +421,12 @@ int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *b
     int32_t k = 1, status = KIVO_OK;
     for (;;) {
         if (n < 32) {
-            uint32_t x = 0;
+            uint32_t x = 0xFFFFFFFFu;  // fewer than four bytes left: as a 0xFF
             if (w.end - p >= 3) {
                 std::memcpy(&x, p, 4);
                 x = __builtin_bswap32(x);
             }
-            const uint32_t inv = ~x;  // a 0xFF byte becomes a zero byte
-            if (w.end - p >= 3 && !((inv - 0x01010101u) & ~inv & 0x80808080u)) {
+            if (!holds_ff(x)) {
                 hi |= x >> n;  // n >= 1 and the bits below n are zero
                 lo = x << (32 - n);
                 n += 32;
@@ -466,21 +466,11 @@ int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *b
             run = f & kivod_fast_zrl ? 15 : 0;
             size = 0;
         } else {
-            const kivod_ac_look e = t->lookup[hi >> 24];
             int32_t len;
-            if (e.len <= 8) {
-                len = e.len;
-                run = e.run;
-                size = e.size;
-            } else {
-                const int32_t idx = long_ac_code(t, hi >> 16, &len);
-                if (idx < 0) {
-                    pack();
-                    *wp = w;
-                    return KIVO_ERR_MALFORMED;
-                }
-                run = t->sym[idx].run;
-                size = t->sym[idx].size;
+            if (ac_code(t, hi, &len, &run, &size) != KIVO_OK) {
+                pack();
+                *wp = w;
+                return KIVO_ERR_MALFORMED;
             }
             consume(len);
             if (size) {
