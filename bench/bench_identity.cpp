@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_util.h"
 #include "kivoc.h"
 #include "kivot.h"
 #include "support/kivo_encode.h"
@@ -51,20 +52,13 @@ void lossless(const char *name, const std::vector<uint8_t> &src, int t) {
     kivo_tpool_std(&pool, t);
     kivoe_create_param cp{1, 0, 0, 0, 0, &pool};
     kivot_ctx *tc = kivot_create(&cp, nullptr);
-    std::vector<uint8_t> in(src), out(src.size() * 4 + 65536);
-    xelo_bitb ib{}, ob{};
-    ib.addr = in.data();
-    ib.ssize = static_cast<int32_t>(in.size());
-    ob.addr = out.data();
-    ob.ssize = static_cast<int32_t>(out.size());
-    const kivod_input input{KIVOD_INPUT_BITB, &ib, nullptr};
-    const kivoe_output output{KIVOD_INPUT_BITB, &ob, nullptr};
+    const bench::MemoryIo io(src);
     char full[600];
     for (int32_t coding : {KIVOT_LOSSLESS_BASELINE, KIVOT_LOSSLESS_PROGRESSIVE}) {
         int32_t written = 0;
         kivotest::Encoded e;
-        e.status = kivot_txcode_lossless(tc, &input, &output, &written, coding);
-        if (e.status == 0) e.jpg.assign(out.begin(), out.begin() + written);
+        e.status = kivot_txcode_lossless(tc, &io.input, &io.output, &written, coding);
+        if (e.status == 0) e.jpg = io.written(written);
         snprintf(full, sizeof(full), "%s/lossless%d/t%d", name, coding, t);
         report(full, e);
     }
@@ -177,18 +171,11 @@ void transcode(const std::string &path, bool quick) {
                 const int32_t ids[4] = {KIVOT_CFG_OPT_HUFFMAN, KIVOT_CFG_JND_FILTER, KIVOT_CFG_JND_SUPPRESS,
                                         KIVOT_CFG_ADAPTIVE_ROUNDING};
                 for (int i = 0; i < 4; ++i) kivot_config(tc, ids[i], const_cast<int32_t *>(&flags[i]), &four);
-                std::vector<uint8_t> in(src), out(src.size() * 4 + 65536);
-                xelo_bitb ib{}, ob{};
-                ib.addr = in.data();
-                ib.ssize = static_cast<int32_t>(in.size());
-                ob.addr = out.data();
-                ob.ssize = static_cast<int32_t>(out.size());
-                kivod_input input{KIVOD_INPUT_BITB, &ib, nullptr};
-                kivoe_output output{KIVOD_INPUT_BITB, &ob, nullptr};
+                const bench::MemoryIo io(src);
                 int32_t written = 0;
                 kivotest::Encoded e;
-                e.status = kivot_txcode(tc, &input, &output, &written);
-                if (e.status == 0) e.jpg.assign(out.begin(), out.begin() + written);
+                e.status = kivot_txcode(tc, &io.input, &io.output, &written);
+                if (e.status == 0) e.jpg = io.written(written);
                 kivot_delete(tc);
                 snprintf(name, sizeof(name), "trc/%s/s%d/q%d/t%d", path.c_str(), s, q, t);
                 report(name, e);

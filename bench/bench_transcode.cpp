@@ -18,17 +18,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
+#include "bench_util.h"
 #include "kivot.h"
 #include "oracle_support/turbo.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
 
 double psnr(const std::vector<testpic::Plane> &a, const std::vector<testpic::Plane> &b) {
     double se = 0;
@@ -51,27 +50,18 @@ int time_modes(const std::vector<std::string> &files, int reps, int threads) {
     kivo_tpool_std(&pool, threads);
     std::vector<double> ratios;
     for (const std::string &f : files) {
-        std::ifstream is(f, std::ios::binary);
-        std::vector<uint8_t> in((std::istreambuf_iterator<char>(is)), std::istreambuf_iterator<char>()),
-            out(in.size() * 4 + 65536);
+        const bench::MemoryIo io(bench::load(f.c_str()));
         kivoe_create_param cp{1, 0, 0, 0, 0, &pool};
         kivot_ctx *t = kivot_create(&cp, nullptr);
-        if (!t || in.empty()) return 1;
-        xelo_bitb ib{}, ob{};
-        ib.addr = in.data();
-        ib.ssize = static_cast<int32_t>(in.size());
-        ob.addr = out.data();
-        ob.ssize = static_cast<int32_t>(out.size());
-        const kivod_input input{KIVOD_INPUT_BITB, &ib, nullptr};
-        const kivoe_output output{KIVOD_INPUT_BITB, &ob, nullptr};
+        if (!t || io.in.empty()) return 1;
         double ms[4] = {1e30, 1e30, 1e30, 1e30};
         for (int r = 0; r < reps; ++r)
             for (int m = 0; m < 4; ++m) {
                 int32_t written = 0, chosen = 0, st;
                 const auto t0 = Clock::now();
-                if (m == 0) st = kivot_txcode(t, &input, &output, &written);
-                else if (m < 3) st = kivot_txcode_lossless(t, &input, &output, &written, m - 1);
-                else st = kivot_txcode_smallest(t, &input, &output, &written, &chosen);
+                if (m == 0) st = kivot_txcode(t, &io.input, &io.output, &written);
+                else if (m < 3) st = kivot_txcode_lossless(t, &io.input, &io.output, &written, m - 1);
+                else st = kivot_txcode_smallest(t, &io.input, &io.output, &written, &chosen);
                 if (st != 0) {
                     std::fprintf(stderr, "bench_transcode: %s: %s failed (%d)\n", f.c_str(), names[m], st);
                     return 1;
@@ -81,7 +71,7 @@ int time_modes(const std::vector<std::string> &files, int reps, int threads) {
         kivot_delete(t);
         ratios.push_back(ms[3] / ms[0]);
         const std::string base = f.substr(f.find_last_of('/') + 1);
-        std::printf("%-28s %9zu %9.1f %9.1f %9.1f %9.1f %6.2fx\n", base.c_str(), in.size(), ms[0], ms[1], ms[2], ms[3],
+        std::printf("%-28s %9zu %9.1f %9.1f %9.1f %9.1f %6.2fx\n", base.c_str(), io.in.size(), ms[0], ms[1], ms[2], ms[3],
                     ratios.back());
     }
     std::sort(ratios.begin(), ratios.end());
@@ -124,21 +114,14 @@ int main(int argc, char **argv) {
         kivot_ctx *t = kivot_create(&cp, nullptr);
         const int32_t four = 4, on = 1, s128 = 128;
         kivot_config(t, KIVOT_CFG_OPT_HUFFMAN, const_cast<int32_t *>(&on), &four);
-        std::vector<uint8_t> in(src), out(src.size() * 4 + 65536);
-        xelo_bitb ib{}, ob{};
-        ib.addr = in.data();
-        ib.ssize = static_cast<int32_t>(in.size());
-        ob.addr = out.data();
-        ob.ssize = static_cast<int32_t>(out.size());
-        kivod_input input{KIVOD_INPUT_BITB, &ib, nullptr};
-        kivoe_output output{KIVOD_INPUT_BITB, &ob, nullptr};
+        const bench::MemoryIo io(src);
         int32_t written = 0;
         double tk = 1e30, tt = 1e30;
         uint8_t qt[128];
         std::vector<uint8_t> turbo_out;
         for (int r = 0; r < reps; ++r) {
             auto t0 = Clock::now();
-            if (kivot_txcode(t, &input, &output, &written) != 0) {
+            if (kivot_txcode(t, &io.input, &io.output, &written) != 0) {
                 std::fprintf(stderr, "bench_transcode: transcoding failed\n");
                 return 1;
             }
@@ -157,7 +140,7 @@ int main(int argc, char **argv) {
             tt = std::min(tt, std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
         }
         kivot_delete(t);
-        std::vector<uint8_t> ours(out.begin(), out.begin() + written);
+        const std::vector<uint8_t> ours = io.written(written);
         std::vector<testpic::Plane> dec_out;
         turbo::decode_raw(ours, 1, &dec_out);
         const auto lossless = turbo::transcode(src, false, true);

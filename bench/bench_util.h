@@ -1,4 +1,5 @@
-// What the side-by-side benchmarks share: reading a file and timing.
+// What the side-by-side benchmarks share: reading a file, timing, and the
+// memory input and output the codec calls take.
 #ifndef KIVO_BENCH_UTIL_H
 #define KIVO_BENCH_UTIL_H
 
@@ -7,6 +8,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <vector>
+
+#include "kivoe.h"
 
 namespace bench {
 
@@ -35,6 +38,27 @@ double best_of(int reps, F &&f) {
     }
     return best;
 }
+
+// Memory input holding a copy of src, and output memory of four times its
+// size and 64 KiB more.
+struct MemoryIo {
+    std::vector<uint8_t> in, out;
+    xelo_bitb ib{}, ob{};
+    kivod_input input{};
+    kivoe_output output{};
+    explicit MemoryIo(const std::vector<uint8_t> &src) : in(src), out(src.size() * 4 + 65536) {
+        ib.addr = in.data();
+        ib.ssize = static_cast<int32_t>(in.size());
+        ob.addr = out.data();
+        ob.ssize = static_cast<int32_t>(out.size());
+        input = kivod_input{KIVOD_INPUT_BITB, &ib, nullptr};
+        output = kivoe_output{KIVOD_INPUT_BITB, &ob, nullptr};
+    }
+    MemoryIo(const MemoryIo &) = delete;
+    MemoryIo &operator=(const MemoryIo &) = delete;
+    // The first n bytes written.
+    std::vector<uint8_t> written(int32_t n) const { return std::vector<uint8_t>(out.begin(), out.begin() + n); }
+};
 
 }  // namespace bench
 
