@@ -175,19 +175,49 @@ KIVO_API int32_t kivod_get_progress(kivod_ctx *ctx, kivod_progress *progress) {
 
 }  // extern "C"
 
-void kivod_release_app_list(kivod_ctx *ctx) {
-    kivod_app_node *node = ctx->app_list;
+namespace {
+
+void free_app_nodes(kivod_app_node *node, bool owned) {
     while (node) {
         kivod_app_node *next = node->next;
-        if (ctx->app_owned) std::free(node->data);
+        if (owned) std::free(node->data);
         std::free(node);
         node = next;
     }
+}
+
+}  // namespace
+
+void kivod_release_app_list(kivod_ctx *ctx) {
+    free_app_nodes(ctx->app_list, ctx->app_owned);
     ctx->app_list = nullptr;
     ctx->app_last = nullptr;
     ctx->app_owned = 0;
     // The nodes may point into the copy of a file read whole.
     std::free(ctx->file_copy);
+    ctx->file_copy = nullptr;
+}
+
+kivod_kept::~kivod_kept() {
+    for (int16_t *p : coef) std::free(p);
+    free_app_nodes(apps, app_owned);
+    std::free(file_copy);
+}
+
+void kivod_kept::take(kivod_ctx *ctx) {
+    for (int c = 0; c < 4; ++c) {
+        std::free(coef[c]);
+        coef[c] = ctx->coef_buf[c];
+        ctx->coef_buf[c] = nullptr;
+    }
+    free_app_nodes(apps, app_owned);
+    std::free(file_copy);
+    apps = ctx->app_list;
+    app_owned = ctx->app_owned;
+    file_copy = ctx->file_copy;
+    ctx->app_list = nullptr;
+    ctx->app_last = nullptr;
+    ctx->app_owned = 0;
     ctx->file_copy = nullptr;
 }
 

@@ -369,6 +369,21 @@ KIVO_API void kivod_prepare(kivod_ctx *ctx);
 void kivod_release_app_list(kivod_ctx *ctx);
 void kivod_release_frame_buffers(kivod_ctx *ctx);
 
+// The levels (kivod_dec_levels) and the APPn list of a picture, moved out
+// of the decoder so that its next decode leaves them alone; freed with the
+// record.
+struct kivod_kept {
+    int16_t *coef[4] = {};
+    kivod_app_node *apps = nullptr;
+    int32_t app_owned = 0;
+    uint8_t *file_copy = nullptr;  // the file read whole that the nodes may point into
+    kivod_kept() = default;
+    kivod_kept(const kivod_kept &) = delete;
+    kivod_kept &operator=(const kivod_kept &) = delete;
+    ~kivod_kept();
+    void take(kivod_ctx *ctx);
+};
+
 // ---- marker segment parsers (seg.cpp) -----------------------------------------------
 int32_t kivod_vld_soi(kivod_bs *bs);
 int32_t kivod_vld_eoi(kivod_bs *bs);

@@ -528,6 +528,28 @@ void code_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work
     out.drain();
 }
 
+// Bits of the counted symbols' codes and extra bits under the tables in
+// spec: no more than the scan's entropy-coded data (correction bits of a
+// refinement and stuffed bytes come on top).
+uint64_t coded_bits(const Work &w, const kivoe_huff_spec *spec, int32_t n_spec) {
+    uint64_t bits = 0;
+    for (int32_t i = 0; i < n_spec; ++i) {
+        if (spec[i].cls == 0) {
+            const kivoe_dc_tbl &t = w.dc[spec[i].id];
+            for (int32_t k = 0; k < 16; ++k) bits += t.counter[k] * (t.code[k].len + static_cast<uint32_t>(k));
+            continue;
+        }
+        const kivoe_ac_tbl &t = w.ac[spec[i].id];
+        for (int32_t sym = 0; sym < 256; ++sym) {
+            // Extra bits: the level's size, or an end-of-band run's length
+            // (EOBn, n = sym >> 4; none for ZRL).
+            const uint32_t size = sym & 15, extra = size ? size : sym == 0xF0 ? 0 : static_cast<uint32_t>(sym >> 4);
+            bits += t.counter[sym] * (t.by_symbol[sym].len + extra);
+        }
+    }
+    return bits;
+}
+
 // Counts the scan's symbols, builds its tables and writes DHT, SOS and the
 // entropy-coded data.
 void write_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work &w, xelo_bsw *bs) {
@@ -557,6 +579,13 @@ void write_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Wor
     if (n_spec) kivoe_write_dht(bs, w.spec, n_spec);
     write_sos(bs, pic, s);
     xelo_bsw_sink(bs);
+    // A scan whose codes cannot fit in the room left is not written: the
+    // stream is already too long for the buffer.
+    const uint64_t need = (coded_bits(w, w.spec, n_spec) + 7) / 8 + 2 + static_cast<uint64_t>(pic->trailer_len);
+    if (bs->write_ptr && static_cast<uint64_t>(bs->end_ptr - bs->write_ptr) < need) {
+        bs->overflow = 1;
+        return;
+    }
     bs->flush = kivoe_bs_flush_data_seg;
     code_scan(pic, g, s, w, false, bs);
     // The last byte is padded with 1-bits.

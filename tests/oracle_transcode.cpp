@@ -188,6 +188,13 @@ TEST(OracleTranscode, LosslessAndSmallest) {
             const Bytes out(buf.begin(), buf.begin() + n), ref = turbo::transcode(src, coding != 0, true);
             EXPECT_TRUE(same_pixels(src, out)) << coding;
             EXPECT_LT(std::abs(double(out.size()) / ref.size() - 1), 0.01) << coding << ": " << out.size() << " vs " << ref.size();
+            // Exactly its size is room enough, a byte less is not.
+            for (int32_t less : {0, 1}) {
+                int32_t m = 0;
+                ob.ssize = n - less;
+                EXPECT_EQ(kivot_txcode_lossless(t, &input, &output, &m, coding), less ? KIVO_ERR_INVALID_ARG : 0);
+            }
+            ob.ssize = static_cast<int32_t>(buf.size());
         }
         int32_t n = 0, chosen = 0;
         ASSERT_EQ(kivot_txcode_smallest(t, &input, &output, &n, &chosen), 0);

@@ -58,6 +58,7 @@ struct Levels {
     kivoe_coef_pic pic{};
     kivot_app_view apps;
     kivot_trailer trailer;
+    kivod_kept kept;  // after keep(): the levels and APPn list, out of the decoder
     int32_t read(kivot_ctx *t, const kivod_input *in) {
         int32_t ret = kivot_read_levels(t, in, &pic);
         if (ret == KIVO_OK) ret = apps.select(t->copy, t->dec->app_list);
@@ -68,6 +69,8 @@ struct Levels {
         pic.trailer_len = static_cast<int32_t>(trailer.size);
         return KIVO_OK;
     }
+    // Lets the decoder decode again without touching pic.
+    void keep(kivod_ctx *d) { kept.take(d); }
 };
 
 // The source's bytes in memory: the caller's, or read from its file.
@@ -137,32 +140,80 @@ int32_t strip_source(const uint8_t *s, int32_t n, int32_t copy, uint8_t *dst) {
     return out + (n - in);
 }
 
-// Writes the levels baseline into buf[0] and progressive into buf[1] (cap
-// bytes each), at the same time when the handle has lent threads, and
-// offers both. Returns -102 when either ran out of memory, else 0.
-template <class Offer>
-int32_t write_both(kivot_ctx *t, const kivoe_coef_pic *pic, uint8_t *const buf[2], int32_t cap, Offer &offer) {
+// The lossless candidates, each offered with its size: written one after
+// the other into the buffer the best so far leaves free, so that each may
+// stop as soon as it cannot win; or, when the handle has lent threads, at
+// the same time into the two free buffers. Returns -102 when either ran out
+// of memory, else 0.
+template <class Best>
+int32_t write_lossless(kivot_ctx *t, const kivoe_coef_pic *pic, uint8_t *const buf[3], Best &best) {
     struct Job {
         const kivoe_coef_pic *pic;
-        int32_t coding;
+        int32_t choice;
         uint8_t *dst;
         int32_t cap, size, ret;
-    } jobs[2] = {{pic, KIVOE_CODING_BASELINE, buf[0], cap, 0, 0}, {pic, KIVOE_CODING_PROGRESSIVE, buf[1], cap, 0, 0}};
-    auto run = [](void *a) -> int32_t {
-        Job *j = static_cast<Job *>(a);
-        j->ret = kivot_write_levels(j->pic, j->coding, j->dst, j->cap, &j->size);
-        return KIVO_OK;
+        void run() {
+            ret = kivot_write_levels(pic, choice == KIVOT_CHOSEN_PROGRESSIVE ? KIVOE_CODING_PROGRESSIVE : KIVOE_CODING_BASELINE,
+                                     dst, cap, &size);
+        }
     };
-    void *args[2] = {&jobs[1], &jobs[0]};  // the longer progressive one on the calling thread
+    // Progressive first: usually the smaller of the two.
+    Job jobs[2] = {{pic, KIVOT_CHOSEN_PROGRESSIVE, nullptr, 0, 0, 0}, {pic, KIVOT_CHOSEN_LOSSLESS, nullptr, 0, 0, 0}};
     const kivoe_ctx *e = t->enc;
-    if (kivo::thread_limit(e->tpool) < 2 || kivo::fork_join(e->tpool, e->threads, 2, run, args) != KIVO_OK)
-        for (Job &j : jobs) run(&j);
-    for (int i = 0; i < 2; ++i) {
-        if (jobs[i].ret == KIVO_ERR_OUT_OF_MEMORY) return KIVO_ERR_OUT_OF_MEMORY;
-        if (jobs[i].ret == KIVO_OK) offer(i, jobs[i].size, i ? KIVOT_CHOSEN_PROGRESSIVE : KIVOT_CHOSEN_LOSSLESS);
+    if (kivo::thread_limit(e->tpool) >= 2) {
+        for (int i = 0; i < 2; ++i) {
+            jobs[i].dst = buf[best.free_buffer(i)];
+            jobs[i].cap = best.cap(jobs[i].choice);
+        }
+        auto run = [](void *a) -> int32_t {
+            static_cast<Job *>(a)->run();
+            return KIVO_OK;
+        };
+        void *args[2] = {&jobs[0], &jobs[1]};
+        if (kivo::fork_join(e->tpool, e->threads, 2, run, args) == KIVO_OK) {
+            const int free0 = best.free_buffer(0), free1 = best.free_buffer(1);
+            for (int i = 0; i < 2; ++i)
+                if (jobs[i].ret == KIVO_ERR_OUT_OF_MEMORY) return KIVO_ERR_OUT_OF_MEMORY;
+            for (int i = 0; i < 2; ++i)
+                if (jobs[i].ret == KIVO_OK) best.offer(i ? free1 : free0, jobs[i].size, jobs[i].choice);
+            return KIVO_OK;
+        }
+    }
+    for (Job &j : jobs) {
+        j.dst = buf[best.free_buffer(0)];
+        j.cap = best.cap(j.choice);
+        j.run();
+        if (j.ret == KIVO_ERR_OUT_OF_MEMORY) return KIVO_ERR_OUT_OF_MEMORY;
+        if (j.ret == KIVO_OK) best.offer(best.free_buffer(0), j.size, j.choice);
     }
     return KIVO_OK;
 }
+
+// The best candidate so far: its buffer (of three), size and kind. Ties go
+// to the one with less re-encoded: the source, then the baseline lossless
+// coding, the progressive one, the pipeline.
+struct Best {
+    int32_t room;  // bytes of each buffer
+    int index = 0;
+    int32_t size = 0, choice = 0;
+
+    static int rank(int32_t choice) {
+        return choice == KIVOT_CHOSEN_SOURCE ? 0 : choice == KIVOT_CHOSEN_LOSSLESS ? 1 : choice == KIVOT_CHOSEN_PROGRESSIVE ? 2 : 3;
+    }
+    // Most bytes a candidate of this kind may have and still win.
+    int32_t cap(int32_t kind) const {
+        if (!size) return room;
+        return rank(kind) < rank(choice) ? size : size - 1;
+    }
+    // The k-th (0 or 1) buffer not holding the best.
+    int free_buffer(int k) const { return k < index ? k : k + 1; }
+    void offer(int i, int32_t n, int32_t kind) {
+        if (n <= 0 || n > cap(kind)) return;
+        index = i;
+        size = n;
+        choice = kind;
+    }
+};
 
 // A candidate that failed for want of memory: an allocation, or an image
 // buffer that could not be created.
@@ -207,89 +258,82 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
     src_bitb.ssize = src.size;
     const kivod_input in{KIVOD_INPUT_BITB, &src_bitb, nullptr};
 
-    // The candidates compete in two buffers of the source's size (no
-    // winner can be larger): the best so far and the one being made.
-    uint8_t *buf[2] = {static_cast<uint8_t *>(std::malloc(static_cast<size_t>(src.size))),
-                       static_cast<uint8_t *>(std::malloc(static_cast<size_t>(src.size)))};
-    if (!buf[0] || !buf[1]) {
-        std::free(buf[0]);
-        std::free(buf[1]);
+    // The candidates compete in three buffers of the source's size (no
+    // winner can be larger): the best so far and two being made.
+    Best best{src.size};
+    uint8_t *buf[3];
+    for (uint8_t *&b : buf) b = static_cast<uint8_t *>(std::malloc(static_cast<size_t>(src.size)));
+    const auto free_buffers = [&buf] {
+        for (uint8_t *b : buf) std::free(b);
+    };
+    if (!buf[0] || !buf[1] || !buf[2]) {
+        free_buffers();
         return KIVO_ERR_OUT_OF_MEMORY;
     }
-    int best = 1, best_size = 0, best_choice = 0;
-    // A candidate written into buf[i]; ties go to the source, the one with
-    // nothing re-encoded.
-    auto offer = [&](int i, int32_t size, int32_t choice) {
-        if (size <= 0 || (best_size && size > best_size - (choice != KIVOT_CHOSEN_SOURCE))) return;
-        best = i;
-        best_size = size;
-        best_choice = choice;
-    };
 
     // A candidate that fails for want of memory fails the call: the choice
     // is made among all of them or not at all. Other failures (a source
     // that does not decode whole, levels a baseline stream cannot hold)
     // only leave a candidate out.
     bool same_picture = true;  // the handle keeps the source's size and layout
-    bool headers = false;      // the source's headers were read
     bool tables_change = true; // the pipeline would choose other tables
-    {
-        Levels lv;
-        ret = lv.read(t, &in);
-        headers = lv.pic.width > 0;
-        if (ret == KIVO_OK) {
-            const kivod_fh &fh = d->fh;
-            same_picture = (t->width <= 0 || t->width == fh.width) && (t->height <= 0 || t->height == fh.height) &&
-                           (!t->color_format || t->color_format == d->color_format) && !t->skip_encode;
-            // A sequential source's levels come with the statistics that
-            // choose the pipeline's tables: no second decode to learn that
-            // they stay the source's.
-            if (same_picture && !d->progressive) {
-                kivot_choose_tables(t);
-                tables_change = kivot_tables_changed(t);
-            }
-            if (same_picture) ret = write_both(t, &lv.pic, buf, src.size, offer);
+    Levels lv;
+    const int32_t levels = lv.read(t, &in);
+    const bool headers = lv.pic.width > 0;  // the source's headers were read
+    ret = levels;
+    if (levels == KIVO_OK) {
+        const kivod_fh &fh = d->fh;
+        same_picture = (t->width <= 0 || t->width == fh.width) && (t->height <= 0 || t->height == fh.height) &&
+                       (!t->color_format || t->color_format == d->color_format) && !t->skip_encode;
+        // A sequential source's levels come with the statistics that
+        // choose the pipeline's tables: no second decode to learn that
+        // they stay the source's.
+        if (same_picture && !d->progressive) {
+            kivot_choose_tables(t);
+            tables_change = kivot_tables_changed(t);
         }
-        kivod_release_frame_buffers(d);
+        lv.keep(d);
     }
+    kivod_release_frame_buffers(d);
     if (!want_of_memory(ret) && !same_picture) {
         // Another size or layout is the pipeline's alone.
-        std::free(buf[0]);
-        std::free(buf[1]);
+        free_buffers();
         ret = kivot_trc(t, &in, output, written);
         if (ret == KIVO_OK && chosen) *chosen = KIVOT_CHOSEN_PIPELINE;
         return ret;
     }
 
-    // The pipeline competes where it makes some table coarser; with the
-    // source's own tables it only adds loss. A source that does not decode
-    // whole is not re-encoded.
+    // The pipeline first, where it makes some table coarser (with the
+    // source's own tables it only adds loss): it is then often much the
+    // smallest, and the lossless codings stop as soon as they cannot beat
+    // it. A source that does not decode whole is not re-encoded.
     if (!want_of_memory(ret) && tables_change) {
         ret = kivot_trc_decode(t, &in);
         if (ret == KIVO_OK && kivod_picture_complete(d) && kivot_tables_changed(t)) {
             xelo_bitb ob{};
-            ob.addr = buf[1 - best];  // the other buffer holds no winner
-            ob.ssize = best_size ? best_size : src.size;
+            ob.addr = buf[best.free_buffer(0)];
+            ob.ssize = src.size;
             const kivoe_output o{KIVOD_INPUT_BITB, &ob, nullptr};
             int32_t n = 0;
             ret = kivot_trc_encode(t, &o, &n);
-            if (ret == KIVO_OK) offer(1 - best, n, KIVOT_CHOSEN_PIPELINE);
+            if (ret == KIVO_OK) best.offer(best.free_buffer(0), n, KIVOT_CHOSEN_PIPELINE);
         }
     }
+    if (!want_of_memory(ret) && levels == KIVO_OK) ret = write_lossless(t, &lv.pic, buf, best);
     // The source itself, when its headers could be read.
     if (!want_of_memory(ret)) {
         ret = headers ? KIVO_OK : ret;
-        if (headers) offer(1 - best, strip_source(src.data, src.size, t->copy, buf[1 - best]), KIVOT_CHOSEN_SOURCE);
+        const int i = best.free_buffer(0);
+        if (headers) best.offer(i, strip_source(src.data, src.size, t->copy, buf[i]), KIVOT_CHOSEN_SOURCE);
     }
-    if (ret == KIVO_OK && !best_size) ret = KIVO_ERR_MALFORMED;
-    if (ret == KIVO_OK && best_size > output->bitb->ssize) ret = KIVO_ERR_INVALID_ARG;
+    if (ret == KIVO_OK && !best.size) ret = KIVO_ERR_MALFORMED;
+    if (ret == KIVO_OK && best.size > output->bitb->ssize) ret = KIVO_ERR_INVALID_ARG;
     if (ret == KIVO_OK) {
-        std::memcpy(output->bitb->addr, buf[best], static_cast<size_t>(best_size));
-        *written = best_size;
-        if (chosen) *chosen = best_choice;
+        std::memcpy(output->bitb->addr, buf[best.index], static_cast<size_t>(best.size));
+        *written = best.size;
+        if (chosen) *chosen = best.choice;
     }
-    std::free(buf[0]);
-    std::free(buf[1]);
+    free_buffers();
     return ret;
 }
 
