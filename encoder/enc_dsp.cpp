@@ -19,6 +19,7 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
     proc->fdct8 = kivoe_fdct8_avx2;
     proc->quant = kivoe_quant_avx2;
     proc->quant_rdoq = kivoe_quant_rdoq_avx2;
+    proc->planes = kivoe_planes_avx2;
 #elif defined(KIVO_ARCH_arm)
     if (!(cpu_flags & KIVO_CPU_NEON)) return;
     proc->fdct8 = kivoe_fdct8_neon;
@@ -33,7 +34,7 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
 
 const char *kivoe_dsp_describe(uint32_t cpu_flags) {
 #if defined(KIVO_ARCH_x86)
-    if (cpu_flags & KIVO_CPU_AVX2) return "fdct8 avx2, quant avx2, quant_rdoq avx2, jndfilt sse2, planes sse2";
+    if (cpu_flags & KIVO_CPU_AVX2) return "fdct8 avx2, quant avx2, quant_rdoq avx2, jndfilt sse2, planes avx2";
     if (cpu_flags & KIVO_CPU_SSE2) return "fdct8 sse2, quant sse2, quant_rdoq sse2, jndfilt sse2, planes sse2";
 #elif defined(KIVO_ARCH_arm)
     if (cpu_flags & KIVO_CPU_NEON) return "fdct8 neon, quant neon, quant_rdoq neon, jndfilt neon, planes neon";

@@ -15,6 +15,7 @@ void kivoe_planes_sse2(const int16_t *blk, kivoe_planes *out);
 void kivoe_fdct8_avx2(int16_t *blk);
 int32_t kivoe_quant_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_quant_rdoq_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+void kivoe_planes_avx2(const int16_t *blk, kivoe_planes *out);
 void kivoe_fdct8_neon(int16_t *blk);
 int32_t kivoe_quant_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_quant_rdoq_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);

@@ -1,0 +1,57 @@
+// Bit planes of a block's AC levels on x86, shared by the SSE2 and AVX2
+// variants: one byte a level holds all its plane bits; the bytes are put in
+// zig-zag order (each variant its own way), and each plane is then one
+// byte-mask extraction. Internal linkage keeps each variant's copy compiled
+// for its own CPU level.
+#ifndef KIVO_ENCODER_PLANES_X86_H
+#define KIVO_ENCODER_PLANES_X86_H
+
+#include <emmintrin.h>
+
+#include "encoder/kivoe_int.h"
+
+namespace {
+
+// The level bytes in raster order: bits 0 to 2 clear where |level| >> 0, 1,
+// 2 is not zero; 3 and 4 bits 0 and 1 of |level|; 5 the sign.
+inline void level_bytes(const int16_t *blk, __m128i code[4]) {
+    const __m128i zero = _mm_setzero_si128(), three16 = _mm_set1_epi16(3);
+    const __m128i b0 = _mm_set1_epi8(1), b1 = _mm_set1_epi8(2), b2 = _mm_set1_epi8(4), b5 = _mm_set1_epi8(32);
+    const __m128i three = _mm_set1_epi8(3);
+    for (int32_t r = 0; r < 4; ++r) {
+        const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blk + 16 * r));
+        const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blk + 16 * r + 8));
+        const __m128i s0 = _mm_srai_epi16(v0, 15), s1 = _mm_srai_epi16(v1, 15);
+        const __m128i a0 = _mm_sub_epi16(_mm_xor_si128(v0, s0), s0), a1 = _mm_sub_epi16(_mm_xor_si128(v1, s1), s1);
+        const __m128i mag = _mm_packus_epi16(a0, a1);  // |level| up to 255
+        const __m128i low = _mm_packus_epi16(_mm_and_si128(a0, three16), _mm_and_si128(a1, three16));
+        __m128i c = _mm_and_si128(_mm_cmpeq_epi8(mag, zero), b0);
+        c = _mm_or_si128(c, _mm_and_si128(_mm_cmpeq_epi8(_mm_subs_epu8(mag, b0), zero), b1));
+        c = _mm_or_si128(c, _mm_and_si128(_mm_cmpeq_epi8(_mm_subs_epu8(mag, three), zero), b2));
+        c = _mm_or_si128(c, _mm_slli_epi16(low, 3));
+        code[r] = _mm_or_si128(c, _mm_and_si128(_mm_packs_epi16(s0, s1), b5));
+    }
+}
+
+// Bit kBit of the zig-zag ordered level bytes, as a mask without the DC bit.
+template <int kBit>
+uint64_t plane(const __m128i *zz) {
+    uint64_t m = 0;
+    for (int32_t i = 0; i < 4; ++i)
+        m |= static_cast<uint64_t>(static_cast<uint32_t>(_mm_movemask_epi8(_mm_slli_epi16(zz[i], 7 - kBit))))
+             << (16 * i);
+    return m & ~uint64_t(1);
+}
+
+inline void planes_of(const __m128i zz[4], kivoe_planes *out) {
+    out->nz[0] = ~plane<0>(zz) & ~uint64_t(1);
+    out->nz[1] = ~plane<1>(zz) & ~uint64_t(1);
+    out->nz[2] = ~plane<2>(zz) & ~uint64_t(1);
+    out->odd[0] = plane<3>(zz);
+    out->odd[1] = plane<4>(zz);
+    out->neg = plane<5>(zz);
+}
+
+}  // namespace
+
+#endif
