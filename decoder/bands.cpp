@@ -15,9 +15,11 @@ int32_t kivod_pending_frame(const kivod_ctx *ctx, int32_t *width, int32_t *heigh
 
 bool kivod_bands_possible(const kivod_ctx *ctx) {
     const int n = ctx->fh.n_comp;
-    if (!ctx->sample_buf[0] || ctx->progressive || ctx->reduction > 1 || (n != 1 && n != 3)) return false;
+    if (!ctx->sample_buf[0] || ctx->reduction > 1 || (n != 1 && n != 3)) return false;
     // A file input shares one position among copies of its reader.
     if (ctx->main_bs.type != KIVOD_INPUT_BITB) return false;
+    // A progressive frame is reconstructed at the end, all of it at hand.
+    if (ctx->progressive) return true;
     // The reader stands on the first scan's marker: its header says whether
     // the scan carries every component (and is then the picture's only one).
     kivod_bs bs = ctx->main_bs;
@@ -31,7 +33,8 @@ int32_t kivod_clone_bands(kivod_ctx *ctx, const kivod_band_sink *sink) {
     const kivod_fh &fh = ctx->fh;
     // Two MCU rows per ring: the row being reconstructed and the one above,
     // which the sink may still read for the rows at their junction. A
-    // one-component scan's MCU rows are 8 lines, within the same ring.
+    // sequential one-component scan's MCU rows are 8 lines, within the same
+    // ring.
     size_t bytes = 0;
     for (int c = 0; c < fh.n_comp; ++c) {
         ctx->band_ring[c] = 2 * 8 * fh.v[c];

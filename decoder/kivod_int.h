@@ -284,8 +284,8 @@ struct kivod_band_sink {
 // picture is still to be decoded; else KIVO_ERR_UNAVAILABLE.
 int32_t kivod_pending_frame(const kivod_ctx *ctx, int32_t *width, int32_t *height, int32_t *color_format);
 // Whether kivod_clone_bands can decode the picture whose headers kivod_dec
-// read: a sequential frame at full size from memory input whose first scan
-// carries every component.
+// read: at full size from memory input, a progressive frame or a sequential
+// one whose first scan carries every component.
 bool kivod_bands_possible(const kivod_ctx *ctx);
 // Decodes the picture as kivod_clone would into planes of the frame's size
 // and layout, handing the rows to the sink instead. Statuses as kivod_clone's;

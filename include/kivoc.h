@@ -54,11 +54,12 @@ KIVO_API int32_t kivoc_to_packed(const xelo_imgb *src, uint8_t *dst, int32_t dst
  * kivod_clone into planes of the frame's layout followed by kivoc_to_packed
  * with the same flags, without the planes of the whole picture. The picture
  * is the frame's size, or ceil(width / d) x ceil(height / d) with the
- * handle's reduction d of 2, 4 or 8 (kivod_set_reduction). A sequential
- * frame at full size from memory input (or a file read whole) is converted
- * band by band, each band of MCU rows as soon as the decoder has written
- * it, on the decoder's threads; other pictures are decoded whole and then
- * converted. Threads: the handle's pool.
+ * handle's reduction d of 2, 4 or 8 (kivod_set_reduction). At full size
+ * from memory input (or a file read whole) the picture is converted band by
+ * band, each band of MCU rows as soon as the decoder has reconstructed it,
+ * on the decoder's threads (a sequential frame whose first scan carries
+ * every component, or a progressive frame); other pictures are decoded
+ * whole and then converted. Threads: the handle's pool.
  * Returns kivod_clone's status; KIVO_ERR_INVALID_ARG for a null handle or
  * buffer or unknown flags; KIVO_ERR_UNAVAILABLE without a picture to decode;
  * KIVO_ERR_COLOR_FORMAT for a packed format not listed or a frame layout
