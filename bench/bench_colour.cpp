@@ -1,6 +1,7 @@
 // Colour conversion speed against libjpeg-turbo, side by side in one run:
-// - the whole decode to RGBA: our decode (1 thread) plus kivoc_to_packed
-//   against tjDecompress2 to TJPF_RGBA (both with smooth chroma upsampling);
+// - the whole decode to RGBA: our decode (1 thread) plus kivoc_to_packed,
+//   and kivoc_decode_packed, against tjDecompress2 to TJPF_RGBA (all with
+//   smooth chroma upsampling);
 // - conversion alone: kivoc_to_packed against tjDecodeYUVPlanes (planar to
 //   RGBA) and kivoc_from_packed against tjEncodeYUVPlanes (RGB to planar).
 // Prints megapixels per second and the ratio (above 1: ours is faster).
@@ -61,6 +62,12 @@ int bench_file(const std::vector<uint8_t> &jpg, const char *label, int reps) {
     auto ours_rgba = [&] {
         return kivoc_to_packed(img, rgba.data(), w * 4, rgba.size(), KIVOC_RGBA, 0, nullptr) == 0;
     };
+    auto ours_fused = [&] {
+        kivod_input in{KIVOD_INPUT_BITB, &bitb, nullptr};
+        kivod_frame_info info{};
+        return kivod_decode(dec, &in, &info) == 0 &&
+               kivoc_decode_packed(dec, rgba.data(), w * 4, rgba.size(), KIVOC_RGBA, 0) == 0;
+    };
     // libjpeg-turbo's own planes, for its conversion alone.
     std::vector<std::vector<uint8_t>> planes(ss == TJSAMP_GRAY ? 1 : 3);
     unsigned char *pp[3] = {nullptr, nullptr, nullptr};
@@ -84,6 +91,14 @@ int bench_file(const std::vector<uint8_t> &jpg, const char *label, int reps) {
         to = std::min(to, best_of(1, [&] { return ours_planar() && ours_rgba(); }));
     }
     line("decode to RGBA (1 thread)", mp, tt, to);
+    tt = to = 1e30;
+    for (int r = 0; r < reps; ++r) {
+        tt = std::min(tt, best_of(1, [&] {
+            return tjDecompress2(td, jpg.data(), jpg.size(), rgba.data(), w, w * 4, h, TJPF_RGBA, 0) == 0;
+        }));
+        to = std::min(to, best_of(1, ours_fused));
+    }
+    line("decode_packed to RGBA (1 thread)", mp, tt, to);
     tt = to = 1e30;
     for (int r = 0; r < reps; ++r) {
         tt = std::min(tt, best_of(1, [&] {

@@ -42,20 +42,32 @@ struct RgbSpread {
 };
 constexpr RgbSpread kRgbSpread;
 
+// vpmulhrsw gives (a * c + 2^14) >> 15; with a = 2 x that is exactly
+// (x * c + 2^13) >> 14, the matrix's rounding, for a coefficient that fits
+// 16 bits. R and B have one product each; G's two share one rounding and
+// keep pmaddwd.
+static_assert(kCrR < 32768 && kCbB < 32768, "one 16-bit multiplier for R and B");
+
 template <int Pack>
 void ycc_to_packed_avx2(const uint8_t *y, const uint8_t *cb, const uint8_t *cr, uint8_t *dst, int n) {
     const int size = Pack == kPackRGB ? 3 : 4;
-    const __m256i c128 = _mm256_set1_epi16(128), one = _mm256_set1_epi16(1), zero = _mm256_setzero_si256();
+    const __m256i c128 = _mm256_set1_epi16(128);
     const __m256i half = _mm256_set1_epi32(kColHalf);
-    const __m256i cr_r = pair(kCrR, kColHalf), cb_b = pair(kCbB, kColHalf), cg = pair(kCbG, kCrG);
+    const __m256i cr_r = _mm256_set1_epi16(static_cast<int16_t>(kCrR)), cb_b = _mm256_set1_epi16(static_cast<int16_t>(kCbB));
+    const __m256i cg = pair(kCbG, kCrG);
     const __m128i ff = _mm_set1_epi8(-1);
     int i = 0;
     for (; i + 16 <= n; i += 16, dst += 16 * size) {
         const __m256i yy = load16(y + i);
         const __m256i u = _mm256_sub_epi16(load16(cb + i), c128), v = _mm256_sub_epi16(load16(cr + i), c128);
-        __m128i r8 = narrow(_mm256_add_epi16(yy, madd_shift(v, one, cr_r, zero)));
-        const __m128i g8 = narrow(_mm256_add_epi16(yy, madd_shift(u, v, cg, half)));
-        __m128i b8 = narrow(_mm256_add_epi16(yy, madd_shift(u, one, cb_b, zero)));
+        // R and G saturated to bytes by one pack (r0-7 g0-7 | r8-15 g8-15 per
+        // 128-bit lane), quads reordered to r0-15 | g0-15.
+        const __m256i r = _mm256_add_epi16(yy, _mm256_mulhrs_epi16(_mm256_add_epi16(v, v), cr_r));
+        const __m256i g = _mm256_add_epi16(yy, madd_shift(u, v, cg, half));
+        const __m256i rg = _mm256_permute4x64_epi64(_mm256_packus_epi16(r, g), 0xD8);
+        __m128i r8 = _mm256_castsi256_si128(rg);
+        const __m128i g8 = _mm256_extracti128_si256(rg, 1);
+        __m128i b8 = narrow(_mm256_add_epi16(yy, _mm256_mulhrs_epi16(_mm256_add_epi16(u, u), cb_b)));
         if (Pack == kPackRGB) {
             // Bytes of R, G, B placed by three shuffles per 16-byte output.
             auto spread = [&](int k) {

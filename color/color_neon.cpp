@@ -1,6 +1,7 @@
 // NEON colour kernels: the matrix in 32-bit lanes with widening
 // multiply-accumulates (vmlal) and arithmetic shifts, exactly the plain
-// kernels' sums; packed pixels go through the interleaving loads and stores
+// kernels' sums, or for single products a rounding doubling multiply high
+// (vqrdmulh); packed pixels go through the interleaving loads and stores
 // vld3/vld4 and vst3/vst4.
 #include <arm_neon.h>
 
@@ -9,25 +10,26 @@
 namespace kivo {
 namespace {
 
-// (acc + a * ca [+ b * cb]) >> 14 on eight lanes, back to 16 bits.
-inline int16x8_t mac_shift(int32x4_t acc, int16x8_t a, int16_t ca) {
-    const int32x4_t lo = vmlal_n_s16(acc, vget_low_s16(a), ca), hi = vmlal_n_s16(acc, vget_high_s16(a), ca);
-    return vcombine_s16(vmovn_s32(vshrq_n_s32(lo, kColBits)), vmovn_s32(vshrq_n_s32(hi, kColBits)));
-}
+// (acc + a * ca + b * cb [+ c * cc]) >> 14 on eight lanes, narrowed back to 16 bits.
 inline int16x8_t mac_shift(int32x4_t acc, int16x8_t a, int16_t ca, int16x8_t b, int16_t cb) {
     const int32x4_t lo = vmlal_n_s16(vmlal_n_s16(acc, vget_low_s16(a), ca), vget_low_s16(b), cb);
     const int32x4_t hi = vmlal_n_s16(vmlal_n_s16(acc, vget_high_s16(a), ca), vget_high_s16(b), cb);
-    return vcombine_s16(vmovn_s32(vshrq_n_s32(lo, kColBits)), vmovn_s32(vshrq_n_s32(hi, kColBits)));
+    return vcombine_s16(vshrn_n_s32(lo, kColBits), vshrn_n_s32(hi, kColBits));
 }
 inline int16x8_t mac_shift(int32x4_t acc, int16x8_t a, int16_t ca, int16x8_t b, int16_t cb, int16x8_t c, int16_t cc) {
     int32x4_t lo = vmlal_n_s16(vmlal_n_s16(acc, vget_low_s16(a), ca), vget_low_s16(b), cb);
     int32x4_t hi = vmlal_n_s16(vmlal_n_s16(acc, vget_high_s16(a), ca), vget_high_s16(b), cb);
     lo = vmlal_n_s16(lo, vget_low_s16(c), cc);
     hi = vmlal_n_s16(hi, vget_high_s16(c), cc);
-    return vcombine_s16(vmovn_s32(vshrq_n_s32(lo, kColBits)), vmovn_s32(vshrq_n_s32(hi, kColBits)));
+    return vcombine_s16(vshrn_n_s32(lo, kColBits), vshrn_n_s32(hi, kColBits));
 }
 
 inline int16x8_t widen(uint8x8_t v) { return vreinterpretq_s16_u16(vmovl_u8(v)); }
+
+// vqrdmulh gives (2 a c + 2^15) >> 16; with a = 2 x that is exactly
+// (x * c + 2^13) >> 14, the matrix's rounding, for a 16-bit coefficient:
+// R and B take one multiply each, G's two products share one rounding.
+static_assert(kCrR < 32768 && kCbB < 32768, "one 16-bit multiplier for R and B");
 
 template <int Pack>
 void ycc_to_packed_neon(const uint8_t *y, const uint8_t *cb, const uint8_t *cr, uint8_t *dst, int n) {
@@ -38,9 +40,9 @@ void ycc_to_packed_neon(const uint8_t *y, const uint8_t *cb, const uint8_t *cr, 
     for (; i + 8 <= n; i += 8, dst += 8 * size) {
         const int16x8_t l = widen(vld1_u8(y + i));
         const int16x8_t u = vsubq_s16(widen(vld1_u8(cb + i)), c128), v = vsubq_s16(widen(vld1_u8(cr + i)), c128);
-        const uint8x8_t r = vqmovun_s16(vaddq_s16(l, mac_shift(half, v, kCrR)));
+        const uint8x8_t r = vqmovun_s16(vaddq_s16(l, vqrdmulhq_n_s16(vaddq_s16(v, v), kCrR)));
         const uint8x8_t g = vqmovun_s16(vaddq_s16(l, mac_shift(half, u, kCbG, v, kCrG)));
-        const uint8x8_t b = vqmovun_s16(vaddq_s16(l, mac_shift(half, u, kCbB)));
+        const uint8x8_t b = vqmovun_s16(vaddq_s16(l, vqrdmulhq_n_s16(vaddq_s16(u, u), kCbB)));
         if (Pack == kPackRGB) {
             uint8x8x3_t px = {{r, g, b}};
             vst3_u8(dst, px);

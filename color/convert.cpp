@@ -9,7 +9,6 @@
 #include "color/kivoc_int.h"
 
 namespace kivo {
-namespace {
 
 // The planar layouts served here. The plane sizes come from the library's
 // layout table; this only lists which of its layouts we convert.
@@ -32,22 +31,11 @@ int32_t pixel_size(int32_t format) {
     }
 }
 
+namespace {
+
 int pack_index(int32_t format) {
     return format == KIVOC_RGB ? kPackRGB : (format == KIVOC_RGBA ? kPackRGBA : kPackBGRA);
 }
-
-// What one conversion needs, shared read-only by its jobs.
-struct Task {
-    const ColorDsp *dsp;
-    const Layout *lay;
-    int32_t w, h, cw, ch;          // picture and chroma plane sizes
-    uint8_t *plane[3];
-    int32_t stride[3];
-    uint8_t *packed;
-    int32_t packed_stride, packed_format;
-    bool nearest;
-    size_t scratch_size;           // bytes of scratch per job
-};
 
 struct Job {
     const Task *task;
@@ -66,9 +54,13 @@ struct Scratch {
 
 size_t row_bytes(int32_t w) { return (static_cast<size_t>(w) + 8 + 31) & ~static_cast<size_t>(31); }
 
+}  // namespace
+
 size_t scratch_bytes(int32_t w, int32_t cw) {
     return 2 * row_bytes(2 * (cw + 2)) + 5 * row_bytes(w);
 }
+
+namespace {
 
 Scratch carve(uint8_t *p, int32_t w, int32_t cw) {
     Scratch s;
@@ -80,7 +72,10 @@ Scratch carve(uint8_t *p, int32_t w, int32_t cw) {
     return s;
 }
 
-const uint8_t *row(const Task &t, int p, int32_t y) { return t.plane[p] + static_cast<ptrdiff_t>(y) * t.stride[p]; }
+const uint8_t *row(const Task &t, int p, int32_t y) {
+    if (t.ring[p]) y %= t.ring[p];
+    return t.plane[p] + static_cast<ptrdiff_t>(y) * t.stride[p];
+}
 
 // Full-width chroma of output row y for component k (plane 1 or 2).
 const uint8_t *chroma_row(const Task &t, const Scratch &sc, int k, int32_t y) {
@@ -132,11 +127,11 @@ const uint8_t *chroma_row(const Task &t, const Scratch &sc, int k, int32_t y) {
     return out;
 }
 
-int32_t to_packed_job(void *arg) {
-    const Job &j = *static_cast<Job *>(arg);
-    const Task &t = *j.task;
-    const Scratch sc = carve(j.scratch, t.w, t.cw);
-    for (int32_t y = j.first; y < j.end; ++y) {
+}  // namespace
+
+void to_packed_rows(const Task &t, uint8_t *scratch, int32_t first, int32_t end) {
+    const Scratch sc = carve(scratch, t.w, t.cw);
+    for (int32_t y = first; y < end; ++y) {
         uint8_t *dst = t.packed + static_cast<ptrdiff_t>(y) * t.packed_stride;
         const uint8_t *yr = row(t, 0, y);
         if (t.packed_format == KIVOC_GREY) {
@@ -147,6 +142,13 @@ int32_t to_packed_job(void *arg) {
         const uint8_t *cr = t.lay->chroma ? chroma_row(t, sc, 1, y) : sc.mid;
         t.dsp->to_packed[pack_index(t.packed_format)](yr, cb, cr, dst, t.w);
     }
+}
+
+namespace {
+
+int32_t to_packed_job(void *arg) {
+    const Job &j = *static_cast<Job *>(arg);
+    to_packed_rows(*j.task, j.scratch, j.first, j.end);
     return KIVO_OK;
 }
 
@@ -200,6 +202,23 @@ int32_t from_packed_job(void *arg) {
     return KIVO_OK;
 }
 
+}  // namespace
+
+int32_t check_packed(const uint8_t *data, int32_t stride, size_t size, int32_t format, Task *t) {
+    const int32_t bpp = pixel_size(format);
+    if (bpp < 0) return bpp;
+    if (!data) return KIVO_ERR_INVALID_ARG;
+    const uint64_t line = static_cast<uint64_t>(t->w) * static_cast<uint64_t>(bpp);
+    if (stride < 0 || static_cast<uint64_t>(stride) < line) return KIVO_ERR_IMGB;
+    if (static_cast<uint64_t>(t->h - 1) * static_cast<uint64_t>(stride) + line > size) return KIVO_ERR_IMGB;
+    t->packed = const_cast<uint8_t *>(data);
+    t->packed_stride = stride;
+    t->packed_format = format;
+    return KIVO_OK;
+}
+
+namespace {
+
 // Checks the planes of img against its layout; fills the task's plane
 // fields and sizes.
 int32_t check_planes(const xelo_imgb *img, Task *t) {
@@ -220,19 +239,6 @@ int32_t check_planes(const xelo_imgb *img, Task *t) {
         const int32_t pw = p ? t->cw : t->w, ph = p ? t->ch : t->h;
         if (img->stride[p] < pw || img->lines[p] < ph) return KIVO_ERR_IMGB;
     }
-    return KIVO_OK;
-}
-
-int32_t check_packed(const uint8_t *data, int32_t stride, size_t size, int32_t format, Task *t) {
-    const int32_t bpp = pixel_size(format);
-    if (bpp < 0) return bpp;
-    if (!data) return KIVO_ERR_INVALID_ARG;
-    const uint64_t line = static_cast<uint64_t>(t->w) * static_cast<uint64_t>(bpp);
-    if (stride < 0 || static_cast<uint64_t>(stride) < line) return KIVO_ERR_IMGB;
-    if (static_cast<uint64_t>(t->h - 1) * static_cast<uint64_t>(stride) + line > size) return KIVO_ERR_IMGB;
-    t->packed = const_cast<uint8_t *>(data);
-    t->packed_stride = stride;
-    t->packed_format = format;
     return KIVO_OK;
 }
 

@@ -66,6 +66,37 @@ void h2_fancy_c(const uint16_t *s, uint8_t *out, int n, int b0, int b1, int sh);
 void down_h2v2_c(const uint8_t *r0, const uint8_t *r1, uint8_t *out, int n);
 void down_h2v1_c(const uint8_t *r0, const uint8_t *r1, uint8_t *out, int n);
 
+// ---- the conversion to packed pixels (convert.cpp) ------------------------------
+
+// One layout's conversion, shared read-only by its jobs: the planes and the
+// packed buffer with their geometry.
+struct Task {
+    const ColorDsp *dsp;
+    const Layout *lay;
+    int32_t w, h, cw, ch;  // picture and chroma plane sizes
+    uint8_t *plane[3];
+    int32_t stride[3];
+    int32_t ring[3];       // lines of a plane held as a ring (line y at y % ring), or 0: the whole plane
+    uint8_t *packed;
+    int32_t packed_stride, packed_format;
+    bool nearest;
+    size_t scratch_size;   // bytes of scratch per job
+};
+
+// The planar layouts converted (layout_of for those, else null).
+const Layout *planar_layout(int32_t format);
+// Bytes per packed pixel, or KIVO_ERR_COLOR_FORMAT.
+int32_t pixel_size(int32_t format);
+// Checks a packed buffer for t's w x h picture and puts it into t.
+int32_t check_packed(const uint8_t *data, int32_t stride, size_t size, int32_t format, Task *t);
+// Scratch bytes one job needs (32-byte aligned).
+size_t scratch_bytes(int32_t w, int32_t cw);
+// Output rows first .. end - 1 of t into its packed buffer. Row y reads the
+// luma line y and the chroma lines of its upsampling: y >> y_shift and, for
+// triangular vertical upsampling, the one above (even y) or below (odd y),
+// the edge line standing in beyond the plane.
+void to_packed_rows(const Task &t, uint8_t *scratch, int32_t first, int32_t end);
+
 // SIMD variants: they do whole vectors and hand the rest of the row to the
 // plain kernel.
 #if defined(KIVO_ARCH_x86)

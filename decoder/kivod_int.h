@@ -256,6 +256,42 @@ inline int kivod_denom(int32_t scale) { return scale <= 1 ? 1 : scale; }
 
 struct kivod_work;
 
+// ---- band output (bands.cpp) -----------------------------------------------------
+// Instead of writing planes of the whole picture, each slice reconstructs its
+// MCU rows into a ring of planes of its own and reports every MCU row it
+// finishes, so that a caller can take the rows while they are in cache.
+struct kivod_band {
+    const uint8_t *plane[3];
+    int32_t stride[3];
+    int32_t ring[3];  // lines each plane's ring holds: whole MCU rows, two at least;
+                      // picture line y of a plane sits at ring line y % ring
+    int32_t first;    // the slice's first luma line
+    int32_t end;      // luma line where the next slice starts (total for the last slice)
+    int32_t total;    // luma lines of the scan's MCU rows, padding included
+    int32_t done;     // luma lines reconstructed so far, counted from the picture's top
+    int32_t slice;    // 0 .. threads - 1
+};
+struct kivod_band_sink {
+    // MCU rows below its own that every slice but the last also decodes,
+    // for rows of its own that need one more row below (0 or 1).
+    int32_t context_rows;
+    // Called on the slice's thread after each MCU row; a slice's calls come
+    // in picture order.
+    void (*rows_done)(void *user, const kivod_band *band);
+    void *user;
+};
+// Size and layout of the frame whose headers kivod_dec read, while its
+// picture is still to be decoded; else KIVO_ERR_UNAVAILABLE.
+int32_t kivod_pending_frame(const kivod_ctx *ctx, int32_t *width, int32_t *height, int32_t *color_format);
+// Whether kivod_clone_bands can decode the picture whose headers kivod_dec
+// read: at full size from memory input, a progressive frame or a sequential
+// one whose first scan carries every component.
+bool kivod_bands_possible(const kivod_ctx *ctx);
+// Decodes the picture as kivod_clone would into planes of the frame's size
+// and layout, handing the rows to the sink instead. Statuses as kivod_clone's;
+// KIVO_ERR_UNSUPPORTED (nothing read) when kivod_bands_possible is false.
+int32_t kivod_clone_bands(kivod_ctx *ctx, const kivod_band_sink *sink);
+
 struct kivod_proc {
     int32_t (*ready)(kivod_ctx *ctx);
     void (*flush)(kivod_ctx *ctx);
@@ -354,6 +390,11 @@ struct kivod_ctx {
     kivod_app_node *app_last;  // last node of app_list, so that appending takes constant time
     int32_t app_owned;         // 1 when the nodes' data are copies (file input) the list frees
     uint8_t *file_copy;        // file input read whole, decoded as memory (freed with the APPn list)
+    const kivod_band_sink *bands;  // kivod_clone_bands is running: rows go to this sink
+    uint8_t *band_buf;             // the slices' rings, band_bytes each
+    size_t band_bytes;
+    size_t band_offset[3];         // each component's ring within a slice's
+    int32_t band_ring[3];
     kivod_proc proc;
 };
 

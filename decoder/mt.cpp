@@ -119,6 +119,8 @@ void kivod_split_slices(kivod_ctx *ctx) {
             w->strip[k] = ctx->sample_buf[c] + static_cast<ptrdiff_t>(ctx->mcu_lines[c]) * i * ctx->line_w[c];
         }
         if (ctx->scale != 0) plan_resize(ctx, w, first_row + slice_rows, rows, unit);
+        // Band output: rows at the slice's bottom may need the next MCU row.
+        if (ctx->bands && i < n - 1) w->extra_mcu = ctx->bands->context_rows;
         w->extra_mcu *= cols;
         first_row += slice_rows;
     }

@@ -11,6 +11,7 @@ int kivod_planes_of(int32_t cs) {
 
 int32_t kivod_out_mode_for(const kivod_ctx *ctx, const xelo_imgb *img) {
     if (ctx->levels_only) return KIVOD_OUT_LEVELS;
+    if (ctx->bands) return KIVOD_OUT_BANDS;
     const int n = ctx->fh.n_comp;
     if (img->color_format == XELO_CS_YUYV) {
         // Packed pairs are made at full size only.

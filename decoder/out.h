@@ -6,8 +6,9 @@
 #include "decoder/kivod_int.h"
 
 // KIVOD_OUT_LEVELS: no samples; each block's quantized levels go to the
-// coefficient buffers (kivod_dec_levels).
-enum kivod_out_mode { KIVOD_OUT_DIRECT, KIVOD_OUT_PACKED, KIVOD_OUT_RESIZED, KIVOD_OUT_LEVELS };
+// coefficient buffers (kivod_dec_levels). KIVOD_OUT_BANDS: into the slice's
+// ring, each MCU row reported to the band sink (kivod_clone_bands).
+enum kivod_out_mode { KIVOD_OUT_DIRECT, KIVOD_OUT_PACKED, KIVOD_OUT_RESIZED, KIVOD_OUT_LEVELS, KIVOD_OUT_BANDS };
 
 // Planes of the layouts the decoder writes (0 for others).
 int kivod_planes_of(int32_t cs);

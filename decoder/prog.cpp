@@ -273,7 +273,11 @@ int32_t kivod_finish_prog(kivod_ctx *ctx) {
         ctx->blk_h[c] = (ctx->comp_h[c] + 7) / 8;
     }
     int n = kivo::thread_limit(ctx->tpool);
-    if (n > nc) n = nc;
+    // Band output takes every component of a share of the MCU rows (and,
+    // but for the last share, the next share's first MCU row as well),
+    // other output a share of the components.
+    const int32_t mcu_rows = ctx->prog_blk_w[5];
+    if (n > (ctx->bands ? mcu_rows : nc)) n = ctx->bands ? mcu_rows : nc;
     ctx->n_threads = n;
     for (int t = 0; t < n; ++t) {
         kivod_work *w = ctx->work[t];
@@ -281,13 +285,64 @@ int32_t kivod_finish_prog(kivod_ctx *ctx) {
         w->ctx = ctx;
         w->first_comp = static_cast<uint8_t>(t);
         w->n_comp = static_cast<uint8_t>(t == n - 1 ? nc - t : 1);
+        w->first_mcu = static_cast<int32_t>(int64_t(mcu_rows) * t / n);
+        w->n_mcu = static_cast<int32_t>(int64_t(mcu_rows) * (t + 1) / n) - w->first_mcu;
+        w->extra_mcu = ctx->bands && t < n - 1 ? ctx->bands->context_rows : 0;
     }
     const int32_t ret = dec_mt(ctx);
     for (int t = 0; t < n; ++t) ctx->dc_level_total += ctx->work[t]->dc_level_sum;
     return ret;
 }
 
+namespace {
+
+// Band output of a progressive frame: the work record's MCU rows (first_mcu,
+// n_mcu, then extra_mcu more), every component, into the slice's ring, each
+// MCU row reported to the sink.
+int32_t dec_bands_prog(kivod_ctx *ctx, kivod_work *w) {
+    int slice = 0;
+    while (ctx->work[slice] != w) ++slice;
+    uint8_t *base = ctx->band_buf + ctx->band_bytes * static_cast<size_t>(slice);
+    const kivod_fh &fh = ctx->fh;
+    const int32_t lines = 8 * fh.v[0];  // luma lines per MCU row
+    kivod_band b{};
+    for (int c = 0; c < fh.n_comp; ++c) {
+        b.plane[c] = base + ctx->band_offset[c];
+        b.stride[c] = ctx->line_w[c];
+        b.ring[c] = ctx->band_ring[c];
+    }
+    b.total = ctx->prog_blk_w[5] * lines;
+    b.first = w->first_mcu * lines;
+    b.end = (w->first_mcu + w->n_mcu) * lines;
+    b.slice = slice;
+    const kivod_idct_fn idct = ctx->dsp.idct[0];
+    alignas(16) int16_t blk[64];
+    for (int32_t m = w->first_mcu; m < w->first_mcu + w->n_mcu + w->extra_mcu; ++m) {
+        const bool own = m < w->first_mcu + w->n_mcu;
+        for (int c = 0; c < fh.n_comp; ++c) {
+            const kivod_qtbl &q = ctx->qtbl[fh.tq[c] & 3];
+            const int32_t stride = b.stride[c];
+            for (int32_t r = m * fh.v[c]; r < (m + 1) * fh.v[c] && r < ctx->blk_h[c]; ++r) {
+                uint8_t *dst = const_cast<uint8_t *>(b.plane[c]) + static_cast<ptrdiff_t>((r * 8) % b.ring[c]) * stride;
+                const int16_t *coef = ctx->coef_buf[c] + static_cast<size_t>(r) * ctx->prog_blk_w[c] * 64;
+                for (int32_t col = 0; col < ctx->blk_w[c]; ++col, coef += 64) {
+                    // The levels stay as they are: a neighbour's extra row reads them again.
+                    for (int i = 0; i < 64; ++i) blk[i] = low16(static_cast<uint32_t>(coef[i]) * q.q[i]);
+                    if (c == 0 && own && ctx->stats_wanted) w->dc_level_sum += (blk[0] + 1024) >> 3;
+                    idct(blk, stride, dst + col * 8);
+                }
+            }
+        }
+        b.done = (m + 1) * lines;
+        ctx->bands->rows_done(ctx->bands->user, &b);
+    }
+    return KIVO_OK;
+}
+
+}  // namespace
+
 int32_t kivod_dec_pic_prog(kivod_ctx *ctx, kivod_work *w) {
+    if (ctx->bands) return dec_bands_prog(ctx, w);
     xelo_imgb *img = ctx->out_imgb;
     const int32_t mode = kivod_out_mode_for(ctx, img);
     if (mode < 0) return mode;

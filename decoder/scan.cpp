@@ -175,7 +175,48 @@ struct Slice {
         uint8_t k, v, h;
     } blocks[10];
     int n_blocks;
+    // Band output: where the slice stands for the sink, the ring line of
+    // each scan component's current MCU row, and the scan component of the
+    // luma plane.
+    kivod_band band;
+    uint8_t *band_row[4];
+    int band_luma;
 };
+
+// Band output: the ring lines of the current MCU row of every scan component.
+void set_band_rows(Slice &j) {
+    for (int k = 0; k < j.ns; ++k) {
+        const ScanComp &s = j.sc[k];
+        const int32_t line = (s.row * 8) % j.band.ring[s.c];
+        j.band_row[k] = const_cast<uint8_t *>(j.band.plane[s.c]) + static_cast<ptrdiff_t>(line) * j.band.stride[s.c];
+    }
+}
+
+// Band output: the slice's ring, its lines and the scan's.
+void open_band(Slice &j) {
+    kivod_ctx *ctx = j.ctx;
+    int slice = 0;
+    while (ctx->work[slice] != j.w) ++slice;
+    uint8_t *base = ctx->band_buf + ctx->band_bytes * static_cast<size_t>(slice);
+    kivod_band &b = j.band;
+    for (int c = 0; c < 3; ++c) {
+        const bool used = c < ctx->fh.n_comp;
+        b.plane[c] = used ? base + ctx->band_offset[c] : nullptr;
+        b.stride[c] = used ? ctx->line_w[c] : 0;
+        b.ring[c] = used ? ctx->band_ring[c] : 0;
+    }
+    j.band_luma = 0;
+    while (j.sc[j.band_luma].c != 0) ++j.band_luma;
+    int32_t per_row = 1;
+    const int32_t mcus = kivod_scan_mcus(ctx, &per_row);
+    const int32_t lines = ctx->mcu_lines[0];  // luma lines per MCU row
+    b.total = mcus / per_row * lines;
+    b.first = j.w->first_mcu / per_row * lines;
+    b.end = b.first + j.w->n_mcu / per_row * lines;
+    b.done = b.first;
+    b.slice = slice;
+    set_band_rows(j);
+}
 
 void list_blocks(Slice &j) {
     j.n_blocks = 0;
@@ -273,6 +314,9 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
                 kivo::copy_block(ctx->coef_buf[s.c] + (size_t(row) * ctx->prog_blk_w[s.c] + col) * 64, blk);
         } else if (j.mode == KIVOD_OUT_DIRECT) {
             kivod_out_block(j.img, s.c, s.col + h, s.row + v, fn, blk);
+        } else if (j.mode == KIVOD_OUT_BANDS) {
+            const int32_t stride = j.band.stride[s.c];
+            fn(blk, stride, j.band_row[k] + static_cast<ptrdiff_t>(8 * v) * stride + (s.col + h) * 8);
         } else if (j.mode == KIVOD_OUT_PACKED) {
             fn(blk, 32, j.mcu_buf[k] + 32 * 8 * v + 8 * h);
         } else {
@@ -294,6 +338,12 @@ void next_row(Slice &j) {
     for (int k = 0; k < j.ns; ++k) {
         j.sc[k].row += j.sc[k].v;
         j.sc[k].col = 0;
+    }
+    if (j.mode == KIVOD_OUT_BANDS) {
+        j.band.done = j.sc[j.band_luma].row * 8;
+        j.ctx->bands->rows_done(j.ctx->bands->user, &j.band);
+        set_band_rows(j);
+        return;
     }
     if (j.mode != KIVOD_OUT_RESIZED) return;
     for (int k = 0; k < j.ns; ++k) j.sc[k].fill += j.sc[k].v * j.nblk;
@@ -456,6 +506,7 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
         kivod_make_qz(j.sc[k].t.q, j.qz[k]);
         j.sc[k].t.qz = j.qz[k];
     }
+    if (j.mode == KIVOD_OUT_BANDS) open_band(j);
     if (j.mode == KIVOD_OUT_RESIZED) {
         const int32_t r = open_resizers(j);
         if (r != 0) return r;

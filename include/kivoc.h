@@ -11,6 +11,7 @@
 #include <stdint.h>
 
 #include "kivo.h"
+#include "kivod.h"
 #include "xelo.h"
 
 #ifdef __cplusplus
@@ -47,6 +48,27 @@ KIVO_API int32_t kivoc_pixel_size(int32_t format);
 KIVO_API int32_t kivoc_to_packed(const xelo_imgb *src, uint8_t *dst, int32_t dst_stride,
                                  size_t dst_size, int32_t dst_format, uint32_t flags,
                                  const kivo_tpool *tpool);
+
+/* Decodes the picture whose headers kivod_decode read, in place of
+ * kivod_clone, straight to packed pixels of dst_format: the same bytes as
+ * kivod_clone into planes of the frame's layout followed by kivoc_to_packed
+ * with the same flags, without the planes of the whole picture. The picture
+ * is the frame's size, or ceil(width / d) x ceil(height / d) with the
+ * handle's reduction d of 2, 4 or 8 (kivod_set_reduction). At full size
+ * from memory input (or a file read whole) the picture is converted band by
+ * band, each band of MCU rows as soon as the decoder has reconstructed it,
+ * on the decoder's threads (a sequential frame whose first scan carries
+ * every component, or a progressive frame); other pictures are decoded
+ * whole and then converted. Threads: the handle's pool.
+ * Returns kivod_clone's status; KIVO_ERR_INVALID_ARG for a null handle or
+ * buffer or unknown flags; KIVO_ERR_UNAVAILABLE without a picture to decode;
+ * KIVO_ERR_COLOR_FORMAT for a packed format not listed or a frame layout
+ * kivoc_to_packed does not convert; KIVO_ERR_IMGB when the buffer's line
+ * distance or size is too small. Nothing is decoded or written before the
+ * arguments have been checked; rows the data do not reach, and every row
+ * after a negative status other than these, hold unspecified pixels. */
+KIVO_API int32_t kivoc_decode_packed(kivod_ctx *dec, uint8_t *dst, int32_t dst_stride, size_t dst_size,
+                                     int32_t dst_format, uint32_t flags);
 
 /* Converts packed pixels of src_format into the planes of dst, whose width,
  * height and colour format (XELO_CS_YCBCR400, 420, 422, 444, 440 or 411)

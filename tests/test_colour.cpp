@@ -5,6 +5,9 @@
 // - Kernel checker: every SIMD table slot against the plain one on random
 //   and extreme rows of every length up to 100 at odd offsets.
 // - Refused arguments.
+// - kivoc_decode_packed against the two steps it replaces (kivod_clone, then
+//   kivoc_to_packed) on streams of our encoder: layouts, a progressive
+//   stream, reduced scales, one and two threads; and its refusals.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,6 +15,7 @@
 #include <vector>
 
 #include "color/kivoc_int.h"
+#include "support/kivo_encode.h"
 #include "support/pictures.h"
 
 namespace {
@@ -270,6 +274,108 @@ TEST(Colour, RefusedArguments) {
     kivo_tpool_std(&refusing, 4);
     refusing.create = [](kivo_tpool *, int32_t) -> void * { return nullptr; };
     EXPECT_EQ(kivoc_to_packed(buf.b, px.data(), st, sz, KIVOC_RGBA, 0, &refusing), KIVO_ERR_THREAD);
+}
+
+// A decoder with `threads` threads and the reduction, its headers read from jpg.
+kivod_ctx *open_decoder(const std::vector<uint8_t> &jpg, int threads, int reduction, xelo_bitb *bitb,
+                        kivo_tpool *tp, kivod_frame_info *info) {
+    kivo_tpool_std(tp, threads);
+    const kivod_create_param p{0, tp};
+    kivod_ctx *dec = kivod_create(&p, nullptr);
+    kivod_set_reduction(dec, reduction);
+    bitb->addr = const_cast<uint8_t *>(jpg.data());
+    bitb->ssize = static_cast<int32_t>(jpg.size());
+    const kivod_input in{KIVOD_INPUT_BITB, bitb, nullptr};
+    EXPECT_EQ(kivod_decode(dec, &in, info), 0);
+    return dec;
+}
+
+TEST(Colour, DecodePackedMatchesTwoSteps) {
+    const struct {
+        int32_t cs;
+        int w, h;
+        bool progressive;
+        int reduction;
+        int32_t format;
+        uint32_t flags;
+    } cases[] = {
+        {XELO_CS_YCBCR420, 77, 83, false, 0, KIVOC_RGBA, 0},  {XELO_CS_YCBCR420, 64, 64, false, 1, KIVOC_BGRA, 0},
+        {XELO_CS_YCBCR420, 77, 83, false, 0, KIVOC_RGB, KIVOC_NEAREST},
+        {XELO_CS_YCBCR422, 45, 70, false, 0, KIVOC_RGB, 0},   {XELO_CS_YCBCR444, 50, 41, false, 0, KIVOC_RGBA, 0},
+        {XELO_CS_YCBCR440, 33, 75, false, 0, KIVOC_RGBA, 0},  {XELO_CS_YCBCR411, 61, 34, false, 0, KIVOC_RGBA, 0},
+        {XELO_CS_YCBCR400, 39, 57, false, 0, KIVOC_RGBA, 0},  {XELO_CS_YCBCR420, 77, 83, false, 0, KIVOC_GREY, 0},
+        {XELO_CS_YCBCR420, 77, 83, true, 0, KIVOC_RGBA, 0},   {XELO_CS_YCBCR420, 77, 83, false, 2, KIVOC_RGBA, 0},
+        {XELO_CS_YCBCR444, 50, 41, false, 4, KIVOC_RGB, 0},
+    };
+    uint64_t seed = 40;
+    for (const auto &c : cases) {
+        kivotest::EncodeOptions o;
+        o.quality = 85;
+        o.progressive = c.progressive;
+        o.threads = 2;  // restart markers between the encoder's slices
+        const kivotest::Encoded e = kivotest::encode(c.cs, c.w, c.h, kivotest::make_picture(c.cs, c.w, c.h, ++seed), o);
+        ASSERT_EQ(e.status, 0);
+        for (int threads : {1, 2}) {
+            SCOPED_TRACE(testing::Message() << "case " << (&c - cases) << " threads " << threads);
+            xelo_bitb bitb{};
+            kivo_tpool tp;
+            kivod_frame_info info{};
+            kivod_ctx *dec = open_decoder(e.jpg, threads, c.reduction, &bitb, &tp, &info);
+            const int d = c.reduction > 1 ? c.reduction : 1, w = (c.w + d - 1) / d, h = (c.h + d - 1) / d;
+            const int bpp = kivoc_pixel_size(c.format);
+            xelo_imgb *img = kivotest::to_imgb(c.cs, w, h, kivotest::make_picture(c.cs, w, h, 0));
+            std::vector<uint8_t> want(size_t(w) * h * bpp), got(want.size(), 0x5A);
+            ASSERT_EQ(kivod_clone(dec, img), 0);
+            ASSERT_EQ(kivoc_to_packed(img, want.data(), w * bpp, want.size(), c.format, c.flags, nullptr), 0);
+            const kivod_input in{KIVOD_INPUT_BITB, &bitb, nullptr};
+            ASSERT_EQ(kivod_decode(dec, &in, &info), 0);
+            ASSERT_EQ(kivoc_decode_packed(dec, got.data(), w * bpp, got.size(), c.format, c.flags), 0);
+            EXPECT_EQ(got, want);
+            img->release(img);
+            kivod_delete(dec);
+        }
+    }
+}
+
+TEST(Colour, DecodePackedRefusals) {
+    const int w = 20, h = 12;
+    const kivotest::Encoded e = kivotest::encode(XELO_CS_YCBCR420, w, h, kivotest::make_picture(XELO_CS_YCBCR420, w, h, 3), {});
+    ASSERT_EQ(e.status, 0);
+    const std::vector<uint8_t> cmyk =
+        kivotest::encode(41, w, h, kivotest::make_picture(41, w, h, 3), {}).jpg;
+    std::vector<uint8_t> px(w * h * 4);
+    const int32_t st = w * 4;
+    const size_t sz = px.size();
+    const int32_t kArg = KIVO_ERR_INVALID_ARG, kFmt = KIVO_ERR_COLOR_FORMAT, kImgb = KIVO_ERR_IMGB;
+    const struct {
+        const std::vector<uint8_t> *jpg;  // null: a handle with no picture to decode
+        bool null_handle;
+        uint8_t *dst;
+        int32_t stride;
+        size_t size;
+        int32_t format;
+        uint32_t flags;
+        int32_t want;
+    } cases[] = {
+        {&e.jpg, false, px.data(), st, sz, KIVOC_RGBA, 0, 0},      {&e.jpg, true, px.data(), st, sz, KIVOC_RGBA, 0, kArg},
+        {&e.jpg, false, nullptr, st, sz, KIVOC_RGBA, 0, kArg},     {&e.jpg, false, px.data(), st, sz, KIVOC_RGBA, 2, kArg},
+        {&e.jpg, false, px.data(), st, sz, 5, 0, kFmt},            {&e.jpg, false, px.data(), st - 1, sz, KIVOC_RGBA, 0, kImgb},
+        {&e.jpg, false, px.data(), st, sz - 1, KIVOC_RGBA, 0, kImgb}, {&cmyk, false, px.data(), st, sz, KIVOC_RGBA, 0, kFmt},
+        {nullptr, false, px.data(), st, sz, KIVOC_RGBA, 0, KIVO_ERR_UNAVAILABLE},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(testing::Message() << "case " << (&c - cases));
+        xelo_bitb bitb{};
+        kivo_tpool tp;
+        kivod_frame_info info{};
+        kivod_ctx *dec = open_decoder(c.jpg ? *c.jpg : e.jpg, 1, 0, &bitb, &tp, &info);
+        if (!c.jpg) ASSERT_EQ(kivoc_decode_packed(dec, px.data(), st, sz, KIVOC_RGBA, 0), 0);  // the picture is taken
+        std::fill(px.begin(), px.end(), uint8_t(0x5A));
+        EXPECT_EQ(kivoc_decode_packed(c.null_handle ? nullptr : dec, c.dst, c.stride, c.size, c.format, c.flags), c.want);
+        // A refusal writes nothing.
+        if (c.want != 0) EXPECT_EQ(std::count(px.begin(), px.end(), uint8_t(0x5A)), long(sz));
+        kivod_delete(dec);
+    }
 }
 
 }  // namespace

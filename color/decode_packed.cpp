@@ -1,0 +1,98 @@
+// kivoc_decode_packed: a decode straight to packed pixels. The decoder hands
+// each slice's MCU rows over as soon as they are reconstructed
+// (kivod_clone_bands), and the rows are converted by the same row loop as
+// kivoc_to_packed's while they are in cache. Pictures the decoder cannot
+// hand over in bands are decoded whole and converted after.
+#include <algorithm>
+
+#include "color/kivoc_int.h"
+#include "decoder/kivod_int.h"
+
+namespace kivo {
+namespace {
+
+// The conversion's state for the band sink: the shared task and, per slice,
+// its scratch and the next output row it owes.
+struct Bands {
+    Task task;
+    int32_t context;  // chroma lines below an output row's own that it reads (0 or 1)
+    uint8_t *scratch[kMaxThreads];
+    int32_t next[kMaxThreads];
+};
+
+// Converts the rows of the slice that are ready. A slice owns the output
+// rows from its first line to the next slice's; with vertical chroma context
+// the ownership moves down by that one line, and each slice but the last
+// decodes the next slice's first MCU row for the rows at its bottom.
+void rows_done(void *user, const kivod_band *b) {
+    Bands &bd = *static_cast<Bands *>(user);
+    Task t = bd.task;
+    for (int p = 0; p < 3; ++p) {
+        t.plane[p] = const_cast<uint8_t *>(b->plane[p]);
+        t.stride[p] = b->stride[p];
+        t.ring[p] = b->ring[p];
+    }
+    const int32_t own = b->first == 0 ? 0 : b->first + bd.context;
+    const int32_t own_end = b->end >= b->total ? t.h : std::min(t.h, b->end + bd.context);
+    const int32_t ready = b->done >= b->total ? t.h : std::min(t.h, b->done - bd.context);
+    int32_t &next = bd.next[b->slice];
+    const int32_t first = std::max(next, own), end = std::min(ready, own_end);
+    if (end <= first) return;
+    to_packed_rows(t, bd.scratch[b->slice], first, end);
+    next = end;
+}
+
+int32_t decode_in_bands(kivod_ctx *ctx, Task &t) {
+    Bands bd{};
+    bd.task = t;
+    bd.context = t.lay->chroma && t.lay->y_shift && !t.nearest && t.packed_format != KIVOC_GREY ? 1 : 0;
+    const int n = thread_limit(ctx->tpool);
+    const size_t bytes = scratch_bytes(t.w, t.cw);
+    uint8_t *block = static_cast<uint8_t *>(xelo_malloc_fast_align32(bytes * n));
+    if (!block) return KIVO_ERR_OUT_OF_MEMORY;
+    for (int i = 0; i < n; ++i) bd.scratch[i] = block + bytes * i;
+    const kivod_band_sink sink{bd.context, rows_done, &bd};
+    const int32_t ret = kivod_clone_bands(ctx, &sink);
+    xelo_mfree_fast_align32(block);
+    return ret;
+}
+
+// Whole planes of the picture, then kivoc_to_packed over the handle's pool.
+int32_t decode_whole(kivod_ctx *ctx, const Task &t, int32_t color_format, uint32_t flags) {
+    const uint32_t al[4] = {XELO_PAIR(32, 32), XELO_PAIR(32, 32), XELO_PAIR(32, 32), XELO_PAIR(32, 32)};
+    const uint32_t pad[4] = {0, 0, 0, 0};
+    xelo_imgb *img = xelo_imgb_create(t.w, t.h, color_format, 3, al, pad, 0, 0, 0);
+    if (!img) return KIVO_ERR_OUT_OF_MEMORY;
+    int32_t ret = kivod_clone(ctx, img);
+    if (ret == KIVO_OK)
+        ret = kivoc_to_packed(img, t.packed, t.packed_stride,
+                              static_cast<size_t>(t.h - 1) * t.packed_stride + static_cast<size_t>(t.w) * pixel_size(t.packed_format),
+                              t.packed_format, flags, &ctx->tpool);
+    img->release(img);
+    return ret;
+}
+
+}  // namespace
+}  // namespace kivo
+
+KIVO_EXPORT int32_t kivoc_decode_packed(kivod_ctx *dec, uint8_t *dst, int32_t dst_stride, size_t dst_size,
+                                        int32_t dst_format, uint32_t flags) {
+    kivod_ctx *ctx = static_cast<kivod_ctx *>(kivo::handle_check(dec, kivo::kMagicDecoder));
+    if (!ctx || (flags & ~KIVOC_NEAREST)) return KIVO_ERR_INVALID_ARG;
+    kivo::Task t{};
+    int32_t fw, fh, cs;
+    int32_t ret = kivod_pending_frame(ctx, &fw, &fh, &cs);
+    if (ret != KIVO_OK) return ret;
+    t.lay = kivo::planar_layout(cs);
+    if (!t.lay) return KIVO_ERR_COLOR_FORMAT;
+    const int32_t d = ctx->reduction > 1 ? ctx->reduction : 1;
+    t.w = (fw + d - 1) / d;
+    t.h = (fh + d - 1) / d;
+    t.cw = kivo::chroma_width(*t.lay, t.w);
+    t.ch = kivo::chroma_height(*t.lay, t.h);
+    ret = kivo::check_packed(dst, dst_stride, dst_size, dst_format, &t);
+    if (ret != KIVO_OK) return ret;
+    t.dsp = &kivo::color_dsp(kivo_cpu_flags());
+    t.nearest = (flags & KIVOC_NEAREST) != 0;
+    return kivod_bands_possible(ctx) ? kivo::decode_in_bands(ctx, t) : kivo::decode_whole(ctx, t, cs, flags);
+}
