@@ -369,11 +369,15 @@ TEST(Colour, DecodePackedRefusals) {
         kivo_tpool tp;
         kivod_frame_info info{};
         kivod_ctx *dec = open_decoder(c.jpg ? *c.jpg : e.jpg, 1, 0, &bitb, &tp, &info);
-        if (!c.jpg) ASSERT_EQ(kivoc_decode_packed(dec, px.data(), st, sz, KIVOC_RGBA, 0), 0);  // the picture is taken
+        if (!c.jpg) {
+            ASSERT_EQ(kivoc_decode_packed(dec, px.data(), st, sz, KIVOC_RGBA, 0), 0);  // the picture is taken
+        }
         std::fill(px.begin(), px.end(), uint8_t(0x5A));
         EXPECT_EQ(kivoc_decode_packed(c.null_handle ? nullptr : dec, c.dst, c.stride, c.size, c.format, c.flags), c.want);
         // A refusal writes nothing.
-        if (c.want != 0) EXPECT_EQ(std::count(px.begin(), px.end(), uint8_t(0x5A)), long(sz));
+        if (c.want != 0) {
+            EXPECT_EQ(std::count(px.begin(), px.end(), uint8_t(0x5A)), long(sz));
+        }
         kivod_delete(dec);
     }
 }
