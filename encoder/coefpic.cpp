@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "encoder/kivoe_int.h"
-#include "encoder/nonzero.h"
+#include "common/nonzero.h"
 
 namespace {
 
@@ -157,9 +157,9 @@ inline int32_t asr(int32_t v, int32_t n) { return v >= 0 ? v >> n : ~(~v >> n); 
 
 inline int32_t bit_length(uint32_t v) { return v ? 32 - __builtin_clz(v) : 0; }
 
-using kivoe_nz::MaskWord;
-using kivoe_nz::kMaskBits;
-using kivoe_nz::ctz;
+using kivo_nz::MaskWord;
+using kivo_nz::kMaskBits;
+using kivo_nz::ctz;
 
 // Calls f(k, base) for every bit k set in m, lowest first; base is the
 // first bit of k's register, for bit().

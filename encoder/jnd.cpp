@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "encoder/kivoe_int.h"
-#include "encoder/nonzero.h"
+#include "common/nonzero.h"
 
 // Tables: the clamp band around a centre sample c is [c - d(c), c + a(c)],
 // a and d counting the steps 11, 30, 55, 84, 118, 155, 195, 239 and 12, 32,
@@ -126,7 +126,7 @@ void kivoe_jnd_thresholds(int16_t dc, uint8_t thr[64]) {
 
 void kivoe_jnd_suppress(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint8_t thr[64]) {
     // Only the non-zero levels count and change.
-    const uint64_t nonzero = kivoe_raster_mask(levels);
+    const uint64_t nonzero = kivo_raster_mask(levels);
     int32_t sum = 0;
     for (uint64_t m = nonzero & ~uint64_t(1); m; m &= m - 1) {
         const int32_t l = levels[__builtin_ctzll(m)];

@@ -4,7 +4,7 @@
 #include <immintrin.h>
 
 #include "encoder/enc_simd.h"
-#include "encoder/nonzero.h"
+#include "common/nonzero.h"
 #include "encoder/planes_x86.h"
 
 namespace {
@@ -18,7 +18,7 @@ struct Shuffle {
 constexpr Shuffle make_shuffle() {
     Shuffle s{};
     for (int32_t z = 0; z < 64; ++z) {
-        const int32_t r = kivoe_nz::kZigToRas.z[z];
+        const int32_t r = kivo_nz::kZigToRas.z[z];
         for (int32_t j = 0; j < 4; ++j) s.idx[z >> 4][j][z & 15] = r >> 4 == j ? static_cast<uint8_t>(r & 15) : 0x80;
     }
     return s;

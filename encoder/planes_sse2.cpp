@@ -1,7 +1,7 @@
 // Bit planes of a block's AC levels, SSE2: the level bytes put in zig-zag
 // order one by one.
 #include "encoder/enc_simd.h"
-#include "encoder/nonzero.h"
+#include "common/nonzero.h"
 #include "encoder/planes_x86.h"
 
 void kivoe_planes_sse2(const int16_t *blk, kivoe_planes *out) {
@@ -9,7 +9,7 @@ void kivoe_planes_sse2(const int16_t *blk, kivoe_planes *out) {
     __m128i c[4];
     level_bytes(blk, c);
     for (int32_t r = 0; r < 4; ++r) _mm_store_si128(reinterpret_cast<__m128i *>(code + 16 * r), c[r]);
-    for (int32_t z = 0; z < 64; ++z) zz[z] = code[kivoe_nz::kZigToRas.z[z]];
+    for (int32_t z = 0; z < 64; ++z) zz[z] = code[kivo_nz::kZigToRas.z[z]];
     __m128i q[4];
     for (int32_t i = 0; i < 4; ++i) q[i] = _mm_load_si128(reinterpret_cast<const __m128i *>(zz + 16 * i));
     planes_of(q, out);

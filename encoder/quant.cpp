@@ -1,7 +1,7 @@
 // Quantizers: rounding by the table's half values, the adaptive quantizer
 // with Q14 offsets, and the offset update of adaptive rounding.
 #include "encoder/kivoe_int.h"
-#include "encoder/nonzero.h"
+#include "common/nonzero.h"
 
 int32_t kivoe_quant(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
     int32_t nonzero = 0;
@@ -30,7 +30,7 @@ void kivoe_quant_rdoq(int16_t *blk, const uint16_t *recip, const uint16_t *offse
 void kivoe_update_offset(const int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
                          uint16_t *offset) {
     // Offsets move only where the level is not zero.
-    for (uint64_t m = kivoe_raster_mask(levels); m; m &= m - 1) {
+    for (uint64_t m = kivo_raster_mask(levels); m; m &= m - 1) {
         const int i = __builtin_ctzll(m);
         const int32_t l = levels[i];
         const int32_t c = coef[i];

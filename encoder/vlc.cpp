@@ -4,15 +4,15 @@
 #include <cstring>
 
 #include "encoder/kivoe_int.h"
-#include "encoder/nonzero.h"
+#include "common/nonzero.h"
 
 
 namespace {
 
 
-using kivoe_nz::MaskWord;
-using kivoe_nz::kMaskBits;
-using kivoe_nz::ctz;
+using kivo_nz::MaskWord;
+using kivo_nz::kMaskBits;
+using kivo_nz::ctz;
 
 // True for the 16-bit values that have a size category: -32767 to 2047.
 inline bool has_category(int32_t v) { return static_cast<uint32_t>(v + 32767) <= 32767u + 2047u; }
@@ -170,7 +170,7 @@ int32_t code_ac(Sink &sink, const kivoe_ac_tbl *t, const int16_t *blk, uint64_t 
 template <class Sink>
 int32_t code_ac(Sink &sink, const kivoe_ac_tbl *t, const int16_t *blk) {
     bool all_coded;
-    const uint64_t mask = kivoe_zigzag_ac_mask(blk, &all_coded);
+    const uint64_t mask = kivo_zigzag_ac_mask(blk, &all_coded);
     return all_coded ? code_ac<false>(sink, t, blk, mask) : code_ac<true>(sink, t, blk, mask);
 }
 
@@ -237,7 +237,7 @@ int32_t kivoe_vlc_dc(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff) {
 
 int32_t kivoe_vlc_block(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk) {
     bool all_coded;
-    const uint64_t mask = kivoe_zigzag_ac_mask(blk, &all_coded);
+    const uint64_t mask = kivo_zigzag_ac_mask(blk, &all_coded);
     return all_coded ? kivoe_vlc_block_mask(bs, dc, ac, diff, blk, mask) : kivoe_vlc_block_mask(bs, dc, ac, diff, blk, -1);
 }
 
@@ -276,13 +276,13 @@ int32_t kivoe_vlc_dc_stat(xelo_bsw *, kivoe_dc_tbl *t, int32_t diff) {
 
 int32_t kivoe_vlc_ac_stat(xelo_bsw *, kivoe_ac_tbl *t, const int16_t *blk) {
     bool all_coded;
-    const uint64_t mask = kivoe_zigzag_ac_mask(blk, &all_coded);
+    const uint64_t mask = kivo_zigzag_ac_mask(blk, &all_coded);
     return count_ac(t, blk, mask, all_coded);
 }
 
 uint64_t kivoe_vlc_ac_stat_mask(kivoe_ac_tbl *t, const int16_t *blk) {
     bool all_coded;
-    const uint64_t mask = kivoe_zigzag_ac_mask(blk, &all_coded);
+    const uint64_t mask = kivo_zigzag_ac_mask(blk, &all_coded);
     return count_ac(t, blk, mask, all_coded) < 0 ? ~uint64_t(0) : mask;
 }
 

@@ -1,7 +1,7 @@
 // Which values of a block are not zero, as a 64-bit mask in raster or
 // zig-zag order, for the loops that visit only those.
-#ifndef KIVO_ENCODER_NONZERO_H
-#define KIVO_ENCODER_NONZERO_H
+#ifndef KIVO_COMMON_NONZERO_H
+#define KIVO_COMMON_NONZERO_H
 
 #include <cstdint>
 #include <type_traits>
@@ -16,7 +16,7 @@
 
 // Bit i set when blk[i] is not zero (raster order). *all_coded is set to
 // whether every value has a size category (none above 2047, none -32768).
-inline uint64_t kivoe_raster_mask(const int16_t *blk, bool *all_coded) {
+inline uint64_t kivo_raster_mask(const int16_t *blk, bool *all_coded) {
 #if defined(__SSE2__)
     const __m128i zero = _mm_setzero_si128();
     const __m128i top = _mm_set1_epi16(2047);
@@ -61,12 +61,12 @@ inline uint64_t kivoe_raster_mask(const int16_t *blk, bool *all_coded) {
 #endif
 }
 
-inline uint64_t kivoe_raster_mask(const int16_t *blk) {
+inline uint64_t kivo_raster_mask(const int16_t *blk) {
     bool all_coded;
-    return kivoe_raster_mask(blk, &all_coded);
+    return kivo_raster_mask(blk, &all_coded);
 }
 
-namespace kivoe_nz {
+namespace kivo_nz {
 
 // Masks are walked a register at a time: in two halves on 32-bit
 // processors, where 64-bit bit counts, clears and shifts take several
@@ -133,10 +133,10 @@ inline constexpr NibbleZig kNibbleZig = make_nibble_zig();
 
 #endif
 
-}  // namespace kivoe_nz
+}  // namespace kivo_nz
 
 // Bit z set when the AC coefficient at zig-zag position z is not zero.
-inline uint64_t kivoe_zigzag_ac_mask(const int16_t *blk, bool *all_coded) {
+inline uint64_t kivo_zigzag_ac_mask(const int16_t *blk, bool *all_coded) {
 #if defined(__ARM_NEON)
     // One byte a coefficient (all ones where not zero), put in zig-zag
     // order by table look-ups over the two halves of the block, then one
@@ -163,9 +163,9 @@ inline uint64_t kivoe_zigzag_ac_mask(const int16_t *blk, bool *all_coded) {
     const uint8x8_t all = vpadd_u8(vpadd_u8(p0, p1), vpadd_u8(p2, p3));
     return vget_lane_u64(vreinterpret_u64_u8(all), 0) & ~uint64_t(1);
 #else
-    const uint64_t m = kivoe_raster_mask(blk, all_coded);
+    const uint64_t m = kivo_raster_mask(blk, all_coded);
     uint64_t z = 0;
-    for (int32_t i = 0; i < 16; ++i) z |= kivoe_nz::kNibbleZig.m[i][(m >> (4 * i)) & 15];
+    for (int32_t i = 0; i < 16; ++i) z |= kivo_nz::kNibbleZig.m[i][(m >> (4 * i)) & 15];
     return z;
 #endif
 }
