@@ -129,6 +129,7 @@ typedef int32_t (*kivoe_vlc_ac_fn)(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t 
 typedef void (*kivoe_fdct_fn)(int16_t *blk);
 typedef int32_t (*kivoe_quant_fn)(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 typedef void (*kivoe_quant_rdoq_fn)(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+typedef uint64_t (*kivoe_quant_mask_fn)(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 typedef void (*kivoe_jndfilt_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
 // Bit planes of a block's AC levels in zig-zag order, for the progressive
 // writer: bit z of nz[a] is set when |level| >> a is not zero, of odd[a]
@@ -159,6 +160,7 @@ struct kivoe_proc {
     // Kernels beyond the fifteen slots, chosen the same way.
     kivoe_jndfilt_fn jndfilt;
     kivoe_planes_fn planes;
+    kivoe_quant_mask_fn quant_mask;
 };
 
 struct kivoe_ctx {
@@ -283,6 +285,11 @@ int32_t kivoe_bs_flush_data_seg(xelo_bsw *bs);
 void kivoe_fdct8(int16_t *blk);
 int32_t kivoe_quant(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_quant_rdoq(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+// kivoe_quant returning, instead of the count, the mask of the non-zero AC
+// levels in zig-zag order (bit z for zig-zag position z), with bit 0 set
+// when some level of the block is above 2047 or below -2047: the coder then
+// checks the block itself for levels without a size category.
+uint64_t kivoe_quant_mask(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 // Adaptive rounding: moves the offsets of the non-zero levels by their
 // reconstruction errors (coef: the unquantized coefficients).
 void kivoe_update_offset(const int16_t *levels, const int16_t *coef, const uint16_t *q,

@@ -454,6 +454,9 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
     const bool keep = ctx->jnd_suppress || ctx->adaptive_rounding;
     // With the writers in the coder slots, a block's codes go out together.
     const bool fused = p.vlc_dc == kivoe_vlc_dc && p.vlc_ac == kivoe_vlc_ac;
+    // Blocks coded straight after the plain quantizer take its mask of
+    // non-zero levels.
+    const bool masked = fused && !prog && !ctx->jnd_suppress && !ctx->adaptive_rounding;
     int32_t counter = 0;
     for (int32_t m = 0; m < job->n_mcu; ++m) {
         const int32_t at = first_mcu + m;
@@ -466,6 +469,7 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
             for (int v = 0; v < vf; ++v) {
                 for (int h = 0; h < hf; ++h) {
                     const int16_t *lv = blk;
+                    uint64_t mask = ~uint64_t(0);  // not known
                     if (reuse) {
                         lv = kept;
                         kept += 64;
@@ -484,8 +488,14 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                         p.fdct8(blk);
                         if (ctx->jnd_suppress) kivoe_jnd_thresholds(blk[0], thr);
                         if (keep) kivo::copy_block(coef, blk);
-                        if (ctx->adaptive_rounding) p.quant_rdoq(blk, cc.q->recip, cc.offset);
-                        else p.quant(blk, cc.q->recip, cc.offset);
+                        if (masked) {
+                            mask = p.quant_mask(blk, cc.q->recip, cc.offset);
+                            if (mask & 1) mask = ~uint64_t(0);  // the coder checks the levels
+                        } else if (ctx->adaptive_rounding) {
+                            p.quant_rdoq(blk, cc.q->recip, cc.offset);
+                        } else {
+                            p.quant(blk, cc.q->recip, cc.offset);
+                        }
                         if (ctx->jnd_suppress) kivoe_jnd_suppress(blk, coef, cc.q->q, thr);
                         if (ctx->adaptive_rounding) kivoe_update_offset(blk, coef, cc.q->q, cc.q->recip, cc.adapt);
                         if (kept) {
@@ -501,7 +511,7 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                     const int32_t d = lv[0] - job->dc_pred[c];
                     job->dc_pred[c] = lv[0];
                     if (fused) {
-                        kivoe_vlc_block(bs, cc.dc, cc.ac, d, lv);
+                        kivoe_vlc_block_mask(bs, cc.dc, cc.ac, d, lv, mask);
                     } else {
                         p.vlc_dc(bs, cc.dc, d);
                         p.vlc_ac(bs, cc.ac, lv);

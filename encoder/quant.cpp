@@ -17,6 +17,14 @@ int32_t kivoe_quant(int16_t *blk, const uint16_t *recip, const uint16_t *offset)
     return nonzero;
 }
 
+uint64_t kivoe_quant_mask(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+    kivoe_quant(blk, recip, offset);
+    uint64_t mask = 0;
+    for (int32_t z = 1; z < 64; ++z) mask |= static_cast<uint64_t>(blk[kivo_tbl_zig_to_ras[z]] != 0) << z;
+    for (int32_t i = 0; i < 64; ++i) mask |= blk[i] > 2047 || blk[i] < -2047;
+    return mask;
+}
+
 void kivoe_quant_rdoq(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
     for (int i = 0; i < 64; ++i) {
         const int32_t c = blk[i];
