@@ -68,6 +68,12 @@ struct kivoe_ac_tbl {
     kivoe_ac_code code[257];  // by position in the table's value list
     uint64_t counter[257];    // by symbol; 0x00 EOB, 0xF0 ZRL
     kivoe_code by_symbol[256];  // the same codes indexed by symbol (length 0: none)
+    // For the block coder, by 2 symbol + (1 for a negative level): the code
+    // shifted left by the size, with the size's low bits set for a negative
+    // level, so that xor with |level| appends the extra bits; and the code
+    // length plus the size.
+    uint32_t with_extra[512];
+    uint8_t len_with_extra[512];
 };
 
 // ---- headers (header.cpp) --------------------------------------------------------
