@@ -267,14 +267,15 @@ void kivoe_gen_opt(kivoe_huff_spec *s, const uint64_t *counter, int32_t n, const
 // ---- entropy coder (vlc.cpp) -----------------------------------------------------------------
 int32_t kivoe_vlc_dc(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff);
 int32_t kivoe_vlc_ac(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk);
-// kivoe_vlc_dc then kivoe_vlc_ac, the block's codes gathered in one buffer.
-int32_t kivoe_vlc_block(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk);
 int32_t kivoe_vlc_dc_stat(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff);
 int32_t kivoe_vlc_ac_stat(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk);
 // For a block coded twice: kivoe_vlc_ac_stat, returning the mask that
 // kivoe_vlc_block_mask takes to code the block without finding its
 // non-zero levels again (all ones: a level without category, found then).
 uint64_t kivoe_vlc_ac_stat_mask(kivoe_ac_tbl *t, const int16_t *blk);
+// kivoe_vlc_dc then kivoe_vlc_ac, the block's codes gathered in one buffer;
+// mask: the zig-zag mask of the non-zero AC levels, or all ones when not
+// known (found here then).
 int32_t kivoe_vlc_block_mask(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk,
                              uint64_t mask);
 int32_t kivoe_vlc_dri_marker(xelo_bsw *bs, int32_t marker);

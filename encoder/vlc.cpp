@@ -282,12 +282,6 @@ int32_t kivoe_vlc_dc(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff) {
     return KIVO_OK;
 }
 
-int32_t kivoe_vlc_block(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk) {
-    bool all_coded;
-    const uint64_t mask = kivoe_zigzag_ac_mask(blk, &all_coded);
-    return all_coded ? kivoe_vlc_block_mask(bs, dc, ac, diff, blk, mask) : kivoe_vlc_block_mask(bs, dc, ac, diff, blk, -1);
-}
-
 int32_t kivoe_vlc_block_mask(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk,
                              uint64_t mask) {
     const int32_t k = kivo::category(diff);
