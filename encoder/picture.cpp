@@ -477,7 +477,7 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
     const bool fused = p.vlc_dc == kivoe_vlc_dc && p.vlc_ac == kivoe_vlc_ac;
     // Blocks coded straight after the plain quantizer take its mask of
     // non-zero levels.
-    const bool masked = fused && !prog && !ctx->jnd_suppress && !ctx->adaptive_rounding;
+    const bool masked = fused && !prog && !jnd_suppress && !adaptive;
     int32_t counter = 0;
     for (int32_t m = 0; m < job->n_mcu; ++m) {
         const int32_t at = first_mcu + m;
