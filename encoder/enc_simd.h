@@ -8,16 +8,21 @@
 #include "encoder/kivoe_int.h"
 
 int32_t kivoe_quant_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+uint64_t kivoe_quant_mask_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+// The mask kivoe_quant_mask returns, of levels already quantized.
+uint64_t kivoe_level_mask_sse2(const int16_t *blk);
 void kivoe_quant_rdoq_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_fdct8_sse2(int16_t *blk);
 void kivoe_jndfilt8x8_sse2(const uint8_t *src, int32_t stride, int16_t *blk);
 void kivoe_planes_sse2(const int16_t *blk, kivoe_planes *out);
 void kivoe_fdct8_avx2(int16_t *blk);
 int32_t kivoe_quant_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+uint64_t kivoe_quant_mask_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_quant_rdoq_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_planes_avx2(const int16_t *blk, kivoe_planes *out);
 void kivoe_fdct8_neon(int16_t *blk);
 int32_t kivoe_quant_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+uint64_t kivoe_quant_mask_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_quant_rdoq_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_jndfilt8x8_neon(const uint8_t *src, int32_t stride, int16_t *blk);
 void kivoe_planes_neon(const int16_t *blk, kivoe_planes *out);

@@ -93,6 +93,12 @@ void kivoe_gen_code(const kivoe_huff_spec *s, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac
                 t.by_symbol[v] = kivoe_code{e.code, e.len};
             }
         }
+        for (int32_t v = 0; v < 256; ++v) {
+            const uint32_t size = v & 15, shifted = static_cast<uint32_t>(t.by_symbol[v].code) << size;
+            t.with_extra[2 * v] = shifted;
+            t.with_extra[2 * v + 1] = shifted | ((1u << size) - 1);
+            t.len_with_extra[2 * v] = t.len_with_extra[2 * v + 1] = static_cast<uint8_t>(t.by_symbol[v].len + size);
+        }
         for (int32_t l = 0; l < 16; ++l) t.bits[l] = s->bits[l];
     }
 }

@@ -68,6 +68,12 @@ struct kivoe_ac_tbl {
     kivoe_ac_code code[257];  // by position in the table's value list
     uint64_t counter[257];    // by symbol; 0x00 EOB, 0xF0 ZRL
     kivoe_code by_symbol[256];  // the same codes indexed by symbol (length 0: none)
+    // For the block coder, by 2 symbol + (1 for a negative level): the code
+    // shifted left by the size, with the size's low bits set for a negative
+    // level, so that xor with |level| appends the extra bits; and the code
+    // length plus the size.
+    uint32_t with_extra[512];
+    uint8_t len_with_extra[512];
 };
 
 // ---- headers (header.cpp) --------------------------------------------------------
@@ -129,6 +135,7 @@ typedef int32_t (*kivoe_vlc_ac_fn)(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t 
 typedef void (*kivoe_fdct_fn)(int16_t *blk);
 typedef int32_t (*kivoe_quant_fn)(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 typedef void (*kivoe_quant_rdoq_fn)(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+typedef uint64_t (*kivoe_quant_mask_fn)(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 typedef void (*kivoe_jndfilt_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
 // Bit planes of a block's AC levels in zig-zag order, for the progressive
 // writer: bit z of nz[a] is set when |level| >> a is not zero, of odd[a]
@@ -159,6 +166,7 @@ struct kivoe_proc {
     // Kernels beyond the fifteen slots, chosen the same way.
     kivoe_jndfilt_fn jndfilt;
     kivoe_planes_fn planes;
+    kivoe_quant_mask_fn quant_mask;
 };
 
 struct kivoe_ctx {
@@ -259,14 +267,15 @@ void kivoe_gen_opt(kivoe_huff_spec *s, const uint64_t *counter, int32_t n, const
 // ---- entropy coder (vlc.cpp) -----------------------------------------------------------------
 int32_t kivoe_vlc_dc(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff);
 int32_t kivoe_vlc_ac(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk);
-// kivoe_vlc_dc then kivoe_vlc_ac, the block's codes gathered in one buffer.
-int32_t kivoe_vlc_block(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk);
 int32_t kivoe_vlc_dc_stat(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff);
 int32_t kivoe_vlc_ac_stat(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk);
 // For a block coded twice: kivoe_vlc_ac_stat, returning the mask that
 // kivoe_vlc_block_mask takes to code the block without finding its
 // non-zero levels again (all ones: a level without category, found then).
 uint64_t kivoe_vlc_ac_stat_mask(kivoe_ac_tbl *t, const int16_t *blk);
+// kivoe_vlc_dc then kivoe_vlc_ac, the block's codes gathered in one buffer;
+// mask: the zig-zag mask of the non-zero AC levels, or all ones when not
+// known (found here then).
 int32_t kivoe_vlc_block_mask(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk,
                              uint64_t mask);
 int32_t kivoe_vlc_dri_marker(xelo_bsw *bs, int32_t marker);
@@ -283,6 +292,11 @@ int32_t kivoe_bs_flush_data_seg(xelo_bsw *bs);
 void kivoe_fdct8(int16_t *blk);
 int32_t kivoe_quant(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_quant_rdoq(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+// kivoe_quant returning, instead of the count, the mask of the non-zero AC
+// levels in zig-zag order (bit z for zig-zag position z), with bit 0 set
+// when some level of the block is above 2047 or below -2047: the coder then
+// checks the block itself for levels without a size category.
+uint64_t kivoe_quant_mask(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 // Adaptive rounding: moves the offsets of the non-zero levels by their
 // reconstruction errors (coef: the unquantized coefficients).
 void kivoe_update_offset(const int16_t *levels, const int16_t *coef, const uint16_t *q,

@@ -16,6 +16,21 @@ namespace {
 
 // Widens the 8 x 8 samples at src into blk.
 inline void load_inside(const uint8_t *src, int32_t stride, int16_t *blk) {
+#if defined(__ARM_NEON) && !defined(__aarch64__)
+    // Rows into d16, d18, ..., d30, widened in place, stored four rows at a
+    // time (the compiler otherwise forms every store's address).
+    asm volatile("vld1.8 {d16}, [%[s]], %[st]\n\t" "vld1.8 {d18}, [%[s]], %[st]\n\t" "vld1.8 {d20}, [%[s]], %[st]\n\t"
+                 "vld1.8 {d22}, [%[s]], %[st]\n\t" "vld1.8 {d24}, [%[s]], %[st]\n\t" "vld1.8 {d26}, [%[s]], %[st]\n\t"
+                 "vld1.8 {d28}, [%[s]], %[st]\n\t" "vld1.8 {d30}, [%[s]]\n\t"
+                 "vmovl.u8 q8, d16\n\t" "vmovl.u8 q9, d18\n\t" "vmovl.u8 q10, d20\n\t" "vmovl.u8 q11, d22\n\t"
+                 "vmovl.u8 q12, d24\n\t" "vmovl.u8 q13, d26\n\t" "vmovl.u8 q14, d28\n\t" "vmovl.u8 q15, d30\n\t"
+                 "vst1.16 {d16-d19}, [%[b]]!\n\t" "vst1.16 {d20-d23}, [%[b]]!\n\t" "vst1.16 {d24-d27}, [%[b]]!\n\t"
+                 "vst1.16 {d28-d31}, [%[b]]\n\t"
+                 : [s] "+r"(src), [b] "+r"(blk)
+                 : [st] "r"(stride)
+                 : "memory", "d16", "d17", "d18", "d19", "d20", "d21", "d22", "d23", "d24", "d25", "d26", "d27", "d28",
+                   "d29", "d30", "d31");
+#else
     for (int r = 0; r < 8; ++r, src += stride) {
 #if defined(__SSE2__)
         const __m128i v = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src));
@@ -26,6 +41,7 @@ inline void load_inside(const uint8_t *src, int32_t stride, int16_t *blk) {
         for (int c = 0; c < 8; ++c) blk[8 * r + c] = src[c];
 #endif
     }
+#endif
 }
 
 // Loads the 8x8 block at (8 bcol, 8 brow) of a plane, repeating the last
@@ -451,9 +467,17 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
     int16_t *kept = job->counting || reuse ? job->levels : nullptr;
     alignas(16) int16_t coef[64];
     uint8_t thr[64];
-    const bool keep = ctx->jnd_suppress || ctx->adaptive_rounding;
+    // Switches and kernels in locals: the calls through the table would
+    // otherwise have them read again for every block.
+    const bool jnd_filter = ctx->jnd_filter, jnd_suppress = ctx->jnd_suppress, adaptive = ctx->adaptive_rounding;
+    const kivoe_fdct_fn fdct8 = p.fdct8;
+    const kivoe_quant_mask_fn quant_mask = p.quant_mask;
+    const bool keep = jnd_suppress || adaptive;
     // With the writers in the coder slots, a block's codes go out together.
     const bool fused = p.vlc_dc == kivoe_vlc_dc && p.vlc_ac == kivoe_vlc_ac;
+    // Blocks coded straight after the plain quantizer take its mask of
+    // non-zero levels.
+    const bool masked = fused && !prog && !jnd_suppress && !adaptive;
     int32_t counter = 0;
     for (int32_t m = 0; m < job->n_mcu; ++m) {
         const int32_t at = first_mcu + m;
@@ -466,6 +490,7 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
             for (int v = 0; v < vf; ++v) {
                 for (int h = 0; h < hf; ++h) {
                     const int16_t *lv = blk;
+                    uint64_t mask = ~uint64_t(0);  // not known
                     if (reuse) {
                         lv = kept;
                         kept += 64;
@@ -474,20 +499,26 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                         // The JND filter reads two lines above and below the
                         // block: only luma blocks a whole block away from every
                         // edge of the picture are filtered.
-                        if (ctx->jnd_filter && c == 0 && bcol >= 1 && brow >= 1 && 8 * bcol + 16 <= ctx->smp_w[0] &&
+                        if (jnd_filter && c == 0 && bcol >= 1 && brow >= 1 && 8 * bcol + 16 <= ctx->smp_w[0] &&
                             8 * brow + 16 <= ctx->smp_h[0]) {
                             p.jndfilt(cc.plane + static_cast<ptrdiff_t>(8 * brow) * cc.stride + 8 * bcol,
                                              cc.stride, blk);
                         } else {
                             load_block(cc.plane, cc.stride, ctx->smp_w[c], ctx->smp_h[c], bcol, brow, blk);
                         }
-                        p.fdct8(blk);
-                        if (ctx->jnd_suppress) kivoe_jnd_thresholds(blk[0], thr);
+                        fdct8(blk);
+                        if (jnd_suppress) kivoe_jnd_thresholds(blk[0], thr);
                         if (keep) kivo::copy_block(coef, blk);
-                        if (ctx->adaptive_rounding) p.quant_rdoq(blk, cc.q->recip, cc.offset);
-                        else p.quant(blk, cc.q->recip, cc.offset);
-                        if (ctx->jnd_suppress) kivoe_jnd_suppress(blk, coef, cc.q->q, thr);
-                        if (ctx->adaptive_rounding) kivoe_update_offset(blk, coef, cc.q->q, cc.q->recip, cc.adapt);
+                        if (masked) {
+                            mask = quant_mask(blk, cc.q->recip, cc.offset);
+                            if (mask & 1) mask = ~uint64_t(0);  // the coder checks the levels
+                        } else if (adaptive) {
+                            p.quant_rdoq(blk, cc.q->recip, cc.offset);
+                        } else {
+                            p.quant(blk, cc.q->recip, cc.offset);
+                        }
+                        if (jnd_suppress) kivoe_jnd_suppress(blk, coef, cc.q->q, thr);
+                        if (adaptive) kivoe_update_offset(blk, coef, cc.q->q, cc.q->recip, cc.adapt);
                         if (kept) {
                             kivo::copy_block(kept, blk);
                             kept += 64;
@@ -501,7 +532,7 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                     const int32_t d = lv[0] - job->dc_pred[c];
                     job->dc_pred[c] = lv[0];
                     if (fused) {
-                        kivoe_vlc_block(bs, cc.dc, cc.ac, d, lv);
+                        kivoe_vlc_block_mask(bs, cc.dc, cc.ac, d, lv, mask);
                     } else {
                         p.vlc_dc(bs, cc.dc, d);
                         p.vlc_ac(bs, cc.ac, lv);

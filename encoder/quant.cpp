@@ -3,18 +3,35 @@
 #include "encoder/kivoe_int.h"
 #include "common/nonzero.h"
 
-int32_t kivoe_quant(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
-    int32_t nonzero = 0;
+namespace {
+
+// Quantizes blk in place; returns the number of non-zero levels (kCount)
+// or the OR of the level magnitudes.
+template <bool kCount>
+inline uint32_t quantize(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+    uint32_t out = 0;
     for (int i = 0; i < 64; ++i) {
         const int32_t c = blk[i];
         const uint32_t a = static_cast<uint32_t>(c < 0 ? -c : c);
         uint32_t n = ((a + offset[i]) * recip[i]) >> 14;  // (2^15 + 2^16) * 2^14 fits 32 bits
         if (n > 32767) n = 32767;
-        const int32_t level = c > 0 ? static_cast<int32_t>(n) : -static_cast<int32_t>(n);
-        blk[i] = static_cast<int16_t>(level);
-        nonzero += level != 0;
+        blk[i] = static_cast<int16_t>(c > 0 ? static_cast<int32_t>(n) : -static_cast<int32_t>(n));
+        if (kCount) out += n != 0;
+        else out |= n;
     }
-    return nonzero;
+    return out;
+}
+
+}  // namespace
+
+int32_t kivoe_quant(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+    return static_cast<int32_t>(quantize<true>(blk, recip, offset));
+}
+
+uint64_t kivoe_quant_mask(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+    const uint32_t any = quantize<false>(blk, recip, offset);
+    bool all_coded;
+    return kivo_zigzag_ac_mask(blk, &all_coded) | (any > 2047);  // a magnitude of 2048 or more
 }
 
 void kivoe_quant_rdoq(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {

@@ -41,6 +41,11 @@ int32_t kivoe_quant_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *of
     return 64 - _mm_cvtsi128_si32(sum);
 }
 
+uint64_t kivoe_quant_mask_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+    kivoe_quant_avx2(blk, recip, offset);
+    return kivoe_level_mask_sse2(blk);
+}
+
 void kivoe_quant_rdoq_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
     const __m256i zero = _mm256_setzero_si256();
     for (int i = 0; i < 64; i += 16) {

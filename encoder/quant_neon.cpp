@@ -1,6 +1,7 @@
 // ARMv7 NEON quantizers in assembly, bit-exact to the plain ones.
 
 #include "encoder/enc_simd.h"
+#include "common/nonzero.h"
 
 // Sixteen coefficients a step: c in q8 q9 and |c| in q14 q15 (unsigned,
 // 32768 for -32768), recip in q10 q11, offsets in q12 q13; the levels n in
@@ -51,6 +52,75 @@ void kivoe_quant_rdoq_neon(int16_t *blk, const uint16_t *recip, const uint16_t *
                  : KIVO_QUANT_CLOBBERS);
 }
 
+namespace {
+
+// For the zig-zag mask: the raster position of every zig-zag position, the
+// same minus 32 (for the look-up in the second half of the block), and the
+// weight of each position's bit within its byte.
+struct ZigTables {
+    uint8_t lo[64], hi[64], weight[16];
+};
+
+constexpr ZigTables make_zig_tables() {
+    ZigTables t{};
+    for (int32_t z = 0; z < 64; ++z) {
+        t.lo[z] = kivo_nz::kZigToRas.z[z];
+        t.hi[z] = static_cast<uint8_t>(kivo_nz::kZigToRas.z[z] - 32);
+    }
+    for (int32_t i = 0; i < 16; ++i) t.weight[i] = static_cast<uint8_t>(1 << (i % 8));
+    return t;
+}
+
+alignas(16) constexpr ZigTables kZig = make_zig_tables();
+
+}  // namespace
+
+// KIVO_QUANT16 without the count: the zero flags of the two rows, narrowed
+// to bytes, go to D0 and D1, and q3 keeps the largest |level| per lane.
+#define KIVO_QUANT_FLAGS16(D0, D1, MAX)                                                                            \
+    KIVO_LOAD16 "vadd.i16 q14, q14, q12\n\t" "vadd.i16 q15, q15, q13\n\t"                                      \
+    "vmull.u16 q0, d28, d20\n\t" "vmull.u16 q1, d29, d21\n\t" "vmull.u16 q2, d30, d22\n\t"                   \
+    "vqshrn.s32 d28, q0, #14\n\t" "vmull.u16 q0, d31, d23\n\t" "vqshrn.s32 d29, q1, #14\n\t"                 \
+    "vqshrn.s32 d30, q2, #14\n\t" "vqshrn.s32 d31, q0, #14\n\t"                                                \
+    "vceq.i16 q10, q14, #0\n\t" "vceq.i16 q11, q15, #0\n\t" MAX "vmovn.i16 " D0 ", q10\n\t"                 \
+    "vmovn.i16 " D1 ", q11\n\t" KIVO_SIGN_STORE16
+
+uint64_t kivoe_quant_mask_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+    uint32_t lo, hi;
+    const uint8_t *zig = kZig.lo;
+    asm volatile(
+        // Zero flags of raster rows 0-7 in d8-d15.
+        KIVO_QUANT_FLAGS16("d8", "d9", "vmax.u16 q3, q14, q15\n\t")
+        KIVO_QUANT_FLAGS16("d10", "d11", "vmax.u16 q3, q3, q14\n\t" "vmax.u16 q3, q3, q15\n\t")
+        KIVO_QUANT_FLAGS16("d12", "d13", "vmax.u16 q3, q3, q14\n\t" "vmax.u16 q3, q3, q15\n\t")
+        KIVO_QUANT_FLAGS16("d14", "d15", "vmax.u16 q3, q3, q14\n\t" "vmax.u16 q3, q3, q15\n\t")
+        // The DC flag becomes "every |level| at most 2047": all ones then,
+        // so that bit 0 of the inverted mask is set only for a level
+        // without a size category.
+        "vshr.u16 q3, q3, #11\n\t" "vorr d6, d6, d7\n\t" "vpmax.u16 d6, d6, d6\n\t" "vpmax.u16 d6, d6, d6\n\t"
+        "vceq.i16 d6, d6, #0\n\t" "vsri.64 d8, d6, #56\n\t"
+        // Flags in zig-zag order: rows 0-3 by vtbl, rows 4-7 by vtbx on
+        // the indices minus 32 (indices below 32 then miss and keep the first).
+        "vld1.8 {d0-d3}, [%[z]]!\n\t" "vld1.8 {d4-d7}, [%[z]]!\n\t"
+        "vld1.8 {d16-d19}, [%[z]]!\n\t" "vld1.8 {d20-d23}, [%[z]]!\n\t"
+        "vtbl.8 d24, {d8-d11}, d0\n\t" "vtbl.8 d25, {d8-d11}, d1\n\t" "vtbl.8 d26, {d8-d11}, d2\n\t"
+        "vtbl.8 d27, {d8-d11}, d3\n\t" "vtbl.8 d28, {d8-d11}, d4\n\t" "vtbl.8 d29, {d8-d11}, d5\n\t"
+        "vtbl.8 d30, {d8-d11}, d6\n\t" "vtbl.8 d31, {d8-d11}, d7\n\t" "vld1.8 {d0-d1}, [%[z]]\n\t"
+        "vtbx.8 d24, {d12-d15}, d16\n\t" "vtbx.8 d25, {d12-d15}, d17\n\t" "vtbx.8 d26, {d12-d15}, d18\n\t"
+        "vtbx.8 d27, {d12-d15}, d19\n\t" "vtbx.8 d28, {d12-d15}, d20\n\t" "vtbx.8 d29, {d12-d15}, d21\n\t"
+        "vtbx.8 d30, {d12-d15}, d22\n\t" "vtbx.8 d31, {d12-d15}, d23\n\t"
+        // One bit a flag: weights 1 to 128 within each byte, then pairwise sums.
+        "vand q12, q12, q0\n\t" "vand q13, q13, q0\n\t" "vand q14, q14, q0\n\t" "vand q15, q15, q0\n\t"
+        "vpadd.i8 d24, d24, d25\n\t" "vpadd.i8 d25, d26, d27\n\t" "vpadd.i8 d26, d28, d29\n\t"
+        "vpadd.i8 d27, d30, d31\n\t" "vpadd.i8 d24, d24, d25\n\t" "vpadd.i8 d25, d26, d27\n\t"
+        "vpadd.i8 d24, d24, d25\n\t" "vmov %[lo], %[hi], d24\n\t"
+        : [lo] "=r"(lo), [hi] "=r"(hi), [b] "+r"(blk), [r] "+r"(recip), [o] "+r"(offset), [z] "+r"(zig)
+        :
+        : KIVO_QUANT_CLOBBERS, "d8", "d9", "d10", "d11", "d12", "d13", "d14", "d15");
+    return ~(static_cast<uint64_t>(hi) << 32 | lo);
+}
+
+#undef KIVO_QUANT_FLAGS16
 #undef KIVO_LOAD16
 #undef KIVO_SIGN_STORE16
 #undef KIVO_QUANT16

@@ -2,6 +2,7 @@
 #include <emmintrin.h>
 
 #include "encoder/enc_simd.h"
+#include "common/nonzero.h"
 
 int32_t kivoe_quant_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
     const __m128i limit = _mm_set1_epi16(32767);
@@ -29,6 +30,22 @@ int32_t kivoe_quant_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *of
     sum = _mm_add_epi32(sum, _mm_shuffle_epi32(sum, _MM_SHUFFLE(1, 0, 3, 2)));
     sum = _mm_add_epi32(sum, _mm_shuffle_epi32(sum, _MM_SHUFFLE(2, 3, 0, 1)));
     return 64 - _mm_cvtsi128_si32(sum);
+}
+
+uint64_t kivoe_level_mask_sse2(const int16_t *blk) {
+    const __m128i top = _mm_set1_epi16(2047), bottom = _mm_set1_epi16(-2047);
+    __m128i big = _mm_setzero_si128();
+    for (int i = 0; i < 64; i += 8) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blk + i));
+        big = _mm_or_si128(big, _mm_or_si128(_mm_cmpgt_epi16(v, top), _mm_cmplt_epi16(v, bottom)));
+    }
+    bool all_coded;
+    return kivo_zigzag_ac_mask(blk, &all_coded) | (_mm_movemask_epi8(big) != 0);
+}
+
+uint64_t kivoe_quant_mask_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+    kivoe_quant_sse2(blk, recip, offset);
+    return kivoe_level_mask_sse2(blk);
 }
 
 void kivoe_quant_rdoq_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {

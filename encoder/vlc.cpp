@@ -167,6 +167,53 @@ int32_t code_ac(Sink &sink, const kivoe_ac_tbl *t, const int16_t *blk, uint64_t 
     return KIVO_OK;
 }
 
+// code_ac<false> into a fast sink, the writer's state in registers and each
+// code with its extra bits taken from the table's with_extra entries. The
+// entries are read from pointers moved by 64 (symbol 32 of the non-negative
+// entries) so that the index is 2 (16 run - clz |v|) + sign bit.
+template <int32_t kBase>
+inline void code_half(FastSink &sink, MaskWord m, int32_t &next, const int16_t *blk, const uint32_t *with_extra,
+                      const uint8_t *len_with_extra, const kivoe_code zrl) {
+    const uint8_t *zig = kivo_tbl_zig_to_ras + kBase;
+    for (; m; m &= m - 1) {
+        const int32_t at = ctz(m);
+        const int32_t v = blk[zig[at]];
+        int32_t run = at + kBase - next;
+        next = at + kBase + 1;
+        if (__builtin_expect(run >= 16, 0)) {
+            for (; run >= 16; run -= 16) sink.put(zrl.code, zrl.len);
+        }
+        const uint32_t s = static_cast<uint32_t>(v >> 31);
+        const uint32_t a = (static_cast<uint32_t>(v) ^ s) - s;
+        const int32_t i = 2 * (16 * run - __builtin_clz(a)) + static_cast<int32_t>(s & 1);
+        sink.put(with_extra[i] ^ a, len_with_extra[i]);
+    }
+}
+
+__attribute__((always_inline)) inline int32_t code_ac_fast(FastSink &out, const kivoe_ac_tbl *t, const int16_t *blk,
+                                                          uint64_t mask) {
+    FastSink sink = out;
+    const uint32_t *with_extra = t->with_extra + 64;
+    const uint8_t *len_with_extra = t->len_with_extra + 64;
+    const kivoe_code zrl = t->by_symbol[0xF0];
+    int32_t next = 1;
+    if constexpr (kMaskBits == 64) {
+        code_half<0>(sink, static_cast<MaskWord>(mask), next, blk, with_extra, len_with_extra, zrl);
+    } else {
+        code_half<0>(sink, static_cast<MaskWord>(mask), next, blk, with_extra, len_with_extra, zrl);
+        code_half<32>(sink, static_cast<MaskWord>(mask >> 32), next, blk, with_extra, len_with_extra, zrl);
+    }
+    if (next != 64) sink.put(t->by_symbol[0x00].code, t->by_symbol[0x00].len);
+    out = sink;
+    return KIVO_OK;
+}
+
+int32_t code_ac(FastSink &sink, const kivoe_ac_tbl *t, const int16_t *blk) {
+    bool all_coded;
+    const uint64_t mask = kivo_zigzag_ac_mask(blk, &all_coded);
+    return all_coded ? code_ac_fast(sink, t, blk, mask) : code_ac<true>(sink, t, blk, mask);
+}
+
 template <class Sink>
 int32_t code_ac(Sink &sink, const kivoe_ac_tbl *t, const int16_t *blk) {
     bool all_coded;
@@ -235,12 +282,6 @@ int32_t kivoe_vlc_dc(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff) {
     return KIVO_OK;
 }
 
-int32_t kivoe_vlc_block(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk) {
-    bool all_coded;
-    const uint64_t mask = kivo_zigzag_ac_mask(blk, &all_coded);
-    return all_coded ? kivoe_vlc_block_mask(bs, dc, ac, diff, blk, mask) : kivoe_vlc_block_mask(bs, dc, ac, diff, blk, -1);
-}
-
 int32_t kivoe_vlc_block_mask(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk,
                              uint64_t mask) {
     const int32_t k = kivo::category(diff);
@@ -251,7 +292,7 @@ int32_t kivoe_vlc_block_mask(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, i
     FastSink sink(bs);
     const kivoe_code &c = dc->code[k];
     sink.put((static_cast<uint32_t>(c.code) << k) | (k ? extra_bits(as_int16(diff), k) : 0), c.len + k);
-    const int32_t ret = ~mask ? code_ac<false>(sink, ac, blk, mask) : code_ac(sink, ac, blk);
+    const int32_t ret = ~mask ? code_ac_fast(sink, ac, blk, mask) : code_ac(sink, ac, blk);
     sink.store(bs);
     return ret;
 }

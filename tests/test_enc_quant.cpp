@@ -157,6 +157,11 @@ TEST(EncRef, ForwardDctAndQuantizers) {
             ASSERT_EQ(lv[i], ref::quant_rdoq(c[i], recip[i], off[i])) << c[i] << " / " << q[i] << " offset " << off[i];
         }
         ASSERT_EQ(nonzero, 64 - std::count(got, got + 64, 0));
+        // The same levels with their zig-zag mask, bit 0 for a level beyond +-2047.
+        uint64_t mask = std::any_of(got, got + 64, [](int16_t v) { return std::abs(v) > 2047; });
+        for (int z = 1; z < 64; ++z) mask |= uint64_t(got[kivo_tbl_zig_to_ras[z]] != 0) << z;
+        ASSERT_EQ(kivoe_quant_mask(static_cast<int16_t *>(std::memcpy(lv, c, sizeof(lv))), recip, half), mask);
+        ASSERT_EQ(std::memcmp(lv, got, sizeof(lv)), 0);
         if (pr.first % 16) continue;
         // The offset update: levels near the coefficient's own, and any, with any offset.
         uint16_t adapt[64], adapt_want[64];
@@ -258,10 +263,11 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
     kivoe_proc plain{};
     kivoe_dsp_init(&plain, 0);
     ASSERT_TRUE(plain.fdct8 == &kivoe_fdct8 && plain.quant == &kivoe_quant && plain.quant_rdoq == &kivoe_quant_rdoq &&
-                plain.jndfilt == &kivoe_jndfilt8x8 && plain.planes == &kivoe_planes_c);
+                plain.jndfilt == &kivoe_jndfilt8x8 && plain.planes == &kivoe_planes_c && plain.quant_mask == &kivoe_quant_mask);
     std::set<const void *> seen;
     auto is_new = [&seen](auto f) { return seen.insert(reinterpret_cast<const void *>(f)).second; };
-    is_new(plain.fdct8), is_new(plain.quant), is_new(plain.quant_rdoq), is_new(plain.jndfilt), is_new(plain.planes);
+    is_new(plain.fdct8), is_new(plain.quant), is_new(plain.quant_rdoq), is_new(plain.jndfilt), is_new(plain.planes),
+        is_new(plain.quant_mask);
     int checked = 0, failures = 0;
     auto fail = [&failures](const char *what, uint32_t flags, size_t i) {
         if (failures++ < 5) ADD_FAILURE() << what << " at CPU flags " << flags << ": block " << i;
@@ -272,10 +278,10 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
         kivoe_proc p{};
         kivoe_dsp_init(&p, flags);
         std::printf("%s\n", kivoe_dsp_describe(flags));
-        ASSERT_TRUE(p.fdct8 && p.quant && p.quant_rdoq && p.jndfilt && p.planes) << flags;
+        ASSERT_TRUE(p.fdct8 && p.quant && p.quant_rdoq && p.jndfilt && p.planes && p.quant_mask) << flags;
         const bool fdct = is_new(p.fdct8), quant = is_new(p.quant), rdoq = is_new(p.quant_rdoq), jnd = is_new(p.jndfilt),
-                   planes = is_new(p.planes);
-        checked += fdct + quant + rdoq + jnd + planes;
+                   planes = is_new(p.planes), qmask = is_new(p.quant_mask);
+        checked += fdct + quant + rdoq + jnd + planes + qmask;
         for (size_t i = 0; fdct && i < sets.samples.size(); ++i) {
             Slot a(sets.samples[i].data(), i % 5), b(sets.samples[i].data(), i % 5);
             plain.fdct8(a.at);
@@ -301,7 +307,7 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
             p.jndfilt(plane + 1 + 2 * 9, 9, b.at);
             if (!(a == b)) fail("jndfilt", flags, i);
         }
-        for (size_t i = 0; (quant || rdoq) && i < sets.pairs.size(); ++i) {
+        for (size_t i = 0; (quant || rdoq || qmask) && i < sets.pairs.size(); ++i) {
             const int16_t *in = sets.coefs[sets.pairs[i].first].data();
             std::memcpy(&odd[1], sets.tables[sets.pairs[i].second].data(), 512);
             const uint16_t *recip = &odd[65], *half = &odd[129], *off = &odd[193];
@@ -311,6 +317,8 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
             Slot e(in, i % 5), f(in, i % 5);
             if (quant && std::all_of(off, off + 64, [](uint16_t v) { return v < 32768; }) &&
                 (plain.quant(e.at, recip, off) != p.quant(f.at, recip, off) || !(e == f))) fail("quant, offsets", flags, i);
+            Slot g(in, i % 5), h(in, i % 5);
+            if (qmask && (plain.quant_mask(g.at, recip, half) != p.quant_mask(h.at, recip, half) || !(g == h))) fail("quant_mask", flags, i);
             if (rdoq) plain.quant_rdoq(c.at, recip, off), p.quant_rdoq(d.at, recip, off);
             if (rdoq && !(c == d)) fail("quant_rdoq", flags, i);
         }
