@@ -3,9 +3,12 @@
 // or odd size, another planar layout or packed pairs, with any line
 // distances and margins. The reference run uses the plain kernels on one
 // thread; the checked run uses the kernels and 1 to 3 threads the input
-// picks, on a handle that first met a failed allocation (fuzz_util.h).
+// picks, on a handle that first met a failed allocation (fuzz_util.h). That
+// handle then decodes straight to packed pixels too, which must give the
+// planar decode's pixels converted after.
 #include "decoder/kivod_int.h"  // the frame's lines per MCU row
 #include "fuzz/fuzz_util.h"
+#include "kivoc.h"
 #include "kivod.h"
 
 namespace {
@@ -88,6 +91,33 @@ fz::Result decode(kivod_ctx *ctx, const uint8_t *data, size_t size, const Plan &
     return r;
 }
 
+// The decode straight to packed pixels (kivoc_decode_packed) on ctx: for a
+// complete picture, the same bytes as the planar decode of the same handle
+// converted after (kivod_clone, then kivoc_to_packed).
+void check_packed(kivod_ctx *ctx, const uint8_t *data, size_t size, uint32_t flags) {
+    xelo_bitb bitb{};
+    bitb.addr = const_cast<uint8_t *>(data);
+    bitb.ssize = int32_t(size);
+    const kivod_input in{KIVOD_INPUT_BITB, &bitb, nullptr};
+    kivod_frame_info info{};
+    if (kivod_decode(ctx, &in, &info) != 0) return;
+    const int32_t d = ctx->reduction > 1 ? ctx->reduction : 1;
+    const int32_t w = (info.width + d - 1) / d, h = (info.height + d - 1) / d;
+    std::vector<uint8_t> fused(size_t(w) * h * 4, 0xA5), after(fused.size(), 0x5A);
+    const int32_t st = kivoc_decode_packed(ctx, fused.data(), w * 4, fused.size(), KIVOC_RGBA, flags);
+    kivod_progress pf{};
+    kivod_get_progress(ctx, &pf);
+    if (st != 0 || !pf.complete || kivod_decode(ctx, &in, &info) != 0) return;
+    const uint32_t al[4] = {XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16)};
+    const uint32_t pad[4] = {0, 0, 0, 0};
+    xelo_imgb *img = xelo_imgb_create(w, h, info.color_format, 3, al, pad, 0, 0, 0);
+    if (!img) return;
+    if (kivod_clone(ctx, img) == 0 &&
+        kivoc_to_packed(img, after.data(), w * 4, after.size(), KIVOC_RGBA, flags, nullptr) == 0)
+        fz::check(fused == after, "kivoc_decode_packed differs from the planar decode converted after");
+    img->release(img);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -136,6 +166,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const fz::Result b = decode(ctx, in.data, in.size, plan, 0xFF, &pb);
     fz::check_same(a, b, "status or written samples differ from the plain one-thread decode");
     fz::check(pa.complete == pb.complete && pa.mcu_rows == pb.mcu_rows, "progress differs");
+    check_packed(ctx, in.data, in.size, plan.size_kind & 0x80 ? KIVOC_NEAREST : 0);
     kivod_delete(ctx);
     fz::check_no_leak(live);
     kivo_cpu_set_mask(~0u);
