@@ -191,7 +191,8 @@ int32_t kivod_vld_ac_prog(kivod_bs *bs, int32_t ss, int32_t se, int32_t al, int3
 
 namespace {
 
-// The refinement of one block, coefficient by coefficient.
+// The refinement of one block, the runs of its symbols coefficient by
+// coefficient.
 int32_t refine_walk(kivod_bs *bs, int32_t ss, int32_t se, int32_t al, int32_t *eob_run, const kivod_ac_tbl *t,
                     int16_t *blk) {
     const int32_t p1 = 1 << al;
@@ -225,10 +226,8 @@ int32_t refine_walk(kivod_bs *bs, int32_t ss, int32_t se, int32_t al, int32_t *e
     }
     if (*eob_run > 0) {
         // Inside a run: only correction bits for the rest of the band.
-        for (; k <= se; ++k) {
-            int16_t *coef = &blk[kivo_tbl_zig_to_ras[k]];
-            if (*coef) refine(bs, coef, p1);
-        }
+        bool unused;
+        if (k <= se) refine_all(bs, blk, kivo_zigzag_ac_mask(blk, &unused) & below(se + 1) & ~below(k), p1);
         --*eob_run;
     }
     return KIVO_OK;
@@ -285,7 +284,9 @@ int32_t kivod_vld_ac_prog_refine(kivod_bs *bs, int32_t ss, int32_t se, int32_t a
     // New coefficients are +-2^al; every coefficient already non-zero that
     // the scan passes reads one correction bit. 64-bit processors walk a
     // mask of them; on 32-bit ones, where each 64-bit mask operation takes
-    // several instructions, the coefficients are walked one by one.
+    // several instructions, the runs of the block's symbols are walked
+    // coefficient by coefficient, and only the rest of the band inside an
+    // end-of-band run goes through the mask.
     if (kMaskWalk) return refine_masked(bs, ss, se, al, eob_run, t, blk);
     return refine_walk(bs, ss, se, al, eob_run, t, blk);
 }
