@@ -57,8 +57,6 @@ inline void refine(kivod_bs *bs, int16_t *coef, int32_t p1) {
         *coef = low16(*coef >= 0 ? *coef + p1 : *coef - p1);
 }
 
-constexpr bool kMaskWalk = sizeof(void *) == 8;
-
 // Bits 0 to n - 1 (n 0 to 64).
 inline uint64_t below(int32_t n) { return n >= 64 ? ~uint64_t(0) : (uint64_t(1) << n) - 1; }
 
@@ -189,12 +187,13 @@ int32_t kivod_vld_ac_prog(kivod_bs *bs, int32_t ss, int32_t se, int32_t al, int3
     return KIVO_OK;
 }
 
-namespace {
-
-// The refinement of one block, the runs of its symbols coefficient by
-// coefficient.
-int32_t refine_walk(kivod_bs *bs, int32_t ss, int32_t se, int32_t al, int32_t *eob_run, const kivod_ac_tbl *t,
-                    int16_t *blk) {
+int32_t kivod_vld_ac_prog_refine(kivod_bs *bs, int32_t ss, int32_t se, int32_t al, int32_t *eob_run,
+                                 const kivod_ac_tbl *t, int16_t *blk) {
+    // New coefficients are +-2^al; every coefficient already non-zero that
+    // the scan passes reads one correction bit. The runs of the block's
+    // symbols are walked coefficient by coefficient; the rest of the band
+    // inside an end-of-band run, where most correction bits are, goes
+    // through a mask of the non-zero coefficients only.
     const int32_t p1 = 1 << al;
     int32_t k = ss;
     if (*eob_run == 0) {
@@ -231,64 +230,6 @@ int32_t refine_walk(kivod_bs *bs, int32_t ss, int32_t se, int32_t al, int32_t *e
         --*eob_run;
     }
     return KIVO_OK;
-}
-
-// The refinement of one block through a mask of the band's non-zero
-// coefficients in zig-zag order, found once: the walk visits only them and
-// the zeros a run passes, without a branch on every coefficient.
-int32_t refine_masked(kivod_bs *bs, int32_t ss, int32_t se, int32_t al, int32_t *eob_run, const kivod_ac_tbl *t,
-                      int16_t *blk) {
-    const int32_t p1 = 1 << al;
-    bool unused;
-    const uint64_t band = below(se + 1) & ~below(ss);
-    const uint64_t nz = kivo_zigzag_ac_mask(blk, &unused) & band;
-    int32_t k = ss;
-    if (*eob_run == 0) {
-        while (k <= se) {
-            int32_t run, size;
-            if (decode_ac_symbol(bs, t, &run, &size) != 0) return KIVO_ERR_MALFORMED;
-            int32_t value = 0;
-            if (size) {
-                if (size != 1) return KIVO_ERR_MALFORMED;
-                value = get_bits(bs, 1) ? p1 : -p1;
-            } else if (run != 15) {
-                // The run counts this block, which ends below.
-                *eob_run = (1 << run) + (run ? static_cast<int32_t>(get_bits(bs, run)) : 0);
-                break;
-            }
-            // Pass `run` zero coefficients, refining the non-zero ones met;
-            // stop on the zero that takes the new value (or ends sixteen
-            // zeros): the (run + 1)-th zero from k, or past the band.
-            const uint64_t from = band & ~below(k);
-            uint64_t zeros = ~nz & from;
-            for (int32_t i = 0; i < run && zeros; ++i) zeros &= zeros - 1;
-            const int32_t stop = zeros ? __builtin_ctzll(zeros) : se + 1;
-            refine_all(bs, blk, nz & from & below(stop), p1);
-            k = stop;
-            if (value && k <= se) blk[kivo_tbl_zig_to_ras[k]] = low16(value);
-            ++k;
-        }
-    }
-    if (*eob_run > 0) {
-        // Inside a run: only correction bits for the rest of the band.
-        if (k <= se) refine_all(bs, blk, nz & band & ~below(k), p1);
-        --*eob_run;
-    }
-    return KIVO_OK;
-}
-
-}  // namespace
-
-int32_t kivod_vld_ac_prog_refine(kivod_bs *bs, int32_t ss, int32_t se, int32_t al, int32_t *eob_run,
-                                 const kivod_ac_tbl *t, int16_t *blk) {
-    // New coefficients are +-2^al; every coefficient already non-zero that
-    // the scan passes reads one correction bit. 64-bit processors walk a
-    // mask of them; on 32-bit ones, where each 64-bit mask operation takes
-    // several instructions, the runs of the block's symbols are walked
-    // coefficient by coefficient, and only the rest of the band inside an
-    // end-of-band run goes through the mask.
-    if (kMaskWalk) return refine_masked(bs, ss, se, al, eob_run, t, blk);
-    return refine_walk(bs, ss, se, al, eob_run, t, blk);
 }
 
 int32_t kivod_dec_scan_prog(kivod_ctx *ctx, int32_t *done) {
