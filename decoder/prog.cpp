@@ -433,3 +433,52 @@ int32_t kivod_dec_pic_prog(kivod_ctx *ctx, kivod_work *w) {
     }
     return status;
 }
+
+namespace {
+
+// One thread's share of kivod_levels_to_picture: components first to
+// first + n - 1.
+struct LevelsJob {
+    kivod_ctx *ctx;
+    int16_t *const *coef;
+    const uint16_t *const *q;
+    xelo_imgb *img;
+    int first, n;
+};
+
+int32_t levels_job(void *arg) {
+    const LevelsJob &j = *static_cast<const LevelsJob *>(arg);
+    const kivod_ctx *ctx = j.ctx;
+    const kivod_idct_fn idct = ctx->dsp.idct[0];
+    alignas(16) int16_t blk[64];
+    for (int c = j.first; c < j.first + j.n; ++c) {
+        const uint16_t *q = j.q[c];
+        for (int32_t r = 0; r < ctx->blk_h[c]; ++r) {
+            const int16_t *coef = j.coef[c] + static_cast<size_t>(r) * ctx->prog_blk_w[c] * 64;
+            for (int32_t col = 0; col < ctx->blk_w[c]; ++col, coef += 64) {
+                for (int i = 0; i < 64; ++i) blk[i] = low16(static_cast<uint32_t>(coef[i]) * q[i]);
+                kivod_out_block(j.img, c, col, r, idct, blk);
+            }
+        }
+    }
+    return KIVO_OK;
+}
+
+}  // namespace
+
+int32_t kivod_levels_to_picture(kivod_ctx *ctx, int16_t *const coef[4], const uint16_t *const q[4], xelo_imgb *img) {
+    const int nc = ctx->fh.n_comp;
+    if (ctx->progressive || img->width != ctx->fh.width || img->height != ctx->fh.height ||
+        img->color_format != ctx->color_format)
+        return KIVO_ERR_INVALID_ARG;
+    int n = kivo::thread_limit(ctx->tpool);
+    if (n > nc) n = nc;
+    LevelsJob jobs[4];
+    void *args[4];
+    for (int t = 0; t < n; ++t) {
+        jobs[t] = LevelsJob{ctx, coef, q, img, t, t == n - 1 ? nc - t : 1};
+        args[t] = &jobs[t];
+    }
+    return kivo::fork_join(ctx->tpool, ctx->threads, n, levels_job, args);
+}
+

@@ -166,6 +166,9 @@ struct Slice {
     int32_t mag_blocks;
     alignas(16) uint32_t mag[2][64];  // coefficient magnitudes, luma and chroma
     uint32_t qz[4][64];               // each scan component's quantizers with raster positions
+    // Levels output: each scan component's own quantizers in raster order,
+    // for statistics of the coefficients the levels stand for.
+    uint16_t level_q[4][64];
     uint32_t mag_unkept[64];          // magnitudes of rows that count for no statistics
     alignas(16) uint8_t mcu_buf[4][32 * 32];
     // The MCU's blocks in coding order, walked by one flat loop (a loop
@@ -295,7 +298,21 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
         w->dc_pred[k] = add16(w->dc_pred[k], diff);
         blk[0] = w->dc_pred[k];
         if (j.stats) {
-            const int32_t level = (blk[0] + 1024) >> 3;
+            // Levels count as the coefficients they stand for, as a decode
+            // to pixels counts them.
+            const bool levels = j.mode == KIVOD_OUT_LEVELS;
+            const uint16_t *lq = j.level_q[k];
+            if (levels) {
+                // Every position without a branch (the compiler's vectors);
+                // position 0's sum is not used.
+                uint32_t *mag = j.mag[s.c == 0 ? 0 : 1];
+                for (int i = 0; i < 64; ++i) {
+                    const int32_t c = low16(static_cast<uint32_t>(blk[i]) * lq[i]);
+                    mag[i] += static_cast<uint32_t>(c < 0 ? -c : c);
+                }
+            }
+            const int32_t dc = levels ? low16(static_cast<uint32_t>(blk[0]) * lq[0]) : blk[0];
+            const int32_t level = (dc + 1024) >> 3;
             if (s.c == 0) {
                 w->dc_level_sum += level;
                 w->stat_luma[0] += level;
@@ -304,7 +321,7 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
                 w->stat_chroma[0] += level;
                 ++w->n_chroma;
             }
-            // The block decoder has added the AC magnitudes.
+            // The block decoder has added the AC magnitudes (of pixels).
             if (!dc_only && ++j.mag_blocks == kMagFlush) flush_magnitudes(j);
         }
         const kivod_idct_fn fn = dc_only ? j.idct_dc : j.idct;
@@ -482,7 +499,9 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     // Packed pairs need every component of the MCU at hand.
     if (j.mode == KIVOD_OUT_PACKED && ctx->fh.n_comp > 1 && j.ns != ctx->fh.n_comp) return KIVO_ERR_UNSUPPORTED;
     const int scale = ctx->scale;
-    j.vld_blk = kivod_vld_blk_for(scale, ctx->stats_wanted != 0);
+    // Levels are decoded with quantizers of 1: their statistics are made
+    // below from the frame's quantizers, not by the block decoder.
+    j.vld_blk = kivod_vld_blk_for(scale, ctx->stats_wanted != 0 && j.mode != KIVOD_OUT_LEVELS);
     j.idct = ctx->dsp.idct[scale];
     j.idct_dc = ctx->dsp.idct_dc[scale];
     j.nblk = 1 << tbl_blk_shift[scale];
@@ -502,7 +521,9 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     list_blocks(j);
     for (int k = 0; k < j.ns; ++k) {
         j.sc[k].row = w->start_row[k];
-        j.sc[k].t.mag = j.stats ? j.mag[j.sc[k].c == 0 ? 0 : 1] : nullptr;
+        j.sc[k].t.mag = j.stats && j.mode != KIVOD_OUT_LEVELS ? j.mag[j.sc[k].c == 0 ? 0 : 1] : nullptr;
+        const kivod_qtbl &lq = ctx->qtbl[ctx->fh.tq[j.sc[k].c] & 3];
+        for (int r = 0; r < 64; ++r) j.level_q[k][r] = lq.q[kivo_tbl_ras_to_zig[r]];
         kivod_make_qz(j.sc[k].t.q, j.qz[k]);
         j.sc[k].t.qz = j.qz[k];
     }

@@ -147,7 +147,8 @@ bool same_pixels(const Bytes &a, const Bytes &b) {
 // outputs decode to the source's pixels and are within 1% of libjpeg-turbo's
 // own lossless outputs (jpegtran -optimize, -progressive); the smallest-of
 // output is never larger than the source, is exact unless it is the
-// pipeline's, and is not the pipeline's for a quality-75 source.
+// pipeline's (and then kivot_txcode's), and is not the pipeline's for a
+// quality-75 source.
 TEST(OracleTranscode, LosslessAndSmallest) {
     const struct Case { const char *name; int n_comp, h0, v0, quality, restart; bool progressive; } kCases[] = {
         {"grey", 1, 1, 1, 90, 0, false}, {"420", 3, 2, 2, 75, 0, false}, {"422", 3, 2, 1, 85, 0, false},
@@ -175,6 +176,8 @@ TEST(OracleTranscode, LosslessAndSmallest) {
                     for (int i = 0; i < 64; ++i)
                         ASSERT_EQ(int16_t(pic.coef[k][(size_t(by) * pic.blk_w[k] + bx) * 64 + i] * pic.qt[pic.tq[k]][i]),
                                   want[k].coef[(size_t(by) * want[k].blocks_w + bx) * 64 + i]) << k << " " << bx << "," << by;
+        kivod_stats from_levels{}, from_pixels{};
+        ASSERT_EQ(kivod_get_stats(t->dec, &from_levels), 0);
         kivod_release_frame_buffers(t->dec);
         Bytes buf(src.size() * 2);
         xelo_bitb ob{};
@@ -182,6 +185,13 @@ TEST(OracleTranscode, LosslessAndSmallest) {
         const kivoe_output output{KIVOD_INPUT_BITB, &ob, nullptr};
         int32_t sizes[3] = {0, 0, 0};  // each candidate's: lossless, progressive, pipeline
         ASSERT_EQ(kivot_txcode(t, &input, &output, &sizes[2]), 0);
+        const Bytes pipeline(buf.begin(), buf.begin() + sizes[2]);
+        // A sequential source's levels come with the statistics of its pixels.
+        ASSERT_EQ(kivod_get_stats(t->dec, &from_pixels), 0);
+        EXPECT_TRUE(c.progressive || (from_levels.mean_level == from_pixels.mean_level &&
+                                      !std::memcmp(from_levels.stat_luma, from_pixels.stat_luma, sizeof(from_pixels.stat_luma)) &&
+                                      !std::memcmp(from_levels.stat_chroma, from_pixels.stat_chroma, sizeof(from_pixels.stat_chroma)) &&
+                                      from_levels.n_luma == from_pixels.n_luma));
         for (int32_t coding : {KIVOT_LOSSLESS_BASELINE, KIVOT_LOSSLESS_PROGRESSIVE}) {
             int32_t &n = sizes[coding];
             ASSERT_EQ(kivot_txcode_lossless(t, &input, &output, &n, coding), 0);
@@ -204,6 +214,9 @@ TEST(OracleTranscode, LosslessAndSmallest) {
         // Sources of quality 95 and up get coarser tables, and the pipeline competes.
         EXPECT_TRUE(c.quality < 95 || n <= sizes[2]) << n << " " << sizes[2];
         EXPECT_TRUE(chosen == KIVOT_CHOSEN_PIPELINE || same_pixels(src, out)) << kivot_chosen_name(chosen);
+        // The pipeline's candidate is kivot_txcode's stream, whether made
+        // from the levels already read or from a second decode.
+        EXPECT_TRUE(chosen != KIVOT_CHOSEN_PIPELINE || out == pipeline);
         EXPECT_TRUE(c.quality != 75 || chosen != KIVOT_CHOSEN_PIPELINE);
         // Memory one byte short of the winner is refused; the handle goes on.
         ob.ssize = n - 1;

@@ -49,7 +49,20 @@ int32_t kivot_trc(kivot_ctx *ctx, const kivod_input *in, const kivoe_output *out
 // kivot_trc in two steps: the source decoded and the new tables chosen
 // (the decoded picture in ctx->pic), then the picture encoded.
 int32_t kivot_trc_decode(kivot_ctx *ctx, const kivod_input *in);
-int32_t kivot_trc_encode(kivot_ctx *ctx, const kivoe_output *out, int32_t *written);
+// What the output carries of the source: its APPn list (before the copy
+// setting's choice) and the bytes after its end of image. Null: the
+// decoder's, from the source it decoded last.
+struct kivot_extras {
+    kivod_app_node *apps;
+    const uint8_t *trailer;
+    size_t trailer_size;
+};
+int32_t kivot_trc_encode(kivot_ctx *ctx, const kivoe_output *out, int32_t *written,
+                         const kivot_extras *extras = nullptr);
+// Instead of kivot_trc_decode, for a sequential source whose levels
+// kivod_dec_levels read (kivot_choose_tables done): the picture made from
+// them, without decoding the source again.
+int32_t kivot_trc_from_levels(kivot_ctx *ctx, int16_t *const coef[4], const uint16_t *const q[4]);
 // The new tables from the decoder's statistics and mean level and the
 // source's tables: kivot_trc_decode's last step, also valid after
 // kivod_dec_levels of a sequential source, which gathers the same.

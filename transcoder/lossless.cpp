@@ -308,14 +308,24 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
     // smallest, and the lossless codings stop as soon as they cannot beat
     // it. A source that does not decode whole is not re-encoded.
     if (!want_of_memory(ret) && tables_change) {
-        ret = kivot_trc_decode(t, &in);
-        if (ret == KIVO_OK && kivod_picture_complete(d) && kivot_tables_changed(t)) {
+        // A sequential source's picture is made from the levels already
+        // read (their tables chosen above); others are decoded again.
+        const bool from_levels = levels == KIVO_OK && !d->progressive;
+        if (from_levels) {
+            const uint16_t *q[4] = {};
+            for (int c = 0; c < lv.pic.n_comp; ++c) q[c] = lv.pic.qt[lv.pic.tq[c]];
+            ret = kivot_trc_from_levels(t, lv.kept.coef, q);
+        } else {
+            ret = kivot_trc_decode(t, &in);
+        }
+        if (ret == KIVO_OK && (from_levels || kivod_picture_complete(d)) && kivot_tables_changed(t)) {
             xelo_bitb ob{};
             ob.addr = buf[best.free_buffer(0)];
             ob.ssize = src.size;
             const kivoe_output o{KIVOD_INPUT_BITB, &ob, nullptr};
             int32_t n = 0;
-            ret = kivot_trc_encode(t, &o, &n);
+            const kivot_extras extras{lv.kept.apps, lv.trailer.data, lv.trailer.size};
+            ret = kivot_trc_encode(t, &o, &n, from_levels ? &extras : nullptr);
             if (ret == KIVO_OK) best.offer(best.free_buffer(0), n, KIVOT_CHOSEN_PIPELINE);
         }
     }

@@ -14,6 +14,21 @@ int32_t fail_with_picture(kivot_ctx *t, int32_t status) {
     return status;
 }
 
+// The picture the pipeline encodes: the handle's size and layout, or the
+// source's where the handle leaves them open.
+int32_t alloc_picture(kivot_ctx *t, int32_t width, int32_t height, int32_t color_format) {
+    kivo_picbuf_param &req = t->pic_req;
+    req.width = req.cap_width = t->width > 0 ? t->width : width;
+    req.height = req.cap_height = t->height > 0 ? t->height : height;
+    req.color_format = t->color_format ? t->color_format : color_format;
+    req.pad = 0;
+    req.margin2 = 0;
+    int32_t status = KIVO_OK;
+    t->pic = req.alloc(&req, t->pic, &status);
+    if (!t->pic || status < 0) return fail_with_picture(t, status < 0 ? status : KIVO_ERR_OUT_OF_MEMORY);
+    return KIVO_OK;
+}
+
 // Raises the quantizers of eq to the floors that source table sq sets:
 // the source's own quantizer, and its shape scaled by quality and raised by
 // the weights of table k.
@@ -155,15 +170,8 @@ int32_t kivot_trc_decode(kivot_ctx *t, const kivod_input *in) {
     int32_t ret = d->proc.dec(d, in, &info);
     if (ret < 0) return ret;
 
-    kivo_picbuf_param &req = t->pic_req;
-    req.width = req.cap_width = t->width > 0 ? t->width : info.width;
-    req.height = req.cap_height = t->height > 0 ? t->height : info.height;
-    req.color_format = t->color_format ? t->color_format : info.color_format;
-    req.pad = 0;
-    req.margin2 = 0;
-    int32_t status = KIVO_OK;
-    t->pic = req.alloc(&req, t->pic, &status);
-    if (!t->pic || status < 0) return fail_with_picture(t, status < 0 ? status : KIVO_ERR_OUT_OF_MEMORY);
+    ret = alloc_picture(t, info.width, info.height, info.color_format);
+    if (ret < 0) return ret;
 
     // A source that ends early decodes as far as its data go and leaves the
     // rows below as the buffer held them: start from mid-grey, so that no
@@ -175,6 +183,14 @@ int32_t kivot_trc_decode(kivot_ctx *t, const kivod_input *in) {
     if (ret < 0) return fail_with_picture(t, ret);
     kivot_choose_tables(t);
     return KIVO_OK;
+}
+
+int32_t kivot_trc_from_levels(kivot_ctx *t, int16_t *const coef[4], const uint16_t *const q[4]) {
+    kivod_ctx *d = t->dec;
+    int32_t ret = alloc_picture(t, d->fh.width, d->fh.height, d->color_format);
+    if (ret < 0) return ret;
+    ret = kivod_levels_to_picture(d, coef, q, t->pic->imgb);
+    return ret < 0 ? fail_with_picture(t, ret) : KIVO_OK;
 }
 
 void kivot_choose_tables(kivot_ctx *t) {
@@ -207,7 +223,7 @@ bool kivot_tables_changed(const kivot_ctx *t) {
     return false;
 }
 
-int32_t kivot_trc_encode(kivot_ctx *t, const kivoe_output *out, int32_t *written) {
+int32_t kivot_trc_encode(kivot_ctx *t, const kivoe_output *out, int32_t *written, const kivot_extras *extras) {
     *written = 0;
     kivod_ctx *d = t->dec;
     kivoe_ctx *e = t->enc;
@@ -234,7 +250,7 @@ int32_t kivot_trc_encode(kivot_ctx *t, const kivoe_output *out, int32_t *written
     if (!out || !out->bitb || !out->bitb->addr || out->bitb->ssize <= 0) return KIVO_ERR_INVALID_ARG;
     xelo_bsw_init(&e->bs, out->bitb->addr, out->bitb->ssize, kivoe_bs_flush);
     kivot_app_view apps;
-    ret = apps.select(t->copy, d->app_list);
+    ret = apps.select(t->copy, extras ? extras->apps : d->app_list);
     if (ret < 0) return fail_with_picture(t, ret);
     e->app_list = apps.head;
     ret = kivoe_pic_init(e);
@@ -258,8 +274,13 @@ int32_t kivot_trc_encode(kivot_ctx *t, const kivoe_output *out, int32_t *written
     // The stream and then the source's trailing bytes must fit the output;
     // otherwise nothing is handed out (nothing was written past its end).
     kivot_trailer trailer;
-    ret = trailer.take(d);
-    if (ret < 0) return ret;
+    if (extras) {
+        trailer.data = extras->trailer;
+        trailer.size = extras->trailer_size;
+    } else {
+        ret = trailer.take(d);
+        if (ret < 0) return ret;
+    }
     xelo_bsw &bs = e->bs;
     if (bs.overflow || trailer.size > static_cast<size_t>(bs.end_ptr - bs.write_ptr)) return KIVO_ERR_INVALID_ARG;
     if (trailer.size) std::memcpy(bs.write_ptr, trailer.data, trailer.size);
