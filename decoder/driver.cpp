@@ -147,12 +147,6 @@ bool alloc_coef_buf(kivod_ctx *ctx, int c) {
 
 // Starts decoding the picture's scans: the scan reader on the first SOS,
 // and statistics and counters that describe this picture only.
-// Mean DC level of the first component's blocks, the MCUs' padding blocks
-// included.
-void set_mean_level(kivod_ctx *ctx) {
-    const int64_t blocks = static_cast<int64_t>(ctx->blk_h[0]) * ctx->blk_w[0];
-    ctx->mean_level = blocks > 0 ? ctx->dc_level_total / blocks : 0;
-}
 
 void start_picture(kivod_ctx *ctx) {
     ctx->scan_bs = ctx->main_bs;
@@ -227,6 +221,13 @@ uint64_t resizer_bytes(const kivod_ctx *ctx) {
 }
 
 }  // namespace
+
+// Mean DC level of the first component's blocks, the MCUs' padding blocks
+// included.
+void kivod_set_mean_level(kivod_ctx *ctx) {
+    const int64_t blocks = static_cast<int64_t>(ctx->blk_h[0]) * ctx->blk_w[0];
+    ctx->mean_level = blocks > 0 ? ctx->dc_level_total / blocks : 0;
+}
 
 int32_t kivod_choose_scale(int32_t fw, int32_t fh, int32_t ow, int32_t oh) {
     if (ow == fw && oh == fh) return 0;
@@ -469,7 +470,7 @@ int32_t kivod_finish(kivod_ctx *ctx) {
             return ret;
         }
     }
-    set_mean_level(ctx);
+    kivod_set_mean_level(ctx);
     kivod_release_frame_buffers(ctx);
     return KIVO_OK;
 }
@@ -506,6 +507,6 @@ int32_t kivod_dec_levels(kivod_ctx *ctx) {
     if (ret == 0 && !kivod_picture_complete(ctx)) ret = KIVO_ERR_MALFORMED;
     if (ret != 0) kivod_release_frame_buffers(ctx);
     // A sequential frame's statistics are those a decode to pixels gathers.
-    if (ret == 0 && !ctx->progressive) set_mean_level(ctx);
+    if (ret == 0 && !ctx->progressive) kivod_set_mean_level(ctx);
     return ret;
 }

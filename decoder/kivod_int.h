@@ -453,11 +453,13 @@ int32_t kivod_finish(kivod_ctx *ctx);
 // picture not decoded whole or a table redefined after the first scan gives
 // a negative status and no buffers.
 int32_t kivod_dec_levels(kivod_ctx *ctx);
-// The pixels of a sequential frame's levels that kivod_dec_levels read
-// (coef[c]: component c's, q[c] its quantizers in raster order), as the
-// decode of the frame would write them into img (the frame's size and
-// layout), on the handle's threads. 0, -105 for another picture, or the
-// thread pool's status.
+// The mean luma DC level from dc_level_total and the first component's blocks.
+void kivod_set_mean_level(kivod_ctx *ctx);
+// The pixels of the levels that kivod_dec_levels read (coef[c]: component
+// c's, q[c] its quantizers in raster order), as the decode of the frame
+// would write them into img (the frame's size and layout), on the handle's
+// threads; for a progressive frame also its mean level, as its decode
+// finds it. 0, -105 for another picture, or the thread pool's status.
 int32_t kivod_levels_to_picture(kivod_ctx *ctx, int16_t *const coef[4], const uint16_t *const q[4], xelo_imgb *img);
 int32_t kivod_pull_frm(kivod_ctx *ctx, void *frame);
 int32_t kivod_choose_scale(int32_t fw, int32_t fh, int32_t ow, int32_t oh);

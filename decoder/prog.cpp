@@ -444,10 +444,11 @@ struct LevelsJob {
     const uint16_t *const *q;
     xelo_imgb *img;
     int first, n;
+    int64_t dc_level_sum;  // component 0's, for the mean level
 };
 
 int32_t levels_job(void *arg) {
-    const LevelsJob &j = *static_cast<const LevelsJob *>(arg);
+    LevelsJob &j = *static_cast<LevelsJob *>(arg);
     const kivod_ctx *ctx = j.ctx;
     const kivod_idct_fn idct = ctx->dsp.idct[0];
     alignas(16) int16_t blk[64];
@@ -457,6 +458,7 @@ int32_t levels_job(void *arg) {
             const int16_t *coef = j.coef[c] + static_cast<size_t>(r) * ctx->prog_blk_w[c] * 64;
             for (int32_t col = 0; col < ctx->blk_w[c]; ++col, coef += 64) {
                 for (int i = 0; i < 64; ++i) blk[i] = low16(static_cast<uint32_t>(coef[i]) * q[i]);
+                if (c == 0) j.dc_level_sum += (blk[0] + 1024) >> 3;
                 kivod_out_block(j.img, c, col, r, idct, blk);
             }
         }
@@ -468,17 +470,29 @@ int32_t levels_job(void *arg) {
 
 int32_t kivod_levels_to_picture(kivod_ctx *ctx, int16_t *const coef[4], const uint16_t *const q[4], xelo_imgb *img) {
     const int nc = ctx->fh.n_comp;
-    if (ctx->progressive || img->width != ctx->fh.width || img->height != ctx->fh.height ||
-        img->color_format != ctx->color_format)
+    if (img->width != ctx->fh.width || img->height != ctx->fh.height || img->color_format != ctx->color_format)
         return KIVO_ERR_INVALID_ARG;
+    // A progressive frame's blocks are those its decode reconstructs (the
+    // MCUs' padding left out), and they give its mean level.
+    if (ctx->progressive)
+        for (int c = 0; c < nc; ++c) {
+            ctx->blk_w[c] = (ctx->comp_w[c] + 7) / 8;
+            ctx->blk_h[c] = (ctx->comp_h[c] + 7) / 8;
+        }
     int n = kivo::thread_limit(ctx->tpool);
     if (n > nc) n = nc;
     LevelsJob jobs[4];
     void *args[4];
     for (int t = 0; t < n; ++t) {
-        jobs[t] = LevelsJob{ctx, coef, q, img, t, t == n - 1 ? nc - t : 1};
+        jobs[t] = LevelsJob{ctx, coef, q, img, t, t == n - 1 ? nc - t : 1, 0};
         args[t] = &jobs[t];
     }
-    return kivo::fork_join(ctx->tpool, ctx->threads, n, levels_job, args);
+    const int32_t ret = kivo::fork_join(ctx->tpool, ctx->threads, n, levels_job, args);
+    if (ret == KIVO_OK && ctx->progressive) {
+        ctx->dc_level_total = 0;
+        for (int t = 0; t < n; ++t) ctx->dc_level_total += jobs[t].dc_level_sum;
+        kivod_set_mean_level(ctx);
+    }
+    return ret;
 }
 

@@ -59,9 +59,9 @@ struct kivot_extras {
 };
 int32_t kivot_trc_encode(kivot_ctx *ctx, const kivoe_output *out, int32_t *written,
                          const kivot_extras *extras = nullptr);
-// Instead of kivot_trc_decode, for a sequential source whose levels
-// kivod_dec_levels read (kivot_choose_tables done): the picture made from
-// them, without decoding the source again.
+// Instead of kivot_trc_decode, for a source whose levels kivod_dec_levels
+// read: the picture made from them, without decoding the source again, and
+// the new tables chosen.
 int32_t kivot_trc_from_levels(kivot_ctx *ctx, int16_t *const coef[4], const uint16_t *const q[4]);
 // The new tables from the decoder's statistics and mean level and the
 // source's tables: kivot_trc_decode's last step, also valid after

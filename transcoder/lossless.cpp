@@ -308,9 +308,9 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
     // smallest, and the lossless codings stop as soon as they cannot beat
     // it. A source that does not decode whole is not re-encoded.
     if (!want_of_memory(ret) && tables_change) {
-        // A sequential source's picture is made from the levels already
-        // read (their tables chosen above); others are decoded again.
-        const bool from_levels = levels == KIVO_OK && !d->progressive;
+        // The picture is made from the levels already read; a source whose
+        // levels could not be read is decoded again.
+        const bool from_levels = levels == KIVO_OK;
         if (from_levels) {
             const uint16_t *q[4] = {};
             for (int c = 0; c < lv.pic.n_comp; ++c) q[c] = lv.pic.qt[lv.pic.tq[c]];

@@ -190,7 +190,9 @@ int32_t kivot_trc_from_levels(kivot_ctx *t, int16_t *const coef[4], const uint16
     int32_t ret = alloc_picture(t, d->fh.width, d->fh.height, d->color_format);
     if (ret < 0) return ret;
     ret = kivod_levels_to_picture(d, coef, q, t->pic->imgb);
-    return ret < 0 ? fail_with_picture(t, ret) : KIVO_OK;
+    if (ret < 0) return fail_with_picture(t, ret);
+    kivot_choose_tables(t);
+    return KIVO_OK;
 }
 
 void kivot_choose_tables(kivot_ctx *t) {
