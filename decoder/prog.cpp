@@ -4,7 +4,6 @@
 // thread.
 #include <cstring>
 
-#include "common/block.h"
 #include "decoder/bs_inline.h"
 #include "decoder/out.h"
 #include "common/nonzero.h"
@@ -82,6 +81,13 @@ inline void refine_all(kivod_bs *bs, int16_t *blk, uint64_t m, int32_t p1) {
             kivod_bs_skip(bs, used);
         }
     }
+}
+
+// A block's coefficients from its levels (raster order, q likewise), kept
+// to 16 bits as the sequential decoder keeps them; the levels stay as they
+// are.
+inline void dequantize(const int16_t *levels, const uint16_t *q, int16_t *blk) {
+    for (int i = 0; i < 64; ++i) blk[i] = low16(static_cast<uint32_t>(levels[i]) * q[i]);
 }
 
 bool exhausted(const kivod_bs *bs) { return bs->bits < 1 && kivod_bs_input_done(bs); }
@@ -355,8 +361,8 @@ int32_t dec_bands_prog(kivod_ctx *ctx, kivod_work *w) {
                 uint8_t *dst = const_cast<uint8_t *>(b.plane[c]) + static_cast<ptrdiff_t>((r * 8) % b.ring[c]) * stride;
                 const int16_t *coef = ctx->coef_buf[c] + static_cast<size_t>(r) * ctx->prog_blk_w[c] * 64;
                 for (int32_t col = 0; col < ctx->blk_w[c]; ++col, coef += 64) {
-                    // The levels stay as they are: a neighbour's extra row reads them again.
-                    for (int i = 0; i < 64; ++i) blk[i] = low16(static_cast<uint32_t>(coef[i]) * q.q[i]);
+                    // A neighbour's extra row reads the levels again.
+                    dequantize(coef, q.q, blk);
                     if (c == 0 && own && ctx->stats_wanted) w->dc_level_sum += (blk[0] + 1024) >> 3;
                     idct(blk, stride, dst + col * 8);
                 }
@@ -407,10 +413,9 @@ int32_t kivod_dec_pic_prog(kivod_ctx *ctx, kivod_work *w) {
         alignas(16) int16_t blk[64];
         for (int32_t r = 0; r < ctx->blk_h[c]; ++r) {
             for (int32_t col = 0; col < ctx->blk_w[c]; ++col) {
-                int16_t *coef = ctx->coef_buf[c] + (static_cast<size_t>(r) * ctx->prog_blk_w[c] + col) * 64;
-                for (int i = 0; i < 64; ++i) coef[i] = low16(static_cast<uint32_t>(coef[i]) * q.q[i]);
-                if (c == 0 && ctx->stats_wanted) w->dc_level_sum += (coef[0] + 1024) >> 3;
-                kivo::copy_block(blk, coef);
+                const int16_t *coef = ctx->coef_buf[c] + (static_cast<size_t>(r) * ctx->prog_blk_w[c] + col) * 64;
+                dequantize(coef, q.q, blk);
+                if (c == 0 && ctx->stats_wanted) w->dc_level_sum += (blk[0] + 1024) >> 3;
                 if (mode == KIVOD_OUT_DIRECT) kivod_out_block(img, c, col, r, idct, blk);
                 else idct(blk, line_w, strip + static_cast<ptrdiff_t>(fill) * line_w + col * n);
             }
@@ -457,7 +462,7 @@ int32_t levels_job(void *arg) {
         for (int32_t r = 0; r < ctx->blk_h[c]; ++r) {
             const int16_t *coef = j.coef[c] + static_cast<size_t>(r) * ctx->prog_blk_w[c] * 64;
             for (int32_t col = 0; col < ctx->blk_w[c]; ++col, coef += 64) {
-                for (int i = 0; i < 64; ++i) blk[i] = low16(static_cast<uint32_t>(coef[i]) * q[i]);
+                dequantize(coef, q, blk);
                 if (c == 0) j.dc_level_sum += (blk[0] + 1024) >> 3;
                 kivod_out_block(j.img, c, col, r, idct, blk);
             }

@@ -522,8 +522,10 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     for (int k = 0; k < j.ns; ++k) {
         j.sc[k].row = w->start_row[k];
         j.sc[k].t.mag = j.stats && j.mode != KIVOD_OUT_LEVELS ? j.mag[j.sc[k].c == 0 ? 0 : 1] : nullptr;
-        const kivod_qtbl &lq = ctx->qtbl[ctx->fh.tq[j.sc[k].c] & 3];
-        for (int r = 0; r < 64; ++r) j.level_q[k][r] = lq.q[kivo_tbl_ras_to_zig[r]];
+        if (j.stats && j.mode == KIVOD_OUT_LEVELS) {
+            const kivod_qtbl &lq = ctx->qtbl[ctx->fh.tq[j.sc[k].c] & 3];
+            for (int r = 0; r < 64; ++r) j.level_q[k][r] = lq.q[kivo_tbl_ras_to_zig[r]];
+        }
         kivod_make_qz(j.sc[k].t.q, j.qz[k]);
         j.sc[k].t.qz = j.qz[k];
     }
