@@ -138,10 +138,20 @@ uint64_t coef_bytes(const kivod_ctx *ctx) {
     return total;
 }
 
-// Zero-filled coefficient buffer of component c; false when it cannot be had.
+// Zero-filled coefficient buffer of component c, the spare one when it is
+// large enough (zeroing it costs less than the page faults of a new one);
+// false when it cannot be had.
 bool alloc_coef_buf(kivod_ctx *ctx, int c) {
     const size_t cb = buffer_bytes(ctx->prog_blk_h[c] * 8u, ctx->prog_blk_w[c] * 8u, 2);
+    if (cb && ctx->coef_spare[c] && ctx->spare_bytes[c] >= cb) {
+        ctx->coef_buf[c] = ctx->coef_spare[c];
+        ctx->coef_bytes[c] = ctx->spare_bytes[c];
+        ctx->coef_spare[c] = nullptr;
+        std::memset(ctx->coef_buf[c], 0, cb);
+        return true;
+    }
     ctx->coef_buf[c] = cb ? static_cast<int16_t *>(std::calloc(cb, 1)) : nullptr;
+    ctx->coef_bytes[c] = cb;
     return ctx->coef_buf[c] != nullptr;
 }
 

@@ -21,6 +21,10 @@ void family_flush(void *ctx) {
 void family_finish(void *ctx) {
     kivod_ctx *c = static_cast<kivod_ctx *>(ctx);
     kivod_release_frame_buffers(c);
+    for (int16_t *&p : c->coef_spare) {
+        std::free(p);
+        p = nullptr;
+    }
     kivod_bs_deinit(&c->main_bs);
 }
 
@@ -208,6 +212,7 @@ void kivod_kept::take(kivod_ctx *ctx) {
     for (int c = 0; c < 4; ++c) {
         std::free(coef[c]);
         coef[c] = ctx->coef_buf[c];
+        bytes[c] = ctx->coef_bytes[c];
         ctx->coef_buf[c] = nullptr;
     }
     free_app_nodes(apps, app_owned);
@@ -219,6 +224,16 @@ void kivod_kept::take(kivod_ctx *ctx) {
     ctx->app_last = nullptr;
     ctx->app_owned = 0;
     ctx->file_copy = nullptr;
+}
+
+void kivod_kept::spare(kivod_ctx *ctx) {
+    for (int c = 0; c < 4; ++c) {
+        if (!coef[c]) continue;
+        std::free(ctx->coef_spare[c]);
+        ctx->coef_spare[c] = coef[c];
+        ctx->spare_bytes[c] = bytes[c];
+        coef[c] = nullptr;
+    }
 }
 
 void kivod_release_frame_buffers(kivod_ctx *ctx) {

@@ -361,6 +361,11 @@ struct kivod_ctx {
     kivod_dri dri;
     uint8_t *sample_buf[4];
     int16_t *coef_buf[4];
+    size_t coef_bytes[4];  // each coef_buf's size
+    // Coefficient buffers handed back (kivod_kept::spare) for the next
+    // picture's levels: taken, zeroed, by a component that fits in one.
+    int16_t *coef_spare[4];
+    size_t spare_bytes[4];
     xelo_imgb *out_imgb;
     int32_t out_w[4];
     int32_t out_h[4];
@@ -415,6 +420,7 @@ void kivod_release_frame_buffers(kivod_ctx *ctx);
 // record.
 struct kivod_kept {
     int16_t *coef[4] = {};
+    size_t bytes[4] = {};
     kivod_app_node *apps = nullptr;
     int32_t app_owned = 0;
     uint8_t *file_copy = nullptr;  // the file read whole that the nodes may point into
@@ -423,6 +429,8 @@ struct kivod_kept {
     kivod_kept &operator=(const kivod_kept &) = delete;
     ~kivod_kept();
     void take(kivod_ctx *ctx);
+    // Hands the levels' buffers back to ctx for its next picture.
+    void spare(kivod_ctx *ctx);
 };
 
 // ---- marker segment parsers (seg.cpp) -----------------------------------------------

@@ -131,23 +131,31 @@ int32_t check_picture(const kivoe_coef_pic *pic, Geometry *g) {
     return KIVO_OK;
 }
 
-// KIVO_ERR_UNSUPPORTED when a DC difference (in the order of the first
-// scan) or an AC level lies outside the categories of 8-bit data: beyond
-// +-2047 and +-1023.
-int32_t check_levels(const kivoe_coef_pic *pic, const Geometry &g, const Script &baseline) {
+// The categories of 8-bit data hold DC differences within +-2047 and AC
+// levels within +-1023. The passes that read every block anyway check them
+// while the block is in cache.
+inline bool dc_outside(int32_t d) { return static_cast<uint32_t>(d + 2047) > 4094; }
+
+inline bool ac_outside(const int16_t *b) {
+    uint32_t outside = 0;
+    for (int32_t k = 1; k < 64; ++k) outside |= static_cast<uint16_t>(b[k] + 1023) > 2046;
+    return outside != 0;
+}
+
+// Whether some DC difference, in the order of the first scan, lies outside
+// its categories; dc(c, i) is block i's DC level of component c.
+template <class Dc>
+bool dc_diffs_outside(const kivoe_coef_pic *pic, const Geometry &g, const Script &baseline, Dc &&dc) {
     for (int32_t i = 0; i < baseline.n; ++i) {
         int32_t pred[4] = {0, 0, 0, 0};
         const bool ok = for_each_block(pic, g, baseline.scan[i], [&](int32_t c, size_t i) {
-            const int16_t *b = pic->coef[c] + 64 * i;
-            const int32_t d = b[0] - pred[c];
-            pred[c] = b[0];
-            uint32_t outside = static_cast<uint32_t>(d + 2047) > 4094;
-            for (int32_t k = 1; k < 64; ++k) outside |= static_cast<uint16_t>(b[k] + 1023) > 2046;
-            return !outside;
+            const int32_t d = dc(c, i) - pred[c];
+            pred[c] = dc(c, i);
+            return !dc_outside(d);
         });
-        if (!ok) return KIVO_ERR_UNSUPPORTED;
+        if (!ok) return true;
     }
-    return KIVO_OK;
+    return false;
 }
 
 // ---- progressive coding -----------------------------------------------------------------
@@ -463,6 +471,7 @@ struct Work {
     // Baseline: the zig-zag masks of every block's non-zero AC levels,
     // found while counting, for the writing pass.
     uint64_t *masks[4];
+    bool outside;  // baseline: some level counted lies outside its categories
 };
 
 // Frees w, its planes and DC levels.
@@ -487,6 +496,7 @@ void code_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work
             kivoe_dc_tbl *dc = &w.dc[table_of(s, c)];
             kivoe_ac_tbl *ac = &w.ac[table_of(s, c)];
             if (counting) {
+                w.outside |= dc_outside(d) | ac_outside(b);
                 kivoe_vlc_dc_stat(bs, dc, d);
                 w.masks[c][i] = kivoe_vlc_ac_stat_mask(ac, b);
             } else {
@@ -551,14 +561,16 @@ uint64_t coded_bits(const Work &w, const kivoe_huff_spec *spec, int32_t n_spec) 
 }
 
 // Counts the scan's symbols, builds its tables and writes DHT, SOS and the
-// entropy-coded data.
-void write_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work &w, xelo_bsw *bs) {
+// entropy-coded data. Returns KIVO_ERR_UNSUPPORTED for levels outside their
+// categories, else 0.
+int32_t write_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work &w, xelo_bsw *bs) {
     for (int32_t i = 0; i < 2; ++i) {
         std::memset(w.dc[i].counter, 0, sizeof(w.dc[i].counter));
         std::memset(w.ac[i].counter, 0, sizeof(w.ac[i].counter));
     }
     const bool dc_codes = s.ss == 0 && s.ah == 0, ac_codes = s.se > 0;
     if (dc_codes || ac_codes) code_scan(pic, g, s, w, true, bs);
+    if (w.outside) return KIVO_ERR_UNSUPPORTED;
     // The tables this scan selects: DC tables of its components' slots
     // (first DC scans and sequential scans), AC tables likewise.
     int32_t n_spec = 0;
@@ -584,7 +596,7 @@ void write_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Wor
     const uint64_t need = (coded_bits(w, w.spec, n_spec) + 7) / 8 + 2 + static_cast<uint64_t>(pic->trailer_len);
     if (bs->write_ptr && static_cast<uint64_t>(bs->end_ptr - bs->write_ptr) < need) {
         bs->overflow = 1;
-        return;
+        return KIVO_OK;
     }
     bs->flush = kivoe_bs_flush_data_seg;
     code_scan(pic, g, s, w, false, bs);
@@ -593,6 +605,7 @@ void write_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Wor
     if (used_bits % 8) put(bs, 0xFF, 8 - used_bits % 8);
     xelo_bsw_sink(bs);
     bs->flush = kivoe_bs_flush;
+    return KIVO_OK;
 }
 
 }  // namespace
@@ -606,8 +619,6 @@ int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw
     Script baseline, script;
     make_script(pic->n_comp, g.interleave, KIVOE_CODING_BASELINE, &baseline);
     make_script(pic->n_comp, g.interleave, coding, &script);
-    ret = check_levels(pic, g, baseline);
-    if (ret < 0) return ret;
     Work *w = static_cast<Work *>(std::calloc(1, sizeof(Work)));
     if (!w) return KIVO_ERR_OUT_OF_MEMORY;
     for (int32_t c = 0; c < pic->n_comp && coding == KIVOE_CODING_BASELINE; ++c) {
@@ -629,12 +640,22 @@ int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw
                 return KIVO_ERR_OUT_OF_MEMORY;
             }
             for (size_t i = 0; i < blocks; ++i) w->dc_levels[c][i] = pic->coef[c][64 * i];
-            // The levels were checked above: none is -32768.
+            // Only the blocks inside the component are in its AC scans.
             kivoe_planes *p = w->planes[c];
             for (int32_t by = 0; by < g.bh[c]; ++by) {
                 const int16_t *b = pic->coef[c] + static_cast<size_t>(by) * pic->blk_w[c] * 64;
-                for (int32_t bx = 0; bx < g.bw[c]; ++bx, b += 64) proc.planes(b, p++);
+                for (int32_t bx = 0; bx < g.bw[c]; ++bx, b += 64) {
+                    if (ac_outside(b)) {
+                        free_work(w);
+                        return KIVO_ERR_UNSUPPORTED;
+                    }
+                    proc.planes(b, p++);
+                }
             }
+        }
+        if (dc_diffs_outside(pic, g, baseline, [w](int32_t c, size_t i) { return w->dc_levels[c][i]; })) {
+            free_work(w);
+            return KIVO_ERR_UNSUPPORTED;
         }
     }
 
@@ -658,8 +679,9 @@ int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw
     }
     // Quantizers above 255 make a sequential frame extended (SOF1).
     kivoe_write_sof(bs, &fh, coding == KIVOE_CODING_PROGRESSIVE ? 0xC2 : wide ? 0xC1 : 0xC0);
-    for (int32_t i = 0; i < script.n && !bs->overflow; ++i) write_scan(pic, g, script.scan[i], *w, bs);
+    for (int32_t i = 0; i < script.n && !bs->overflow && ret == KIVO_OK; ++i) ret = write_scan(pic, g, script.scan[i], *w, bs);
     free_work(w);
+    if (ret < 0) return ret;
     put(bs, 0xFFD9, 16);
     xelo_bsw_sink(bs);
     size_t n = static_cast<size_t>(pic->trailer_len);

@@ -71,6 +71,10 @@ struct Levels {
     }
     // Lets the decoder decode again without touching pic.
     void keep(kivod_ctx *d) { kept.take(d); }
+    // The levels' buffers go back to the decoder for the handle's next
+    // call, which then needs no new memory (and no page faults) for levels
+    // of the same size.
+    void spare(kivod_ctx *d) { kept.spare(d); }
 };
 
 // The source's bytes in memory: the caller's, or read from its file.
@@ -238,6 +242,8 @@ KIVO_API int32_t kivot_txcode_lossless(kivot_ctx *ctx, const kivod_input *input,
         ret = kivot_write_levels(&lv.pic, coding == KIVOT_LOSSLESS_PROGRESSIVE ? KIVOE_CODING_PROGRESSIVE
                                                                               : KIVOE_CODING_BASELINE,
                                  output->bitb->addr, output->bitb->ssize, written);
+    lv.keep(t->dec);
+    lv.spare(t->dec);
     kivod_release_frame_buffers(t->dec);
     return ret;
 }
@@ -344,6 +350,7 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
         if (chosen) *chosen = best.choice;
     }
     free_buffers();
+    lv.spare(d);
     return ret;
 }
 
