@@ -182,6 +182,31 @@ inline uint32_t bit(uint64_t x, int32_t k, int32_t base) {
     return static_cast<uint32_t>(static_cast<MaskWord>(x >> base) >> (k - base) & 1);
 }
 
+// Set bits of m.
+inline int32_t popcount(uint64_t m) {
+    m -= m >> 1 & 0x5555555555555555u;
+    m = (m & 0x3333333333333333u) + (m >> 2 & 0x3333333333333333u);
+    m = (m + (m >> 4)) & 0x0F0F0F0F0F0F0F0Fu;
+    return static_cast<int32_t>((m * 0x0101010101010101u) >> 56);
+}
+
+// Positions after p, and before p (p: 0 to 63).
+inline uint64_t after(int32_t p) { return ~((uint64_t(2) << p) - 1); }
+inline uint64_t before(int32_t p) { return (uint64_t(1) << p) - 1; }
+
+// Bits of x at the positions set in m, in order (the lowest position first,
+// as the highest of the n returned); n: how many.
+inline uint64_t gather(uint64_t x, uint64_t m, int32_t *n) {
+    uint64_t v = 0;
+    int32_t k = 0;
+    for_each_bit(m, [&](int32_t i, int32_t base) {
+        v = v << 1 | bit(x, i, base);
+        ++k;
+    });
+    *n = k;
+    return v;
+}
+
 // Zig-zag positions ss..se of an AC band.
 inline uint64_t band_bits(int32_t ss, int32_t se) {
     return (se == 63 ? ~uint64_t(0) : (uint64_t(1) << (se + 1)) - 1) & ~((uint64_t(1) << ss) - 1);
@@ -320,27 +345,24 @@ struct AcScan {
         eob.flush();
     }
 
+    // The refinement's symbols are its new levels: each with the zeros
+    // since the previous one (levels already non-zero do not count).
+    // After the last, an end of band holds the correction bits of those
+    // already non-zero.
     void count_refine(uint64_t *counter) const {
         EobCount eob{counter};
         const uint64_t band = band_bits(ss, se);
         blocks([&](const int16_t *, const kivoe_planes &p) {
-            const uint64_t nz = p.nz[al] & band, fresh = nz & ~p.nz[al + 1];
+            const uint64_t nz = p.nz[al] & band, fresh = nz & ~p.nz[al + 1], zeros = band & ~nz;
+            int32_t prev = ss - 1;  // the last new level
             if (fresh) eob.flush();
-            // Zeros since the last new level, and levels already non-zero
-            // since then (whose correction bits an end of band holds).
-            int32_t zeros = 0, held = 0, prev = ss - 1;
-            for_each_bit(nz, [&](int32_t k, int32_t base) {
-                zeros += k - prev - 1;
+            for_each_bit(fresh, [&](int32_t k, int32_t) {
+                const int32_t run = popcount(zeros & after(prev) & before(k));
+                counter[0xF0] += static_cast<uint32_t>(run >> 4);
+                ++counter[(run & 15) << 4 | 1];
                 prev = k;
-                if (!bit(fresh, k, base)) {
-                    ++held;
-                    return;
-                }
-                counter[0xF0] += static_cast<uint32_t>(zeros >> 4);
-                ++counter[(zeros & 15) << 4 | 1];
-                zeros = held = 0;
             });
-            if (zeros + se - prev || held) eob.end_band(held);
+            if (prev < se) eob.end_band(popcount(nz & after(prev)));
         });
         eob.flush();
     }
@@ -377,39 +399,48 @@ struct AcScan {
         blocks([&](const int16_t *, const kivoe_planes &p) {
             const uint64_t nz = p.nz[al] & band, old = p.nz[al + 1] & band, fresh = nz & ~old;
             const uint64_t correction = p.odd[al] & old;
-            // Correction bits of the levels already non-zero since the last
-            // symbol, first bit highest.
-            uint64_t pending = 0;
-            int32_t n_pending = 0;
+            int32_t prev = ss - 1;  // the last new level
             if (fresh) eob.flush();
-            const int32_t last_new = fresh ? 63 - __builtin_clzll(fresh) : -1;
-            int32_t run = 0, prev = ss - 1;
-            for_each_bit(nz, [&](int32_t k, int32_t base) {
-                run += k - prev - 1;  // the zeros since the last non-zero one
-                prev = k;
-                // Sixteen zeros before a new level need a ZRL; after the
-                // last one the end of band covers them.
-                while (run > 15 && k <= last_new) {
-                    out.put(zrl.code, zrl.len);
-                    out.put64(pending, n_pending);
+            for_each_bit(fresh, [&](int32_t k, int32_t base) {
+                const uint64_t span = after(prev) & before(k);
+                const uint64_t held = old & span;
+                int32_t run = popcount(span & ~nz);
+                uint64_t pending;
+                int32_t n_pending;
+                if (run > 15) {
+                    // Every sixteen zeros before a non-zero level (already
+                    // or newly) give a ZRL, which the correction bits
+                    // passed so far follow.
+                    run = 0;
                     pending = 0;
                     n_pending = 0;
-                    run -= 16;
-                }
-                if (!bit(fresh, k, base)) {
-                    pending = pending << 1 | bit(correction, k, base);
-                    ++n_pending;
-                    return;
+                    int32_t q = prev;
+                    for_each_bit(held | uint64_t(1) << k, [&](int32_t j, int32_t b) {
+                        run += popcount(span & ~nz & after(q) & before(j));
+                        q = j;
+                        for (; run > 15; run -= 16) {
+                            out.put(zrl.code, zrl.len);
+                            out.put64(pending, n_pending);
+                            pending = 0;
+                            n_pending = 0;
+                        }
+                        if (j == k) return;
+                        pending = pending << 1 | bit(correction, j, b);
+                        ++n_pending;
+                    });
+                } else {
+                    pending = gather(correction, held, &n_pending);
                 }
                 const kivoe_code c = code[run << 4 | 1];
                 out.put(static_cast<uint32_t>(c.code) << 1 | (bit(p.neg, k, base) ^ 1), c.len + 1);
                 out.put64(pending, n_pending);
-                pending = 0;
-                n_pending = 0;
-                run = 0;
+                prev = k;
             });
-            run += se - prev;
-            if (run || n_pending) eob.end_band(pending, n_pending);
+            if (prev < se) {
+                int32_t n = 0;
+                const uint64_t pending = gather(correction, old & after(prev), &n);
+                eob.end_band(pending, n);
+            }
         });
         eob.flush();
     }
