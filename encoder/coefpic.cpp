@@ -349,11 +349,14 @@ struct AcScan {
     // since the previous one (levels already non-zero do not count).
     // After the last, an end of band holds the correction bits of those
     // already non-zero.
-    void count_refine(uint64_t *counter) const {
+    // Returns the correction bits, one for each level already non-zero.
+    uint64_t count_refine(uint64_t *counter) const {
         EobCount eob{counter};
         const uint64_t band = band_bits(ss, se);
+        uint64_t corrections = 0;
         blocks([&](const int16_t *, const kivoe_planes &p) {
             const uint64_t nz = p.nz[al] & band, fresh = nz & ~p.nz[al + 1], zeros = band & ~nz;
+            corrections += static_cast<uint32_t>(popcount(nz & ~fresh));
             int32_t prev = ss - 1;  // the last new level
             if (fresh) eob.flush();
             for_each_bit(fresh, [&](int32_t k, int32_t) {
@@ -365,6 +368,7 @@ struct AcScan {
             if (prev < se) eob.end_band(popcount(nz & after(prev)));
         });
         eob.flush();
+        return corrections;
     }
 
     void write_first(BitOut &out, const kivoe_code *code) const {
@@ -493,7 +497,14 @@ void write_sos(xelo_bsw *bs, const kivoe_coef_pic *pic, const Scan &s) {
 struct Work {
     kivoe_dc_tbl dc[2];
     kivoe_ac_tbl ac[2];
-    kivoe_huff_spec spec[4];
+    // Each scan's tables, built from its counts, and the least bits its
+    // entropy-coded data can take.
+    struct {
+        kivoe_huff_spec spec[4];
+        int32_t n_spec;
+        uint64_t bits;
+    } scan[kMaxScans];
+    uint64_t corrections;  // correction bits of the scan being counted
     // Progressive: the bit planes of every block's AC levels, per component
     // in the order of its AC scans, and the DC levels of all its blocks (the
     // DC scans read nothing else), made once for all scans.
@@ -542,7 +553,8 @@ void code_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work
         for_each_block(pic, g, s, [&](int32_t c, size_t i) {
             const int32_t dc = w.dc_levels[c][i];
             if (s.ah) {
-                out.put(static_cast<uint32_t>(asr(dc, s.al) & 1), 1);
+                if (counting) ++w.corrections;
+                else out.put(static_cast<uint32_t>(asr(dc, s.al) & 1), 1);
                 return true;
             }
             const int32_t v = asr(dc, s.al);
@@ -561,7 +573,7 @@ void code_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work
     } else {
         const int32_t c = s.comp[0];
         const AcScan scan{pic->coef[c], g.bw[c], g.bh[c], pic->blk_w[c], w.planes[c], s.ss, s.se, s.al};
-        if (counting && s.ah) scan.count_refine(w.ac[0].counter);
+        if (counting && s.ah) w.corrections = scan.count_refine(w.ac[0].counter);
         else if (counting) scan.count_first(w.ac[0].counter);
         else if (s.ah) scan.write_refine(out, w.ac[0].by_symbol);
         else scan.write_first(out, w.ac[0].by_symbol);
@@ -570,8 +582,7 @@ void code_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work
 }
 
 // Bits of the counted symbols' codes and extra bits under the tables in
-// spec: no more than the scan's entropy-coded data (correction bits of a
-// refinement and stuffed bytes come on top).
+// spec (correction bits of a refinement and stuffed bytes come on top).
 uint64_t coded_bits(const Work &w, const kivoe_huff_spec *spec, int32_t n_spec) {
     uint64_t bits = 0;
     for (int32_t i = 0; i < n_spec; ++i) {
@@ -591,44 +602,56 @@ uint64_t coded_bits(const Work &w, const kivoe_huff_spec *spec, int32_t n_spec) 
     return bits;
 }
 
-// Counts the scan's symbols, builds its tables and writes DHT, SOS and the
-// entropy-coded data. Returns KIVO_ERR_UNSUPPORTED for levels outside their
-// categories, else 0.
-int32_t write_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work &w, xelo_bsw *bs) {
-    for (int32_t i = 0; i < 2; ++i) {
-        std::memset(w.dc[i].counter, 0, sizeof(w.dc[i].counter));
-        std::memset(w.ac[i].counter, 0, sizeof(w.ac[i].counter));
+// Counts scan i's symbols and builds its tables. Returns
+// KIVO_ERR_UNSUPPORTED for levels outside their categories, else 0.
+int32_t count_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work &w, int32_t i) {
+    for (int32_t t = 0; t < 2; ++t) {
+        std::memset(w.dc[t].counter, 0, sizeof(w.dc[t].counter));
+        std::memset(w.ac[t].counter, 0, sizeof(w.ac[t].counter));
     }
-    const bool dc_codes = s.ss == 0 && s.ah == 0, ac_codes = s.se > 0;
-    if (dc_codes || ac_codes) code_scan(pic, g, s, w, true, bs);
+    w.corrections = 0;
+    code_scan(pic, g, s, w, true, nullptr);
     if (w.outside) return KIVO_ERR_UNSUPPORTED;
     // The tables this scan selects: DC tables of its components' slots
     // (first DC scans and sequential scans), AC tables likewise.
-    int32_t n_spec = 0;
+    const bool dc_codes = s.ss == 0 && s.ah == 0, ac_codes = s.se > 0;
+    auto &st = w.scan[i];
+    st.n_spec = 0;
     for (int32_t cls = 0; cls < 2; ++cls) {
         if (cls == 0 ? !dc_codes : !ac_codes) continue;
-        for (int32_t i = 0; i < 2; ++i) {
+        for (int32_t t = 0; t < 2; ++t) {
             bool used = false;
-            for (int32_t k = 0; k < s.n; ++k) used |= table_of(s, s.comp[k]) == i;
+            for (int32_t k = 0; k < s.n; ++k) used |= table_of(s, s.comp[k]) == t;
             if (!used) continue;
-            kivoe_huff_spec &spec = w.spec[n_spec++];
+            kivoe_huff_spec &spec = st.spec[st.n_spec++];
             spec.cls = cls;
-            spec.id = i;
-            if (cls == 0) kivoe_gen_opt(&spec, w.dc[i].counter, 16, nullptr);
-            else kivoe_gen_opt(&spec, w.ac[i].counter, 256, nullptr);
-            kivoe_gen_code(&spec, &w.dc[i], &w.ac[i]);
+            spec.id = t;
+            if (cls == 0) kivoe_gen_opt(&spec, w.dc[t].counter, 16, nullptr);
+            else kivoe_gen_opt(&spec, w.ac[t].counter, 256, nullptr);
+            kivoe_gen_code(&spec, &w.dc[t], &w.ac[t]);
         }
     }
-    if (n_spec) kivoe_write_dht(bs, w.spec, n_spec);
+    st.bits = coded_bits(w, st.spec, st.n_spec) + w.corrections;
+    return KIVO_OK;
+}
+
+// Least bytes scan i can take: DHT, SOS and its entropy-coded data.
+uint64_t scan_bytes(const Work &w, const Scan &s, int32_t i) {
+    const auto &st = w.scan[i];
+    uint64_t n = (st.bits + 7) / 8 + 8 + 2 * static_cast<uint64_t>(s.n);
+    if (st.n_spec) n += 4;
+    for (int32_t k = 0; k < st.n_spec; ++k) n += 17 + static_cast<uint64_t>(st.spec[k].count);
+    return n;
+}
+
+// Writes scan i with the tables its count built: DHT, SOS and the
+// entropy-coded data.
+void write_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work &w, int32_t i, xelo_bsw *bs) {
+    const auto &st = w.scan[i];
+    for (int32_t k = 0; k < st.n_spec; ++k) kivoe_gen_code(&st.spec[k], &w.dc[st.spec[k].id], &w.ac[st.spec[k].id]);
+    if (st.n_spec) kivoe_write_dht(bs, st.spec, st.n_spec);
     write_sos(bs, pic, s);
     xelo_bsw_sink(bs);
-    // A scan whose codes cannot fit in the room left is not written: the
-    // stream is already too long for the buffer.
-    const uint64_t need = (coded_bits(w, w.spec, n_spec) + 7) / 8 + 2 + static_cast<uint64_t>(pic->trailer_len);
-    if (bs->write_ptr && static_cast<uint64_t>(bs->end_ptr - bs->write_ptr) < need) {
-        bs->overflow = 1;
-        return KIVO_OK;
-    }
     bs->flush = kivoe_bs_flush_data_seg;
     code_scan(pic, g, s, w, false, bs);
     // The last byte is padded with 1-bits.
@@ -636,7 +659,6 @@ int32_t write_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, 
     if (used_bits % 8) put(bs, 0xFF, 8 - used_bits % 8);
     xelo_bsw_sink(bs);
     bs->flush = kivoe_bs_flush;
-    return KIVO_OK;
 }
 
 }  // namespace
@@ -710,7 +732,21 @@ int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw
     }
     // Quantizers above 255 make a sequential frame extended (SOF1).
     kivoe_write_sof(bs, &fh, coding == KIVOE_CODING_PROGRESSIVE ? 0xC2 : wide ? 0xC1 : 0xC0);
-    for (int32_t i = 0; i < script.n && !bs->overflow && ret == KIVO_OK; ++i) ret = write_scan(pic, g, script.scan[i], *w, bs);
+    // Every scan is counted before any is written: a stream whose least
+    // size cannot fit in the room left is not written at all.
+    uint64_t need = 2 + static_cast<uint64_t>(pic->trailer_len);
+    for (int32_t i = 0; i < script.n && ret == KIVO_OK; ++i) {
+        ret = count_scan(pic, g, script.scan[i], *w, i);
+        need += scan_bytes(*w, script.scan[i], i);
+    }
+    // Before each scan, the least size of what is left.
+    for (int32_t i = 0; i < script.n && ret == KIVO_OK; ++i) {
+        xelo_bsw_sink(bs);
+        if (bs->write_ptr && static_cast<uint64_t>(bs->end_ptr - bs->write_ptr) < need) bs->overflow = 1;
+        if (bs->overflow) break;
+        write_scan(pic, g, script.scan[i], *w, i, bs);
+        need -= scan_bytes(*w, script.scan[i], i);
+    }
     free_work(w);
     if (ret < 0) return ret;
     put(bs, 0xFFD9, 16);
