@@ -9,6 +9,7 @@
 
 #include "encoder/kivoe_int.h"
 #include "common/nonzero.h"
+#include "encoder/stuffing.h"
 
 namespace {
 
@@ -215,18 +216,38 @@ inline uint64_t band_bits(int32_t ss, int32_t se) {
 // Most correction bits an end-of-band run holds back before it is written.
 constexpr int32_t kCorrectionBits = 1000;
 
-// Bits on their way to the writer, which takes them 32 at a time.
+// Bits on their way to the output, 32 at a time: stored straight to memory
+// with byte stuffing while there is room for a word stuffed, and from then
+// on through the writer, which notes an output too small.
 struct BitOut {
     xelo_bsw *bs;
-    uint64_t acc;
-    int32_t n;  // 0 to 31
+    uint64_t acc = 0;
+    int32_t n = 0;  // 0 to 31 pending bits, the low bits of acc
+    uint8_t *p;
+    bool direct;
+
+    // bs: with the stuffing flush, or null while counting.
+    explicit BitOut(xelo_bsw *b)
+        : bs(b), p(b ? b->write_ptr : nullptr), direct(p && b->free_bits == 32) {}
 
     void put(uint32_t v, int32_t len) {  // len: 0 to 32, v: no bits above len
         acc = acc << len | v;
         n += len;
-        if (n >= 32) {
-            n -= 32;
-            xelo_bsw_write(bs, static_cast<uint32_t>(acc >> n), 32);
+        if (n < 32) return;
+        n -= 32;
+        const uint32_t w = static_cast<uint32_t>(acc >> n);
+        if (direct && bs->end_ptr - p < 8) {
+            bs->write_ptr = p;
+            direct = false;
+        }
+        if (!direct) {
+            xelo_bsw_write(bs, w, 32);
+        } else if (__builtin_expect(kivoe_stuff::has_ff(w), 0)) {
+            p = kivoe_stuff::store_stuffed(p, static_cast<uint64_t>(w) << 32, 4);
+        } else {
+            const uint32_t be = kivoe_stuff::big_endian(w);
+            std::memcpy(p, &be, 4);
+            p += 4;
         }
     }
     void put64(uint64_t v, int32_t len) {  // len: 0 to 64
@@ -236,7 +257,10 @@ struct BitOut {
         }
         put(static_cast<uint32_t>(v), len);
     }
+    // Hands the bits left to the writer.
     void drain() {
+        if (direct) bs->write_ptr = p;
+        direct = false;
         if (n) xelo_bsw_write(bs, static_cast<uint32_t>(acc) & ((1u << n) - 1), n);
         n = 0;
     }
@@ -548,7 +572,7 @@ void code_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work
         });
         return;
     }
-    BitOut out{bs, 0, 0};
+    BitOut out(bs);
     if (s.ss == 0) {
         for_each_block(pic, g, s, [&](int32_t c, size_t i) {
             const int32_t dc = w.dc_levels[c][i];

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "encoder/kivoe_int.h"
+#include "encoder/stuffing.h"
 #include "common/nonzero.h"
 
 
@@ -13,6 +14,9 @@ namespace {
 using kivo_nz::MaskWord;
 using kivo_nz::kMaskBits;
 using kivo_nz::ctz;
+using kivoe_stuff::big_endian;
+using kivoe_stuff::has_ff;
+using kivoe_stuff::store_stuffed;
 
 // True for the 16-bit values that have a size category: -32767 to 2047.
 inline bool has_category(int32_t v) { return static_cast<uint32_t>(v + 32767) <= 32767u + 2047u; }
@@ -40,26 +44,6 @@ inline uint32_t extra_bits(int32_t v, int32_t k) {
 // bits, each byte doubled by stuffing, plus the eight bytes a full buffer
 // stores at once.
 constexpr ptrdiff_t kBlockMargin = 2 * ((67 * 31 + 16 + 63 + 7) / 8) + 16;
-
-// Writes the n high bytes of w, a 0x00 after each 0xFF; returns the end.
-__attribute__((noinline)) uint8_t *store_stuffed(uint8_t *p, uint64_t w, int32_t n) {
-    for (int32_t i = 0; i < n; ++i, w <<= 8) {
-        const uint8_t b = static_cast<uint8_t>(w >> 56);
-        *p++ = b;
-        if (b == 0xFF) *p++ = 0x00;
-    }
-    return p;
-}
-
-// True when one of the bytes of w is 0xFF.
-template <class W>
-inline bool has_ff(W w) {
-    constexpr W ones = static_cast<W>(~W(0)) / 255;
-    return ((~w - ones) & w & (ones << 7)) != 0;
-}
-
-inline uint64_t big_endian(uint64_t w) { return __builtin_bswap64(w); }
-inline uint32_t big_endian(uint32_t w) { return __builtin_bswap32(w); }
 
 // Entropy-coded bits written straight to memory with byte stuffing. Bits
 // gather in a register-wide buffer (32 bits on 32-bit processors, where
