@@ -180,6 +180,10 @@ int32_t decode_scans(kivod_ctx *ctx, int32_t *scan_status) {
     int32_t done = 0;
     int64_t scans = 0;
     *scan_status = KIVO_OK;
+    if (kivod_prog_scans_mt(ctx, scan_status, &done)) {
+        ctx->reached_end = done;
+        return KIVO_OK;
+    }
     while (!done) {
         if (kivod_bs_read(bs, 8) != 0xFF) break;
         uint32_t m = kivod_bs_read(bs, 8);

@@ -520,6 +520,33 @@ constexpr uint64_t kMaxProgressiveBytes = uint64_t(1) << 30;
 // One progressive scan into the coefficient buffers (called by dec_scan after
 // the scan header); sets *done at the first AC scan when decoding at 1/8.
 int32_t kivod_dec_scan_prog(kivod_ctx *ctx, int32_t *done);
+// 0 when the scan header and the tables it selects (by slot) can be decoded.
+int32_t kivod_check_prog_scan(const kivod_ctx *ctx, const kivod_sh &sh, const kivod_dc_tbl *dc_tbl,
+                              const kivod_ac_tbl *ac_tbl);
+// One progressive scan's blocks: the tables it reads and where its values go.
+struct kivod_prog_scan {
+    kivod_sh sh;
+    const kivod_dc_tbl *dc[4];  // by frame component
+    const kivod_ac_tbl *ac[4];
+    int16_t *dst[4];  // blocks of whole MCUs, prog_blk_w[c] a row, step values a block
+    int32_t step;     // 64, or 1 for a DC refinement into one value a block
+    // Optional: before_row(arg, r) before row r (false stops the scan),
+    // after_row(arg, n) once n rows are whole; rows are block rows of one
+    // component or MCU rows.
+    bool (*before_row)(void *arg, int32_t row);
+    void (*after_row)(void *arg, int32_t rows);
+    void *arg;
+};
+// The scan with the tables of the given slots, into the coefficient buffers.
+kivod_prog_scan kivod_prog_scan_of(kivod_ctx *ctx, const kivod_sh &sh, const kivod_dc_tbl *dc_tbl,
+                                   const kivod_ac_tbl *ac_tbl);
+// Decodes the scan's blocks from bs (at its first data byte): 0 or a negative
+// status, *rows_done the rows decoded whole.
+int32_t kivod_prog_scan_blocks(const kivod_ctx *ctx, const kivod_prog_scan &s, kivod_bs *bs, int32_t *rows_done);
+// Decodes the frame's progressive scans over two threads where the stream
+// allows it (see prog_mt.cpp): true when it did, with *scan_status and *done
+// as the scan loop would have left them; false leaves the decoder untouched.
+bool kivod_prog_scans_mt(kivod_ctx *ctx, int32_t *scan_status, int32_t *done);
 // Reconstruction at the end of the picture: shares the components among the
 // work records and runs kivod_dec_pic_prog on the threads.
 int32_t kivod_finish_prog(kivod_ctx *ctx);

@@ -92,8 +92,10 @@ inline void dequantize(const int16_t *levels, const uint16_t *q, int16_t *blk) {
 
 bool exhausted(const kivod_bs *bs) { return bs->bits < 1 && kivod_bs_input_done(bs); }
 
-int32_t check_prog_scan(const kivod_ctx *ctx) {
-    const kivod_sh &sh = ctx->sh;
+}  // namespace
+
+int32_t kivod_check_prog_scan(const kivod_ctx *ctx, const kivod_sh &sh, const kivod_dc_tbl *dc_tbl,
+                              const kivod_ac_tbl *ac_tbl) {
     if (sh.n_comp < 1) return KIVO_ERR_MALFORMED;
     if (sh.ss > sh.se || sh.se > 63 || (sh.ss == 0 && sh.se != 0) || (sh.ss > 0 && sh.n_comp != 1))
         return KIVO_ERR_MALFORMED;
@@ -105,12 +107,14 @@ int32_t check_prog_scan(const kivod_ctx *ctx) {
         for (int j = 0; j < k; ++j)
             if (sh.comp_idx[j] == c) return KIVO_ERR_MALFORMED;
         if (sh.td[c] > 3 || sh.ta[c] > 3) return KIVO_ERR_MALFORMED;
-        if (sh.ss == 0 && sh.ah == 0 && ctx->dc_tbl[sh.td[c]].count == 0) return KIVO_ERR_MALFORMED;
-        if (sh.ss > 0 && ctx->ac_tbl[sh.ta[c]].count <= 1) return KIVO_ERR_MALFORMED;
+        if (sh.ss == 0 && sh.ah == 0 && dc_tbl[sh.td[c]].count == 0) return KIVO_ERR_MALFORMED;
+        if (sh.ss > 0 && ac_tbl[sh.ta[c]].count <= 1) return KIVO_ERR_MALFORMED;
         blocks += sh.n_comp > 1 ? ctx->fh.h[c] * ctx->fh.v[c] : 1;
     }
     return blocks > 10 ? KIVO_ERR_MALFORMED : KIVO_OK;
 }
+
+namespace {
 
 typedef int32_t (*dc_prog_fn)(kivod_bs *bs, int32_t al, int16_t *pred, const kivod_dc_tbl *t, int16_t *blk);
 typedef int32_t (*ac_prog_fn)(kivod_bs *bs, int32_t ss, int32_t se, int32_t al, int32_t *eob_run,
@@ -238,18 +242,22 @@ int32_t kivod_vld_ac_prog_refine(kivod_bs *bs, int32_t ss, int32_t se, int32_t a
     return KIVO_OK;
 }
 
-int32_t kivod_dec_scan_prog(kivod_ctx *ctx, int32_t *done) {
-    // Restart intervals in progressive frames are not decoded.
-    if (ctx->dri.length && ctx->dri.interval) return KIVO_ERR_UNSUPPORTED;
-    int32_t ret = check_prog_scan(ctx);
-    if (ret != 0) return ret;
-    const kivod_sh &sh = ctx->sh;
-    const kivod_fh &fh = ctx->fh;
-    // At 1/8 only DC coefficients matter: the first AC scan ends the picture.
-    if (ctx->scale == 8 && sh.ss != 0) {
-        *done = 1;
-        return KIVO_OK;
+kivod_prog_scan kivod_prog_scan_of(kivod_ctx *ctx, const kivod_sh &sh, const kivod_dc_tbl *dc_tbl,
+                                   const kivod_ac_tbl *ac_tbl) {
+    kivod_prog_scan s{};
+    s.sh = sh;
+    for (int c = 0; c < 4; ++c) {
+        s.dc[c] = &dc_tbl[sh.td[c] & 3];
+        s.ac[c] = &ac_tbl[sh.ta[c] & 3];
+        s.dst[c] = ctx->coef_buf[c];
     }
+    s.step = 64;
+    return s;
+}
+
+int32_t kivod_prog_scan_blocks(const kivod_ctx *ctx, const kivod_prog_scan &s, kivod_bs *bs, int32_t *rows_done) {
+    const kivod_sh &sh = s.sh;
+    const kivod_fh &fh = ctx->fh;
     ScanCoder coder;
     coder.ss = sh.ss;
     coder.se = sh.se;
@@ -257,44 +265,69 @@ int32_t kivod_dec_scan_prog(kivod_ctx *ctx, int32_t *done) {
     coder.dc = sh.ah ? kivod_vld_dc_prog_refine : kivod_vld_dc_prog;
     coder.ac = sh.ah ? kivod_vld_ac_prog_refine : kivod_vld_ac_prog;
     for (int c = 0; c < 4; ++c) {
-        coder.dc_tbl[c] = &ctx->dc_tbl[sh.td[c] & 3];
-        coder.ac_tbl[c] = &ctx->ac_tbl[sh.ta[c] & 3];
+        coder.dc_tbl[c] = s.dc[c];
+        coder.ac_tbl[c] = s.ac[c];
     }
-    kivod_bs *bs = &ctx->scan_bs;
     int16_t pred[4] = {0, 0, 0, 0};
     int32_t eob_run = 0;
     const int ns = sh.n_comp;
-    int32_t rows_done = 0;  // block rows (one component) or MCU rows decoded
+    const size_t step = static_cast<size_t>(s.step);
+    int32_t ret = KIVO_OK;
+    *rows_done = 0;  // block rows (one component) or MCU rows decoded
     if (ns == 1) {
         const int c = sh.comp_idx[0];
         int32_t bw = (ctx->comp_w[c] + 7) / 8, bh = (ctx->comp_h[c] + 7) / 8;
         if (bw > ctx->prog_blk_w[c]) bw = ctx->prog_blk_w[c];
         if (bh > ctx->prog_blk_h[c]) bh = ctx->prog_blk_h[c];
-        for (int32_t r = 0; r < bh && ret == KIVO_OK; ++r, rows_done += ret == KIVO_OK)
+        for (int32_t r = 0; r < bh && ret == KIVO_OK; ++r) {
+            if (s.before_row && !s.before_row(s.arg, r)) return KIVO_ERR_MALFORMED;
             for (int32_t q = 0; q < bw; ++q) {
-                int16_t *blk = ctx->coef_buf[c] + (static_cast<size_t>(r) * ctx->prog_blk_w[c] + q) * 64;
+                int16_t *blk = s.dst[c] + (static_cast<size_t>(r) * ctx->prog_blk_w[c] + q) * step;
                 ret = decode_block(coder, bs, c, blk, &pred[c], &eob_run);
                 if (ret == KIVO_OK && exhausted(bs)) ret = KIVO_ERR_MALFORMED;
                 if (ret != KIVO_OK) break;
             }
+            if (ret == KIVO_OK && s.after_row) s.after_row(s.arg, r + 1);
+            *rows_done += ret == KIVO_OK;
+        }
     } else {
-        for (int32_t r = 0; r < ctx->prog_blk_w[5] && ret == KIVO_OK; ++r, rows_done += ret == KIVO_OK)
+        for (int32_t r = 0; r < ctx->prog_blk_w[5] && ret == KIVO_OK; ++r) {
             for (int32_t q = 0; q < ctx->prog_blk_w[4] && ret == KIVO_OK; ++q)
                 for (int k = 0; k < ns && ret == KIVO_OK; ++k) {
                     const int c = sh.comp_idx[k];
                     for (int v = 0; v < fh.v[c] && ret == KIVO_OK; ++v)
                         for (int h = 0; h < fh.h[c] && ret == KIVO_OK; ++h) {
                             const size_t row = static_cast<size_t>(r) * fh.v[c] + v, col = static_cast<size_t>(q) * fh.h[c] + h;
-                            int16_t *blk = ctx->coef_buf[c] + (row * ctx->prog_blk_w[c] + col) * 64;
+                            int16_t *blk = s.dst[c] + (row * ctx->prog_blk_w[c] + col) * step;
                             ret = decode_block(coder, bs, c, blk, &pred[c], &eob_run);
                         }
                     if (ret == KIVO_OK && exhausted(bs)) ret = KIVO_ERR_MALFORMED;
                 }
+            if (ret == KIVO_OK && s.after_row) s.after_row(s.arg, r + 1);
+            *rows_done += ret == KIVO_OK;
+        }
     }
     if (ret == KIVO_OK && eob_run > 0) ret = KIVO_ERR_MALFORMED;
-    for (int k = 0; k < ns; ++k) {
+    return ret;
+}
+
+int32_t kivod_dec_scan_prog(kivod_ctx *ctx, int32_t *done) {
+    // Restart intervals in progressive frames are not decoded.
+    if (ctx->dri.length && ctx->dri.interval) return KIVO_ERR_UNSUPPORTED;
+    int32_t ret = kivod_check_prog_scan(ctx, ctx->sh, ctx->dc_tbl, ctx->ac_tbl);
+    if (ret != 0) return ret;
+    const kivod_sh &sh = ctx->sh;
+    // At 1/8 only DC coefficients matter: the first AC scan ends the picture.
+    if (ctx->scale == 8 && sh.ss != 0) {
+        *done = 1;
+        return KIVO_OK;
+    }
+    kivod_bs *bs = &ctx->scan_bs;
+    int32_t rows_done = 0;
+    ret = kivod_prog_scan_blocks(ctx, kivod_prog_scan_of(ctx, sh, ctx->dc_tbl, ctx->ac_tbl), bs, &rows_done);
+    for (int k = 0; k < sh.n_comp; ++k) {
         const int c = sh.comp_idx[k];
-        kivod_note_rows(ctx, c, ret == KIVO_OK ? ctx->prog_blk_h[c] : rows_done * (ns > 1 ? fh.v[c] : 1));
+        kivod_note_rows(ctx, c, ret == KIVO_OK ? ctx->prog_blk_h[c] : rows_done * (sh.n_comp > 1 ? ctx->fh.v[c] : 1));
     }
     kivod_bs_read_stuffing(bs);
     const int32_t rew = kivod_bs_rewind_cache(bs, 0);
