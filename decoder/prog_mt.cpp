@@ -58,7 +58,16 @@ struct Plan {
     int16_t *dc_bits[4];
     std::atomic<bool> stop;
     kivod_ctx *ctx;
+    uint64_t bytes;  // memory the plan holds, within the decoder's limit
 };
+
+// Memory for the plan, or null when the decoder's limit leaves no room.
+void *plan_alloc(Plan *p, size_t n) {
+    if (kivod_over(p->ctx->limits.max_memory, p->ctx->frame_bytes + p->bytes + n)) return nullptr;
+    void *m = std::calloc(1, n);
+    p->bytes += m ? n : 0;
+    return m;
+}
 
 void free_plan(Plan *p) {
     for (int i = 0; i < p->n_owned; ++i) std::free(p->owned[i]);
@@ -69,7 +78,7 @@ void free_plan(Plan *p) {
 
 template <class T>
 T *copy_of(Plan *p, const T &t) {
-    T *c = static_cast<T *>(std::malloc(sizeof(T)));
+    T *c = static_cast<T *>(plan_alloc(p, sizeof(T)));
     if (!c) return nullptr;
     std::memcpy(c, &t, sizeof(T));
     p->owned[p->n_owned++] = c;
@@ -117,7 +126,7 @@ bool add_scan(Plan *p, const kivod_sh &sh) {
         }
         if (sh.ss == 0 && sh.ah > 0 && !p->dc_bits[c]) {
             const size_t blocks = static_cast<size_t>(ctx->prog_blk_w[c]) * ctx->prog_blk_h[c];
-            p->dc_bits[c] = static_cast<int16_t *>(std::calloc(blocks, sizeof(int16_t)));
+            p->dc_bits[c] = static_cast<int16_t *>(plan_alloc(p, blocks * sizeof(int16_t)));
             if (!p->dc_bits[c]) return false;
         }
         if (sh.ss == 0 && sh.ah > 0) s.s.dst[c] = p->dc_bits[c];
@@ -291,12 +300,13 @@ int32_t job(void *arg) {
 
 bool kivod_prog_scans_mt(kivod_ctx *ctx, int32_t *scan_status, int32_t *done) {
     if (!ctx->progressive || ctx->scale == 8 || ctx->scan_bs.type != KIVOD_INPUT_BITB ||
-        kivo::thread_limit(ctx->tpool) < 2)
+        kivo::thread_limit(ctx->tpool) < 2 || kivod_over(ctx->limits.max_memory, ctx->frame_bytes + sizeof(Plan)))
         return false;
     void *mem = std::calloc(1, sizeof(Plan));
     if (!mem) return false;
     Plan *p = new (mem) Plan();
     p->ctx = ctx;
+    p->bytes = sizeof(Plan);
     std::memcpy(p->dc, ctx->dc_tbl, sizeof(p->dc));
     std::memcpy(p->ac, ctx->ac_tbl, sizeof(p->ac));
     std::memcpy(p->spec, ctx->dht_spec, sizeof(p->spec));
