@@ -188,15 +188,48 @@ bool touches(const kivod_sh &sh, int c) {
 
 bool dc_refinement(const kivod_sh &sh) { return sh.ss == 0 && sh.ah > 0; }
 
+// A scan's time, roughly: its bytes, three times for an AC refinement (a
+// correction bit for every coefficient already non-zero) and six times for
+// a DC refinement (one bit a block).
+int64_t cost(const Scan &s) {
+    const int64_t bytes = s.next - position(s.bs);
+    return s.s.sh.ah == 0 ? bytes : s.s.sh.ss > 0 ? 3 * bytes : 6 * bytes;
+}
+
+// When both threads would be done: the worker's scans one after the other,
+// each of the calling thread's no sooner than the worker's scans of its
+// component have started, nor before they end.
+int64_t finish_time(const Plan *p) {
+    int64_t start[kMaxScans], end[kMaxScans], worker = 0, calling = 0;
+    for (int i = 0; i < p->n; ++i) {
+        if (p->scan[i].calling) continue;
+        start[i] = worker;
+        worker += cost(p->scan[i]);
+        end[i] = worker;
+    }
+    for (int j = 0; j < p->n; ++j) {
+        const Scan &s = p->scan[j];
+        if (!s.calling) continue;
+        int64_t begin = calling, after = 0;
+        for (int i = 0; i < j; ++i) {
+            const kivod_sh &sh = p->scan[i].s.sh;
+            if (p->scan[i].calling || !touches(sh, s.s.sh.comp_idx[0]) || dc_refinement(sh)) continue;
+            begin = begin > start[i] ? begin : start[i];
+            after = after > end[i] ? after : end[i];
+        }
+        calling = begin + cost(s);
+        calling = calling > after ? calling : after;
+    }
+    return worker > calling ? worker : calling;
+}
+
 // Picks the calling thread's scans: last AC scans of components that no
-// later scan but DC refinements reads, as many as balance the two threads'
-// bytes best. DC refinements go to their own values (which needs every
+// later scan but DC refinements reads, those that let both threads finish
+// soonest. DC refinements go to their own values (which needs every
 // first DC scan of a component before its refinements). False when there
 // is nothing to share.
 bool split(Plan *p) {
     int cand[4], n_cand = 0;
-    int64_t total = 0;
-    for (int i = 0; i < p->n; ++i) total += p->scan[i].next - position(p->scan[i].bs);
     for (int c = 0; c < p->ctx->fh.n_comp && c < 4; ++c) {
         int last = -1;
         bool ok = true;
@@ -220,11 +253,9 @@ bool split(Plan *p) {
     int64_t best = -1;
     int pick = 0;
     for (int set = 1; set < (1 << n_cand); ++set) {
-        int64_t mine = 0;
-        for (int k = 0; k < n_cand; ++k)
-            if (set >> k & 1) mine += p->scan[cand[k]].next - position(p->scan[cand[k]].bs);
-        const int64_t longer = mine > total - mine ? mine : total - mine;
-        if (best < 0 || longer < best) best = longer, pick = set;
+        for (int k = 0; k < n_cand; ++k) p->scan[cand[k]].calling = set >> k & 1;
+        const int64_t t = finish_time(p);
+        if (best < 0 || t < best) best = t, pick = set;
     }
     for (int k = 0; k < n_cand; ++k) p->scan[cand[k]].calling = pick >> k & 1;
     return pick != 0;
