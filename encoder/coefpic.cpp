@@ -369,11 +369,10 @@ struct AcScan {
         eob.flush();
     }
 
-    // The refinement's symbols are its new levels: each with the zeros
-    // since the previous one (levels already non-zero do not count).
-    // After the last, an end of band holds the correction bits of those
-    // already non-zero.
-    // Returns the correction bits, one for each level already non-zero.
+    // The refinement's symbols are its new levels, each with the zeros
+    // since the previous one (levels already non-zero do not count); after
+    // the last, an end of band holds the correction bits of those already
+    // non-zero. Returns the correction bits, one a level already non-zero.
     uint64_t count_refine(uint64_t *counter) const {
         EobCount eob{counter};
         const uint64_t band = band_bits(ss, se);
