@@ -196,17 +196,29 @@ int64_t cost(const Scan &s) {
     return s.s.sh.ah == 0 ? bytes : s.s.sh.ss > 0 ? 3 * bytes : 6 * bytes;
 }
 
+// Whether the worker takes scan i first: a scan of a component the calling
+// thread waits for (the others, other components or DC refinements, write
+// nothing those read, so they can wait).
+bool early(const Plan *p, int i) {
+    const kivod_sh &sh = p->scan[i].s.sh;
+    if (p->scan[i].calling || dc_refinement(sh)) return false;
+    for (int j = 0; j < p->n; ++j)
+        if (p->scan[j].calling && touches(sh, p->scan[j].s.sh.comp_idx[0])) return true;
+    return false;
+}
+
 // When both threads would be done: the worker's scans one after the other,
 // each of the calling thread's no sooner than the worker's scans of its
 // component have started, nor before they end.
 int64_t finish_time(const Plan *p) {
     int64_t start[kMaxScans], end[kMaxScans], worker = 0, calling = 0;
-    for (int i = 0; i < p->n; ++i) {
-        if (p->scan[i].calling) continue;
-        start[i] = worker;
-        worker += cost(p->scan[i]);
-        end[i] = worker;
-    }
+    for (int pass = 0; pass < 2; ++pass)
+        for (int i = 0; i < p->n; ++i) {
+            if (p->scan[i].calling || early(p, i) != (pass == 0)) continue;
+            start[i] = worker;
+            worker += cost(p->scan[i]);
+            end[i] = worker;
+        }
     for (int j = 0; j < p->n; ++j) {
         const Scan &s = p->scan[j];
         if (!s.calling) continue;
@@ -261,27 +273,31 @@ bool split(Plan *p) {
     return pick != 0;
 }
 
-// Worker: every scan but the calling thread's, in order, each row made
-// known as it is whole; it stops when the calling thread's scan failed.
+// Worker: every scan but the calling thread's, those the calling thread
+// waits for first, each in stream order, each row made known as it is
+// whole; it stops when the calling thread's scan failed.
 bool go_on(void *arg, int32_t) { return !static_cast<Scan *>(arg)->plan->stop.load(std::memory_order_relaxed); }
 
 void publish(void *arg, int32_t rows) { static_cast<Scan *>(arg)->rows.store(rows, std::memory_order_release); }
 
 int32_t run_producer(void *arg) {
     Plan *p = static_cast<Plan *>(arg);
-    for (int i = 0; i < p->n; ++i) {
-        Scan &s = p->scan[i];
-        if (s.calling) continue;
-        kivod_prog_scan run = s.s;
-        run.before_row = go_on;
-        run.after_row = publish;
-        run.arg = &s;
+    const auto run = [p](Scan &s) {
+        kivod_prog_scan r = s.s;
+        r.before_row = go_on;
+        r.after_row = publish;
+        r.arg = &s;
         int32_t rows = 0;
         s.status = p->stop.load(std::memory_order_relaxed) ? KIVO_ERR_MALFORMED
-                                                            : kivod_prog_scan_blocks(p->ctx, run, &s.bs, &rows);
+                                                            : kivod_prog_scan_blocks(p->ctx, r, &s.bs, &rows);
         s.rows.store(INT_MAX, std::memory_order_release);
         if (s.status != KIVO_OK) p->stop.store(true, std::memory_order_relaxed);
-    }
+    };
+    bool first[kMaxScans];
+    for (int i = 0; i < p->n; ++i) first[i] = early(p, i);
+    for (int pass = 0; pass < 2; ++pass)
+        for (int i = 0; i < p->n; ++i)
+            if (!p->scan[i].calling && first[i] == (pass == 0)) run(p->scan[i]);
     return KIVO_OK;
 }
 
