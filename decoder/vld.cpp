@@ -389,63 +389,100 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
 // ac_block for 32-bit processors, blocks whose symbols are not counted: the
 // window's top 32 bits in `hi` and the next ones in `lo`, so that a code is
 // consumed with single-word shifts, refilled four bytes at a time while
-// they hold no 0xFF. Reads and stores exactly what ac_block does.
+// they hold no 0xFF. The window's state is loaded once and stored back once
+// (the block's DC code is decoded from the same words), and the values only
+// the rare paths need stay out of the loop's registers. Reads and stores
+// exactly what ac_block does.
+//
 template <int kLast, bool kDc, bool kMag>
 int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk, int16_t *diff,
                    int16_t *dc_only) {
-    const kivod_qtbl *q = s.q;
-    const uint32_t *qz = s.qz;
-    const kivod_ac_tbl *t = s.ac;
-    uint32_t *mag = s.mag;
     window_begin(bs, wp);
-    Window w = *wp;  // a local copy stays in registers
-    int32_t ret;
-    if (!block_start<kLast, false, kDc, kMag>(bs, wp, s, blk, diff, dc_only, w, &ret)) return ret;
-    Requant rq;
+    if (!wp->open) {
+        Window w = *wp;
+        int32_t ret;
+        block_start<kLast, false, kDc, kMag>(bs, wp, s, blk, diff, dc_only, w, &ret);
+        return ret;
+    }
     // Every symbol takes at most 31 bits of the 32 or more the window holds
     // before it, so at least one is left: the shifts below stay in 1..31.
-    uint32_t hi = static_cast<uint32_t>(w.acc >> 32), lo = static_cast<uint32_t>(w.acc);
-    int32_t n = w.n;
-    const uint8_t *p = w.p;
+    uint32_t hi, lo;
+    int32_t n;
+    const uint8_t *p;
+    const auto load = [&]() {
+        hi = static_cast<uint32_t>(wp->acc >> 32);
+        lo = static_cast<uint32_t>(wp->acc);
+        n = wp->n;
+        p = wp->p;
+    };
+    const auto pack = [&]() {
+        wp->acc = static_cast<uint64_t>(hi) << 32 | lo;
+        wp->n = n;
+        wp->p = p;
+    };
+    load();
+    // The last position with four bytes to load.
+    const uintptr_t last4 = reinterpret_cast<uintptr_t>(wp->end) - 3;
+    const int32_t *const fast = s.ac->fast;
+    const uint32_t *const qz = s.qz;
     const auto consume = [&](int32_t len) {
         hi = hi << len | lo >> (32 - len);
         lo <<= len;
         n -= len;
     };
-    const auto pack = [&]() {
-        w.acc = static_cast<uint64_t>(hi) << 32 | lo;
-        w.n = n;
-        w.p = p;
-    };
-    const int32_t *fast = t->fast;
-    int32_t k = 1, status = KIVO_OK;
-    for (;;) {
-        if (n < 32) {
-            uint32_t x = 0xFFFFFFFFu;  // fewer than four bytes left: as a 0xFF
-            if (w.end - p >= 3) {
-                std::memcpy(&x, p, 4);
-                x = __builtin_bswap32(x);
-            }
+    // Four more bytes when they hold no 0xFF, else the bytes up to the
+    // 0xFF; false when that leaves fewer than 32 bits (the state is then
+    // packed in *wp).
+    const auto fill = [&]() {
+        if (reinterpret_cast<uintptr_t>(p) <= last4) {
+            uint32_t x;
+            std::memcpy(&x, p, 4);
+            x = __builtin_bswap32(x);
             if (!holds_ff(x)) {
                 hi |= x >> n;  // n >= 1 and the bits below n are zero
                 lo = x << (32 - n);
                 n += 32;
                 p += 4;
-            } else {
-                pack();
-                window_fill(&w);
-                if (w.n < 32) {
-                    // A 0xFF or the end of the input is near: the reader's
-                    // refill handles stuffing and running out.
-                    *wp = w;
-                    kivod_win_close(wp, bs);
-                    return ac_reader<kLast, false, kMag>(bs, q, qz, t, nullptr, blk, mag, dc_only, k, &rq);
-                }
-                hi = static_cast<uint32_t>(w.acc >> 32), lo = static_cast<uint32_t>(w.acc);
-                n = w.n;
-                p = w.p;
+                return true;
             }
         }
+        pack();
+        window_fill(wp);
+        load();
+        return n >= 32;
+    };
+    int32_t k = 1;
+    // With fewer than 32 bits and no four clean bytes, the byte-wise refill
+    // of the shared routines takes over from here: k == 1 still before the
+    // DC code.
+    bool dc_done = !kDc;
+    if (n < 32 && !fill()) goto slow;
+    if (kDc) {
+        const int32_t f = s.dc->fast[hi >> (32 - kivod_fast_bits)];
+        if (f) {
+            consume(f & 31);
+            *diff = dequant(f >> 16, static_cast<uint16_t>(s.q0));
+            if (s.dc_count) ++s.dc_count[(f >> 8) & 15];
+        } else {
+            int32_t len = 0;
+            const int32_t cat = dc_category(s.dc, hi >> 16, &len);
+            if (cat < 0) {
+                pack();
+                return KIVO_ERR_MALFORMED;
+            }
+            consume(len);
+            int16_t d = 0;
+            if (cat) {
+                d = dequant(extend(hi >> (32 - cat), cat), static_cast<uint16_t>(s.q0));
+                consume(cat);
+            }
+            *diff = d;
+            if (s.dc_count) ++s.dc_count[cat];
+        }
+        dc_done = true;
+    }
+    for (;;) {
+        if (n < 32 && !fill()) goto slow;
         const int32_t f = fast[hi >> (32 - kivod_fast_bits)];
         if (f & kivod_fast_coef) {
             // A coefficient code of the one-step look-up, the common case.
@@ -453,23 +490,28 @@ int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *b
             consume(f & 31);
             const int32_t pos = k + ((f >> 8) & 15);
             if (pos >= 63) {
-                if (pos == 63 && k <= kLast) put<kMag>(blk, mag, qz[pos], f >> 16);
+                if (pos == 63 && k <= kLast) put<kMag>(blk, s.mag, qz[pos], f >> 16);
                 break;
             }
-            if (k <= kLast) put<kMag>(blk, mag, qz[pos], f >> 16);
+            if (k <= kLast) put<kMag>(blk, s.mag, qz[pos], f >> 16);
             k = pos + 1;
             continue;
+        }
+        if (f & kivod_fast_eob) {
+            consume(f & 31);
+            pack();
+            *dc_only = kLast == 0 || k == 1;
+            return KIVO_OK;
         }
         int32_t run, size, value = 0;
         if (f) {
             consume(f & 31);
-            run = f & kivod_fast_zrl ? 15 : 0;
+            run = 15;
             size = 0;
         } else {
             int32_t len;
-            if (ac_code(t, hi, &len, &run, &size) != KIVO_OK) {
+            if (ac_code(s.ac, hi, &len, &run, &size) != KIVO_OK) {
                 pack();
-                *wp = w;
                 return KIVO_ERR_MALFORMED;
             }
             consume(len);
@@ -478,14 +520,36 @@ int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *b
                 consume(size);
             }
         }
-        if (apply<kLast, false, kMag>(run, size, value, &k, q, qz, blk, mag, dc_only, nullptr, &rq, &status) !=
-                Next::kGoOn ||
-            k > 63)
-            break;
+        int16_t eob_dc = 0;
+        int32_t status = KIVO_OK;
+        Requant rq;
+        const Next next =
+            apply<kLast, false, kMag>(run, size, value, &k, s.q, qz, blk, s.mag, &eob_dc, nullptr, &rq, &status);
+        if (next == Next::kCounted) {
+            pack();
+            *dc_only = kLast == 0 || eob_dc;
+            return KIVO_OK;
+        }
+        if (next == Next::kBad) {
+            pack();
+            return status;
+        }
+        if (next != Next::kGoOn || k > 63) break;
     }
     pack();
-    *wp = w;
-    return status;
+    *dc_only = kLast == 0;
+    return KIVO_OK;
+slow:
+    // A 0xFF or the end of the input is near: the reader's refill handles
+    // stuffing and running out.
+    kivod_win_close(wp, bs);
+    *dc_only = kLast == 0 ? 1 : 0;
+    if (!dc_done) {
+        const int32_t r = kivod_vld_dc(bs, s.q0, s.dc, s.dc_count, diff);
+        if (r != KIVO_OK) return r;
+    }
+    Requant rq;
+    return ac_reader<kLast, false, kMag>(bs, s.q, qz, s.ac, nullptr, blk, s.mag, dc_only, k, &rq);
 }
 
 // One AC routine on its own: the window opened and closed around the block.
