@@ -386,6 +386,160 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
     return finish<kCount>(n, rq, cnt, status);
 }
 
+#if defined(KIVO_ARCH_arm) && defined(__arm__) && defined(__ARM_ARCH) && __ARM_ARCH >= 7
+#define KIVO_BLOCK_ASM 1
+// What coef_run returns when the window needs bytes it could not take four
+// at a time (a 0xFF among them, or the input's end near): no table entry
+// has bit 15 set.
+constexpr int32_t kRunFill = 0x8000;
+// The 8-bit look-up sits this many bytes before the one-step one.
+constexpr int32_t kLookBack = static_cast<int32_t>(offsetof(kivod_ac_tbl, fast) - offsetof(kivod_ac_tbl, lookup));
+static_assert(kLookBack > 0 && kLookBack < 4096, "a 12-bit immediate of the assembly");
+
+// The block loop's common case in ARMv7 assembly: the symbols of the
+// one-step look-up, each consumed, a coefficient's value stored
+// dequantized, with four-byte refills, until end-of-block, a coefficient
+// at 63 or beyond (k its position) or sixteen zeros past 63 (all returned
+// consumed), a code the look-up does not hold (returned unconsumed, 0), or
+// a refill the four-byte load cannot do (kRunFill). Codes of up to 8 bits
+// whose extra bits the one-step look-up cannot hold go through the 8-bit
+// look-up here too.
+// The compiler kept the quantizer and block pointers on the stack in the C
+// loop; here every value the symbols use lives in a register (the end of
+// the input, which only the refill reads, in memory). Same arithmetic as
+// the C loop of ac_block32.
+inline int32_t coef_run(uint32_t &hi, uint32_t &lo, int32_t &n, const uint8_t *&p, int32_t &k, const int32_t *fast,
+                        const uint32_t *qz, int16_t *blk, uintptr_t last4) {
+    int32_t f;
+    uint32_t t0, t1;
+    asm volatile(
+        "cmp %[n], #32\n\t"
+        "blt 3f\n"
+        "2:\n\t"
+        "lsr %[t0], %[hi], #21\n\t"
+        "ldr %[f], [%[fast], %[t0], lsl #2]\n\t"
+        "tst %[f], #0x4000\n\t"
+        "beq 4f\n\t"
+        "and %[t0], %[f], #31\n\t"
+        "rsb %[t1], %[t0], #32\n\t"
+        "lsl %[hi], %[hi], %[t0]\n\t"
+        "lsr %[t1], %[lo], %[t1]\n\t"
+        "orr %[hi], %[hi], %[t1]\n\t"
+        "lsl %[lo], %[lo], %[t0]\n\t"
+        "sub %[n], %[n], %[t0]\n\t"
+        "ubfx %[t0], %[f], #8, #4\n\t"
+        "add %[k], %[k], %[t0]\n\t"
+        "cmp %[k], #63\n\t"
+        "bge 9f\n\t"
+        "ldr %[t1], [%[qz], %[k], lsl #2]\n\t"
+        "asr %[f], %[f], #16\n\t"
+        "mul %[f], %[f], %[t1]\n\t"
+        "lsr %[t1], %[t1], #16\n\t"
+        "strh %[f], [%[blk], %[t1], lsl #1]\n\t"
+        "add %[k], %[k], #1\n\t"
+        "cmp %[n], #32\n\t"
+        "bge 2b\n"
+        "3:\n\t"
+        "ldr %[t0], %[last4]\n\t"
+        "cmp %[p], %[t0]\n\t"
+        "bhi 8f\n\t"
+        "ldr %[f], [%[p]]\n\t"
+        "rev %[f], %[f]\n\t"
+        "rsb %[t0], %[f], #0xfefefefe\n\t"
+        "and %[t0], %[t0], %[f]\n\t"
+        "tst %[t0], #0x80808080\n\t"
+        "bne 8f\n\t"
+        "lsr %[t0], %[f], %[n]\n\t"
+        "orr %[hi], %[hi], %[t0]\n\t"
+        "rsb %[t1], %[n], #32\n\t"
+        "lsl %[lo], %[f], %[t1]\n\t"
+        "add %[n], %[n], #32\n\t"
+        "add %[p], %[p], #4\n\t"
+        "b 2b\n"
+        "4:\n\t"
+        "tst %[f], #0x3000\n\t"
+        "beq 5f\n\t"
+        "and %[t0], %[f], #31\n\t"
+        "rsb %[t1], %[t0], #32\n\t"
+        "lsl %[hi], %[hi], %[t0]\n\t"
+        "lsr %[t1], %[lo], %[t1]\n\t"
+        "orr %[hi], %[hi], %[t1]\n\t"
+        "lsl %[lo], %[lo], %[t0]\n\t"
+        "sub %[n], %[n], %[t0]\n\t"
+        "tst %[f], #0x1000\n\t"
+        "bne 9f\n\t"
+        "add %[k], %[k], #16\n\t"
+        "cmp %[k], #63\n\t"
+        "bgt 9f\n\t"
+        "cmp %[n], #32\n\t"
+        "bge 2b\n\t"
+        "b 3b\n"
+        // A code of up to 8 bits whose extra bits do not fit the one-step
+        // look-up: its length, size and run from the 8-bit look-up
+        // (len | sym << 8 | size << 16 | run << 24), the value extended
+        // without a branch (1 - 2^size added when its first bit is 0).
+        "5:\n\t"
+        "lsr %[t0], %[hi], #24\n\t"
+        "add %[t0], %[fast], %[t0], lsl #2\n\t"
+        "sub %[t0], %[t0], %[back]\n\t"
+        "ldr %[f], [%[t0]]\n\t"
+        "uxtb %[t0], %[f]\n\t"
+        "cmp %[t0], #8\n\t"
+        "bhi 7f\n\t"
+        "tst %[f], #0xff0000\n\t"
+        "beq 7f\n\t"
+        "rsb %[t1], %[t0], #32\n\t"
+        "lsl %[hi], %[hi], %[t0]\n\t"
+        "lsr %[t1], %[lo], %[t1]\n\t"
+        "orr %[hi], %[hi], %[t1]\n\t"
+        "lsl %[lo], %[lo], %[t0]\n\t"
+        "sub %[n], %[n], %[t0]\n\t"
+        "add %[k], %[k], %[f], lsr #24\n\t"
+        "ubfx %[t0], %[f], #16, #8\n\t"
+        "rsb %[t1], %[t0], #32\n\t"
+        "lsr %[f], %[hi], %[t1]\n\t"
+        "mvn %[t1], #0\n\t"
+        "lsl %[t1], %[t1], %[t0]\n\t"
+        "add %[t1], %[t1], #1\n\t"
+        "bic %[t1], %[t1], %[hi], asr #31\n\t"
+        "add %[f], %[f], %[t1]\n\t"
+        "rsb %[t1], %[t0], #32\n\t"
+        "lsl %[hi], %[hi], %[t0]\n\t"
+        "lsr %[t1], %[lo], %[t1]\n\t"
+        "orr %[hi], %[hi], %[t1]\n\t"
+        "lsl %[lo], %[lo], %[t0]\n\t"
+        "sub %[n], %[n], %[t0]\n\t"
+        "cmp %[k], #63\n\t"
+        "bge 6f\n\t"
+        "ldr %[t1], [%[qz], %[k], lsl #2]\n\t"
+        "mul %[f], %[f], %[t1]\n\t"
+        "lsr %[t1], %[t1], #16\n\t"
+        "strh %[f], [%[blk], %[t1], lsl #1]\n\t"
+        "add %[k], %[k], #1\n\t"
+        "cmp %[n], #32\n\t"
+        "bge 2b\n\t"
+        "b 3b\n"
+        // At 63 or beyond: returned as a consumed coefficient entry.
+        "6:\n\t"
+        "lsl %[f], %[f], #16\n\t"
+        "orr %[f], %[f], #0x4000\n\t"
+        "b 9f\n"
+        "7:\n\t"
+        "mov %[f], #0\n\t"
+        "b 9f\n"
+        "8:\n\t"
+        "mov %[f], #0x8000\n"
+        "9:\n"
+        : [hi] "+r"(hi), [lo] "+r"(lo), [n] "+r"(n), [p] "+r"(p), [k] "+r"(k), [f] "=&r"(f), [t0] "=&r"(t0),
+          [t1] "=&r"(t1)
+        : [fast] "r"(fast), [qz] "r"(qz), [blk] "r"(blk), [last4] "m"(last4), [back] "n"(kLookBack)
+        : "cc", "memory");
+    return f;
+}
+#else
+#define KIVO_BLOCK_ASM 0
+#endif
+
 // ac_block for 32-bit processors, blocks whose symbols are not counted: the
 // window's top 32 bits in `hi` and the next ones in `lo`, so that a code is
 // consumed with single-word shifts, refilled four bytes at a time while
@@ -394,7 +548,7 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
 // the rare paths need stay out of the loop's registers. Reads and stores
 // exactly what ac_block does.
 //
-template <int kLast, bool kDc, bool kMag>
+template <int kLast, bool kDc, bool kMag, bool kAsm = false>
 int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk, int16_t *diff,
                    int16_t *dc_only) {
     window_begin(bs, wp);
@@ -409,13 +563,13 @@ int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *b
     uint32_t hi, lo;
     int32_t n;
     const uint8_t *p;
-    const auto load = [&]() {
+    const auto load = [&]() __attribute__((always_inline)) {
         hi = static_cast<uint32_t>(wp->acc >> 32);
         lo = static_cast<uint32_t>(wp->acc);
         n = wp->n;
         p = wp->p;
     };
-    const auto pack = [&]() {
+    const auto pack = [&]() __attribute__((always_inline)) {
         wp->acc = static_cast<uint64_t>(hi) << 32 | lo;
         wp->n = n;
         wp->p = p;
@@ -425,7 +579,7 @@ int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *b
     const uintptr_t last4 = reinterpret_cast<uintptr_t>(wp->end) - 3;
     const int32_t *const fast = s.ac->fast;
     const uint32_t *const qz = s.qz;
-    const auto consume = [&](int32_t len) {
+    const auto consume = [&](int32_t len) __attribute__((always_inline)) {
         hi = hi << len | lo >> (32 - len);
         lo <<= len;
         n -= len;
@@ -433,7 +587,7 @@ int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *b
     // Four more bytes when they hold no 0xFF, else the bytes up to the
     // 0xFF; false when that leaves fewer than 32 bits (the state is then
     // packed in *wp).
-    const auto fill = [&]() {
+    const auto fill = [&]() __attribute__((always_inline)) {
         if (reinterpret_cast<uintptr_t>(p) <= last4) {
             uint32_t x;
             std::memcpy(&x, p, 4);
@@ -482,8 +636,31 @@ int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *b
         dc_done = true;
     }
     for (;;) {
-        if (n < 32 && !fill()) goto slow;
-        const int32_t f = fast[hi >> (32 - kivod_fast_bits)];
+        int32_t f;
+#if KIVO_BLOCK_ASM
+        if (kAsm) {
+            f = coef_run(hi, lo, n, p, k, fast, qz, blk, last4);
+            if (f == kRunFill) {
+                if (!fill()) goto slow;
+                continue;
+            }
+            if (f & kivod_fast_eob) {
+                pack();
+                *dc_only = k == 1;
+                return KIVO_OK;
+            }
+            if (f & (kivod_fast_coef | kivod_fast_zrl)) {
+                // Consumed, and k is past 63, or the position of a
+                // coefficient at 63 or beyond: the block ends.
+                if ((f & kivod_fast_coef) && k == 63) put<false>(blk, nullptr, qz[63], f >> 16);
+                break;
+            }
+        } else
+#endif
+        {
+            if (n < 32 && !fill()) goto slow;
+            f = fast[hi >> (32 - kivod_fast_bits)];
+        }
         if (f & kivod_fast_coef) {
             // A coefficient code of the one-step look-up, the common case.
             // One at 63 ends the block, one past it ends it unstored.
@@ -573,7 +750,7 @@ int32_t ac_alone(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint6
 // A whole block: DC then AC.
 template <int kLast, bool kCount, bool kMag>
 int32_t block(kivod_bs *bs, Window *w, const kivod_blk_tbls *s, int16_t *blk, int16_t *diff, int16_t *dc_only) {
-    if (kWords && !kCount) return ac_block32<kLast, true, kMag>(bs, w, *s, blk, diff, dc_only);
+    if (kWords && !kCount) return ac_block32<kLast, true, kMag, false>(bs, w, *s, blk, diff, dc_only);
     return ac_block<kLast, kCount, true, kMag>(bs, w, *s, blk, diff, dc_only);
 }
 
@@ -652,10 +829,22 @@ int32_t kivod_vld_ac1(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
     return ac_alone<0, false>(bs, q, t, nullptr, blk, dc_only);
 }
 
+int32_t kivod_vld_blk8(kivod_bs *bs, kivod_win *w, const kivod_blk_tbls *t, int16_t *blk, int16_t *diff,
+                       int16_t *dc_only) {
+    return block<63, false, false>(bs, w, t, blk, diff, dc_only);
+}
+
+#if KIVO_BLOCK_ASM
+int32_t kivod_vld_blk8_arm(kivod_bs *bs, kivod_win *w, const kivod_blk_tbls *t, int16_t *blk, int16_t *diff,
+                           int16_t *dc_only) {
+    return ac_block32<63, true, false, true>(bs, w, *t, blk, diff, dc_only);
+}
+#endif
+
 kivod_vld_blk_fn kivod_vld_blk_for(int32_t scale, bool magnitudes) {
     switch (scale) {
         case 0:
-        case 1: return magnitudes ? block8_mag : block<63, false, false>;
+        case 1: return magnitudes ? block8_mag : kivod_vld_blk8;
         case 2: return magnitudes ? block<9, false, true> : block<9, false, false>;
         case 4: return magnitudes ? block<2, false, true> : block<2, false, false>;
         default: return block<0, false, false>;
