@@ -28,7 +28,7 @@ void init_plain(kivod_dsp *dsp) {
     dsp->vld_ac[2] = kivod_vld_ac4;
     dsp->vld_ac[4] = kivod_vld_ac2;
     dsp->vld_ac[8] = kivod_vld_ac1;
-    dsp->vld_blk8 = kivod_vld_blk8;
+    for (int s = 0; s <= 8; s = s ? 2 * s : 1) dsp->vld_blk[s] = kivod_vld_blk_for(s, false);
 }
 
 // Overwrites the slots that have a faster variant and returns the names of
@@ -54,7 +54,7 @@ const char *init_simd(kivod_dsp *dsp, uint32_t flags) {
     dsp->idct[1] = kivod_idct8_neon;
     dsp->idct[2] = kivod_idct4_neon;
     dsp->idct[4] = kivod_idct2_neon;
-    dsp->vld_blk8 = kivod_vld_blk8_arm;
+    for (int s = 0; s <= 8; s = s ? 2 * s : 1) dsp->vld_blk[s] = kivod_vld_blk_arm_for(s);
     choice = "idct8 neon, idct4 neon, idct2 neon, idct1 c, dc c, blocks arm";
 #else
     (void)dsp;

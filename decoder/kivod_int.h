@@ -225,13 +225,10 @@ typedef int32_t (*kivod_vld_blk_fn)(kivod_bs *bs, kivod_win *w, const kivod_blk_
 // The block decoder of a scale (0, 1, 2, 4, 8): the AC routine of that scale
 // after kivod_vld_dc, adding magnitudes to t->mag when `magnitudes`.
 kivod_vld_blk_fn kivod_vld_blk_for(int32_t scale, bool magnitudes);
-// The full-size one without magnitudes (kivod_dsp's vld_blk8 slot), and its
-// ARMv7 variant whose common symbols go through assembly.
-int32_t kivod_vld_blk8(kivod_bs *bs, kivod_win *w, const kivod_blk_tbls *t, int16_t *blk, int16_t *diff,
-                       int16_t *dc_only);
 #if defined(KIVO_ARCH_arm)
-int32_t kivod_vld_blk8_arm(kivod_bs *bs, kivod_win *w, const kivod_blk_tbls *t, int16_t *blk, int16_t *diff,
-                           int16_t *dc_only);
+// Their ARMv7 variants without magnitudes (kivod_dsp's vld_blk slots), whose
+// common symbols go through assembly.
+kivod_vld_blk_fn kivod_vld_blk_arm_for(int32_t scale);
 #endif
 
 // ---- inverse DCT --------------------------------------------------------------
@@ -251,7 +248,7 @@ struct kivod_dsp {
     kivod_idct_fn idct[9];
     kivod_idct_fn idct_dc[9];
     kivod_vld_ac_fn vld_ac[9];
-    kivod_vld_blk_fn vld_blk8;  // full-size blocks of the slices, without magnitudes
+    kivod_vld_blk_fn vld_blk[9];  // the slices' block decoders without magnitudes
 };
 void kivod_dsp_init(kivod_dsp *dsp, uint32_t cpu_flags);
 // Names of the variants kivod_dsp_init would choose, for reports.

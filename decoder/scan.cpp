@@ -515,7 +515,7 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     // Levels are decoded with quantizers of 1: their statistics are made
     // below from the frame's quantizers, not by the block decoder.
     const bool magnitudes = ctx->stats_wanted != 0 && j.mode != KIVOD_OUT_LEVELS;
-    j.vld_blk = scale <= 1 && !magnitudes ? ctx->dsp.vld_blk8 : kivod_vld_blk_for(scale, magnitudes);
+    j.vld_blk = magnitudes ? kivod_vld_blk_for(scale, true) : ctx->dsp.vld_blk[scale];
     j.idct = ctx->dsp.idct[scale];
     j.idct_dc = ctx->dsp.idct_dc[scale];
     j.nblk = 1 << tbl_blk_shift[scale];

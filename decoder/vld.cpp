@@ -408,134 +408,77 @@ static_assert(kLookBack > 0 && kLookBack < 4096, "a 12-bit immediate of the asse
 // loop; here every value the symbols use lives in a register (the end of
 // the input, which only the refill reads, in memory). Same arithmetic as
 // the C loop of ac_block32.
+
+// Consumes t0 bits of the window hi:lo (n valid).
+#define KIVO_CONSUME_T0                                                                          \
+    "rsb %[t1], %[t0], #32\n\t" "lsl %[hi], %[hi], %[t0]\n\t" "lsr %[t1], %[lo], %[t1]\n\t"  \
+    "orr %[hi], %[hi], %[t1]\n\t" "lsl %[lo], %[lo], %[t0]\n\t" "sub %[n], %[n], %[t0]\n\t"
+// Stores value f x quantizer at the raster position of zig-zag position k.
+#define KIVO_STORE_F                                                                             \
+    "ldr %[t1], [%[qz], %[k], lsl #2]\n\t" "mul %[f], %[f], %[t1]\n\t" "lsr %[t1], %[t1], #16\n\t" \
+    "strh %[f], [%[blk], %[t1], lsl #1]\n\t"
+// Label 2: a symbol of the one-step look-up (entry f); 4: end-of-block or
+// sixteen zeros; 3: the four-byte refill.
+#define KIVO_RUN_HEAD                                                                            \
+    "cmp %[n], #32\n\t" "blt 3f\n"                                                               \
+    "2:\n\t" "lsr %[t0], %[hi], #21\n\t" "ldr %[f], [%[fast], %[t0], lsl #2]\n\t"                \
+    "tst %[f], #0x4000\n\t" "beq 4f\n\t" "and %[t0], %[f], #31\n\t" KIVO_CONSUME_T0              \
+    "ubfx %[t0], %[f], #8, #4\n\t" "add %[k], %[k], %[t0]\n\t" "cmp %[k], #63\n\t" "bge 9f\n\t"
+#define KIVO_RUN_NEXT                                                                            \
+    "add %[k], %[k], #1\n\t" "cmp %[n], #32\n\t" "bge 2b\n"                                      \
+    "3:\n\t" "ldr %[t0], %[last4]\n\t" "cmp %[p], %[t0]\n\t" "bhi 8f\n\t"                        \
+    "ldr %[f], [%[p]]\n\t" "rev %[f], %[f]\n\t" "rsb %[t0], %[f], #0xfefefefe\n\t"               \
+    "and %[t0], %[t0], %[f]\n\t" "tst %[t0], #0x80808080\n\t" "bne 8f\n\t"                      \
+    "lsr %[t0], %[f], %[n]\n\t" "orr %[hi], %[hi], %[t0]\n\t" "rsb %[t1], %[n], #32\n\t"         \
+    "lsl %[lo], %[f], %[t1]\n\t" "add %[n], %[n], #32\n\t" "add %[p], %[p], #4\n\t" "b 2b\n"     \
+    "4:\n\t" "tst %[f], #0x3000\n\t" "beq 5f\n\t" "and %[t0], %[f], #31\n\t" KIVO_CONSUME_T0     \
+    "tst %[f], #0x1000\n\t" "bne 9f\n\t" "add %[k], %[k], #16\n\t" "cmp %[k], #63\n\t"           \
+    "bgt 9f\n\t" "cmp %[n], #32\n\t" "bge 2b\n\t" "b 3b\n"
+// Label 5: a code of up to 8 bits whose extra bits do not fit the one-step
+// look-up: its length, size and run from the 8-bit look-up (len | sym << 8
+// | size << 16 | run << 24), the code consumed and k moved on by the run.
+#define KIVO_RUN_LOOKUP8                                                                         \
+    "5:\n\t" "lsr %[t0], %[hi], #24\n\t" "add %[t0], %[fast], %[t0], lsl #2\n\t"                \
+    "sub %[t0], %[t0], %[back]\n\t" "ldr %[f], [%[t0]]\n\t" "uxtb %[t0], %[f]\n\t"              \
+    "cmp %[t0], #8\n\t" "bhi 7f\n\t" "tst %[f], #0xff0000\n\t" "beq 7f\n\t" KIVO_CONSUME_T0      \
+    "add %[k], %[k], %[f], lsr #24\n\t" "ubfx %[t0], %[f], #16, #8\n\t"
+// The value of the extra bits, extended without a branch (1 - 2^size added
+// when its first bit is 0), into f.
+#define KIVO_RUN_VALUE                                                                           \
+    "rsb %[t1], %[t0], #32\n\t" "lsr %[f], %[hi], %[t1]\n\t" "mvn %[t1], #0\n\t"                 \
+    "lsl %[t1], %[t1], %[t0]\n\t" "add %[t1], %[t1], #1\n\t" "bic %[t1], %[t1], %[hi], asr #31\n\t" \
+    "add %[f], %[f], %[t1]\n\t"
+// Label 6, given: a coefficient at 63 or beyond.
+#define KIVO_RUN_TAIL(AT63)                                                                      \
+    "add %[k], %[k], #1\n\t" "cmp %[n], #32\n\t" "bge 2b\n\t" "b 3b\n" "6:\n\t" AT63 "b 9f\n"      \
+    "7:\n\t" "mov %[f], #0\n\t" "b 9f\n"                                                         \
+    "8:\n\t" "mov %[f], #0x8000\n"                                                               \
+    "9:\n"
+#define KIVO_RUN_OPERANDS                                                                        \
+    : [hi] "+r"(hi), [lo] "+r"(lo), [n] "+r"(n), [p] "+r"(p), [k] "+r"(k), [f] "=&r"(f), [t0] "=&r"(t0), \
+      [t1] "=&r"(t1)                                                                             \
+    : [fast] "r"(fast), [qz] "r"(qz), [blk] "r"(blk), [last4] "m"(last4), [back] "n"(kLookBack)  \
+    : "cc", "memory"
+
 inline int32_t coef_run(uint32_t &hi, uint32_t &lo, int32_t &n, const uint8_t *&p, int32_t &k, const int32_t *fast,
                         const uint32_t *qz, int16_t *blk, uintptr_t last4) {
     int32_t f;
     uint32_t t0, t1;
-    asm volatile(
-        "cmp %[n], #32\n\t"
-        "blt 3f\n"
-        "2:\n\t"
-        "lsr %[t0], %[hi], #21\n\t"
-        "ldr %[f], [%[fast], %[t0], lsl #2]\n\t"
-        "tst %[f], #0x4000\n\t"
-        "beq 4f\n\t"
-        "and %[t0], %[f], #31\n\t"
-        "rsb %[t1], %[t0], #32\n\t"
-        "lsl %[hi], %[hi], %[t0]\n\t"
-        "lsr %[t1], %[lo], %[t1]\n\t"
-        "orr %[hi], %[hi], %[t1]\n\t"
-        "lsl %[lo], %[lo], %[t0]\n\t"
-        "sub %[n], %[n], %[t0]\n\t"
-        "ubfx %[t0], %[f], #8, #4\n\t"
-        "add %[k], %[k], %[t0]\n\t"
-        "cmp %[k], #63\n\t"
-        "bge 9f\n\t"
-        "ldr %[t1], [%[qz], %[k], lsl #2]\n\t"
-        "asr %[f], %[f], #16\n\t"
-        "mul %[f], %[f], %[t1]\n\t"
-        "lsr %[t1], %[t1], #16\n\t"
-        "strh %[f], [%[blk], %[t1], lsl #1]\n\t"
-        "add %[k], %[k], #1\n\t"
-        "cmp %[n], #32\n\t"
-        "bge 2b\n"
-        "3:\n\t"
-        "ldr %[t0], %[last4]\n\t"
-        "cmp %[p], %[t0]\n\t"
-        "bhi 8f\n\t"
-        "ldr %[f], [%[p]]\n\t"
-        "rev %[f], %[f]\n\t"
-        "rsb %[t0], %[f], #0xfefefefe\n\t"
-        "and %[t0], %[t0], %[f]\n\t"
-        "tst %[t0], #0x80808080\n\t"
-        "bne 8f\n\t"
-        "lsr %[t0], %[f], %[n]\n\t"
-        "orr %[hi], %[hi], %[t0]\n\t"
-        "rsb %[t1], %[n], #32\n\t"
-        "lsl %[lo], %[f], %[t1]\n\t"
-        "add %[n], %[n], #32\n\t"
-        "add %[p], %[p], #4\n\t"
-        "b 2b\n"
-        "4:\n\t"
-        "tst %[f], #0x3000\n\t"
-        "beq 5f\n\t"
-        "and %[t0], %[f], #31\n\t"
-        "rsb %[t1], %[t0], #32\n\t"
-        "lsl %[hi], %[hi], %[t0]\n\t"
-        "lsr %[t1], %[lo], %[t1]\n\t"
-        "orr %[hi], %[hi], %[t1]\n\t"
-        "lsl %[lo], %[lo], %[t0]\n\t"
-        "sub %[n], %[n], %[t0]\n\t"
-        "tst %[f], #0x1000\n\t"
-        "bne 9f\n\t"
-        "add %[k], %[k], #16\n\t"
-        "cmp %[k], #63\n\t"
-        "bgt 9f\n\t"
-        "cmp %[n], #32\n\t"
-        "bge 2b\n\t"
-        "b 3b\n"
-        // A code of up to 8 bits whose extra bits do not fit the one-step
-        // look-up: its length, size and run from the 8-bit look-up
-        // (len | sym << 8 | size << 16 | run << 24), the value extended
-        // without a branch (1 - 2^size added when its first bit is 0).
-        "5:\n\t"
-        "lsr %[t0], %[hi], #24\n\t"
-        "add %[t0], %[fast], %[t0], lsl #2\n\t"
-        "sub %[t0], %[t0], %[back]\n\t"
-        "ldr %[f], [%[t0]]\n\t"
-        "uxtb %[t0], %[f]\n\t"
-        "cmp %[t0], #8\n\t"
-        "bhi 7f\n\t"
-        "tst %[f], #0xff0000\n\t"
-        "beq 7f\n\t"
-        "rsb %[t1], %[t0], #32\n\t"
-        "lsl %[hi], %[hi], %[t0]\n\t"
-        "lsr %[t1], %[lo], %[t1]\n\t"
-        "orr %[hi], %[hi], %[t1]\n\t"
-        "lsl %[lo], %[lo], %[t0]\n\t"
-        "sub %[n], %[n], %[t0]\n\t"
-        "add %[k], %[k], %[f], lsr #24\n\t"
-        "ubfx %[t0], %[f], #16, #8\n\t"
-        "rsb %[t1], %[t0], #32\n\t"
-        "lsr %[f], %[hi], %[t1]\n\t"
-        "mvn %[t1], #0\n\t"
-        "lsl %[t1], %[t1], %[t0]\n\t"
-        "add %[t1], %[t1], #1\n\t"
-        "bic %[t1], %[t1], %[hi], asr #31\n\t"
-        "add %[f], %[f], %[t1]\n\t"
-        "rsb %[t1], %[t0], #32\n\t"
-        "lsl %[hi], %[hi], %[t0]\n\t"
-        "lsr %[t1], %[lo], %[t1]\n\t"
-        "orr %[hi], %[hi], %[t1]\n\t"
-        "lsl %[lo], %[lo], %[t0]\n\t"
-        "sub %[n], %[n], %[t0]\n\t"
-        "cmp %[k], #63\n\t"
-        "bge 6f\n\t"
-        "ldr %[t1], [%[qz], %[k], lsl #2]\n\t"
-        "mul %[f], %[f], %[t1]\n\t"
-        "lsr %[t1], %[t1], #16\n\t"
-        "strh %[f], [%[blk], %[t1], lsl #1]\n\t"
-        "add %[k], %[k], #1\n\t"
-        "cmp %[n], #32\n\t"
-        "bge 2b\n\t"
-        "b 3b\n"
-        // At 63 or beyond: returned as a consumed coefficient entry.
-        "6:\n\t"
-        "lsl %[f], %[f], #16\n\t"
-        "orr %[f], %[f], #0x4000\n\t"
-        "b 9f\n"
-        "7:\n\t"
-        "mov %[f], #0\n\t"
-        "b 9f\n"
-        "8:\n\t"
-        "mov %[f], #0x8000\n"
-        "9:\n"
-        : [hi] "+r"(hi), [lo] "+r"(lo), [n] "+r"(n), [p] "+r"(p), [k] "+r"(k), [f] "=&r"(f), [t0] "=&r"(t0),
-          [t1] "=&r"(t1)
-        : [fast] "r"(fast), [qz] "r"(qz), [blk] "r"(blk), [last4] "m"(last4), [back] "n"(kLookBack)
-        : "cc", "memory");
+    asm volatile(KIVO_RUN_HEAD "asr %[f], %[f], #16\n\t" KIVO_STORE_F KIVO_RUN_NEXT KIVO_RUN_LOOKUP8
+                     KIVO_RUN_VALUE KIVO_CONSUME_T0 "cmp %[k], #63\n\t" "bge 6f\n\t" KIVO_STORE_F
+                         // At 63 or beyond: returned as a consumed coefficient entry.
+                         KIVO_RUN_TAIL("lsl %[f], %[f], #16\n\t" "orr %[f], %[f], #0x4000\n\t")
+                             KIVO_RUN_OPERANDS);
     return f;
 }
+#undef KIVO_CONSUME_T0
+#undef KIVO_STORE_F
+#undef KIVO_RUN_HEAD
+#undef KIVO_RUN_NEXT
+#undef KIVO_RUN_LOOKUP8
+#undef KIVO_RUN_VALUE
+#undef KIVO_RUN_TAIL
+#undef KIVO_RUN_OPERANDS
 #else
 #define KIVO_BLOCK_ASM 0
 #endif
@@ -639,6 +582,7 @@ int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *b
         int32_t f;
 #if KIVO_BLOCK_ASM
         if (kAsm) {
+            static_assert(!kAsm || (kLast == 63 && kDc && !kMag), "the assembly stores every coefficient");
             f = coef_run(hi, lo, n, p, k, fast, qz, blk, last4);
             if (f == kRunFill) {
                 if (!fill()) goto slow;
@@ -829,22 +773,28 @@ int32_t kivod_vld_ac1(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
     return ac_alone<0, false>(bs, q, t, nullptr, blk, dc_only);
 }
 
-int32_t kivod_vld_blk8(kivod_bs *bs, kivod_win *w, const kivod_blk_tbls *t, int16_t *blk, int16_t *diff,
-                       int16_t *dc_only) {
-    return block<63, false, false>(bs, w, t, blk, diff, dc_only);
-}
-
 #if KIVO_BLOCK_ASM
-int32_t kivod_vld_blk8_arm(kivod_bs *bs, kivod_win *w, const kivod_blk_tbls *t, int16_t *blk, int16_t *diff,
-                           int16_t *dc_only) {
-    return ac_block32<63, true, false, true>(bs, w, *t, blk, diff, dc_only);
+namespace {
+int32_t block8_arm(kivod_bs *bs, Window *w, const kivod_blk_tbls *s, int16_t *blk, int16_t *diff, int16_t *dc_only) {
+    return ac_block32<63, true, false, true>(bs, w, *s, blk, diff, dc_only);
+}
+}  // namespace
+
+kivod_vld_blk_fn kivod_vld_blk_arm_for(int32_t scale) {
+    switch (scale) {
+        case 0:
+        case 1: return block8_arm;
+        // Past the few stored positions of the reduced scales the C loop is
+        // as short as the assembly, which then only adds its entry and exit.
+        default: return kivod_vld_blk_for(scale, false);
+    }
 }
 #endif
 
 kivod_vld_blk_fn kivod_vld_blk_for(int32_t scale, bool magnitudes) {
     switch (scale) {
         case 0:
-        case 1: return magnitudes ? block8_mag : kivod_vld_blk8;
+        case 1: return magnitudes ? block8_mag : block<63, false, false>;
         case 2: return magnitudes ? block<9, false, true> : block<9, false, false>;
         case 4: return magnitudes ? block<2, false, true> : block<2, false, false>;
         default: return block<0, false, false>;

@@ -447,13 +447,13 @@ bool expected(const Block &b, int last, const kivod_qtbl &q, int16_t want[64]) {
     return any_ac;
 }
 
-// The slices' full-size block decoders: the plain one and the variant
+// The slices' block decoders of a scale: the plain one and the variant
 // this CPU gets.
-std::vector<kivod_vld_blk_fn> block_decoders() {
+std::vector<kivod_vld_blk_fn> block_decoders(int scale) {
     kivod_dsp dsp;
     kivod_dsp_init(&dsp, kivo_cpu_detected());
-    std::vector<kivod_vld_blk_fn> fns{kivod_vld_blk8};
-    if (dsp.vld_blk8 != kivod_vld_blk8) fns.push_back(dsp.vld_blk8);
+    std::vector<kivod_vld_blk_fn> fns{kivod_vld_blk_for(scale, false)};
+    if (dsp.vld_blk[scale] != fns[0]) fns.push_back(dsp.vld_blk[scale]);
     return fns;
 }
 
@@ -502,8 +502,8 @@ TEST(DecVld, CategoryFigures) {
 TEST(DecVld, BlocksAtEveryScale) {
     const struct {
         AcFn fn;
-        int last;
-    } routines[] = {{kivod_vld_ac8, 63}, {kivod_vld_ac4, 9}, {kivod_vld_ac2, 2}, {kivod_vld_ac1, 0}};
+        int last, scale;
+    } routines[] = {{kivod_vld_ac8, 63, 1}, {kivod_vld_ac4, 9, 2}, {kivod_vld_ac2, 2, 4}, {kivod_vld_ac1, 0, 8}};
     std::mt19937 rng(3);
     std::unique_ptr<kivoe_ctx, void (*)(void *)> ctx(static_cast<kivoe_ctx *>(std::calloc(1, sizeof(kivoe_ctx))), std::free);
     kivoe_init_huff_tbl(ctx.get());
@@ -552,20 +552,21 @@ TEST(DecVld, BlocksAtEveryScale) {
                     kivod_bs_align_byte(&in.bs);
                     EXPECT_EQ(kivod_bs_read(&in.bs, 16), 0xFFD9u);
                 }
-                // The block decoders, DC and AC in one call, through a
-                // window kept open over three blocks at a time.
-                for (kivod_vld_blk_fn fn : block_decoders()) {
+                // The block decoders of every scale, DC and AC in one call,
+                // through a window kept open over three blocks at a time.
+                for (const auto &r : routines)
+                for (kivod_vld_blk_fn fn : block_decoders(r.scale)) {
                     Mem in(bytes);
                     BlkTables bt(q.q.get(), &t.dc[0], &t.ac[0]);
                     kivod_win win{};
                     for (size_t i = 0; i < blocks.size(); ++i) {
                         int16_t diff = 1234, blk[64] = {}, want[64] = {}, dc_only = 7;
-                        const bool any_ac = expected(blocks[i], 63, *q.q, want);
+                        const bool any_ac = expected(blocks[i], r.last, *q.q, want);
                         ASSERT_EQ(fn(&in.bs, &win, &bt.t, blk, &diff, &dc_only), 0) << "block " << i;
                         if (i % 3 == 2) kivod_win_close(&win, &in.bs);
                         ASSERT_EQ(diff, wrap16(blocks[i][0] * q.q->q[0])) << "block " << i;
-                        for (int j = 0; j < 64; ++j) ASSERT_EQ(blk[j], want[j]) << "block " << i << " at " << j;
-                        ASSERT_EQ(dc_only, !any_ac ? 1 : 0) << "block " << i;
+                        for (int j = 0; j < 64; ++j) ASSERT_EQ(blk[j], want[j]) << r.last << " block " << i << " at " << j;
+                        ASSERT_EQ(dc_only, r.last == 0 || !any_ac ? 1 : 0) << r.last << " block " << i;
                     }
                     kivod_win_close(&win, &in.bs);
                     kivod_bs_align_byte(&in.bs);
@@ -615,7 +616,8 @@ TEST(DecVld, MalformedCodes) {
             if (c.dc_status != 0) continue;
             EXPECT_EQ(fn(&in.bs, q.q.get(), &t.ac[0], nullptr, blk, &dc_only), c.ac_status) << c.bits;
         }
-        for (kivod_vld_blk_fn fn : block_decoders()) {
+        for (int scale : {1, 2, 4, 8})
+        for (kivod_vld_blk_fn fn : block_decoders(scale)) {
             Writer w;
             w.bits(c.bits);
             Mem in(w.finish());
