@@ -239,6 +239,13 @@ void kivod_idct4(const int16_t *coef, int32_t stride, uint8_t *dst);
 void kivod_idct2(const int16_t *coef, int32_t stride, uint8_t *dst);
 void kivod_idct1(const int16_t *coef, int32_t stride, uint8_t *dst);
 void kivod_idct8_dc(const int16_t *coef, int32_t stride, uint8_t *dst);
+// 128 + floor((c0 + 4) / 8), clamped: the value of a DC-only block, the
+// pixel of a 1/8 one.
+inline uint8_t kivod_dc_value(int16_t c0) {
+    const int32_t x = c0 * 2048 + 8320;  // |c0| < 2^15: no overflow
+    const int32_t v = (x >= 0 ? x >> 14 : ~(~x >> 14)) + 128;
+    return static_cast<uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v));
+}
 void kivod_idct4_dc(const int16_t *coef, int32_t stride, uint8_t *dst);
 void kivod_idct2_dc(const int16_t *coef, int32_t stride, uint8_t *dst);
 

@@ -349,6 +349,12 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
             fn(blk, stride, j.band_row[k] + static_cast<ptrdiff_t>(8 * v) * stride + (s.col + h) * 8);
         } else if (j.mode == KIVOD_OUT_PACKED) {
             fn(blk, 32, j.mcu_buf[k] + 32 * 8 * v + 8 * h);
+        } else if (j.nblk == 1) {
+            // 1/8: a block's one pixel is its DC's, and its decoder wrote no
+            // other coefficient (a failed block was cleared whole).
+            w->strip[k][static_cast<ptrdiff_t>(v + s.fill) * ctx->line_w[s.c] + s.col + h] = kivod_dc_value(blk[0]);
+            blk[0] = 0;
+            continue;
         } else {
             const int32_t line = v * j.nblk + s.fill;
             fn(blk, ctx->line_w[s.c],
