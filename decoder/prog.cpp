@@ -147,28 +147,49 @@ int32_t kivod_vld_ac_prog(kivod_bs *bs, int32_t ss, int32_t se, int32_t al, int3
         --*eob_run;
         return KIVO_OK;
     }
+    // The reader's cache in local copies, handed back before anything else
+    // reads the reader; symbols the one-step look-up does not give go
+    // through the reader.
+    uint32_t cache = bs->cache;
+    int32_t bits = bs->bits;
+    const auto store = [&]() {
+        bs->cache = cache;
+        bs->bits = bits;
+    };
+    const auto load = [&]() {
+        cache = bs->cache;
+        bits = bs->bits;
+    };
     for (int32_t k = ss; k <= se; ++k) {
-        top_up(bs);
-        if (bs->bits >= kivod_fast_bits) {
+        if (bits < 16) {
+            store();
+            top_up(bs);
+            load();
+        }
+        if (bits >= kivod_fast_bits) {
             // Codes that fit with their extra bits in the next few bits: one
             // look-up gives run, value and the bits to consume.
-            const int32_t f = t->fast[bs->cache >> (32 - kivod_fast_bits)];
+            const int32_t f = t->fast[cache >> (32 - kivod_fast_bits)];
             if (f) {
                 const int32_t len = f & 0xFF;
-                bs->cache <<= len;
-                bs->bits -= len;
-                if (f & kivod_fast_eob) return KIVO_OK;  // a run of this block only
+                cache <<= len;
+                bits -= len;
+                if (f & kivod_fast_eob) break;  // a run of this block only
                 if (f & kivod_fast_zrl) {
                     k += 15;
                     continue;
                 }
                 k += (f >> 8) & 15;
-                if (k > se) return KIVO_ERR_MALFORMED;
+                if (k > se) {
+                    store();
+                    return KIVO_ERR_MALFORMED;
+                }
                 const int16_t value = static_cast<int16_t>(static_cast<uint32_t>(f) >> 16);
                 blk[kivo_tbl_zig_to_ras[k]] = shifted(value, al);
                 continue;
             }
         }
+        store();
         int32_t run, size;
         if (decode_ac_symbol(bs, t, &run, &size) != 0) return KIVO_ERR_MALFORMED;
         if (size) {
@@ -182,7 +203,9 @@ int32_t kivod_vld_ac_prog(kivod_bs *bs, int32_t ss, int32_t se, int32_t al, int3
             *eob_run = (1 << run) - 1 + (run ? static_cast<int32_t>(get_bits(bs, run)) : 0);
             return KIVO_OK;
         }
+        load();
     }
+    store();
     return KIVO_OK;
 }
 
