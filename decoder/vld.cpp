@@ -487,10 +487,9 @@ inline int32_t coef_run(uint32_t &hi, uint32_t &lo, int32_t &n, const uint8_t *&
 // window's top 32 bits in `hi` and the next ones in `lo`, so that a code is
 // consumed with single-word shifts, refilled four bytes at a time while
 // they hold no 0xFF. The window's state is loaded once and stored back once
-// (the block's DC code is decoded from the same words), and the values only
-// the rare paths need stay out of the loop's registers. Reads and stores
+// (the block's DC code is decoded from the same words). With kAsm (full
+// size, ARMv7) the common symbols go through coef_run. Reads and stores
 // exactly what ac_block does.
-//
 template <int kLast, bool kDc, bool kMag, bool kAsm = false>
 int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk, int16_t *diff,
                    int16_t *dc_only) {
