@@ -528,15 +528,15 @@ int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *b
     };
     // Four more bytes when they hold no 0xFF, else the bytes up to the
     // 0xFF; false when that leaves fewer than 32 bits (the state is then
-    // packed in *wp).
-    const auto fill = [&]() __attribute__((always_inline)) {
+    // packed in *wp). Only at a block's start may the window be empty.
+    const auto fill = [&](bool at_start) __attribute__((always_inline)) {
         if (reinterpret_cast<uintptr_t>(p) <= last4) {
             uint32_t x;
             std::memcpy(&x, p, 4);
             x = __builtin_bswap32(x);
             if (!holds_ff(x)) {
-                hi |= x >> n;  // n >= 1 and the bits below n are zero
-                lo = x << (32 - n);
+                hi |= x >> n;  // the bits below n are zero
+                lo = at_start ? (x << 1) << (31 - n) : x << (32 - n);  // n >= 1 past the start
                 n += 32;
                 p += 4;
                 return true;
@@ -552,7 +552,7 @@ int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *b
     // of the shared routines takes over from here: k == 1 still before the
     // DC code.
     bool dc_done = !kDc;
-    if (n < 32 && !fill()) goto slow;
+    if (n < 32 && !fill(true)) goto slow;
     if (kDc) {
         const int32_t f = s.dc->fast[hi >> (32 - kivod_fast_bits)];
         if (f) {
@@ -584,7 +584,7 @@ int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *b
             static_assert(!kAsm || (kLast == 63 && kDc && !kMag), "the assembly stores every coefficient");
             f = coef_run(hi, lo, n, p, k, fast, qz, blk, last4);
             if (f == kRunFill) {
-                if (!fill()) goto slow;
+                if (!fill(false)) goto slow;
                 continue;
             }
             if (f & kivod_fast_eob) {
@@ -601,7 +601,7 @@ int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *b
         } else
 #endif
         {
-            if (n < 32 && !fill()) goto slow;
+            if (n < 32 && !fill(false)) goto slow;
             f = fast[hi >> (32 - kivod_fast_bits)];
         }
         if (f & kivod_fast_coef) {
