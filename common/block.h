@@ -18,6 +18,19 @@ inline void clear_block(int16_t *blk) {
 #if defined(__SSE2__)
     const __m128i z = _mm_setzero_si128();
     for (int i = 0; i < 64; i += 8) _mm_storeu_si128(reinterpret_cast<__m128i *>(blk + i), z);
+#elif defined(__ARM_NEON) && !defined(__aarch64__)
+    // Four 32-byte stores through one advancing pointer: with intrinsics
+    // GCC kept the eight row addresses on the stack inside block loops.
+    asm volatile(
+        "vmov.i16 q8, #0\n\t"
+        "vmov.i16 q9, #0\n\t"
+        "vst1.16 {d16 - d19}, [%[p]]!\n\t"
+        "vst1.16 {d16 - d19}, [%[p]]!\n\t"
+        "vst1.16 {d16 - d19}, [%[p]]!\n\t"
+        "vst1.16 {d16 - d19}, [%[p]]\n\t"
+        : [p] "+r"(blk)
+        :
+        : "memory", "d16", "d17", "d18", "d19");
 #elif defined(__ARM_NEON)
     const int16x8_t z = vdupq_n_s16(0);
     for (int i = 0; i < 64; i += 8) vst1q_s16(blk + i, z);

@@ -28,32 +28,34 @@ void init_plain(kivod_dsp *dsp) {
     dsp->vld_ac[2] = kivod_vld_ac4;
     dsp->vld_ac[4] = kivod_vld_ac2;
     dsp->vld_ac[8] = kivod_vld_ac1;
+    for (int s = 0; s <= 8; s = s ? 2 * s : 1) dsp->vld_blk[s] = kivod_vld_blk_for(s, false);
 }
 
 // Overwrites the slots that have a faster variant and returns the names of
 // the variants chosen. The DC-only and 1x1 kernels are one scalar value
 // replicated with whole-row stores; they stay plain on every architecture.
 const char *init_simd(kivod_dsp *dsp, uint32_t flags) {
-    const char *choice = "idct8 c, idct4 c, idct2 c, idct1 c, dc c";
+    const char *choice = "idct8 c, idct4 c, idct2 c, idct1 c, dc c, blocks c";
 #if defined(KIVO_ARCH_x86)
     if (!(flags & KIVO_CPU_SSE2)) return choice;
     dsp->idct[0] = kivod_idct8_sse2;
     dsp->idct[1] = kivod_idct8_sse2;
     dsp->idct[2] = kivod_idct4_sse2;
     dsp->idct[4] = kivod_idct2_sse2;
-    choice = "idct8 sse2, idct4 sse2, idct2 sse2, idct1 c, dc c";
+    choice = "idct8 sse2, idct4 sse2, idct2 sse2, idct1 c, dc c, blocks c";
 
     if (!(flags & KIVO_CPU_AVX2)) return choice;
     dsp->idct[0] = kivod_idct8_avx2;
     dsp->idct[1] = kivod_idct8_avx2;
-    choice = "idct8 avx2, idct4 sse2, idct2 sse2, idct1 c, dc c";
+    choice = "idct8 avx2, idct4 sse2, idct2 sse2, idct1 c, dc c, blocks c";
 #elif defined(KIVO_ARCH_arm)
     if (!(flags & KIVO_CPU_NEON)) return choice;
     dsp->idct[0] = kivod_idct8_neon;
     dsp->idct[1] = kivod_idct8_neon;
     dsp->idct[2] = kivod_idct4_neon;
     dsp->idct[4] = kivod_idct2_neon;
-    choice = "idct8 neon, idct4 neon, idct2 neon, idct1 c, dc c";
+    for (int s = 0; s <= 8; s = s ? 2 * s : 1) dsp->vld_blk[s] = kivod_vld_blk_arm_for(s);
+    choice = "idct8 neon, idct4 neon, idct2 neon, idct1 c, dc c, blocks arm";
 #else
     (void)dsp;
     (void)flags;

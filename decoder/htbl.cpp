@@ -112,16 +112,14 @@ int32_t build_ac(const kivod_htbl_spec *spec, kivod_ac_tbl *t) {
             else if (s.run == 15) flags = kivod_fast_zrl;
             else continue;  // malformed: left to the full decoder's check
         }
-        const uint32_t first = uint32_t(s.code) << (kFast - s.len);
-        const uint32_t span = 1u << (kFast - s.len);
-        for (uint32_t j = first; j < first + span; ++j) {
-            int32_t value = 0;
-            if (s.size) {
-                const uint32_t bits = (j >> (kFast - total_len)) & ((1u << s.size) - 1);
-                value = extend(bits, s.size);
-            }
-            t->fast[j] = static_cast<int32_t>((static_cast<uint32_t>(value) << 16) | uint32_t(flags) |
-                                              (uint32_t(s.run) << 8) | total_len);
+        // Runs of entries with the same extra bits.
+        uint32_t j = uint32_t(s.code) << (kFast - s.len);
+        const uint32_t reps = 1u << (kFast - total_len);
+        for (uint32_t bits = 0; bits < (1u << s.size); ++bits) {
+            const int32_t value = s.size ? extend(bits, s.size) : 0;
+            const int32_t e = static_cast<int32_t>((static_cast<uint32_t>(value) << 16) | uint32_t(flags) |
+                                                   (uint32_t(s.run) << 8) | total_len);
+            for (uint32_t r = 0; r < reps; ++r) t->fast[j++] = e;
         }
     }
     t->eob = 255;

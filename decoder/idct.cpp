@@ -117,11 +117,7 @@ inline void idct_corner(const int16_t *coef, int32_t stride, uint8_t *dst) {
     }
 }
 
-// 128 + floor((c0 + 4) / 8), clamped: the value of a DC-only block.
-inline uint8_t dc_value(int16_t c0) {
-    const int32_t v = static_cast<int32_t>(asr(w(c0) * 2048u + 8320u, 14)) + 128;
-    return static_cast<uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v));
-}
+inline uint8_t dc_value(int16_t c0) { return kivod_dc_value(c0); }
 
 // Fills an n x n block with one value, one row store at a time (the row is
 // one integer: a memset of a local row is a library call on ARMv7).

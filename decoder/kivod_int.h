@@ -225,6 +225,11 @@ typedef int32_t (*kivod_vld_blk_fn)(kivod_bs *bs, kivod_win *w, const kivod_blk_
 // The block decoder of a scale (0, 1, 2, 4, 8): the AC routine of that scale
 // after kivod_vld_dc, adding magnitudes to t->mag when `magnitudes`.
 kivod_vld_blk_fn kivod_vld_blk_for(int32_t scale, bool magnitudes);
+#if defined(KIVO_ARCH_arm)
+// Their ARMv7 variants without magnitudes (kivod_dsp's vld_blk slots), whose
+// common symbols go through assembly.
+kivod_vld_blk_fn kivod_vld_blk_arm_for(int32_t scale);
+#endif
 
 // ---- inverse DCT --------------------------------------------------------------
 
@@ -234,6 +239,13 @@ void kivod_idct4(const int16_t *coef, int32_t stride, uint8_t *dst);
 void kivod_idct2(const int16_t *coef, int32_t stride, uint8_t *dst);
 void kivod_idct1(const int16_t *coef, int32_t stride, uint8_t *dst);
 void kivod_idct8_dc(const int16_t *coef, int32_t stride, uint8_t *dst);
+// 128 + floor((c0 + 4) / 8), clamped: the value of a DC-only block, the
+// pixel of a 1/8 one.
+inline uint8_t kivod_dc_value(int16_t c0) {
+    const int32_t x = c0 * 2048 + 8320;  // |c0| < 2^15: no overflow
+    const int32_t v = (x >= 0 ? x >> 14 : ~(~x >> 14)) + 128;
+    return static_cast<uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v));
+}
 void kivod_idct4_dc(const int16_t *coef, int32_t stride, uint8_t *dst);
 void kivod_idct2_dc(const int16_t *coef, int32_t stride, uint8_t *dst);
 
@@ -243,6 +255,7 @@ struct kivod_dsp {
     kivod_idct_fn idct[9];
     kivod_idct_fn idct_dc[9];
     kivod_vld_ac_fn vld_ac[9];
+    kivod_vld_blk_fn vld_blk[9];  // the slices' block decoders without magnitudes
 };
 void kivod_dsp_init(kivod_dsp *dsp, uint32_t cpu_flags);
 // Names of the variants kivod_dsp_init would choose, for reports.

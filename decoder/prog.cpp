@@ -49,13 +49,6 @@ int32_t decode_ac_symbol(kivod_bs *bs, const kivod_ac_tbl *t, int32_t *run, int3
     return KIVO_OK;
 }
 
-// Refinement bit of an already non-zero coefficient: moves it one step of
-// 2^al away from zero unless that bit is set already.
-inline void refine(kivod_bs *bs, int16_t *coef, int32_t p1) {
-    if (get_bits(bs, 1) && (*coef & p1) == 0)
-        *coef = low16(*coef >= 0 ? *coef + p1 : *coef - p1);
-}
-
 // Bits 0 to n - 1 (n 0 to 64).
 inline uint64_t below(int32_t n) { return n >= 64 ? ~uint64_t(0) : (uint64_t(1) << n) - 1; }
 
@@ -158,28 +151,49 @@ int32_t kivod_vld_ac_prog(kivod_bs *bs, int32_t ss, int32_t se, int32_t al, int3
         --*eob_run;
         return KIVO_OK;
     }
+    // The reader's cache in local copies, handed back before anything else
+    // reads the reader; symbols the one-step look-up does not give go
+    // through the reader.
+    uint32_t cache = bs->cache;
+    int32_t bits = bs->bits;
+    const auto store = [&]() {
+        bs->cache = cache;
+        bs->bits = bits;
+    };
+    const auto load = [&]() {
+        cache = bs->cache;
+        bits = bs->bits;
+    };
     for (int32_t k = ss; k <= se; ++k) {
-        top_up(bs);
-        if (bs->bits >= kivod_fast_bits) {
+        if (bits < 16) {
+            store();
+            top_up(bs);
+            load();
+        }
+        if (bits >= kivod_fast_bits) {
             // Codes that fit with their extra bits in the next few bits: one
             // look-up gives run, value and the bits to consume.
-            const int32_t f = t->fast[bs->cache >> (32 - kivod_fast_bits)];
+            const int32_t f = t->fast[cache >> (32 - kivod_fast_bits)];
             if (f) {
                 const int32_t len = f & 0xFF;
-                bs->cache <<= len;
-                bs->bits -= len;
-                if (f & kivod_fast_eob) return KIVO_OK;  // a run of this block only
+                cache <<= len;
+                bits -= len;
+                if (f & kivod_fast_eob) break;  // a run of this block only
                 if (f & kivod_fast_zrl) {
                     k += 15;
                     continue;
                 }
                 k += (f >> 8) & 15;
-                if (k > se) return KIVO_ERR_MALFORMED;
+                if (k > se) {
+                    store();
+                    return KIVO_ERR_MALFORMED;
+                }
                 const int16_t value = static_cast<int16_t>(static_cast<uint32_t>(f) >> 16);
                 blk[kivo_tbl_zig_to_ras[k]] = shifted(value, al);
                 continue;
             }
         }
+        store();
         int32_t run, size;
         if (decode_ac_symbol(bs, t, &run, &size) != 0) return KIVO_ERR_MALFORMED;
         if (size) {
@@ -193,7 +207,9 @@ int32_t kivod_vld_ac_prog(kivod_bs *bs, int32_t ss, int32_t se, int32_t al, int3
             *eob_run = (1 << run) - 1 + (run ? static_cast<int32_t>(get_bits(bs, run)) : 0);
             return KIVO_OK;
         }
+        load();
     }
+    store();
     return KIVO_OK;
 }
 
@@ -204,27 +220,87 @@ int32_t kivod_vld_ac_prog_refine(kivod_bs *bs, int32_t ss, int32_t se, int32_t a
     // symbols are walked coefficient by coefficient; the rest of the band
     // inside an end-of-band run, where most correction bits are, goes
     // through a mask of the non-zero coefficients only.
+    //
+    // The walk reads the reader's cache through local copies, which it
+    // hands back before anything else reads the reader: where the cache runs
+    // short of what a step needs even after a top-up (the data's end),
+    // that step goes through the reader as get_bits would.
     const int32_t p1 = 1 << al;
     int32_t k = ss;
     if (*eob_run == 0) {
+        uint32_t cache = bs->cache;
+        int32_t bits = bs->bits;
+        const auto store = [&]() {
+            bs->cache = cache;
+            bs->bits = bits;
+        };
+        const auto load = [&]() {
+            cache = bs->cache;
+            bits = bs->bits;
+        };
+        // n bits (1 to 16) as get_bits reads them.
+        const auto read = [&](int32_t n) -> uint32_t {
+            if (bits < n) {
+                store();
+                top_up(bs);
+                const uint32_t v = get_bits(bs, n);
+                load();
+                return v;
+            }
+            const uint32_t v = cache >> (32 - n);
+            cache <<= n;
+            bits -= n;
+            return v;
+        };
         for (; k <= se; ++k) {
             int32_t run, size;
-            if (decode_ac_symbol(bs, t, &run, &size) != 0) return KIVO_ERR_MALFORMED;
+            if (bits < 16) {
+                store();
+                top_up(bs);
+                load();
+            }
+            if (bits >= 16) {
+                const kivod_ac_look e = t->lookup[cache >> 24];
+                int32_t len = e.len;
+                if (len <= 8) {
+                    run = e.run;
+                    size = e.size;
+                } else {
+                    const int32_t idx = long_ac_code(t, cache >> 16, &len);
+                    if (idx < 0) {
+                        store();
+                        return KIVO_ERR_MALFORMED;
+                    }
+                    run = t->sym[idx].run;
+                    size = t->sym[idx].size;
+                }
+                cache <<= len;
+                bits -= len;
+            } else {
+                store();
+                const int32_t r = decode_ac_symbol(bs, t, &run, &size);
+                load();
+                if (r != 0) return KIVO_ERR_MALFORMED;
+            }
             int32_t value = 0;
             if (size) {
-                if (size != 1) return KIVO_ERR_MALFORMED;
-                value = get_bits(bs, 1) ? p1 : -p1;
+                if (size != 1) {
+                    store();
+                    return KIVO_ERR_MALFORMED;
+                }
+                value = read(1) ? p1 : -p1;
             } else if (run != 15) {
                 // The run counts this block, which ends below.
-                *eob_run = (1 << run) + (run ? static_cast<int32_t>(get_bits(bs, run)) : 0);
+                *eob_run = (1 << run) + (run ? static_cast<int32_t>(read(run)) : 0);
                 break;
             }
             // Pass `run` zero coefficients, refining the non-zero ones met;
             // stop on the zero that takes the new value (or ends sixteen zeros).
             for (; k <= se; ++k) {
                 int16_t *coef = &blk[kivo_tbl_zig_to_ras[k]];
-                if (*coef) {
-                    refine(bs, coef, p1);
+                const int32_t c = *coef;
+                if (c) {
+                    if (read(1) && (c & p1) == 0) *coef = low16(c >= 0 ? c + p1 : c - p1);
                 } else {
                     if (run == 0) break;
                     --run;
@@ -232,6 +308,7 @@ int32_t kivod_vld_ac_prog_refine(kivod_bs *bs, int32_t ss, int32_t se, int32_t a
             }
             if (value && k <= se) blk[kivo_tbl_zig_to_ras[k]] = low16(value);
         }
+        store();
     }
     if (*eob_run > 0) {
         // Inside a run: only correction bits for the rest of the band.

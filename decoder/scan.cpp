@@ -69,9 +69,12 @@ inline int32_t restart_interval(const kivod_ctx *ctx) { return ctx->dri.length ?
 // without restart markers nothing after a failure can be found again.
 inline bool decode_block(kivod_bs *bs, kivod_win *win, const ScanComp &s, kivod_vld_blk_fn fn, bool restarts,
                          int32_t *held, int16_t *blk, int16_t *diff, int16_t *dc_only) {
-    *diff = 0;
-    *dc_only = 1;
-    if (*held) return true;
+    // A block decoder that succeeds sets both *diff and *dc_only.
+    if (*held) {
+        *diff = 0;
+        *dc_only = 1;
+        return true;
+    }
     const int32_t st = fn(bs, win, &s.t, blk, diff, dc_only);
     if (st == KIVO_OK) return true;
     *held = st;
@@ -184,6 +187,10 @@ struct Slice {
     kivod_band band;
     uint8_t *band_row[4];
     int band_luma;
+    // Direct output: each scan component's plane and the block columns and
+    // rows that lie wholly inside it (the others go through kivod_out_block).
+    uint8_t *plane[4];
+    int32_t full_cols[4], full_rows[4];
 };
 
 // Band output: the ring lines of the current MCU row of every scan component.
@@ -325,17 +332,29 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
             if (!dc_only && ++j.mag_blocks == kMagFlush) flush_magnitudes(j);
         }
         const kivod_idct_fn fn = dc_only ? j.idct_dc : j.idct;
-        if (j.mode == KIVOD_OUT_LEVELS) {
+        if (j.mode == KIVOD_OUT_DIRECT) {
+            const int32_t bx = s.col + h, by = s.row + v;
+            if (bx < j.full_cols[k] && by < j.full_rows[k]) {
+                const int32_t stride = j.img->stride[s.c];
+                fn(blk, stride, j.plane[k] + static_cast<ptrdiff_t>(by) * 8 * stride + bx * 8);
+            } else {
+                kivod_out_block(j.img, s.c, bx, by, fn, blk);
+            }
+        } else if (j.mode == KIVOD_OUT_LEVELS) {
             const int32_t row = s.row + v, col = s.col + h;
             if (row < ctx->prog_blk_h[s.c] && col < ctx->prog_blk_w[s.c])
                 kivo::copy_block(ctx->coef_buf[s.c] + (size_t(row) * ctx->prog_blk_w[s.c] + col) * 64, blk);
-        } else if (j.mode == KIVOD_OUT_DIRECT) {
-            kivod_out_block(j.img, s.c, s.col + h, s.row + v, fn, blk);
         } else if (j.mode == KIVOD_OUT_BANDS) {
             const int32_t stride = j.band.stride[s.c];
             fn(blk, stride, j.band_row[k] + static_cast<ptrdiff_t>(8 * v) * stride + (s.col + h) * 8);
         } else if (j.mode == KIVOD_OUT_PACKED) {
             fn(blk, 32, j.mcu_buf[k] + 32 * 8 * v + 8 * h);
+        } else if (j.nblk == 1) {
+            // 1/8: a block's one pixel is its DC's, and its decoder wrote no
+            // other coefficient (a failed block was cleared whole).
+            w->strip[k][static_cast<ptrdiff_t>(v + s.fill) * ctx->line_w[s.c] + s.col + h] = kivod_dc_value(blk[0]);
+            blk[0] = 0;
+            continue;
         } else {
             const int32_t line = v * j.nblk + s.fill;
             fn(blk, ctx->line_w[s.c],
@@ -501,7 +520,8 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     const int scale = ctx->scale;
     // Levels are decoded with quantizers of 1: their statistics are made
     // below from the frame's quantizers, not by the block decoder.
-    j.vld_blk = kivod_vld_blk_for(scale, ctx->stats_wanted != 0 && j.mode != KIVOD_OUT_LEVELS);
+    const bool magnitudes = ctx->stats_wanted != 0 && j.mode != KIVOD_OUT_LEVELS;
+    j.vld_blk = magnitudes ? kivod_vld_blk_for(scale, true) : ctx->dsp.vld_blk[scale];
     j.idct = ctx->dsp.idct[scale];
     j.idct_dc = ctx->dsp.idct_dc[scale];
     j.nblk = 1 << tbl_blk_shift[scale];
@@ -528,6 +548,12 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
         }
         kivod_make_qz(j.sc[k].t.q, j.qz[k]);
         j.sc[k].t.qz = j.qz[k];
+        if (j.mode == KIVOD_OUT_DIRECT) {
+            const int c = j.sc[k].c;
+            j.plane[k] = j.img->plane[c];
+            j.full_cols[k] = j.img->stride[c] / 8;
+            j.full_rows[k] = j.img->lines[c] / 8;
+        }
     }
     if (j.mode == KIVOD_OUT_BANDS) open_band(j);
     if (j.mode == KIVOD_OUT_RESIZED) {

@@ -386,90 +386,252 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
     return finish<kCount>(n, rq, cnt, status);
 }
 
+#if defined(KIVO_ARCH_arm) && defined(__arm__) && defined(__ARM_ARCH) && __ARM_ARCH >= 7
+#define KIVO_BLOCK_ASM 1
+// What coef_run returns when the window needs bytes it could not take four
+// at a time (a 0xFF among them, or the input's end near): no table entry
+// has bit 15 set.
+constexpr int32_t kRunFill = 0x8000;
+// The 8-bit look-up sits this many bytes before the one-step one.
+constexpr int32_t kLookBack = static_cast<int32_t>(offsetof(kivod_ac_tbl, fast) - offsetof(kivod_ac_tbl, lookup));
+static_assert(kLookBack > 0 && kLookBack < 4096, "a 12-bit immediate of the assembly");
+
+// The block loop's common case in ARMv7 assembly: the symbols of the
+// one-step look-up, each consumed, a coefficient's value stored
+// dequantized, with four-byte refills, until end-of-block, a coefficient
+// at 63 or beyond (k its position) or sixteen zeros past 63 (all returned
+// consumed), a code the look-up does not hold (returned unconsumed, 0), or
+// a refill the four-byte load cannot do (kRunFill). Codes of up to 8 bits
+// whose extra bits the one-step look-up cannot hold go through the 8-bit
+// look-up here too.
+// The compiler kept the quantizer and block pointers on the stack in the C
+// loop; here every value the symbols use lives in a register (the end of
+// the input, which only the refill reads, in memory). Same arithmetic as
+// the C loop of ac_block32.
+
+// Consumes t0 bits of the window hi:lo (n valid).
+#define KIVO_CONSUME_T0                                                                          \
+    "rsb %[t1], %[t0], #32\n\t" "lsl %[hi], %[hi], %[t0]\n\t" "lsr %[t1], %[lo], %[t1]\n\t"  \
+    "orr %[hi], %[hi], %[t1]\n\t" "lsl %[lo], %[lo], %[t0]\n\t" "sub %[n], %[n], %[t0]\n\t"
+// Stores value f x quantizer at the raster position of zig-zag position k.
+#define KIVO_STORE_F                                                                             \
+    "ldr %[t1], [%[qz], %[k], lsl #2]\n\t" "mul %[f], %[f], %[t1]\n\t" "lsr %[t1], %[t1], #16\n\t" \
+    "strh %[f], [%[blk], %[t1], lsl #1]\n\t"
+// Label 2: a symbol of the one-step look-up (entry f); 4: end-of-block or
+// sixteen zeros; 3: the four-byte refill.
+#define KIVO_RUN_HEAD                                                                            \
+    "cmp %[n], #32\n\t" "blt 3f\n"                                                               \
+    "2:\n\t" "lsr %[t0], %[hi], #21\n\t" "ldr %[f], [%[fast], %[t0], lsl #2]\n\t"                \
+    "tst %[f], #0x4000\n\t" "beq 4f\n\t" "and %[t0], %[f], #31\n\t" KIVO_CONSUME_T0              \
+    "ubfx %[t0], %[f], #8, #4\n\t" "add %[k], %[k], %[t0]\n\t" "cmp %[k], #63\n\t" "bge 9f\n\t"
+#define KIVO_RUN_NEXT                                                                            \
+    "add %[k], %[k], #1\n\t" "cmp %[n], #32\n\t" "bge 2b\n"                                      \
+    "3:\n\t" "ldr %[t0], %[last4]\n\t" "cmp %[p], %[t0]\n\t" "bhi 8f\n\t"                        \
+    "ldr %[f], [%[p]]\n\t" "rev %[f], %[f]\n\t" "rsb %[t0], %[f], #0xfefefefe\n\t"               \
+    "and %[t0], %[t0], %[f]\n\t" "tst %[t0], #0x80808080\n\t" "bne 8f\n\t"                      \
+    "lsr %[t0], %[f], %[n]\n\t" "orr %[hi], %[hi], %[t0]\n\t" "rsb %[t1], %[n], #32\n\t"         \
+    "lsl %[lo], %[f], %[t1]\n\t" "add %[n], %[n], #32\n\t" "add %[p], %[p], #4\n\t" "b 2b\n"     \
+    "4:\n\t" "tst %[f], #0x3000\n\t" "beq 5f\n\t" "and %[t0], %[f], #31\n\t" KIVO_CONSUME_T0     \
+    "tst %[f], #0x1000\n\t" "bne 9f\n\t" "add %[k], %[k], #16\n\t" "cmp %[k], #63\n\t"           \
+    "bgt 9f\n\t" "cmp %[n], #32\n\t" "bge 2b\n\t" "b 3b\n"
+// Label 5: a code of up to 8 bits whose extra bits do not fit the one-step
+// look-up: its length, size and run from the 8-bit look-up (len | sym << 8
+// | size << 16 | run << 24), the code consumed and k moved on by the run.
+#define KIVO_RUN_LOOKUP8                                                                         \
+    "5:\n\t" "lsr %[t0], %[hi], #24\n\t" "add %[t0], %[fast], %[t0], lsl #2\n\t"                \
+    "sub %[t0], %[t0], %[back]\n\t" "ldr %[f], [%[t0]]\n\t" "uxtb %[t0], %[f]\n\t"              \
+    "cmp %[t0], #8\n\t" "bhi 7f\n\t" "tst %[f], #0xff0000\n\t" "beq 7f\n\t" KIVO_CONSUME_T0      \
+    "add %[k], %[k], %[f], lsr #24\n\t" "ubfx %[t0], %[f], #16, #8\n\t"
+// The value of the extra bits, extended without a branch (1 - 2^size added
+// when its first bit is 0), into f.
+#define KIVO_RUN_VALUE                                                                           \
+    "rsb %[t1], %[t0], #32\n\t" "lsr %[f], %[hi], %[t1]\n\t" "mvn %[t1], #0\n\t"                 \
+    "lsl %[t1], %[t1], %[t0]\n\t" "add %[t1], %[t1], #1\n\t" "bic %[t1], %[t1], %[hi], asr #31\n\t" \
+    "add %[f], %[f], %[t1]\n\t"
+// Label 6, given: a coefficient at 63 or beyond.
+#define KIVO_RUN_TAIL(AT63)                                                                      \
+    "add %[k], %[k], #1\n\t" "cmp %[n], #32\n\t" "bge 2b\n\t" "b 3b\n" "6:\n\t" AT63 "b 9f\n"      \
+    "7:\n\t" "mov %[f], #0\n\t" "b 9f\n"                                                         \
+    "8:\n\t" "mov %[f], #0x8000\n"                                                               \
+    "9:\n"
+#define KIVO_RUN_OPERANDS                                                                        \
+    : [hi] "+r"(hi), [lo] "+r"(lo), [n] "+r"(n), [p] "+r"(p), [k] "+r"(k), [f] "=&r"(f), [t0] "=&r"(t0), \
+      [t1] "=&r"(t1)                                                                             \
+    : [fast] "r"(fast), [qz] "r"(qz), [blk] "r"(blk), [last4] "m"(last4), [back] "n"(kLookBack)  \
+    : "cc", "memory"
+
+inline int32_t coef_run(uint32_t &hi, uint32_t &lo, int32_t &n, const uint8_t *&p, int32_t &k, const int32_t *fast,
+                        const uint32_t *qz, int16_t *blk, uintptr_t last4) {
+    int32_t f;
+    uint32_t t0, t1;
+    asm volatile(KIVO_RUN_HEAD "asr %[f], %[f], #16\n\t" KIVO_STORE_F KIVO_RUN_NEXT KIVO_RUN_LOOKUP8
+                     KIVO_RUN_VALUE KIVO_CONSUME_T0 "cmp %[k], #63\n\t" "bge 6f\n\t" KIVO_STORE_F
+                         // At 63 or beyond: returned as a consumed coefficient entry.
+                         KIVO_RUN_TAIL("lsl %[f], %[f], #16\n\t" "orr %[f], %[f], #0x4000\n\t")
+                             KIVO_RUN_OPERANDS);
+    return f;
+}
+#undef KIVO_CONSUME_T0
+#undef KIVO_STORE_F
+#undef KIVO_RUN_HEAD
+#undef KIVO_RUN_NEXT
+#undef KIVO_RUN_LOOKUP8
+#undef KIVO_RUN_VALUE
+#undef KIVO_RUN_TAIL
+#undef KIVO_RUN_OPERANDS
+#else
+#define KIVO_BLOCK_ASM 0
+#endif
+
 // ac_block for 32-bit processors, blocks whose symbols are not counted: the
 // window's top 32 bits in `hi` and the next ones in `lo`, so that a code is
 // consumed with single-word shifts, refilled four bytes at a time while
-// they hold no 0xFF. Reads and stores exactly what ac_block does.
-template <int kLast, bool kDc, bool kMag>
+// they hold no 0xFF. The window's state is loaded once and stored back once
+// (the block's DC code is decoded from the same words). With kAsm (full
+// size, ARMv7) the common symbols go through coef_run. Reads and stores
+// exactly what ac_block does.
+template <int kLast, bool kDc, bool kMag, bool kAsm = false>
 int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk, int16_t *diff,
                    int16_t *dc_only) {
-    const kivod_qtbl *q = s.q;
-    const uint32_t *qz = s.qz;
-    const kivod_ac_tbl *t = s.ac;
-    uint32_t *mag = s.mag;
     window_begin(bs, wp);
-    Window w = *wp;  // a local copy stays in registers
-    int32_t ret;
-    if (!block_start<kLast, false, kDc, kMag>(bs, wp, s, blk, diff, dc_only, w, &ret)) return ret;
-    Requant rq;
+    if (!wp->open) {
+        Window w = *wp;
+        int32_t ret;
+        block_start<kLast, false, kDc, kMag>(bs, wp, s, blk, diff, dc_only, w, &ret);
+        return ret;
+    }
     // Every symbol takes at most 31 bits of the 32 or more the window holds
     // before it, so at least one is left: the shifts below stay in 1..31.
-    uint32_t hi = static_cast<uint32_t>(w.acc >> 32), lo = static_cast<uint32_t>(w.acc);
-    int32_t n = w.n;
-    const uint8_t *p = w.p;
-    const auto consume = [&](int32_t len) {
+    uint32_t hi, lo;
+    int32_t n;
+    const uint8_t *p;
+    const auto load = [&]() __attribute__((always_inline)) {
+        hi = static_cast<uint32_t>(wp->acc >> 32);
+        lo = static_cast<uint32_t>(wp->acc);
+        n = wp->n;
+        p = wp->p;
+    };
+    const auto pack = [&]() __attribute__((always_inline)) {
+        wp->acc = static_cast<uint64_t>(hi) << 32 | lo;
+        wp->n = n;
+        wp->p = p;
+    };
+    load();
+    // The last position with four bytes to load.
+    const uintptr_t last4 = reinterpret_cast<uintptr_t>(wp->end) - 3;
+    const int32_t *const fast = s.ac->fast;
+    const uint32_t *const qz = s.qz;
+    const auto consume = [&](int32_t len) __attribute__((always_inline)) {
         hi = hi << len | lo >> (32 - len);
         lo <<= len;
         n -= len;
     };
-    const auto pack = [&]() {
-        w.acc = static_cast<uint64_t>(hi) << 32 | lo;
-        w.n = n;
-        w.p = p;
-    };
-    const int32_t *fast = t->fast;
-    int32_t k = 1, status = KIVO_OK;
-    for (;;) {
-        if (n < 32) {
-            uint32_t x = 0xFFFFFFFFu;  // fewer than four bytes left: as a 0xFF
-            if (w.end - p >= 3) {
-                std::memcpy(&x, p, 4);
-                x = __builtin_bswap32(x);
-            }
+    // Four more bytes when they hold no 0xFF, else the bytes up to the
+    // 0xFF; false when that leaves fewer than 32 bits (the state is then
+    // packed in *wp). Only at a block's start may the window be empty.
+    const auto fill = [&](bool at_start) __attribute__((always_inline)) {
+        if (reinterpret_cast<uintptr_t>(p) <= last4) {
+            uint32_t x;
+            std::memcpy(&x, p, 4);
+            x = __builtin_bswap32(x);
             if (!holds_ff(x)) {
-                hi |= x >> n;  // n >= 1 and the bits below n are zero
-                lo = x << (32 - n);
+                hi |= x >> n;  // the bits below n are zero
+                lo = at_start ? (x << 1) << (31 - n) : x << (32 - n);  // n >= 1 past the start
                 n += 32;
                 p += 4;
-            } else {
-                pack();
-                window_fill(&w);
-                if (w.n < 32) {
-                    // A 0xFF or the end of the input is near: the reader's
-                    // refill handles stuffing and running out.
-                    *wp = w;
-                    kivod_win_close(wp, bs);
-                    return ac_reader<kLast, false, kMag>(bs, q, qz, t, nullptr, blk, mag, dc_only, k, &rq);
-                }
-                hi = static_cast<uint32_t>(w.acc >> 32), lo = static_cast<uint32_t>(w.acc);
-                n = w.n;
-                p = w.p;
+                return true;
             }
         }
-        const int32_t f = fast[hi >> (32 - kivod_fast_bits)];
+        pack();
+        window_fill(wp);
+        load();
+        return n >= 32;
+    };
+    int32_t k = 1;
+    // With fewer than 32 bits and no four clean bytes, the byte-wise refill
+    // of the shared routines takes over from here: k == 1 still before the
+    // DC code.
+    bool dc_done = !kDc;
+    if (n < 32 && !fill(true)) goto slow;
+    if (kDc) {
+        const int32_t f = s.dc->fast[hi >> (32 - kivod_fast_bits)];
+        if (f) {
+            consume(f & 31);
+            *diff = dequant(f >> 16, static_cast<uint16_t>(s.q0));
+            if (s.dc_count) ++s.dc_count[(f >> 8) & 15];
+        } else {
+            int32_t len = 0;
+            const int32_t cat = dc_category(s.dc, hi >> 16, &len);
+            if (cat < 0) {
+                pack();
+                return KIVO_ERR_MALFORMED;
+            }
+            consume(len);
+            int16_t d = 0;
+            if (cat) {
+                d = dequant(extend(hi >> (32 - cat), cat), static_cast<uint16_t>(s.q0));
+                consume(cat);
+            }
+            *diff = d;
+            if (s.dc_count) ++s.dc_count[cat];
+        }
+        dc_done = true;
+    }
+    for (;;) {
+        int32_t f;
+#if KIVO_BLOCK_ASM
+        if (kAsm) {
+            static_assert(!kAsm || (kLast == 63 && kDc && !kMag), "the assembly stores every coefficient");
+            f = coef_run(hi, lo, n, p, k, fast, qz, blk, last4);
+            if (f == kRunFill) {
+                if (!fill(false)) goto slow;
+                continue;
+            }
+            if (f & kivod_fast_eob) {
+                pack();
+                *dc_only = k == 1;
+                return KIVO_OK;
+            }
+            if (f & (kivod_fast_coef | kivod_fast_zrl)) {
+                // Consumed, and k is past 63, or the position of a
+                // coefficient at 63 or beyond: the block ends.
+                if ((f & kivod_fast_coef) && k == 63) put<false>(blk, nullptr, qz[63], f >> 16);
+                break;
+            }
+        } else
+#endif
+        {
+            if (n < 32 && !fill(false)) goto slow;
+            f = fast[hi >> (32 - kivod_fast_bits)];
+        }
         if (f & kivod_fast_coef) {
             // A coefficient code of the one-step look-up, the common case.
             // One at 63 ends the block, one past it ends it unstored.
             consume(f & 31);
             const int32_t pos = k + ((f >> 8) & 15);
             if (pos >= 63) {
-                if (pos == 63 && k <= kLast) put<kMag>(blk, mag, qz[pos], f >> 16);
+                if (pos == 63 && k <= kLast) put<kMag>(blk, s.mag, qz[pos], f >> 16);
                 break;
             }
-            if (k <= kLast) put<kMag>(blk, mag, qz[pos], f >> 16);
+            if (k <= kLast) put<kMag>(blk, s.mag, qz[pos], f >> 16);
             k = pos + 1;
             continue;
+        }
+        if (f & kivod_fast_eob) {
+            consume(f & 31);
+            pack();
+            *dc_only = kLast == 0 || k == 1;
+            return KIVO_OK;
         }
         int32_t run, size, value = 0;
         if (f) {
             consume(f & 31);
-            run = f & kivod_fast_zrl ? 15 : 0;
+            run = 15;
             size = 0;
         } else {
             int32_t len;
-            if (ac_code(t, hi, &len, &run, &size) != KIVO_OK) {
+            if (ac_code(s.ac, hi, &len, &run, &size) != KIVO_OK) {
                 pack();
-                *wp = w;
                 return KIVO_ERR_MALFORMED;
             }
             consume(len);
@@ -478,14 +640,36 @@ int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *b
                 consume(size);
             }
         }
-        if (apply<kLast, false, kMag>(run, size, value, &k, q, qz, blk, mag, dc_only, nullptr, &rq, &status) !=
-                Next::kGoOn ||
-            k > 63)
-            break;
+        int16_t eob_dc = 0;
+        int32_t status = KIVO_OK;
+        Requant rq;
+        const Next next =
+            apply<kLast, false, kMag>(run, size, value, &k, s.q, qz, blk, s.mag, &eob_dc, nullptr, &rq, &status);
+        if (next == Next::kCounted) {
+            pack();
+            *dc_only = kLast == 0 || eob_dc;
+            return KIVO_OK;
+        }
+        if (next == Next::kBad) {
+            pack();
+            return status;
+        }
+        if (next != Next::kGoOn || k > 63) break;
     }
     pack();
-    *wp = w;
-    return status;
+    *dc_only = kLast == 0;
+    return KIVO_OK;
+slow:
+    // A 0xFF or the end of the input is near: the reader's refill handles
+    // stuffing and running out.
+    kivod_win_close(wp, bs);
+    *dc_only = kLast == 0 ? 1 : 0;
+    if (!dc_done) {
+        const int32_t r = kivod_vld_dc(bs, s.q0, s.dc, s.dc_count, diff);
+        if (r != KIVO_OK) return r;
+    }
+    Requant rq;
+    return ac_reader<kLast, false, kMag>(bs, s.q, qz, s.ac, nullptr, blk, s.mag, dc_only, k, &rq);
 }
 
 // One AC routine on its own: the window opened and closed around the block.
@@ -509,7 +693,7 @@ int32_t ac_alone(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t, uint6
 // A whole block: DC then AC.
 template <int kLast, bool kCount, bool kMag>
 int32_t block(kivod_bs *bs, Window *w, const kivod_blk_tbls *s, int16_t *blk, int16_t *diff, int16_t *dc_only) {
-    if (kWords && !kCount) return ac_block32<kLast, true, kMag>(bs, w, *s, blk, diff, dc_only);
+    if (kWords && !kCount) return ac_block32<kLast, true, kMag, false>(bs, w, *s, blk, diff, dc_only);
     return ac_block<kLast, kCount, true, kMag>(bs, w, *s, blk, diff, dc_only);
 }
 
@@ -587,6 +771,24 @@ int32_t kivod_vld_ac1(kivod_bs *bs, const kivod_qtbl *q, const kivod_ac_tbl *t,
                       uint64_t *, int16_t *blk, int16_t *dc_only) {
     return ac_alone<0, false>(bs, q, t, nullptr, blk, dc_only);
 }
+
+#if KIVO_BLOCK_ASM
+namespace {
+int32_t block8_arm(kivod_bs *bs, Window *w, const kivod_blk_tbls *s, int16_t *blk, int16_t *diff, int16_t *dc_only) {
+    return ac_block32<63, true, false, true>(bs, w, *s, blk, diff, dc_only);
+}
+}  // namespace
+
+kivod_vld_blk_fn kivod_vld_blk_arm_for(int32_t scale) {
+    switch (scale) {
+        case 0:
+        case 1: return block8_arm;
+        // Past the few stored positions of the reduced scales the C loop is
+        // as short as the assembly, which then only adds its entry and exit.
+        default: return kivod_vld_blk_for(scale, false);
+    }
+}
+#endif
 
 kivod_vld_blk_fn kivod_vld_blk_for(int32_t scale, bool magnitudes) {
     switch (scale) {

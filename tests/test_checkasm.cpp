@@ -192,6 +192,8 @@ TEST(Checkasm, DspTablesMatchPlainKernels) {
     for (int i = 0; i < 5; i++) {
         const Kernel &k = kPlain[i ? i - 1 : 0];
         EXPECT_TRUE(plain.idct[kScales[i]] == k.full && plain.idct_dc[kScales[i]] == k.dc) << kScales[i];
+        // Block decoders: their variants are checked in test_dec_vld.
+        EXPECT_EQ(plain.vld_blk[kScales[i]], kivod_vld_blk_for(kScales[i], false)) << kScales[i];
         EXPECT_EQ(1 << tbl_blk_shift[kScales[i]], k.n) << kScales[i];
         for (const Level &lv : kLevels) {
             kivod_dsp dsp;

@@ -432,6 +432,41 @@ struct Quant {
 using AcFn = int32_t (*)(kivod_bs *, const kivod_qtbl *, const kivod_ac_tbl *, uint64_t *,
                          int16_t *, int16_t *);
 
+// What a routine that stores up to zig-zag position `last` makes of block
+// b (zeros elsewhere): coefficients whose symbol starts at or before
+// `last` (runs of 16 zeros go first), dequantized. Returns whether any AC
+// coefficient was sent.
+bool expected(const Block &b, int last, const kivod_qtbl &q, int16_t want[64]) {
+    bool any_ac = false;
+    for (int z = 1, next = 1; z < 64; ++z) {  // next: the position after the last one sent
+        const int k = kivo_tbl_zig_to_ras[z];
+        if (b[k] == 0) continue;
+        if (next + (z - next) / 16 * 16 <= last) want[k] = wrap16(b[k] * q.q[z]);
+        any_ac = true, next = z + 1;
+    }
+    return any_ac;
+}
+
+// The slices' block decoders of a scale: the plain one and the variant
+// this CPU gets.
+std::vector<kivod_vld_blk_fn> block_decoders(int scale) {
+    kivod_dsp dsp;
+    kivod_dsp_init(&dsp, kivo_cpu_detected());
+    std::vector<kivod_vld_blk_fn> fns{kivod_vld_blk_for(scale, false)};
+    if (dsp.vld_blk[scale] != fns[0]) fns.push_back(dsp.vld_blk[scale]);
+    return fns;
+}
+
+// A block decoder's tables over one DC and one AC table.
+struct BlkTables {
+    uint32_t qz[64];
+    kivod_blk_tbls t{};
+    BlkTables(const kivod_qtbl *q, const kivod_dc_tbl *dc, const kivod_ac_tbl *ac) {
+        kivod_make_qz(q, qz);
+        t.dc = dc, t.ac = ac, t.q = q, t.qz = qz, t.q0 = static_cast<int16_t>(q->q[0]);
+    }
+};
+
 // Eight codes, of lengths 1 to 7 and 9: the 9-bit code "111111100" is one
 // bit longer than the symbol count allows. EOB "0" and 0x01 in 9 bits, or
 // the other way round.
@@ -467,8 +502,8 @@ TEST(DecVld, CategoryFigures) {
 TEST(DecVld, BlocksAtEveryScale) {
     const struct {
         AcFn fn;
-        int last;
-    } routines[] = {{kivod_vld_ac8, 63}, {kivod_vld_ac4, 9}, {kivod_vld_ac2, 2}, {kivod_vld_ac1, 0}};
+        int last, scale;
+    } routines[] = {{kivod_vld_ac8, 63, 1}, {kivod_vld_ac4, 9, 2}, {kivod_vld_ac2, 2, 4}, {kivod_vld_ac1, 0, 8}};
     std::mt19937 rng(3);
     std::unique_ptr<kivoe_ctx, void (*)(void *)> ctx(static_cast<kivoe_ctx *>(std::calloc(1, sizeof(kivoe_ctx))), std::free);
     kivoe_init_huff_tbl(ctx.get());
@@ -504,13 +539,7 @@ TEST(DecVld, BlocksAtEveryScale) {
                         int16_t diff = 1234, blk[64], want[64], dc_only = 7;
                         std::fill_n(blk, 64, r.last ? 0 : 0x5555);
                         std::fill_n(want, 64, r.last ? 0 : 0x5555);
-                        bool any_ac = false;
-                        for (int z = 1, next = 1; z < 64; ++z) {  // next: the position after the last one sent
-                            const int k = kivo_tbl_zig_to_ras[z];
-                            if (b[k] == 0) continue;
-                            if (next + (z - next) / 16 * 16 <= r.last) want[k] = wrap16(b[k] * q.q->q[z]);
-                            any_ac = true, next = z + 1;
-                        }
+                        const bool any_ac = expected(b, r.last, *q.q, want);
                         ac_count[0] -= counts && b[63] != 0;  // the end-of-block counted after position 63
                         ASSERT_EQ(kivod_vld_dc(&in.bs, static_cast<int16_t>(q.q->q[0]), &t.dc[0], dc_count, &diff), 0);
                         ASSERT_EQ(diff, wrap16(b[0] * q.q->q[0])) << "block " << i;
@@ -520,6 +549,26 @@ TEST(DecVld, BlocksAtEveryScale) {
                     }
                     for (int c = 0; c < 12; ++c) EXPECT_EQ(dc_count[c], want_dc[c]) << "DC category " << c;
                     for (int s = 0; s < 256 && counts; ++s) EXPECT_EQ(ac_count[s], want_ac[s]) << "symbol " << s;
+                    kivod_bs_align_byte(&in.bs);
+                    EXPECT_EQ(kivod_bs_read(&in.bs, 16), 0xFFD9u);
+                }
+                // The block decoders of every scale, DC and AC in one call,
+                // through a window kept open over three blocks at a time.
+                for (const auto &r : routines)
+                for (kivod_vld_blk_fn fn : block_decoders(r.scale)) {
+                    Mem in(bytes);
+                    BlkTables bt(q.q.get(), &t.dc[0], &t.ac[0]);
+                    kivod_win win{};
+                    for (size_t i = 0; i < blocks.size(); ++i) {
+                        int16_t diff = 1234, blk[64] = {}, want[64] = {}, dc_only = 7;
+                        const bool any_ac = expected(blocks[i], r.last, *q.q, want);
+                        ASSERT_EQ(fn(&in.bs, &win, &bt.t, blk, &diff, &dc_only), 0) << "block " << i;
+                        if (i % 3 == 2) kivod_win_close(&win, &in.bs);
+                        ASSERT_EQ(diff, wrap16(blocks[i][0] * q.q->q[0])) << "block " << i;
+                        for (int j = 0; j < 64; ++j) ASSERT_EQ(blk[j], want[j]) << r.last << " block " << i << " at " << j;
+                        ASSERT_EQ(dc_only, r.last == 0 || !any_ac ? 1 : 0) << r.last << " block " << i;
+                    }
+                    kivod_win_close(&win, &in.bs);
                     kivod_bs_align_byte(&in.bs);
                     EXPECT_EQ(kivod_bs_read(&in.bs, 16), 0xFFD9u);
                 }
@@ -566,6 +615,17 @@ TEST(DecVld, MalformedCodes) {
             ASSERT_EQ(kivod_vld_dc(&in.bs, 1, &t.dc[0], nullptr, &diff), c.dc_status) << c.bits;
             if (c.dc_status != 0) continue;
             EXPECT_EQ(fn(&in.bs, q.q.get(), &t.ac[0], nullptr, blk, &dc_only), c.ac_status) << c.bits;
+        }
+        for (int scale : {1, 2, 4, 8})
+        for (kivod_vld_blk_fn fn : block_decoders(scale)) {
+            Writer w;
+            w.bits(c.bits);
+            Mem in(w.finish());
+            BlkTables bt(q.q.get(), &t.dc[0], &t.ac[0]);
+            kivod_win win{};
+            int16_t diff = 0, blk[64] = {}, dc_only;
+            EXPECT_EQ(fn(&in.bs, &win, &bt.t, blk, &diff, &dc_only), c.dc_status ? c.dc_status : c.ac_status) << c.bits;
+            kivod_win_close(&win, &in.bs);
         }
     }
 }
