@@ -9,8 +9,6 @@
 
 int32_t kivoe_quant_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 uint64_t kivoe_quant_mask_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
-// The mask kivoe_quant_mask returns, of levels already quantized.
-uint64_t kivoe_level_mask_sse2(const int16_t *blk);
 void kivoe_quant_rdoq_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_fdct8_sse2(int16_t *blk);
 void kivoe_jndfilt8x8_sse2(const uint8_t *src, int32_t stride, int16_t *blk);
