@@ -278,6 +278,18 @@ uint64_t kivoe_vlc_ac_stat_mask(kivoe_ac_tbl *t, const int16_t *blk);
 // known (found here then).
 int32_t kivoe_vlc_block_mask(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk,
                              uint64_t mask);
+// One block for kivoe_vlc_blocks.
+struct kivoe_block_code {
+    kivoe_dc_tbl *dc;
+    kivoe_ac_tbl *ac;
+    const int16_t *blk;
+    uint64_t mask;
+    int32_t diff;
+};
+// kivoe_vlc_block_mask for n blocks in turn, the writer's state kept in
+// registers from one to the next (a block that fails does not stop those
+// after it).
+void kivoe_vlc_blocks(xelo_bsw *bs, const kivoe_block_code *b, int32_t n);
 int32_t kivoe_vlc_dri_marker(xelo_bsw *bs, int32_t marker);
 int32_t kivoe_vlc_null(xelo_bsw *bs, int32_t marker);
 int32_t kivoe_vlc_footer(kivoe_ctx *ctx);

@@ -297,6 +297,23 @@ int32_t kivoe_vlc_block_mask(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, i
     return ret;
 }
 
+void kivoe_vlc_blocks(xelo_bsw *bs, const kivoe_block_code *b, int32_t n) {
+    int32_t i = 0;
+    if (FastSink::usable(bs) && bs->end_ptr - bs->write_ptr >= n * kBlockMargin) {
+        FastSink sink(bs);
+        for (; i < n; ++i) {
+            const int32_t k = kivo::category(b[i].diff);
+            if (k < 0) continue;  // nothing of the block is written, as in kivoe_vlc_block_mask
+            const kivoe_code &c = b[i].dc->code[k];
+            sink.put((static_cast<uint32_t>(c.code) << k) | (k ? extra_bits(as_int16(b[i].diff), k) : 0), c.len + k);
+            if (~b[i].mask) code_ac_fast(sink, b[i].ac, b[i].blk, b[i].mask);
+            else code_ac(sink, b[i].ac, b[i].blk);
+        }
+        sink.store(bs);
+    }
+    for (; i < n; ++i) kivoe_vlc_block_mask(bs, b[i].dc, b[i].ac, b[i].diff, b[i].blk, b[i].mask);
+}
+
 int32_t kivoe_vlc_ac(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk) {
     if (FastSink::usable(bs)) {
         FastSink sink(bs);
