@@ -167,6 +167,7 @@ struct kivoe_proc {
     kivoe_jndfilt_fn jndfilt;
     kivoe_planes_fn planes;
     kivoe_quant_mask_fn quant_mask;
+    kivoe_quant_mask_fn fdct_quant_mask;  // kivoe_fdct_quant_mask
 };
 
 struct kivoe_ctx {
@@ -309,6 +310,8 @@ void kivoe_quant_rdoq(int16_t *blk, const uint16_t *recip, const uint16_t *offse
 // when some level of the block is above 2047 or below -2047: the coder then
 // checks the block itself for levels without a size category.
 uint64_t kivoe_quant_mask(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+// kivoe_fdct8 then kivoe_quant_mask, of the samples at blk.
+uint64_t kivoe_fdct_quant_mask(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 // Adaptive rounding: moves the offsets of the non-zero levels by their
 // reconstruction errors (coef: the unquantized coefficients).
 void kivoe_update_offset(const int16_t *levels, const int16_t *coef, const uint16_t *q,

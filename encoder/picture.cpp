@@ -485,7 +485,7 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
     // otherwise have them read again for every block.
     const bool jnd_filter = ctx->jnd_filter, jnd_suppress = ctx->jnd_suppress, adaptive = ctx->adaptive_rounding;
     const kivoe_fdct_fn fdct8 = p.fdct8;
-    const kivoe_quant_mask_fn quant_mask = p.quant_mask;
+    const kivoe_quant_mask_fn quant_mask = p.quant_mask, fdct_quant_mask = p.fdct_quant_mask;
     const bool keep = jnd_suppress || adaptive;
     // With the writers in the coder slots, a block's codes go out together.
     const bool fused = p.vlc_dc == kivoe_vlc_dc && p.vlc_ac == kivoe_vlc_ac;
@@ -529,8 +529,7 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                 for (int h = 0; h < fh.h[c]; ++h, ++b) {
                     int16_t *lv = mcu_levels + 64 * b;
                     load(c, cc, cc.col + h, cc.row + v, lv);
-                    fdct8(lv);
-                    const uint64_t mask = quant_mask(lv, cc.q->recip, cc.offset);
+                    const uint64_t mask = fdct_quant_mask(lv, cc.q->recip, cc.offset);
                     // A level without category: the coder checks the levels.
                     mcu_code[b] = {cc.dc, cc.ac, lv, mask & 1 ? ~uint64_t(0) : mask, 0};
                 }

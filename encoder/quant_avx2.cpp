@@ -1,9 +1,11 @@
 // AVX2 quantizers, sixteen coefficients per step, bit-exact to the plain
-// ones (kivoe_quant for offsets below 32768, as the half values are).
+// ones (kivoe_quant for offsets below 32768, as the half values are), and
+// the transform and quantizer in one.
 #include <immintrin.h>
 
 #include "common/nonzero.h"
 #include "encoder/enc_simd.h"
+#include "encoder/fdct_avx2.h"
 
 namespace {
 
@@ -85,13 +87,16 @@ int32_t kivoe_quant_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *of
     return 64 - _mm_cvtsi128_si32(sum);
 }
 
-uint64_t kivoe_quant_mask_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+namespace {
+
+// kivoe_quant_mask of the coefficients c (two rows a vector), the levels
+// stored at blk.
+inline uint64_t quant_mask_rows(const __m256i c[4], int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
     const __m256i zero = _mm256_setzero_si256();
     __m256i n[4], any = zero;
     for (int k = 0; k < 4; ++k) {
-        const __m256i c = load_rows(blk + 16 * k);
-        n[k] = magnitude(c, recip + 16 * k, offset + 16 * k);
-        _mm256_storeu_si256(reinterpret_cast<__m256i *>(blk + 16 * k), apply_sign(c, n[k]));
+        n[k] = magnitude(c[k], recip + 16 * k, offset + 16 * k);
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(blk + 16 * k), apply_sign(c[k], n[k]));
         any = _mm256_or_si256(any, n[k]);
     }
     // One byte a coefficient, all ones where the level is zero (magnitudes
@@ -106,6 +111,20 @@ uint64_t kivoe_quant_mask_avx2(int16_t *blk, const uint16_t *recip, const uint16
     // A magnitude of 2048 or more sets a bit above the low eleven.
     const bool big = !_mm256_testz_si256(any, _mm256_set1_epi16(-2048));
     return (~zeros & ~uint64_t(1)) | big;  // bit 0 is the DC coefficient's
+}
+
+}  // namespace
+
+uint64_t kivoe_quant_mask_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+    __m256i c[4];
+    for (int k = 0; k < 4; ++k) c[k] = load_rows(blk + 16 * k);
+    return quant_mask_rows(c, blk, recip, offset);
+}
+
+uint64_t kivoe_fdct_quant_mask_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+    __m256i c[4];
+    fdct8_rows(blk, c);
+    return quant_mask_rows(c, blk, recip, offset);
 }
 
 void kivoe_quant_rdoq_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {

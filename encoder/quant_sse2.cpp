@@ -60,6 +60,11 @@ uint64_t kivoe_quant_mask_sse2(int16_t *blk, const uint16_t *recip, const uint16
     return kivo_zigzag_of_raster(~zeros) | (_mm_movemask_epi8(big) != 0xFFFF);
 }
 
+uint64_t kivoe_fdct_quant_mask_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+    kivoe_fdct8_sse2(blk);
+    return kivoe_quant_mask_sse2(blk, recip, offset);
+}
+
 void kivoe_quant_rdoq_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
     for (int i = 0; i < 64; i += 8) {
         const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blk + i));
