@@ -525,10 +525,17 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
         }
         for (int c = 0, b = 0; c < nc && by_mcu; ++c) {
             const Comp &cc = comp[c];
-            for (int v = 0; v < fh.v[c]; ++v)
-                for (int h = 0; h < fh.h[c]; ++h, ++b) {
+            const int hf = fh.h[c], vf = fh.v[c];
+            // The MCU's blocks of the component all inside the plane, none
+            // filtered: read straight from the plane.
+            const bool inside = !(jnd_filter && c == 0) && 8 * (cc.col + hf) <= ctx->smp_w[c] &&
+                                8 * (cc.row + vf) <= ctx->smp_h[c];
+            const uint8_t *src = cc.plane + static_cast<ptrdiff_t>(8 * cc.row) * cc.stride + 8 * cc.col;
+            for (int v = 0; v < vf; ++v)
+                for (int h = 0; h < hf; ++h, ++b) {
                     int16_t *lv = mcu_levels + 64 * b;
-                    load(c, cc, cc.col + h, cc.row + v, lv);
+                    if (inside) load_inside(src + static_cast<ptrdiff_t>(8 * v) * cc.stride + 8 * h, cc.stride, lv);
+                    else load(c, cc, cc.col + h, cc.row + v, lv);
                     const uint64_t mask = fdct_quant_mask(lv, cc.q->recip, cc.offset);
                     // A level without category: the coder checks the levels.
                     mcu_code[b] = {cc.dc, cc.ac, lv, mask & 1 ? ~uint64_t(0) : mask, 0};
