@@ -7,6 +7,7 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
     proc->quant = kivoe_quant;
     proc->quant_mask = kivoe_quant_mask;
     proc->fdct_quant_mask = kivoe_fdct_quant_mask;
+    proc->fdct_quant_samples = nullptr;
     proc->quant_rdoq = kivoe_quant_rdoq;
     proc->jndfilt = kivoe_jndfilt8x8;
     proc->planes = kivoe_planes_c;
@@ -24,6 +25,7 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
     proc->quant = kivoe_quant_avx2;
     proc->quant_mask = kivoe_quant_mask_avx2;
     proc->fdct_quant_mask = kivoe_fdct_quant_mask_avx2;
+    proc->fdct_quant_samples = kivoe_fdct_quant_samples_avx2;
     proc->quant_rdoq = kivoe_quant_rdoq_avx2;
     proc->planes = kivoe_planes_avx2;
 #elif defined(KIVO_ARCH_arm)
@@ -42,7 +44,7 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
 
 const char *kivoe_dsp_describe(uint32_t cpu_flags) {
 #if defined(KIVO_ARCH_x86)
-    if (cpu_flags & KIVO_CPU_AVX2) return "fdct8 avx2, quant avx2, quant_rdoq avx2, jndfilt sse2, planes avx2, quant_mask avx2, fdct_quant_mask avx2";
+    if (cpu_flags & KIVO_CPU_AVX2) return "fdct8 avx2, quant avx2, quant_rdoq avx2, jndfilt sse2, planes avx2, quant_mask avx2, fdct_quant_mask avx2, fdct_quant_samples avx2";
     if (cpu_flags & KIVO_CPU_SSE2) return "fdct8 sse2, quant sse2, quant_rdoq sse2, jndfilt sse2, planes sse2, quant_mask sse2, fdct_quant_mask sse2";
 #elif defined(KIVO_ARCH_arm)
     if (cpu_flags & KIVO_CPU_NEON) return "fdct8 neon, quant neon, quant_rdoq neon, jndfilt neon, planes neon, quant_mask neon, fdct_quant_mask neon";

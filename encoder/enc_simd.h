@@ -18,6 +18,8 @@ void kivoe_fdct8_avx2(int16_t *blk);
 int32_t kivoe_quant_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 uint64_t kivoe_quant_mask_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 uint64_t kivoe_fdct_quant_mask_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+uint64_t kivoe_fdct_quant_samples_avx2(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *recip,
+                                       const uint16_t *offset);
 void kivoe_quant_rdoq_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_planes_avx2(const int16_t *blk, kivoe_planes *out);
 void kivoe_fdct8_neon(int16_t *blk);

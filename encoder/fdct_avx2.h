@@ -107,12 +107,28 @@ inline __m256i pairs(__m128i p, __m128i q) {
     return _mm256_set_m128i(_mm_unpackhi_epi16(p, q), _mm_unpacklo_epi16(p, q));
 }
 
-// The coefficients of the 8 x 8 samples at blk, two rows a vector.
-__attribute__((always_inline)) inline void fdct8_rows(const int16_t *blk, __m256i out[4]) {
+// The columns of the 8 x 8 samples at src (rows stride bytes apart) as
+// 16-bit vectors over the rows.
+inline void load_columns_u8(const uint8_t *src, ptrdiff_t stride, __m128i x[8]) {
+    __m128i r[8];
+    for (int i = 0; i < 8; ++i) r[i] = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src + i * stride));
+    // Bytes of two rows, then four, then eight interleaved: column c of
+    // rows 0 to 7 ends as bytes 8 (c % 2) to 8 (c % 2) + 7 of c4[c / 2].
+    const __m128i a0 = _mm_unpacklo_epi8(r[0], r[1]), a1 = _mm_unpacklo_epi8(r[2], r[3]);
+    const __m128i a2 = _mm_unpacklo_epi8(r[4], r[5]), a3 = _mm_unpacklo_epi8(r[6], r[7]);
+    const __m128i b0 = _mm_unpacklo_epi16(a0, a1), b1 = _mm_unpackhi_epi16(a0, a1);
+    const __m128i b2 = _mm_unpacklo_epi16(a2, a3), b3 = _mm_unpackhi_epi16(a2, a3);
+    const __m128i c4[4] = {_mm_unpacklo_epi32(b0, b2), _mm_unpackhi_epi32(b0, b2), _mm_unpacklo_epi32(b1, b3),
+                           _mm_unpackhi_epi32(b1, b3)};
+    for (int i = 0; i < 4; ++i) {
+        x[2 * i] = _mm_cvtepu8_epi16(c4[i]);
+        x[2 * i + 1] = _mm_unpackhi_epi8(c4[i], _mm_setzero_si128());
+    }
+}
+
+// The coefficients of the samples whose columns x holds, two rows a vector.
+__attribute__((always_inline)) inline void fdct8_columns(const __m128i x[8], __m256i out[4]) {
     const Consts k;
-    // Columns of the block as vectors over the rows.
-    __m128i x[8];
-    load_columns(blk, x);
 
     // Row pass in 16 bits, lane r working on row r (every value below 2^11
     // in magnitude). The level shift changes only the sum of a row, by
@@ -161,5 +177,12 @@ __attribute__((always_inline)) inline void fdct8_rows(const int16_t *blk, __m256
 }
 
 }  // namespace
+
+// The coefficients of the 8 x 8 samples at blk, two rows a vector.
+__attribute__((always_inline)) inline void fdct8_rows(const int16_t *blk, __m256i out[4]) {
+    __m128i x[8];
+    load_columns(blk, x);
+    fdct8_columns(x, out);
+}
 
 #endif

@@ -136,6 +136,8 @@ typedef void (*kivoe_fdct_fn)(int16_t *blk);
 typedef int32_t (*kivoe_quant_fn)(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 typedef void (*kivoe_quant_rdoq_fn)(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 typedef uint64_t (*kivoe_quant_mask_fn)(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+typedef uint64_t (*kivoe_quant_samples_fn)(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *recip,
+                                           const uint16_t *offset);
 typedef void (*kivoe_jndfilt_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
 // Bit planes of a block's AC levels in zig-zag order, for the progressive
 // writer: bit z of nz[a] is set when |level| >> a is not zero, of odd[a]
@@ -168,6 +170,9 @@ struct kivoe_proc {
     kivoe_planes_fn planes;
     kivoe_quant_mask_fn quant_mask;
     kivoe_quant_mask_fn fdct_quant_mask;  // kivoe_fdct_quant_mask
+    // kivoe_fdct_quant_samples where a variant reads the samples faster
+    // than a widening copy and kivoe_fdct_quant_mask; null otherwise.
+    kivoe_quant_samples_fn fdct_quant_samples;
 };
 
 struct kivoe_ctx {
@@ -312,6 +317,10 @@ void kivoe_quant_rdoq(int16_t *blk, const uint16_t *recip, const uint16_t *offse
 uint64_t kivoe_quant_mask(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 // kivoe_fdct8 then kivoe_quant_mask, of the samples at blk.
 uint64_t kivoe_fdct_quant_mask(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+// kivoe_fdct_quant_mask of the 8 x 8 samples at src (rows stride bytes
+// apart), the levels stored at blk.
+uint64_t kivoe_fdct_quant_samples(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *recip,
+                                  const uint16_t *offset);
 // Adaptive rounding: moves the offsets of the non-zero levels by their
 // reconstruction errors (coef: the unquantized coefficients).
 void kivoe_update_offset(const int16_t *levels, const int16_t *coef, const uint16_t *q,

@@ -486,6 +486,7 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
     const bool jnd_filter = ctx->jnd_filter, jnd_suppress = ctx->jnd_suppress, adaptive = ctx->adaptive_rounding;
     const kivoe_fdct_fn fdct8 = p.fdct8;
     const kivoe_quant_mask_fn quant_mask = p.quant_mask, fdct_quant_mask = p.fdct_quant_mask;
+    const kivoe_quant_samples_fn fdct_quant_samples = p.fdct_quant_samples;
     const bool keep = jnd_suppress || adaptive;
     // With the writers in the coder slots, a block's codes go out together.
     const bool fused = p.vlc_dc == kivoe_vlc_dc && p.vlc_ac == kivoe_vlc_ac;
@@ -534,9 +535,15 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
             for (int v = 0; v < vf; ++v)
                 for (int h = 0; h < hf; ++h, ++b) {
                     int16_t *lv = mcu_levels + 64 * b;
-                    if (inside) load_inside(src + static_cast<ptrdiff_t>(8 * v) * cc.stride + 8 * h, cc.stride, lv);
-                    else load(c, cc, cc.col + h, cc.row + v, lv);
-                    const uint64_t mask = fdct_quant_mask(lv, cc.q->recip, cc.offset);
+                    const uint8_t *at = src + static_cast<ptrdiff_t>(8 * v) * cc.stride + 8 * h;
+                    uint64_t mask;
+                    if (inside && fdct_quant_samples) {
+                        mask = fdct_quant_samples(at, cc.stride, lv, cc.q->recip, cc.offset);
+                    } else {
+                        if (inside) load_inside(at, cc.stride, lv);
+                        else load(c, cc, cc.col + h, cc.row + v, lv);
+                        mask = fdct_quant_mask(lv, cc.q->recip, cc.offset);
+                    }
                     // A level without category: the coder checks the levels.
                     mcu_code[b] = {cc.dc, cc.ac, lv, mask & 1 ? ~uint64_t(0) : mask, 0};
                 }

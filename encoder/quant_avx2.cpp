@@ -127,6 +127,15 @@ uint64_t kivoe_fdct_quant_mask_avx2(int16_t *blk, const uint16_t *recip, const u
     return quant_mask_rows(c, blk, recip, offset);
 }
 
+uint64_t kivoe_fdct_quant_samples_avx2(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *recip,
+                                       const uint16_t *offset) {
+    __m128i x[8];
+    load_columns_u8(src, stride, x);
+    __m256i c[4];
+    fdct8_columns(x, c);
+    return quant_mask_rows(c, blk, recip, offset);
+}
+
 void kivoe_quant_rdoq_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
     const __m256i zero = _mm256_setzero_si256();
     for (int i = 0; i < 64; i += 16) {

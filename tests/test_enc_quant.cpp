@@ -289,6 +289,19 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
             p.fdct8(b.at);
             if (!(a == b)) fail("fdct8", flags, i);
         }
+        // From 8-bit samples, rows 13 bytes apart at an odd address.
+        const bool fqs = p.fdct_quant_samples && is_new(p.fdct_quant_samples);
+        checked += fqs;
+        for (size_t i = 0; fqs && i < sets.samples.size(); ++i) {
+            uint8_t plane[8 * 13 + 1];
+            for (int k = 0; k < 64; ++k) plane[1 + k / 8 * 13 + k % 8] = static_cast<uint8_t>(sets.samples[i][k]);
+            std::memcpy(&odd[1], sets.tables[i % sets.tables.size()].data(), 512);
+            const int16_t zero[64] = {};
+            Slot a(zero, i % 5), b(zero, i % 5);
+            if (kivoe_fdct_quant_samples(plane + 1, 13, a.at, &odd[65], &odd[129]) !=
+                    p.fdct_quant_samples(plane + 1, 13, b.at, &odd[65], &odd[129]) || !(a == b))
+                fail("fdct_quant_samples", flags, i);
+        }
         for (size_t i = 0; fqmask && i < sets.samples.size(); ++i) {
             std::memcpy(&odd[1], sets.tables[i % sets.tables.size()].data(), 512);
             Slot a(sets.samples[i].data(), i % 5), b(sets.samples[i].data(), i % 5);
