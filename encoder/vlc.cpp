@@ -342,10 +342,20 @@ void kivoe_vlc_blocks(xelo_bsw *bs, const kivoe_block_code *b, int32_t n) {
     if (FastSink::usable(bs) && bs->end_ptr - bs->write_ptr >= n * kBlockMargin) {
         FastSink sink(bs);
         for (; i < n; ++i) {
-            const int32_t k = kivo::category(b[i].diff);
-            if (k < 0) continue;  // nothing of the block is written, as in kivoe_vlc_block_mask
-            const kivoe_code &c = b[i].dc->code[k];
-            sink.put((static_cast<uint32_t>(c.code) << k) | (k ? extra_bits(as_int16(b[i].diff), k) : 0), c.len + k);
+            const int32_t diff = b[i].diff;
+            if (kMaskBits == 64 && static_cast<uint32_t>(diff + 2047) <= 4094u) {
+                // The size, sign and magnitude from kLevelTable; the extra
+                // bits of a negative difference are those of ~|diff|.
+                const uint32_t e = kLevelTable.e[diff + 2047], k = e >> 17;
+                const kivoe_code &c = b[i].dc->code[k];
+                const uint32_t ones = (e >> 16 & 1) ? (1u << k) - 1 : 0;
+                sink.put(((static_cast<uint32_t>(c.code) << k) | ones) ^ (e & 0xFFFF), c.len + static_cast<int32_t>(k));
+            } else {
+                const int32_t k = kivo::category(diff);
+                if (k < 0) continue;  // nothing of the block is written, as in kivoe_vlc_block_mask
+                const kivoe_code &c = b[i].dc->code[k];
+                sink.put((static_cast<uint32_t>(c.code) << k) | (k ? extra_bits(as_int16(diff), k) : 0), c.len + k);
+            }
             if (~b[i].mask) code_ac_fast(sink, b[i].ac, b[i].blk, b[i].mask);
             else code_ac(sink, b[i].ac, b[i].blk);
         }

@@ -122,7 +122,7 @@ TEST(EncHuffman, BlocksInTurnAsOneByOne) {
         if (i % 37 == 5) b[9] = 3000;
         uint64_t mask = 0;
         for (int z = 1; z < 64; ++z) mask |= static_cast<uint64_t>(b[kivo_tbl_zig_to_ras[z]] != 0) << z;
-        const int32_t diff = i % 29 == 3 ? 5000 : static_cast<int32_t>(rng() % 4095) - 2047;
+        const int32_t diff = i % 29 == 3 ? 5000 : i % 31 == 7 ? -3000 : i % 37 == 11 ? 2048 : static_cast<int32_t>(rng() % 4095) - 2047;
         code[i] = {&c.ctx->dc_tbl[i % kMcu / 4], &c.ctx->ac_tbl[i % kMcu / 4], b, i % 3 && b[9] != 3000 ? mask : ~uint64_t(0), diff};
     }
     ptrdiff_t before_last = 0;
