@@ -1,7 +1,7 @@
 // The AVX2 forward DCT as the transform step of AVX2 kernels: all eight
 // rows at once in 16-bit lanes, then all eight columns in 32-bit lanes,
-// bit-exact to the plain transform for samples 0 to 255. Internal linkage: only AVX2 files
-// include it.
+// bit-exact to the plain transform for samples 0 to 255. Internal linkage:
+// only AVX2 files include it.
 #ifndef KIVO_ENCODER_FDCT_AVX2_H
 #define KIVO_ENCODER_FDCT_AVX2_H
 
@@ -56,7 +56,8 @@ struct Consts {
 
 inline __m256i mul(__m256i x, __m256i k) { return _mm256_mullo_epi32(x, k); }
 
-// The butterflies shared by both passes; lane i works on its own line.
+// The column pass's butterflies in 32-bit lanes; lane i works on its own
+// column.
 inline Odd butterflies(const __m256i x[8], const Consts &k) {
     const __m256i s07 = _mm256_add_epi32(x[0], x[7]), s16 = _mm256_add_epi32(x[1], x[6]);
     const __m256i s25 = _mm256_add_epi32(x[2], x[5]), s34 = _mm256_add_epi32(x[3], x[4]);
