@@ -7,7 +7,7 @@
 // generated picture is. --switches adds the cost of each quality switch
 // over a plain one-thread encode.
 //
-// usage: bench_encode [--reps N] [--size WxH] [--switches] [FILE...]
+// usage: bench_encode [--reps N] [--size WxH] [--switches] [--only default|optimised] [FILE...]
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -183,11 +183,13 @@ double median(std::vector<double> v) {
 int main(int argc, char **argv) {
     int reps = 7, w = 2048, h = 1536;
     bool switches = false;
+    int only = -1;  // both table sources
     std::vector<std::string> files;
     for (int i = 1; i < argc; ++i) {
         if (!std::strcmp(argv[i], "--reps") && i + 1 < argc) reps = std::atoi(argv[++i]);
         else if (!std::strcmp(argv[i], "--size") && i + 1 < argc) std::sscanf(argv[++i], "%dx%d", &w, &h);
         else if (!std::strcmp(argv[i], "--switches")) switches = true;
+        else if (!std::strcmp(argv[i], "--only") && i + 1 < argc) only = std::strcmp(argv[++i], "default") != 0;
         else files.push_back(argv[i]);
     }
     std::vector<std::string> names = files;
@@ -212,6 +214,7 @@ int main(int argc, char **argv) {
         uint8_t qt[128];
         const std::string shown = name.substr(name.find_last_of('/') + 1).substr(0, 28);
         for (bool optimize : {false, true}) {
+            if (only >= 0 && optimize != (only == 1)) continue;
             double tt = 1e30, t1 = 1e30, t2 = 1e30;
             size_t st = 0, sk = 0;
             for (int r = 0; r < reps; ++r) {

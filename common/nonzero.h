@@ -135,6 +135,15 @@ inline constexpr NibbleZig kNibbleZig = make_nibble_zig();
 
 }  // namespace kivo_nz
 
+#if !defined(__ARM_NEON)
+// The zig-zag mask of the AC positions that the raster mask m marks.
+inline uint64_t kivo_zigzag_of_raster(uint64_t m) {
+    uint64_t z = 0;
+    for (int32_t i = 0; i < 16; ++i) z |= kivo_nz::kNibbleZig.m[i][(m >> (4 * i)) & 15];
+    return z;
+}
+#endif
+
 // Bit z set when the AC coefficient at zig-zag position z is not zero.
 inline uint64_t kivo_zigzag_ac_mask(const int16_t *blk, bool *all_coded) {
 #if defined(__ARM_NEON)
@@ -163,10 +172,7 @@ inline uint64_t kivo_zigzag_ac_mask(const int16_t *blk, bool *all_coded) {
     const uint8x8_t all = vpadd_u8(vpadd_u8(p0, p1), vpadd_u8(p2, p3));
     return vget_lane_u64(vreinterpret_u64_u8(all), 0) & ~uint64_t(1);
 #else
-    const uint64_t m = kivo_raster_mask(blk, all_coded);
-    uint64_t z = 0;
-    for (int32_t i = 0; i < 16; ++i) z |= kivo_nz::kNibbleZig.m[i][(m >> (4 * i)) & 15];
-    return z;
+    return kivo_zigzag_of_raster(kivo_raster_mask(blk, all_coded));
 #endif
 }
 

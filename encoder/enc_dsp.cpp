@@ -6,6 +6,8 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
     proc->fdct8 = kivoe_fdct8;
     proc->quant = kivoe_quant;
     proc->quant_mask = kivoe_quant_mask;
+    proc->fdct_quant_mask = kivoe_fdct_quant_mask;
+    proc->fdct_quant_samples = nullptr;
     proc->quant_rdoq = kivoe_quant_rdoq;
     proc->jndfilt = kivoe_jndfilt8x8;
     proc->planes = kivoe_planes_c;
@@ -14,6 +16,7 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
     proc->fdct8 = kivoe_fdct8_sse2;
     proc->quant = kivoe_quant_sse2;
     proc->quant_mask = kivoe_quant_mask_sse2;
+    proc->fdct_quant_mask = kivoe_fdct_quant_mask_sse2;
     proc->quant_rdoq = kivoe_quant_rdoq_sse2;
     proc->jndfilt = kivoe_jndfilt8x8_sse2;
     proc->planes = kivoe_planes_sse2;
@@ -21,6 +24,8 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
     proc->fdct8 = kivoe_fdct8_avx2;
     proc->quant = kivoe_quant_avx2;
     proc->quant_mask = kivoe_quant_mask_avx2;
+    proc->fdct_quant_mask = kivoe_fdct_quant_mask_avx2;
+    proc->fdct_quant_samples = kivoe_fdct_quant_samples_avx2;
     proc->quant_rdoq = kivoe_quant_rdoq_avx2;
     proc->planes = kivoe_planes_avx2;
 #elif defined(KIVO_ARCH_arm)
@@ -28,6 +33,7 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
     proc->fdct8 = kivoe_fdct8_neon;
     proc->quant = kivoe_quant_neon;
     proc->quant_mask = kivoe_quant_mask_neon;
+    proc->fdct_quant_mask = kivoe_fdct_quant_mask_neon;
     proc->quant_rdoq = kivoe_quant_rdoq_neon;
     proc->jndfilt = kivoe_jndfilt8x8_neon;
     proc->planes = kivoe_planes_neon;
@@ -38,12 +44,12 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
 
 const char *kivoe_dsp_describe(uint32_t cpu_flags) {
 #if defined(KIVO_ARCH_x86)
-    if (cpu_flags & KIVO_CPU_AVX2) return "fdct8 avx2, quant avx2, quant_rdoq avx2, jndfilt sse2, planes avx2, quant_mask avx2";
-    if (cpu_flags & KIVO_CPU_SSE2) return "fdct8 sse2, quant sse2, quant_rdoq sse2, jndfilt sse2, planes sse2, quant_mask sse2";
+    if (cpu_flags & KIVO_CPU_AVX2) return "fdct8 avx2, quant avx2, quant_rdoq avx2, jndfilt sse2, planes avx2, quant_mask avx2, fdct_quant_mask avx2, fdct_quant_samples avx2";
+    if (cpu_flags & KIVO_CPU_SSE2) return "fdct8 sse2, quant sse2, quant_rdoq sse2, jndfilt sse2, planes sse2, quant_mask sse2, fdct_quant_mask sse2";
 #elif defined(KIVO_ARCH_arm)
-    if (cpu_flags & KIVO_CPU_NEON) return "fdct8 neon, quant neon, quant_rdoq neon, jndfilt neon, planes neon, quant_mask neon";
+    if (cpu_flags & KIVO_CPU_NEON) return "fdct8 neon, quant neon, quant_rdoq neon, jndfilt neon, planes neon, quant_mask neon, fdct_quant_mask neon";
 #else
     (void)cpu_flags;
 #endif
-    return "fdct8 c, quant c, quant_rdoq c, jndfilt c, planes c, quant_mask c";
+    return "fdct8 c, quant c, quant_rdoq c, jndfilt c, planes c, quant_mask c, fdct_quant_mask c";
 }

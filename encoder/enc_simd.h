@@ -1,7 +1,7 @@
 // SIMD variants of the encoder's kernels; each gives exactly what the plain
 // one gives (the kivoe_quant variants for offsets below 32768 and
 // reciprocals up to 16384, which the half values and 16384 / q always are;
-// the kivoe_fdct8 variants for samples 0 to 255).
+// the kivoe_fdct8 and kivoe_fdct_quant_mask variants for samples 0 to 255).
 #ifndef KIVO_ENCODER_SIMD_H
 #define KIVO_ENCODER_SIMD_H
 
@@ -9,8 +9,7 @@
 
 int32_t kivoe_quant_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 uint64_t kivoe_quant_mask_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
-// The mask kivoe_quant_mask returns, of levels already quantized.
-uint64_t kivoe_level_mask_sse2(const int16_t *blk);
+uint64_t kivoe_fdct_quant_mask_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_quant_rdoq_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_fdct8_sse2(int16_t *blk);
 void kivoe_jndfilt8x8_sse2(const uint8_t *src, int32_t stride, int16_t *blk);
@@ -18,11 +17,15 @@ void kivoe_planes_sse2(const int16_t *blk, kivoe_planes *out);
 void kivoe_fdct8_avx2(int16_t *blk);
 int32_t kivoe_quant_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 uint64_t kivoe_quant_mask_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+uint64_t kivoe_fdct_quant_mask_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+uint64_t kivoe_fdct_quant_samples_avx2(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *recip,
+                                       const uint16_t *offset);
 void kivoe_quant_rdoq_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_planes_avx2(const int16_t *blk, kivoe_planes *out);
 void kivoe_fdct8_neon(int16_t *blk);
 int32_t kivoe_quant_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 uint64_t kivoe_quant_mask_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+uint64_t kivoe_fdct_quant_mask_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_quant_rdoq_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_jndfilt8x8_neon(const uint8_t *src, int32_t stride, int16_t *blk);
 void kivoe_planes_neon(const int16_t *blk, kivoe_planes *out);

@@ -136,6 +136,8 @@ typedef void (*kivoe_fdct_fn)(int16_t *blk);
 typedef int32_t (*kivoe_quant_fn)(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 typedef void (*kivoe_quant_rdoq_fn)(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 typedef uint64_t (*kivoe_quant_mask_fn)(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+typedef uint64_t (*kivoe_quant_samples_fn)(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *recip,
+                                           const uint16_t *offset);
 typedef void (*kivoe_jndfilt_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
 // Bit planes of a block's AC levels in zig-zag order, for the progressive
 // writer: bit z of nz[a] is set when |level| >> a is not zero, of odd[a]
@@ -167,6 +169,10 @@ struct kivoe_proc {
     kivoe_jndfilt_fn jndfilt;
     kivoe_planes_fn planes;
     kivoe_quant_mask_fn quant_mask;
+    kivoe_quant_mask_fn fdct_quant_mask;  // kivoe_fdct_quant_mask
+    // kivoe_fdct_quant_samples where a variant reads the samples faster
+    // than a widening copy and kivoe_fdct_quant_mask; null otherwise.
+    kivoe_quant_samples_fn fdct_quant_samples;
 };
 
 struct kivoe_ctx {
@@ -278,6 +284,18 @@ uint64_t kivoe_vlc_ac_stat_mask(kivoe_ac_tbl *t, const int16_t *blk);
 // known (found here then).
 int32_t kivoe_vlc_block_mask(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk,
                              uint64_t mask);
+// One block for kivoe_vlc_blocks.
+struct kivoe_block_code {
+    kivoe_dc_tbl *dc;
+    kivoe_ac_tbl *ac;
+    const int16_t *blk;
+    uint64_t mask;
+    int32_t diff;
+};
+// kivoe_vlc_block_mask for n blocks in turn, the writer's state kept in
+// registers from one to the next (a block that fails does not stop those
+// after it).
+void kivoe_vlc_blocks(xelo_bsw *bs, const kivoe_block_code *b, int32_t n);
 int32_t kivoe_vlc_dri_marker(xelo_bsw *bs, int32_t marker);
 int32_t kivoe_vlc_null(xelo_bsw *bs, int32_t marker);
 int32_t kivoe_vlc_footer(kivoe_ctx *ctx);
@@ -297,6 +315,12 @@ void kivoe_quant_rdoq(int16_t *blk, const uint16_t *recip, const uint16_t *offse
 // when some level of the block is above 2047 or below -2047: the coder then
 // checks the block itself for levels without a size category.
 uint64_t kivoe_quant_mask(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+// kivoe_fdct8 then kivoe_quant_mask, of the samples at blk.
+uint64_t kivoe_fdct_quant_mask(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
+// kivoe_fdct_quant_mask of the 8 x 8 samples at src (rows stride bytes
+// apart), the levels stored at blk.
+uint64_t kivoe_fdct_quant_samples(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *recip,
+                                  const uint16_t *offset);
 // Adaptive rounding: moves the offsets of the non-zero levels by their
 // reconstruction errors (coef: the unquantized coefficients).
 void kivoe_update_offset(const int16_t *levels, const int16_t *coef, const uint16_t *q,

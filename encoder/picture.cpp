@@ -64,6 +64,20 @@ void load_block(const uint8_t *plane, int32_t stride, int32_t ws, int32_t hs, in
     for (int r = rows; r < 8; ++r) std::memcpy(blk + 8 * r, blk + 8 * (r - 1), 16);
 }
 
+// Blocks in an MCU at most (two components of 2 x 2 and two of 1 x 1).
+constexpr int32_t kMaxMcuBlocks = 10;
+
+// Asks for the cache lines at column x of rows y to y + n - 1 of a plane of
+// hs rows. The blocks are read eight or sixteen rows at a time across the
+// picture, more streams at once than the processor follows by itself: each
+// 64-byte line is asked for two lines ahead of the block that starts it. A
+// prefetch past the end of a row does not fault.
+inline void prefetch_rows(const uint8_t *plane, int32_t stride, int32_t hs, int32_t x, int32_t y, int32_t n) {
+    if (n > hs - y) n = hs - y;
+    const uint8_t *p = plane + static_cast<ptrdiff_t>(y) * stride + x;
+    for (int32_t r = 0; r < n; ++r, p += stride) __builtin_prefetch(p);
+}
+
 // Appends n bytes to a writer, never past its end.
 void append_bytes(xelo_bsw *bs, const uint8_t *src, size_t n) {
     const size_t room = static_cast<size_t>(bs->end_ptr - bs->write_ptr);
@@ -471,20 +485,78 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
     // otherwise have them read again for every block.
     const bool jnd_filter = ctx->jnd_filter, jnd_suppress = ctx->jnd_suppress, adaptive = ctx->adaptive_rounding;
     const kivoe_fdct_fn fdct8 = p.fdct8;
-    const kivoe_quant_mask_fn quant_mask = p.quant_mask;
+    const kivoe_quant_mask_fn quant_mask = p.quant_mask, fdct_quant_mask = p.fdct_quant_mask;
+    const kivoe_quant_samples_fn fdct_quant_samples = p.fdct_quant_samples;
     const bool keep = jnd_suppress || adaptive;
     // With the writers in the coder slots, a block's codes go out together.
     const bool fused = p.vlc_dc == kivoe_vlc_dc && p.vlc_ac == kivoe_vlc_ac;
     // Blocks coded straight after the plain quantizer take its mask of
     // non-zero levels.
     const bool masked = fused && !prog && !jnd_suppress && !adaptive;
+    // Such blocks are transformed and quantized a whole MCU at a time before
+    // any is coded: the blocks' transforms do not wait for one another, nor
+    // for the coder's loops, and overlap.
+    int32_t per_mcu = 0;
+    for (int c = 0; c < nc; ++c) per_mcu += fh.h[c] * fh.v[c];
+    const bool by_mcu = masked && !reuse && per_mcu > 1 && per_mcu <= kMaxMcuBlocks;
+    alignas(32) int16_t mcu_levels[kMaxMcuBlocks * 64];
+    kivoe_block_code mcu_code[kMaxMcuBlocks];
+    // The samples of block (bcol, brow) of component c into dst.
+    auto load = [&](int c, const Comp &cc, int32_t bcol, int32_t brow, int16_t *dst) {
+        // The JND filter reads two lines above and below the block: only
+        // luma blocks a whole block away from every edge of the picture are
+        // filtered.
+        if (jnd_filter && c == 0 && bcol >= 1 && brow >= 1 && 8 * bcol + 16 <= ctx->smp_w[0] &&
+            8 * brow + 16 <= ctx->smp_h[0]) {
+            p.jndfilt(cc.plane + static_cast<ptrdiff_t>(8 * brow) * cc.stride + 8 * bcol, cc.stride, dst);
+        } else {
+            load_block(cc.plane, cc.stride, ctx->smp_w[c], ctx->smp_h[c], bcol, brow, dst);
+        }
+    };
     int32_t counter = 0;
     for (int32_t m = 0; m < job->n_mcu; ++m) {
         const int32_t at = first_mcu + m;
         if (prog && ctx->adaptive_rounding && m && at % ctx->prog_chunk == 0 && at / ctx->prog_chunk < kivo::kMaxThreads)
             for (int c = 0; c < nc; ++c)
                 for (int i = 0; i < 64; ++i) comp[c].adapt[i] = 8192;
-        for (int c = 0; c < nc; ++c) {
+        for (int c = 0; c < nc && !reuse; ++c) {
+            const Comp &cc = comp[c];
+            if ((cc.col & 7) == 0)
+                prefetch_rows(cc.plane, cc.stride, ctx->smp_h[c], 8 * cc.col + 128, 8 * cc.row, 8 * fh.v[c]);
+        }
+        for (int c = 0, b = 0; c < nc && by_mcu; ++c) {
+            const Comp &cc = comp[c];
+            const int hf = fh.h[c], vf = fh.v[c];
+            // The MCU's blocks of the component all inside the plane, none
+            // filtered: read straight from the plane.
+            const bool inside = !(jnd_filter && c == 0) && 8 * (cc.col + hf) <= ctx->smp_w[c] &&
+                                8 * (cc.row + vf) <= ctx->smp_h[c];
+            const uint8_t *src = cc.plane + static_cast<ptrdiff_t>(8 * cc.row) * cc.stride + 8 * cc.col;
+            for (int v = 0; v < vf; ++v)
+                for (int h = 0; h < hf; ++h, ++b) {
+                    int16_t *lv = mcu_levels + 64 * b;
+                    const uint8_t *at = src + static_cast<ptrdiff_t>(8 * v) * cc.stride + 8 * h;
+                    uint64_t mask;
+                    if (inside && fdct_quant_samples) {
+                        mask = fdct_quant_samples(at, cc.stride, lv, cc.q->recip, cc.offset);
+                    } else {
+                        if (inside) load_inside(at, cc.stride, lv);
+                        else load(c, cc, cc.col + h, cc.row + v, lv);
+                        mask = fdct_quant_mask(lv, cc.q->recip, cc.offset);
+                    }
+                    // A level without category: the coder checks the levels.
+                    mcu_code[b] = {cc.dc, cc.ac, lv, mask & 1 ? ~uint64_t(0) : mask, 0};
+                }
+        }
+        if (by_mcu) {
+            for (int c = 0, b = 0; c < nc; ++c)
+                for (int i = fh.h[c] * fh.v[c]; i > 0; --i, ++b) {
+                    mcu_code[b].diff = mcu_code[b].blk[0] - job->dc_pred[c];
+                    job->dc_pred[c] = mcu_code[b].blk[0];
+                }
+            kivoe_vlc_blocks(bs, mcu_code, per_mcu);
+        }
+        for (int c = 0; c < nc && !by_mcu; ++c) {
             Comp &cc = comp[c];
             const int hf = fh.h[c], vf = fh.v[c];
             for (int v = 0; v < vf; ++v) {
@@ -496,16 +568,7 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                         kept += 64;
                     } else {
                         const int32_t bcol = cc.col + h, brow = cc.row + v;
-                        // The JND filter reads two lines above and below the
-                        // block: only luma blocks a whole block away from every
-                        // edge of the picture are filtered.
-                        if (jnd_filter && c == 0 && bcol >= 1 && brow >= 1 && 8 * bcol + 16 <= ctx->smp_w[0] &&
-                            8 * brow + 16 <= ctx->smp_h[0]) {
-                            p.jndfilt(cc.plane + static_cast<ptrdiff_t>(8 * brow) * cc.stride + 8 * bcol,
-                                             cc.stride, blk);
-                        } else {
-                            load_block(cc.plane, cc.stride, ctx->smp_w[c], ctx->smp_h[c], bcol, brow, blk);
-                        }
+                        load(c, cc, bcol, brow, blk);
                         fdct8(blk);
                         if (jnd_suppress) kivoe_jnd_thresholds(blk[0], thr);
                         if (keep) kivo::copy_block(coef, blk);

@@ -34,6 +34,18 @@ uint64_t kivoe_quant_mask(int16_t *blk, const uint16_t *recip, const uint16_t *o
     return kivo_zigzag_ac_mask(blk, &all_coded) | (any > 2047);  // a magnitude of 2048 or more
 }
 
+uint64_t kivoe_fdct_quant_mask(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+    kivoe_fdct8(blk);
+    return kivoe_quant_mask(blk, recip, offset);
+}
+
+uint64_t kivoe_fdct_quant_samples(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *recip,
+                                  const uint16_t *offset) {
+    for (int r = 0; r < 8; ++r)
+        for (int c = 0; c < 8; ++c) blk[8 * r + c] = src[static_cast<ptrdiff_t>(r) * stride + c];
+    return kivoe_fdct_quant_mask(blk, recip, offset);
+}
+
 void kivoe_quant_rdoq(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
     for (int i = 0; i < 64; ++i) {
         const int32_t c = blk[i];

@@ -1,12 +1,23 @@
 // AVX2 quantizers, sixteen coefficients per step, bit-exact to the plain
-// ones (kivoe_quant for offsets below 32768, as the half values are).
+// ones (kivoe_quant for offsets below 32768, as the half values are), and
+// the transform and quantizer in one.
 #include <immintrin.h>
 
+#include "common/nonzero.h"
 #include "encoder/enc_simd.h"
+#include "encoder/fdct_avx2.h"
 
 namespace {
 
 inline __m256i load16(const void *p) { return _mm256_loadu_si256(static_cast<const __m256i *>(p)); }
+
+// Sixteen coefficients as two halves: the transforms store their rows eight
+// at a time, and a wider load of two such stores waits for both to retire.
+inline __m256i load_rows(const int16_t *p) {
+    const __m128i lo = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
+    const __m128i hi = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + 8));
+    return _mm256_inserti128_si256(_mm256_castsi128_si256(lo), hi, 1);
+}
 
 // Level of sign c and magnitude n: n for c > 0, -n otherwise.
 inline __m256i apply_sign(__m256i c, __m256i n) {
@@ -15,24 +26,59 @@ inline __m256i apply_sign(__m256i c, __m256i n) {
     return _mm256_blendv_epi8(_mm256_sub_epi16(zero, n), n, pos);
 }
 
+// Level magnitudes of sixteen coefficients c (at most 32767).
+inline __m256i magnitude(__m256i c, const uint16_t *recip, const uint16_t *offset) {
+    // |c| as unsigned 16 bits (32768 for -32768) plus the offset.
+    const __m256i a = _mm256_add_epi16(_mm256_abs_epi16(c), load16(offset));
+    const __m256i r = load16(recip);
+    // (a * recip) >> 14 from the two halves of the product (below 2^30).
+    const __m256i hi = _mm256_mulhi_epu16(a, r), lo = _mm256_mullo_epi16(a, r);
+    const __m256i n = _mm256_or_si256(_mm256_slli_epi16(hi, 2), _mm256_srli_epi16(lo, 14));
+    return _mm256_min_epu16(n, _mm256_set1_epi16(32767));
+}
+
+// Byte shuffles that put one flag a coefficient into zig-zag order. The
+// flags of rows 0 to 7 come as four vectors: rows 0 and 2 in the low lane
+// and 1 and 3 in the high one, that vector with its lanes swapped, and
+// the same for rows 4 to 7 (a row's eight bytes first or second in its
+// lane). kZigShuffle[v][j] picks, for zig-zag positions 32 j to 32 j + 31,
+// the bytes that vector v holds and zero elsewhere.
+struct ZigShuffle {
+    alignas(32) uint8_t b[4][2][32];
+};
+
+constexpr ZigShuffle make_zig_shuffle() {
+    ZigShuffle t{};
+    for (int v = 0; v < 4; ++v)
+        for (int j = 0; j < 2; ++j)
+            for (int k = 0; k < 32; ++k) {
+                const int z = 32 * j + k, lane = k / 16;
+                const int ras = kivo_nz::kZigToRas.z[z], row = ras / 8, col = ras % 8;
+                const int from = 2 * (row / 4) + ((row & 1) ^ lane);
+                t.b[v][j][k] = from == v ? static_cast<uint8_t>(8 * (row % 4 / 2) + col) : 0x80;
+            }
+    return t;
+}
+
+constexpr ZigShuffle kZigShuffle = make_zig_shuffle();
+
+// OR of the four vectors shuffled for half j of the zig-zag order.
+inline __m256i zigzag_half(const __m256i v[4], int j) {
+    __m256i out = _mm256_shuffle_epi8(v[0], load16(kZigShuffle.b[0][j]));
+    for (int k = 1; k < 4; ++k) out = _mm256_or_si256(out, _mm256_shuffle_epi8(v[k], load16(kZigShuffle.b[k][j])));
+    return out;
+}
+
 }  // namespace
 
 int32_t kivoe_quant_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
-    const __m256i limit = _mm256_set1_epi16(32767);
     const __m256i zero = _mm256_setzero_si256();
     __m256i zeros = zero;  // per lane: levels equal to 0
     for (int i = 0; i < 64; i += 16) {
-        const __m256i c = load16(blk + i);
-        // |c| as unsigned 16 bits (32768 for -32768) plus the offset.
-        const __m256i a = _mm256_add_epi16(_mm256_abs_epi16(c), load16(offset + i));
-        const __m256i r = load16(recip + i);
-        // (a * recip) >> 14 from the two halves of the product (below 2^30).
-        const __m256i hi = _mm256_mulhi_epu16(a, r), lo = _mm256_mullo_epi16(a, r);
-        __m256i n = _mm256_or_si256(_mm256_slli_epi16(hi, 2), _mm256_srli_epi16(lo, 14));
-        n = _mm256_min_epu16(n, limit);
-        const __m256i level = apply_sign(c, n);
-        _mm256_storeu_si256(reinterpret_cast<__m256i *>(blk + i), level);
-        zeros = _mm256_sub_epi16(zeros, _mm256_cmpeq_epi16(level, zero));
+        const __m256i c = load_rows(blk + i);
+        const __m256i n = magnitude(c, recip + i, offset + i);
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(blk + i), apply_sign(c, n));
+        zeros = _mm256_sub_epi16(zeros, _mm256_cmpeq_epi16(n, zero));
     }
     __m128i sum = _mm_add_epi16(_mm256_castsi256_si128(zeros), _mm256_extracti128_si256(zeros, 1));
     sum = _mm_madd_epi16(sum, _mm_set1_epi16(1));
@@ -41,9 +87,53 @@ int32_t kivoe_quant_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *of
     return 64 - _mm_cvtsi128_si32(sum);
 }
 
+namespace {
+
+// kivoe_quant_mask of the coefficients c (two rows a vector), the levels
+// stored at blk.
+inline uint64_t quant_mask_rows(const __m256i c[4], int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+    const __m256i zero = _mm256_setzero_si256();
+    __m256i n[4], any = zero;
+    for (int k = 0; k < 4; ++k) {
+        n[k] = magnitude(c[k], recip + 16 * k, offset + 16 * k);
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(blk + 16 * k), apply_sign(c[k], n[k]));
+        any = _mm256_or_si256(any, n[k]);
+    }
+    // One byte a coefficient, all ones where the level is zero (magnitudes
+    // above 255 saturate, so no other level packs to 0).
+    __m256i v[4];
+    v[0] = _mm256_cmpeq_epi8(_mm256_packus_epi16(n[0], n[1]), zero);
+    v[2] = _mm256_cmpeq_epi8(_mm256_packus_epi16(n[2], n[3]), zero);
+    v[1] = _mm256_permute2x128_si256(v[0], v[0], 0x01);
+    v[3] = _mm256_permute2x128_si256(v[2], v[2], 0x01);
+    const uint64_t zeros = static_cast<uint32_t>(_mm256_movemask_epi8(zigzag_half(v, 0))) |
+                           static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(zigzag_half(v, 1)))) << 32;
+    // A magnitude of 2048 or more sets a bit above the low eleven.
+    const bool big = !_mm256_testz_si256(any, _mm256_set1_epi16(-2048));
+    return (~zeros & ~uint64_t(1)) | big;  // bit 0 is the DC coefficient's
+}
+
+}  // namespace
+
 uint64_t kivoe_quant_mask_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
-    kivoe_quant_avx2(blk, recip, offset);
-    return kivoe_level_mask_sse2(blk);
+    __m256i c[4];
+    for (int k = 0; k < 4; ++k) c[k] = load_rows(blk + 16 * k);
+    return quant_mask_rows(c, blk, recip, offset);
+}
+
+uint64_t kivoe_fdct_quant_mask_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+    __m256i c[4];
+    fdct8_rows(blk, c);
+    return quant_mask_rows(c, blk, recip, offset);
+}
+
+uint64_t kivoe_fdct_quant_samples_avx2(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *recip,
+                                       const uint16_t *offset) {
+    __m128i x[8];
+    load_columns_u8(src, stride, x);
+    __m256i c[4];
+    fdct8_columns(x, c);
+    return quant_mask_rows(c, blk, recip, offset);
 }
 
 void kivoe_quant_rdoq_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {

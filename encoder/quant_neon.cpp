@@ -45,6 +45,11 @@ int32_t kivoe_quant_neon(int16_t *blk, const uint16_t *recip, const uint16_t *of
     return 64 - zeros;
 }
 
+uint64_t kivoe_fdct_quant_mask_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+    kivoe_fdct8_neon(blk);
+    return kivoe_quant_mask_neon(blk, recip, offset);
+}
+
 void kivoe_quant_rdoq_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
     asm volatile(KIVO_QUANT_RDOQ16 KIVO_QUANT_RDOQ16 KIVO_QUANT_RDOQ16 KIVO_QUANT_RDOQ16
                  : [b] "+r"(blk), [r] "+r"(recip), [o] "+r"(offset)

@@ -174,6 +174,46 @@ inline void code_half(FastSink &sink, MaskWord m, int32_t &next, const int16_t *
     }
 }
 
+// For each level v from -2047 to 2047 (at v + 2047): |v| in the low 16
+// bits and 2 size(v) + (1 for v < 0) above them, the with_extra index of v
+// for run 0. Looked up on 64-bit processors instead of finding both.
+struct LevelTable {
+    uint32_t e[4095];
+};
+
+constexpr LevelTable make_level_table() {
+    LevelTable t{};
+    for (int32_t v = -2047; v <= 2047; ++v) {
+        const uint32_t a = static_cast<uint32_t>(v < 0 ? -v : v);
+        uint32_t size = 0;
+        while ((a >> size) != 0) ++size;
+        t.e[v + 2047] = (2 * size + (v < 0 ? 1u : 0u)) << 16 | a;
+    }
+    return t;
+}
+
+constexpr LevelTable kLevelTable = make_level_table();
+
+// code_half for the whole mask on 64-bit processors, each level's index and
+// magnitude from kLevelTable.
+inline int32_t code_mask64(FastSink &sink, uint64_t m, const int16_t *blk, const uint32_t *with_extra,
+                           const uint8_t *len_with_extra, const kivoe_code zrl) {
+    const uint32_t *level = kLevelTable.e + 2047;
+    uint64_t next = 1;
+    for (; m; m &= m - 1) {
+        const uint64_t at = static_cast<uint64_t>(__builtin_ctzll(m));
+        const uint32_t e = level[blk[kivo_tbl_zig_to_ras[at]]];
+        uint64_t run = at - next;
+        next = at + 1;
+        if (__builtin_expect(run >= 16, 0)) {
+            for (; run >= 16; run -= 16) sink.put(zrl.code, zrl.len);
+        }
+        const uint64_t i = 32 * run + (e >> 16);
+        sink.put(with_extra[i] ^ (e & 0xFFFF), len_with_extra[i]);
+    }
+    return static_cast<int32_t>(next);
+}
+
 __attribute__((always_inline)) inline int32_t code_ac_fast(FastSink &out, const kivoe_ac_tbl *t, const int16_t *blk,
                                                           uint64_t mask) {
     FastSink sink = out;
@@ -182,7 +222,7 @@ __attribute__((always_inline)) inline int32_t code_ac_fast(FastSink &out, const 
     const kivoe_code zrl = t->by_symbol[0xF0];
     int32_t next = 1;
     if constexpr (kMaskBits == 64) {
-        code_half<0>(sink, static_cast<MaskWord>(mask), next, blk, with_extra, len_with_extra, zrl);
+        next = code_mask64(sink, mask, blk, t->with_extra, t->len_with_extra, zrl);
     } else {
         code_half<0>(sink, static_cast<MaskWord>(mask), next, blk, with_extra, len_with_extra, zrl);
         code_half<32>(sink, static_cast<MaskWord>(mask >> 32), next, blk, with_extra, len_with_extra, zrl);
@@ -279,6 +319,33 @@ int32_t kivoe_vlc_block_mask(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, i
     const int32_t ret = ~mask ? code_ac_fast(sink, ac, blk, mask) : code_ac(sink, ac, blk);
     sink.store(bs);
     return ret;
+}
+
+void kivoe_vlc_blocks(xelo_bsw *bs, const kivoe_block_code *b, int32_t n) {
+    int32_t i = 0;
+    if (FastSink::usable(bs) && bs->end_ptr - bs->write_ptr >= n * kBlockMargin) {
+        FastSink sink(bs);
+        for (; i < n; ++i) {
+            const int32_t diff = b[i].diff;
+            if (kMaskBits == 64 && static_cast<uint32_t>(diff + 2047) <= 4094u) {
+                // The size, sign and magnitude from kLevelTable; the extra
+                // bits of a negative difference are those of ~|diff|.
+                const uint32_t e = kLevelTable.e[diff + 2047], k = e >> 17;
+                const kivoe_code &c = b[i].dc->code[k];
+                const uint32_t ones = (e >> 16 & 1) ? (1u << k) - 1 : 0;
+                sink.put(((static_cast<uint32_t>(c.code) << k) | ones) ^ (e & 0xFFFF), c.len + static_cast<int32_t>(k));
+            } else {
+                const int32_t k = kivo::category(diff);
+                if (k < 0) continue;  // nothing of the block is written, as in kivoe_vlc_block_mask
+                const kivoe_code &c = b[i].dc->code[k];
+                sink.put((static_cast<uint32_t>(c.code) << k) | (k ? extra_bits(as_int16(diff), k) : 0), c.len + k);
+            }
+            if (~b[i].mask) code_ac_fast(sink, b[i].ac, b[i].blk, b[i].mask);
+            else code_ac(sink, b[i].ac, b[i].blk);
+        }
+        sink.store(bs);
+    }
+    for (; i < n; ++i) kivoe_vlc_block_mask(bs, b[i].dc, b[i].ac, b[i].diff, b[i].blk, b[i].mask);
 }
 
 int32_t kivoe_vlc_ac(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk) {

@@ -263,11 +263,12 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
     kivoe_proc plain{};
     kivoe_dsp_init(&plain, 0);
     ASSERT_TRUE(plain.fdct8 == &kivoe_fdct8 && plain.quant == &kivoe_quant && plain.quant_rdoq == &kivoe_quant_rdoq &&
-                plain.jndfilt == &kivoe_jndfilt8x8 && plain.planes == &kivoe_planes_c && plain.quant_mask == &kivoe_quant_mask);
+                plain.jndfilt == &kivoe_jndfilt8x8 && plain.planes == &kivoe_planes_c && plain.quant_mask == &kivoe_quant_mask &&
+                plain.fdct_quant_mask == &kivoe_fdct_quant_mask);
     std::set<const void *> seen;
     auto is_new = [&seen](auto f) { return seen.insert(reinterpret_cast<const void *>(f)).second; };
     is_new(plain.fdct8), is_new(plain.quant), is_new(plain.quant_rdoq), is_new(plain.jndfilt), is_new(plain.planes),
-        is_new(plain.quant_mask);
+        is_new(plain.quant_mask), is_new(plain.fdct_quant_mask);
     int checked = 0, failures = 0;
     auto fail = [&failures](const char *what, uint32_t flags, size_t i) {
         if (failures++ < 5) ADD_FAILURE() << what << " at CPU flags " << flags << ": block " << i;
@@ -278,15 +279,34 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
         kivoe_proc p{};
         kivoe_dsp_init(&p, flags);
         std::printf("%s\n", kivoe_dsp_describe(flags));
-        ASSERT_TRUE(p.fdct8 && p.quant && p.quant_rdoq && p.jndfilt && p.planes && p.quant_mask) << flags;
+        ASSERT_TRUE(p.fdct8 && p.quant && p.quant_rdoq && p.jndfilt && p.planes && p.quant_mask && p.fdct_quant_mask) << flags;
         const bool fdct = is_new(p.fdct8), quant = is_new(p.quant), rdoq = is_new(p.quant_rdoq), jnd = is_new(p.jndfilt),
-                   planes = is_new(p.planes), qmask = is_new(p.quant_mask);
-        checked += fdct + quant + rdoq + jnd + planes + qmask;
+                   planes = is_new(p.planes), qmask = is_new(p.quant_mask), fqmask = is_new(p.fdct_quant_mask);
+        checked += fdct + quant + rdoq + jnd + planes + qmask + fqmask;
         for (size_t i = 0; fdct && i < sets.samples.size(); ++i) {
             Slot a(sets.samples[i].data(), i % 5), b(sets.samples[i].data(), i % 5);
             plain.fdct8(a.at);
             p.fdct8(b.at);
             if (!(a == b)) fail("fdct8", flags, i);
+        }
+        // From 8-bit samples, rows 13 bytes apart at an odd address.
+        const bool fqs = p.fdct_quant_samples && is_new(p.fdct_quant_samples);
+        checked += fqs;
+        for (size_t i = 0; fqs && i < sets.samples.size(); ++i) {
+            uint8_t plane[8 * 13 + 1];
+            for (int k = 0; k < 64; ++k) plane[1 + k / 8 * 13 + k % 8] = static_cast<uint8_t>(sets.samples[i][k]);
+            std::memcpy(&odd[1], sets.tables[i % sets.tables.size()].data(), 512);
+            const int16_t zero[64] = {};
+            Slot a(zero, i % 5), b(zero, i % 5);
+            if (kivoe_fdct_quant_samples(plane + 1, 13, a.at, &odd[65], &odd[129]) !=
+                    p.fdct_quant_samples(plane + 1, 13, b.at, &odd[65], &odd[129]) || !(a == b))
+                fail("fdct_quant_samples", flags, i);
+        }
+        for (size_t i = 0; fqmask && i < sets.samples.size(); ++i) {
+            std::memcpy(&odd[1], sets.tables[i % sets.tables.size()].data(), 512);
+            Slot a(sets.samples[i].data(), i % 5), b(sets.samples[i].data(), i % 5);
+            if (plain.fdct_quant_mask(a.at, &odd[65], &odd[129]) != p.fdct_quant_mask(b.at, &odd[65], &odd[129]) || !(a == b))
+                fail("fdct_quant_mask", flags, i);
         }
         for (size_t i = 0; planes && i < sets.coefs.size(); ++i) {
             Slot a(sets.coefs[i].data(), i % 5);

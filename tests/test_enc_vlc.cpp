@@ -1,6 +1,7 @@
 // Optimal Huffman tables of the encoder: figures at the edges, never worse
-// than the typical tables, always accepted by the decoder. (The coder's
-// output is decoded in DecVld.BlocksAtEveryScale.)
+// than the typical tables, always accepted by the decoder; blocks coded an
+// MCU at a time as one by one. (The coder's output is decoded in
+// DecVld.BlocksAtEveryScale.)
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -99,6 +100,47 @@ TEST(EncHuffman, OptimalNeverWorseThanTypical) {
         // Counts beyond the search bound are scaled, which may cost a
         // fraction of a bit per symbol; within it the code is optimal.
         EXPECT_LE(cost_opt, cost_def * (trial < 30 ? 1 : 1.001L)) << trial;
+    }
+}
+
+// Blocks coded an MCU at a time give the bytes of blocks coded one by one:
+// sparse and dense blocks, masks known or not, DC differences and levels
+// without a category; with room for everything, and with an output that
+// ends within the last MCU, of levels of the largest category, when there is room left
+// for a block but not for an MCU.
+TEST(EncHuffman, BlocksInTurnAsOneByOne) {
+    Ctx c;
+    std::mt19937 rng(5);
+    constexpr int kBlocks = 240, kMcu = 6;
+    std::vector<int16_t> levels(64 * kBlocks);
+    std::vector<kivoe_block_code> code(kBlocks);
+    for (int i = 0; i < kBlocks; ++i) {
+        int16_t *b = &levels[64 * i];
+        const unsigned density = i >= kBlocks - kMcu ? 32 : 1 + i % 4 * 8;  // in 32
+        for (int k = 1; k < 64; ++k)
+            if (rng() % 32 < density) b[k] = static_cast<int16_t>(i >= kBlocks - kMcu ? (k % 2 ? 1023 : -1023) : static_cast<int>(rng() % 2047) - 1023);
+        if (i % 37 == 5) b[9] = 3000;
+        uint64_t mask = 0;
+        for (int z = 1; z < 64; ++z) mask |= static_cast<uint64_t>(b[kivo_tbl_zig_to_ras[z]] != 0) << z;
+        const int32_t diff = i % 29 == 3 ? 5000 : i % 31 == 7 ? -3000 : i % 37 == 11 ? 2048 : static_cast<int32_t>(rng() % 4095) - 2047;
+        code[i] = {&c.ctx->dc_tbl[i % kMcu / 4], &c.ctx->ac_tbl[i % kMcu / 4], b, i % 3 && b[9] != 3000 ? mask : ~uint64_t(0), diff};
+    }
+    ptrdiff_t before_last = 0;
+    for (int32_t size : {64 * kBlocks * 4, 0}) {
+        if (!size) size = static_cast<int32_t>(before_last) + 700;
+        std::vector<uint8_t> one(static_cast<size_t>(size)), mcu(static_cast<size_t>(size));
+        xelo_bsw a, b;
+        xelo_bsw_init(&a, one.data(), size, kivoe_bs_flush_data_seg);
+        xelo_bsw_init(&b, mcu.data(), size, kivoe_bs_flush_data_seg);
+        for (int i = 0; i < kBlocks; i += kMcu) {
+            before_last = a.write_ptr - a.start_ptr;
+            for (int k = i; k < i + kMcu; ++k) kivoe_vlc_block_mask(&a, code[k].dc, code[k].ac, code[k].diff, code[k].blk, code[k].mask);
+            kivoe_vlc_blocks(&b, &code[i], kMcu);
+        }
+        xelo_bsw_sink(&a);
+        xelo_bsw_sink(&b);
+        EXPECT_TRUE(a.overflow == (size < 64 * kBlocks * 4) && b.overflow == a.overflow) << size;
+        EXPECT_TRUE(a.write_ptr - a.start_ptr == b.write_ptr - b.start_ptr && one == mcu) << size;
     }
 }
 
