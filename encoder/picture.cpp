@@ -71,11 +71,15 @@ constexpr int32_t kMaxMcuBlocks = 10;
 // hs rows. The blocks are read eight or sixteen rows at a time across the
 // picture, more streams at once than the processor follows by itself: each
 // 64-byte line is asked for two lines ahead of the block that starts it. A
-// prefetch past the end of a row does not fault.
+// prefetch past the end of a row or plane does not fault; the addresses are
+// worked out as integers, since they may lie outside the plane (or a plane
+// that is not there).
 inline void prefetch_rows(const uint8_t *plane, int32_t stride, int32_t hs, int32_t x, int32_t y, int32_t n) {
+    if (!plane) return;
     if (n > hs - y) n = hs - y;
-    const uint8_t *p = plane + static_cast<ptrdiff_t>(y) * stride + x;
-    for (int32_t r = 0; r < n; ++r, p += stride) __builtin_prefetch(p);
+    uintptr_t a = reinterpret_cast<uintptr_t>(plane) + static_cast<uintptr_t>(static_cast<ptrdiff_t>(y) * stride + x);
+    for (int32_t r = 0; r < n; ++r, a += static_cast<uintptr_t>(static_cast<ptrdiff_t>(stride)))
+        __builtin_prefetch(reinterpret_cast<const void *>(a));
 }
 
 // Appends n bytes to a writer, never past its end.
