@@ -332,7 +332,11 @@ kivod_prog_scan kivod_prog_scan_of(kivod_ctx *ctx, const kivod_sh &sh, const kiv
     return s;
 }
 
-int32_t kivod_prog_scan_blocks(const kivod_ctx *ctx, const kivod_prog_scan &s, kivod_bs *bs, int32_t *rows_done) {
+namespace {
+
+// The block loop with its step (values a block) a constant.
+template <size_t step>
+int32_t scan_blocks(const kivod_ctx *ctx, const kivod_prog_scan &s, kivod_bs *bs, int32_t *rows_done) {
     const kivod_sh &sh = s.sh;
     const kivod_fh &fh = ctx->fh;
     ScanCoder coder;
@@ -348,7 +352,6 @@ int32_t kivod_prog_scan_blocks(const kivod_ctx *ctx, const kivod_prog_scan &s, k
     int16_t pred[4] = {0, 0, 0, 0};
     int32_t eob_run = 0;
     const int ns = sh.n_comp;
-    const size_t step = static_cast<size_t>(s.step);
     int32_t ret = KIVO_OK;
     *rows_done = 0;  // block rows (one component) or MCU rows decoded
     if (ns == 1) {
@@ -386,6 +389,12 @@ int32_t kivod_prog_scan_blocks(const kivod_ctx *ctx, const kivod_prog_scan &s, k
     }
     if (ret == KIVO_OK && eob_run > 0) ret = KIVO_ERR_MALFORMED;
     return ret;
+}
+
+}  // namespace
+
+int32_t kivod_prog_scan_blocks(const kivod_ctx *ctx, const kivod_prog_scan &s, kivod_bs *bs, int32_t *rows_done) {
+    return s.step == 1 ? scan_blocks<1>(ctx, s, bs, rows_done) : scan_blocks<64>(ctx, s, bs, rows_done);
 }
 
 int32_t kivod_dec_scan_prog(kivod_ctx *ctx, int32_t *done) {
