@@ -63,7 +63,7 @@ void plan_resize(const kivod_ctx *ctx, kivod_work *w, int32_t next_row, int32_t 
 
 }  // namespace
 
-void kivod_split_slices(kivod_ctx *ctx, bool even) {
+void kivod_split_slices(kivod_ctx *ctx) {
     const kivod_sh &sh = ctx->sh;
     const kivod_fh &fh = ctx->fh;
     const int ns = sh.n_comp;
@@ -82,12 +82,12 @@ void kivod_split_slices(kivod_ctx *ctx, bool even) {
     if (n > units) n = units;
     if (n < 1) n = 1;
     // Slice i starts once the skim has walked slices 0 .. i-1, so later
-    // slices get less (unless they all start at once: even shares): shares in 1/4096 of 4096 * (1 - s)^i with s = 1/2,
+    // slices get less: shares in 1/4096 of 4096 * (1 - s)^i with s = 1/2,
     // every slice at least one unit, the last one whatever is left.
     int32_t share[kivo::kMaxThreads];
     {
         int64_t total = 0, weight[kivo::kMaxThreads];
-        for (int i = 0; i < n; ++i) total += weight[i] = even ? 4096 : int64_t(4096) >> i;
+        for (int i = 0; i < n; ++i) total += weight[i] = int64_t(4096) >> i;
         int32_t left = units;
         for (int i = 0; i < n; ++i) {
             int32_t r = static_cast<int32_t>((weight[i] * units + total / 2) / total);
@@ -178,11 +178,13 @@ bool restart_entries(const kivod_ctx *ctx, const uint8_t *entry[kivo::kMaxThread
 // restart marker that ends it, exactly where the next one started: then each
 // started as the skim would have started it (the reader does not stop at
 // markers, so damaged data can make the decode and the markers disagree).
-// False when the slices could not start so, or their result is not kept.
-bool run_from_markers(kivod_ctx *ctx) {
+// Discarded results are decoded again from the skim's entries.
+enum class Markers { kNotTried, kKept, kDiscarded };
+
+Markers run_from_markers(kivod_ctx *ctx) {
     const int n = ctx->n_threads;
     const uint8_t *entry[kivo::kMaxThreads];
-    if (!restart_entries(ctx, entry)) return false;
+    if (!restart_entries(ctx, entry)) return Markers::kNotTried;
     for (int i = 1; i < n; ++i) {
         kivod_work *w = ctx->work[i];
         w->bs = ctx->scan_bs;
@@ -197,29 +199,27 @@ bool run_from_markers(kivod_ctx *ctx) {
     void *args[kivo::kMaxThreads];
     for (int i = 0; i < n; ++i) args[i] = ctx->work[i];
     // A slice that failed, or could not start, leaves it to the skim.
-    if (kivo::fork_join(ctx->tpool, ctx->threads, n, kivod_thread_job, args) != KIVO_OK) return false;
+    if (kivo::fork_join(ctx->tpool, ctx->threads, n, kivod_thread_job, args) != KIVO_OK) return Markers::kDiscarded;
     for (int i = 0; i + 1 < n; ++i) {
         const kivod_work *w = ctx->work[i];
-        if (w->stopped || w->mcu_done != w->n_mcu || position(w->bs) != entry[i + 1]) return false;
+        if (w->stopped || w->mcu_done != w->n_mcu || position(w->bs) != entry[i + 1]) return Markers::kDiscarded;
     }
-    return true;
+    return Markers::kKept;
 }
 
 }  // namespace
 
 int32_t kivod_skim_and_run(kivod_ctx *ctx) {
+    const int n = ctx->n_threads;
     ctx->work[0]->bs = ctx->scan_bs;
-    if (ctx->n_threads == 1) return kivod_thread_job(ctx->work[0]);
-    if (ctx->dri.length && ctx->dri.interval && ctx->scan_bs.type == KIVOD_INPUT_BITB) {
-        // From the restart markers the slices all start at once: even shares.
-        kivod_split_slices(ctx, true);
-        ctx->work[0]->bs = ctx->scan_bs;
-        if (run_from_markers(ctx)) return KIVO_OK;
-        // Otherwise from the skim's entries, the slices afresh.
-        kivod_split_slices(ctx, false);
+    if (n == 1) return kivod_thread_job(ctx->work[0]);
+    const Markers m = run_from_markers(ctx);
+    if (m == Markers::kKept) return KIVO_OK;
+    if (m == Markers::kDiscarded) {
+        // Decoded again from the skim's entries: the slices start afresh.
+        kivod_split_slices(ctx);
         ctx->work[0]->bs = ctx->scan_bs;
     }
-    const int n = ctx->n_threads;
 
     // Each slice's status; the scan reports that of the first slice, in
     // picture order, that failed. Decoding got no further than that slice,
