@@ -133,93 +133,12 @@ int32_t start_slice(kivod_ctx *ctx, int i) {
     return ctx->tpool.run(ctx->threads[i + 1], kivod_thread_job, ctx->work[i]);
 }
 
-// The reader's next byte, its cache given back.
-const uint8_t *position(kivod_bs bs) {
-    kivod_bs_rewind_cache(&bs, 0);
-    return bs.cur;
-}
-
-// Where each slice after the first would start if the data hold exactly one
-// restart marker between restart intervals: after the marker that ends the
-// interval before the slice's first MCU (found by looking for markers, not
-// by decoding). False when a slice does not start an interval or a marker
-// is missing.
-bool restart_entries(const kivod_ctx *ctx, const uint8_t *entry[kivo::kMaxThreads]) {
-    const int32_t interval = ctx->dri.length ? ctx->dri.interval : 0;
-    if (!interval || ctx->scan_bs.type != KIVOD_INPUT_BITB) return false;
-    const uint8_t *p = position(ctx->scan_bs), *end = ctx->scan_bs.end;  // end: the last byte
-    int32_t markers = 0;
-    for (int i = 1; i < ctx->n_threads; ++i) {
-        const int32_t first = ctx->work[i]->first_mcu;
-        if (first % interval) return false;
-        while (markers < first / interval) {
-            if (p >= end) return false;
-            const void *ff = std::memchr(p, 0xFF, static_cast<size_t>(end - p));
-            if (!ff) return false;
-            p = static_cast<const uint8_t *>(ff);
-            if (p[1] == 0x00) {
-                p += 2;
-            } else if (p[1] == 0xFF) {
-                p += 1;
-            } else if (p[1] >= 0xD0 && p[1] <= 0xD7) {
-                p += 2;
-                ++markers;
-            } else {
-                return false;
-            }
-        }
-        entry[i] = p;
-    }
-    return true;
-}
-
-// Every slice started at once, those after the first from the restart
-// markers' positions. Kept only when each slice ended, whole and after the
-// restart marker that ends it, exactly where the next one started: then each
-// started as the skim would have started it (the reader does not stop at
-// markers, so damaged data can make the decode and the markers disagree).
-// Discarded results are decoded again from the skim's entries.
-enum class Markers { kNotTried, kKept, kDiscarded };
-
-Markers run_from_markers(kivod_ctx *ctx) {
-    const int n = ctx->n_threads;
-    const uint8_t *entry[kivo::kMaxThreads];
-    if (!restart_entries(ctx, entry)) return Markers::kNotTried;
-    for (int i = 1; i < n; ++i) {
-        kivod_work *w = ctx->work[i];
-        w->bs = ctx->scan_bs;
-        w->bs.cur = entry[i];
-        w->bs.cache = 0;
-        w->bs.bits = 0;
-        w->bs.not_ff = 1;
-        std::memset(w->dc_pred, 0, sizeof(w->dc_pred));
-        w->rst_count = 0;
-        w->held = KIVO_OK;
-    }
-    void *args[kivo::kMaxThreads];
-    for (int i = 0; i < n; ++i) args[i] = ctx->work[i];
-    // A slice that failed, or could not start, leaves it to the skim.
-    if (kivo::fork_join(ctx->tpool, ctx->threads, n, kivod_thread_job, args) != KIVO_OK) return Markers::kDiscarded;
-    for (int i = 0; i + 1 < n; ++i) {
-        const kivod_work *w = ctx->work[i];
-        if (w->stopped || w->mcu_done != w->n_mcu || position(w->bs) != entry[i + 1]) return Markers::kDiscarded;
-    }
-    return Markers::kKept;
-}
-
 }  // namespace
 
 int32_t kivod_skim_and_run(kivod_ctx *ctx) {
     const int n = ctx->n_threads;
     ctx->work[0]->bs = ctx->scan_bs;
     if (n == 1) return kivod_thread_job(ctx->work[0]);
-    const Markers m = run_from_markers(ctx);
-    if (m == Markers::kKept) return KIVO_OK;
-    if (m == Markers::kDiscarded) {
-        // Decoded again from the skim's entries: the slices start afresh.
-        kivod_split_slices(ctx);
-        ctx->work[0]->bs = ctx->scan_bs;
-    }
 
     // Each slice's status; the scan reports that of the first slice, in
     // picture order, that failed. Decoding got no further than that slice,
