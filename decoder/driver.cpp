@@ -157,7 +157,6 @@ bool alloc_coef_buf(kivod_ctx *ctx, int c) {
 
 // Starts decoding the picture's scans: the scan reader on the first SOS,
 // and statistics and counters that describe this picture only.
-
 void start_picture(kivod_ctx *ctx) {
     ctx->scan_bs = ctx->main_bs;
     std::memset(ctx->stat_luma, 0, sizeof(ctx->stat_luma));

@@ -40,9 +40,10 @@ struct Scan {
 struct Plan {
     // The tables as the scans meet them; a scan reads copies of the slots
     // it selects, made when a slot has changed since the last copy.
-    kivod_dc_tbl dc[4];
-    kivod_ac_tbl ac[4];
-    kivod_htbl_spec spec[8];
+    // Named as the decoder's, which they are copied from and back to.
+    kivod_dc_tbl dc_tbl[4];
+    kivod_ac_tbl ac_tbl[4];
+    kivod_htbl_spec dht_spec[8];
     kivod_qtbl qtbl[4];
     uint8_t q_unit[4];
     kivod_dri dri;
@@ -60,6 +61,17 @@ struct Plan {
     kivod_ctx *ctx;
     uint64_t bytes;  // memory the plan holds, within the decoder's limit
 };
+
+// The tables the markers between scans set, between the decoder and a plan.
+template <class To, class From>
+void copy_tables(To &to, const From &from) {
+    std::memcpy(to.dc_tbl, from.dc_tbl, sizeof(to.dc_tbl));
+    std::memcpy(to.ac_tbl, from.ac_tbl, sizeof(to.ac_tbl));
+    std::memcpy(to.dht_spec, from.dht_spec, sizeof(to.dht_spec));
+    std::memcpy(to.qtbl, from.qtbl, sizeof(to.qtbl));
+    std::memcpy(to.q_unit, from.q_unit, sizeof(to.q_unit));
+    to.dri = from.dri;
+}
 
 // Memory for the plan, or null when the decoder's limit leaves no room.
 void *plan_alloc(Plan *p, size_t n) {
@@ -109,19 +121,19 @@ const uint8_t *next_marker(const uint8_t *p, const uint8_t *end) {
 bool add_scan(Plan *p, const kivod_sh &sh) {
     kivod_ctx *ctx = p->ctx;
     if (p->n == kMaxScans || (p->dri.length && p->dri.interval)) return false;
-    if (kivod_check_prog_scan(ctx, sh, p->dc, p->ac) != KIVO_OK) return false;
+    if (kivod_check_prog_scan(ctx, sh, p->dc_tbl, p->ac_tbl) != KIVO_OK) return false;
     Scan &s = p->scan[p->n];
     s.plan = p;
-    s.s = kivod_prog_scan_of(ctx, sh, p->dc, p->ac);
+    s.s = kivod_prog_scan_of(ctx, sh, p->dc_tbl, p->ac_tbl);
     for (int k = 0; k < sh.n_comp; ++k) {
         const int c = sh.comp_idx[k];
         const int td = sh.td[c] & 3, ta = sh.ta[c] & 3;
         if (sh.ss == 0 && sh.ah == 0) {
-            if (!p->dc_copy[td] && !(p->dc_copy[td] = copy_of(p, p->dc[td]))) return false;
+            if (!p->dc_copy[td] && !(p->dc_copy[td] = copy_of(p, p->dc_tbl[td]))) return false;
             s.s.dc[c] = p->dc_copy[td];
         }
         if (sh.ss > 0) {
-            if (!p->ac_copy[ta] && !(p->ac_copy[ta] = copy_of(p, p->ac[ta]))) return false;
+            if (!p->ac_copy[ta] && !(p->ac_copy[ta] = copy_of(p, p->ac_tbl[ta]))) return false;
             s.s.ac[c] = p->ac_copy[ta];
         }
         if (sh.ss == 0 && sh.ah > 0 && !p->dc_bits[c]) {
@@ -158,7 +170,7 @@ bool walk(Plan *p) {
         while (m == 0xFF) m = kivod_bs_read(bs, 8);
         if (kivod_bs_rewind_cache(bs, m == 0xD9 ? 2 : 0) != 0) return false;
         if (m == 0xC4) {
-            if (kivod_vld_htbl(bs, p->spec, p->dc, p->ac) != KIVO_OK) return false;
+            if (kivod_vld_htbl(bs, p->dht_spec, p->dc_tbl, p->ac_tbl) != KIVO_OK) return false;
             for (int t = 0; t < 4; ++t) p->dc_copy[t] = nullptr, p->ac_copy[t] = nullptr;
         } else if (m == 0xDB) {
             if (ctx->levels_only && scans > 0) return false;
@@ -354,12 +366,7 @@ bool kivod_prog_scans_mt(kivod_ctx *ctx, int32_t *scan_status, int32_t *done) {
     Plan *p = new (mem) Plan();
     p->ctx = ctx;
     p->bytes = sizeof(Plan);
-    std::memcpy(p->dc, ctx->dc_tbl, sizeof(p->dc));
-    std::memcpy(p->ac, ctx->ac_tbl, sizeof(p->ac));
-    std::memcpy(p->spec, ctx->dht_spec, sizeof(p->spec));
-    std::memcpy(p->qtbl, ctx->qtbl, sizeof(p->qtbl));
-    std::memcpy(p->q_unit, ctx->q_unit, sizeof(p->q_unit));
-    p->dri = ctx->dri;
+    copy_tables(*p, *ctx);
     p->bs = ctx->scan_bs;
     if (!walk(p) || !split(p)) {
         free_plan(p);
@@ -394,12 +401,7 @@ bool kivod_prog_scans_mt(kivod_ctx *ctx, int32_t *scan_status, int32_t *done) {
         const kivod_sh &sh = p->scan[i].s.sh;
         for (int k = 0; k < sh.n_comp; ++k) kivod_note_rows(ctx, sh.comp_idx[k], ctx->prog_blk_h[sh.comp_idx[k]]);
     }
-    std::memcpy(ctx->dc_tbl, p->dc, sizeof(p->dc));
-    std::memcpy(ctx->ac_tbl, p->ac, sizeof(p->ac));
-    std::memcpy(ctx->dht_spec, p->spec, sizeof(p->spec));
-    std::memcpy(ctx->qtbl, p->qtbl, sizeof(p->qtbl));
-    std::memcpy(ctx->q_unit, p->q_unit, sizeof(p->q_unit));
-    ctx->dri = p->dri;
+    copy_tables(*ctx, *p);
     if (p->n) ctx->sh = p->scan[p->n - 1].s.sh;
     ctx->scan_bs = p->bs;
     *done = p->done;

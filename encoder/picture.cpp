@@ -64,6 +64,10 @@ void load_block(const uint8_t *plane, int32_t stride, int32_t ws, int32_t hs, in
     for (int r = rows; r < 8; ++r) std::memcpy(blk + 8 * r, blk + 8 * (r - 1), 16);
 }
 
+// The mask a quantizer returned, as the block coder takes it: all ones
+// (not known, the coder checks the levels) when a level has no category.
+inline uint64_t coder_mask(uint64_t quant_mask) { return quant_mask & 1 ? ~uint64_t(0) : quant_mask; }
+
 // Blocks in an MCU at most (two components of 2 x 2 and two of 1 x 1).
 constexpr int32_t kMaxMcuBlocks = 10;
 
@@ -548,8 +552,7 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                         else load(c, cc, cc.col + h, cc.row + v, lv);
                         mask = fdct_quant_mask(lv, cc.q->recip, cc.offset);
                     }
-                    // A level without category: the coder checks the levels.
-                    mcu_code[b] = {cc.dc, cc.ac, lv, mask & 1 ? ~uint64_t(0) : mask, 0};
+                    mcu_code[b] = {cc.dc, cc.ac, lv, coder_mask(mask), 0};
                 }
         }
         if (by_mcu) {
@@ -577,8 +580,7 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                         if (jnd_suppress) kivoe_jnd_thresholds(blk[0], thr);
                         if (keep) kivo::copy_block(coef, blk);
                         if (masked) {
-                            mask = quant_mask(blk, cc.q->recip, cc.offset);
-                            if (mask & 1) mask = ~uint64_t(0);  // the coder checks the levels
+                            mask = coder_mask(quant_mask(blk, cc.q->recip, cc.offset));
                         } else if (adaptive) {
                             p.quant_rdoq(blk, cc.q->recip, cc.offset);
                         } else {

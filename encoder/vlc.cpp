@@ -294,6 +294,12 @@ int32_t flush_bytes(xelo_bsw *bs) {
     return KIVO_OK;
 }
 
+// The DC difference's code and extra bits (k its category).
+inline void put_dc(FastSink &sink, const kivoe_dc_tbl *dc, int32_t diff, int32_t k) {
+    const kivoe_code &c = dc->code[k];
+    sink.put((static_cast<uint32_t>(c.code) << k) | (k ? extra_bits(as_int16(diff), k) : 0), c.len + k);
+}
+
 }  // namespace
 
 int32_t kivoe_vlc_dc(xelo_bsw *bs, kivoe_dc_tbl *t, int32_t diff) {
@@ -314,8 +320,7 @@ int32_t kivoe_vlc_block_mask(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, i
         return ret < 0 ? ret : kivoe_vlc_ac(bs, ac, blk);
     }
     FastSink sink(bs);
-    const kivoe_code &c = dc->code[k];
-    sink.put((static_cast<uint32_t>(c.code) << k) | (k ? extra_bits(as_int16(diff), k) : 0), c.len + k);
+    put_dc(sink, dc, diff, k);
     const int32_t ret = ~mask ? code_ac_fast(sink, ac, blk, mask) : code_ac(sink, ac, blk);
     sink.store(bs);
     return ret;
@@ -337,8 +342,7 @@ void kivoe_vlc_blocks(xelo_bsw *bs, const kivoe_block_code *b, int32_t n) {
             } else {
                 const int32_t k = kivo::category(diff);
                 if (k < 0) continue;  // nothing of the block is written, as in kivoe_vlc_block_mask
-                const kivoe_code &c = b[i].dc->code[k];
-                sink.put((static_cast<uint32_t>(c.code) << k) | (k ? extra_bits(as_int16(diff), k) : 0), c.len + k);
+                put_dc(sink, b[i].dc, diff, k);
             }
             if (~b[i].mask) code_ac_fast(sink, b[i].ac, b[i].blk, b[i].mask);
             else code_ac(sink, b[i].ac, b[i].blk);
