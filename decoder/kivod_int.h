@@ -496,7 +496,10 @@ inline bool kivod_over(int64_t limit, uint64_t value) { return limit > 0 && valu
 // ---- scans, slices and threads (scan.cpp, mt.cpp) ------------------------------------
 int32_t dec_scan(kivod_ctx *ctx, int32_t *done);
 int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w);
-void kivod_split_slices(kivod_ctx *ctx);
+// Divides the scan into slices of whole MCU rows, one per thread; even shares
+// when they all start at once, else less for the later ones, which wait for
+// the skim.
+void kivod_split_slices(kivod_ctx *ctx, bool even);
 
 // Entropy-decoding position between two MCUs of a sequential scan. The skim
 // steps it with the rules the slices decode by, so its copy at a slice's

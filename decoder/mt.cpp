@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "decoder/kivod_int.h"
+#include "decoder/out.h"
 #include "xelo/xelo_int.h"
 
 namespace {
@@ -63,7 +64,7 @@ void plan_resize(const kivod_ctx *ctx, kivod_work *w, int32_t next_row, int32_t 
 
 }  // namespace
 
-void kivod_split_slices(kivod_ctx *ctx) {
+void kivod_split_slices(kivod_ctx *ctx, bool even) {
     const kivod_sh &sh = ctx->sh;
     const kivod_fh &fh = ctx->fh;
     const int ns = sh.n_comp;
@@ -83,11 +84,12 @@ void kivod_split_slices(kivod_ctx *ctx) {
     if (n < 1) n = 1;
     // Slice i starts once the skim has walked slices 0 .. i-1, so later
     // slices get less: shares in 1/4096 of 4096 * (1 - s)^i with s = 1/2,
-    // every slice at least one unit, the last one whatever is left.
+    // every slice at least one unit, the last one whatever is left. Slices
+    // that all start at once get even shares.
     int32_t share[kivo::kMaxThreads];
     {
         int64_t total = 0, weight[kivo::kMaxThreads];
-        for (int i = 0; i < n; ++i) total += weight[i] = int64_t(4096) >> i;
+        for (int i = 0; i < n; ++i) total += weight[i] = even ? 4096 : int64_t(4096) >> i;
         int32_t left = units;
         for (int i = 0; i < n; ++i) {
             int32_t r = static_cast<int32_t>((weight[i] * units + total / 2) / total);
@@ -133,12 +135,170 @@ int32_t start_slice(kivod_ctx *ctx, int i) {
     return ctx->tpool.run(ctx->threads[i + 1], kivod_thread_job, ctx->work[i]);
 }
 
+// The reader's next byte, its cache given back.
+const uint8_t *position(kivod_bs bs) {
+    kivod_bs_rewind_cache(&bs, 0);
+    return bs.cur;
+}
+
+// Where each slice after the first would start if the data hold exactly one
+// restart marker between restart intervals: after the marker that ends the
+// interval before the slice's first MCU (found by looking for markers, not
+// by decoding). False when a slice does not start an interval or a marker
+// is missing.
+bool restart_entries(const kivod_ctx *ctx, const uint8_t *entry[kivo::kMaxThreads]) {
+    const int32_t interval = ctx->dri.length ? ctx->dri.interval : 0;
+    if (!interval) return false;
+    const uint8_t *p = position(ctx->scan_bs), *end = ctx->scan_bs.end;  // end: the last byte
+    int32_t markers = 0;
+    for (int i = 1; i < ctx->n_threads; ++i) {
+        const int32_t first = ctx->work[i]->first_mcu;
+        if (first % interval) return false;
+        while (markers < first / interval) {
+            if (p >= end) return false;
+            const void *ff = std::memchr(p, 0xFF, static_cast<size_t>(end - p));
+            if (!ff) return false;
+            p = static_cast<const uint8_t *>(ff);
+            if (p[1] == 0x00) {
+                p += 2;
+            } else if (p[1] == 0xFF) {
+                p += 1;
+            } else if (p[1] >= 0xD0 && p[1] <= 0xD7) {
+                p += 2;
+                ++markers;
+            } else {
+                return false;
+            }
+        }
+        entry[i] = p;
+    }
+    return true;
+}
+
+// A slice started ahead of the skim, and the output lines it may write,
+// saved before it writes them so that they can be put back.
+struct Ahead {
+    kivod_work *w;
+    uint8_t *save;           // where its lines are saved
+    uint8_t *from[4];        // per scan component: the first byte it may write
+    size_t bytes[4];         // and how many bytes from there
+    bool saved;
+};
+
+int32_t ahead_job(void *arg) {
+    Ahead *a = static_cast<Ahead *>(arg);
+    uint8_t *to = a->save;
+    for (int k = 0; k < 4; ++k) {
+        if (a->bytes[k]) std::memcpy(to, a->from[k], a->bytes[k]);
+        to += a->bytes[k];
+    }
+    a->saved = true;
+    return kivod_thread_job(a->w);
+}
+
+void put_back(const Ahead &a) {
+    if (!a.saved) return;
+    const uint8_t *from = a.save;
+    for (int k = 0; k < 4; ++k) {
+        if (a.bytes[k]) std::memcpy(a.from[k], from, a.bytes[k]);
+        from += a.bytes[k];
+    }
+}
+
+// The output lines of scan component k that slice i may write (planes at
+// full size or resized): a byte range of the caller's plane.
+void lines_written(const kivod_ctx *ctx, int i, int k, int32_t mode, uint8_t **from, size_t *bytes) {
+    const xelo_imgb *img = ctx->out_imgb;
+    const kivod_work *w = ctx->work[i];
+    const int c = ctx->sh.comp_idx[k];
+    const ptrdiff_t stride = img->stride[c];
+    int32_t first, end, width;
+    if (mode == KIVOD_OUT_DIRECT) {
+        // Whole blocks, up to the line's end where a block crosses it.
+        first = w->start_row[k] * 8;
+        end = i + 1 < ctx->n_threads ? ctx->work[i + 1]->start_row[k] * 8 : img->lines[c];
+        if (end > img->lines[c]) end = img->lines[c];
+        width = img->stride[c];
+    } else {
+        first = w->out_first[k];
+        end = first + w->out_lines[k];
+        width = ctx->out_w[c];
+    }
+    *from = img->plane[c] + first * stride;
+    *bytes = end > first ? static_cast<size_t>(end - first - 1) * stride + width : 0;
+}
+
+// Saved lines above this many bytes, or above the handle's memory limit with
+// the frame buffers, are not worth the memory: the skim runs instead.
+constexpr size_t kMaxSaved = size_t(64) << 20;
+
+// Every slice started at once, those after the first from the restart
+// markers' positions, their output lines saved first. Kept only when each
+// slice ended, whole and after the restart marker that ends it, exactly
+// where the next one started, as the skim would have started it (the reader
+// does not stop at markers, so damaged data can make the decode and the
+// markers disagree). Otherwise the saved lines are put back, so that the
+// caller's buffer is as before and the skim's slices decide what is written.
+// False when the result is not kept or the slices were not started so.
+bool run_from_markers(kivod_ctx *ctx) {
+    const int32_t mode = kivod_out_mode_for(ctx, ctx->out_imgb);
+    if (mode != KIVOD_OUT_DIRECT && mode != KIVOD_OUT_RESIZED) return false;
+    kivod_split_slices(ctx, true);
+    const int n = ctx->n_threads;
+    const uint8_t *entry[kivo::kMaxThreads];
+    if (n < 2 || !restart_entries(ctx, entry)) return false;
+    Ahead ahead[kivo::kMaxThreads] = {};
+    size_t total = 0;
+    for (int i = 0; i < n; ++i) {
+        ahead[i].w = ctx->work[i];
+        for (int k = 0; i > 0 && k < ctx->sh.n_comp; ++k) {
+            lines_written(ctx, i, k, mode, &ahead[i].from[k], &ahead[i].bytes[k]);
+            total += ahead[i].bytes[k];
+        }
+    }
+    if (total > kMaxSaved || kivod_over(ctx->limits.max_memory, ctx->frame_bytes + total)) return false;
+    uint8_t *save = static_cast<uint8_t *>(xelo_malloc_fast_align32(total ? total : 1));
+    if (!save) return false;
+    for (int i = 1; i < n; ++i) {
+        ahead[i].save = save;
+        for (int k = 0; k < 4; ++k) save += ahead[i].bytes[k];
+        kivod_work *w = ctx->work[i];
+        w->bs = ctx->scan_bs;
+        w->bs.cur = entry[i];
+        w->bs.cache = 0;
+        w->bs.bits = 0;
+        w->bs.not_ff = 1;
+        std::memset(w->dc_pred, 0, sizeof(w->dc_pred));
+        w->rst_count = 0;
+        w->held = KIVO_OK;
+    }
+    save = ahead[1].save;
+    ctx->work[0]->bs = ctx->scan_bs;
+    void *args[kivo::kMaxThreads];
+    for (int i = 0; i < n; ++i) args[i] = &ahead[i];
+    bool kept = kivo::fork_join(ctx->tpool, ctx->threads, n, ahead_job, args) == KIVO_OK;
+    for (int i = 0; kept && i + 1 < n; ++i) {
+        const kivod_work *w = ctx->work[i];
+        kept = !w->stopped && w->mcu_done == w->n_mcu && position(w->bs) == entry[i + 1];
+    }
+    if (!kept)
+        for (int i = 1; i < n; ++i) put_back(ahead[i]);
+    xelo_mfree_fast_align32(save);
+    return kept;
+}
+
 }  // namespace
 
 int32_t kivod_skim_and_run(kivod_ctx *ctx) {
-    const int n = ctx->n_threads;
     ctx->work[0]->bs = ctx->scan_bs;
-    if (n == 1) return kivod_thread_job(ctx->work[0]);
+    if (ctx->n_threads == 1) return kivod_thread_job(ctx->work[0]);
+    // Restart streams in memory: first every slice at once from the markers.
+    if (ctx->dri.length && ctx->dri.interval && ctx->scan_bs.type == KIVOD_INPUT_BITB) {
+        if (run_from_markers(ctx)) return KIVO_OK;
+        kivod_split_slices(ctx, false);
+        ctx->work[0]->bs = ctx->scan_bs;
+    }
+    const int n = ctx->n_threads;
 
     // Each slice's status; the scan reports that of the first slice, in
     // picture order, that failed. Decoding got no further than that slice,
