@@ -4,6 +4,7 @@
 // kivoc_to_packed's while they are in cache. Pictures the decoder cannot
 // hand over in bands are decoded whole and converted after.
 #include <algorithm>
+#include <cstring>
 
 #include "color/kivoc_int.h"
 #include "decoder/kivod_int.h"
@@ -15,15 +16,26 @@ namespace {
 // its scratch and the next output row it owes.
 struct Bands {
     Task task;
+    const kivod_ctx *ctx;
     int32_t context;  // chroma lines below an output row's own that it reads (0 or 1)
     uint8_t *scratch[kMaxThreads];
     int32_t next[kMaxThreads];
+    // Output rows saved for a slice started ahead of the skim: where, and
+    // the rows' span in the output.
+    uint8_t *saved[kMaxThreads];
+    size_t saved_at[kMaxThreads], saved_bytes[kMaxThreads];
 };
 
-// Converts the rows of the slice that are ready. A slice owns the output
-// rows from its first line to the next slice's; with vertical chroma context
-// the ownership moves down by that one line, and each slice but the last
-// decodes the next slice's first MCU row for the rows at its bottom.
+// The output rows a slice owns: from its first line to the next slice's;
+// with vertical chroma context the ownership moves down by that one line,
+// and each slice but the last decodes the next slice's first MCU row for the
+// rows at its bottom.
+void owned(const Bands &bd, const kivod_band *b, int32_t *first, int32_t *end) {
+    *first = b->first == 0 ? 0 : std::min(bd.task.h, b->first + bd.context);
+    *end = b->end >= b->total ? bd.task.h : std::min(bd.task.h, b->end + bd.context);
+}
+
+// Converts the rows of the slice that are ready.
 void rows_done(void *user, const kivod_band *b) {
     Bands &bd = *static_cast<Bands *>(user);
     Task t = bd.task;
@@ -32,8 +44,8 @@ void rows_done(void *user, const kivod_band *b) {
         t.stride[p] = b->stride[p];
         t.ring[p] = b->ring[p];
     }
-    const int32_t own = b->first == 0 ? 0 : b->first + bd.context;
-    const int32_t own_end = b->end >= b->total ? t.h : std::min(t.h, b->end + bd.context);
+    int32_t own, own_end;
+    owned(bd, b, &own, &own_end);
     const int32_t ready = b->done >= b->total ? t.h : std::min(t.h, b->done - bd.context);
     int32_t &next = bd.next[b->slice];
     const int32_t first = std::max(next, own), end = std::min(ready, own_end);
@@ -42,16 +54,52 @@ void rows_done(void *user, const kivod_band *b) {
     next = end;
 }
 
+// Saved rows of one slice above this many bytes, or above the decoder's
+// memory limit with its frame buffers: the slice does not start ahead.
+constexpr size_t kMaxSaved = size_t(64) << 20;
+
+// Saves the output rows a slice started ahead of the skim may write.
+bool keep_rows(void *user, const kivod_band *b) {
+    Bands &bd = *static_cast<Bands *>(user);
+    const Task &t = bd.task;
+    int32_t first, end;
+    owned(bd, b, &first, &end);
+    const int i = b->slice;
+    if (end <= first) return true;
+    const size_t bytes = static_cast<size_t>(end - first - 1) * t.packed_stride +
+                         static_cast<size_t>(t.w) * pixel_size(t.packed_format);
+    if (bytes > kMaxSaved || kivod_over(bd.ctx->limits.max_memory, bd.ctx->frame_bytes + bytes)) return false;
+    bd.saved[i] = static_cast<uint8_t *>(xelo_malloc_fast_align32(bytes));
+    if (!bd.saved[i]) return false;
+    bd.saved_at[i] = static_cast<size_t>(first) * t.packed_stride;
+    bd.saved_bytes[i] = bytes;
+    std::memcpy(bd.saved[i], t.packed + bd.saved_at[i], bytes);
+    return true;
+}
+
+// Puts the saved rows back and starts every slice's rows afresh, unless the
+// result stands; frees them either way.
+void put_rows_back(void *user, bool kept) {
+    Bands &bd = *static_cast<Bands *>(user);
+    for (int i = 0; i < kMaxThreads; ++i) {
+        if (!kept && bd.saved[i]) std::memcpy(bd.task.packed + bd.saved_at[i], bd.saved[i], bd.saved_bytes[i]);
+        xelo_mfree_fast_align32(bd.saved[i]);
+        bd.saved[i] = nullptr;
+        if (!kept) bd.next[i] = 0;
+    }
+}
+
 int32_t decode_in_bands(kivod_ctx *ctx, Task &t) {
     Bands bd{};
     bd.task = t;
+    bd.ctx = ctx;
     bd.context = t.lay->chroma && t.lay->y_shift && !t.nearest && t.packed_format != KIVOC_GREY ? 1 : 0;
     const int n = thread_limit(ctx->tpool);
     const size_t bytes = scratch_bytes(t.w, t.cw);
     uint8_t *block = static_cast<uint8_t *>(xelo_malloc_fast_align32(bytes * n));
     if (!block) return KIVO_ERR_OUT_OF_MEMORY;
     for (int i = 0; i < n; ++i) bd.scratch[i] = block + bytes * i;
-    const kivod_band_sink sink{bd.context, rows_done, &bd};
+    const kivod_band_sink sink{bd.context, rows_done, &bd, keep_rows, put_rows_back};
     const int32_t ret = kivod_clone_bands(ctx, &sink);
     xelo_mfree_fast_align32(block);
     return ret;

@@ -292,7 +292,17 @@ struct kivod_band_sink {
     // in picture order.
     void (*rows_done)(void *user, const kivod_band *band);
     void *user;
+    // For slices started ahead of the skim (restart streams), both or
+    // neither: keep saves the caller's memory that the slice's rows go to
+    // (band: its first, end, total and slice), on the slice's thread before
+    // it runs, false when it cannot; put_back restores every saved slice and
+    // forgets every slice's progress before the slices run again, or only
+    // frees what was saved (kept: the result stands).
+    bool (*keep)(void *user, const kivod_band *band);
+    void (*put_back)(void *user, bool kept);
 };
+// The lines of slice `slice` (first, end, total, slice; done at first).
+void kivod_band_span(const kivod_ctx *ctx, int slice, kivod_band *band);
 // Size and layout of the frame whose headers kivod_dec read, while its
 // picture is still to be decoded; else KIVO_ERR_UNAVAILABLE.
 int32_t kivod_pending_frame(const kivod_ctx *ctx, int32_t *width, int32_t *height, int32_t *color_format);

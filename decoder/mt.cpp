@@ -176,28 +176,39 @@ bool restart_entries(const kivod_ctx *ctx, const uint8_t *entry[kivo::kMaxThread
 }
 
 // A slice started ahead of the skim, and the output lines it may write,
-// saved before it writes them so that they can be put back.
+// saved before it writes them so that they can be put back: by the slice
+// itself for planes, by the sink for band output.
 struct Ahead {
     kivod_work *w;
-    uint8_t *save;           // where its lines are saved
-    uint8_t *from[4];        // per scan component: the first byte it may write
-    size_t bytes[4];         // and how many bytes from there
+    int slice;
+    const kivod_band_sink *sink;  // band output, else null
+    uint8_t *save;                // planes: where its lines are saved
+    uint8_t *from[4];             // per scan component: the first byte it may write
+    size_t bytes[4];              // and how many bytes from there
     bool saved;
 };
 
 int32_t ahead_job(void *arg) {
     Ahead *a = static_cast<Ahead *>(arg);
-    uint8_t *to = a->save;
-    for (int k = 0; k < 4; ++k) {
-        if (a->bytes[k]) std::memcpy(to, a->from[k], a->bytes[k]);
-        to += a->bytes[k];
+    if (a->slice > 0) {
+        if (a->sink) {
+            kivod_band band{};
+            kivod_band_span(a->w->ctx, a->slice, &band);
+            if (!a->sink->keep(a->sink->user, &band)) return KIVO_ERR_OUT_OF_MEMORY;
+        } else {
+            uint8_t *to = a->save;
+            for (int k = 0; k < 4; ++k) {
+                if (a->bytes[k]) std::memcpy(to, a->from[k], a->bytes[k]);
+                to += a->bytes[k];
+            }
+        }
+        a->saved = true;
     }
-    a->saved = true;
     return kivod_thread_job(a->w);
 }
 
 void put_back(const Ahead &a) {
-    if (!a.saved) return;
+    if (!a.saved || a.sink) return;
     const uint8_t *from = a.save;
     for (int k = 0; k < 4; ++k) {
         if (a.bytes[k]) std::memcpy(a.from[k], from, a.bytes[k]);
@@ -241,8 +252,10 @@ constexpr size_t kMaxSaved = size_t(64) << 20;
 // caller's buffer is as before and the skim's slices decide what is written.
 // False when the result is not kept or the slices were not started so.
 bool run_from_markers(kivod_ctx *ctx) {
+    const kivod_band_sink *sink = ctx->bands;
     const int32_t mode = kivod_out_mode_for(ctx, ctx->out_imgb);
-    if (mode != KIVOD_OUT_DIRECT && mode != KIVOD_OUT_RESIZED) return false;
+    const bool bands = mode == KIVOD_OUT_BANDS && sink->keep && sink->put_back;
+    if (mode != KIVOD_OUT_DIRECT && mode != KIVOD_OUT_RESIZED && !bands) return false;
     kivod_split_slices(ctx, true);
     const int n = ctx->n_threads;
     const uint8_t *entry[kivo::kMaxThreads];
@@ -251,17 +264,23 @@ bool run_from_markers(kivod_ctx *ctx) {
     size_t total = 0;
     for (int i = 0; i < n; ++i) {
         ahead[i].w = ctx->work[i];
-        for (int k = 0; i > 0 && k < ctx->sh.n_comp; ++k) {
+        ahead[i].slice = i;
+        ahead[i].sink = bands ? sink : nullptr;
+        for (int k = 0; i > 0 && !bands && k < ctx->sh.n_comp; ++k) {
             lines_written(ctx, i, k, mode, &ahead[i].from[k], &ahead[i].bytes[k]);
             total += ahead[i].bytes[k];
         }
     }
     if (total > kMaxSaved || kivod_over(ctx->limits.max_memory, ctx->frame_bytes + total)) return false;
-    uint8_t *save = static_cast<uint8_t *>(xelo_malloc_fast_align32(total ? total : 1));
-    if (!save) return false;
+    uint8_t *save = nullptr;
+    if (total) {
+        save = static_cast<uint8_t *>(xelo_malloc_fast_align32(total));
+        if (!save) return false;
+    }
+    uint8_t *at = save;
     for (int i = 1; i < n; ++i) {
-        ahead[i].save = save;
-        for (int k = 0; k < 4; ++k) save += ahead[i].bytes[k];
+        ahead[i].save = at;
+        for (int k = 0; k < 4; ++k) at += ahead[i].bytes[k];
         kivod_work *w = ctx->work[i];
         w->bs = ctx->scan_bs;
         w->bs.cur = entry[i];
@@ -272,7 +291,6 @@ bool run_from_markers(kivod_ctx *ctx) {
         w->rst_count = 0;
         w->held = KIVO_OK;
     }
-    save = ahead[1].save;
     ctx->work[0]->bs = ctx->scan_bs;
     void *args[kivo::kMaxThreads];
     for (int i = 0; i < n; ++i) args[i] = &ahead[i];
@@ -281,8 +299,11 @@ bool run_from_markers(kivod_ctx *ctx) {
         const kivod_work *w = ctx->work[i];
         kept = !w->stopped && w->mcu_done == w->n_mcu && position(w->bs) == entry[i + 1];
     }
-    if (!kept)
+    if (bands) {
+        sink->put_back(sink->user, kept);
+    } else if (!kept) {
         for (int i = 1; i < n; ++i) put_back(ahead[i]);
+    }
     xelo_mfree_fast_align32(save);
     return kept;
 }

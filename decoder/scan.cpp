@@ -217,16 +217,25 @@ void open_band(Slice &j) {
     }
     j.band_luma = 0;
     while (j.sc[j.band_luma].c != 0) ++j.band_luma;
+    kivod_band_span(ctx, slice, &b);
+    set_band_rows(j);
+}
+
+}  // namespace
+
+void kivod_band_span(const kivod_ctx *ctx, int slice, kivod_band *b) {
+    const kivod_work *w = ctx->work[slice];
     int32_t per_row = 1;
     const int32_t mcus = kivod_scan_mcus(ctx, &per_row);
     const int32_t lines = ctx->mcu_lines[0];  // luma lines per MCU row
-    b.total = mcus / per_row * lines;
-    b.first = j.w->first_mcu / per_row * lines;
-    b.end = b.first + j.w->n_mcu / per_row * lines;
-    b.done = b.first;
-    b.slice = slice;
-    set_band_rows(j);
+    b->total = mcus / per_row * lines;
+    b->first = w->first_mcu / per_row * lines;
+    b->end = b->first + w->n_mcu / per_row * lines;
+    b->done = b->first;
+    b->slice = slice;
 }
+
+namespace {
 
 void list_blocks(Slice &j) {
     j.n_blocks = 0;

@@ -298,6 +298,7 @@ TEST(Colour, DecodePackedMatchesTwoSteps) {
         int reduction;
         int32_t format;
         uint32_t flags;
+        bool fake_marker;  // a restart marker that is not one, early in the data
     } cases[] = {
         {XELO_CS_YCBCR420, 77, 83, false, 0, KIVOC_RGBA, 0},  {XELO_CS_YCBCR420, 64, 64, false, 1, KIVOC_BGRA, 0},
         {XELO_CS_YCBCR420, 77, 83, false, 0, KIVOC_RGB, KIVOC_NEAREST},
@@ -305,7 +306,7 @@ TEST(Colour, DecodePackedMatchesTwoSteps) {
         {XELO_CS_YCBCR440, 33, 75, false, 0, KIVOC_RGBA, 0},  {XELO_CS_YCBCR411, 61, 34, false, 0, KIVOC_RGBA, 0},
         {XELO_CS_YCBCR400, 39, 57, false, 0, KIVOC_RGBA, 0},  {XELO_CS_YCBCR420, 77, 83, false, 0, KIVOC_GREY, 0},
         {XELO_CS_YCBCR420, 77, 83, true, 0, KIVOC_RGBA, 0},   {XELO_CS_YCBCR420, 77, 83, false, 2, KIVOC_RGBA, 0},
-        {XELO_CS_YCBCR444, 50, 41, false, 4, KIVOC_RGB, 0},
+        {XELO_CS_YCBCR444, 50, 41, false, 4, KIVOC_RGB, 0},   {XELO_CS_YCBCR420, 77, 83, false, 0, KIVOC_RGBA, 0, true},
     };
     uint64_t seed = 40;
     for (const auto &c : cases) {
@@ -313,8 +314,17 @@ TEST(Colour, DecodePackedMatchesTwoSteps) {
         o.quality = 85;
         o.progressive = c.progressive;
         o.threads = 2;  // restart markers between the encoder's slices
-        const kivotest::Encoded e = kivotest::encode(c.cs, c.w, c.h, kivotest::make_picture(c.cs, c.w, c.h, ++seed), o);
+        kivotest::Encoded e = kivotest::encode(c.cs, c.w, c.h, kivotest::make_picture(c.cs, c.w, c.h, ++seed), o);
         ASSERT_EQ(e.status, 0);
+        if (c.fake_marker) {
+            // Slices started from the markers then disagree with the decode
+            // and run again: the packed rows must come from the second run.
+            size_t sos = e.jpg.size() - 2;
+            while (sos > 0 && !(e.jpg[sos] == 0xFF && e.jpg[sos + 1] == 0xDA)) --sos;
+            size_t at = sos + (e.jpg.size() - sos) / 4;
+            while (e.jpg[at - 1] == 0xFF || e.jpg[at] == 0x00) ++at;
+            e.jpg.insert(e.jpg.begin() + static_cast<ptrdiff_t>(at), {0xFF, 0xD0});
+        }
         for (int threads : {1, 2}) {
             SCOPED_TRACE(testing::Message() << "case " << (&c - cases) << " threads " << threads);
             xelo_bitb bitb{};
@@ -325,11 +335,12 @@ TEST(Colour, DecodePackedMatchesTwoSteps) {
             const int bpp = kivoc_pixel_size(c.format);
             xelo_imgb *img = kivotest::to_imgb(c.cs, w, h, kivotest::make_picture(c.cs, w, h, 0));
             std::vector<uint8_t> want(size_t(w) * h * bpp), got(want.size(), 0x5A);
-            ASSERT_EQ(kivod_clone(dec, img), 0);
+            const int32_t status = kivod_clone(dec, img);
+            ASSERT_GE(status, 0);
             ASSERT_EQ(kivoc_to_packed(img, want.data(), w * bpp, want.size(), c.format, c.flags, nullptr), 0);
             const kivod_input in{KIVOD_INPUT_BITB, &bitb, nullptr};
             ASSERT_EQ(kivod_decode(dec, &in, &info), 0);
-            ASSERT_EQ(kivoc_decode_packed(dec, got.data(), w * bpp, got.size(), c.format, c.flags), 0);
+            ASSERT_EQ(kivoc_decode_packed(dec, got.data(), w * bpp, got.size(), c.format, c.flags), status);
             EXPECT_EQ(got, want);
             img->release(img);
             kivod_delete(dec);
