@@ -506,10 +506,15 @@ inline bool kivod_over(int64_t limit, uint64_t value) { return limit > 0 && valu
 // ---- scans, slices and threads (scan.cpp, mt.cpp) ------------------------------------
 int32_t dec_scan(kivod_ctx *ctx, int32_t *done);
 int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w);
-// Divides the scan into slices of whole MCU rows, one per thread; even shares
-// when they all start at once, else less for the later ones, which wait for
-// the skim.
-void kivod_split_slices(kivod_ctx *ctx, bool even);
+// Slices of a sequential scan: at most this many (one per lent thread, one
+// for file input, no more than the rows allow).
+int kivod_slice_limit(const kivod_ctx *ctx);
+// Divides the scan into that many slices of whole MCU rows, the later ones
+// smaller: they start once the skim has found their entry.
+void kivod_split_slices(kivod_ctx *ctx);
+// Divides the scan into n slices starting at the given MCU rows (0 first,
+// rising, on strip boundaries for resized output).
+void kivod_split_rows(kivod_ctx *ctx, int n, const int32_t *first_rows);
 
 // Entropy-decoding position between two MCUs of a sequential scan. The skim
 // steps it with the rules the slices decode by, so its copy at a slice's

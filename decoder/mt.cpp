@@ -64,51 +64,21 @@ void plan_resize(const kivod_ctx *ctx, kivod_work *w, int32_t next_row, int32_t 
 
 }  // namespace
 
-void kivod_split_slices(kivod_ctx *ctx, bool even) {
+void kivod_split_rows(kivod_ctx *ctx, int n, const int32_t *first_rows) {
     const kivod_sh &sh = ctx->sh;
     const kivod_fh &fh = ctx->fh;
     const int ns = sh.n_comp;
     int32_t cols = 1;
-    const int32_t mcus = kivod_scan_mcus(ctx, &cols);
-    const int32_t rows = mcus / cols;
-    // Resized output hands strips of d MCU rows to the resizers; slices
-    // start on strip boundaries, so every strip holds the same rows
-    // whatever the split.
-    const int d = kivod_denom(ctx->scale);
-    const int32_t unit = ctx->scale != 0 ? d : 1;
-    const int32_t units = (rows + unit - 1) / unit;
-    // A file input is one stream position shared by every copy of its
-    // reader, so it is decoded on one thread.
-    int n = ctx->scan_bs.type == KIVOD_INPUT_MFAL ? 1 : kivo::thread_limit(ctx->tpool);
-    if (n > units) n = units;
-    if (n < 1) n = 1;
-    // Slice i starts once the skim has walked slices 0 .. i-1, so later
-    // slices get less: shares in 1/4096 of 4096 * (1 - s)^i with s = 1/2,
-    // every slice at least one unit, the last one whatever is left. Slices
-    // that all start at once get even shares.
-    int32_t share[kivo::kMaxThreads];
-    {
-        int64_t total = 0, weight[kivo::kMaxThreads];
-        for (int i = 0; i < n; ++i) total += weight[i] = even ? 4096 : int64_t(4096) >> i;
-        int32_t left = units;
-        for (int i = 0; i < n; ++i) {
-            int32_t r = static_cast<int32_t>((weight[i] * units + total / 2) / total);
-            const int32_t reserve = n - 1 - i;  // units the later slices need
-            if (r < 1) r = 1;
-            if (r > left - reserve) r = left - reserve;
-            if (i == n - 1) r = left;
-            share[i] = r;
-            left -= r;
-        }
-    }
+    const int32_t rows = kivod_scan_mcus(ctx, &cols) / cols;
+    const int32_t unit = ctx->scale != 0 ? kivod_denom(ctx->scale) : 1;
     ctx->n_threads = n;
-
-    int32_t first_row = 0;
     for (int i = 0; i < n; ++i) {
         kivod_work *w = ctx->work[i];
         xelo_mset_x64a(w, 0, sizeof(kivod_work));
         w->ctx = ctx;
-        const int32_t slice_rows = i == n - 1 ? rows - first_row : share[i] * unit;
+        const int32_t first_row = first_rows[i];
+        const int32_t next_row = i == n - 1 ? rows : first_rows[i + 1];
+        const int32_t slice_rows = next_row - first_row;
         w->first_mcu = first_row * cols;
         w->n_mcu = slice_rows * cols;
         for (int k = 0; k < ns; ++k) {
@@ -120,12 +90,52 @@ void kivod_split_slices(kivod_ctx *ctx, bool even) {
             if (w->lines[k] < 1) w->lines[k] = 1;
             w->strip[k] = ctx->sample_buf[c] + static_cast<ptrdiff_t>(ctx->mcu_lines[c]) * i * ctx->line_w[c];
         }
-        if (ctx->scale != 0) plan_resize(ctx, w, first_row + slice_rows, rows, unit);
+        if (ctx->scale != 0) plan_resize(ctx, w, next_row, rows, unit);
         // Band output: rows at the slice's bottom may need the next MCU row.
         if (ctx->bands && i < n - 1) w->extra_mcu = ctx->bands->context_rows;
         w->extra_mcu *= cols;
-        first_row += slice_rows;
     }
+}
+
+int kivod_slice_limit(const kivod_ctx *ctx) {
+    int32_t cols = 1;
+    const int32_t rows = kivod_scan_mcus(ctx, &cols) / cols;
+    // Resized output hands strips of d MCU rows to the resizers; slices
+    // start on strip boundaries, so every strip holds the same rows
+    // whatever the split.
+    const int32_t unit = ctx->scale != 0 ? kivod_denom(ctx->scale) : 1;
+    const int32_t units = (rows + unit - 1) / unit;
+    // A file input is one stream position shared by every copy of its
+    // reader, so it is decoded on one thread.
+    int n = ctx->scan_bs.type == KIVOD_INPUT_MFAL ? 1 : kivo::thread_limit(ctx->tpool);
+    if (n > units) n = units;
+    return n < 1 ? 1 : n;
+}
+
+void kivod_split_slices(kivod_ctx *ctx) {
+    const int n = kivod_slice_limit(ctx);
+    int32_t cols = 1;
+    const int32_t rows = kivod_scan_mcus(ctx, &cols) / cols;
+    const int32_t unit = ctx->scale != 0 ? kivod_denom(ctx->scale) : 1;
+    const int32_t units = (rows + unit - 1) / unit;
+    // Slice i starts once the skim has walked slices 0 .. i-1, so later
+    // slices get less: shares in 1/4096 of 4096 * (1 - s)^i with s = 1/2,
+    // every slice at least one unit, the last one whatever is left.
+    int32_t first_rows[kivo::kMaxThreads];
+    int64_t total = 0, weight[kivo::kMaxThreads];
+    for (int i = 0; i < n; ++i) total += weight[i] = int64_t(4096) >> i;
+    int32_t left = units, first = 0;
+    for (int i = 0; i < n; ++i) {
+        int32_t r = static_cast<int32_t>((weight[i] * units + total / 2) / total);
+        const int32_t reserve = n - 1 - i;  // units the later slices need
+        if (r < 1) r = 1;
+        if (r > left - reserve) r = left - reserve;
+        if (i == n - 1) r = left;
+        first_rows[i] = first * unit;
+        first += r;
+        left -= r;
+    }
+    kivod_split_rows(ctx, n, first_rows);
 }
 
 namespace {
@@ -141,37 +151,51 @@ const uint8_t *position(kivod_bs bs) {
     return bs.cur;
 }
 
-// Where each slice after the first would start if the data hold exactly one
-// restart marker between restart intervals: after the marker that ends the
-// interval before the slice's first MCU (found by looking for markers, not
-// by decoding). False when a slice does not start an interval or a marker
-// is missing.
-bool restart_entries(const kivod_ctx *ctx, const uint8_t *entry[kivo::kMaxThreads]) {
+// Slices that start right after a restart marker (found by looking for
+// markers, not by decoding), as they would if the data hold exactly one
+// restart marker between restart intervals: slice i starts at the first
+// marker where the part of the work above it reaches i / n, the work of a
+// row counted as half its share of the rows and half its share of the
+// coded bytes. False when a marker is missing or another marker comes
+// first.
+bool split_at_markers(kivod_ctx *ctx, const uint8_t *entry[kivo::kMaxThreads]) {
     const int32_t interval = ctx->dri.length ? ctx->dri.interval : 0;
-    if (!interval) return false;
-    const uint8_t *p = position(ctx->scan_bs), *end = ctx->scan_bs.end;  // end: the last byte
-    int32_t markers = 0;
-    for (int i = 1; i < ctx->n_threads; ++i) {
-        const int32_t first = ctx->work[i]->first_mcu;
-        if (first % interval) return false;
-        while (markers < first / interval) {
-            if (p >= end) return false;
-            const void *ff = std::memchr(p, 0xFF, static_cast<size_t>(end - p));
-            if (!ff) return false;
-            p = static_cast<const uint8_t *>(ff);
-            if (p[1] == 0x00) {
-                p += 2;
-            } else if (p[1] == 0xFF) {
-                p += 1;
-            } else if (p[1] >= 0xD0 && p[1] <= 0xD7) {
-                p += 2;
-                ++markers;
-            } else {
-                return false;
-            }
+    const int n = kivod_slice_limit(ctx);
+    if (!interval || n < 2) return false;
+    int32_t cols = 1;
+    const int32_t rows = kivod_scan_mcus(ctx, &cols) / cols;
+    const int32_t unit = ctx->scale != 0 ? kivod_denom(ctx->scale) : 1;
+    const uint8_t *const start = position(ctx->scan_bs), *end = ctx->scan_bs.end;  // end: the last byte
+    const uint8_t *p = start;
+    const int64_t bytes = end - start + 1;
+    int32_t first_rows[kivo::kMaxThreads] = {0};
+    int64_t mcus = 0;
+    for (int i = 1; i < n;) {
+        if (p >= end) return false;
+        const void *ff = std::memchr(p, 0xFF, static_cast<size_t>(end - p));
+        if (!ff) return false;
+        p = static_cast<const uint8_t *>(ff);
+        if (p[1] == 0x00) {
+            p += 2;
+            continue;
         }
+        if (p[1] == 0xFF) {
+            p += 1;
+            continue;
+        }
+        if (p[1] < 0xD0 || p[1] > 0xD7) return false;
+        p += 2;
+        mcus += interval;
+        if (mcus % cols || (mcus / cols) % unit) continue;
+        const int64_t row = mcus / cols;
+        if (row >= rows) return false;
+        // (bytes above / bytes + rows above / rows) / 2 >= i / n
+        if (((p - start) * rows + row * bytes) * n < int64_t(2) * i * bytes * rows) continue;
+        first_rows[i] = static_cast<int32_t>(row);
         entry[i] = p;
+        ++i;
     }
+    kivod_split_rows(ctx, n, first_rows);
     return true;
 }
 
@@ -256,10 +280,9 @@ bool run_from_markers(kivod_ctx *ctx) {
     const int32_t mode = kivod_out_mode_for(ctx, ctx->out_imgb);
     const bool bands = mode == KIVOD_OUT_BANDS && sink->keep && sink->put_back;
     if (mode != KIVOD_OUT_DIRECT && mode != KIVOD_OUT_RESIZED && !bands) return false;
-    kivod_split_slices(ctx, true);
-    const int n = ctx->n_threads;
     const uint8_t *entry[kivo::kMaxThreads];
-    if (n < 2 || !restart_entries(ctx, entry)) return false;
+    if (!split_at_markers(ctx, entry)) return false;
+    const int n = ctx->n_threads;
     Ahead ahead[kivo::kMaxThreads] = {};
     size_t total = 0;
     for (int i = 0; i < n; ++i) {
@@ -316,7 +339,7 @@ int32_t kivod_skim_and_run(kivod_ctx *ctx) {
     // Restart streams in memory: first every slice at once from the markers.
     if (ctx->dri.length && ctx->dri.interval && ctx->scan_bs.type == KIVOD_INPUT_BITB) {
         if (run_from_markers(ctx)) return KIVO_OK;
-        kivod_split_slices(ctx, false);
+        kivod_split_slices(ctx);
         ctx->work[0]->bs = ctx->scan_bs;
     }
     const int n = ctx->n_threads;

@@ -482,7 +482,7 @@ int32_t dec_scan(kivod_ctx *ctx, int32_t *done) {
     if (ret != 0) return ret;
     scan_geometry(ctx);
 
-    kivod_split_slices(ctx, false);
+    kivod_split_slices(ctx);
     const int32_t status = kivod_skim_and_run(ctx);
     kivod_collect_stats(ctx);
 
