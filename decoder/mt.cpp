@@ -69,7 +69,8 @@ void kivod_split_rows(kivod_ctx *ctx, int n, const int32_t *first_rows) {
     const kivod_fh &fh = ctx->fh;
     const int ns = sh.n_comp;
     int32_t cols = 1;
-    const int32_t rows = kivod_scan_mcus(ctx, &cols) / cols;
+    const int32_t mcus = kivod_scan_mcus(ctx, &cols);
+    const int32_t rows = mcus / cols;
     const int32_t unit = ctx->scale != 0 ? kivod_denom(ctx->scale) : 1;
     ctx->n_threads = n;
     for (int i = 0; i < n; ++i) {
@@ -99,7 +100,8 @@ void kivod_split_rows(kivod_ctx *ctx, int n, const int32_t *first_rows) {
 
 int kivod_slice_limit(const kivod_ctx *ctx) {
     int32_t cols = 1;
-    const int32_t rows = kivod_scan_mcus(ctx, &cols) / cols;
+    const int32_t mcus = kivod_scan_mcus(ctx, &cols);
+    const int32_t rows = mcus / cols;
     // Resized output hands strips of d MCU rows to the resizers; slices
     // start on strip boundaries, so every strip holds the same rows
     // whatever the split.
@@ -115,7 +117,8 @@ int kivod_slice_limit(const kivod_ctx *ctx) {
 void kivod_split_slices(kivod_ctx *ctx) {
     const int n = kivod_slice_limit(ctx);
     int32_t cols = 1;
-    const int32_t rows = kivod_scan_mcus(ctx, &cols) / cols;
+    const int32_t mcus = kivod_scan_mcus(ctx, &cols);
+    const int32_t rows = mcus / cols;
     const int32_t unit = ctx->scale != 0 ? kivod_denom(ctx->scale) : 1;
     const int32_t units = (rows + unit - 1) / unit;
     // Slice i starts once the skim has walked slices 0 .. i-1, so later
@@ -163,13 +166,14 @@ bool split_at_markers(kivod_ctx *ctx, const uint8_t *entry[kivo::kMaxThreads]) {
     const int n = kivod_slice_limit(ctx);
     if (!interval || n < 2) return false;
     int32_t cols = 1;
-    const int32_t rows = kivod_scan_mcus(ctx, &cols) / cols;
+    const int32_t scan_mcus = kivod_scan_mcus(ctx, &cols);
+    const int32_t rows = scan_mcus / cols;
     const int32_t unit = ctx->scale != 0 ? kivod_denom(ctx->scale) : 1;
     const uint8_t *const start = position(ctx->scan_bs), *end = ctx->scan_bs.end;  // end: the last byte
     const uint8_t *p = start;
     const int64_t bytes = end - start + 1;
     int32_t first_rows[kivo::kMaxThreads] = {0};
-    int64_t mcus = 0;
+    int64_t mcus = 0;  // MCUs before the marker found
     for (int i = 1; i < n;) {
         if (p >= end) return false;
         const void *ff = std::memchr(p, 0xFF, static_cast<size_t>(end - p));
