@@ -156,11 +156,11 @@ const uint8_t *position(kivod_bs bs) {
 
 // Slices that start right after a restart marker (found by looking for
 // markers, not by decoding), as they would if the data hold exactly one
-// restart marker between restart intervals: slice i starts at the first
-// marker where the part of the work above it reaches i / n, the work of a
-// row counted as half its share of the rows and half its share of the
-// coded bytes. False when a marker is missing or another marker comes
-// first.
+// restart marker between restart intervals. Slice i starts at the marker
+// ending an MCU row (a strip, resized) where the part of the work above
+// comes nearest to i / n, the work of the rows above counted as half their
+// share of the rows and half their share of the coded bytes. False when
+// the markers leave a slice without a start.
 bool split_at_markers(kivod_ctx *ctx, const uint8_t *entry[kivo::kMaxThreads]) {
     const int32_t interval = ctx->dri.length ? ctx->dri.interval : 0;
     const int n = kivod_slice_limit(ctx);
@@ -170,14 +170,21 @@ bool split_at_markers(kivod_ctx *ctx, const uint8_t *entry[kivo::kMaxThreads]) {
     const int32_t rows = scan_mcus / cols;
     const int32_t unit = ctx->scale != 0 ? kivod_denom(ctx->scale) : 1;
     const uint8_t *const start = position(ctx->scan_bs), *end = ctx->scan_bs.end;  // end: the last byte
-    const uint8_t *p = start;
     const int64_t bytes = end - start + 1;
+    // Work above a marker, scaled so that the whole picture's is 2 bytes rows n.
+    const auto work = [&](const uint8_t *at, int64_t row) { return ((at - start) * rows + row * bytes) * n; };
+    const auto target = [&](int i) { return int64_t(2) * i * bytes * rows; };
     int32_t first_rows[kivo::kMaxThreads] = {0};
+    struct Marker {
+        const uint8_t *at = nullptr;  // null: none
+        int64_t row = 0;
+    } prev;  // the last marker ending a row that no slice starts at
+    int i = 1;
+    const uint8_t *p = start;
     int64_t mcus = 0;  // MCUs before the marker found
-    for (int i = 1; i < n;) {
-        if (p >= end) return false;
+    while (i < n && p < end) {
         const void *ff = std::memchr(p, 0xFF, static_cast<size_t>(end - p));
-        if (!ff) return false;
+        if (!ff) break;
         p = static_cast<const uint8_t *>(ff);
         if (p[1] == 0x00) {
             p += 2;
@@ -187,18 +194,29 @@ bool split_at_markers(kivod_ctx *ctx, const uint8_t *entry[kivo::kMaxThreads]) {
             p += 1;
             continue;
         }
-        if (p[1] < 0xD0 || p[1] > 0xD7) return false;
+        if (p[1] < 0xD0 || p[1] > 0xD7) break;
         p += 2;
         mcus += interval;
-        if (mcus % cols || (mcus / cols) % unit) continue;
-        const int64_t row = mcus / cols;
-        if (row >= rows) return false;
-        // (bytes above / bytes + rows above / rows) / 2 >= i / n
-        if (((p - start) * rows + row * bytes) * n < int64_t(2) * i * bytes * rows) continue;
-        first_rows[i] = static_cast<int32_t>(row);
-        entry[i] = p;
-        ++i;
+        if (mcus % cols || (mcus / cols) % unit || mcus / cols >= rows) continue;
+        const Marker here{p, mcus / cols};
+        bool used = false;
+        while (!used && i < n && work(here.at, here.row) >= target(i)) {
+            // This marker or the one before, whichever is nearer.
+            const bool take_prev = prev.at && target(i) - work(prev.at, prev.row) < work(here.at, here.row) - target(i);
+            const Marker m = take_prev ? prev : here;
+            first_rows[i] = static_cast<int32_t>(m.row);
+            entry[i++] = m.at;
+            prev = Marker{};
+            used = !take_prev;
+        }
+        if (!used) prev = here;
     }
+    // Data or markers end: the last slice may still start at the last one.
+    if (i == n - 1 && prev.at) {
+        first_rows[i] = static_cast<int32_t>(prev.row);
+        entry[i++] = prev.at;
+    }
+    if (i < n) return false;
     kivod_split_rows(ctx, n, first_rows);
     return true;
 }
