@@ -516,65 +516,73 @@ void write_sos(xelo_bsw *bs, const kivoe_coef_pic *pic, const Scan &s) {
     put(bs, static_cast<uint32_t>(s.ah << 4 | s.al), 8);
 }
 
-// Per call: the counters and code tables of the scan being written.
-struct Work {
+}  // namespace
+
+// A thread's counters and code tables for the scan it counts or writes.
+struct kivoe_coef_tables {
     kivoe_dc_tbl dc[2];
     kivoe_ac_tbl ac[2];
+    uint64_t corrections;  // correction bits of the scan being counted
+};
+
+// One coding of a coefficient picture: its scans, what every scan reads,
+// and each scan's tables once counted.
+struct kivoe_coef_plan {
+    const kivoe_coef_pic *pic;
+    int32_t coding;
+    Geometry g;
+    Script baseline, script;
     // Each scan's tables, built from its counts, and the least bits its
     // entropy-coded data can take.
     struct {
         kivoe_huff_spec spec[4];
         int32_t n_spec;
         uint64_t bits;
+        bool outside;  // baseline: some level counted lies outside its categories
     } scan[kMaxScans];
-    uint64_t corrections;  // correction bits of the scan being counted
     // Progressive: the bit planes of every block's AC levels, per component
     // in the order of its AC scans, and the DC levels of all its blocks (the
     // DC scans read nothing else), made once for all scans.
     kivoe_planes *planes[4];
     int16_t *dc_levels[4];
+    int32_t prepared[4];  // per component: 0, or KIVO_ERR_UNSUPPORTED for AC levels outside their categories
+    kivoe_planes_fn make_planes;
     // Baseline: the zig-zag masks of every block's non-zero AC levels,
     // found while counting, for the writing pass.
     uint64_t *masks[4];
-    bool outside;  // baseline: some level counted lies outside its categories
 };
 
-// Frees w, its planes and DC levels.
-void free_work(Work *w) {
-    for (int32_t c = 0; c < 4; ++c) {
-        std::free(w->planes[c]);
-        std::free(w->dc_levels[c]);
-        std::free(w->masks[c]);
-    }
-    std::free(w);
-}
+namespace {
 
 // Codes one scan (counting when asked). A sequential scan goes through the
 // baseline coder.
-void code_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work &w, bool counting, xelo_bsw *bs) {
+void code_scan(kivoe_coef_plan &pl, const Scan &s, kivoe_coef_tables &w, bool counting, bool *outside, xelo_bsw *bs) {
+    const kivoe_coef_pic *pic = pl.pic;
     int32_t pred[4] = {0, 0, 0, 0};
     if (s.ss == 0 && s.se == 63) {
-        for_each_block(pic, g, s, [&](int32_t c, size_t i) {
+        bool out = false;
+        for_each_block(pic, pl.g, s, [&](int32_t c, size_t i) {
             const int16_t *b = pic->coef[c] + 64 * i;
             const int32_t d = b[0] - pred[c];
             pred[c] = b[0];
             kivoe_dc_tbl *dc = &w.dc[table_of(s, c)];
             kivoe_ac_tbl *ac = &w.ac[table_of(s, c)];
             if (counting) {
-                w.outside |= dc_outside(d) | ac_outside(b);
+                out |= dc_outside(d) | ac_outside(b);
                 kivoe_vlc_dc_stat(bs, dc, d);
-                w.masks[c][i] = kivoe_vlc_ac_stat_mask(ac, b);
+                pl.masks[c][i] = kivoe_vlc_ac_stat_mask(ac, b);
             } else {
-                kivoe_vlc_block_mask(bs, dc, ac, d, b, w.masks[c][i]);
+                kivoe_vlc_block_mask(bs, dc, ac, d, b, pl.masks[c][i]);
             }
             return true;
         });
+        if (outside) *outside = out;
         return;
     }
     BitOut out(bs);
     if (s.ss == 0) {
-        for_each_block(pic, g, s, [&](int32_t c, size_t i) {
-            const int32_t dc = w.dc_levels[c][i];
+        for_each_block(pic, pl.g, s, [&](int32_t c, size_t i) {
+            const int32_t dc = pl.dc_levels[c][i];
             if (s.ah) {
                 if (counting) ++w.corrections;
                 else out.put(static_cast<uint32_t>(asr(dc, s.al) & 1), 1);
@@ -595,7 +603,7 @@ void code_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work
         });
     } else {
         const int32_t c = s.comp[0];
-        const AcScan scan{pic->coef[c], g.bw[c], g.bh[c], pic->blk_w[c], w.planes[c], s.ss, s.se, s.al};
+        const AcScan scan{pic->coef[c], pl.g.bw[c], pl.g.bh[c], pic->blk_w[c], pl.planes[c], s.ss, s.se, s.al};
         if (counting && s.ah) w.corrections = scan.count_refine(w.ac[0].counter);
         else if (counting) scan.count_first(w.ac[0].counter);
         else if (s.ah) scan.write_refine(out, w.ac[0].by_symbol);
@@ -606,7 +614,7 @@ void code_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work
 
 // Bits of the counted symbols' codes and extra bits under the tables in
 // spec (correction bits of a refinement and stuffed bytes come on top).
-uint64_t coded_bits(const Work &w, const kivoe_huff_spec *spec, int32_t n_spec) {
+uint64_t coded_bits(const kivoe_coef_tables &w, const kivoe_huff_spec *spec, int32_t n_spec) {
     uint64_t bits = 0;
     for (int32_t i = 0; i < n_spec; ++i) {
         if (spec[i].cls == 0) {
@@ -625,116 +633,18 @@ uint64_t coded_bits(const Work &w, const kivoe_huff_spec *spec, int32_t n_spec) 
     return bits;
 }
 
-// Counts scan i's symbols and builds its tables. Returns
-// KIVO_ERR_UNSUPPORTED for levels outside their categories, else 0.
-int32_t count_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work &w, int32_t i) {
-    for (int32_t t = 0; t < 2; ++t) {
-        std::memset(w.dc[t].counter, 0, sizeof(w.dc[t].counter));
-        std::memset(w.ac[t].counter, 0, sizeof(w.ac[t].counter));
-    }
-    w.corrections = 0;
-    code_scan(pic, g, s, w, true, nullptr);
-    if (w.outside) return KIVO_ERR_UNSUPPORTED;
-    // The tables this scan selects: DC tables of its components' slots
-    // (first DC scans and sequential scans), AC tables likewise.
-    const bool dc_codes = s.ss == 0 && s.ah == 0, ac_codes = s.se > 0;
-    auto &st = w.scan[i];
-    st.n_spec = 0;
-    for (int32_t cls = 0; cls < 2; ++cls) {
-        if (cls == 0 ? !dc_codes : !ac_codes) continue;
-        for (int32_t t = 0; t < 2; ++t) {
-            bool used = false;
-            for (int32_t k = 0; k < s.n; ++k) used |= table_of(s, s.comp[k]) == t;
-            if (!used) continue;
-            kivoe_huff_spec &spec = st.spec[st.n_spec++];
-            spec.cls = cls;
-            spec.id = t;
-            if (cls == 0) kivoe_gen_opt(&spec, w.dc[t].counter, 16, nullptr);
-            else kivoe_gen_opt(&spec, w.ac[t].counter, 256, nullptr);
-            kivoe_gen_code(&spec, &w.dc[t], &w.ac[t]);
-        }
-    }
-    st.bits = coded_bits(w, st.spec, st.n_spec) + w.corrections;
-    return KIVO_OK;
-}
-
 // Least bytes scan i can take: DHT, SOS and its entropy-coded data.
-uint64_t scan_bytes(const Work &w, const Scan &s, int32_t i) {
-    const auto &st = w.scan[i];
-    uint64_t n = (st.bits + 7) / 8 + 8 + 2 * static_cast<uint64_t>(s.n);
+uint64_t scan_bytes(const kivoe_coef_plan &pl, int32_t i) {
+    const auto &st = pl.scan[i];
+    uint64_t n = (st.bits + 7) / 8 + 8 + 2 * static_cast<uint64_t>(pl.script.scan[i].n);
     if (st.n_spec) n += 4;
     for (int32_t k = 0; k < st.n_spec; ++k) n += 17 + static_cast<uint64_t>(st.spec[k].count);
     return n;
 }
 
-// Writes scan i with the tables its count built: DHT, SOS and the
-// entropy-coded data.
-void write_scan(const kivoe_coef_pic *pic, const Geometry &g, const Scan &s, Work &w, int32_t i, xelo_bsw *bs) {
-    const auto &st = w.scan[i];
-    for (int32_t k = 0; k < st.n_spec; ++k) kivoe_gen_code(&st.spec[k], &w.dc[st.spec[k].id], &w.ac[st.spec[k].id]);
-    if (st.n_spec) kivoe_write_dht(bs, st.spec, st.n_spec);
-    write_sos(bs, pic, s);
-    xelo_bsw_sink(bs);
-    bs->flush = kivoe_bs_flush_data_seg;
-    code_scan(pic, g, s, w, false, bs);
-    // The last byte is padded with 1-bits.
-    const int32_t used_bits = 32 - bs->free_bits;
-    if (used_bits % 8) put(bs, 0xFF, 8 - used_bits % 8);
-    xelo_bsw_sink(bs);
-    bs->flush = kivoe_bs_flush;
-}
-
-}  // namespace
-
-int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw *bs) {
-    if (!pic || !bs || (coding != KIVOE_CODING_BASELINE && coding != KIVOE_CODING_PROGRESSIVE))
-        return KIVO_ERR_INVALID_ARG;
-    Geometry g;
-    int32_t ret = check_picture(pic, &g);
-    if (ret < 0) return ret;
-    Script baseline, script;
-    make_script(pic->n_comp, g.interleave, KIVOE_CODING_BASELINE, &baseline);
-    make_script(pic->n_comp, g.interleave, coding, &script);
-    Work *w = static_cast<Work *>(std::calloc(1, sizeof(Work)));
-    if (!w) return KIVO_ERR_OUT_OF_MEMORY;
-    for (int32_t c = 0; c < pic->n_comp && coding == KIVOE_CODING_BASELINE; ++c) {
-        w->masks[c] = static_cast<uint64_t *>(std::malloc(static_cast<size_t>(pic->blk_w[c]) * pic->blk_h[c] * sizeof(uint64_t)));
-        if (!w->masks[c]) {
-            free_work(w);
-            return KIVO_ERR_OUT_OF_MEMORY;
-        }
-    }
-    if (coding == KIVOE_CODING_PROGRESSIVE) {
-        kivoe_proc proc{};
-        kivoe_dsp_init(&proc, kivo_cpu_flags());
-        for (int32_t c = 0; c < pic->n_comp; ++c) {
-            const size_t blocks = static_cast<size_t>(pic->blk_w[c]) * pic->blk_h[c];
-            w->planes[c] = static_cast<kivoe_planes *>(std::malloc(static_cast<size_t>(g.bw[c]) * g.bh[c] * sizeof(kivoe_planes)));
-            w->dc_levels[c] = static_cast<int16_t *>(std::malloc(blocks * sizeof(int16_t)));
-            if (!w->planes[c] || !w->dc_levels[c]) {
-                free_work(w);
-                return KIVO_ERR_OUT_OF_MEMORY;
-            }
-            for (size_t i = 0; i < blocks; ++i) w->dc_levels[c][i] = pic->coef[c][64 * i];
-            // Only the blocks inside the component are in its AC scans.
-            kivoe_planes *p = w->planes[c];
-            for (int32_t by = 0; by < g.bh[c]; ++by) {
-                const int16_t *b = pic->coef[c] + static_cast<size_t>(by) * pic->blk_w[c] * 64;
-                for (int32_t bx = 0; bx < g.bw[c]; ++bx, b += 64) {
-                    if (ac_outside(b)) {
-                        free_work(w);
-                        return KIVO_ERR_UNSUPPORTED;
-                    }
-                    proc.planes(b, p++);
-                }
-            }
-        }
-        if (dc_diffs_outside(pic, g, baseline, [w](int32_t c, size_t i) { return w->dc_levels[c][i]; })) {
-            free_work(w);
-            return KIVO_ERR_UNSUPPORTED;
-        }
-    }
-
+// SOI, the APPn segments, DQT and SOF.
+void write_head(const kivoe_coef_plan &pl, xelo_bsw *bs) {
+    const kivoe_coef_pic *pic = pl.pic;
     bs->flush = kivoe_bs_flush;
     put(bs, 0xFFD8, 16);
     kivoe_write_app(bs, pic->app_list);
@@ -754,35 +664,211 @@ int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw
         for (int32_t i = 0; i < 64; ++i) wide |= pic->qt[pic->tq[c]][i] > 255;
     }
     // Quantizers above 255 make a sequential frame extended (SOF1).
-    kivoe_write_sof(bs, &fh, coding == KIVOE_CODING_PROGRESSIVE ? 0xC2 : wide ? 0xC1 : 0xC0);
-    // Every scan is counted before any is written: a stream whose least
-    // size cannot fit in the room left is not written at all.
-    uint64_t need = 2 + static_cast<uint64_t>(pic->trailer_len);
-    for (int32_t i = 0; i < script.n && ret == KIVO_OK; ++i) {
-        ret = count_scan(pic, g, script.scan[i], *w, i);
-        need += scan_bytes(*w, script.scan[i], i);
-    }
-    // Before each scan, the least size of what is left.
-    for (int32_t i = 0; i < script.n && ret == KIVO_OK; ++i) {
-        xelo_bsw_sink(bs);
-        if (bs->write_ptr && static_cast<uint64_t>(bs->end_ptr - bs->write_ptr) < need) bs->overflow = 1;
-        if (bs->overflow) break;
-        write_scan(pic, g, script.scan[i], *w, i, bs);
-        need -= scan_bytes(*w, script.scan[i], i);
-    }
-    free_work(w);
-    if (ret < 0) return ret;
+    kivoe_write_sof(bs, &fh, pl.coding == KIVOE_CODING_PROGRESSIVE ? 0xC2 : wide ? 0xC1 : 0xC0);
+}
+
+// EOI and the trailing bytes, as far as they fit.
+void write_tail(const kivoe_coef_plan &pl, xelo_bsw *bs) {
     put(bs, 0xFFD9, 16);
     xelo_bsw_sink(bs);
-    size_t n = static_cast<size_t>(pic->trailer_len);
+    size_t n = static_cast<size_t>(pl.pic->trailer_len);
     const size_t room = bs->write_ptr && bs->end_ptr > bs->write_ptr ? static_cast<size_t>(bs->end_ptr - bs->write_ptr) : 0;
     if (n > room) {
         n = room;
         bs->overflow = 1;
     }
     if (n) {
-        std::memcpy(bs->write_ptr, pic->trailer, n);
+        std::memcpy(bs->write_ptr, pl.pic->trailer, n);
         bs->write_ptr += n;
     }
+}
+
+}  // namespace
+
+int32_t kivoe_coef_plan_new(const kivoe_coef_pic *pic, int32_t coding, kivoe_coef_plan **out) {
+    *out = nullptr;
+    if (!pic || (coding != KIVOE_CODING_BASELINE && coding != KIVOE_CODING_PROGRESSIVE)) return KIVO_ERR_INVALID_ARG;
+    Geometry g;
+    const int32_t ret = check_picture(pic, &g);
+    if (ret < 0) return ret;
+    kivoe_coef_plan *pl = static_cast<kivoe_coef_plan *>(std::calloc(1, sizeof(kivoe_coef_plan)));
+    if (!pl) return KIVO_ERR_OUT_OF_MEMORY;
+    pl->pic = pic;
+    pl->coding = coding;
+    pl->g = g;
+    make_script(pic->n_comp, g.interleave, KIVOE_CODING_BASELINE, &pl->baseline);
+    make_script(pic->n_comp, g.interleave, coding, &pl->script);
+    bool ok = true;
+    for (int32_t c = 0; c < pic->n_comp; ++c) {
+        const size_t blocks = static_cast<size_t>(pic->blk_w[c]) * pic->blk_h[c];
+        if (coding == KIVOE_CODING_BASELINE) {
+            pl->masks[c] = static_cast<uint64_t *>(std::malloc(blocks * sizeof(uint64_t)));
+            ok &= pl->masks[c] != nullptr;
+        } else {
+            pl->planes[c] = static_cast<kivoe_planes *>(std::malloc(static_cast<size_t>(g.bw[c]) * g.bh[c] * sizeof(kivoe_planes)));
+            pl->dc_levels[c] = static_cast<int16_t *>(std::malloc(blocks * sizeof(int16_t)));
+            ok &= pl->planes[c] && pl->dc_levels[c];
+        }
+    }
+    if (coding == KIVOE_CODING_PROGRESSIVE) {
+        kivoe_proc proc{};
+        kivoe_dsp_init(&proc, kivo_cpu_flags());
+        pl->make_planes = proc.planes;
+    }
+    if (!ok) {
+        kivoe_coef_plan_free(pl);
+        return KIVO_ERR_OUT_OF_MEMORY;
+    }
+    *out = pl;
     return KIVO_OK;
+}
+
+void kivoe_coef_plan_free(kivoe_coef_plan *pl) {
+    if (!pl) return;
+    for (int32_t c = 0; c < 4; ++c) {
+        std::free(pl->planes[c]);
+        std::free(pl->dc_levels[c]);
+        std::free(pl->masks[c]);
+    }
+    std::free(pl);
+}
+
+kivoe_coef_tables *kivoe_coef_tables_new() {
+    return static_cast<kivoe_coef_tables *>(std::calloc(1, sizeof(kivoe_coef_tables)));
+}
+
+void kivoe_coef_tables_free(kivoe_coef_tables *t) { std::free(t); }
+
+int32_t kivoe_coef_tasks(const kivoe_coef_plan *pl, int32_t step) {
+    if (step == KIVOE_COEF_PREPARE) return pl->coding == KIVOE_CODING_PROGRESSIVE ? pl->pic->n_comp : 0;
+    return pl->script.n;
+}
+
+int32_t kivoe_coef_prepare(kivoe_coef_plan *pl, int32_t c) {
+    // Every block of the component for the DC scans; only those inside it
+    // for its AC scans.
+    const kivoe_coef_pic *pic = pl->pic;
+    const size_t blocks = static_cast<size_t>(pic->blk_w[c]) * pic->blk_h[c];
+    for (size_t i = 0; i < blocks; ++i) pl->dc_levels[c][i] = pic->coef[c][64 * i];
+    kivoe_planes *p = pl->planes[c];
+    pl->prepared[c] = KIVO_OK;
+    for (int32_t by = 0; by < pl->g.bh[c]; ++by) {
+        const int16_t *b = pic->coef[c] + static_cast<size_t>(by) * pic->blk_w[c] * 64;
+        for (int32_t bx = 0; bx < pl->g.bw[c]; ++bx, b += 64) {
+            if (ac_outside(b)) return pl->prepared[c] = KIVO_ERR_UNSUPPORTED;
+            pl->make_planes(b, p++);
+        }
+    }
+    return KIVO_OK;
+}
+
+int32_t kivoe_coef_prepared(const kivoe_coef_plan *pl) {
+    if (pl->coding != KIVOE_CODING_PROGRESSIVE) return KIVO_OK;
+    for (int32_t c = 0; c < pl->pic->n_comp; ++c)
+        if (pl->prepared[c] < 0) return pl->prepared[c];
+    const bool outside =
+        dc_diffs_outside(pl->pic, pl->g, pl->baseline, [pl](int32_t c, size_t i) { return pl->dc_levels[c][i]; });
+    return outside ? KIVO_ERR_UNSUPPORTED : KIVO_OK;
+}
+
+void kivoe_coef_count(kivoe_coef_plan *pl, int32_t i, kivoe_coef_tables *w) {
+    for (int32_t t = 0; t < 2; ++t) {
+        std::memset(w->dc[t].counter, 0, sizeof(w->dc[t].counter));
+        std::memset(w->ac[t].counter, 0, sizeof(w->ac[t].counter));
+    }
+    w->corrections = 0;
+    const Scan &s = pl->script.scan[i];
+    auto &st = pl->scan[i];
+    code_scan(*pl, s, *w, true, &st.outside, nullptr);
+    // The tables this scan selects: DC tables of its components' slots
+    // (first DC scans and sequential scans), AC tables likewise.
+    const bool dc_codes = s.ss == 0 && s.ah == 0, ac_codes = s.se > 0;
+    st.n_spec = 0;
+    for (int32_t cls = 0; cls < 2; ++cls) {
+        if (cls == 0 ? !dc_codes : !ac_codes) continue;
+        for (int32_t t = 0; t < 2; ++t) {
+            bool used = false;
+            for (int32_t k = 0; k < s.n; ++k) used |= table_of(s, s.comp[k]) == t;
+            if (!used) continue;
+            kivoe_huff_spec &spec = st.spec[st.n_spec++];
+            spec.cls = cls;
+            spec.id = t;
+            if (cls == 0) kivoe_gen_opt(&spec, w->dc[t].counter, 16, nullptr);
+            else kivoe_gen_opt(&spec, w->ac[t].counter, 256, nullptr);
+            kivoe_gen_code(&spec, &w->dc[t], &w->ac[t]);
+        }
+    }
+    st.bits = coded_bits(*w, st.spec, st.n_spec) + w->corrections;
+}
+
+int32_t kivoe_coef_counted(const kivoe_coef_plan *pl, uint64_t *least) {
+    // SOI and EOI, the trailer, and every scan's least bytes; the head's
+    // segments are written before they count.
+    uint64_t need = 2 + static_cast<uint64_t>(pl->pic->trailer_len);
+    for (int32_t i = 0; i < pl->script.n; ++i) {
+        if (pl->scan[i].outside) return KIVO_ERR_UNSUPPORTED;
+        need += scan_bytes(*pl, i);
+    }
+    *least = need;
+    return KIVO_OK;
+}
+
+uint64_t kivoe_coef_scan_room(const kivoe_coef_plan *pl, int32_t i, bool any) {
+    // Every data byte may take a stuffing byte, and the last one padding;
+    // in most data a byte in 256 is 0xFF.
+    const uint64_t least = scan_bytes(*pl, i);
+    return any ? 2 * least + 8 : least + least / 16 + 64;
+}
+
+void kivoe_coef_write_scan(kivoe_coef_plan *pl, int32_t i, kivoe_coef_tables *w, xelo_bsw *bs) {
+    const auto &st = pl->scan[i];
+    for (int32_t k = 0; k < st.n_spec; ++k) kivoe_gen_code(&st.spec[k], &w->dc[st.spec[k].id], &w->ac[st.spec[k].id]);
+    if (st.n_spec) kivoe_write_dht(bs, st.spec, st.n_spec);
+    write_sos(bs, pl->pic, pl->script.scan[i]);
+    xelo_bsw_sink(bs);
+    bs->flush = kivoe_bs_flush_data_seg;
+    code_scan(*pl, pl->script.scan[i], *w, false, nullptr, bs);
+    // The last byte is padded with 1-bits.
+    const int32_t used_bits = 32 - bs->free_bits;
+    if (used_bits % 8) put(bs, 0xFF, 8 - used_bits % 8);
+    xelo_bsw_sink(bs);
+    bs->flush = kivoe_bs_flush;
+}
+
+void kivoe_coef_write_head(const kivoe_coef_plan *pl, xelo_bsw *bs) { write_head(*pl, bs); }
+
+void kivoe_coef_write_tail(const kivoe_coef_plan *pl, xelo_bsw *bs) { write_tail(*pl, bs); }
+
+int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw *bs) {
+    if (!bs) return KIVO_ERR_INVALID_ARG;
+    kivoe_coef_plan *pl;
+    int32_t ret = kivoe_coef_plan_new(pic, coding, &pl);
+    if (ret < 0) return ret;
+    kivoe_coef_tables *w = kivoe_coef_tables_new();
+    if (!w) {
+        kivoe_coef_plan_free(pl);
+        return KIVO_ERR_OUT_OF_MEMORY;
+    }
+    for (int32_t c = 0; c < kivoe_coef_tasks(pl, KIVOE_COEF_PREPARE); ++c) kivoe_coef_prepare(pl, c);
+    ret = kivoe_coef_prepared(pl);
+    if (ret == KIVO_OK) {
+        write_head(*pl, bs);
+        // Every scan is counted before any is written: a stream whose least
+        // size cannot fit in the room left is not written at all.
+        for (int32_t i = 0; i < pl->script.n; ++i) kivoe_coef_count(pl, i, w);
+        uint64_t need = 0;
+        ret = kivoe_coef_counted(pl, &need);
+        // Before each scan, the least size of what is left.
+        for (int32_t i = 0; i < pl->script.n && ret == KIVO_OK; ++i) {
+            xelo_bsw_sink(bs);
+            if (bs->write_ptr && static_cast<uint64_t>(bs->end_ptr - bs->write_ptr) < need) bs->overflow = 1;
+            if (bs->overflow) break;
+            kivoe_coef_write_scan(pl, i, w, bs);
+            need -= scan_bytes(*pl, i);
+        }
+        if (ret == KIVO_OK) write_tail(*pl, bs);
+    }
+    kivoe_coef_tables_free(w);
+    kivoe_coef_plan_free(pl);
+    return ret;
 }

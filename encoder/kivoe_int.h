@@ -383,4 +383,39 @@ enum kivoe_coding { KIVOE_CODING_BASELINE = 0, KIVOE_CODING_PROGRESSIVE = 1 };
 // a negative status; an output too small for the stream sets bs->overflow.
 int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw *bs);
 
+// The same coding in tasks that threads may share, each scan's counting and
+// writing one task, so that what is written does not depend on which thread
+// runs what. In order:
+// 1. kivoe_coef_plan_new: the scan script and the memory every scan reads
+//    (0, -102, or -105 for a record we cannot write).
+// 2. kivoe_coef_prepare for each component below kivoe_coef_tasks(plan,
+//    KIVOE_COEF_PREPARE) (the progressive bit planes; none for baseline),
+//    then kivoe_coef_prepared: 0, or -103 for levels outside 8-bit data's
+//    categories.
+// 3. kivoe_coef_count for each scan below kivoe_coef_tasks(plan,
+//    KIVOE_COEF_SCANS), then kivoe_coef_counted: the stream's least size
+//    (stuffing aside), or -103.
+// 4. kivoe_coef_write_head, kivoe_coef_write_scan for each scan in order
+//    (each may go to a writer of its own and the bytes be joined after: a
+//    scan needs at most kivoe_coef_scan_room(plan, scan, true) bytes, and
+//    fits in kivoe_coef_scan_room(plan, scan, false) unless its data hold
+//    many 0xFF bytes), kivoe_coef_write_tail.
+// A thread counts and writes with tables of its own (kivoe_coef_tables).
+struct kivoe_coef_plan;
+struct kivoe_coef_tables;
+enum { KIVOE_COEF_PREPARE = 0, KIVOE_COEF_SCANS = 1 };
+int32_t kivoe_coef_plan_new(const kivoe_coef_pic *pic, int32_t coding, kivoe_coef_plan **out);
+void kivoe_coef_plan_free(kivoe_coef_plan *plan);
+kivoe_coef_tables *kivoe_coef_tables_new();
+void kivoe_coef_tables_free(kivoe_coef_tables *tables);
+int32_t kivoe_coef_tasks(const kivoe_coef_plan *plan, int32_t step);
+int32_t kivoe_coef_prepare(kivoe_coef_plan *plan, int32_t component);
+int32_t kivoe_coef_prepared(const kivoe_coef_plan *plan);
+void kivoe_coef_count(kivoe_coef_plan *plan, int32_t scan, kivoe_coef_tables *tables);
+int32_t kivoe_coef_counted(const kivoe_coef_plan *plan, uint64_t *least);
+uint64_t kivoe_coef_scan_room(const kivoe_coef_plan *plan, int32_t scan, bool any);
+void kivoe_coef_write_head(const kivoe_coef_plan *plan, xelo_bsw *bs);
+void kivoe_coef_write_scan(kivoe_coef_plan *plan, int32_t scan, kivoe_coef_tables *tables, xelo_bsw *bs);
+void kivoe_coef_write_tail(const kivoe_coef_plan *plan, xelo_bsw *bs);
+
 #endif

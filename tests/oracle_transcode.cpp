@@ -184,6 +184,7 @@ TEST(OracleTranscode, LosslessAndSmallest) {
         ob.addr = buf.data(), ob.ssize = static_cast<int32_t>(buf.size());
         const kivoe_output output{KIVOD_INPUT_BITB, &ob, nullptr};
         int32_t sizes[3] = {0, 0, 0};  // each candidate's: lossless, progressive, pipeline
+        Bytes lossless[2];
         ASSERT_EQ(kivot_txcode(t, &input, &output, &sizes[2]), 0);
         const Bytes pipeline(buf.begin(), buf.begin() + sizes[2]);
         // A sequential source's levels come with the statistics of its pixels.
@@ -196,6 +197,7 @@ TEST(OracleTranscode, LosslessAndSmallest) {
             int32_t &n = sizes[coding];
             ASSERT_EQ(kivot_txcode_lossless(t, &input, &output, &n, coding), 0);
             const Bytes out(buf.begin(), buf.begin() + n), ref = turbo::transcode(src, coding != 0, true);
+            lossless[coding] = out;
             EXPECT_TRUE(same_pixels(src, out)) << coding;
             EXPECT_LT(std::abs(double(out.size()) / ref.size() - 1), 0.01) << coding << ": " << out.size() << " vs " << ref.size();
             // Exactly its size is room enough, a byte less is not.
@@ -223,16 +225,34 @@ TEST(OracleTranscode, LosslessAndSmallest) {
         EXPECT_EQ(kivot_txcode_smallest(t, &input, &output, &n, &chosen), KIVO_ERR_INVALID_ARG);
         ob.ssize = static_cast<int32_t>(buf.size());
         EXPECT_TRUE(kivot_txcode_smallest(t, &input, &output, &n, &chosen) == 0 && Bytes(buf.begin(), buf.begin() + n) == out);
+        // On two threads, which share the lossless codings' steps: the same
+        // lossless streams, and no larger a choice.
+        kivo_tpool two;
+        kivo_tpool_std(&two, 2);
+        kivoe_create_param p2 = p;
+        p2.tpool = &two;
+        kivot_ctx *t2 = kivot_create(&p2, nullptr);
+        int32_t n2 = 0, chosen2 = 0;
+        ASSERT_EQ(kivot_txcode_smallest(t2, &input, &output, &n2, &chosen2), 0);
+        const Bytes out2(buf.begin(), buf.begin() + n2);
+        EXPECT_LE(n2, std::min(sizes[0], sizes[1]));
+        EXPECT_TRUE(chosen2 != KIVOT_CHOSEN_LOSSLESS || out2 == lossless[KIVOT_LOSSLESS_BASELINE]);
+        EXPECT_TRUE(chosen2 != KIVOT_CHOSEN_PROGRESSIVE || out2 == lossless[KIVOT_LOSSLESS_PROGRESSIVE]);
+        EXPECT_TRUE(c.quality != 75 || chosen2 != KIVOT_CHOSEN_PIPELINE);
+        kivot_delete(t2);
         // A failed allocation anywhere, on a new handle, fails the call (for
         // want of memory or of a picture buffer) and never changes the choice.
         for (int32_t at = 1; at <= 40; ++at) {
-            kivot_ctx *fresh = kivot_create(&p, nullptr);
-            xelo_mem_fail_at(at);
-            const int32_t st = kivot_txcode_smallest(fresh, &input, &output, &n, &chosen);
-            xelo_mem_fail_at(0);
-            kivot_delete(fresh);
-            EXPECT_TRUE(st == KIVO_ERR_OUT_OF_MEMORY || st == KIVO_ERR_IMGB || (st == 0 && Bytes(buf.begin(), buf.begin() + n) == out))
-                << at << ": " << st;
+            for (const kivoe_create_param *q : {&p, &p2}) {
+                kivot_ctx *fresh = kivot_create(q, nullptr);
+                xelo_mem_fail_at(at);
+                const int32_t st = kivot_txcode_smallest(fresh, &input, &output, &n, &chosen);
+                xelo_mem_fail_at(0);
+                kivot_delete(fresh);
+                EXPECT_TRUE(st == KIVO_ERR_OUT_OF_MEMORY || st == KIVO_ERR_IMGB ||
+                            (st == 0 && Bytes(buf.begin(), buf.begin() + n) == (q == &p ? out : out2)))
+                    << at << ": " << st;
+            }
         }
     }
     kivot_delete(t);
