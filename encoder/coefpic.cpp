@@ -4,6 +4,8 @@
 //
 // Every scan is coded twice: once counting its symbols, once writing them
 // with the tables built from the counts.
+#include <atomic>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -838,6 +840,205 @@ void kivoe_coef_write_scan(kivoe_coef_plan *pl, int32_t i, kivoe_coef_tables *w,
 void kivoe_coef_write_head(const kivoe_coef_plan *pl, xelo_bsw *bs) { write_head(*pl, bs); }
 
 void kivoe_coef_write_tail(const kivoe_coef_plan *pl, xelo_bsw *bs) { write_tail(*pl, bs); }
+
+namespace {
+
+// Codings on two threads, in steps: each step's tasks (a component's bit
+// planes, a scan's counting or writing) are taken in turn by whichever
+// thread is free, with code tables of its own, and a step starts once the
+// one before has ended. A coding whose least size fits its cap is written,
+// each scan into room of its own, and joined after. Every task's result
+// depends on its inputs alone, so the bytes are those of one thread.
+class SharedCodings {
+public:
+    SharedCodings(const kivo_tpool *tp, void *const *threads) : tp_(tp), threads_(threads) {}
+    ~SharedCodings() {
+        for (Coding &c : coding_) {
+            kivoe_coef_plan_free(c.plan);
+            std::free(c.room);
+            for (int k = 0; k < c.n_more; ++k) std::free(c.more[k]);
+        }
+        for (kivoe_coef_tables *t : tables_) kivoe_coef_tables_free(t);
+    }
+
+    // Writes coding i (at most two) of pics[i] into dst[i] (cap[i] bytes).
+    // size[i]: the stream's bytes, 0 where it does not fit, or the coding's
+    // negative status. Returns KIVO_OK, -102 for want of memory, or another
+    // status when the threads could not run it (nothing written).
+    int32_t run(int n, const kivoe_coef_pic *const pics[], const int32_t codings[], uint8_t *const dst[],
+                const int32_t cap[], int32_t size[]) {
+        if (n < 1 || n > 2) return KIVO_ERR_INVALID_ARG;
+        for (int i = 0; i < n; ++i) size[i] = 0;
+        for (int t = 0; t < 2; ++t)
+            if (!(tables_[t] = kivoe_coef_tables_new())) return KIVO_ERR_OUT_OF_MEMORY;
+        for (int i = 0; i < n; ++i) {
+            const int32_t r = kivoe_coef_plan_new(pics[i], codings[i], &coding_[i].plan);
+            if (r == KIVO_ERR_OUT_OF_MEMORY) return r;
+            coding_[i].status = r;
+        }
+        // Baseline counting, the longest task, with the bit planes.
+        for (int i = 0; i < n; ++i) {
+            kivoe_coef_plan *plan = coding_[i].plan;
+            if (coding_[i].status == KIVO_OK && codings[i] == KIVOE_CODING_BASELINE)
+                for (int k = 0; k < kivoe_coef_tasks(plan, KIVOE_COEF_SCANS); ++k) add(Task::kCount, plan, k);
+        }
+        for (int i = 0; i < n; ++i) {
+            kivoe_coef_plan *plan = coding_[i].plan;
+            if (coding_[i].status != KIVO_OK) continue;
+            for (int c = 0; c < kivoe_coef_tasks(plan, KIVOE_COEF_PREPARE); ++c) add(Task::kPrepare, plan, c);
+        }
+        int32_t r = run_step();
+        if (r != KIVO_OK) return r;
+        for (int i = 0; i < n; ++i) {
+            kivoe_coef_plan *plan = coding_[i].plan;
+            if (coding_[i].status != KIVO_OK || codings[i] == KIVOE_CODING_BASELINE) continue;
+            if ((coding_[i].status = kivoe_coef_prepared(plan)) != KIVO_OK) continue;
+            for (int k = 0; k < kivoe_coef_tasks(plan, KIVOE_COEF_SCANS); ++k) add(Task::kCount, plan, k);
+        }
+        if ((r = run_step()) != KIVO_OK) return r;
+        for (int i = 0; i < n; ++i) {
+            Coding &c = coding_[i];
+            uint64_t least = 0;
+            if (c.status == KIVO_OK) c.status = kivoe_coef_counted(c.plan, &least);
+            if (c.status != KIVO_OK || least > static_cast<uint64_t>(cap[i])) continue;
+            if ((r = make_room(c)) != KIVO_OK) return r;
+            for (int k = 0; k < c.n_scans; ++k) add(Task::kWrite, c.plan, k, &c.scan[k]);
+        }
+        if ((r = run_step()) != KIVO_OK) return r;
+        for (int i = 0; i < n; ++i) {
+            Coding &c = coding_[i];
+            if (c.status != KIVO_OK) size[i] = c.status;
+            if (c.status != KIVO_OK || !c.room) continue;
+            if ((r = rewrite_overflowed(c)) != KIVO_OK) return r;
+            size[i] = join(c, dst[i], cap[i]);
+        }
+        return KIVO_OK;
+    }
+
+private:
+    struct Task {
+        enum Kind { kPrepare, kCount, kWrite } kind;
+        kivoe_coef_plan *plan;
+        int index;
+        xelo_bsw *bs;
+    };
+    static constexpr int kMaxTasks = 64;
+        struct Coding {
+        kivoe_coef_plan *plan = nullptr;
+        int32_t status = KIVO_OK;  // other than KIVO_OK: the coding failed
+        uint8_t *room = nullptr;
+        int n_scans = 0;
+        xelo_bsw scan[kMaxScans];
+        uint8_t *more[kMaxScans];  // rooms of scans written again
+        int n_more = 0;
+    };
+    struct Thread {
+        SharedCodings *self;
+        kivoe_coef_tables *tables;
+    };
+
+    void add(Task::Kind kind, kivoe_coef_plan *plan, int index, xelo_bsw *bs = nullptr) {
+        if (n_tasks_ < kMaxTasks) task_[n_tasks_++] = Task{kind, plan, index, bs};
+    }
+
+    static int32_t work(void *arg) {
+        Thread *t = static_cast<Thread *>(arg);
+        SharedCodings *s = t->self;
+        for (int i; (i = s->next_.fetch_add(1, std::memory_order_relaxed)) < s->n_tasks_;) {
+            const Task &k = s->task_[i];
+            if (k.kind == Task::kPrepare) kivoe_coef_prepare(k.plan, k.index);
+            else if (k.kind == Task::kCount) kivoe_coef_count(k.plan, k.index, t->tables);
+            else kivoe_coef_write_scan(k.plan, k.index, t->tables, k.bs);
+        }
+        return KIVO_OK;
+    }
+
+    // Runs the tasks added since the last step on both threads.
+    int32_t run_step() {
+        next_.store(0, std::memory_order_relaxed);
+        Thread th[2] = {{this, tables_[0]}, {this, tables_[1]}};
+        void *args[2] = {&th[0], &th[1]};
+        const int32_t r = n_tasks_ ? kivo::fork_join(*tp_, threads_, 2, work, args) : KIVO_OK;
+        n_tasks_ = 0;
+        return r == KIVO_OK ? KIVO_OK : KIVO_ERR_THREAD;
+    }
+
+    // Room for every scan of c, each of its own writer: as much as its data
+    // usually take.
+    int32_t make_room(Coding &c) {
+        c.n_scans = kivoe_coef_tasks(c.plan, KIVOE_COEF_SCANS);
+        if (c.n_scans > kMaxScans) return KIVO_ERR_UNSUPPORTED;
+        uint64_t total = 0;
+        for (int k = 0; k < c.n_scans; ++k) {
+            const uint64_t n = kivoe_coef_scan_room(c.plan, k, true);
+            if (n > INT32_MAX) return KIVO_ERR_UNSUPPORTED;
+            total += kivoe_coef_scan_room(c.plan, k, false);
+        }
+        c.room = static_cast<uint8_t *>(std::malloc(static_cast<size_t>(total)));
+        if (!c.room) return KIVO_ERR_OUT_OF_MEMORY;
+        uint8_t *at = c.room;
+        for (int k = 0; k < c.n_scans; ++k) {
+            const int32_t n = static_cast<int32_t>(kivoe_coef_scan_room(c.plan, k, false));
+            xelo_bsw_init(&c.scan[k], at, n, kivoe_bs_flush);
+            at += n;
+        }
+        return KIVO_OK;
+    }
+
+    // Scans whose data held more stuffing than their room: written again on
+    // this thread with room for any data, and joined from there.
+    int32_t rewrite_overflowed(Coding &c) {
+        for (int k = 0; k < c.n_scans; ++k) {
+            if (!c.scan[k].overflow) continue;
+            const int32_t n = static_cast<int32_t>(kivoe_coef_scan_room(c.plan, k, true));
+            uint8_t *more = static_cast<uint8_t *>(std::malloc(static_cast<size_t>(n)));
+            if (!more || c.n_more == kMaxScans) {
+                std::free(more);
+                return KIVO_ERR_OUT_OF_MEMORY;
+            }
+            c.more[c.n_more++] = more;
+            xelo_bsw_init(&c.scan[k], more, n, kivoe_bs_flush);
+            kivoe_coef_write_scan(c.plan, k, tables_[0], &c.scan[k]);
+        }
+        return KIVO_OK;
+    }
+
+    // The stream of c in dst: its head, its scans' bytes and its tail; its
+    // size, or 0 when it does not fit.
+    static int32_t join(Coding &c, uint8_t *dst, int32_t cap) {
+        xelo_bsw bs;
+        xelo_bsw_init(&bs, dst, cap, kivoe_bs_flush);
+        kivoe_coef_write_head(c.plan, &bs);
+        xelo_bsw_sink(&bs);
+        for (int k = 0; k < c.n_scans && !bs.overflow; ++k) {
+            const xelo_bsw &s = c.scan[k];
+            const size_t n = static_cast<size_t>(s.write_ptr - s.start_ptr);
+            if (s.overflow || n > static_cast<size_t>(bs.end_ptr - bs.write_ptr)) {
+                bs.overflow = 1;
+                break;
+            }
+            std::memcpy(bs.write_ptr, s.start_ptr, n);
+            bs.write_ptr += n;
+        }
+        if (!bs.overflow) kivoe_coef_write_tail(c.plan, &bs);
+        return bs.overflow ? 0 : static_cast<int32_t>(bs.write_ptr - bs.start_ptr);
+    }
+
+    const kivo_tpool *tp_;
+    void *const *threads_;
+    Coding coding_[2];
+    kivoe_coef_tables *tables_[2] = {nullptr, nullptr};
+    Task task_[kMaxTasks];
+    int n_tasks_ = 0;
+    std::atomic<int> next_{0};
+};
+
+}  // namespace
+
+int32_t kivoe_write_coef_pics(const kivo_tpool *tp, void *const *threads, int n, const kivoe_coef_pic *const pics[],
+                              const int32_t codings[], uint8_t *const dst[], const int32_t cap[], int32_t size[]) {
+    return SharedCodings(tp, threads).run(n, pics, codings, dst, cap, size);
+}
 
 int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw *bs) {
     if (!bs) return KIVO_ERR_INVALID_ARG;

@@ -417,5 +417,13 @@ uint64_t kivoe_coef_scan_room(const kivoe_coef_plan *plan, int32_t scan, bool an
 void kivoe_coef_write_head(const kivoe_coef_plan *plan, xelo_bsw *bs);
 void kivoe_coef_write_scan(kivoe_coef_plan *plan, int32_t scan, kivoe_coef_tables *tables, xelo_bsw *bs);
 void kivoe_coef_write_tail(const kivoe_coef_plan *plan, xelo_bsw *bs);
+// Codings i < n (one or two) of pics[i] as codings[i], on two threads of tp
+// (threads: their handles), each into dst[i] if its stream fits in cap[i]
+// bytes: size[i] its bytes, 0 where it does not fit, or the negative status
+// kivoe_write_coef_pic would give. The streams are those of
+// kivoe_write_coef_pic. KIVO_OK, -102 for want of memory, or another
+// negative status when the threads could not run it (nothing written).
+int32_t kivoe_write_coef_pics(const kivo_tpool *tp, void *const *threads, int n, const kivoe_coef_pic *const pics[],
+                              const int32_t codings[], uint8_t *const dst[], const int32_t cap[], int32_t size[]);
 
 #endif

@@ -1,5 +1,6 @@
 // The picture loop: geometry and segment plan, the statistics pass, the
 // segments encoded on lent threads and joined behind the header.
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -376,6 +377,29 @@ namespace {
 // KIVO_ERR_OUT_OF_MEMORY.
 constexpr uint64_t kMaxProgressiveBytes = uint64_t(1) << 30;
 
+// The progressive stream of the levels: its scans shared by two threads
+// where the handle lends them (the same bytes), else on this one.
+int32_t write_progressive(kivoe_ctx *ctx, const kivoe_coef_pic *pic) {
+    xelo_bsw *bs = &ctx->bs;
+    if (kivo::thread_limit(ctx->tpool) >= 2) {
+        xelo_bsw_sink(bs);
+        const int64_t room = bs->end_ptr - bs->write_ptr;
+        uint8_t *const dst[1] = {bs->write_ptr};
+        const int32_t cap[1] = {static_cast<int32_t>(room < INT32_MAX ? room : INT32_MAX)};
+        const int32_t coding[1] = {KIVOE_CODING_PROGRESSIVE};
+        int32_t size[1];
+        const int32_t r = kivoe_write_coef_pics(&ctx->tpool, ctx->threads, 1, &pic, coding, dst, cap, size);
+        if (r == KIVO_ERR_OUT_OF_MEMORY) return r;
+        if (r == KIVO_OK) {
+            if (size[0] < 0) return size[0];
+            if (size[0] == 0) bs->overflow = 1;
+            bs->write_ptr += size[0];
+            return KIVO_OK;
+        }
+    }
+    return kivoe_write_coef_pic(pic, KIVOE_CODING_PROGRESSIVE, bs);
+}
+
 }  // namespace
 
 int32_t kivoe_enc_progressive(kivoe_ctx *ctx) {
@@ -408,7 +432,7 @@ int32_t kivoe_enc_progressive(kivoe_ctx *ctx) {
     for (int t = 0; t < 2; ++t) std::memcpy(pic.qt[t], ctx->qtbl[t].q, sizeof(pic.qt[t]));
     pic.app_list = ctx->app_list;
     if (ret == KIVO_OK) ret = ctx->proc.pic(ctx);
-    if (ret >= 0) ret = kivoe_write_coef_pic(&pic, KIVOE_CODING_PROGRESSIVE, &ctx->bs);
+    if (ret >= 0) ret = write_progressive(ctx, &pic);
     for (int16_t *&levels : ctx->prog_levels) {
         std::free(levels);
         levels = nullptr;

@@ -2,7 +2,6 @@
 // them, coded again as a baseline stream with optimised tables or as a
 // progressive one; and the smallest-of choice among that, the pipeline and
 // the source itself.
-#include <atomic>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -145,188 +144,6 @@ int32_t strip_source(const uint8_t *s, int32_t n, int32_t copy, uint8_t *dst) {
     return out + (n - in);
 }
 
-// Both lossless codings on two threads, in steps: each step's tasks (a
-// component's bit planes, a scan's counting or writing) are taken in turn by
-// whichever thread is free, with code tables of its own, and a step starts
-// once the one before has ended. A coding whose least size fits its cap is
-// written, each scan into room of its own, and joined after. Every task's
-// result depends on its inputs alone, so the bytes are those of one thread.
-class SharedCodings {
-public:
-    SharedCodings(const kivoe_ctx *e, const kivoe_coef_pic *pic) : e_(e), pic_(pic) {}
-    ~SharedCodings() {
-        for (Coding &c : coding_) {
-            kivoe_coef_plan_free(c.plan);
-            std::free(c.room);
-            for (int k = 0; k < c.n_more; ++k) std::free(c.more[k]);
-        }
-        for (kivoe_coef_tables *t : tables_) kivoe_coef_tables_free(t);
-    }
-
-    // Writes both codings into dst[i] (cap[i] bytes): i = 0 progressive,
-    // 1 baseline. size[i]: the stream's bytes, or 0 where it was not
-    // written or did not fit. KIVO_OK, -102 for want of memory, or
-    // KIVO_ERR_THREAD when the threads could not run it (nothing written).
-    int32_t run(uint8_t *const dst[2], const int32_t cap[2], int32_t size[2]) {
-        size[0] = size[1] = 0;
-        for (int t = 0; t < 2; ++t)
-            if (!(tables_[t] = kivoe_coef_tables_new())) return KIVO_ERR_OUT_OF_MEMORY;
-        for (int i = 0; i < 2; ++i) {
-            const int32_t r = kivoe_coef_plan_new(pic_, i == 0 ? KIVOE_CODING_PROGRESSIVE : KIVOE_CODING_BASELINE,
-                                                  &coding_[i].plan);
-            if (r == KIVO_ERR_OUT_OF_MEMORY) return r;
-        }
-        Coding &prog = coding_[0], &base = coding_[1];
-        // The baseline's counting, the longest task, with the bit planes.
-        if (base.plan)
-            for (int i = 0; i < kivoe_coef_tasks(base.plan, KIVOE_COEF_SCANS); ++i) add(Task::kCount, base.plan, i);
-        if (prog.plan)
-            for (int c = 0; c < kivoe_coef_tasks(prog.plan, KIVOE_COEF_PREPARE); ++c) add(Task::kPrepare, prog.plan, c);
-        int32_t r = run_step();
-        if (r != KIVO_OK) return r;
-        if (prog.plan && kivoe_coef_prepared(prog.plan) == KIVO_OK)
-            for (int i = 0; i < kivoe_coef_tasks(prog.plan, KIVOE_COEF_SCANS); ++i) add(Task::kCount, prog.plan, i);
-        else
-            prog.skip = true;
-        if ((r = run_step()) != KIVO_OK) return r;
-        for (int i = 0; i < 2; ++i) {
-            Coding &c = coding_[i];
-            uint64_t least = 0;
-            if (!c.plan || c.skip || kivoe_coef_counted(c.plan, &least) != KIVO_OK || least > static_cast<uint64_t>(cap[i])) {
-                c.skip = true;
-                continue;
-            }
-            if ((r = make_room(c)) != KIVO_OK) return r;
-            for (int k = 0; k < c.n_scans; ++k) add(Task::kWrite, c.plan, k, &c.scan[k]);
-        }
-        if ((r = run_step()) != KIVO_OK) return r;
-        for (int i = 0; i < 2; ++i) {
-            if (coding_[i].skip) continue;
-            if ((r = rewrite_overflowed(coding_[i])) != KIVO_OK) return r;
-            size[i] = join(coding_[i], dst[i], cap[i]);
-        }
-        return KIVO_OK;
-    }
-
-private:
-    struct Task {
-        enum Kind { kPrepare, kCount, kWrite } kind;
-        kivoe_coef_plan *plan;
-        int index;
-        xelo_bsw *bs;
-    };
-    static constexpr int kMaxTasks = 64;
-    static constexpr int kMaxScans = 24;
-    struct Coding {
-        kivoe_coef_plan *plan = nullptr;
-        bool skip = false;
-        uint8_t *room = nullptr;
-        int n_scans = 0;
-        xelo_bsw scan[kMaxScans];
-        uint8_t *more[kMaxScans];  // rooms of scans written again
-        int n_more = 0;
-    };
-    struct Thread {
-        SharedCodings *self;
-        kivoe_coef_tables *tables;
-    };
-
-    void add(Task::Kind kind, kivoe_coef_plan *plan, int index, xelo_bsw *bs = nullptr) {
-        if (n_tasks_ < kMaxTasks) task_[n_tasks_++] = Task{kind, plan, index, bs};
-    }
-
-    static int32_t work(void *arg) {
-        Thread *t = static_cast<Thread *>(arg);
-        SharedCodings *s = t->self;
-        for (int i; (i = s->next_.fetch_add(1, std::memory_order_relaxed)) < s->n_tasks_;) {
-            const Task &k = s->task_[i];
-            if (k.kind == Task::kPrepare) kivoe_coef_prepare(k.plan, k.index);
-            else if (k.kind == Task::kCount) kivoe_coef_count(k.plan, k.index, t->tables);
-            else kivoe_coef_write_scan(k.plan, k.index, t->tables, k.bs);
-        }
-        return KIVO_OK;
-    }
-
-    // Runs the tasks added since the last step on both threads.
-    int32_t run_step() {
-        next_.store(0, std::memory_order_relaxed);
-        Thread th[2] = {{this, tables_[0]}, {this, tables_[1]}};
-        void *args[2] = {&th[0], &th[1]};
-        const int32_t r = n_tasks_ ? kivo::fork_join(e_->tpool, e_->threads, 2, work, args) : KIVO_OK;
-        n_tasks_ = 0;
-        return r == KIVO_OK ? KIVO_OK : KIVO_ERR_THREAD;
-    }
-
-    // Room for every scan of c, each of its own writer: as much as its data
-    // usually take.
-    int32_t make_room(Coding &c) {
-        c.n_scans = kivoe_coef_tasks(c.plan, KIVOE_COEF_SCANS);
-        if (c.n_scans > kMaxScans) return KIVO_ERR_UNSUPPORTED;
-        uint64_t total = 0;
-        for (int k = 0; k < c.n_scans; ++k) {
-            const uint64_t n = kivoe_coef_scan_room(c.plan, k, true);
-            if (n > INT32_MAX) return KIVO_ERR_UNSUPPORTED;
-            total += kivoe_coef_scan_room(c.plan, k, false);
-        }
-        c.room = static_cast<uint8_t *>(std::malloc(static_cast<size_t>(total)));
-        if (!c.room) return KIVO_ERR_OUT_OF_MEMORY;
-        uint8_t *at = c.room;
-        for (int k = 0; k < c.n_scans; ++k) {
-            const int32_t n = static_cast<int32_t>(kivoe_coef_scan_room(c.plan, k, false));
-            xelo_bsw_init(&c.scan[k], at, n, kivoe_bs_flush);
-            at += n;
-        }
-        return KIVO_OK;
-    }
-
-    // Scans whose data held more stuffing than their room: written again on
-    // this thread with room for any data, and joined from there.
-    int32_t rewrite_overflowed(Coding &c) {
-        for (int k = 0; k < c.n_scans; ++k) {
-            if (!c.scan[k].overflow) continue;
-            const int32_t n = static_cast<int32_t>(kivoe_coef_scan_room(c.plan, k, true));
-            uint8_t *more = static_cast<uint8_t *>(std::malloc(static_cast<size_t>(n)));
-            if (!more || c.n_more == kMaxScans) {
-                std::free(more);
-                return KIVO_ERR_OUT_OF_MEMORY;
-            }
-            c.more[c.n_more++] = more;
-            xelo_bsw_init(&c.scan[k], more, n, kivoe_bs_flush);
-            kivoe_coef_write_scan(c.plan, k, tables_[0], &c.scan[k]);
-        }
-        return KIVO_OK;
-    }
-
-    // The stream of c in dst: its head, its scans' bytes and its tail; its
-    // size, or 0 when it does not fit.
-    static int32_t join(Coding &c, uint8_t *dst, int32_t cap) {
-        xelo_bsw bs;
-        xelo_bsw_init(&bs, dst, cap, kivoe_bs_flush);
-        kivoe_coef_write_head(c.plan, &bs);
-        xelo_bsw_sink(&bs);
-        for (int k = 0; k < c.n_scans && !bs.overflow; ++k) {
-            const xelo_bsw &s = c.scan[k];
-            const size_t n = static_cast<size_t>(s.write_ptr - s.start_ptr);
-            if (s.overflow || n > static_cast<size_t>(bs.end_ptr - bs.write_ptr)) {
-                bs.overflow = 1;
-                break;
-            }
-            std::memcpy(bs.write_ptr, s.start_ptr, n);
-            bs.write_ptr += n;
-        }
-        if (!bs.overflow) kivoe_coef_write_tail(c.plan, &bs);
-        return bs.overflow ? 0 : static_cast<int32_t>(bs.write_ptr - bs.start_ptr);
-    }
-
-    const kivoe_ctx *e_;
-    const kivoe_coef_pic *pic_;
-    Coding coding_[2];
-    kivoe_coef_tables *tables_[2] = {nullptr, nullptr};
-    Task task_[kMaxTasks];
-    int n_tasks_ = 0;
-    std::atomic<int> next_{0};
-};
-
 // The lossless candidates, each offered with its size: written one after
 // the other into the buffer the best so far leaves free, so that each may
 // stop as soon as it cannot win; or, when the handle has lent threads,
@@ -340,8 +157,10 @@ int32_t write_lossless(kivot_ctx *t, const kivoe_coef_pic *pic, uint8_t *const b
         const int free0 = best.free_buffer(0), free1 = best.free_buffer(1);
         uint8_t *const dst[2] = {buf[free0], buf[free1]};
         const int32_t cap[2] = {best.cap(kinds[0]), best.cap(kinds[1])};
+        const kivoe_coef_pic *const pics[2] = {pic, pic};
+        const int32_t codings[2] = {KIVOE_CODING_PROGRESSIVE, KIVOE_CODING_BASELINE};
         int32_t size[2];
-        const int32_t r = SharedCodings(e, pic).run(dst, cap, size);
+        const int32_t r = kivoe_write_coef_pics(&e->tpool, e->threads, 2, pics, codings, dst, cap, size);
         if (r == KIVO_ERR_OUT_OF_MEMORY) return r;
         if (r == KIVO_OK) {
             for (int i = 0; i < 2; ++i) best.offer(i ? free1 : free0, size[i], kinds[i]);
