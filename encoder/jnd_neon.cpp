@@ -38,3 +38,61 @@ void kivoe_jndfilt8x8_neon(const uint8_t *src, int32_t stride, int16_t *blk) {
         }
     }
 }
+
+// A level L = sign * n (n > 0) becomes sign * m for the lowest m that the
+// descent from n - 1 reaches. With c = sign * C and e = c - (n - 1) q, the
+// descent starts when -T < e < T, and a step down to n - 1 - j holds while
+// e + j q < T: it goes j = (T - 1 - e) / q steps, at most n - 1. T - 1 - e
+// lies below 2T, so that the quotient comes from the Q14 reciprocal with
+// one correction; e takes 32 bits.
+void kivoe_jnd_suppress_neon(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
+                             const uint8_t *thr) {
+    // AC magnitudes, each counted up to 8: only whether they add up to more
+    // than 7 matters.
+    int16x8_t l[8];
+    int16x8_t sum = vdupq_n_s16(0);
+    for (int r = 0; r < 8; ++r) {
+        l[r] = vld1q_s16(levels + 8 * r);
+        int16x8_t capped = vminq_s16(vqabsq_s16(l[r]), vdupq_n_s16(8));
+        if (r == 0) capped = vsetq_lane_s16(0, capped, 0);
+        sum = vaddq_s16(sum, capped);
+    }
+    const int32x4_t s4 = vpaddlq_s16(sum);
+    const int64x2_t s2 = vpaddlq_s32(s4);
+    if (vgetq_lane_s64(s2, 0) + vgetq_lane_s64(s2, 1) <= 7) return;
+    for (int r = 0; r < 8; ++r) {
+        const int16x8_t L = l[r];
+        const uint16x8_t nz = vtstq_s16(L, L);
+        const uint64x2_t any = vreinterpretq_u64_u16(nz);
+        if ((vgetq_lane_u64(any, 0) | vgetq_lane_u64(any, 1)) == 0) continue;
+        const int16x8_t s = vshrq_n_s16(L, 15);
+        const uint16x8_t n1 = vsubq_u16(vreinterpretq_u16_s16(vabsq_s16(L)), vdupq_n_u16(1));
+        const uint16x8_t Q = vld1q_u16(q + 8 * r);
+        const int16x8_t C = vld1q_s16(coef + 8 * r);
+        const uint16x8_t T = vmovl_u8(vld1_u8(thr + 8 * r));
+        int32x4_t e[2];
+        uint32x4_t cond[2];
+        for (int h = 0; h < 2; ++h) {
+            const int32x4_t s32 = vmovl_s16(h ? vget_high_s16(s) : vget_low_s16(s));
+            const int32x4_t c32 = vmovl_s16(h ? vget_high_s16(C) : vget_low_s16(C));
+            const int32x4_t c = vsubq_s32(veorq_s32(c32, s32), s32);
+            const uint32x4_t p = vmull_u16(h ? vget_high_u16(n1) : vget_low_u16(n1), h ? vget_high_u16(Q) : vget_low_u16(Q));
+            e[h] = vsubq_s32(c, vreinterpretq_s32_u32(p));
+            const int32x4_t t = vreinterpretq_s32_u32(vmovl_u16(h ? vget_high_u16(T) : vget_low_u16(T)));
+            cond[h] = vandq_u32(vcgtq_s32(e[h], vnegq_s32(t)), vcltq_s32(e[h], t));
+            e[h] = vsubq_s32(vsubq_s32(t, vdupq_n_s32(1)), e[h]);  // T - 1 - e
+        }
+        const uint16x8_t take = vandq_u16(vcombine_u16(vmovn_u32(cond[0]), vmovn_u32(cond[1])), nz);
+        const uint64x2_t any_take = vreinterpretq_u64_u16(take);
+        if ((vgetq_lane_u64(any_take, 0) | vgetq_lane_u64(any_take, 1)) == 0) continue;
+        const uint16x8_t X = vreinterpretq_u16_s16(vcombine_s16(vqmovn_s32(e[0]), vqmovn_s32(e[1])));
+        const uint16x8_t R = vld1q_u16(recip + 8 * r);
+        const uint16x8_t m0 = vcombine_u16(vshrn_n_u32(vmull_u16(vget_low_u16(X), vget_low_u16(R)), 14),
+                                           vshrn_n_u32(vmull_u16(vget_high_u16(X), vget_high_u16(R)), 14));
+        const uint16x8_t rem = vmlsq_u16(X, m0, Q);
+        const uint16x8_t j = vsubq_u16(m0, vcgeq_u16(rem, Q));  // + 1 where rem >= q
+        const int16x8_t m = vmaxq_s16(vreinterpretq_s16_u16(vsubq_u16(n1, j)), vdupq_n_s16(0));
+        const int16x8_t out = vsubq_s16(veorq_s16(m, s), s);
+        vst1q_s16(levels + 8 * r, vbslq_s16(take, out, L));
+    }
+}

@@ -139,6 +139,12 @@ typedef uint64_t (*kivoe_quant_mask_fn)(int16_t *blk, const uint16_t *recip, con
 typedef uint64_t (*kivoe_quant_samples_fn)(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *recip,
                                            const uint16_t *offset);
 typedef void (*kivoe_jndfilt_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
+typedef void (*kivoe_suppress_fn)(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
+                                  const uint8_t *thr);
+typedef void (*kivoe_update_offset_fn)(const int16_t *levels, const int16_t *coef, const uint16_t *q,
+                                       const uint16_t *recip, uint16_t *offset);
+typedef void (*kivoe_box2_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
+typedef void (*kivoe_abs_acc_fn)(const int16_t *blk, uint32_t *acc);
 // Bit planes of a block's AC levels in zig-zag order, for the progressive
 // writer: bit z of nz[a] is set when |level| >> a is not zero, of odd[a]
 // when bit a of |level| is set, of neg when the level is negative. Bit 0
@@ -173,6 +179,10 @@ struct kivoe_proc {
     // kivoe_fdct_quant_samples where a variant reads the samples faster
     // than a widening copy and kivoe_fdct_quant_mask; null otherwise.
     kivoe_quant_samples_fn fdct_quant_samples;
+    kivoe_suppress_fn jnd_suppress;        // kivoe_jnd_suppress
+    kivoe_update_offset_fn update_offset;  // kivoe_update_offset
+    kivoe_box2_fn box2;                    // kivoe_box2
+    kivoe_abs_acc_fn abs_acc;              // kivoe_abs_acc
 };
 
 struct kivoe_ctx {
@@ -325,6 +335,11 @@ uint64_t kivoe_fdct_quant_samples(const uint8_t *src, int32_t stride, int16_t *b
 // reconstruction errors (coef: the unquantized coefficients).
 void kivoe_update_offset(const int16_t *levels, const int16_t *coef, const uint16_t *q,
                          const uint16_t *recip, uint16_t *offset);
+// The perceptual selection's sampling at level 1: blk[8 j + k] is the mean
+// (sum >> 2) of the 2 x 2 samples at row 2 j, column 2 k of src.
+void kivoe_box2(const uint8_t *src, int32_t stride, int16_t *blk);
+// acc[i] += |blk[i]| for the 64 values (|-32768| = 32768).
+void kivoe_abs_acc(const int16_t *blk, uint32_t *acc);
 void kivoe_planes_c(const int16_t *blk, kivoe_planes *out);
 // Fills the transform and quantizer slots from the best variant the CPU
 // flags allow.
@@ -336,9 +351,14 @@ extern const uint8_t tbl_suppr_lum[256];
 void kivoe_jndfilt8x8(const uint8_t *src, int32_t stride, int16_t *blk);
 // Thresholds of a block from its unquantized DC coefficient.
 void kivoe_jnd_thresholds(int16_t dc, uint8_t thr[64]);
+// The same thresholds in place: a row of kivo_tbl_suppr_thr, or null when
+// they are all zero (nothing is then suppressed).
+const uint8_t *kivoe_jnd_threshold_row(int16_t dc);
 // Lowers levels while the error stays below the thresholds (blocks whose AC
-// levels add up to more than 7 only).
-void kivoe_jnd_suppress(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint8_t thr[64]);
+// levels add up to more than 7 only). recip is 16384 / q, as in every
+// table (the plain kernel does not read it; the variants divide with it).
+void kivoe_jnd_suppress(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
+                        const uint8_t *thr);
 
 // ---- perceptual selection (perceptual.cpp) ----------------------------------------------------------
 int32_t kivoe_get_qt(kivoe_ctx *ctx, int32_t level, uint8_t *out);

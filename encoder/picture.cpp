@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "common/block.h"
+#include "common/nonzero.h"
 #include "encoder/kivoe_int.h"
 
 #if defined(__SSE2__)
@@ -488,25 +489,28 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
     const bool reuse = !job->counting && job->levels_kept;
     int16_t *kept = job->counting || reuse ? job->levels : nullptr;
     alignas(16) int16_t coef[64];
-    uint8_t thr[64];
     // Switches and kernels in locals: the calls through the table would
     // otherwise have them read again for every block.
     const bool jnd_filter = ctx->jnd_filter, jnd_suppress = ctx->jnd_suppress, adaptive = ctx->adaptive_rounding;
     const kivoe_fdct_fn fdct8 = p.fdct8;
     const kivoe_quant_mask_fn quant_mask = p.quant_mask, fdct_quant_mask = p.fdct_quant_mask;
     const kivoe_quant_samples_fn fdct_quant_samples = p.fdct_quant_samples;
+    const kivoe_suppress_fn suppress = p.jnd_suppress;
+    const kivoe_update_offset_fn update_offset = p.update_offset;
     const bool keep = jnd_suppress || adaptive;
     // With the writers in the coder slots, a block's codes go out together.
     const bool fused = p.vlc_dc == kivoe_vlc_dc && p.vlc_ac == kivoe_vlc_ac;
     // Blocks coded straight after the plain quantizer take its mask of
     // non-zero levels.
-    const bool masked = fused && !prog && !jnd_suppress && !adaptive;
-    // Such blocks are transformed and quantized a whole MCU at a time before
-    // any is coded: the blocks' transforms do not wait for one another, nor
-    // for the coder's loops, and overlap.
+    const bool masked = fused && !prog && !keep;
+    // Coded blocks are transformed and quantized a whole MCU at a time
+    // before any is coded: the blocks' transforms do not wait for one
+    // another, nor for the coder's loops, and overlap. Adaptive rounding
+    // still quantizes the blocks in coding order, each with the offsets the
+    // one before left.
     int32_t per_mcu = 0;
     for (int c = 0; c < nc; ++c) per_mcu += fh.h[c] * fh.v[c];
-    const bool by_mcu = masked && !reuse && per_mcu > 1 && per_mcu <= kMaxMcuBlocks;
+    const bool by_mcu = fused && !prog && !reuse && per_mcu > 1 && per_mcu <= kMaxMcuBlocks;
     alignas(32) int16_t mcu_levels[kMaxMcuBlocks * 64];
     kivoe_block_code mcu_code[kMaxMcuBlocks];
     // The samples of block (bcol, brow) of component c into dst.
@@ -521,6 +525,17 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
             load_block(cc.plane, cc.stride, ctx->smp_w[c], ctx->smp_h[c], bcol, brow, dst);
         }
     };
+    // Transformed coefficients at blk to levels, with suppression and the
+    // offset update when they are on.
+    auto quantize_kept = [&](Comp &cc, int16_t *blk) {
+        const uint8_t *thr = jnd_suppress ? kivoe_jnd_threshold_row(blk[0]) : nullptr;
+        kivo::copy_block(coef, blk);
+        if (adaptive) p.quant_rdoq(blk, cc.q->recip, cc.offset);
+        else p.quant(blk, cc.q->recip, cc.offset);
+        // All-zero thresholds suppress nothing.
+        if (thr) suppress(blk, coef, cc.q->q, cc.q->recip, thr);
+        if (adaptive) update_offset(blk, coef, cc.q->q, cc.q->recip, cc.adapt);
+    };
     int32_t counter = 0;
     for (int32_t m = 0; m < job->n_mcu; ++m) {
         const int32_t at = first_mcu + m;
@@ -533,7 +548,7 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                 prefetch_rows(cc.plane, cc.stride, ctx->smp_h[c], 8 * cc.col + 128, 8 * cc.row, 8 * fh.v[c]);
         }
         for (int c = 0, b = 0; c < nc && by_mcu; ++c) {
-            const Comp &cc = comp[c];
+            Comp &cc = comp[c];
             const int hf = fh.h[c], vf = fh.v[c];
             // The MCU's blocks of the component all inside the plane, none
             // filtered: read straight from the plane.
@@ -545,14 +560,22 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                     int16_t *lv = mcu_levels + 64 * b;
                     const uint8_t *at = src + static_cast<ptrdiff_t>(8 * v) * cc.stride + 8 * h;
                     uint64_t mask;
-                    if (inside && fdct_quant_samples) {
+                    if (keep) {
+                        if (inside) load_inside(at, cc.stride, lv);
+                        else load(c, cc, cc.col + h, cc.row + v, lv);
+                        fdct8(lv);
+                        quantize_kept(cc, lv);
+                        bool all_coded;
+                        const uint64_t zz = kivo_zigzag_ac_mask(lv, &all_coded);
+                        mask = all_coded ? zz : ~uint64_t(0);
+                    } else if (inside && fdct_quant_samples) {
                         mask = fdct_quant_samples(at, cc.stride, lv, cc.q->recip, cc.offset);
                     } else {
                         if (inside) load_inside(at, cc.stride, lv);
                         else load(c, cc, cc.col + h, cc.row + v, lv);
                         mask = fdct_quant_mask(lv, cc.q->recip, cc.offset);
                     }
-                    mcu_code[b] = {cc.dc, cc.ac, lv, coder_mask(mask), 0};
+                    mcu_code[b] = {cc.dc, cc.ac, lv, keep ? mask : coder_mask(mask), 0};
                 }
         }
         if (by_mcu) {
@@ -577,17 +600,9 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                         const int32_t bcol = cc.col + h, brow = cc.row + v;
                         load(c, cc, bcol, brow, blk);
                         fdct8(blk);
-                        if (jnd_suppress) kivoe_jnd_thresholds(blk[0], thr);
-                        if (keep) kivo::copy_block(coef, blk);
-                        if (masked) {
-                            mask = coder_mask(quant_mask(blk, cc.q->recip, cc.offset));
-                        } else if (adaptive) {
-                            p.quant_rdoq(blk, cc.q->recip, cc.offset);
-                        } else {
-                            p.quant(blk, cc.q->recip, cc.offset);
-                        }
-                        if (jnd_suppress) kivoe_jnd_suppress(blk, coef, cc.q->q, thr);
-                        if (adaptive) kivoe_update_offset(blk, coef, cc.q->q, cc.q->recip, cc.adapt);
+                        if (masked) mask = coder_mask(quant_mask(blk, cc.q->recip, cc.offset));
+                        else if (keep) quantize_kept(cc, blk);
+                        else p.quant(blk, cc.q->recip, cc.offset);
                         if (kept) {
                             kivo::copy_block(kept, blk);
                             kept += 64;

@@ -230,7 +230,7 @@ TEST(EncRef, JndFilterThresholdsAndSuppression) {
             want[i] = lv[i] = int16_t(std::lround(double(coef[i]) / q[i]) + (rng() % 4 ? 0 : 1));
         }
         ref::suppress(want, coef, q, thr);
-        kivoe_jnd_suppress(lv, coef, q, thr);
+        kivoe_jnd_suppress(lv, coef, q, nullptr, thr);
         for (int i = 0; i < 64; ++i) ASSERT_EQ(lv[i], want[i]) << n << " at " << i;
     }
 }
