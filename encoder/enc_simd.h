@@ -29,6 +29,10 @@ uint64_t kivoe_fdct_quant_samples_avx2(const uint8_t *src, int32_t stride, int16
                                        const uint16_t *offset);
 void kivoe_quant_rdoq_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_planes_avx2(const int16_t *blk, kivoe_planes *out);
+void kivoe_jnd_suppress_avx2(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
+                             const uint8_t *thr);
+void kivoe_update_offset_avx2(const int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
+                              uint16_t *offset);
 void kivoe_fdct8_neon(int16_t *blk);
 int32_t kivoe_quant_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 uint64_t kivoe_quant_mask_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);

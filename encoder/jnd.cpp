@@ -115,14 +115,6 @@ void kivoe_jndfilt8x8(const uint8_t *src, int32_t stride, int16_t *blk) {
     }
 }
 
-const uint8_t *kivoe_jnd_threshold_row(int16_t dc) {
-    int level = (dc + 1024) >> 3;
-    level = level < 0 ? 0 : level > 255 ? 255 : level;
-    const int k = tbl_suppr_lum[level];
-    // Row k - 1 of the exported table holds (tbl_inv_mtf * k) >> 12.
-    return k ? kivo_tbl_suppr_thr + 64 * (k - 1) : nullptr;
-}
-
 void kivoe_jnd_thresholds(int16_t dc, uint8_t thr[64]) {
     const uint8_t *row = kivoe_jnd_threshold_row(dc);
     if (row) std::memcpy(thr, row, 64);

@@ -353,7 +353,13 @@ void kivoe_jndfilt8x8(const uint8_t *src, int32_t stride, int16_t *blk);
 void kivoe_jnd_thresholds(int16_t dc, uint8_t thr[64]);
 // The same thresholds in place: a row of kivo_tbl_suppr_thr, or null when
 // they are all zero (nothing is then suppressed).
-const uint8_t *kivoe_jnd_threshold_row(int16_t dc);
+inline const uint8_t *kivoe_jnd_threshold_row(int16_t dc) {
+    int level = (dc + 1024) >> 3;
+    level = level < 0 ? 0 : level > 255 ? 255 : level;
+    const int k = tbl_suppr_lum[level];
+    // Row k - 1 of the exported table holds (tbl_inv_mtf * k) >> 12.
+    return k ? kivo_tbl_suppr_thr + 64 * (k - 1) : nullptr;
+}
 // Lowers levels while the error stays below the thresholds (blocks whose AC
 // levels add up to more than 7 only). recip is 16384 / q, as in every
 // table (the plain kernel does not read it; the variants divide with it).

@@ -88,33 +88,3 @@ void kivoe_quant_rdoq_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *
         _mm_storeu_si128(reinterpret_cast<__m128i *>(blk + i), level);
     }
 }
-
-// The error |C| - |L| q needs 32 bits; it is kept as two 16-bit halves.
-// Only the low 16 bits of the offset's change count (the sum is taken as a
-// signed 16-bit value), and they are bits 11 to 26 of |error| * recip: the
-// low 32 bits of that product, from 16-bit multiplies.
-void kivoe_update_offset_sse2(const int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
-                              uint16_t *offset) {
-    const __m128i zero = _mm_setzero_si128();
-    for (int i = 0; i < 64; i += 8) {
-        const __m128i L = load8(levels + i);
-        const __m128i none = _mm_cmpeq_epi16(L, zero);
-        if (_mm_movemask_epi8(none) == 0xFFFF) continue;
-        const __m128i ls = _mm_srai_epi16(L, 15), C = load8(coef + i), cs = _mm_srai_epi16(C, 15);
-        const __m128i a = _mm_sub_epi16(_mm_xor_si128(L, ls), ls), c = _mm_sub_epi16(_mm_xor_si128(C, cs), cs);
-        const __m128i Q = load8(q + i), R = load8(recip + i), O = load8(offset + i);
-        const __m128i rl = _mm_mullo_epi16(a, Q), rh = _mm_mulhi_epu16(a, Q);
-        // err = c - (rh:rl), borrowing from the high half where rl > c.
-        const __m128i borrow = _mm_cmpeq_epi16(_mm_cmpeq_epi16(_mm_subs_epu16(rl, c), zero), zero);
-        const __m128i el = _mm_sub_epi16(c, rl), eh = _mm_add_epi16(_mm_sub_epi16(zero, rh), borrow);
-        // |err|: two's complement of both halves where err < 0.
-        const __m128i neg = _mm_srai_epi16(eh, 15);
-        const __m128i al = _mm_sub_epi16(_mm_xor_si128(el, neg), neg);
-        const __m128i ah = _mm_sub_epi16(_mm_xor_si128(eh, neg), _mm_and_si128(neg, _mm_cmpeq_epi16(el, zero)));
-        const __m128i lo = _mm_mullo_epi16(al, R), hi = _mm_add_epi16(_mm_mulhi_epu16(al, R), _mm_mullo_epi16(ah, R));
-        const __m128i d = _mm_or_si128(_mm_slli_epi16(hi, 5), _mm_srli_epi16(lo, 11));
-        __m128i o = _mm_add_epi16(O, _mm_sub_epi16(_mm_xor_si128(d, neg), neg));
-        o = _mm_min_epi16(_mm_max_epi16(o, zero), _mm_set1_epi16(8192));
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(offset + i), _mm_or_si128(_mm_and_si128(none, O), _mm_andnot_si128(none, o)));
-    }
-}
