@@ -31,6 +31,7 @@ void kivoe_quant_rdoq_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *
 void kivoe_planes_avx2(const int16_t *blk, kivoe_planes *out);
 void kivoe_jnd_suppress_avx2(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
                              const uint8_t *thr);
+uint64_t kivoe_levels_mask_avx2(const int16_t *blk);
 void kivoe_update_offset_avx2(const int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
                               uint16_t *offset);
 void kivoe_fdct8_neon(int16_t *blk);

@@ -143,6 +143,7 @@ typedef void (*kivoe_suppress_fn)(int16_t *levels, const int16_t *coef, const ui
                                   const uint8_t *thr);
 typedef void (*kivoe_update_offset_fn)(const int16_t *levels, const int16_t *coef, const uint16_t *q,
                                        const uint16_t *recip, uint16_t *offset);
+typedef uint64_t (*kivoe_levels_mask_fn)(const int16_t *blk);
 typedef void (*kivoe_box2_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
 typedef void (*kivoe_abs_acc_fn)(const int16_t *blk, uint32_t *acc);
 // Bit planes of a block's AC levels in zig-zag order, for the progressive
@@ -181,6 +182,7 @@ struct kivoe_proc {
     kivoe_quant_samples_fn fdct_quant_samples;
     kivoe_suppress_fn jnd_suppress;        // kivoe_jnd_suppress
     kivoe_update_offset_fn update_offset;  // kivoe_update_offset
+    kivoe_levels_mask_fn levels_mask;      // kivoe_levels_mask
     kivoe_box2_fn box2;                    // kivoe_box2
     kivoe_abs_acc_fn abs_acc;              // kivoe_abs_acc
 };
@@ -335,6 +337,10 @@ uint64_t kivoe_fdct_quant_samples(const uint8_t *src, int32_t stride, int16_t *b
 // reconstruction errors (coef: the unquantized coefficients).
 void kivoe_update_offset(const int16_t *levels, const int16_t *coef, const uint16_t *q,
                          const uint16_t *recip, uint16_t *offset);
+// The mask the block coder takes for the levels at blk: bit z set when the
+// AC level at zig-zag position z is not zero, or all ones (the coder then
+// finds them itself) when a level lies above 2047 or is -32768.
+uint64_t kivoe_levels_mask(const int16_t *blk);
 // The perceptual selection's sampling at level 1: blk[8 j + k] is the mean
 // (sum >> 2) of the 2 x 2 samples at row 2 j, column 2 k of src.
 void kivoe_box2(const uint8_t *src, int32_t stride, int16_t *blk);

@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "common/block.h"
-#include "common/nonzero.h"
 #include "encoder/kivoe_int.h"
 
 #if defined(__SSE2__)
@@ -497,6 +496,7 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
     const kivoe_quant_samples_fn fdct_quant_samples = p.fdct_quant_samples;
     const kivoe_suppress_fn suppress = p.jnd_suppress;
     const kivoe_update_offset_fn update_offset = p.update_offset;
+    const kivoe_levels_mask_fn levels_mask = p.levels_mask;
     const bool keep = jnd_suppress || adaptive;
     // With the writers in the coder slots, a block's codes go out together.
     const bool fused = p.vlc_dc == kivoe_vlc_dc && p.vlc_ac == kivoe_vlc_ac;
@@ -565,9 +565,7 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                         else load(c, cc, cc.col + h, cc.row + v, lv);
                         fdct8(lv);
                         quantize_kept(cc, lv);
-                        bool all_coded;
-                        const uint64_t zz = kivo_zigzag_ac_mask(lv, &all_coded);
-                        mask = all_coded ? zz : ~uint64_t(0);
+                        mask = levels_mask(lv);
                     } else if (inside && fdct_quant_samples) {
                         mask = fdct_quant_samples(at, cc.stride, lv, cc.q->recip, cc.offset);
                     } else {

@@ -71,3 +71,9 @@ void kivoe_update_offset(const int16_t *levels, const int16_t *coef, const uint1
         offset[i] = static_cast<uint16_t>(o < 0 ? 0 : o > 8192 ? 8192 : o);
     }
 }
+
+uint64_t kivoe_levels_mask(const int16_t *blk) {
+    bool all_coded;
+    const uint64_t mask = kivo_zigzag_ac_mask(blk, &all_coded);
+    return all_coded ? mask : ~uint64_t(0);
+}

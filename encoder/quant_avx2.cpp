@@ -153,3 +153,22 @@ void kivoe_quant_rdoq_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *
         _mm256_storeu_si256(reinterpret_cast<__m256i *>(blk + i), apply_sign(c, n));
     }
 }
+
+uint64_t kivoe_levels_mask_avx2(const int16_t *blk) {
+    const __m256i zero = _mm256_setzero_si256(), top = _mm256_set1_epi16(2047), low = _mm256_set1_epi16(-32768);
+    __m256i l[4], bad = zero;
+    for (int k = 0; k < 4; ++k) {
+        l[k] = load16(blk + 16 * k);
+        bad = _mm256_or_si256(bad, _mm256_or_si256(_mm256_cmpgt_epi16(l[k], top), _mm256_cmpeq_epi16(l[k], low)));
+    }
+    if (!_mm256_testz_si256(bad, bad)) return ~uint64_t(0);
+    // One byte a level, all ones where it is zero, as the quantizers' masks.
+    __m256i v[4];
+    v[0] = _mm256_packs_epi16(_mm256_cmpeq_epi16(l[0], zero), _mm256_cmpeq_epi16(l[1], zero));
+    v[2] = _mm256_packs_epi16(_mm256_cmpeq_epi16(l[2], zero), _mm256_cmpeq_epi16(l[3], zero));
+    v[1] = _mm256_permute2x128_si256(v[0], v[0], 0x01);
+    v[3] = _mm256_permute2x128_si256(v[2], v[2], 0x01);
+    const uint64_t zeros = static_cast<uint32_t>(_mm256_movemask_epi8(zigzag_half(v, 0))) |
+                           static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(zigzag_half(v, 1)))) << 32;
+    return ~zeros & ~uint64_t(1);
+}
