@@ -2,14 +2,18 @@
 #include <arm_neon.h>
 
 #include "encoder/enc_simd.h"
+#include "encoder/jnd_steps.h"
 
 namespace {
 
-// Per byte: how many of the eight steps t are at or below c.
-inline uint8x16_t steps_at_or_below(uint8x16_t c, const uint8_t (&t)[8]) {
-    uint8x16_t n = vdupq_n_u8(0);
-    for (uint8_t s : t) n = vsubq_u8(n, vcgeq_u8(c, vdupq_n_u8(s)));
-    return n;
+// Per byte: how many of the steps are at or below c, by table look-ups on
+// the high nibble of c (see jnd_steps.h).
+inline uint8x16_t steps_at_or_below(uint8x16_t c, uint8x16_t idx, const JndSteps &t) {
+    const uint8x8x2_t base = {{vld1_u8(t.base), vld1_u8(t.base + 8)}};
+    const uint8x8x2_t step = {{vld1_u8(t.step), vld1_u8(t.step + 8)}};
+    const uint8x16_t b = vcombine_u8(vtbl2_u8(base, vget_low_u8(idx)), vtbl2_u8(base, vget_high_u8(idx)));
+    const uint8x16_t s = vcombine_u8(vtbl2_u8(step, vget_low_u8(idx)), vtbl2_u8(step, vget_high_u8(idx)));
+    return vsubq_u8(b, vcgeq_u8(c, s));
 }
 
 inline uint8x16_t rows(const uint8_t *p, int32_t stride, int y) {
@@ -19,13 +23,11 @@ inline uint8x16_t rows(const uint8_t *p, int32_t stride, int y) {
 }  // namespace
 
 void kivoe_jndfilt8x8_neon(const uint8_t *src, int32_t stride, int16_t *blk) {
-    static constexpr uint8_t kUp[8] = {11, 30, 55, 84, 118, 155, 195, 239};
-    static constexpr uint8_t kDown[8] = {12, 32, 58, 88, 123, 161, 202, 247};
     for (int y = 0; y < 8; y += 2) {
-        const uint8x16_t c = rows(src, stride, y);
+        const uint8x16_t c = rows(src, stride, y), idx = vshrq_n_u8(c, 4);
         // The band [c - d(c), min(255, c + a(c))] that neighbours are held to.
-        const uint8x16_t hi = vqaddq_u8(c, steps_at_or_below(c, kUp));
-        const uint8x16_t lo = vqsubq_u8(c, steps_at_or_below(c, kDown));
+        const uint8x16_t hi = vqaddq_u8(c, steps_at_or_below(c, idx, kJndUp));
+        const uint8x16_t lo = vqsubq_u8(c, steps_at_or_below(c, idx, kJndDown));
         uint8x16_t n[4];
         const int dy[4] = {-2, -1, 1, 2};
         for (int k = 0; k < 4; ++k) n[k] = vminq_u8(vmaxq_u8(rows(src, stride, y + dy[k]), lo), hi);
