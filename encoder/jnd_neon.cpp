@@ -72,22 +72,40 @@ void kivoe_jnd_suppress_neon(int16_t *levels, const int16_t *coef, const uint16_
         const uint16x8_t Q = vld1q_u16(q + 8 * r);
         const int16x8_t C = vld1q_s16(coef + 8 * r);
         const uint16x8_t T = vmovl_u8(vld1_u8(thr + 8 * r));
-        int32x4_t e[2];
-        uint32x4_t cond[2];
-        for (int h = 0; h < 2; ++h) {
-            const int32x4_t s32 = vmovl_s16(h ? vget_high_s16(s) : vget_low_s16(s));
-            const int32x4_t c32 = vmovl_s16(h ? vget_high_s16(C) : vget_low_s16(C));
-            const int32x4_t c = vsubq_s32(veorq_s32(c32, s32), s32);
-            const uint32x4_t p = vmull_u16(h ? vget_high_u16(n1) : vget_low_u16(n1), h ? vget_high_u16(Q) : vget_low_u16(Q));
-            e[h] = vsubq_s32(c, vreinterpretq_s32_u32(p));
-            const int32x4_t t = vreinterpretq_s32_u32(vmovl_u16(h ? vget_high_u16(T) : vget_low_u16(T)));
-            cond[h] = vandq_u32(vcgtq_s32(e[h], vnegq_s32(t)), vcltq_s32(e[h], t));
-            e[h] = vsubq_s32(vsubq_s32(t, vdupq_n_s32(1)), e[h]);  // T - 1 - e
+        auto none = [](uint16x8_t m) {
+            const uint64x2_t v = vreinterpretq_u64_u16(m);
+            return (vgetq_lane_u64(v, 0) | vgetq_lane_u64(v, 1)) == 0;
+        };
+        uint16x8_t take, X;
+        // (n - 1) q below 32768 and C not -32768 in every lane: e in 16
+        // bits, saturated below (then far under -T, as the true value).
+        const uint32x4_t p_lo = vmull_u16(vget_low_u16(n1), vget_low_u16(Q));
+        const uint32x4_t p_hi = vmull_u16(vget_high_u16(n1), vget_high_u16(Q));
+        const uint16x8_t wide = vandq_u16(nz, vorrq_u16(vcombine_u16(vqmovn_u32(vshrq_n_u32(p_lo, 15)), vqmovn_u32(vshrq_n_u32(p_hi, 15))),
+                                                        vceqq_s16(C, vdupq_n_s16(-32768))));
+        if (none(wide)) {
+            const int16x8_t P = vreinterpretq_s16_u16(vcombine_u16(vmovn_u32(p_lo), vmovn_u32(p_hi)));
+            const int16x8_t e = vqsubq_s16(vsubq_s16(veorq_s16(C, s), s), P);
+            const int16x8_t t = vreinterpretq_s16_u16(T);
+            take = vandq_u16(vandq_u16(vcgtq_s16(e, vnegq_s16(t)), vcltq_s16(e, t)), nz);
+            if (none(take)) continue;
+            X = vreinterpretq_u16_s16(vsubq_s16(vsubq_s16(t, vdupq_n_s16(1)), e));
+        } else {
+            int32x4_t e[2];
+            uint32x4_t cond[2];
+            for (int h = 0; h < 2; ++h) {
+                const int32x4_t s32 = vmovl_s16(h ? vget_high_s16(s) : vget_low_s16(s));
+                const int32x4_t c32 = vmovl_s16(h ? vget_high_s16(C) : vget_low_s16(C));
+                const int32x4_t c = vsubq_s32(veorq_s32(c32, s32), s32);
+                e[h] = vsubq_s32(c, vreinterpretq_s32_u32(h ? p_hi : p_lo));
+                const int32x4_t t = vreinterpretq_s32_u32(vmovl_u16(h ? vget_high_u16(T) : vget_low_u16(T)));
+                cond[h] = vandq_u32(vcgtq_s32(e[h], vnegq_s32(t)), vcltq_s32(e[h], t));
+                e[h] = vsubq_s32(vsubq_s32(t, vdupq_n_s32(1)), e[h]);  // T - 1 - e
+            }
+            take = vandq_u16(vcombine_u16(vmovn_u32(cond[0]), vmovn_u32(cond[1])), nz);
+            if (none(take)) continue;
+            X = vreinterpretq_u16_s16(vcombine_s16(vqmovn_s32(e[0]), vqmovn_s32(e[1])));
         }
-        const uint16x8_t take = vandq_u16(vcombine_u16(vmovn_u32(cond[0]), vmovn_u32(cond[1])), nz);
-        const uint64x2_t any_take = vreinterpretq_u64_u16(take);
-        if ((vgetq_lane_u64(any_take, 0) | vgetq_lane_u64(any_take, 1)) == 0) continue;
-        const uint16x8_t X = vreinterpretq_u16_s16(vcombine_s16(vqmovn_s32(e[0]), vqmovn_s32(e[1])));
         const uint16x8_t R = vld1q_u16(recip + 8 * r);
         const uint16x8_t m0 = vcombine_u16(vshrn_n_u32(vmull_u16(vget_low_u16(X), vget_low_u16(R)), 14),
                                            vshrn_n_u32(vmull_u16(vget_high_u16(X), vget_high_u16(R)), 14));

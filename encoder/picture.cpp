@@ -437,7 +437,77 @@ int32_t kivoe_enc_pic(kivoe_ctx *ctx) {
     return KIVO_OK;
 }
 
-int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
+namespace {
+
+// A component's tables, plane and place in a segment.
+struct Comp {
+    const kivoe_qtbl *q;
+    kivoe_dc_tbl *dc;
+    kivoe_ac_tbl *ac;
+    const uint16_t *offset;
+    uint16_t *adapt;
+    const uint8_t *plane;
+    int32_t stride;
+    int32_t col, row;
+};
+
+// Loads block (bcol, brow) of component c into dst. The JND filter reads
+// two lines above and below the block: only luma blocks a whole block away
+// from every edge of the picture are filtered.
+inline void load_at(const kivoe_ctx *ctx, bool jnd_filter, int c, const Comp &cc, int32_t bcol, int32_t brow,
+                    int16_t *dst) {
+    if (jnd_filter && c == 0 && bcol >= 1 && brow >= 1 && 8 * bcol + 16 <= ctx->smp_w[0] &&
+        8 * brow + 16 <= ctx->smp_h[0]) {
+        ctx->proc.jndfilt(cc.plane + static_cast<ptrdiff_t>(8 * brow) * cc.stride + 8 * bcol, cc.stride, dst);
+    } else {
+        load_block(cc.plane, cc.stride, ctx->smp_w[c], ctx->smp_h[c], bcol, brow, dst);
+    }
+}
+
+// Transformed coefficients at blk to levels with JND suppression, adaptive
+// rounding or both (coef: room for the unquantized coefficients). Apart
+// from the plain block loop, whose registers it would otherwise share.
+__attribute__((noinline)) void quantize_kept(const kivoe_ctx *ctx, Comp &cc, int16_t *blk, int16_t *coef) {
+    const kivoe_proc &p = ctx->proc;
+    const uint8_t *thr = ctx->jnd_suppress ? kivoe_jnd_threshold_row(blk[0]) : nullptr;
+    kivo::copy_block(coef, blk);
+    if (ctx->adaptive_rounding) p.quant_rdoq(blk, cc.q->recip, cc.offset);
+    else p.quant(blk, cc.q->recip, cc.offset);
+    // All-zero thresholds suppress nothing.
+    if (thr) p.jnd_suppress(blk, coef, cc.q->q, cc.q->recip, thr);
+    if (ctx->adaptive_rounding) p.update_offset(blk, coef, cc.q->q, cc.q->recip, cc.adapt);
+}
+
+// The levels of an MCU's blocks with JND suppression or adaptive rounding,
+// in coding order, into levels and code (each block's tables, levels and
+// mask; the DC differences are left to the caller).
+__attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *comp, int16_t *levels,
+                                                 kivoe_block_code *code) {
+    alignas(16) int16_t coef[64];
+    const kivoe_fh &fh = ctx->fh;
+    const bool jnd_filter = ctx->jnd_filter;
+    for (int c = 0, b = 0; c < fh.n_comp; ++c) {
+        Comp &cc = comp[c];
+        const int hf = fh.h[c], vf = fh.v[c];
+        const bool inside = !(jnd_filter && c == 0) && 8 * (cc.col + hf) <= ctx->smp_w[c] &&
+                            8 * (cc.row + vf) <= ctx->smp_h[c];
+        const uint8_t *src = cc.plane + static_cast<ptrdiff_t>(8 * cc.row) * cc.stride + 8 * cc.col;
+        for (int v = 0; v < vf; ++v)
+            for (int h = 0; h < hf; ++h, ++b) {
+                int16_t *lv = levels + 64 * b;
+                if (inside) load_inside(src + static_cast<ptrdiff_t>(8 * v) * cc.stride + 8 * h, cc.stride, lv);
+                else load_at(ctx, jnd_filter, c, cc, cc.col + h, cc.row + v, lv);
+                ctx->proc.fdct8(lv);
+                quantize_kept(ctx, cc, lv, coef);
+                code[b] = {cc.dc, cc.ac, lv, ctx->proc.levels_mask(lv), 0};
+            }
+    }
+}
+
+// One segment; kKeep: with JND suppression or adaptive rounding, whose
+// code the plain loop then leaves out.
+template <bool kKeep>
+int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     xelo_bsw *bs = job->writer;
     xelo_bsw_sink(bs);
     bs->flush = kivoe_bs_flush_data_seg;
@@ -447,16 +517,7 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
     const int nc = fh.n_comp;
     const kivo_picbuf *pic = ctx->pic_cur;
 
-    struct Comp {
-        const kivoe_qtbl *q;
-        kivoe_dc_tbl *dc;
-        kivoe_ac_tbl *ac;
-        const uint16_t *offset;
-        uint16_t *adapt;
-        const uint8_t *plane;
-        int32_t stride;
-        int32_t col, row;
-    } comp[4];
+    Comp comp[4];
     for (int c = 0; c < nc; ++c) {
         Comp &cc = comp[c];
         const int tq = fh.tq[c] & 1;
@@ -490,14 +551,11 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
     alignas(16) int16_t coef[64];
     // Switches and kernels in locals: the calls through the table would
     // otherwise have them read again for every block.
-    const bool jnd_filter = ctx->jnd_filter, jnd_suppress = ctx->jnd_suppress, adaptive = ctx->adaptive_rounding;
+    const bool jnd_filter = ctx->jnd_filter;
     const kivoe_fdct_fn fdct8 = p.fdct8;
     const kivoe_quant_mask_fn quant_mask = p.quant_mask, fdct_quant_mask = p.fdct_quant_mask;
     const kivoe_quant_samples_fn fdct_quant_samples = p.fdct_quant_samples;
-    const kivoe_suppress_fn suppress = p.jnd_suppress;
-    const kivoe_update_offset_fn update_offset = p.update_offset;
-    const kivoe_levels_mask_fn levels_mask = p.levels_mask;
-    const bool keep = jnd_suppress || adaptive;
+    constexpr bool keep = kKeep;
     // With the writers in the coder slots, a block's codes go out together.
     const bool fused = p.vlc_dc == kivoe_vlc_dc && p.vlc_ac == kivoe_vlc_ac;
     // Blocks coded straight after the plain quantizer take its mask of
@@ -510,31 +568,14 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
     // one before left.
     int32_t per_mcu = 0;
     for (int c = 0; c < nc; ++c) per_mcu += fh.h[c] * fh.v[c];
-    const bool by_mcu = fused && !prog && !reuse && per_mcu > 1 && per_mcu <= kMaxMcuBlocks;
+    const bool mcu_sized = !reuse && per_mcu > 1 && per_mcu <= kMaxMcuBlocks;
+    const bool by_mcu_plain = masked && mcu_sized, by_mcu_kept = fused && !prog && keep && mcu_sized;
+    const bool by_mcu = by_mcu_plain || by_mcu_kept;
     alignas(32) int16_t mcu_levels[kMaxMcuBlocks * 64];
     kivoe_block_code mcu_code[kMaxMcuBlocks];
     // The samples of block (bcol, brow) of component c into dst.
     auto load = [&](int c, const Comp &cc, int32_t bcol, int32_t brow, int16_t *dst) {
-        // The JND filter reads two lines above and below the block: only
-        // luma blocks a whole block away from every edge of the picture are
-        // filtered.
-        if (jnd_filter && c == 0 && bcol >= 1 && brow >= 1 && 8 * bcol + 16 <= ctx->smp_w[0] &&
-            8 * brow + 16 <= ctx->smp_h[0]) {
-            p.jndfilt(cc.plane + static_cast<ptrdiff_t>(8 * brow) * cc.stride + 8 * bcol, cc.stride, dst);
-        } else {
-            load_block(cc.plane, cc.stride, ctx->smp_w[c], ctx->smp_h[c], bcol, brow, dst);
-        }
-    };
-    // Transformed coefficients at blk to levels, with suppression and the
-    // offset update when they are on.
-    auto quantize_kept = [&](Comp &cc, int16_t *blk) {
-        const uint8_t *thr = jnd_suppress ? kivoe_jnd_threshold_row(blk[0]) : nullptr;
-        kivo::copy_block(coef, blk);
-        if (adaptive) p.quant_rdoq(blk, cc.q->recip, cc.offset);
-        else p.quant(blk, cc.q->recip, cc.offset);
-        // All-zero thresholds suppress nothing.
-        if (thr) suppress(blk, coef, cc.q->q, cc.q->recip, thr);
-        if (adaptive) update_offset(blk, coef, cc.q->q, cc.q->recip, cc.adapt);
+        load_at(ctx, jnd_filter, c, cc, bcol, brow, dst);
     };
     int32_t counter = 0;
     for (int32_t m = 0; m < job->n_mcu; ++m) {
@@ -547,8 +588,9 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
             if ((cc.col & 7) == 0)
                 prefetch_rows(cc.plane, cc.stride, ctx->smp_h[c], 8 * cc.col + 128, 8 * cc.row, 8 * fh.v[c]);
         }
-        for (int c = 0, b = 0; c < nc && by_mcu; ++c) {
-            Comp &cc = comp[c];
+        if (by_mcu_kept) quantize_mcu_kept(ctx, comp, mcu_levels, mcu_code);
+        for (int c = 0, b = 0; c < nc && by_mcu_plain; ++c) {
+            const Comp &cc = comp[c];
             const int hf = fh.h[c], vf = fh.v[c];
             // The MCU's blocks of the component all inside the plane, none
             // filtered: read straight from the plane.
@@ -560,20 +602,14 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                     int16_t *lv = mcu_levels + 64 * b;
                     const uint8_t *at = src + static_cast<ptrdiff_t>(8 * v) * cc.stride + 8 * h;
                     uint64_t mask;
-                    if (keep) {
-                        if (inside) load_inside(at, cc.stride, lv);
-                        else load(c, cc, cc.col + h, cc.row + v, lv);
-                        fdct8(lv);
-                        quantize_kept(cc, lv);
-                        mask = levels_mask(lv);
-                    } else if (inside && fdct_quant_samples) {
+                    if (inside && fdct_quant_samples) {
                         mask = fdct_quant_samples(at, cc.stride, lv, cc.q->recip, cc.offset);
                     } else {
                         if (inside) load_inside(at, cc.stride, lv);
                         else load(c, cc, cc.col + h, cc.row + v, lv);
                         mask = fdct_quant_mask(lv, cc.q->recip, cc.offset);
                     }
-                    mcu_code[b] = {cc.dc, cc.ac, lv, keep ? mask : coder_mask(mask), 0};
+                    mcu_code[b] = {cc.dc, cc.ac, lv, coder_mask(mask), 0};
                 }
         }
         if (by_mcu) {
@@ -599,7 +635,7 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                         load(c, cc, bcol, brow, blk);
                         fdct8(blk);
                         if (masked) mask = coder_mask(quant_mask(blk, cc.q->recip, cc.offset));
-                        else if (keep) quantize_kept(cc, blk);
+                        else if (keep) quantize_kept(ctx, cc, blk, coef);
                         else p.quant(blk, cc.q->recip, cc.offset);
                         if (kept) {
                             kivo::copy_block(kept, blk);
@@ -645,4 +681,10 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
     xelo_bsw_sink(bs);
     bs->flush = kivoe_bs_flush;
     return KIVO_OK;
+}
+
+}  // namespace
+
+int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
+    return ctx->jnd_suppress || ctx->adaptive_rounding ? enc_segment<true>(ctx, job) : enc_segment<false>(ctx, job);
 }

@@ -19,6 +19,8 @@ struct Avx2 {
     static R first16() { return _mm256_setr_epi16(-1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0); }
     static R add16(R a, R b) { return _mm256_add_epi16(a, b); }
     static R sub16(R a, R b) { return _mm256_sub_epi16(a, b); }
+    static R subs16(R a, R b) { return _mm256_subs_epi16(a, b); }
+    static R gt16(R a, R b) { return _mm256_cmpgt_epi16(a, b); }
     static R sub32(R a, R b) { return _mm256_sub_epi32(a, b); }
     static R x_or(R a, R b) { return _mm256_xor_si256(a, b); }
     static R a_nd(R a, R b) { return _mm256_and_si256(a, b); }

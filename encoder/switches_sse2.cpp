@@ -21,6 +21,8 @@ struct Sse2 {
     static R first16() { return _mm_cvtsi32_si128(0xFFFF); }
     static R add16(R a, R b) { return _mm_add_epi16(a, b); }
     static R sub16(R a, R b) { return _mm_sub_epi16(a, b); }
+    static R subs16(R a, R b) { return _mm_subs_epi16(a, b); }
+    static R gt16(R a, R b) { return _mm_cmpgt_epi16(a, b); }
     static R sub32(R a, R b) { return _mm_sub_epi32(a, b); }
     static R x_or(R a, R b) { return _mm_xor_si128(a, b); }
     static R a_nd(R a, R b) { return _mm_and_si128(a, b); }

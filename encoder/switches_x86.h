@@ -44,19 +44,31 @@ inline void suppress_body(int16_t *levels, const int16_t *coef, const uint16_t *
         const R pl = V::mullo(n1, Q), ph = V::mulhu(n1, Q);
         const R C = V::load(coef + kN * r), cs = V::sra15(C);
         const R T = V::thr(thr + kN * r);
-        R x[2], cond[2];
-        for (int h = 0; h < 2; ++h) {
-            auto wide = [h](R a, R b) { return h ? V::hi16(a, b) : V::lo16(a, b); };
-            const R s32 = wide(s, s);
-            const R c = V::sub32(V::x_or(wide(C, cs), s32), s32);
-            const R e = V::sub32(c, wide(pl, ph));
-            const R t = wide(T, zero);
-            cond[h] = V::a_nd(V::gt32(e, V::sub32(zero, t)), V::gt32(t, e));
-            x[h] = V::sub32(V::sub32(t, one32), e);
+        R take, X;
+        // (n - 1) q below 32768 and C not -32768 in every lane: e in 16
+        // bits, saturated below (then far under -T, as the true value).
+        const R high = V::eq16(V::eq16(ph, zero), zero);
+        const R wide_lanes = V::a_nd(nz, V::o_r(V::o_r(high, V::sra15(pl)), V::eq16(C, V::set16(-32768))));
+        if (V::mask(wide_lanes) == 0) {
+            const R e = V::subs16(V::sub16(V::x_or(C, s), s), pl);
+            take = V::a_nd(V::a_nd(V::gt16(e, V::sub16(zero, T)), V::gt16(T, e)), nz);
+            if (V::mask(take) == 0) continue;
+            X = V::sub16(V::sub16(T, V::set16(1)), e);
+        } else {
+            R x[2], cond[2];
+            for (int h = 0; h < 2; ++h) {
+                auto wide = [h](R a, R b) { return h ? V::hi16(a, b) : V::lo16(a, b); };
+                const R s32 = wide(s, s);
+                const R c = V::sub32(V::x_or(wide(C, cs), s32), s32);
+                const R e = V::sub32(c, wide(pl, ph));
+                const R t = wide(T, zero);
+                cond[h] = V::a_nd(V::gt32(e, V::sub32(zero, t)), V::gt32(t, e));
+                x[h] = V::sub32(V::sub32(t, one32), e);
+            }
+            take = V::a_nd(V::packs32(cond[0], cond[1]), nz);
+            if (V::mask(take) == 0) continue;
+            X = V::packs32(x[0], x[1]);
         }
-        const R take = V::a_nd(V::packs32(cond[0], cond[1]), nz);
-        if (V::mask(take) == 0) continue;
-        const R X = V::packs32(x[0], x[1]);
         const R m0 = V::mulhu(V::template shl16<2>(X), V::load(recip + kN * r));
         const R rem = V::sub16(X, V::mullo(m0, Q));
         const R j = V::sub16(m0, V::eq16(V::subsu16(Q, rem), zero));  // + 1 where rem >= q
