@@ -115,6 +115,12 @@ void kivoe_jndfilt8x8(const uint8_t *src, int32_t stride, int16_t *blk) {
     }
 }
 
+void kivoe_jndfilt8x8_u8(const uint8_t *src, int32_t stride, uint8_t *dst) {
+    int16_t blk[64];
+    kivoe_jndfilt8x8(src, stride, blk);
+    for (int i = 0; i < 64; ++i) dst[i] = static_cast<uint8_t>(blk[i]);  // 0 to 255
+}
+
 void kivoe_jnd_thresholds(int16_t dc, uint8_t thr[64]) {
     const uint8_t *row = kivoe_jnd_threshold_row(dc);
     if (row) std::memcpy(thr, row, 64);

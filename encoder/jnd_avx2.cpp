@@ -21,7 +21,12 @@ inline __m256i table(const uint8_t (&t)[16]) {
 
 }  // namespace
 
-void kivoe_jndfilt8x8_avx2(const uint8_t *src, int32_t stride, int16_t *blk) {
+namespace {
+
+// The filtered rows y to y + 3 (y = 0, 4) of the block at src: rows y and
+// y + 2 in out[0], y + 1 and y + 3 in out[1] (one row a 128-bit lane).
+template <class Store>
+inline void filter(const uint8_t *src, int32_t stride, Store store) {
     const __m256i zero = _mm256_setzero_si256(), nibble = _mm256_set1_epi8(15);
     const __m256i up_base = table(kJndUp.base), up_step = table(kJndUp.step);
     const __m256i down_base = table(kJndDown.base), down_step = table(kJndDown.step);
@@ -51,7 +56,23 @@ void kivoe_jndfilt8x8_avx2(const uint8_t *src, int32_t stride, int16_t *blk) {
             __m256i s = _mm256_add_epi16(_mm256_add_epi16(wide(n[0]), wide(n[3])), _mm256_set1_epi16(8));
             out[h] = _mm256_srli_epi16(_mm256_add_epi16(_mm256_add_epi16(s, near), centre), 4);
         }
+        store(y, out);
+    }
+}
+
+}  // namespace
+
+void kivoe_jndfilt8x8_avx2(const uint8_t *src, int32_t stride, int16_t *blk) {
+    filter(src, stride, [blk](int y, const __m256i *out) {
         _mm256_storeu_si256(reinterpret_cast<__m256i *>(blk + 8 * y), _mm256_permute2x128_si256(out[0], out[1], 0x20));
         _mm256_storeu_si256(reinterpret_cast<__m256i *>(blk + 8 * y + 16), _mm256_permute2x128_si256(out[0], out[1], 0x31));
-    }
+    });
+}
+
+void kivoe_jndfilt8x8_u8_avx2(const uint8_t *src, int32_t stride, uint8_t *dst) {
+    filter(src, stride, [dst](int y, const __m256i *out) {
+        // Rows y, y + 1 in the low lane, y + 2, y + 3 in the high one.
+        const __m256i b = _mm256_packus_epi16(out[0], out[1]);
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + 8 * y), b);
+    });
 }

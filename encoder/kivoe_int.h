@@ -144,6 +144,8 @@ typedef void (*kivoe_suppress_fn)(int16_t *levels, const int16_t *coef, const ui
 typedef void (*kivoe_update_offset_fn)(const int16_t *levels, const int16_t *coef, const uint16_t *q,
                                        const uint16_t *recip, uint16_t *offset);
 typedef uint64_t (*kivoe_levels_mask_fn)(const int16_t *blk);
+typedef void (*kivoe_jndfilt_u8_fn)(const uint8_t *src, int32_t stride, uint8_t *dst);
+typedef void (*kivoe_fdct_samples_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
 typedef void (*kivoe_box2_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
 typedef void (*kivoe_abs_acc_fn)(const int16_t *blk, uint32_t *acc);
 // Bit planes of a block's AC levels in zig-zag order, for the progressive
@@ -183,6 +185,11 @@ struct kivoe_proc {
     kivoe_suppress_fn jnd_suppress;        // kivoe_jnd_suppress
     kivoe_update_offset_fn update_offset;  // kivoe_update_offset
     kivoe_levels_mask_fn levels_mask;      // kivoe_levels_mask
+    // kivoe_jndfilt8x8_u8 and kivoe_fdct8_samples, for the variants that
+    // transform 8-bit samples faster than 16-bit ones (fdct8_samples null
+    // otherwise, and the filter then unused).
+    kivoe_jndfilt_u8_fn jndfilt_u8;
+    kivoe_fdct_samples_fn fdct8_samples;
     kivoe_box2_fn box2;                    // kivoe_box2
     kivoe_abs_acc_fn abs_acc;              // kivoe_abs_acc
 };
@@ -333,6 +340,8 @@ uint64_t kivoe_fdct_quant_mask(int16_t *blk, const uint16_t *recip, const uint16
 // apart), the levels stored at blk.
 uint64_t kivoe_fdct_quant_samples(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *recip,
                                   const uint16_t *offset);
+// kivoe_fdct8 of the 8 x 8 samples at src (rows stride bytes apart).
+void kivoe_fdct8_samples(const uint8_t *src, int32_t stride, int16_t *blk);
 // Adaptive rounding: moves the offsets of the non-zero levels by their
 // reconstruction errors (coef: the unquantized coefficients).
 void kivoe_update_offset(const int16_t *levels, const int16_t *coef, const uint16_t *q,
@@ -355,6 +364,8 @@ const char *kivoe_dsp_describe(uint32_t cpu_flags);
 // ---- JND filter and suppression (jnd.cpp) ---------------------------------------------------------
 extern const uint8_t tbl_suppr_lum[256];
 void kivoe_jndfilt8x8(const uint8_t *src, int32_t stride, int16_t *blk);
+// The same filtered samples as bytes, rows 8 bytes apart.
+void kivoe_jndfilt8x8_u8(const uint8_t *src, int32_t stride, uint8_t *dst);
 // Thresholds of a block from its unquantized DC coefficient.
 void kivoe_jnd_thresholds(int16_t dc, uint8_t thr[64]);
 // The same thresholds in place: a row of kivo_tbl_suppr_thr, or null when

@@ -451,13 +451,18 @@ struct Comp {
     int32_t col, row;
 };
 
-// Loads block (bcol, brow) of component c into dst. The JND filter reads
-// two lines above and below the block: only luma blocks a whole block away
-// from every edge of the picture are filtered.
+// Whether block (bcol, brow) of component c is filtered. The JND filter
+// reads two lines above and below the block: only luma blocks a whole block
+// away from every edge of the picture are filtered.
+inline bool filtered(const kivoe_ctx *ctx, bool jnd_filter, int c, int32_t bcol, int32_t brow) {
+    return jnd_filter && c == 0 && bcol >= 1 && brow >= 1 && 8 * bcol + 16 <= ctx->smp_w[0] &&
+           8 * brow + 16 <= ctx->smp_h[0];
+}
+
+// Loads block (bcol, brow) of component c into dst, filtered or not.
 inline void load_at(const kivoe_ctx *ctx, bool jnd_filter, int c, const Comp &cc, int32_t bcol, int32_t brow,
                     int16_t *dst) {
-    if (jnd_filter && c == 0 && bcol >= 1 && brow >= 1 && 8 * bcol + 16 <= ctx->smp_w[0] &&
-        8 * brow + 16 <= ctx->smp_h[0]) {
+    if (filtered(ctx, jnd_filter, c, bcol, brow)) {
         ctx->proc.jndfilt(cc.plane + static_cast<ptrdiff_t>(8 * brow) * cc.stride + 8 * bcol, cc.stride, dst);
     } else {
         load_block(cc.plane, cc.stride, ctx->smp_w[c], ctx->smp_h[c], bcol, brow, dst);
@@ -480,14 +485,17 @@ __attribute__((noinline)) void quantize_kept(const kivoe_ctx *ctx, Comp &cc, int
 
 // The levels of an MCU's blocks with JND suppression or adaptive rounding,
 // in coding order, into levels and code (each block's tables, levels and
-// mask; the DC differences are left to the caller).
+// mask; the DC differences are left to the caller). All blocks are
+// transformed first, so that the transforms overlap; the quantization that
+// follows runs block by block, as adaptive rounding needs.
 __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *comp, int16_t *levels,
                                                  kivoe_block_code *code) {
     alignas(16) int16_t coef[64];
     const kivoe_fh &fh = ctx->fh;
     const bool jnd_filter = ctx->jnd_filter;
+    const kivoe_fdct_samples_fn samples = ctx->proc.fdct8_samples;
     for (int c = 0, b = 0; c < fh.n_comp; ++c) {
-        Comp &cc = comp[c];
+        const Comp &cc = comp[c];
         const int hf = fh.h[c], vf = fh.v[c];
         const bool inside = !(jnd_filter && c == 0) && 8 * (cc.col + hf) <= ctx->smp_w[c] &&
                             8 * (cc.row + vf) <= ctx->smp_h[c];
@@ -495,12 +503,27 @@ __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *com
         for (int v = 0; v < vf; ++v)
             for (int h = 0; h < hf; ++h, ++b) {
                 int16_t *lv = levels + 64 * b;
-                if (inside) load_inside(src + static_cast<ptrdiff_t>(8 * v) * cc.stride + 8 * h, cc.stride, lv);
-                else load_at(ctx, jnd_filter, c, cc, cc.col + h, cc.row + v, lv);
-                ctx->proc.fdct8(lv);
-                quantize_kept(ctx, cc, lv, coef);
-                code[b] = {cc.dc, cc.ac, lv, ctx->proc.levels_mask(lv), 0};
+                const uint8_t *at = src + static_cast<ptrdiff_t>(8 * v) * cc.stride + 8 * h;
+                if (samples && inside) {
+                    samples(at, cc.stride, lv);
+                } else if (samples && filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
+                    alignas(16) uint8_t f[64];
+                    ctx->proc.jndfilt_u8(at, cc.stride, f);
+                    samples(f, 8, lv);
+                } else {
+                    if (inside) load_inside(at, cc.stride, lv);
+                    else load_at(ctx, jnd_filter, c, cc, cc.col + h, cc.row + v, lv);
+                    ctx->proc.fdct8(lv);
+                }
             }
+    }
+    for (int c = 0, b = 0; c < fh.n_comp; ++c) {
+        Comp &cc = comp[c];
+        for (int i = fh.h[c] * fh.v[c]; i > 0; --i, ++b) {
+            int16_t *lv = levels + 64 * b;
+            quantize_kept(ctx, cc, lv, coef);
+            code[b] = {cc.dc, cc.ac, lv, ctx->proc.levels_mask(lv), 0};
+        }
     }
 }
 
@@ -604,6 +627,10 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                     uint64_t mask;
                     if (inside && fdct_quant_samples) {
                         mask = fdct_quant_samples(at, cc.stride, lv, cc.q->recip, cc.offset);
+                    } else if (fdct_quant_samples && filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
+                        alignas(16) uint8_t f[64];
+                        p.jndfilt_u8(at, cc.stride, f);
+                        mask = fdct_quant_samples(f, 8, lv, cc.q->recip, cc.offset);
                     } else {
                         if (inside) load_inside(at, cc.stride, lv);
                         else load(c, cc, cc.col + h, cc.row + v, lv);

@@ -46,6 +46,12 @@ uint64_t kivoe_fdct_quant_samples(const uint8_t *src, int32_t stride, int16_t *b
     return kivoe_fdct_quant_mask(blk, recip, offset);
 }
 
+void kivoe_fdct8_samples(const uint8_t *src, int32_t stride, int16_t *blk) {
+    for (int r = 0; r < 8; ++r)
+        for (int c = 0; c < 8; ++c) blk[8 * r + c] = src[static_cast<ptrdiff_t>(r) * stride + c];
+    kivoe_fdct8(blk);
+}
+
 void kivoe_quant_rdoq(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
     for (int i = 0; i < 64; ++i) {
         const int32_t c = blk[i];

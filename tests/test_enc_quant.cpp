@@ -272,6 +272,7 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
     is_new(plain.fdct8), is_new(plain.quant), is_new(plain.quant_rdoq), is_new(plain.jndfilt), is_new(plain.planes),
         is_new(plain.quant_mask), is_new(plain.fdct_quant_mask), is_new(plain.jnd_suppress), is_new(plain.update_offset),
         is_new(plain.box2), is_new(plain.abs_acc);
+    ASSERT_TRUE(plain.jndfilt_u8 == &kivoe_jndfilt8x8_u8 && plain.fdct8_samples == nullptr);
     int checked = 0, failures = 0;
     auto fail = [&failures](const char *what, uint32_t flags, size_t i) {
         if (failures++ < 5) ADD_FAILURE() << what << " at CPU flags " << flags << ": block " << i;
@@ -329,6 +330,26 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
             plain.jndfilt(plane + 1 + 2 * 9, 9, a.at);
             p.jndfilt(plane + 1 + 2 * 9, 9, b.at);
             if (!(a == b)) fail("jndfilt", flags, i);
+        }
+        // The filter to bytes against the plain filter, and the transform of
+        // bytes (rows 13 apart at an odd address) against the plain one.
+        const bool filt8 = is_new(p.jndfilt_u8), fs = p.fdct8_samples && is_new(p.fdct8_samples);
+        checked += filt8 + fs;
+        for (size_t i = 0; (filt8 || fs) && i + 2 < sets.samples.size(); ++i) {
+            uint8_t plane[12 * 13 + 1], got[64 + 2];
+            for (int k = 0; k < 12 * 13; ++k) plane[k + 1] = static_cast<uint8_t>(sets.samples[i + k / 64][k % 64]);
+            const int16_t zero[64] = {};
+            Slot a(zero, i % 5), b(zero, i % 5);
+            plain.jndfilt(plane + 1 + 2 * 13, 13, a.at);
+            std::memset(got, 0xA5, sizeof(got));
+            if (filt8) p.jndfilt_u8(plane + 1 + 2 * 13, 13, got + 1);
+            for (int k = 0; filt8 && k < 64; ++k)
+                if (got[k + 1] != a.at[k] || got[0] != 0xA5 || got[65] != 0xA5) {
+                    fail("jndfilt_u8", flags, i);
+                    break;
+                }
+            if (fs) kivoe_fdct8_samples(plane + 1, 13, a.at), p.fdct8_samples(plane + 1, 13, b.at);
+            if (fs && !(a == b)) fail("fdct8_samples", flags, i);
         }
         for (size_t i = 0; (quant || rdoq || qmask) && i < sets.pairs.size(); ++i) {
             const int16_t *in = sets.coefs[sets.pairs[i].first].data();
