@@ -527,9 +527,9 @@ __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *com
     }
 }
 
-// One segment; kKeep: with JND suppression or adaptive rounding, whose
-// code the plain loop then leaves out.
-template <bool kKeep>
+// One segment; kKeep: with JND suppression or adaptive rounding, kFilter:
+// with the JND filter, whose code the plain loop then leaves out.
+template <bool kKeep, bool kFilter>
 int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     xelo_bsw *bs = job->writer;
     xelo_bsw_sink(bs);
@@ -574,10 +574,11 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     alignas(16) int16_t coef[64];
     // Switches and kernels in locals: the calls through the table would
     // otherwise have them read again for every block.
-    const bool jnd_filter = ctx->jnd_filter;
+    constexpr bool jnd_filter = kFilter;
     const kivoe_fdct_fn fdct8 = p.fdct8;
     const kivoe_quant_mask_fn quant_mask = p.quant_mask, fdct_quant_mask = p.fdct_quant_mask;
     const kivoe_quant_samples_fn fdct_quant_samples = p.fdct_quant_samples;
+    const bool filter_bytes = jnd_filter && fdct_quant_samples;
     constexpr bool keep = kKeep;
     // With the writers in the coder slots, a block's codes go out together.
     const bool fused = p.vlc_dc == kivoe_vlc_dc && p.vlc_ac == kivoe_vlc_ac;
@@ -627,14 +628,15 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                     uint64_t mask;
                     if (inside && fdct_quant_samples) {
                         mask = fdct_quant_samples(at, cc.stride, lv, cc.q->recip, cc.offset);
-                    } else if (fdct_quant_samples && filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
-                        alignas(16) uint8_t f[64];
-                        p.jndfilt_u8(at, cc.stride, f);
-                        mask = fdct_quant_samples(f, 8, lv, cc.q->recip, cc.offset);
-                    } else {
+                    } else if (inside || !filter_bytes || !filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
                         if (inside) load_inside(at, cc.stride, lv);
                         else load(c, cc, cc.col + h, cc.row + v, lv);
                         mask = fdct_quant_mask(lv, cc.q->recip, cc.offset);
+                    } else {
+                        // Filtered to bytes for the 8-bit transform.
+                        alignas(16) uint8_t f[64];
+                        p.jndfilt_u8(at, cc.stride, f);
+                        mask = fdct_quant_samples(f, 8, lv, cc.q->recip, cc.offset);
                     }
                     mcu_code[b] = {cc.dc, cc.ac, lv, coder_mask(mask), 0};
                 }
@@ -713,5 +715,7 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
 }  // namespace
 
 int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
-    return ctx->jnd_suppress || ctx->adaptive_rounding ? enc_segment<true>(ctx, job) : enc_segment<false>(ctx, job);
+    const bool keep = ctx->jnd_suppress || ctx->adaptive_rounding;
+    if (ctx->jnd_filter) return keep ? enc_segment<true, true>(ctx, job) : enc_segment<false, true>(ctx, job);
+    return keep ? enc_segment<true, false>(ctx, job) : enc_segment<false, false>(ctx, job);
 }
