@@ -96,15 +96,27 @@ inline void update_body(const int16_t *levels, const int16_t *coef, const uint16
         const R a = V::sub16(V::x_or(L, ls), ls), c = V::sub16(V::x_or(C, cs), cs);
         const R Q = V::load(q + i), Rc = V::load(recip + i), O = V::load(offset + i);
         const R rl = V::mullo(a, Q), rh = V::mulhu(a, Q);
-        // err = c - (rh:rl), borrowing from the high half where rl > c.
-        const R borrow = V::eq16(V::eq16(V::subsu16(rl, c), zero), zero);
-        const R el = V::sub16(c, rl), eh = V::add16(V::sub16(zero, rh), borrow);
-        // |err|: two's complement of both halves where err < 0.
-        const R neg = V::sra15(eh);
-        const R al = V::sub16(V::x_or(el, neg), neg);
-        const R ah = V::sub16(V::x_or(eh, neg), V::a_nd(neg, V::eq16(el, zero)));
-        const R lo = V::mullo(al, Rc), hi = V::add16(V::mulhu(al, Rc), V::mullo(ah, Rc));
-        const R d = V::o_r(V::template shl16<5>(hi), V::template shr16<11>(lo));
+        R d, neg;
+        // |L| q below 32768 and C not -32768 in every lane: the error fits
+        // 16 bits.
+        const R wide = V::andn(none, V::o_r(V::o_r(V::eq16(V::eq16(rh, zero), zero), V::sra15(rl)),
+                                            V::eq16(C, V::set16(-32768))));
+        if (V::mask(wide) == 0) {
+            const R err = V::sub16(c, rl);
+            neg = V::sra15(err);
+            const R ae = V::sub16(V::x_or(err, neg), neg);
+            d = V::o_r(V::template shl16<5>(V::mulhu(ae, Rc)), V::template shr16<11>(V::mullo(ae, Rc)));
+        } else {
+            // err = c - (rh:rl), borrowing from the high half where rl > c.
+            const R borrow = V::eq16(V::eq16(V::subsu16(rl, c), zero), zero);
+            const R el = V::sub16(c, rl), eh = V::add16(V::sub16(zero, rh), borrow);
+            // |err|: two's complement of both halves where err < 0.
+            neg = V::sra15(eh);
+            const R al = V::sub16(V::x_or(el, neg), neg);
+            const R ah = V::sub16(V::x_or(eh, neg), V::a_nd(neg, V::eq16(el, zero)));
+            const R lo = V::mullo(al, Rc), hi = V::add16(V::mulhu(al, Rc), V::mullo(ah, Rc));
+            d = V::o_r(V::template shl16<5>(hi), V::template shr16<11>(lo));
+        }
         R o = V::add16(O, V::sub16(V::x_or(d, neg), neg));
         o = V::min16(V::max16(o, zero), V::set16(8192));
         V::store(offset + i, V::o_r(V::a_nd(none, O), V::andn(none, o)));
