@@ -144,6 +144,8 @@ typedef void (*kivoe_suppress_fn)(int16_t *levels, const int16_t *coef, const ui
 typedef void (*kivoe_update_offset_fn)(const int16_t *levels, const int16_t *coef, const uint16_t *q,
                                        const uint16_t *recip, uint16_t *offset);
 typedef uint64_t (*kivoe_levels_mask_fn)(const int16_t *blk);
+typedef uint64_t (*kivoe_quant_kept_fn)(int16_t *blk, const uint16_t *q, const uint16_t *recip, const uint16_t *half,
+                                        uint16_t *adapt, const uint8_t *thr);
 typedef void (*kivoe_jndfilt_u8_fn)(const uint8_t *src, int32_t stride, uint8_t *dst);
 typedef void (*kivoe_fdct_samples_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
 typedef void (*kivoe_box2_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
@@ -188,6 +190,9 @@ struct kivoe_proc {
     // kivoe_jndfilt8x8_u8 and kivoe_fdct8_samples, for the variants that
     // transform 8-bit samples faster than 16-bit ones (fdct8_samples null
     // otherwise, and the filter then unused).
+    // kivoe_quant_kept where a variant fuses its steps; null otherwise
+    // (the loop then calls the kernels one by one).
+    kivoe_quant_kept_fn quant_kept;
     kivoe_jndfilt_u8_fn jndfilt_u8;
     kivoe_fdct_samples_fn fdct8_samples;
     kivoe_box2_fn box2;                    // kivoe_box2
@@ -350,6 +355,13 @@ void kivoe_update_offset(const int16_t *levels, const int16_t *coef, const uint1
 // AC level at zig-zag position z is not zero, or all ones (the coder then
 // finds them itself) when a level lies above 2047 or is -32768.
 uint64_t kivoe_levels_mask(const int16_t *blk);
+// The levels of the coefficients at blk with JND suppression, adaptive
+// rounding or both, and their mask for the coder: adaptive rounding
+// (adapt not null) quantizes with kivoe_quant_rdoq and the offsets adapt,
+// then updates them; otherwise kivoe_quant with half; thr, unless null,
+// suppresses levels in between.
+uint64_t kivoe_quant_kept(int16_t *blk, const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                          const uint8_t *thr);
 // The perceptual selection's sampling at level 1: blk[8 j + k] is the mean
 // (sum >> 2) of the 2 x 2 samples at row 2 j, column 2 k of src.
 void kivoe_box2(const uint8_t *src, int32_t stride, int16_t *blk);

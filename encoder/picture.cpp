@@ -517,12 +517,21 @@ __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *com
                 }
             }
     }
+    const kivoe_quant_kept_fn fused = ctx->proc.quant_kept;
     for (int c = 0, b = 0; c < fh.n_comp; ++c) {
         Comp &cc = comp[c];
+        uint16_t *adapt = ctx->adaptive_rounding ? cc.adapt : nullptr;
         for (int i = fh.h[c] * fh.v[c]; i > 0; --i, ++b) {
             int16_t *lv = levels + 64 * b;
-            quantize_kept(ctx, cc, lv, coef);
-            code[b] = {cc.dc, cc.ac, lv, ctx->proc.levels_mask(lv), 0};
+            uint64_t mask;
+            if (fused) {
+                const uint8_t *thr = ctx->jnd_suppress ? kivoe_jnd_threshold_row(lv[0]) : nullptr;
+                mask = fused(lv, cc.q->q, cc.q->recip, cc.q->half, adapt, thr);
+            } else {
+                quantize_kept(ctx, cc, lv, coef);
+                mask = ctx->proc.levels_mask(lv);
+            }
+            code[b] = {cc.dc, cc.ac, lv, mask, 0};
         }
     }
 }

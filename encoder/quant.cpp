@@ -83,3 +83,14 @@ uint64_t kivoe_levels_mask(const int16_t *blk) {
     const uint64_t mask = kivo_zigzag_ac_mask(blk, &all_coded);
     return all_coded ? mask : ~uint64_t(0);
 }
+
+uint64_t kivoe_quant_kept(int16_t *blk, const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                          const uint8_t *thr) {
+    int16_t coef[64];
+    for (int i = 0; i < 64; ++i) coef[i] = blk[i];
+    if (adapt) kivoe_quant_rdoq(blk, recip, adapt);
+    else kivoe_quant(blk, recip, half);
+    if (thr) kivoe_jnd_suppress(blk, coef, q, recip, thr);
+    if (adapt) kivoe_update_offset(blk, coef, q, recip, adapt);
+    return kivoe_levels_mask(blk);
+}

@@ -272,7 +272,7 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
     is_new(plain.fdct8), is_new(plain.quant), is_new(plain.quant_rdoq), is_new(plain.jndfilt), is_new(plain.planes),
         is_new(plain.quant_mask), is_new(plain.fdct_quant_mask), is_new(plain.jnd_suppress), is_new(plain.update_offset),
         is_new(plain.box2), is_new(plain.abs_acc);
-    ASSERT_TRUE(plain.jndfilt_u8 == &kivoe_jndfilt8x8_u8 && plain.fdct8_samples == nullptr);
+    ASSERT_TRUE(plain.jndfilt_u8 == &kivoe_jndfilt8x8_u8 && plain.fdct8_samples == nullptr && plain.quant_kept == nullptr);
     int checked = 0, failures = 0;
     auto fail = [&failures](const char *what, uint32_t flags, size_t i) {
         if (failures++ < 5) ADD_FAILURE() << what << " at CPU flags " << flags << ": block " << i;
@@ -371,9 +371,10 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
         // random or 255; offsets of the table (8192, 0 or any). The coder's
         // mask against one made here.
         const bool sup = is_new(p.jnd_suppress), upd = is_new(p.update_offset), lmask = is_new(p.levels_mask);
-        checked += sup + upd + lmask;
+        const bool kept = p.quant_kept && is_new(p.quant_kept);
+        checked += sup + upd + lmask + kept;
         std::mt19937 rng(static_cast<uint32_t>(flags) + 1);
-        for (size_t i = 0; (sup || upd || lmask) && i < sets.pairs.size(); i += 3) {
+        for (size_t i = 0; (sup || upd || lmask || kept) && i < sets.pairs.size(); i += 3) {
             const int16_t *in = sets.coefs[sets.pairs[i].first].data();
             std::memcpy(&odd[1], sets.tables[sets.pairs[i].second].data(), 512);
             const uint16_t *q = &odd[1], *recip = &odd[65], *half = &odd[129];
@@ -403,6 +404,16 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
                 coded = coded && v <= 2047 && v != -32768;
             }
             if (lmask && p.levels_mask(a.at) != (coded ? want : ~uint64_t(0))) fail("levels_mask", flags, i);
+            // The fused steps, from the coefficients, against the plain ones.
+            if (!kept) continue;
+            Slot e(in, i % 5), f(in, i % 5);
+            std::memcpy(oa, &odd[193], sizeof(oa));
+            std::memcpy(ob, oa, sizeof(ob));
+            const bool adaptive = i / 3 % 3 != 0, suppressed = i / 3 % 5 != 0;
+            if (kivoe_quant_kept(e.at, q, recip, half, adaptive ? oa : nullptr, suppressed ? thr : nullptr) !=
+                    p.quant_kept(f.at, q, recip, half, adaptive ? ob : nullptr, suppressed ? thr : nullptr) ||
+                !(e == f) || std::memcmp(oa, ob, sizeof(oa)))
+                fail("quant_kept", flags, i);
         }
         // The perceptual sampling's kernels, rows 37 bytes apart, and sums
         // near the top of 32 bits.
