@@ -79,12 +79,13 @@ void kivoe_jnd_suppress_neon(int16_t *levels, const int16_t *coef, const uint16_
         uint16x8_t take, X;
         // (n - 1) q below 32768 and C not -32768 in every lane: e in 16
         // bits, saturated below (then far under -T, as the true value).
-        const uint32x4_t p_lo = vmull_u16(vget_low_u16(n1), vget_low_u16(Q));
-        const uint32x4_t p_hi = vmull_u16(vget_high_u16(n1), vget_high_u16(Q));
-        const uint16x8_t wide = vandq_u16(nz, vorrq_u16(vcombine_u16(vqmovn_u32(vshrq_n_u32(p_lo, 15)), vqmovn_u32(vshrq_n_u32(p_hi, 15))),
-                                                        vceqq_s16(C, vdupq_n_s16(-32768))));
+        // vqdmulh gives (2 (n - 1) q) >> 16, not zero exactly where the
+        // product reaches 32768 (q from 32768 up reads as negative, which
+        // for n - 1 > 0 is not zero either).
+        const int16x8_t high = vqdmulhq_s16(vreinterpretq_s16_u16(n1), vreinterpretq_s16_u16(Q));
+        const uint16x8_t wide = vandq_u16(nz, vorrq_u16(vreinterpretq_u16_s16(high), vceqq_s16(C, vdupq_n_s16(-32768))));
         if (none(wide)) {
-            const int16x8_t P = vreinterpretq_s16_u16(vcombine_u16(vmovn_u32(p_lo), vmovn_u32(p_hi)));
+            const int16x8_t P = vreinterpretq_s16_u16(vmulq_u16(n1, Q));
             const int16x8_t e = vqsubq_s16(vsubq_s16(veorq_s16(C, s), s), P);
             const int16x8_t t = vreinterpretq_s16_u16(T);
             take = vandq_u16(vandq_u16(vcgtq_s16(e, vnegq_s16(t)), vcltq_s16(e, t)), nz);
@@ -97,7 +98,8 @@ void kivoe_jnd_suppress_neon(int16_t *levels, const int16_t *coef, const uint16_
                 const int32x4_t s32 = vmovl_s16(h ? vget_high_s16(s) : vget_low_s16(s));
                 const int32x4_t c32 = vmovl_s16(h ? vget_high_s16(C) : vget_low_s16(C));
                 const int32x4_t c = vsubq_s32(veorq_s32(c32, s32), s32);
-                e[h] = vsubq_s32(c, vreinterpretq_s32_u32(h ? p_hi : p_lo));
+                const uint32x4_t p = vmull_u16(h ? vget_high_u16(n1) : vget_low_u16(n1), h ? vget_high_u16(Q) : vget_low_u16(Q));
+                e[h] = vsubq_s32(c, vreinterpretq_s32_u32(p));
                 const int32x4_t t = vreinterpretq_s32_u32(vmovl_u16(h ? vget_high_u16(T) : vget_low_u16(T)));
                 cond[h] = vandq_u32(vcgtq_s32(e[h], vnegq_s32(t)), vcltq_s32(e[h], t));
                 e[h] = vsubq_s32(vsubq_s32(t, vdupq_n_s32(1)), e[h]);  // T - 1 - e
@@ -106,9 +108,10 @@ void kivoe_jnd_suppress_neon(int16_t *levels, const int16_t *coef, const uint16_
             if (none(take)) continue;
             X = vreinterpretq_u16_s16(vcombine_s16(vqmovn_s32(e[0]), vqmovn_s32(e[1])));
         }
-        const uint16x8_t R = vld1q_u16(recip + 8 * r);
-        const uint16x8_t m0 = vcombine_u16(vshrn_n_u32(vmull_u16(vget_low_u16(X), vget_low_u16(R)), 14),
-                                           vshrn_n_u32(vmull_u16(vget_high_u16(X), vget_high_u16(R)), 14));
+        // (X recip) >> 14 as (2 (2 X) recip) >> 16: 2 X and recip (at most
+        // 16384) fit signed 16 bits, the product stays far below 2^31.
+        const int16x8_t R = vreinterpretq_s16_u16(vld1q_u16(recip + 8 * r));
+        const uint16x8_t m0 = vreinterpretq_u16_s16(vqdmulhq_s16(vreinterpretq_s16_u16(vshlq_n_u16(X, 1)), R));
         const uint16x8_t rem = vmlsq_u16(X, m0, Q);
         const uint16x8_t j = vsubq_u16(m0, vcgeq_u16(rem, Q));  // + 1 where rem >= q
         const int16x8_t m = vmaxq_s16(vreinterpretq_s16_u16(vsubq_u16(n1, j)), vdupq_n_s16(0));
