@@ -5,9 +5,11 @@
 // (PNG, PPM, PGM made 4:2:0 by the colour helpers; YUV4MPEG2 4:2:0) are
 // measured one by one with the median ratio at the end; without files a
 // generated picture is. --switches adds the cost of each quality switch
-// over a plain one-thread encode.
+// over a plain one-thread encode. --loop SET only encodes the first picture
+// N times with the switch set SET (bits: 1 JND filter, 2 JND suppression,
+// 4 adaptive rounding, 8 perceptual tables), for a profiler.
 //
-// usage: bench_encode [--reps N] [--size WxH] [--switches] [--only default|optimised] [FILE...]
+// usage: bench_encode [--reps N] [--size WxH] [--switches] [--only default|optimised] [--loop SET] [FILE...]
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -184,12 +186,14 @@ int main(int argc, char **argv) {
     int reps = 7, w = 2048, h = 1536;
     bool switches = false;
     int only = -1;  // both table sources
+    int loop = -1;
     std::vector<std::string> files;
     for (int i = 1; i < argc; ++i) {
         if (!std::strcmp(argv[i], "--reps") && i + 1 < argc) reps = std::atoi(argv[++i]);
         else if (!std::strcmp(argv[i], "--size") && i + 1 < argc) std::sscanf(argv[++i], "%dx%d", &w, &h);
         else if (!std::strcmp(argv[i], "--switches")) switches = true;
         else if (!std::strcmp(argv[i], "--only") && i + 1 < argc) only = std::strcmp(argv[++i], "default") != 0;
+        else if (!std::strcmp(argv[i], "--loop") && i + 1 < argc) loop = std::atoi(argv[++i]);
         else files.push_back(argv[i]);
     }
     std::vector<std::string> names = files;
@@ -212,6 +216,12 @@ int main(int argc, char **argv) {
         const double mp = static_cast<double>(p.w) * p.h / 1e6;
         std::vector<uint8_t> out(static_cast<size_t>(p.w) * p.h * 4 + 65536);
         uint8_t qt[128];
+        if (loop >= 0) {
+            turbo_encode(p, false, &out, qt);
+            for (int r = 0; r < reps; ++r)
+                if (!kivo_encode(p, false, 1, qt, &out, loop)) return 1;
+            return 0;
+        }
         const std::string shown = name.substr(name.find_last_of('/') + 1).substr(0, 28);
         for (bool optimize : {false, true}) {
             if (only >= 0 && optimize != (only == 1)) continue;

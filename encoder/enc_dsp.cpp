@@ -11,6 +11,14 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
     proc->quant_rdoq = kivoe_quant_rdoq;
     proc->jndfilt = kivoe_jndfilt8x8;
     proc->planes = kivoe_planes_c;
+    proc->jnd_suppress = kivoe_jnd_suppress;
+    proc->update_offset = kivoe_update_offset;
+    proc->levels_mask = kivoe_levels_mask;
+    proc->quant_kept = nullptr;
+    proc->jndfilt_u8 = kivoe_jndfilt8x8_u8;
+    proc->fdct8_samples = nullptr;
+    proc->box2 = kivoe_box2;
+    proc->abs_acc = kivoe_abs_acc;
 #if defined(KIVO_ARCH_x86)
     if (!(cpu_flags & KIVO_CPU_SSE2)) return;
     proc->fdct8 = kivoe_fdct8_sse2;
@@ -20,6 +28,10 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
     proc->quant_rdoq = kivoe_quant_rdoq_sse2;
     proc->jndfilt = kivoe_jndfilt8x8_sse2;
     proc->planes = kivoe_planes_sse2;
+    proc->jnd_suppress = kivoe_jnd_suppress_sse2;
+    proc->update_offset = kivoe_update_offset_sse2;
+    proc->box2 = kivoe_box2_sse2;
+    proc->abs_acc = kivoe_abs_acc_sse2;
     if (!(cpu_flags & KIVO_CPU_AVX2)) return;
     proc->fdct8 = kivoe_fdct8_avx2;
     proc->quant = kivoe_quant_avx2;
@@ -28,6 +40,13 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
     proc->fdct_quant_samples = kivoe_fdct_quant_samples_avx2;
     proc->quant_rdoq = kivoe_quant_rdoq_avx2;
     proc->planes = kivoe_planes_avx2;
+    proc->jndfilt = kivoe_jndfilt8x8_avx2;
+    proc->jndfilt_u8 = kivoe_jndfilt8x8_u8_avx2;
+    proc->fdct8_samples = kivoe_fdct8_samples_avx2;
+    proc->jnd_suppress = kivoe_jnd_suppress_avx2;
+    proc->update_offset = kivoe_update_offset_avx2;
+    proc->levels_mask = kivoe_levels_mask_avx2;
+    proc->quant_kept = kivoe_quant_kept_avx2;
 #elif defined(KIVO_ARCH_arm)
     if (!(cpu_flags & KIVO_CPU_NEON)) return;
     proc->fdct8 = kivoe_fdct8_neon;
@@ -37,6 +56,10 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
     proc->quant_rdoq = kivoe_quant_rdoq_neon;
     proc->jndfilt = kivoe_jndfilt8x8_neon;
     proc->planes = kivoe_planes_neon;
+    proc->jnd_suppress = kivoe_jnd_suppress_neon;
+    proc->update_offset = kivoe_update_offset_neon;
+    proc->box2 = kivoe_box2_neon;
+    proc->abs_acc = kivoe_abs_acc_neon;
 #else
     (void)cpu_flags;
 #endif
@@ -44,12 +67,12 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
 
 const char *kivoe_dsp_describe(uint32_t cpu_flags) {
 #if defined(KIVO_ARCH_x86)
-    if (cpu_flags & KIVO_CPU_AVX2) return "fdct8 avx2, quant avx2, quant_rdoq avx2, jndfilt sse2, planes avx2, quant_mask avx2, fdct_quant_mask avx2, fdct_quant_samples avx2";
-    if (cpu_flags & KIVO_CPU_SSE2) return "fdct8 sse2, quant sse2, quant_rdoq sse2, jndfilt sse2, planes sse2, quant_mask sse2, fdct_quant_mask sse2";
+    if (cpu_flags & KIVO_CPU_AVX2) return "fdct8 avx2, quant avx2, quant_rdoq avx2, jndfilt avx2, planes avx2, quant_mask avx2, fdct_quant_mask avx2, fdct_quant_samples avx2, jnd_suppress avx2, update_offset avx2, levels_mask avx2, quant_kept avx2, jndfilt_u8 avx2, fdct8_samples avx2, box2 sse2, abs_acc sse2";
+    if (cpu_flags & KIVO_CPU_SSE2) return "fdct8 sse2, quant sse2, quant_rdoq sse2, jndfilt sse2, planes sse2, quant_mask sse2, fdct_quant_mask sse2, jnd_suppress sse2, update_offset sse2, levels_mask c, box2 sse2, abs_acc sse2";
 #elif defined(KIVO_ARCH_arm)
-    if (cpu_flags & KIVO_CPU_NEON) return "fdct8 neon, quant neon, quant_rdoq neon, jndfilt neon, planes neon, quant_mask neon, fdct_quant_mask neon";
+    if (cpu_flags & KIVO_CPU_NEON) return "fdct8 neon, quant neon, quant_rdoq neon, jndfilt neon, planes neon, quant_mask neon, fdct_quant_mask neon, jnd_suppress neon, update_offset neon, levels_mask c, box2 neon, abs_acc neon";
 #else
     (void)cpu_flags;
 #endif
-    return "fdct8 c, quant c, quant_rdoq c, jndfilt c, planes c, quant_mask c, fdct_quant_mask c";
+    return "fdct8 c, quant c, quant_rdoq c, jndfilt c, planes c, quant_mask c, fdct_quant_mask c, jnd_suppress c, update_offset c, levels_mask c, box2 c, abs_acc c";
 }

@@ -14,6 +14,15 @@ void kivoe_quant_rdoq_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *
 void kivoe_fdct8_sse2(int16_t *blk);
 void kivoe_jndfilt8x8_sse2(const uint8_t *src, int32_t stride, int16_t *blk);
 void kivoe_planes_sse2(const int16_t *blk, kivoe_planes *out);
+void kivoe_jnd_suppress_sse2(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
+                             const uint8_t *thr);
+void kivoe_update_offset_sse2(const int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
+                              uint16_t *offset);
+void kivoe_box2_sse2(const uint8_t *src, int32_t stride, int16_t *blk);
+void kivoe_abs_acc_sse2(const int16_t *blk, uint32_t *acc);
+void kivoe_jndfilt8x8_avx2(const uint8_t *src, int32_t stride, int16_t *blk);
+void kivoe_jndfilt8x8_u8_avx2(const uint8_t *src, int32_t stride, uint8_t *dst);
+void kivoe_fdct8_samples_avx2(const uint8_t *src, int32_t stride, int16_t *blk);
 void kivoe_fdct8_avx2(int16_t *blk);
 int32_t kivoe_quant_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 uint64_t kivoe_quant_mask_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
@@ -22,6 +31,13 @@ uint64_t kivoe_fdct_quant_samples_avx2(const uint8_t *src, int32_t stride, int16
                                        const uint16_t *offset);
 void kivoe_quant_rdoq_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_planes_avx2(const int16_t *blk, kivoe_planes *out);
+void kivoe_jnd_suppress_avx2(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
+                             const uint8_t *thr);
+uint64_t kivoe_levels_mask_avx2(const int16_t *blk);
+uint64_t kivoe_quant_kept_avx2(int16_t *blk, const uint16_t *q, const uint16_t *recip, const uint16_t *half,
+                               uint16_t *adapt, const uint8_t *thr);
+void kivoe_update_offset_avx2(const int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
+                              uint16_t *offset);
 void kivoe_fdct8_neon(int16_t *blk);
 int32_t kivoe_quant_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 uint64_t kivoe_quant_mask_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
@@ -29,5 +45,11 @@ uint64_t kivoe_fdct_quant_mask_neon(int16_t *blk, const uint16_t *recip, const u
 void kivoe_quant_rdoq_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_jndfilt8x8_neon(const uint8_t *src, int32_t stride, int16_t *blk);
 void kivoe_planes_neon(const int16_t *blk, kivoe_planes *out);
+void kivoe_jnd_suppress_neon(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
+                             const uint8_t *thr);
+void kivoe_update_offset_neon(const int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
+                              uint16_t *offset);
+void kivoe_box2_neon(const uint8_t *src, int32_t stride, int16_t *blk);
+void kivoe_abs_acc_neon(const int16_t *blk, uint32_t *acc);
 
 #endif

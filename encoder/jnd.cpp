@@ -115,16 +115,20 @@ void kivoe_jndfilt8x8(const uint8_t *src, int32_t stride, int16_t *blk) {
     }
 }
 
+void kivoe_jndfilt8x8_u8(const uint8_t *src, int32_t stride, uint8_t *dst) {
+    int16_t blk[64];
+    kivoe_jndfilt8x8(src, stride, blk);
+    for (int i = 0; i < 64; ++i) dst[i] = static_cast<uint8_t>(blk[i]);  // 0 to 255
+}
+
 void kivoe_jnd_thresholds(int16_t dc, uint8_t thr[64]) {
-    int level = (dc + 1024) >> 3;
-    level = level < 0 ? 0 : level > 255 ? 255 : level;
-    const int k = tbl_suppr_lum[level];
-    // Row k - 1 of the exported table holds (tbl_inv_mtf * k) >> 12.
-    if (k) std::memcpy(thr, kivo_tbl_suppr_thr + 64 * (k - 1), 64);
+    const uint8_t *row = kivoe_jnd_threshold_row(dc);
+    if (row) std::memcpy(thr, row, 64);
     else std::memset(thr, 0, 64);
 }
 
-void kivoe_jnd_suppress(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint8_t thr[64]) {
+void kivoe_jnd_suppress(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *,
+                        const uint8_t *thr) {
     // Only the non-zero levels count and change.
     const uint64_t nonzero = kivo_raster_mask(levels);
     int32_t sum = 0;

@@ -139,6 +139,17 @@ typedef uint64_t (*kivoe_quant_mask_fn)(int16_t *blk, const uint16_t *recip, con
 typedef uint64_t (*kivoe_quant_samples_fn)(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *recip,
                                            const uint16_t *offset);
 typedef void (*kivoe_jndfilt_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
+typedef void (*kivoe_suppress_fn)(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
+                                  const uint8_t *thr);
+typedef void (*kivoe_update_offset_fn)(const int16_t *levels, const int16_t *coef, const uint16_t *q,
+                                       const uint16_t *recip, uint16_t *offset);
+typedef uint64_t (*kivoe_levels_mask_fn)(const int16_t *blk);
+typedef uint64_t (*kivoe_quant_kept_fn)(int16_t *blk, const uint16_t *q, const uint16_t *recip, const uint16_t *half,
+                                        uint16_t *adapt, const uint8_t *thr);
+typedef void (*kivoe_jndfilt_u8_fn)(const uint8_t *src, int32_t stride, uint8_t *dst);
+typedef void (*kivoe_fdct_samples_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
+typedef void (*kivoe_box2_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
+typedef void (*kivoe_abs_acc_fn)(const int16_t *blk, uint32_t *acc);
 // Bit planes of a block's AC levels in zig-zag order, for the progressive
 // writer: bit z of nz[a] is set when |level| >> a is not zero, of odd[a]
 // when bit a of |level| is set, of neg when the level is negative. Bit 0
@@ -173,6 +184,19 @@ struct kivoe_proc {
     // kivoe_fdct_quant_samples where a variant reads the samples faster
     // than a widening copy and kivoe_fdct_quant_mask; null otherwise.
     kivoe_quant_samples_fn fdct_quant_samples;
+    kivoe_suppress_fn jnd_suppress;        // kivoe_jnd_suppress
+    kivoe_update_offset_fn update_offset;  // kivoe_update_offset
+    kivoe_levels_mask_fn levels_mask;      // kivoe_levels_mask
+    // kivoe_jndfilt8x8_u8 and kivoe_fdct8_samples, for the variants that
+    // transform 8-bit samples faster than 16-bit ones (fdct8_samples null
+    // otherwise, and the filter then unused).
+    // kivoe_quant_kept where a variant fuses its steps; null otherwise
+    // (the loop then calls the kernels one by one).
+    kivoe_quant_kept_fn quant_kept;
+    kivoe_jndfilt_u8_fn jndfilt_u8;
+    kivoe_fdct_samples_fn fdct8_samples;
+    kivoe_box2_fn box2;                    // kivoe_box2
+    kivoe_abs_acc_fn abs_acc;              // kivoe_abs_acc
 };
 
 struct kivoe_ctx {
@@ -321,10 +345,28 @@ uint64_t kivoe_fdct_quant_mask(int16_t *blk, const uint16_t *recip, const uint16
 // apart), the levels stored at blk.
 uint64_t kivoe_fdct_quant_samples(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *recip,
                                   const uint16_t *offset);
+// kivoe_fdct8 of the 8 x 8 samples at src (rows stride bytes apart).
+void kivoe_fdct8_samples(const uint8_t *src, int32_t stride, int16_t *blk);
 // Adaptive rounding: moves the offsets of the non-zero levels by their
 // reconstruction errors (coef: the unquantized coefficients).
 void kivoe_update_offset(const int16_t *levels, const int16_t *coef, const uint16_t *q,
                          const uint16_t *recip, uint16_t *offset);
+// The mask the block coder takes for the levels at blk: bit z set when the
+// AC level at zig-zag position z is not zero, or all ones (the coder then
+// finds them itself) when a level lies above 2047 or is -32768.
+uint64_t kivoe_levels_mask(const int16_t *blk);
+// The levels of the coefficients at blk with JND suppression, adaptive
+// rounding or both, and their mask for the coder: adaptive rounding
+// (adapt not null) quantizes with kivoe_quant_rdoq and the offsets adapt,
+// then updates them; otherwise kivoe_quant with half; thr, unless null,
+// suppresses levels in between.
+uint64_t kivoe_quant_kept(int16_t *blk, const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                          const uint8_t *thr);
+// The perceptual selection's sampling at level 1: blk[8 j + k] is the mean
+// (sum >> 2) of the 2 x 2 samples at row 2 j, column 2 k of src.
+void kivoe_box2(const uint8_t *src, int32_t stride, int16_t *blk);
+// acc[i] += |blk[i]| for the 64 values (|-32768| = 32768).
+void kivoe_abs_acc(const int16_t *blk, uint32_t *acc);
 void kivoe_planes_c(const int16_t *blk, kivoe_planes *out);
 // Fills the transform and quantizer slots from the best variant the CPU
 // flags allow.
@@ -334,11 +376,24 @@ const char *kivoe_dsp_describe(uint32_t cpu_flags);
 // ---- JND filter and suppression (jnd.cpp) ---------------------------------------------------------
 extern const uint8_t tbl_suppr_lum[256];
 void kivoe_jndfilt8x8(const uint8_t *src, int32_t stride, int16_t *blk);
+// The same filtered samples as bytes, rows 8 bytes apart.
+void kivoe_jndfilt8x8_u8(const uint8_t *src, int32_t stride, uint8_t *dst);
 // Thresholds of a block from its unquantized DC coefficient.
 void kivoe_jnd_thresholds(int16_t dc, uint8_t thr[64]);
+// The same thresholds in place: a row of kivo_tbl_suppr_thr, or null when
+// they are all zero (nothing is then suppressed).
+inline const uint8_t *kivoe_jnd_threshold_row(int16_t dc) {
+    int level = (dc + 1024) >> 3;
+    level = level < 0 ? 0 : level > 255 ? 255 : level;
+    const int k = tbl_suppr_lum[level];
+    // Row k - 1 of the exported table holds (tbl_inv_mtf * k) >> 12.
+    return k ? kivo_tbl_suppr_thr + 64 * (k - 1) : nullptr;
+}
 // Lowers levels while the error stays below the thresholds (blocks whose AC
-// levels add up to more than 7 only).
-void kivoe_jnd_suppress(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint8_t thr[64]);
+// levels add up to more than 7 only). recip is 16384 / q, as in every
+// table (the plain kernel does not read it; the variants divide with it).
+void kivoe_jnd_suppress(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
+                        const uint8_t *thr);
 
 // ---- perceptual selection (perceptual.cpp) ----------------------------------------------------------
 int32_t kivoe_get_qt(kivoe_ctx *ctx, int32_t level, uint8_t *out);

@@ -1,31 +1,65 @@
 // Perceptual quantizer selection: the pushed picture is sampled in 8x8
 // analysis blocks, its mean brightness and per-frequency magnitudes choose
 // the quantizers.
+#include <cstring>
+
 #include "encoder/kivoe_int.h"
+
+void kivoe_box2(const uint8_t *src, int32_t stride, int16_t *blk) {
+    for (int j = 0; j < 8; ++j) {
+        const uint8_t *a = src + static_cast<ptrdiff_t>(2 * j) * stride, *b = a + stride;
+        for (int k = 0; k < 8; ++k) blk[8 * j + k] = static_cast<int16_t>((a[2 * k] + a[2 * k + 1] + b[2 * k] + b[2 * k + 1]) >> 2);
+    }
+}
+
+void kivoe_abs_acc(const int16_t *blk, uint32_t *acc) {
+    for (int i = 0; i < 64; ++i) acc[i] += static_cast<uint32_t>(blk[i] < 0 ? -blk[i] : blk[i]);
+}
 
 namespace {
 
 struct Stats {
     uint64_t sum[64];
     uint32_t blocks;
+    // Magnitudes of the blocks since the last fold into sum: 32768 at most
+    // a block, so 65536 blocks fit.
+    uint32_t part[64];
+    uint32_t pending;
 };
+
+// Folds the partial sums into the totals.
+void fold(Stats *st) {
+    for (int i = 1; i < 64; ++i) st->sum[i] += st->part[i];
+    std::memset(st->part, 0, sizeof(st->part));
+    st->pending = 0;
+}
+
+// The statistics of one sampled block.
+void add_block(const kivoe_ctx *ctx, int16_t *blk, Stats *st) {
+    ctx->proc.fdct8(blk);
+    const int32_t mean = (blk[0] + 1024) >> 3;
+    st->sum[0] += static_cast<uint64_t>(mean < 0 ? 0 : mean);
+    ctx->proc.abs_acc(blk, st->part);  // entry 0 unused
+    ++st->blocks;
+    if (++st->pending == 65536) fold(st);
+}
 
 // One analysis block: 8x8 cells of s x s samples, each the mean of its four
 // corners, starting at `p`; samples are `step` bytes apart in a line.
 void sample_block(const kivoe_ctx *ctx, const uint8_t *p, int32_t stride, int32_t step, int32_t s, Stats *st) {
     alignas(16) int16_t blk[64];
-    for (int j = 0; j < 8; ++j) {
-        for (int k = 0; k < 8; ++k) {
-            const uint8_t *cell = p + static_cast<ptrdiff_t>(j * s) * stride + static_cast<ptrdiff_t>(k * s) * step;
-            const ptrdiff_t right = static_cast<ptrdiff_t>(s - 1) * step, down = static_cast<ptrdiff_t>(s - 1) * stride;
-            blk[8 * j + k] = static_cast<int16_t>((cell[0] + cell[right] + cell[down] + cell[down + right]) >> 2);
+    if (s == 2 && step == 1) {
+        ctx->proc.box2(p, stride, blk);
+    } else {
+        for (int j = 0; j < 8; ++j) {
+            for (int k = 0; k < 8; ++k) {
+                const uint8_t *cell = p + static_cast<ptrdiff_t>(j * s) * stride + static_cast<ptrdiff_t>(k * s) * step;
+                const ptrdiff_t right = static_cast<ptrdiff_t>(s - 1) * step, down = static_cast<ptrdiff_t>(s - 1) * stride;
+                blk[8 * j + k] = static_cast<int16_t>((cell[0] + cell[right] + cell[down] + cell[down + right]) >> 2);
+            }
         }
     }
-    ctx->proc.fdct8(blk);
-    const int32_t mean = (blk[0] + 1024) >> 3;
-    st->sum[0] += static_cast<uint64_t>(mean < 0 ? 0 : mean);
-    for (int i = 1; i < 64; ++i) st->sum[i] += static_cast<uint64_t>(blk[i] < 0 ? -blk[i] : blk[i]);
-    ++st->blocks;
+    add_block(ctx, blk, st);
 }
 
 // Every whole analysis block of a plane of w x h samples, row by row.
@@ -33,9 +67,18 @@ void sample_plane(const kivoe_ctx *ctx, const uint8_t *p, int32_t stride, int32_
                   int32_t level, Stats *st) {
     const int32_t s = 1 << level, span = 8 * s;
     for (int32_t by = 0; by < (h >> (level + 3)); ++by)
-        for (int32_t bx = 0; bx < (w >> (level + 3)); ++bx)
-            sample_block(ctx, p + static_cast<ptrdiff_t>(by) * span * stride + static_cast<ptrdiff_t>(bx) * span * step,
-                         stride, step, s, st);
+        for (int32_t bx = 0; bx < (w >> (level + 3)); ++bx) {
+            const uint8_t *at = p + static_cast<ptrdiff_t>(by) * span * stride + static_cast<ptrdiff_t>(bx) * span * step;
+            // The block reads span rows at once, more streams than the
+            // processor follows by itself: each 64-byte line is asked for a
+            // few blocks ahead (a prefetch past the plane does not fault;
+            // the address is formed as an integer).
+            if (s == 2 && step == 1 && (bx & 3) == 0)
+                for (int32_t r = 0; r < span; ++r)
+                    __builtin_prefetch(reinterpret_cast<const void *>(reinterpret_cast<uintptr_t>(at) +
+                                                                      static_cast<uintptr_t>(static_cast<ptrdiff_t>(r) * stride + 128)));
+            sample_block(ctx, at, stride, step, s, st);
+        }
 }
 
 }  // namespace
@@ -82,6 +125,8 @@ int32_t kivoe_get_qt(kivoe_ctx *ctx, int32_t level, uint8_t *out) {
                 }
         }
     }
+    fold(&luma);
+    fold(&chroma);
     if (luma.blocks == 0 || (has_chroma && chroma.blocks == 0)) return KIVO_ERR_UNAVAILABLE;
     // Sums are 64-bit so that no picture size can overflow them; the means
     // fit 32 bits (0..255 for the level, at most 1024 for a magnitude).

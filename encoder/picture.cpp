@@ -461,7 +461,109 @@ int32_t kivoe_enc_pic(kivoe_ctx *ctx) {
     return KIVO_OK;
 }
 
-int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
+namespace {
+
+// A component's tables, plane and place in a segment.
+struct Comp {
+    const kivoe_qtbl *q;
+    kivoe_dc_tbl *dc;
+    kivoe_ac_tbl *ac;
+    const uint16_t *offset;
+    uint16_t *adapt;
+    const uint8_t *plane;
+    int32_t stride;
+    int32_t col, row;
+};
+
+// Whether block (bcol, brow) of component c is filtered. The JND filter
+// reads two lines above and below the block: only luma blocks a whole block
+// away from every edge of the picture are filtered.
+inline bool filtered(const kivoe_ctx *ctx, bool jnd_filter, int c, int32_t bcol, int32_t brow) {
+    return jnd_filter && c == 0 && bcol >= 1 && brow >= 1 && 8 * bcol + 16 <= ctx->smp_w[0] &&
+           8 * brow + 16 <= ctx->smp_h[0];
+}
+
+// Loads block (bcol, brow) of component c into dst, filtered or not.
+inline void load_at(const kivoe_ctx *ctx, bool jnd_filter, int c, const Comp &cc, int32_t bcol, int32_t brow,
+                    int16_t *dst) {
+    if (filtered(ctx, jnd_filter, c, bcol, brow)) {
+        ctx->proc.jndfilt(cc.plane + static_cast<ptrdiff_t>(8 * brow) * cc.stride + 8 * bcol, cc.stride, dst);
+    } else {
+        load_block(cc.plane, cc.stride, ctx->smp_w[c], ctx->smp_h[c], bcol, brow, dst);
+    }
+}
+
+// Transformed coefficients at blk to levels with JND suppression, adaptive
+// rounding or both (coef: room for the unquantized coefficients). Apart
+// from the plain block loop, whose registers it would otherwise share.
+__attribute__((noinline)) void quantize_kept(const kivoe_ctx *ctx, Comp &cc, int16_t *blk, int16_t *coef) {
+    const kivoe_proc &p = ctx->proc;
+    const uint8_t *thr = ctx->jnd_suppress ? kivoe_jnd_threshold_row(blk[0]) : nullptr;
+    kivo::copy_block(coef, blk);
+    if (ctx->adaptive_rounding) p.quant_rdoq(blk, cc.q->recip, cc.offset);
+    else p.quant(blk, cc.q->recip, cc.offset);
+    // All-zero thresholds suppress nothing.
+    if (thr) p.jnd_suppress(blk, coef, cc.q->q, cc.q->recip, thr);
+    if (ctx->adaptive_rounding) p.update_offset(blk, coef, cc.q->q, cc.q->recip, cc.adapt);
+}
+
+// The levels of an MCU's blocks with JND suppression or adaptive rounding,
+// in coding order, into levels and code (each block's tables, levels and
+// mask; the DC differences are left to the caller). All blocks are
+// transformed first, so that the transforms overlap; the quantization that
+// follows runs block by block, as adaptive rounding needs.
+__attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *comp, int16_t *levels,
+                                                 kivoe_block_code *code) {
+    alignas(16) int16_t coef[64];
+    const kivoe_fh &fh = ctx->fh;
+    const bool jnd_filter = ctx->jnd_filter;
+    const kivoe_fdct_samples_fn samples = ctx->proc.fdct8_samples;
+    for (int c = 0, b = 0; c < fh.n_comp; ++c) {
+        const Comp &cc = comp[c];
+        const int hf = fh.h[c], vf = fh.v[c];
+        const bool inside = !(jnd_filter && c == 0) && 8 * (cc.col + hf) <= ctx->smp_w[c] &&
+                            8 * (cc.row + vf) <= ctx->smp_h[c];
+        const uint8_t *src = cc.plane + static_cast<ptrdiff_t>(8 * cc.row) * cc.stride + 8 * cc.col;
+        for (int v = 0; v < vf; ++v)
+            for (int h = 0; h < hf; ++h, ++b) {
+                int16_t *lv = levels + 64 * b;
+                const uint8_t *at = src + static_cast<ptrdiff_t>(8 * v) * cc.stride + 8 * h;
+                if (samples && inside) {
+                    samples(at, cc.stride, lv);
+                } else if (samples && filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
+                    alignas(16) uint8_t f[64];
+                    ctx->proc.jndfilt_u8(at, cc.stride, f);
+                    samples(f, 8, lv);
+                } else {
+                    if (inside) load_inside(at, cc.stride, lv);
+                    else load_at(ctx, jnd_filter, c, cc, cc.col + h, cc.row + v, lv);
+                    ctx->proc.fdct8(lv);
+                }
+            }
+    }
+    const kivoe_quant_kept_fn fused = ctx->proc.quant_kept;
+    for (int c = 0, b = 0; c < fh.n_comp; ++c) {
+        Comp &cc = comp[c];
+        uint16_t *adapt = ctx->adaptive_rounding ? cc.adapt : nullptr;
+        for (int i = fh.h[c] * fh.v[c]; i > 0; --i, ++b) {
+            int16_t *lv = levels + 64 * b;
+            uint64_t mask;
+            if (fused) {
+                const uint8_t *thr = ctx->jnd_suppress ? kivoe_jnd_threshold_row(lv[0]) : nullptr;
+                mask = fused(lv, cc.q->q, cc.q->recip, cc.q->half, adapt, thr);
+            } else {
+                quantize_kept(ctx, cc, lv, coef);
+                mask = ctx->proc.levels_mask(lv);
+            }
+            code[b] = {cc.dc, cc.ac, lv, mask, 0};
+        }
+    }
+}
+
+// One segment; kKeep: with JND suppression or adaptive rounding, kFilter:
+// with the JND filter, whose code the plain loop then leaves out.
+template <bool kKeep, bool kFilter>
+int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     xelo_bsw *bs = job->writer;
     xelo_bsw_sink(bs);
     bs->flush = kivoe_bs_flush_data_seg;
@@ -471,16 +573,7 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
     const int nc = fh.n_comp;
     const kivo_picbuf *pic = ctx->pic_cur;
 
-    struct Comp {
-        const kivoe_qtbl *q;
-        kivoe_dc_tbl *dc;
-        kivoe_ac_tbl *ac;
-        const uint16_t *offset;
-        uint16_t *adapt;
-        const uint8_t *plane;
-        int32_t stride;
-        int32_t col, row;
-    } comp[4];
+    Comp comp[4];
     for (int c = 0; c < nc; ++c) {
         Comp &cc = comp[c];
         const int tq = fh.tq[c] & 1;
@@ -512,38 +605,34 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
     const bool reuse = !job->counting && job->levels_kept;
     int16_t *kept = job->counting || reuse ? job->levels : nullptr;
     alignas(16) int16_t coef[64];
-    uint8_t thr[64];
     // Switches and kernels in locals: the calls through the table would
     // otherwise have them read again for every block.
-    const bool jnd_filter = ctx->jnd_filter, jnd_suppress = ctx->jnd_suppress, adaptive = ctx->adaptive_rounding;
+    constexpr bool jnd_filter = kFilter;
     const kivoe_fdct_fn fdct8 = p.fdct8;
     const kivoe_quant_mask_fn quant_mask = p.quant_mask, fdct_quant_mask = p.fdct_quant_mask;
     const kivoe_quant_samples_fn fdct_quant_samples = p.fdct_quant_samples;
-    const bool keep = jnd_suppress || adaptive;
+    const bool filter_bytes = jnd_filter && fdct_quant_samples;
+    constexpr bool keep = kKeep;
     // With the writers in the coder slots, a block's codes go out together.
     const bool fused = p.vlc_dc == kivoe_vlc_dc && p.vlc_ac == kivoe_vlc_ac;
     // Blocks coded straight after the plain quantizer take its mask of
     // non-zero levels.
-    const bool masked = fused && !prog && !jnd_suppress && !adaptive;
-    // Such blocks are transformed and quantized a whole MCU at a time before
-    // any is coded: the blocks' transforms do not wait for one another, nor
-    // for the coder's loops, and overlap.
+    const bool masked = fused && !prog && !keep;
+    // Coded blocks are transformed and quantized a whole MCU at a time
+    // before any is coded: the blocks' transforms do not wait for one
+    // another, nor for the coder's loops, and overlap. Adaptive rounding
+    // still quantizes the blocks in coding order, each with the offsets the
+    // one before left.
     int32_t per_mcu = 0;
     for (int c = 0; c < nc; ++c) per_mcu += fh.h[c] * fh.v[c];
-    const bool by_mcu = masked && !reuse && per_mcu > 1 && per_mcu <= kMaxMcuBlocks;
+    const bool mcu_sized = !reuse && per_mcu > 1 && per_mcu <= kMaxMcuBlocks;
+    const bool by_mcu_plain = masked && mcu_sized, by_mcu_kept = fused && !prog && keep && mcu_sized;
+    const bool by_mcu = by_mcu_plain || by_mcu_kept;
     alignas(32) int16_t mcu_levels[kMaxMcuBlocks * 64];
     kivoe_block_code mcu_code[kMaxMcuBlocks];
     // The samples of block (bcol, brow) of component c into dst.
     auto load = [&](int c, const Comp &cc, int32_t bcol, int32_t brow, int16_t *dst) {
-        // The JND filter reads two lines above and below the block: only
-        // luma blocks a whole block away from every edge of the picture are
-        // filtered.
-        if (jnd_filter && c == 0 && bcol >= 1 && brow >= 1 && 8 * bcol + 16 <= ctx->smp_w[0] &&
-            8 * brow + 16 <= ctx->smp_h[0]) {
-            p.jndfilt(cc.plane + static_cast<ptrdiff_t>(8 * brow) * cc.stride + 8 * bcol, cc.stride, dst);
-        } else {
-            load_block(cc.plane, cc.stride, ctx->smp_w[c], ctx->smp_h[c], bcol, brow, dst);
-        }
+        load_at(ctx, jnd_filter, c, cc, bcol, brow, dst);
     };
     int32_t counter = 0;
     for (int32_t m = 0; m < job->n_mcu; ++m) {
@@ -556,7 +645,8 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
             if ((cc.col & 7) == 0)
                 prefetch_rows(cc.plane, cc.stride, ctx->smp_h[c], 8 * cc.col + 128, 8 * cc.row, 8 * fh.v[c]);
         }
-        for (int c = 0, b = 0; c < nc && by_mcu; ++c) {
+        if (by_mcu_kept) quantize_mcu_kept(ctx, comp, mcu_levels, mcu_code);
+        for (int c = 0, b = 0; c < nc && by_mcu_plain; ++c) {
             const Comp &cc = comp[c];
             const int hf = fh.h[c], vf = fh.v[c];
             // The MCU's blocks of the component all inside the plane, none
@@ -571,10 +661,15 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                     uint64_t mask;
                     if (inside && fdct_quant_samples) {
                         mask = fdct_quant_samples(at, cc.stride, lv, cc.q->recip, cc.offset);
-                    } else {
+                    } else if (inside || !filter_bytes || !filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
                         if (inside) load_inside(at, cc.stride, lv);
                         else load(c, cc, cc.col + h, cc.row + v, lv);
                         mask = fdct_quant_mask(lv, cc.q->recip, cc.offset);
+                    } else {
+                        // Filtered to bytes for the 8-bit transform.
+                        alignas(16) uint8_t f[64];
+                        p.jndfilt_u8(at, cc.stride, f);
+                        mask = fdct_quant_samples(f, 8, lv, cc.q->recip, cc.offset);
                     }
                     mcu_code[b] = {cc.dc, cc.ac, lv, coder_mask(mask), 0};
                 }
@@ -601,17 +696,9 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
                         const int32_t bcol = cc.col + h, brow = cc.row + v;
                         load(c, cc, bcol, brow, blk);
                         fdct8(blk);
-                        if (jnd_suppress) kivoe_jnd_thresholds(blk[0], thr);
-                        if (keep) kivo::copy_block(coef, blk);
-                        if (masked) {
-                            mask = coder_mask(quant_mask(blk, cc.q->recip, cc.offset));
-                        } else if (adaptive) {
-                            p.quant_rdoq(blk, cc.q->recip, cc.offset);
-                        } else {
-                            p.quant(blk, cc.q->recip, cc.offset);
-                        }
-                        if (jnd_suppress) kivoe_jnd_suppress(blk, coef, cc.q->q, thr);
-                        if (adaptive) kivoe_update_offset(blk, coef, cc.q->q, cc.q->recip, cc.adapt);
+                        if (masked) mask = coder_mask(quant_mask(blk, cc.q->recip, cc.offset));
+                        else if (keep) quantize_kept(ctx, cc, blk, coef);
+                        else p.quant(blk, cc.q->recip, cc.offset);
                         if (kept) {
                             kivo::copy_block(kept, blk);
                             kept += 64;
@@ -656,4 +743,12 @@ int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
     xelo_bsw_sink(bs);
     bs->flush = kivoe_bs_flush;
     return KIVO_OK;
+}
+
+}  // namespace
+
+int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
+    const bool keep = ctx->jnd_suppress || ctx->adaptive_rounding;
+    if (ctx->jnd_filter) return keep ? enc_segment<true, true>(ctx, job) : enc_segment<false, true>(ctx, job);
+    return keep ? enc_segment<true, false>(ctx, job) : enc_segment<false, false>(ctx, job);
 }

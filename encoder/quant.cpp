@@ -46,6 +46,12 @@ uint64_t kivoe_fdct_quant_samples(const uint8_t *src, int32_t stride, int16_t *b
     return kivoe_fdct_quant_mask(blk, recip, offset);
 }
 
+void kivoe_fdct8_samples(const uint8_t *src, int32_t stride, int16_t *blk) {
+    for (int r = 0; r < 8; ++r)
+        for (int c = 0; c < 8; ++c) blk[8 * r + c] = src[static_cast<ptrdiff_t>(r) * stride + c];
+    kivoe_fdct8(blk);
+}
+
 void kivoe_quant_rdoq(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
     for (int i = 0; i < 64; ++i) {
         const int32_t c = blk[i];
@@ -70,4 +76,21 @@ void kivoe_update_offset(const int16_t *levels, const int16_t *coef, const uint1
         o = static_cast<int16_t>(static_cast<uint16_t>(static_cast<uint64_t>(o)));  // taken as a signed 16-bit value
         offset[i] = static_cast<uint16_t>(o < 0 ? 0 : o > 8192 ? 8192 : o);
     }
+}
+
+uint64_t kivoe_levels_mask(const int16_t *blk) {
+    bool all_coded;
+    const uint64_t mask = kivo_zigzag_ac_mask(blk, &all_coded);
+    return all_coded ? mask : ~uint64_t(0);
+}
+
+uint64_t kivoe_quant_kept(int16_t *blk, const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                          const uint8_t *thr) {
+    int16_t coef[64];
+    for (int i = 0; i < 64; ++i) coef[i] = blk[i];
+    if (adapt) kivoe_quant_rdoq(blk, recip, adapt);
+    else kivoe_quant(blk, recip, half);
+    if (thr) kivoe_jnd_suppress(blk, coef, q, recip, thr);
+    if (adapt) kivoe_update_offset(blk, coef, q, recip, adapt);
+    return kivoe_levels_mask(blk);
 }

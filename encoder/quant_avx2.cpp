@@ -6,6 +6,7 @@
 #include "common/nonzero.h"
 #include "encoder/enc_simd.h"
 #include "encoder/fdct_avx2.h"
+#include "encoder/switches_avx2.h"
 
 namespace {
 
@@ -136,20 +137,67 @@ uint64_t kivoe_fdct_quant_samples_avx2(const uint8_t *src, int32_t stride, int16
     return quant_mask_rows(c, blk, recip, offset);
 }
 
-void kivoe_quant_rdoq_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+namespace {
+
+// kivoe_quant_rdoq of sixteen coefficients c.
+inline __m256i rdoq16(__m256i c, const uint16_t *recip, const uint16_t *offset) {
     const __m256i zero = _mm256_setzero_si256();
+    const __m256i a = _mm256_abs_epi16(c);
+    const __m256i r = load16(recip), o = load16(offset);
+    const __m256i hi = _mm256_mulhi_epu16(a, r), lo = _mm256_mullo_epi16(a, r);
+    // 32-bit products plus the offset, shifted by 14: below 2^16, so
+    // the low 16 bits of each are the whole value.
+    const __m256i p0 = _mm256_srli_epi32(_mm256_add_epi32(_mm256_unpacklo_epi16(lo, hi), _mm256_unpacklo_epi16(o, zero)), 14);
+    const __m256i p1 = _mm256_srli_epi32(_mm256_add_epi32(_mm256_unpackhi_epi16(lo, hi), _mm256_unpackhi_epi16(o, zero)), 14);
+    // packus keeps values up to 65535 as they are; the unpacks and the
+    // pack both work within 128-bit lanes, so the order is restored.
+    return apply_sign(c, _mm256_packus_epi32(p0, p1));
+}
+
+}  // namespace
+
+void kivoe_quant_rdoq_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+    for (int i = 0; i < 64; i += 16)
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(blk + i), rdoq16(load16(blk + i), recip + i, offset + i));
+}
+
+namespace {
+
+inline uint64_t levels_mask(const int16_t *blk) {
+    const __m256i zero = _mm256_setzero_si256(), top = _mm256_set1_epi16(2047), low = _mm256_set1_epi16(-32768);
+    __m256i l[4], bad = zero;
+    for (int k = 0; k < 4; ++k) {
+        l[k] = load16(blk + 16 * k);
+        bad = _mm256_or_si256(bad, _mm256_or_si256(_mm256_cmpgt_epi16(l[k], top), _mm256_cmpeq_epi16(l[k], low)));
+    }
+    if (!_mm256_testz_si256(bad, bad)) return ~uint64_t(0);
+    // One byte a level, all ones where it is zero, as the quantizers' masks.
+    __m256i v[4];
+    v[0] = _mm256_packs_epi16(_mm256_cmpeq_epi16(l[0], zero), _mm256_cmpeq_epi16(l[1], zero));
+    v[2] = _mm256_packs_epi16(_mm256_cmpeq_epi16(l[2], zero), _mm256_cmpeq_epi16(l[3], zero));
+    v[1] = _mm256_permute2x128_si256(v[0], v[0], 0x01);
+    v[3] = _mm256_permute2x128_si256(v[2], v[2], 0x01);
+    const uint64_t zeros = static_cast<uint32_t>(_mm256_movemask_epi8(zigzag_half(v, 0))) |
+                           static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(zigzag_half(v, 1)))) << 32;
+    return ~zeros & ~uint64_t(1);
+}
+
+}  // namespace
+
+uint64_t kivoe_levels_mask_avx2(const int16_t *blk) { return levels_mask(blk); }
+
+// The quantizer, suppression, offset update and mask in one: the
+// coefficients stay in registers for the quantizer, the calls go.
+uint64_t kivoe_quant_kept_avx2(int16_t *blk, const uint16_t *q, const uint16_t *recip, const uint16_t *half,
+                               uint16_t *adapt, const uint8_t *thr) {
+    alignas(32) int16_t coef[64];
     for (int i = 0; i < 64; i += 16) {
         const __m256i c = load16(blk + i);
-        const __m256i a = _mm256_abs_epi16(c);
-        const __m256i r = load16(recip + i), o = load16(offset + i);
-        const __m256i hi = _mm256_mulhi_epu16(a, r), lo = _mm256_mullo_epi16(a, r);
-        // 32-bit products plus the offset, shifted by 14: below 2^16, so
-        // the low 16 bits of each are the whole value.
-        const __m256i p0 = _mm256_srli_epi32(_mm256_add_epi32(_mm256_unpacklo_epi16(lo, hi), _mm256_unpacklo_epi16(o, zero)), 14);
-        const __m256i p1 = _mm256_srli_epi32(_mm256_add_epi32(_mm256_unpackhi_epi16(lo, hi), _mm256_unpackhi_epi16(o, zero)), 14);
-        // packus keeps values up to 65535 as they are; the unpacks and the
-        // pack both work within 128-bit lanes, so the order is restored.
-        const __m256i n = _mm256_packus_epi32(p0, p1);
-        _mm256_storeu_si256(reinterpret_cast<__m256i *>(blk + i), apply_sign(c, n));
+        _mm256_store_si256(reinterpret_cast<__m256i *>(coef + i), c);
+        const __m256i l = adapt ? rdoq16(c, recip + i, adapt + i) : apply_sign(c, magnitude(c, recip + i, half + i));
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(blk + i), l);
     }
+    if (thr) suppress_body<Avx2>(blk, coef, q, recip, thr);
+    if (adapt) update_body<Avx2>(blk, coef, q, recip, adapt);
+    return levels_mask(blk);
 }

@@ -1,5 +1,7 @@
 // ARMv7 NEON quantizers in assembly, bit-exact to the plain ones.
 
+#include <arm_neon.h>
+
 #include "encoder/enc_simd.h"
 #include "common/nonzero.h"
 
@@ -131,3 +133,33 @@ uint64_t kivoe_quant_mask_neon(int16_t *blk, const uint16_t *recip, const uint16
 #undef KIVO_QUANT16
 #undef KIVO_QUANT_RDOQ16
 #undef KIVO_QUANT_CLOBBERS
+
+// Only the low 16 bits of the offset's change count (the sum is taken as a
+// signed 16-bit value), and they are bits 11 to 26 of |error| * recip: the
+// low 32 bits of that product suffice.
+void kivoe_update_offset_neon(const int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
+                              uint16_t *offset) {
+    for (int i = 0; i < 64; i += 8) {
+        const int16x8_t L = vld1q_s16(levels + i);
+        const uint16x8_t nz = vtstq_s16(L, L);
+        const uint64x2_t any = vreinterpretq_u64_u16(nz);
+        if ((vgetq_lane_u64(any, 0) | vgetq_lane_u64(any, 1)) == 0) continue;
+        const uint16x8_t a = vreinterpretq_u16_s16(vabsq_s16(L));
+        const uint16x8_t c = vreinterpretq_u16_s16(vabsq_s16(vld1q_s16(coef + i)));
+        const uint16x8_t Q = vld1q_u16(q + i), R = vld1q_u16(recip + i), O = vld1q_u16(offset + i);
+        uint16x4_t d[2];
+        uint32x4_t neg[2];
+        for (int h = 0; h < 2; ++h) {
+            auto half = [h](uint16x8_t v) { return h ? vget_high_u16(v) : vget_low_u16(v); };
+            const int32x4_t err = vreinterpretq_s32_u32(vsubq_u32(vmovl_u16(half(c)), vmull_u16(half(a), half(Q))));
+            neg[h] = vcltq_s32(err, vdupq_n_s32(0));
+            const uint32x4_t p = vmulq_u32(vreinterpretq_u32_s32(vabsq_s32(err)), vmovl_u16(half(R)));
+            d[h] = vmovn_u32(vshrq_n_u32(p, 11));
+        }
+        const int16x8_t D = vreinterpretq_s16_u16(vcombine_u16(d[0], d[1]));
+        const int16x8_t n = vreinterpretq_s16_u16(vcombine_u16(vmovn_u32(neg[0]), vmovn_u32(neg[1])));
+        int16x8_t o = vaddq_s16(vreinterpretq_s16_u16(O), vsubq_s16(veorq_s16(D, n), n));
+        o = vminq_s16(vmaxq_s16(o, vdupq_n_s16(0)), vdupq_n_s16(8192));
+        vst1q_u16(offset + i, vbslq_u16(nz, vreinterpretq_u16_s16(o), O));
+    }
+}

@@ -230,7 +230,7 @@ TEST(EncRef, JndFilterThresholdsAndSuppression) {
             want[i] = lv[i] = int16_t(std::lround(double(coef[i]) / q[i]) + (rng() % 4 ? 0 : 1));
         }
         ref::suppress(want, coef, q, thr);
-        kivoe_jnd_suppress(lv, coef, q, thr);
+        kivoe_jnd_suppress(lv, coef, q, nullptr, thr);
         for (int i = 0; i < 64; ++i) ASSERT_EQ(lv[i], want[i]) << n << " at " << i;
     }
 }
@@ -264,11 +264,15 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
     kivoe_dsp_init(&plain, 0);
     ASSERT_TRUE(plain.fdct8 == &kivoe_fdct8 && plain.quant == &kivoe_quant && plain.quant_rdoq == &kivoe_quant_rdoq &&
                 plain.jndfilt == &kivoe_jndfilt8x8 && plain.planes == &kivoe_planes_c && plain.quant_mask == &kivoe_quant_mask &&
-                plain.fdct_quant_mask == &kivoe_fdct_quant_mask);
+                plain.fdct_quant_mask == &kivoe_fdct_quant_mask && plain.jnd_suppress == &kivoe_jnd_suppress &&
+                plain.update_offset == &kivoe_update_offset && plain.levels_mask == &kivoe_levels_mask &&
+                plain.box2 == &kivoe_box2 && plain.abs_acc == &kivoe_abs_acc);
     std::set<const void *> seen;
     auto is_new = [&seen](auto f) { return seen.insert(reinterpret_cast<const void *>(f)).second; };
     is_new(plain.fdct8), is_new(plain.quant), is_new(plain.quant_rdoq), is_new(plain.jndfilt), is_new(plain.planes),
-        is_new(plain.quant_mask), is_new(plain.fdct_quant_mask);
+        is_new(plain.quant_mask), is_new(plain.fdct_quant_mask), is_new(plain.jnd_suppress), is_new(plain.update_offset),
+        is_new(plain.box2), is_new(plain.abs_acc);
+    ASSERT_TRUE(plain.jndfilt_u8 == &kivoe_jndfilt8x8_u8 && plain.fdct8_samples == nullptr && plain.quant_kept == nullptr);
     int checked = 0, failures = 0;
     auto fail = [&failures](const char *what, uint32_t flags, size_t i) {
         if (failures++ < 5) ADD_FAILURE() << what << " at CPU flags " << flags << ": block " << i;
@@ -327,6 +331,26 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
             p.jndfilt(plane + 1 + 2 * 9, 9, b.at);
             if (!(a == b)) fail("jndfilt", flags, i);
         }
+        // The filter to bytes against the plain filter, and the transform of
+        // bytes (rows 13 apart at an odd address) against the plain one.
+        const bool filt8 = is_new(p.jndfilt_u8), fs = p.fdct8_samples && is_new(p.fdct8_samples);
+        checked += filt8 + fs;
+        for (size_t i = 0; (filt8 || fs) && i + 2 < sets.samples.size(); ++i) {
+            uint8_t plane[12 * 13 + 1], got[64 + 2];
+            for (int k = 0; k < 12 * 13; ++k) plane[k + 1] = static_cast<uint8_t>(sets.samples[i + k / 64][k % 64]);
+            const int16_t zero[64] = {};
+            Slot a(zero, i % 5), b(zero, i % 5);
+            plain.jndfilt(plane + 1 + 2 * 13, 13, a.at);
+            std::memset(got, 0xA5, sizeof(got));
+            if (filt8) p.jndfilt_u8(plane + 1 + 2 * 13, 13, got + 1);
+            for (int k = 0; filt8 && k < 64; ++k)
+                if (got[k + 1] != a.at[k] || got[0] != 0xA5 || got[65] != 0xA5) {
+                    fail("jndfilt_u8", flags, i);
+                    break;
+                }
+            if (fs) kivoe_fdct8_samples(plane + 1, 13, a.at), p.fdct8_samples(plane + 1, 13, b.at);
+            if (fs && !(a == b)) fail("fdct8_samples", flags, i);
+        }
         for (size_t i = 0; (quant || rdoq || qmask) && i < sets.pairs.size(); ++i) {
             const int16_t *in = sets.coefs[sets.pairs[i].first].data();
             std::memcpy(&odd[1], sets.tables[sets.pairs[i].second].data(), 512);
@@ -341,6 +365,72 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
             if (qmask && (plain.quant_mask(g.at, recip, half) != p.quant_mask(h.at, recip, half) || !(g == h))) fail("quant_mask", flags, i);
             if (rdoq) plain.quant_rdoq(c.at, recip, off), p.quant_rdoq(d.at, recip, off);
             if (rdoq && !(c == d)) fail("quant_rdoq", flags, i);
+        }
+        // Suppression and the offset update: levels near the coefficients'
+        // own (suppressed) or any (extremes), thresholds of the table, zero,
+        // random or 255; offsets of the table (8192, 0 or any). The coder's
+        // mask against one made here.
+        const bool sup = is_new(p.jnd_suppress), upd = is_new(p.update_offset), lmask = is_new(p.levels_mask);
+        const bool kept = p.quant_kept && is_new(p.quant_kept);
+        checked += sup + upd + lmask + kept;
+        std::mt19937 rng(static_cast<uint32_t>(flags) + 1);
+        for (size_t i = 0; (sup || upd || lmask || kept) && i < sets.pairs.size(); i += 3) {
+            const int16_t *in = sets.coefs[sets.pairs[i].first].data();
+            std::memcpy(&odd[1], sets.tables[sets.pairs[i].second].data(), 512);
+            const uint16_t *q = &odd[1], *recip = &odd[65], *half = &odd[129];
+            int16_t lv[64];
+            if (i % 2) {
+                std::memcpy(lv, sets.coefs[(sets.pairs[i].first * 7 + i) % sets.coefs.size()].data(), sizeof(lv));
+            } else {
+                kivoe_quant(static_cast<int16_t *>(std::memcpy(lv, in, sizeof(lv))), recip, half);
+                for (int16_t &v : lv) v = int16_t(v + (rng() % 4 ? 0 : static_cast<int>(rng() % 5) - 2));
+            }
+            uint8_t thr[64];
+            for (int k = 0; k < 64; ++k)
+                thr[k] = uint8_t(i % 4 == 0 ? 0 : i % 4 == 1 ? kivo_tbl_suppr_thr[64 * (i / 4 % 8) + k] : i % 4 == 2 ? rng() : 255);
+            Slot a(lv, i % 5), b(lv, i % 5);
+            if (sup) plain.jnd_suppress(a.at, in, q, recip, thr), p.jnd_suppress(b.at, in, q, recip, thr);
+            if (sup && !(a == b)) fail("jnd_suppress", flags, i);
+            uint16_t oa[64], ob[64];
+            std::memcpy(oa, &odd[193], sizeof(oa));
+            std::memcpy(ob, oa, sizeof(ob));
+            if (upd) plain.update_offset(a.at, in, q, recip, oa), p.update_offset(a.at, in, q, recip, ob);
+            if (upd && std::memcmp(oa, ob, sizeof(oa))) fail("update_offset", flags, i);
+            uint64_t want = 0;
+            bool coded = true;
+            for (int z = 0; z < 64; ++z) {
+                const int16_t v = a.at[kivo_tbl_zig_to_ras[z]];
+                want |= uint64_t(z > 0 && v != 0) << z;
+                coded = coded && v <= 2047 && v != -32768;
+            }
+            if (lmask && p.levels_mask(a.at) != (coded ? want : ~uint64_t(0))) fail("levels_mask", flags, i);
+            // The fused steps, from the coefficients, against the plain ones.
+            if (!kept) continue;
+            Slot e(in, i % 5), f(in, i % 5);
+            std::memcpy(oa, &odd[193], sizeof(oa));
+            std::memcpy(ob, oa, sizeof(ob));
+            const bool adaptive = i / 3 % 3 != 0, suppressed = i / 3 % 5 != 0;
+            if (kivoe_quant_kept(e.at, q, recip, half, adaptive ? oa : nullptr, suppressed ? thr : nullptr) !=
+                    p.quant_kept(f.at, q, recip, half, adaptive ? ob : nullptr, suppressed ? thr : nullptr) ||
+                !(e == f) || std::memcmp(oa, ob, sizeof(oa)))
+                fail("quant_kept", flags, i);
+        }
+        // The perceptual sampling's kernels, rows 37 bytes apart, and sums
+        // near the top of 32 bits.
+        const bool box = is_new(p.box2), acc = is_new(p.abs_acc);
+        checked += box + acc;
+        for (size_t i = 0; (box || acc) && i + 4 < sets.samples.size(); i += 4) {
+            uint8_t plane[16 * 37 + 1];
+            for (int k = 0; k < 16 * 37; ++k) plane[k + 1] = static_cast<uint8_t>(sets.samples[i + k / 160][k % 64]);
+            const int16_t zero[64] = {};
+            Slot a(zero, i % 5), b(zero, i % 5);
+            if (box) plain.box2(plane + 1, 37, a.at), p.box2(plane + 1, 37, b.at);
+            if (box && !(a == b)) fail("box2", flags, i);
+            uint32_t sa[64], sb[64];
+            for (int k = 0; k < 64; ++k) sa[k] = sb[k] = i % 8 ? rng() % 1000 : 0xFFFFFFFFu - 32768;
+            const int16_t *c = sets.coefs[i % sets.coefs.size()].data();
+            if (acc) plain.abs_acc(c, sa), p.abs_acc(c, sb);
+            if (acc && std::memcmp(sa, sb, sizeof(sa))) fail("abs_acc", flags, i);
         }
     }
     EXPECT_EQ(failures, 0);
