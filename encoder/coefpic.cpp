@@ -268,16 +268,48 @@ struct BitOut {
     }
 };
 
+// The symbols of a first AC scan in coding order, recorded while counting
+// so that writing only looks up their codes: per symbol its value (bits
+// 0-7), the count of its extra bits (8-12) and their value (from 13). Grows
+// as needed up to 4 Mi symbols (16 MiB); a record that lost a symbol is not
+// used. All zero is an empty record.
+struct Record {
+    uint32_t *sym;
+    size_t n, room;
+    bool lost;
+
+    static constexpr size_t kMaxSymbols = size_t(4) << 20;
+
+    void add(uint32_t symbol, int32_t bits, uint32_t value) {
+        if (n == room && !grow()) return;
+        sym[n++] = symbol | static_cast<uint32_t>(bits) << 8 | value << 13;
+    }
+    bool grow() {
+        const size_t more = room ? 2 * room : 4096;
+        uint32_t *p = !lost && more <= kMaxSymbols ? static_cast<uint32_t *>(std::realloc(sym, more * sizeof(uint32_t))) : nullptr;
+        if (!p) {
+            lost = true;
+            return false;
+        }
+        sym = p;
+        room = more;
+        return true;
+    }
+};
+
 // End-of-band runs while counting: blocks whose band ends with no more
 // symbols, and how many correction bits they hold, which decides where a
 // run is cut.
 struct EobCount {
     uint64_t *counter;
+    Record *rec = nullptr;
     int32_t run = 0, held = 0;
 
     void flush() {
         if (!run) return;
-        ++counter[(bit_length(static_cast<uint32_t>(run)) - 1) << 4];
+        const int32_t n = bit_length(static_cast<uint32_t>(run)) - 1;
+        ++counter[n << 4];
+        if (rec) rec->add(static_cast<uint32_t>(n << 4), n, static_cast<uint32_t>(run) & ((1u << n) - 1));
         run = held = 0;
     }
     void end_band(int32_t bits) {
@@ -349,10 +381,15 @@ struct AcScan {
         }
     }
 
-    // Symbol counts alone: the refinement needs no levels, only where the
-    // zeros and the new levels lie.
-    void count_first(uint64_t *counter) const {
-        EobCount eob{counter};
+    // Symbol counts, and with rec the symbols themselves. The refinement
+    // needs no levels, only where the zeros and the new levels lie.
+    void count_first(uint64_t *counter, Record *rec) const {
+        if (rec) count_first<true>(counter, rec);
+        else count_first<false>(counter, nullptr);
+    }
+    template <bool kRecord>
+    void count_first(uint64_t *counter, Record *rec) const {
+        EobCount eob{counter, rec};
         const uint64_t band = band_bits(ss, se);
         blocks([&](const int16_t *b, const kivoe_planes &p) {
             const uint64_t m = p.nz[al] & band;
@@ -361,14 +398,30 @@ struct AcScan {
             int32_t next = ss;  // the position after the last one coded
             for_each_bit(m, [&](int32_t k, int32_t) {
                 const int32_t v = b[kivo_tbl_zig_to_ras[k]];
-                const int32_t run = k - next;
+                int32_t run = k - next;
                 counter[0xF0] += static_cast<uint32_t>(run >> 4);
-                ++counter[(run & 15) << 4 | bit_length(static_cast<uint32_t>(v < 0 ? -v : v) >> al)];
+                const int32_t a = (v < 0 ? -v : v) >> al;
+                const int32_t n = bit_length(static_cast<uint32_t>(a));
+                ++counter[(run & 15) << 4 | n];
+                if (kRecord) {
+                    for (; run > 15; run -= 16) rec->add(0xF0, 0, 0);
+                    rec->add(static_cast<uint32_t>(run << 4 | n), n, static_cast<uint32_t>(v < 0 ? ~a : a) & ((1u << n) - 1));
+                }
                 next = k + 1;
             });
             if (next <= se) eob.end_band(0);
         });
         eob.flush();
+    }
+
+    // A first scan from its record.
+    static void write_recorded(BitOut &out, const kivoe_code *code, const Record &rec) {
+        for (size_t i = 0; i < rec.n; ++i) {
+            const uint32_t e = rec.sym[i];
+            const int32_t bits = static_cast<int32_t>(e >> 8 & 31);
+            const kivoe_code c = code[e & 255];
+            out.put(static_cast<uint32_t>(c.code) << bits | e >> 13, c.len + bits);
+        }
     }
 
     // The refinement's symbols are its new levels, each with the zeros
@@ -532,6 +585,7 @@ struct kivoe_coef_tables {
 struct kivoe_coef_plan {
     const kivoe_coef_pic *pic;
     int32_t coding;
+    bool record;  // first AC scans' symbols recorded while counted
     Geometry g;
     Script baseline, script;
     // Each scan's tables, built from its counts, and the least bits its
@@ -541,6 +595,7 @@ struct kivoe_coef_plan {
         int32_t n_spec;
         uint64_t bits;
         bool outside;  // baseline: some level counted lies outside its categories
+        Record record;  // first AC scans: their symbols
     } scan[kMaxScans];
     // Progressive: the bit planes of every block's AC levels, per component
     // in the order of its AC scans, and the DC levels of all its blocks (the
@@ -558,7 +613,8 @@ namespace {
 
 // Codes one scan (counting when asked). A sequential scan goes through the
 // baseline coder.
-void code_scan(kivoe_coef_plan &pl, const Scan &s, kivoe_coef_tables &w, bool counting, bool *outside, xelo_bsw *bs) {
+void code_scan(kivoe_coef_plan &pl, const Scan &s, kivoe_coef_tables &w, bool counting, bool *outside, Record *rec,
+               xelo_bsw *bs) {
     const kivoe_coef_pic *pic = pl.pic;
     int32_t pred[4] = {0, 0, 0, 0};
     if (s.ss == 0 && s.se == 63) {
@@ -607,8 +663,9 @@ void code_scan(kivoe_coef_plan &pl, const Scan &s, kivoe_coef_tables &w, bool co
         const int32_t c = s.comp[0];
         const AcScan scan{pic->coef[c], pl.g.bw[c], pl.g.bh[c], pic->blk_w[c], pl.planes[c], s.ss, s.se, s.al};
         if (counting && s.ah) w.corrections = scan.count_refine(w.ac[0].counter);
-        else if (counting) scan.count_first(w.ac[0].counter);
+        else if (counting) scan.count_first(w.ac[0].counter, rec);
         else if (s.ah) scan.write_refine(out, w.ac[0].by_symbol);
+        else if (rec && !rec->lost) AcScan::write_recorded(out, w.ac[0].by_symbol, *rec);
         else scan.write_first(out, w.ac[0].by_symbol);
     }
     out.drain();
@@ -689,6 +746,8 @@ void write_tail(const kivoe_coef_plan &pl, xelo_bsw *bs) {
 
 int32_t kivoe_coef_plan_new(const kivoe_coef_pic *pic, int32_t coding, kivoe_coef_plan **out) {
     *out = nullptr;
+    const bool record = !(coding & KIVOE_CODING_LIKELY_COUNTED_ONLY);
+    coding &= ~KIVOE_CODING_LIKELY_COUNTED_ONLY;
     if (!pic || (coding != KIVOE_CODING_BASELINE && coding != KIVOE_CODING_PROGRESSIVE)) return KIVO_ERR_INVALID_ARG;
     Geometry g;
     const int32_t ret = check_picture(pic, &g);
@@ -697,6 +756,7 @@ int32_t kivoe_coef_plan_new(const kivoe_coef_pic *pic, int32_t coding, kivoe_coe
     if (!pl) return KIVO_ERR_OUT_OF_MEMORY;
     pl->pic = pic;
     pl->coding = coding;
+    pl->record = record;
     pl->g = g;
     make_script(pic->n_comp, g.interleave, KIVOE_CODING_BASELINE, &pl->baseline);
     make_script(pic->n_comp, g.interleave, coding, &pl->script);
@@ -727,6 +787,7 @@ int32_t kivoe_coef_plan_new(const kivoe_coef_pic *pic, int32_t coding, kivoe_coe
 
 void kivoe_coef_plan_free(kivoe_coef_plan *pl) {
     if (!pl) return;
+    for (auto &st : pl->scan) std::free(st.record.sym);
     for (int32_t c = 0; c < 4; ++c) {
         std::free(pl->planes[c]);
         std::free(pl->dc_levels[c]);
@@ -781,7 +842,9 @@ void kivoe_coef_count(kivoe_coef_plan *pl, int32_t i, kivoe_coef_tables *w) {
     w->corrections = 0;
     const Scan &s = pl->script.scan[i];
     auto &st = pl->scan[i];
-    code_scan(*pl, s, *w, true, &st.outside, nullptr);
+    st.record.n = 0;
+    st.record.lost = false;
+    code_scan(*pl, s, *w, true, &st.outside, pl->record ? &st.record : nullptr, nullptr);
     // The tables this scan selects: DC tables of its components' slots
     // (first DC scans and sequential scans), AC tables likewise.
     const bool dc_codes = s.ss == 0 && s.ah == 0, ac_codes = s.se > 0;
@@ -829,7 +892,7 @@ void kivoe_coef_write_scan(kivoe_coef_plan *pl, int32_t i, kivoe_coef_tables *w,
     write_sos(bs, pl->pic, pl->script.scan[i]);
     xelo_bsw_sink(bs);
     bs->flush = kivoe_bs_flush_data_seg;
-    code_scan(*pl, pl->script.scan[i], *w, false, nullptr, bs);
+    code_scan(*pl, pl->script.scan[i], *w, false, nullptr, pl->record ? &pl->scan[i].record : nullptr, bs);
     // The last byte is padded with 1-bits.
     const int32_t used_bits = 32 - bs->free_bits;
     if (used_bits % 8) put(bs, 0xFF, 8 - used_bits % 8);
@@ -879,7 +942,7 @@ public:
         // Baseline counting, the longest task, with the bit planes.
         for (int i = 0; i < n; ++i) {
             kivoe_coef_plan *plan = coding_[i].plan;
-            if (coding_[i].status == KIVO_OK && codings[i] == KIVOE_CODING_BASELINE)
+            if (coding_[i].status == KIVO_OK && (codings[i] & ~KIVOE_CODING_LIKELY_COUNTED_ONLY) == KIVOE_CODING_BASELINE)
                 for (int k = 0; k < kivoe_coef_tasks(plan, KIVOE_COEF_SCANS); ++k) add(Task::kCount, plan, k);
         }
         for (int i = 0; i < n; ++i) {
@@ -891,7 +954,7 @@ public:
         if (r != KIVO_OK) return r;
         for (int i = 0; i < n; ++i) {
             kivoe_coef_plan *plan = coding_[i].plan;
-            if (coding_[i].status != KIVO_OK || codings[i] == KIVOE_CODING_BASELINE) continue;
+            if (coding_[i].status != KIVO_OK || (codings[i] & ~KIVOE_CODING_LIKELY_COUNTED_ONLY) == KIVOE_CODING_BASELINE) continue;
             if ((coding_[i].status = kivoe_coef_prepared(plan)) != KIVO_OK) continue;
             for (int k = 0; k < kivoe_coef_tasks(plan, KIVOE_COEF_SCANS); ++k) add(Task::kCount, plan, k);
         }

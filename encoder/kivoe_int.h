@@ -431,6 +431,9 @@ struct kivoe_coef_pic {
 };
 
 enum kivoe_coding { KIVOE_CODING_BASELINE = 0, KIVOE_CODING_PROGRESSIVE = 1 };
+// Added to a coding: the stream is likely to be counted only (it seldom
+// fits), so its symbols are not recorded for the writing while counted.
+constexpr int32_t KIVOE_CODING_LIKELY_COUNTED_ONLY = 0x100;
 
 // Codes a coefficient picture as a whole stream into bs: baseline with
 // Huffman tables optimised for its levels, or progressive with the scan

@@ -153,12 +153,18 @@ template <class Best>
 int32_t write_lossless(kivot_ctx *t, const kivoe_coef_pic *pic, uint8_t *const buf[3], Best &best) {
     const kivoe_ctx *e = t->enc;
     const int32_t kinds[2] = {KIVOT_CHOSEN_PROGRESSIVE, KIVOT_CHOSEN_LOSSLESS};
+    // A lossless coding is seldom a tenth smaller than its source: where the
+    // best so far is, the codings are likely to be counted only.
+    const auto coding_of = [&best](int32_t kind) {
+        const int32_t c = kind == KIVOT_CHOSEN_PROGRESSIVE ? KIVOE_CODING_PROGRESSIVE : KIVOE_CODING_BASELINE;
+        return best.cap(kind) < best.room / 10 * 9 ? c | KIVOE_CODING_LIKELY_COUNTED_ONLY : c;
+    };
     if (kivo::thread_limit(e->tpool) >= 2) {
         const int free0 = best.free_buffer(0), free1 = best.free_buffer(1);
         uint8_t *const dst[2] = {buf[free0], buf[free1]};
         const int32_t cap[2] = {best.cap(kinds[0]), best.cap(kinds[1])};
         const kivoe_coef_pic *const pics[2] = {pic, pic};
-        const int32_t codings[2] = {KIVOE_CODING_PROGRESSIVE, KIVOE_CODING_BASELINE};
+        const int32_t codings[2] = {coding_of(kinds[0]), coding_of(kinds[1])};
         int32_t size[2];
         const int32_t r = kivoe_write_coef_pics(&e->tpool, e->threads, 2, pics, codings, dst, cap, size);
         if (r == KIVO_ERR_OUT_OF_MEMORY) return r;
@@ -171,8 +177,7 @@ int32_t write_lossless(kivot_ctx *t, const kivoe_coef_pic *pic, uint8_t *const b
     for (int32_t kind : kinds) {
         int32_t size = 0;
         const int i = best.free_buffer(0);
-        const int32_t r = kivot_write_levels(pic, kind == KIVOT_CHOSEN_PROGRESSIVE ? KIVOE_CODING_PROGRESSIVE : KIVOE_CODING_BASELINE,
-                                             buf[i], best.cap(kind), &size);
+        const int32_t r = kivot_write_levels(pic, coding_of(kind), buf[i], best.cap(kind), &size);
         if (r == KIVO_ERR_OUT_OF_MEMORY) return r;
         if (r == KIVO_OK) best.offer(i, size, kind);
     }
