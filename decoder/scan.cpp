@@ -438,13 +438,21 @@ void kivod_note_rows(kivod_ctx *ctx, int c, int32_t rows) {
     if (r < 0 || (ctx->progressive ? rows < r : rows > r)) r = rows;
 }
 
-int32_t kivod_skim_to(const kivod_ctx *ctx, kivod_skim *sk, int32_t target) {
+int32_t kivod_skim_to(kivod_ctx *ctx, kivod_skim *sk, int32_t target) {
     ScanComp sc[4];
     setup_comps(ctx, sc, nullptr, nullptr);
     const int ns = ctx->sh.n_comp;
+    for (int k = 0; k < ns; ++k) {
+        const int ta = ctx->sh.ta[sc[k].c];
+        if (ctx->skim_serial[ta] != ctx->ac_tbl[ta].serial) {
+            kivod_build_skim(&ctx->ac_tbl[ta], ctx->skim_tbl[ta], ctx->skim_scratch);
+            ctx->skim_serial[ta] = ctx->ac_tbl[ta].serial;
+        }
+        sc[k].t.skim = ctx->skim_tbl[ta];
+    }
     const int32_t interval = restart_interval(ctx);
     const int32_t total = kivod_scan_mcus(ctx, nullptr);
-    const kivod_vld_blk_fn skim = kivod_vld_blk_for(8, false);
+    const kivod_vld_blk_fn skim = ctx->dsp.skim_blk;
     while (sk->mcu < target) {
         kivod_win win{};
         for (int k = 0; k < ns; ++k) {

@@ -34,23 +34,6 @@ inline int16_t dequant(int32_t value, uint32_t q) {
     return low16(static_cast<uint32_t>(value) * q);
 }
 
-// The AC code at the top of `top` (the next 32 bits): its length, run and
-// size. 0, or -202 for a code the table does not hold.
-inline int32_t ac_code(const kivod_ac_tbl *t, uint32_t top, int32_t *len, int32_t *run, int32_t *size) {
-    const kivod_ac_look e = t->lookup[top >> 24];
-    if (e.len <= 8) {
-        *len = e.len;
-        *run = e.run;
-        *size = e.size;
-        return KIVO_OK;
-    }
-    const int32_t idx = long_ac_code(t, top >> 16, len);
-    if (idx < 0) return KIVO_ERR_MALFORMED;
-    *run = t->sym[idx].run;
-    *size = t->sym[idx].size;
-    return KIVO_OK;
-}
-
 // Decodes one AC code through the reader and consumes it with its extra
 // bits: run, size and, when `with_value`, the extended value. 0, or -202
 // for a code the table does not hold.
@@ -384,6 +367,90 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
     }
     *wp = w;
     return finish<kCount>(n, rq, cnt, status);
+}
+
+// Eight more bytes under the window (n <= 63 valid bits) when the input
+// has them and they hold no 0xFF, whatever the window holds: it then has
+// 56 or more. The bits below the valid ones are left as the data's next
+// bits, which later loads OR in alike (kept_window clears them).
+inline bool fill_ahead(Window &w) {
+    if (w.end - w.p < 7) return false;
+    uint64_t x;
+    std::memcpy(&x, w.p, 8);
+    x = __builtin_bswap64(x);
+    if (holds_ff(x)) return false;
+    w.acc |= x >> w.n;
+    w.p += (63 - w.n) >> 3;
+    w.n |= 56;
+    return true;
+}
+
+// Stores the window back with zeros below its valid bits.
+inline void kept_window(Window &w, Window *wp) {
+    w.acc = w.n > 0 ? w.acc & ~(~0ull >> w.n) : 0;
+    *wp = w;
+}
+
+// The skim's walk over one block: the DC code, then the AC codes consumed
+// through the skim's look-up, several a step, while its entry keeps them
+// inside the block (an end-of-block read at 63 or before, positions moved
+// on to 64 at most), else one code as ac_block<0> takes it. Nothing is
+// stored; the reader ends where ac_block<0> leaves it, and fails alike.
+int32_t skim_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *diff, int16_t *dc_only) {
+    window_begin(bs, wp);
+    Window w = *wp;
+    int32_t ret;
+    if (!block_start<0, false, true, false>(bs, wp, s, nullptr, diff, dc_only, w, &ret)) return ret;
+    const uint16_t *const skim = s.skim;
+    const int32_t *const fast = s.ac->fast;
+    int32_t k = 1;
+    // One step with 32 bits or more in the window: 1 when the block ends,
+    // 0 when it goes on, or a failure.
+    const auto step = [&]() __attribute__((always_inline)) -> int32_t {
+        const uint32_t e = skim[w.acc >> (64 - kivod_skim_bits)];
+        if (k + static_cast<int32_t>(e >> 8) <= 64) {
+            window_skip(&w, e & 31);
+            k += (e >> 8) + ((e & kivod_skim_eob) << 1);  // past 63 at end-of-block
+            return k > 63;
+        }
+        // One code: past 63, or beyond the look-up.
+        const int32_t f = fast[w.acc >> (64 - kivod_fast_bits)];
+        if (f) {
+            window_skip(&w, f & 31);
+            if (f & kivod_fast_eob) return 1;
+            k += ((f >> 8) & 15) + 1;
+            return k > 63;
+        }
+        int32_t len, run, size;
+        if (ac_code(s.ac, static_cast<uint32_t>(w.acc >> 32), &len, &run, &size) != KIVO_OK) return KIVO_ERR_MALFORMED;
+        window_skip(&w, len + size);
+        if (size == 0 && run == 0) return 1;
+        if (size == 0 && run != 15) return KIVO_ERR_MALFORMED;
+        k += size ? run + 1 : 16;
+        return k > 63;
+    };
+    // The DC code took at least one bit: the window holds 63 or fewer, as
+    // after every step.
+    int32_t r;
+    for (;;) {
+        if (!fill_ahead(w)) {
+            window_fill(&w);
+            if (w.n < 32) {
+                // A 0xFF or the end of the input is near: the reader's
+                // refill handles stuffing and running out.
+                kept_window(w, wp);
+                kivod_win_close(wp, bs);
+                Requant rq;
+                return ac_reader<0, false, false>(bs, s.q, s.qz, s.ac, nullptr, nullptr, nullptr, dc_only, k, &rq);
+            }
+        }
+        if ((r = step()) != 0) break;
+        // After eight bytes ahead two steps fit (entries take 24 bits at most).
+        if (w.n < 32) continue;
+        if ((r = step()) != 0) break;
+    }
+    kept_window(w, wp);
+    return r > 0 ? KIVO_OK : r;
 }
 
 #if defined(KIVO_ARCH_arm) && defined(__arm__) && defined(__ARM_ARCH) && __ARM_ARCH >= 7
@@ -789,6 +856,11 @@ kivod_vld_blk_fn kivod_vld_blk_arm_for(int32_t scale) {
     }
 }
 #endif
+
+int32_t kivod_skim_blk(kivod_bs *bs, kivod_win *w, const kivod_blk_tbls *t, int16_t *, int16_t *diff,
+                       int16_t *dc_only) {
+    return skim_block(bs, w, *t, diff, dc_only);
+}
 
 kivod_vld_blk_fn kivod_vld_blk_for(int32_t scale, bool magnitudes) {
     switch (scale) {
