@@ -81,13 +81,14 @@ void kivod_split_slices(kivod_ctx *ctx) {
     int n = ctx->scan_bs.type == KIVOD_INPUT_MFAL ? 1 : kivo::thread_limit(ctx->tpool);
     if (n > units) n = units;
     if (n < 1) n = 1;
-    // Slice i starts once the skim has walked slices 0 .. i-1, so later
-    // slices get less: shares in 1/4096 of 4096 * (1 - s)^i with s = 1/2,
-    // every slice at least one unit, the last one whatever is left.
+    // Slice i starts once the skim has walked slices 0 .. i-1, which costs
+    // s of decoding them (about 3/8), so later slices get less: shares in
+    // proportion to 4096 * (1 - s)^i, every slice at least one unit, the
+    // last one whatever is left.
     int32_t share[kivo::kMaxThreads];
     {
         int64_t total = 0, weight[kivo::kMaxThreads];
-        for (int i = 0; i < n; ++i) total += weight[i] = int64_t(4096) >> i;
+        for (int i = 0; i < n; ++i) total += weight[i] = i ? weight[i - 1] * 5 / 8 : 4096;
         int32_t left = units;
         for (int i = 0; i < n; ++i) {
             int32_t r = static_cast<int32_t>((weight[i] * units + total / 2) / total);

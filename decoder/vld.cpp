@@ -555,9 +555,11 @@ inline int32_t coef_run(uint32_t &hi, uint32_t &lo, int32_t &n, const uint8_t *&
 // consumed with single-word shifts, refilled four bytes at a time while
 // they hold no 0xFF. The window's state is loaded once and stored back once
 // (the block's DC code is decoded from the same words). With kAsm (full
-// size, ARMv7) the common symbols go through coef_run. Reads and stores
+// size, ARMv7) the common symbols go through coef_run; with kSkim (the
+// skim's walk at 1/8) codes go several at a time through the skim's
+// look-up where its entry decides, as in skim_block. Reads and stores
 // exactly what ac_block does.
-template <int kLast, bool kDc, bool kMag, bool kAsm = false>
+template <int kLast, bool kDc, bool kMag, bool kAsm = false, bool kSkim = false>
 int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk, int16_t *diff,
                    int16_t *dc_only) {
     window_begin(bs, wp);
@@ -669,6 +671,16 @@ int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *b
 #endif
         {
             if (n < 32 && !fill(false)) goto slow;
+            if (kSkim) {
+                static_assert(!kSkim || (kLast == 0 && kDc && !kMag && !kAsm), "the skim's walk");
+                const uint32_t e = s.skim[hi >> (32 - kivod_skim_bits)];
+                if (k + static_cast<int32_t>(e >> 8) <= 64) {
+                    consume(e & 31);
+                    k += (e >> 8) + ((e & kivod_skim_eob) << 1);
+                    if (k > 63) break;
+                    continue;
+                }
+            }
             f = fast[hi >> (32 - kivod_fast_bits)];
         }
         if (f & kivod_fast_coef) {
@@ -859,6 +871,7 @@ kivod_vld_blk_fn kivod_vld_blk_arm_for(int32_t scale) {
 
 int32_t kivod_skim_blk(kivod_bs *bs, kivod_win *w, const kivod_blk_tbls *t, int16_t *, int16_t *diff,
                        int16_t *dc_only) {
+    if (kWords) return ac_block32<0, true, false, false, true>(bs, w, *t, nullptr, diff, dc_only);
     return skim_block(bs, w, *t, diff, dc_only);
 }
 
