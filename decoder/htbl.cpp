@@ -66,8 +66,11 @@ int32_t build_ac(const kivod_htbl_spec *spec, kivod_ac_tbl *t) {
     for (int l = 0; l < 16; ++l) total += spec->bits[l];
     if (total > 256) return KIVO_ERR_MALFORMED;
 
+    const bool same = t->whole && t->count == total + 1 && std::memcmp(t->code_bits, spec->bits, 16) == 0 &&
+                      std::memcmp(t->code_vals, spec->vals, total) == 0;
+    const uint64_t serial = t->serial;
     std::memset(t, 0, sizeof(*t));
-    t->serial = ++g_ac_serial;
+    t->serial = same ? serial : ++g_ac_serial;
     t->count = static_cast<uint16_t>(total + 1);
     for (auto &e : t->lookup) e.len = 255;
     for (auto &r : t->range) {
@@ -135,6 +138,9 @@ int32_t build_ac(const kivod_htbl_spec *spec, kivod_ac_tbl *t) {
         if (s.size == 0 && s.run == 15 && t->zrl == 255) t->zrl = static_cast<uint8_t>(i);
         if (t->eob != 255 && t->zrl != 255) break;
     }
+    t->whole = true;
+    std::memcpy(t->code_bits, spec->bits, 16);
+    std::memcpy(t->code_vals, spec->vals, total);
     return KIVO_OK;
 }
 
@@ -149,7 +155,7 @@ int32_t kivod_build_htbl(const kivod_htbl_spec *spec, kivod_dc_tbl dc[4], kivod_
 void kivod_build_skim(const kivod_ac_tbl *t, uint16_t skim[1 << kivod_skim_bits], uint16_t first[1 << kivod_skim_bits]) {
     constexpr uint32_t kBits = kivod_skim_bits, kMask = (1u << kBits) - 1;
     static_assert(kBits >= 8 && kBits <= 16, "whole 8-bit look-up spans; codes read from 16 bits");
-    static_assert(kivod_skim_max_len <= 31 - 7, "an entry's length fits in 5 bits, with a code after it");
+    static_assert(kivod_skim_max_len <= 56 - 32, "two entries fit in the 56 bits a fill leaves");
     // The code that begins each pattern, as the decoders find it: its
     // length (bits 0-4), extra bits (5-8) and the positions it moves on by
     // (9-13: 1 to 16, 0 for end-of-block); 0 where no code of kBits bits or

@@ -168,9 +168,13 @@ struct kivod_ac_tbl {
     // code and its bits need more. End-of-block and sixteen-zero codes carry
     // a flag and value 0.
     int32_t fast[1 << kivod_fast_bits];
-    // Set anew, unique in the process, each time the table is built: what
-    // was derived from one build (the skim's look-up) is known by it.
+    // Unique in the process to the codes the table was built from: what is
+    // derived from the table (the skim's look-up) is known by it. A table
+    // built again from the same codes keeps it.
     uint64_t serial;
+    bool whole;  // the build completed, from these codes:
+    uint8_t code_bits[16];
+    uint8_t code_vals[256];
 };
 constexpr int32_t kivod_fast_eob = 1 << 12;
 constexpr int32_t kivod_fast_zrl = 1 << 13;
@@ -184,13 +188,13 @@ int32_t kivod_build_htbl(const kivod_htbl_spec *spec, kivod_dc_tbl dc[4], kivod_
 // codes: the codes that begin in those bits, taken one after the other as
 // long as the bits hold them whole (the last one's extra bits may run
 // past them, up to kivod_skim_max_len bits in all), ending at an
-// end-of-block. An entry holds the bits they take (bits 0-4), whether the
-// last one is end-of-block (bit 5) and, from bit 8, the zig-zag positions
+// end-of-block. An entry holds the bits they take (bits 0-5), whether the
+// last one is end-of-block (bit 6, worth 64 positions) and, from bit 8, the zig-zag positions
 // they move on by, end-of-block counting one; kivod_skim_none when the
 // first code is longer or one the decoders refuse.
 constexpr int kivod_skim_bits = 12;
 constexpr int kivod_skim_max_len = 24;
-constexpr uint16_t kivod_skim_eob = 1 << 5;
+constexpr uint16_t kivod_skim_eob = 1 << 6;
 constexpr uint16_t kivod_skim_none = 127 << 8;  // moves on too far to ever be taken
 // first: scratch of the same size.
 void kivod_build_skim(const kivod_ac_tbl *t, uint16_t skim[1 << kivod_skim_bits], uint16_t first[1 << kivod_skim_bits]);

@@ -387,7 +387,7 @@ inline bool fill_ahead(Window &w) {
 
 // Stores the window back with zeros below its valid bits.
 inline void kept_window(Window &w, Window *wp) {
-    w.acc = w.n > 0 ? w.acc & ~(~0ull >> w.n) : 0;
+    w.acc = w.n > 0 ? w.acc & (~0ull << (64 - w.n)) : 0;
     *wp = w;
 }
 
@@ -399,8 +399,23 @@ inline void kept_window(Window &w, Window *wp) {
 int32_t skim_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *diff, int16_t *dc_only) {
     window_begin(bs, wp);
     Window w = *wp;
-    int32_t ret;
-    if (!block_start<0, false, true, false>(bs, wp, s, nullptr, diff, dc_only, w, &ret)) return ret;
+    *dc_only = 1;
+    // An open window holds 63 bits or fewer here: it was opened from the
+    // reader's 32, or the last block took a code after its last fill.
+    if (!w.open || (!fill_ahead(w) && (window_fill(&w), w.n < 32))) {
+        // No window, or a 0xFF or the end of the input is near: the
+        // reader decodes the block.
+        if (w.open) kept_window(w, wp);
+        kivod_win_close(wp, bs);
+        const int32_t r = kivod_vld_dc(bs, s.q0, s.dc, nullptr, diff);
+        if (r != KIVO_OK) return r;
+        Requant rq;
+        return ac_reader<0, false, false>(bs, s.q, s.qz, s.ac, nullptr, nullptr, nullptr, dc_only, 1, &rq);
+    }
+    if (dc_window(&w, s.q0, s.dc, nullptr, diff) != KIVO_OK) {
+        kept_window(w, wp);
+        return KIVO_ERR_MALFORMED;
+    }
     const uint16_t *const skim = s.skim;
     const int32_t *const fast = s.ac->fast;
     int32_t k = 1;
@@ -409,8 +424,8 @@ int32_t skim_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *d
     const auto step = [&]() __attribute__((always_inline)) -> int32_t {
         const uint32_t e = skim[w.acc >> (64 - kivod_skim_bits)];
         if (k + static_cast<int32_t>(e >> 8) <= 64) {
-            window_skip(&w, e & 31);
-            k += (e >> 8) + ((e & kivod_skim_eob) << 1);  // past 63 at end-of-block
+            window_skip(&w, e & 63);  // a shift by the entry as it is
+            k += (e >> 8) + (e & kivod_skim_eob);  // past 63 at end-of-block
             return k > 63;
         }
         // One code: past 63, or beyond the look-up.
@@ -675,8 +690,8 @@ int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *b
                 static_assert(!kSkim || (kLast == 0 && kDc && !kMag && !kAsm), "the skim's walk");
                 const uint32_t e = s.skim[hi >> (32 - kivod_skim_bits)];
                 if (k + static_cast<int32_t>(e >> 8) <= 64) {
-                    consume(e & 31);
-                    k += (e >> 8) + ((e & kivod_skim_eob) << 1);
+                    consume(e & 63);
+                    k += (e >> 8) + (e & kivod_skim_eob);
                     if (k > 63) break;
                     continue;
                 }

@@ -723,6 +723,7 @@ TEST(DecSkim, WalksAsTheBlockDecoder) {
     std::vector<kivod_vld_blk_fn> variants{kivod_skim_blk};
     if (dsp.skim_blk != kivod_skim_blk) variants.push_back(dsp.skim_blk);
     int stopped = 0, held = 0, fast = 0;
+    Dht prev_ac[2];
     for (int round = 0; round < 1200; ++round) {
         const auto &lay = layouts[round % 7];
         kivod_ctx &c = *ctx;
@@ -732,10 +733,17 @@ TEST(DecSkim, WalksAsTheBlockDecoder) {
             const bool random = round % 3 != 0;
             dht[0][id] = random ? random_code(rng, 12, [&] { return uint8_t(rng() % 12); })
                                 : Dht{{typical[0].bits, typical[0].bits + 16}, {typical[0].vals, typical[0].vals + typical[0].count}};
-            dht[1][id] = random ? random_code(rng, 1 + rng() % 200, [&] {
+            const auto sym = [&] {
                 const uint32_t r = rng() % 64;
                 return uint8_t(r < 6 ? 0x00 : r < 9 ? 0xF0 : r == 9 && round % 4 == 1 ? 0x50 : (rng() % 16) << 4 | (1 + rng() % (r == 10 ? 15 : 10)));
-            }) : Dht{{typical[1].bits, typical[1].bits + 16}, {typical[1].vals, typical[1].vals + typical[1].count}};
+            };
+            // Now and then the last round's code lengths with other symbols.
+            if (random && round % 4 == 2)
+                for (uint8_t &v : prev_ac[id].vals) v = sym();
+            else
+                prev_ac[id] = random ? random_code(rng, 1 + rng() % 200, sym)
+                                     : Dht{{typical[1].bits, typical[1].bits + 16}, {typical[1].vals, typical[1].vals + typical[1].count}};
+            dht[1][id] = prev_ac[id];
             for (int cls = 0; cls < 2; ++cls) {
                 kivod_htbl_spec h{};
                 h.cls = uint8_t(cls), h.id = uint8_t(id);
