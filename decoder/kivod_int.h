@@ -248,11 +248,15 @@ typedef int32_t (*kivod_vld_blk_fn)(kivod_bs *bs, kivod_win *w, const kivod_blk_
 // The block decoder of a scale (0, 1, 2, 4, 8): the AC routine of that scale
 // after kivod_vld_dc, adding magnitudes to t->mag when `magnitudes`.
 kivod_vld_blk_fn kivod_vld_blk_for(int32_t scale, bool magnitudes);
-// The skim's block walk: the DC difference decoded into *diff, the AC codes
-// consumed several at a time through t->skim; nothing stored. Consumes and
-// fails exactly as the 1/8 block decoder does.
-int32_t kivod_skim_blk(kivod_bs *bs, kivod_win *w, const kivod_blk_tbls *t, int16_t *blk, int16_t *diff,
-                       int16_t *dc_only);
+// The skim's walk over the n blocks of an MCU (blocks[i]: block i's tables),
+// through one window over them: each block's DC difference decoded into
+// diff[i], its AC codes consumed several at a time through its skim
+// look-up; nothing stored. Consumes and fails exactly as the 1/8 block
+// decoder does, block after block. Returns the blocks walked before one
+// failed, n when none did, the failure in *status.
+typedef int32_t (*kivod_skim_mcu_fn)(kivod_bs *bs, const kivod_blk_tbls *const *blocks, int32_t n, int16_t *diff,
+                                     int32_t *status);
+int32_t kivod_skim_mcu(kivod_bs *bs, const kivod_blk_tbls *const *blocks, int32_t n, int16_t *diff, int32_t *status);
 #if defined(KIVO_ARCH_arm)
 // Their ARMv7 variants without magnitudes (kivod_dsp's vld_blk slots), whose
 // common symbols go through assembly.
@@ -284,7 +288,7 @@ struct kivod_dsp {
     kivod_idct_fn idct_dc[9];
     kivod_vld_ac_fn vld_ac[9];
     kivod_vld_blk_fn vld_blk[9];  // the slices' block decoders without magnitudes
-    kivod_vld_blk_fn skim_blk;    // the skim's block walk
+    kivod_skim_mcu_fn skim_mcu;   // the skim's walk over an MCU
 };
 void kivod_dsp_init(kivod_dsp *dsp, uint32_t cpu_flags);
 // Names of the variants kivod_dsp_init would choose, for reports.

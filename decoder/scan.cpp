@@ -452,20 +452,28 @@ int32_t kivod_skim_to(kivod_ctx *ctx, kivod_skim *sk, int32_t target) {
     }
     const int32_t interval = restart_interval(ctx);
     const int32_t total = kivod_scan_mcus(ctx, nullptr);
-    const kivod_vld_blk_fn skim = ctx->dsp.skim_blk;
+    // The MCU's blocks in coding order (check_scan allows ten).
+    const kivod_blk_tbls *blocks[10];
+    int comp[10], n = 0;
+    for (int k = 0; k < ns; ++k)
+        for (int b = 0; b < sc[k].h * sc[k].v; ++b) {
+            blocks[n] = &sc[k].t;
+            comp[n++] = k;
+        }
     while (sk->mcu < target) {
-        kivod_win win{};
-        for (int k = 0; k < ns; ++k) {
-            for (int b = 0; b < sc[k].h * sc[k].v; ++b) {
-                int16_t diff, dc_only;
-                if (!decode_block(&sk->bs, &win, sc[k], skim, interval != 0, &sk->held, nullptr, &diff, &dc_only)) {
-                    kivod_win_close(&win, &sk->bs);
-                    return 1;
-                }
-                sk->pred[k] = add16(sk->pred[k], diff);
+        // As decode_block takes them: nothing is read while a failure is
+        // held; a failing block holds its status, and without restart
+        // markers decoding stops there.
+        if (!sk->held) {
+            int16_t diff[10];
+            int32_t status = KIVO_OK;
+            const int32_t walked = ctx->dsp.skim_mcu(&sk->bs, blocks, n, diff, &status);
+            for (int b = 0; b < walked; ++b) sk->pred[comp[b]] = add16(sk->pred[comp[b]], diff[b]);
+            if (walked < n) {
+                sk->held = status;
+                if (interval == 0) return 1;
             }
         }
-        kivod_win_close(&win, &sk->bs);
         ++sk->mcu;
         if (!restart_after(&sk->bs, interval, sk->mcu == total, sk->pred, &sk->run, &sk->held)) return 1;
         if (!data_left(&sk->bs)) return 1;

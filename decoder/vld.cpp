@@ -385,37 +385,30 @@ inline bool fill_ahead(Window &w) {
     return true;
 }
 
-// Stores the window back with zeros below its valid bits.
-inline void kept_window(Window &w, Window *wp) {
-    w.acc = w.n > 0 ? w.acc & (~0ull << (64 - w.n)) : 0;
-    *wp = w;
-}
-
 // The skim's walk over one block: the DC code, then the AC codes consumed
 // through the skim's look-up, several a step, while its entry keeps them
 // inside the block (an end-of-block read at 63 or before, positions moved
 // on to 64 at most), else one code as ac_block<0> takes it. Nothing is
 // stored; the reader ends where ac_block<0> leaves it, and fails alike.
-int32_t skim_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *diff, int16_t *dc_only) {
-    window_begin(bs, wp);
-    Window w = *wp;
-    *dc_only = 1;
+// w is the MCU's window, kept in the caller's registers from block to
+// block; its bits below the count may hold the data's next bits
+// (kivod_win_close clears them).
+inline __attribute__((always_inline)) int32_t skim_block(kivod_bs *bs, Window &w, const kivod_blk_tbls &s,
+                                                         int16_t *diff) {
+    window_begin(bs, &w);
+    int16_t dc_only;
     // An open window holds 63 bits or fewer here: it was opened from the
     // reader's 32, or the last block took a code after its last fill.
     if (!w.open || (!fill_ahead(w) && (window_fill(&w), w.n < 32))) {
         // No window, or a 0xFF or the end of the input is near: the
         // reader decodes the block.
-        if (w.open) kept_window(w, wp);
-        kivod_win_close(wp, bs);
+        kivod_win_close(&w, bs);
         const int32_t r = kivod_vld_dc(bs, s.q0, s.dc, nullptr, diff);
         if (r != KIVO_OK) return r;
         Requant rq;
-        return ac_reader<0, false, false>(bs, s.q, s.qz, s.ac, nullptr, nullptr, nullptr, dc_only, 1, &rq);
+        return ac_reader<0, false, false>(bs, s.q, s.qz, s.ac, nullptr, nullptr, nullptr, &dc_only, 1, &rq);
     }
-    if (dc_window(&w, s.q0, s.dc, nullptr, diff) != KIVO_OK) {
-        kept_window(w, wp);
-        return KIVO_ERR_MALFORMED;
-    }
+    if (dc_window(&w, s.q0, s.dc, nullptr, diff) != KIVO_OK) return KIVO_ERR_MALFORMED;
     const uint16_t *const skim = s.skim;
     const int32_t *const fast = s.ac->fast;
     int32_t k = 1;
@@ -453,10 +446,9 @@ int32_t skim_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *d
             if (w.n < 32) {
                 // A 0xFF or the end of the input is near: the reader's
                 // refill handles stuffing and running out.
-                kept_window(w, wp);
-                kivod_win_close(wp, bs);
+                kivod_win_close(&w, bs);
                 Requant rq;
-                return ac_reader<0, false, false>(bs, s.q, s.qz, s.ac, nullptr, nullptr, nullptr, dc_only, k, &rq);
+                return ac_reader<0, false, false>(bs, s.q, s.qz, s.ac, nullptr, nullptr, nullptr, &dc_only, k, &rq);
             }
         }
         if ((r = step()) != 0) break;
@@ -464,7 +456,6 @@ int32_t skim_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *d
         if (w.n < 32) continue;
         if ((r = step()) != 0) break;
     }
-    kept_window(w, wp);
     return r > 0 ? KIVO_OK : r;
 }
 
@@ -884,10 +875,20 @@ kivod_vld_blk_fn kivod_vld_blk_arm_for(int32_t scale) {
 }
 #endif
 
-int32_t kivod_skim_blk(kivod_bs *bs, kivod_win *w, const kivod_blk_tbls *t, int16_t *, int16_t *diff,
-                       int16_t *dc_only) {
-    if (kWords) return ac_block32<0, true, false, false, true>(bs, w, *t, nullptr, diff, dc_only);
-    return skim_block(bs, w, *t, diff, dc_only);
+int32_t kivod_skim_mcu(kivod_bs *bs, const kivod_blk_tbls *const *blocks, int32_t n, int16_t *diff, int32_t *status) {
+    Window w{};
+    int32_t i = 0;
+    for (; i < n; ++i) {
+        int16_t dc_only;
+        const int32_t r = kWords ? ac_block32<0, true, false, false, true>(bs, &w, *blocks[i], nullptr, &diff[i], &dc_only)
+                                 : skim_block(bs, w, *blocks[i], &diff[i]);
+        if (r != KIVO_OK) {
+            *status = r;
+            break;
+        }
+    }
+    kivod_win_close(&w, bs);
+    return i;
 }
 
 kivod_vld_blk_fn kivod_vld_blk_for(int32_t scale, bool magnitudes) {
