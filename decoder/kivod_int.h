@@ -189,9 +189,9 @@ int32_t kivod_build_htbl(const kivod_htbl_spec *spec, kivod_dc_tbl dc[4], kivod_
 // long as the bits hold them whole (the last one's extra bits may run
 // past them, up to kivod_skim_max_len bits in all), ending at an
 // end-of-block. An entry holds the bits they take (bits 0-5), whether the
-// last one is end-of-block (bit 6, worth 64 positions) and, from bit 8, the zig-zag positions
-// they move on by, end-of-block counting one; kivod_skim_none when the
-// first code is longer or one the decoders refuse.
+// last one is end-of-block (bit 6, worth 64 positions) and, from bit 8,
+// the zig-zag positions they move on by, end-of-block counting one;
+// kivod_skim_none when the first code is longer or one the decoders refuse.
 constexpr int kivod_skim_bits = 12;
 constexpr int kivod_skim_max_len = 24;
 constexpr uint16_t kivod_skim_eob = 1 << 6;

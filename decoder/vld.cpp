@@ -372,7 +372,7 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
 // Eight more bytes under the window (n <= 63 valid bits) when the input
 // has them and they hold no 0xFF, whatever the window holds: it then has
 // 56 or more. The bits below the valid ones are left as the data's next
-// bits, which later loads OR in alike (kept_window clears them).
+// bits, which later loads OR in alike (kivod_win_close clears them).
 inline bool fill_ahead(Window &w) {
     if (w.end - w.p < 7) return false;
     uint64_t x;
