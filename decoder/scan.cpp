@@ -444,7 +444,9 @@ int32_t kivod_skim_to(kivod_ctx *ctx, kivod_skim *sk, int32_t target) {
     const int ns = ctx->sh.n_comp;
     for (int k = 0; k < ns; ++k) {
         const int ta = ctx->sh.ta[sc[k].c];
-        if (ctx->skim_serial[ta] != ctx->ac_tbl[ta].serial) {
+        // A table never built (serial 0) gets a look-up of its own too:
+        // an entry of zeros would take no bits.
+        if (ctx->skim_serial[ta] != ctx->ac_tbl[ta].serial || ctx->skim_serial[ta] == 0) {
             kivod_build_skim(&ctx->ac_tbl[ta], ctx->skim_tbl[ta], ctx->skim_scratch);
             ctx->skim_serial[ta] = ctx->ac_tbl[ta].serial;
         }
