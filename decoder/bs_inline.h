@@ -100,6 +100,23 @@ inline int32_t long_ac_code(const kivod_ac_tbl *t, uint32_t b16, int32_t *len) {
     return -1;
 }
 
+// The AC code at the top of `top` (the next 32 bits): its length, run and
+// size. 0, or -202 for a code the table does not hold.
+inline int32_t ac_code(const kivod_ac_tbl *t, uint32_t top, int32_t *len, int32_t *run, int32_t *size) {
+    const kivod_ac_look e = t->lookup[top >> 24];
+    if (e.len <= 8) {
+        *len = e.len;
+        *run = e.run;
+        *size = e.size;
+        return KIVO_OK;
+    }
+    const int32_t idx = long_ac_code(t, top >> 16, len);
+    if (idx < 0) return KIVO_ERR_MALFORMED;
+    *run = t->sym[idx].run;
+    *size = t->sym[idx].size;
+    return KIVO_OK;
+}
+
 }  // namespace
 
 #endif

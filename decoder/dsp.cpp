@@ -29,6 +29,7 @@ void init_plain(kivod_dsp *dsp) {
     dsp->vld_ac[4] = kivod_vld_ac2;
     dsp->vld_ac[8] = kivod_vld_ac1;
     for (int s = 0; s <= 8; s = s ? 2 * s : 1) dsp->vld_blk[s] = kivod_vld_blk_for(s, false);
+    dsp->skim_mcu = kivod_skim_mcu;
 }
 
 // Overwrites the slots that have a faster variant and returns the names of

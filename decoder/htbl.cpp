@@ -1,9 +1,13 @@
 // Huffman decoding tables built from DHT contents, and the magnitude category.
+#include <atomic>
 #include <cstring>
 
 #include "decoder/bs_inline.h"
 
 namespace {
+
+// The serials of built AC tables: never 0, never twice.
+std::atomic<uint64_t> g_ac_serial{0};
 
 int32_t build_dc(const kivod_htbl_spec *spec, kivod_dc_tbl *t) {
     uint32_t total = 0;
@@ -62,7 +66,11 @@ int32_t build_ac(const kivod_htbl_spec *spec, kivod_ac_tbl *t) {
     for (int l = 0; l < 16; ++l) total += spec->bits[l];
     if (total > 256) return KIVO_ERR_MALFORMED;
 
+    const bool same = t->whole && t->count == total + 1 && std::memcmp(t->code_bits, spec->bits, 16) == 0 &&
+                      std::memcmp(t->code_vals, spec->vals, total) == 0;
+    const uint64_t serial = t->serial;
     std::memset(t, 0, sizeof(*t));
+    t->serial = same ? serial : ++g_ac_serial;
     t->count = static_cast<uint16_t>(total + 1);
     for (auto &e : t->lookup) e.len = 255;
     for (auto &r : t->range) {
@@ -130,6 +138,9 @@ int32_t build_ac(const kivod_htbl_spec *spec, kivod_ac_tbl *t) {
         if (s.size == 0 && s.run == 15 && t->zrl == 255) t->zrl = static_cast<uint8_t>(i);
         if (t->eob != 255 && t->zrl != 255) break;
     }
+    t->whole = true;
+    std::memcpy(t->code_bits, spec->bits, 16);
+    std::memcpy(t->code_vals, spec->vals, total);
     return KIVO_OK;
 }
 
@@ -139,4 +150,53 @@ int32_t kivod_build_htbl(const kivod_htbl_spec *spec, kivod_dc_tbl dc[4], kivod_
     if (!spec || spec->cls > 1 || spec->id > 3) return KIVO_ERR_MALFORMED;
     if (spec->cls == 0) return build_dc(spec, &dc[spec->id]);
     return build_ac(spec, &ac[spec->id]);
+}
+
+void kivod_build_skim(const kivod_ac_tbl *t, uint16_t skim[1 << kivod_skim_bits], uint16_t first[1 << kivod_skim_bits]) {
+    constexpr uint32_t kBits = kivod_skim_bits, kMask = (1u << kBits) - 1;
+    static_assert(kBits >= 8 && kBits <= 16, "whole 8-bit look-up spans; codes read from 16 bits");
+    static_assert(kivod_skim_max_len <= 56 - 32, "two entries fit in the 56 bits a fill leaves");
+    // The code that begins each pattern, as the decoders find it: its
+    // length (bits 0-4), extra bits (5-8) and the positions it moves on by
+    // (9-13: 1 to 16, 0 for end-of-block); 0 where no code of kBits bits or
+    // fewer begins, or one the decoders refuse.
+    for (uint32_t b8 = 0; b8 < 256; ++b8) {
+        const uint32_t span = 1u << (kBits - 8);
+        for (uint32_t x = b8 * span; x < (b8 + 1) * span; ++x) {
+            int32_t len, run, size;
+            uint16_t v = 0;
+            if (ac_code(t, x << (32 - kBits), &len, &run, &size) == KIVO_OK && len <= int32_t(kBits)) {
+                const int32_t step = size ? run + 1 : (run == 0 ? 0 : (run == 15 ? 16 : -1));
+                if (step >= 0) v = static_cast<uint16_t>(len | size << 5 | step << 9);
+            }
+            first[x] = v;
+            // A code of up to 8 bits covers the whole span alike.
+            if (x == b8 * span && v && len <= 8) {
+                for (++x; x < (b8 + 1) * span; ++x) first[x] = v;
+                break;
+            }
+        }
+    }
+    for (uint32_t i = 0; i < (1u << kBits); ++i) {
+        // Codes one after the other while the known bits hold them; the
+        // last one's extra bits may run past them.
+        uint32_t used = 0, moved = 0;
+        uint16_t e = kivod_skim_none;
+        for (;;) {
+            const uint32_t f = first[(i << used) & kMask];
+            const uint32_t len = f & 31, size = (f >> 5) & 15, step = f >> 9;
+            const uint32_t whole = len + size;
+            if (!f || len > kBits - used || used + whole > uint32_t(kivod_skim_max_len)) break;
+            if (step == 0) {
+                e = static_cast<uint16_t>((moved + 1) << 8 | kivod_skim_eob | (used + whole));
+                break;
+            }
+            if (moved + step > 64) break;
+            moved += step;
+            used += whole;
+            e = static_cast<uint16_t>(moved << 8 | used);
+            if (used > kBits) break;
+        }
+        skim[i] = e;
+    }
 }

@@ -168,6 +168,13 @@ struct kivod_ac_tbl {
     // code and its bits need more. End-of-block and sixteen-zero codes carry
     // a flag and value 0.
     int32_t fast[1 << kivod_fast_bits];
+    // Unique in the process to the codes the table was built from: what is
+    // derived from the table (the skim's look-up) is known by it. A table
+    // built again from the same codes keeps it.
+    uint64_t serial;
+    bool whole;  // the build completed, from these codes:
+    uint8_t code_bits[16];
+    uint8_t code_vals[256];
 };
 constexpr int32_t kivod_fast_eob = 1 << 12;
 constexpr int32_t kivod_fast_zrl = 1 << 13;
@@ -176,6 +183,21 @@ constexpr int32_t kivod_fast_coef = 1 << 14;  // a coefficient: one test tells t
 // Builds the decoding table of the table description's class and identifier.
 // tables: four DC tables followed by four AC tables. 0 or -202.
 int32_t kivod_build_htbl(const kivod_htbl_spec *spec, kivod_dc_tbl dc[4], kivod_ac_tbl ac[4]);
+
+// The skim's look-up over the next kivod_skim_bits bits of a block's AC
+// codes: the codes that begin in those bits, taken one after the other as
+// long as the bits hold them whole (the last one's extra bits may run
+// past them, up to kivod_skim_max_len bits in all), ending at an
+// end-of-block. An entry holds the bits they take (bits 0-5), whether the
+// last one is end-of-block (bit 6, worth 64 positions) and, from bit 8,
+// the zig-zag positions they move on by, end-of-block counting one;
+// kivod_skim_none when the first code is longer or one the decoders refuse.
+constexpr int kivod_skim_bits = 12;
+constexpr int kivod_skim_max_len = 24;
+constexpr uint16_t kivod_skim_eob = 1 << 6;
+constexpr uint16_t kivod_skim_none = 127 << 8;  // moves on too far to ever be taken
+// first: scratch of the same size.
+void kivod_build_skim(const kivod_ac_tbl *t, uint16_t skim[1 << kivod_skim_bits], uint16_t first[1 << kivod_skim_bits]);
 
 // ---- coefficient decoding ------------------------------------------------------
 // Counters are the calling thread's own copies (dc_count[12], ac_count[256]);
@@ -215,6 +237,7 @@ struct kivod_blk_tbls {
     uint64_t *ac_count;
     uint32_t *mag;  // per raster position: magnitudes of the stored AC coefficients are added (null: not gathered)
     const uint32_t *qz;  // per zig-zag position: quantizer | raster position << 16 (kivod_make_qz)
+    const uint16_t *skim;  // the AC table's kivod_build_skim look-up (the skim's block walk only)
     int16_t q0;
 };
 // The quantizers of a sequential table with their raster positions, as the
@@ -225,6 +248,15 @@ typedef int32_t (*kivod_vld_blk_fn)(kivod_bs *bs, kivod_win *w, const kivod_blk_
 // The block decoder of a scale (0, 1, 2, 4, 8): the AC routine of that scale
 // after kivod_vld_dc, adding magnitudes to t->mag when `magnitudes`.
 kivod_vld_blk_fn kivod_vld_blk_for(int32_t scale, bool magnitudes);
+// The skim's walk over the n blocks of an MCU (blocks[i]: block i's tables),
+// through one window over them: each block's DC difference decoded into
+// diff[i], its AC codes consumed several at a time through its skim
+// look-up; nothing stored. Consumes and fails exactly as the 1/8 block
+// decoder does, block after block. Returns the blocks walked before one
+// failed, n when none did, the failure in *status.
+typedef int32_t (*kivod_skim_mcu_fn)(kivod_bs *bs, const kivod_blk_tbls *const *blocks, int32_t n, int16_t *diff,
+                                     int32_t *status);
+int32_t kivod_skim_mcu(kivod_bs *bs, const kivod_blk_tbls *const *blocks, int32_t n, int16_t *diff, int32_t *status);
 #if defined(KIVO_ARCH_arm)
 // Their ARMv7 variants without magnitudes (kivod_dsp's vld_blk slots), whose
 // common symbols go through assembly.
@@ -256,6 +288,7 @@ struct kivod_dsp {
     kivod_idct_fn idct_dc[9];
     kivod_vld_ac_fn vld_ac[9];
     kivod_vld_blk_fn vld_blk[9];  // the slices' block decoders without magnitudes
+    kivod_skim_mcu_fn skim_mcu;   // the skim's walk over an MCU
 };
 void kivod_dsp_init(kivod_dsp *dsp, uint32_t cpu_flags);
 // Names of the variants kivod_dsp_init would choose, for reports.
@@ -412,6 +445,11 @@ struct kivod_ctx {
     int32_t reached_end;     // the picture's last scan or EOI was reached
     int32_t levels_only;     // kivod_dec_levels is running: scans keep levels, nothing is reconstructed
     kivod_dsp dsp;
+    // The skim's look-ups of the AC tables, each built from the table of
+    // the serial beside it (0: none yet) when a skim first needs it.
+    uint16_t skim_tbl[4][1 << kivod_skim_bits];
+    uint16_t skim_scratch[1 << kivod_skim_bits];
+    uint64_t skim_serial[4];
     kivo_tpool tpool;
     void *threads[8];
     kivod_app_node *app_list;
@@ -530,7 +568,8 @@ struct kivod_skim {
 // Returns 0 there, or 1 where decoding the scan stops before: a failure
 // without restart markers, no marker before the end of the data, or the
 // data used up.
-int32_t kivod_skim_to(const kivod_ctx *ctx, kivod_skim *sk, int32_t target);
+// The AC tables' look-ups are built here when the tables are new.
+int32_t kivod_skim_to(kivod_ctx *ctx, kivod_skim *sk, int32_t target);
 // MCUs in a sequential scan and in one MCU row of it.
 int32_t kivod_scan_mcus(const kivod_ctx *ctx, int32_t *per_row);
 // Records how far a scan got: block rows reached per scan component.

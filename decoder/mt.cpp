@@ -121,12 +121,13 @@ void kivod_split_slices(kivod_ctx *ctx) {
     const int32_t rows = mcus / cols;
     const int32_t unit = ctx->scale != 0 ? kivod_denom(ctx->scale) : 1;
     const int32_t units = (rows + unit - 1) / unit;
-    // Slice i starts once the skim has walked slices 0 .. i-1, so later
-    // slices get less: shares in 1/4096 of 4096 * (1 - s)^i with s = 1/2,
-    // every slice at least one unit, the last one whatever is left.
+    // Slice i starts once the skim has walked slices 0 .. i-1, which costs
+    // s of decoding them (about 3/8), so later slices get less: shares in
+    // proportion to 4096 * (1 - s)^i, every slice at least one unit, the
+    // last one whatever is left.
     int32_t first_rows[kivo::kMaxThreads];
     int64_t total = 0, weight[kivo::kMaxThreads];
-    for (int i = 0; i < n; ++i) total += weight[i] = int64_t(4096) >> i;
+    for (int i = 0; i < n; ++i) total += weight[i] = i ? weight[i - 1] * 5 / 8 : 4096;
     int32_t left = units, first = 0;
     for (int i = 0; i < n; ++i) {
         int32_t r = static_cast<int32_t>((weight[i] * units + total / 2) / total);

@@ -447,26 +447,44 @@ void kivod_note_rows(kivod_ctx *ctx, int c, int32_t rows) {
     if (r < 0 || (ctx->progressive ? rows < r : rows > r)) r = rows;
 }
 
-int32_t kivod_skim_to(const kivod_ctx *ctx, kivod_skim *sk, int32_t target) {
+int32_t kivod_skim_to(kivod_ctx *ctx, kivod_skim *sk, int32_t target) {
     ScanComp sc[4];
     setup_comps(ctx, sc, nullptr, nullptr);
     const int ns = ctx->sh.n_comp;
+    for (int k = 0; k < ns; ++k) {
+        const int ta = ctx->sh.ta[sc[k].c];
+        // A table never built (serial 0) gets a look-up of its own too:
+        // an entry of zeros would take no bits.
+        if (ctx->skim_serial[ta] != ctx->ac_tbl[ta].serial || ctx->skim_serial[ta] == 0) {
+            kivod_build_skim(&ctx->ac_tbl[ta], ctx->skim_tbl[ta], ctx->skim_scratch);
+            ctx->skim_serial[ta] = ctx->ac_tbl[ta].serial;
+        }
+        sc[k].t.skim = ctx->skim_tbl[ta];
+    }
     const int32_t interval = restart_interval(ctx);
     const int32_t total = kivod_scan_mcus(ctx, nullptr);
-    const kivod_vld_blk_fn skim = kivod_vld_blk_for(8, false);
+    // The MCU's blocks in coding order (check_scan allows ten).
+    const kivod_blk_tbls *blocks[10];
+    int comp[10], n = 0;
+    for (int k = 0; k < ns; ++k)
+        for (int b = 0; b < sc[k].h * sc[k].v; ++b) {
+            blocks[n] = &sc[k].t;
+            comp[n++] = k;
+        }
     while (sk->mcu < target) {
-        kivod_win win{};
-        for (int k = 0; k < ns; ++k) {
-            for (int b = 0; b < sc[k].h * sc[k].v; ++b) {
-                int16_t diff, dc_only;
-                if (!decode_block(&sk->bs, &win, sc[k], skim, interval != 0, &sk->held, nullptr, &diff, &dc_only)) {
-                    kivod_win_close(&win, &sk->bs);
-                    return 1;
-                }
-                sk->pred[k] = add16(sk->pred[k], diff);
+        // As decode_block takes them: nothing is read while a failure is
+        // held; a failing block holds its status, and without restart
+        // markers decoding stops there.
+        if (!sk->held) {
+            int16_t diff[10];
+            int32_t status = KIVO_OK;
+            const int32_t walked = ctx->dsp.skim_mcu(&sk->bs, blocks, n, diff, &status);
+            for (int b = 0; b < walked; ++b) sk->pred[comp[b]] = add16(sk->pred[comp[b]], diff[b]);
+            if (walked < n) {
+                sk->held = status;
+                if (interval == 0) return 1;
             }
         }
-        kivod_win_close(&win, &sk->bs);
         ++sk->mcu;
         if (!restart_after(&sk->bs, interval, sk->mcu == total, sk->pred, &sk->run, &sk->held)) return 1;
         if (!data_left(&sk->bs)) return 1;

@@ -34,23 +34,6 @@ inline int16_t dequant(int32_t value, uint32_t q) {
     return low16(static_cast<uint32_t>(value) * q);
 }
 
-// The AC code at the top of `top` (the next 32 bits): its length, run and
-// size. 0, or -202 for a code the table does not hold.
-inline int32_t ac_code(const kivod_ac_tbl *t, uint32_t top, int32_t *len, int32_t *run, int32_t *size) {
-    const kivod_ac_look e = t->lookup[top >> 24];
-    if (e.len <= 8) {
-        *len = e.len;
-        *run = e.run;
-        *size = e.size;
-        return KIVO_OK;
-    }
-    const int32_t idx = long_ac_code(t, top >> 16, len);
-    if (idx < 0) return KIVO_ERR_MALFORMED;
-    *run = t->sym[idx].run;
-    *size = t->sym[idx].size;
-    return KIVO_OK;
-}
-
 // Decodes one AC code through the reader and consumes it with its extra
 // bits: run, size and, when `with_value`, the extended value. 0, or -202
 // for a code the table does not hold.
@@ -386,6 +369,96 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
     return finish<kCount>(n, rq, cnt, status);
 }
 
+// Eight more bytes under the window (n <= 63 valid bits) when the input
+// has them and they hold no 0xFF, whatever the window holds: it then has
+// 56 or more. The bits below the valid ones are left as the data's next
+// bits, which later loads OR in alike (kivod_win_close clears them).
+inline bool fill_ahead(Window &w) {
+    if (w.end - w.p < 7) return false;
+    uint64_t x;
+    std::memcpy(&x, w.p, 8);
+    x = __builtin_bswap64(x);
+    if (holds_ff(x)) return false;
+    w.acc |= x >> w.n;
+    w.p += (63 - w.n) >> 3;
+    w.n |= 56;
+    return true;
+}
+
+// The skim's walk over one block: the DC code, then the AC codes consumed
+// through the skim's look-up, several a step, while its entry keeps them
+// inside the block (an end-of-block read at 63 or before, positions moved
+// on to 64 at most), else one code as ac_block<0> takes it. Nothing is
+// stored; the reader ends where ac_block<0> leaves it, and fails alike.
+// w is the MCU's window, kept in the caller's registers from block to
+// block; its bits below the count may hold the data's next bits
+// (kivod_win_close clears them).
+inline __attribute__((always_inline)) int32_t skim_block(kivod_bs *bs, Window &w, const kivod_blk_tbls &s,
+                                                         int16_t *diff) {
+    window_begin(bs, &w);
+    int16_t dc_only;
+    // An open window holds 63 bits or fewer here: it was opened from the
+    // reader's 32, or the last block took a code after its last fill.
+    if (!w.open || (!fill_ahead(w) && (window_fill(&w), w.n < 32))) {
+        // No window, or a 0xFF or the end of the input is near: the
+        // reader decodes the block.
+        kivod_win_close(&w, bs);
+        const int32_t r = kivod_vld_dc(bs, s.q0, s.dc, nullptr, diff);
+        if (r != KIVO_OK) return r;
+        Requant rq;
+        return ac_reader<0, false, false>(bs, s.q, s.qz, s.ac, nullptr, nullptr, nullptr, &dc_only, 1, &rq);
+    }
+    if (dc_window(&w, s.q0, s.dc, nullptr, diff) != KIVO_OK) return KIVO_ERR_MALFORMED;
+    const uint16_t *const skim = s.skim;
+    const int32_t *const fast = s.ac->fast;
+    int32_t k = 1;
+    // One step with 32 bits or more in the window: 1 when the block ends,
+    // 0 when it goes on, or a failure.
+    const auto step = [&]() __attribute__((always_inline)) -> int32_t {
+        const uint32_t e = skim[w.acc >> (64 - kivod_skim_bits)];
+        if (k + static_cast<int32_t>(e >> 8) <= 64) {
+            window_skip(&w, e & 63);  // a shift by the entry as it is
+            k += (e >> 8) + (e & kivod_skim_eob);  // past 63 at end-of-block
+            return k > 63;
+        }
+        // One code: past 63, or beyond the look-up.
+        const int32_t f = fast[w.acc >> (64 - kivod_fast_bits)];
+        if (f) {
+            window_skip(&w, f & 31);
+            if (f & kivod_fast_eob) return 1;
+            k += ((f >> 8) & 15) + 1;
+            return k > 63;
+        }
+        int32_t len, run, size;
+        if (ac_code(s.ac, static_cast<uint32_t>(w.acc >> 32), &len, &run, &size) != KIVO_OK) return KIVO_ERR_MALFORMED;
+        window_skip(&w, len + size);
+        if (size == 0 && run == 0) return 1;
+        if (size == 0 && run != 15) return KIVO_ERR_MALFORMED;
+        k += size ? run + 1 : 16;
+        return k > 63;
+    };
+    // The DC code took at least one bit: the window holds 63 or fewer, as
+    // after every step.
+    int32_t r;
+    for (;;) {
+        if (!fill_ahead(w)) {
+            window_fill(&w);
+            if (w.n < 32) {
+                // A 0xFF or the end of the input is near: the reader's
+                // refill handles stuffing and running out.
+                kivod_win_close(&w, bs);
+                Requant rq;
+                return ac_reader<0, false, false>(bs, s.q, s.qz, s.ac, nullptr, nullptr, nullptr, &dc_only, k, &rq);
+            }
+        }
+        if ((r = step()) != 0) break;
+        // After eight bytes ahead two steps fit (entries take 24 bits at most).
+        if (w.n < 32) continue;
+        if ((r = step()) != 0) break;
+    }
+    return r > 0 ? KIVO_OK : r;
+}
+
 #if defined(KIVO_ARCH_arm) && defined(__arm__) && defined(__ARM_ARCH) && __ARM_ARCH >= 7
 #define KIVO_BLOCK_ASM 1
 // What coef_run returns when the window needs bytes it could not take four
@@ -488,9 +561,11 @@ inline int32_t coef_run(uint32_t &hi, uint32_t &lo, int32_t &n, const uint8_t *&
 // consumed with single-word shifts, refilled four bytes at a time while
 // they hold no 0xFF. The window's state is loaded once and stored back once
 // (the block's DC code is decoded from the same words). With kAsm (full
-// size, ARMv7) the common symbols go through coef_run. Reads and stores
+// size, ARMv7) the common symbols go through coef_run; with kSkim (the
+// skim's walk at 1/8) codes go several at a time through the skim's
+// look-up where its entry decides, as in skim_block. Reads and stores
 // exactly what ac_block does.
-template <int kLast, bool kDc, bool kMag, bool kAsm = false>
+template <int kLast, bool kDc, bool kMag, bool kAsm = false, bool kSkim = false>
 int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk, int16_t *diff,
                    int16_t *dc_only) {
     window_begin(bs, wp);
@@ -602,6 +677,16 @@ int32_t ac_block32(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *b
 #endif
         {
             if (n < 32 && !fill(false)) goto slow;
+            if (kSkim) {
+                static_assert(!kSkim || (kLast == 0 && kDc && !kMag && !kAsm), "the skim's walk");
+                const uint32_t e = s.skim[hi >> (32 - kivod_skim_bits)];
+                if (k + static_cast<int32_t>(e >> 8) <= 64) {
+                    consume(e & 63);
+                    k += (e >> 8) + (e & kivod_skim_eob);
+                    if (k > 63) break;
+                    continue;
+                }
+            }
             f = fast[hi >> (32 - kivod_fast_bits)];
         }
         if (f & kivod_fast_coef) {
@@ -789,6 +874,22 @@ kivod_vld_blk_fn kivod_vld_blk_arm_for(int32_t scale) {
     }
 }
 #endif
+
+int32_t kivod_skim_mcu(kivod_bs *bs, const kivod_blk_tbls *const *blocks, int32_t n, int16_t *diff, int32_t *status) {
+    Window w{};
+    int32_t i = 0;
+    for (; i < n; ++i) {
+        int16_t dc_only;
+        const int32_t r = kWords ? ac_block32<0, true, false, false, true>(bs, &w, *blocks[i], nullptr, &diff[i], &dc_only)
+                                 : skim_block(bs, w, *blocks[i], &diff[i]);
+        if (r != KIVO_OK) {
+            *status = r;
+            break;
+        }
+    }
+    kivod_win_close(&w, bs);
+    return i;
+}
 
 kivod_vld_blk_fn kivod_vld_blk_for(int32_t scale, bool magnitudes) {
     switch (scale) {

@@ -667,4 +667,189 @@ TEST(DecVld, ProgressiveCodesFollowTheSequentialRule) {
     }
 }
 
+// A code of random lengths up to 16 bits, not always complete, with
+// max_count symbols at most drawn by sym(), shortest codes first.
+template <class Sym>
+Dht random_code(std::mt19937 &rng, int max_count, Sym sym) {
+    Dht d{std::vector<uint8_t>(16), {}};
+    uint32_t code = 0;  // the first free code of the length
+    for (int len = 1; len <= 16; ++len, code <<= 1) {
+        const uint32_t room = (1u << len) - code - (len < 16);  // one left for longer codes
+        const uint32_t n = std::min<uint32_t>({room, uint32_t(max_count) - uint32_t(d.vals.size()), uint32_t(rng() % (len + 2))});
+        d.bits[len - 1] = static_cast<uint8_t>(n);
+        code += n;
+        for (uint32_t i = 0; i < n; ++i) d.vals.push_back(sym());
+    }
+    return d;
+}
+
+// Writes random symbols of a table description: code and extra bits.
+struct SymWriter {
+    std::vector<std::pair<uint32_t, int>> codes;  // code, length of each value in order
+    const Dht &d;
+    explicit SymWriter(const Dht &dht) : d(dht) {
+        uint32_t code = 0;
+        for (int len = 1; len <= 16; code <<= 1, ++len)
+            for (int i = 0; i < d.bits[len - 1]; ++i) codes.push_back({code++, len});
+    }
+    // Puts symbol i (any when i < 0) and returns its value.
+    int put(Writer &w, std::mt19937 &rng, bool ac, int i = -1) const {
+        if (codes.empty()) return 0;
+        if (i < 0) i = static_cast<int>(rng() % codes.size());
+        w.put(codes[i].first, codes[i].second);
+        const int size = ac ? d.vals[i] & 15 : d.vals[i];
+        if (size) w.put(rng(), size);
+        return d.vals[i];
+    }
+};
+
+// The skim walks a scan as the slices do through the 1/8 block decoder: random
+// and typical tables, every sampling layout, restart intervals, and data
+// written from the tables, then damaged (bits flipped, bytes overwritten
+// with 0xFF and markers, the end cut) or all random. At each stop the
+// variants agree with the reference on everything a slice starts from.
+TEST(DecSkim, WalksAsTheBlockDecoder) {
+    const struct {
+        int n;
+        uint8_t h[4], v[4];
+    } layouts[] = {{1, {1}, {1}},          {3, {1, 1, 1}, {1, 1, 1}}, {3, {2, 1, 1}, {2, 1, 1}}, {3, {2, 1, 1}, {1, 1, 1}},
+                   {3, {1, 1, 1}, {2, 1, 1}}, {4, {1, 1, 1, 1}, {1, 1, 1, 1}}, {3, {4, 1, 1}, {2, 1, 1}}};
+    std::mt19937 rng(11);
+    std::unique_ptr<kivoe_ctx, void (*)(void *)> enc(static_cast<kivoe_ctx *>(std::calloc(1, sizeof(kivoe_ctx))), std::free);
+    kivoe_init_huff_tbl(enc.get());
+    std::unique_ptr<kivod_ctx, void (*)(void *)> ctx(static_cast<kivod_ctx *>(std::calloc(1, sizeof(kivod_ctx))), std::free);
+    kivod_dsp dsp;
+    kivod_dsp_init(&dsp, kivo_cpu_detected());
+    std::vector<kivod_skim_mcu_fn> variants{kivod_skim_mcu};
+    if (dsp.skim_mcu != kivod_skim_mcu) variants.push_back(dsp.skim_mcu);
+    int stopped = 0, held = 0, fast = 0;
+    Dht prev_ac[2];
+    for (int round = 0; round < 1200; ++round) {
+        const auto &lay = layouts[round % 7];
+        kivod_ctx &c = *ctx;
+        Dht dht[2][2];  // [class][id]
+        for (int id = 0; id < 2; ++id) {
+            const kivoe_huff_spec *typical = &enc->huff_spec[2 * id];
+            const bool random = round % 3 != 0;
+            dht[0][id] = random ? random_code(rng, 12, [&] { return uint8_t(rng() % 12); })
+                                : Dht{{typical[0].bits, typical[0].bits + 16}, {typical[0].vals, typical[0].vals + typical[0].count}};
+            const auto sym = [&] {
+                const uint32_t r = rng() % 64;
+                return uint8_t(r < 6 ? 0x00 : r < 9 ? 0xF0 : r == 9 && round % 4 == 1 ? 0x50 : (rng() % 16) << 4 | (1 + rng() % (r == 10 ? 15 : 10)));
+            };
+            // Now and then the last round's code lengths with other symbols.
+            if (random && round % 4 == 2)
+                for (uint8_t &v : prev_ac[id].vals) v = sym();
+            else
+                prev_ac[id] = random ? random_code(rng, 1 + rng() % 200, sym)
+                                     : Dht{{typical[1].bits, typical[1].bits + 16}, {typical[1].vals, typical[1].vals + typical[1].count}};
+            dht[1][id] = prev_ac[id];
+            for (int cls = 0; cls < 2; ++cls) {
+                kivod_htbl_spec h{};
+                h.cls = uint8_t(cls), h.id = uint8_t(id);
+                for (int i = 0; i < 16; ++i) h.bits[i] = dht[cls][id].bits[i];
+                std::copy(dht[cls][id].vals.begin(), dht[cls][id].vals.end(), h.vals);
+                ASSERT_EQ(kivod_build_htbl(&h, c.dc_tbl, c.ac_tbl), 0);
+            }
+            c.qtbl[id].q[0] = uint16_t(1 + rng() % 255);
+        }
+        const int32_t cols = 1 + rng() % 6, rows = 1 + rng() % 4, interval = rng() % 3 ? 0 : 1 + rng() % 5;
+        c.fh.n_comp = c.sh.n_comp = uint8_t(lay.n);
+        for (int k = 0; k < lay.n; ++k) {
+            c.sh.comp_idx[k] = uint8_t(k);
+            c.fh.h[k] = lay.h[k], c.fh.v[k] = lay.v[k];
+            c.fh.tq[k] = c.sh.td[k] = c.sh.ta[k] = uint8_t(k && rng() % 4 ? 1 : 0);
+            c.blk_w[k] = cols * lay.h[k], c.blk_h[k] = rows * lay.v[k];
+        }
+        c.dri.length = interval ? 4 : 0, c.dri.interval = uint16_t(interval);
+        // The scan's data, restart markers after every interval but the last.
+        const int damage = round % 5;
+        Writer w;
+        for (int32_t m = 0; m < cols * rows; ++m) {
+            if (interval && m && m % interval == 0) {
+                while (w.n) w.put(1, 1);
+                w.out.insert(w.out.end(), {0xFF, uint8_t(0xD0 + (m / interval - 1) % 8)});
+            }
+            for (int k = 0; k < lay.n; ++k)
+                for (int b = 0; b < lay.h[k] * lay.v[k]; ++b) {
+                    const int id = c.sh.ta[k];
+                    SymWriter(dht[0][id]).put(w, rng, false);
+                    // Symbols at random, end-of-block now and then, often
+                    // a last coefficient at 63, sometimes followed by an
+                    // end-of-block too many.
+                    const SymWriter ac(dht[1][id]);
+                    const std::vector<uint8_t> &vals = dht[1][id].vals;
+                    const int eob = int(std::find(vals.begin(), vals.end(), 0x00) - vals.begin());
+                    for (int z = 1; z <= 63;) {
+                        const int at63 = int(std::find_if(vals.begin(), vals.end(), [z](uint8_t v) { return v >> 4 == 63 - z && (v & 15); }) - vals.begin());
+                        const int pick = rng() % 6 == 0 ? eob : z > 56 || rng() % 2 ? at63 : -1;
+                        const int v = ac.put(w, rng, true, pick < int(vals.size()) ? pick : -1);
+                        if (v == 0) break;
+                        z += v == 0xF0 ? 16 : (v >> 4) + 1;
+                        if (z == 64 && eob < int(vals.size()) && (damage || round % 2) && rng() % 2) ac.put(w, rng, true, eob);
+                    }
+                }
+        }
+        std::vector<uint8_t> data = w.finish();
+        for (int i = 0; damage == 1 && i < 3; ++i) data[rng() % data.size()] ^= uint8_t(1 << rng() % 8);
+        for (int i = 0; damage == 2 && i < 3; ++i) data[rng() % data.size()] = rng() % 2 ? 0xFF : uint8_t(0xC0 + rng() % 64);
+        if (damage == 3) data.resize(1 + rng() % data.size());
+        if (damage == 4) data = random_stream(rng, data.size());
+        Mem in(data);
+        const auto position = [](const kivod_bs &bs) {  // data bits consumed: stuffing bytes do not count
+            int64_t bytes = 0;
+            for (const uint8_t *p = bs.start; p < bs.cur; ++p) bytes += !(*p == 0 && p > bs.start && p[-1] == 0xFF);
+            return bytes * 8 - bs.bits;
+        };
+        const int32_t total = cols * rows, targets[3] = {int32_t(rng() % total), int32_t(rng() % total), total};
+        // The reference: the walk as the slices take it, block by block
+        // through the 1/8 block decoder with a window open over each MCU.
+        std::unique_ptr<BlkTables> bt[4];
+        for (int k = 0; k < lay.n; ++k)
+            bt[k] = std::make_unique<BlkTables>(&c.qtbl[c.fh.tq[k]], &c.dc_tbl[c.sh.td[k]], &c.ac_tbl[c.sh.ta[k]]);
+        const auto walk = [&](kivod_skim &r, int32_t target) {
+            for (; r.mcu < target; ++r.mcu) {
+                kivod_win win{};
+                for (int k = 0; k < lay.n; ++k)
+                    for (int b = 0; b < lay.h[k] * lay.v[k] && !r.held; ++b) {
+                        int16_t diff, dc_only;
+                        r.held = kivod_vld_blk_for(8, false)(&r.bs, &win, &bt[k]->t, nullptr, &diff, &dc_only);
+                        if (!r.held) r.pred[k] = wrap16(r.pred[k] + diff);
+                    }
+                kivod_win_close(&win, &r.bs);
+                if (r.held && !interval) return 1;
+                if (++r.run == interval && r.mcu + 1 != total && (r.held = kivod_bs_sync_restart(&r.bs, r.pred, &r.run))) {
+                    ++r.mcu;
+                    return 1;
+                }
+                if (kivod_bs_input_done(&r.bs) && r.bs.bits < 1) {
+                    ++r.mcu;
+                    return 1;
+                }
+            }
+            return 0;
+        };
+        kivod_skim ref{in.bs, {}, 0, 0, 0};
+        std::vector<kivod_skim> sk(variants.size(), ref);
+        for (int32_t target : targets) {
+            const int32_t want = walk(ref, std::max(target, ref.mcu));
+            for (size_t i = 0; i < variants.size(); ++i) {
+                c.dsp.skim_mcu = variants[i];
+                ASSERT_EQ(kivod_skim_to(&c, &sk[i], std::max(target, sk[i].mcu)), want) << round;
+                ASSERT_EQ(sk[i].mcu, ref.mcu) << round;
+                ASSERT_EQ(position(sk[i].bs), position(ref.bs)) << round << " at MCU " << ref.mcu;
+                ASSERT_TRUE(std::equal(ref.pred, ref.pred + 4, sk[i].pred) && sk[i].run == ref.run && sk[i].held == ref.held) << round;
+            }
+            if (want) break;
+        }
+        stopped += ref.mcu < total;
+        held += ref.held != 0;
+        fast += round % 3 == 0 && damage == 0 && ref.mcu == total;
+    }
+    // Every kind of ending was met.
+    EXPECT_GT(stopped, 100);
+    EXPECT_GT(held, 100);
+    EXPECT_GT(fast, 40);
+}
+
 }  // namespace
