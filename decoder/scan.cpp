@@ -59,6 +59,19 @@ void setup_comps(const kivod_ctx *ctx, ScanComp sc[4], uint64_t (*dc_count)[12],
 
 inline int32_t restart_interval(const kivod_ctx *ctx) { return ctx->dri.length ? ctx->dri.interval : 0; }
 
+// The skim's look-ups of the scan's AC tables, made again where a table
+// has changed since. A table never built (serial 0) gets a look-up of its
+// own too: an entry of zeros would take no bits.
+void skim_tables(kivod_ctx *ctx) {
+    for (int k = 0; k < ctx->sh.n_comp; ++k) {
+        const int ta = ctx->sh.ta[ctx->sh.comp_idx[k]] & 3;
+        if (ctx->skim_serial[ta] != ctx->ac_tbl[ta].serial || ctx->skim_serial[ta] == 0) {
+            kivod_build_skim(&ctx->ac_tbl[ta], ctx->skim_tbl[ta], ctx->skim_scratch);
+            ctx->skim_serial[ta] = ctx->ac_tbl[ta].serial;
+        }
+    }
+}
+
 // ---- the rules of the walk from MCU to MCU ----------------------------------------
 // The skim and the slices call these and nothing else to move through a scan,
 // so both reach every MCU in the same reader state.
@@ -173,6 +186,10 @@ struct Slice {
     // for statistics of the coefficients the levels stand for.
     uint16_t level_q[4][64];
     uint32_t mag_unkept[64];          // magnitudes of rows that count for no statistics
+    // 1/8 without statistics: the DC values alone, each block's tables for
+    // the skim's walk.
+    bool dc_only;
+    const kivod_blk_tbls *skim_blocks[10];
     alignas(16) uint8_t mcu_buf[4][32 * 32];
     // The MCU's blocks in coding order, walked by one flat loop (a loop
     // whose trip count changed from component to component mispredicted
@@ -295,9 +312,37 @@ int32_t open_resizers(Slice &j) {
     return KIVO_OK;
 }
 
+// 1/8 without statistics: an MCU's DC values alone, its AC codes skipped
+// several at a time by the skim's walk, with decode_block's rules (nothing
+// read while a failure is held; a failing block holds its status and is
+// made from the predictor; without restart markers decoding stops there).
+// Returns false where decoding stops inside the MCU.
+bool dc_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
+    kivod_work *w = j.w;
+    kivod_ctx *ctx = j.ctx;
+    int16_t diff[10];
+    int32_t walked = 0, status = KIVO_OK;
+    if (!*held) {
+        walked = ctx->dsp.skim_mcu(bs, j.skim_blocks, j.n_blocks, diff, &status);
+        if (walked < j.n_blocks) *held = status;
+    }
+    const bool stop = walked < j.n_blocks && status != KIVO_OK && j.interval == 0;
+    const int n = stop ? walked : j.n_blocks;
+    for (int b = 0; b < n; ++b) {
+        const int k = j.blocks[b].k, v = j.blocks[b].v, h = j.blocks[b].h;
+        const ScanComp &s = j.sc[k];
+        if (b < walked) w->dc_pred[k] = add16(w->dc_pred[k], diff[b]);
+        w->strip[k][static_cast<ptrdiff_t>(v + s.fill) * ctx->line_w[s.c] + s.col + h] = kivod_dc_value(w->dc_pred[k]);
+    }
+    if (stop) return false;
+    for (int k = 0; k < j.ns; ++k) j.sc[k].col += j.sc[k].h;
+    return true;
+}
+
 // Decodes, reconstructs and writes one MCU. Returns false where decoding
 // stops inside it.
 bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
+    if (j.dc_only) return dc_mcu(j, bs, held);
     kivod_work *w = j.w;
     kivod_ctx *ctx = j.ctx;
     const bool restarts = j.interval != 0;
@@ -451,16 +496,8 @@ int32_t kivod_skim_to(kivod_ctx *ctx, kivod_skim *sk, int32_t target) {
     ScanComp sc[4];
     setup_comps(ctx, sc, nullptr, nullptr);
     const int ns = ctx->sh.n_comp;
-    for (int k = 0; k < ns; ++k) {
-        const int ta = ctx->sh.ta[sc[k].c];
-        // A table never built (serial 0) gets a look-up of its own too:
-        // an entry of zeros would take no bits.
-        if (ctx->skim_serial[ta] != ctx->ac_tbl[ta].serial || ctx->skim_serial[ta] == 0) {
-            kivod_build_skim(&ctx->ac_tbl[ta], ctx->skim_tbl[ta], ctx->skim_scratch);
-            ctx->skim_serial[ta] = ctx->ac_tbl[ta].serial;
-        }
-        sc[k].t.skim = ctx->skim_tbl[ta];
-    }
+    skim_tables(ctx);
+    for (int k = 0; k < ns; ++k) sc[k].t.skim = ctx->skim_tbl[ctx->sh.ta[sc[k].c] & 3];
     const int32_t interval = restart_interval(ctx);
     const int32_t total = kivod_scan_mcus(ctx, nullptr);
     // The MCU's blocks in coding order (check_scan allows ten).
@@ -499,6 +536,8 @@ int32_t dec_scan(kivod_ctx *ctx, int32_t *done) {
     ret = check_scan(ctx);
     if (ret != 0) return ret;
     scan_geometry(ctx);
+    // At 1/8 the slices walk the AC codes as the skim does.
+    if (ctx->scale == 8) skim_tables(ctx);
 
     kivod_split_slices(ctx);
     const int32_t status = kivod_skim_and_run(ctx);
@@ -581,6 +620,12 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
             j.full_cols[k] = j.img->stride[c] / 8;
             j.full_rows[k] = j.img->lines[c] / 8;
         }
+    }
+    j.dc_only = j.nblk == 1 && !j.stats && j.n_blocks <= 10;
+    for (int b = 0; j.dc_only && b < j.n_blocks; ++b) {
+        ScanComp &sc = j.sc[j.blocks[b].k];
+        sc.t.skim = ctx->skim_tbl[ctx->sh.ta[sc.c] & 3];
+        j.skim_blocks[b] = &sc.t;
     }
     if (j.mode == KIVOD_OUT_BANDS) open_band(j);
     if (j.mode == KIVOD_OUT_RESIZED) {
