@@ -1,6 +1,7 @@
 // Band output: the picture's rows handed to a sink, MCU row by MCU row, from
 // rings of planes the slices reconstruct into (kivod_clone_bands).
 #include <cstdlib>
+#include <cstring>
 
 #include "decoder/kivod_int.h"
 
@@ -21,11 +22,21 @@ bool kivod_bands_possible(const kivod_ctx *ctx) {
     // A progressive frame is reconstructed at the end, all of it at hand.
     if (ctx->progressive) return true;
     // The reader stands on the first scan's marker: its header says whether
-    // the scan carries every component (and is then the picture's only one).
+    // the scan carries every component. Such a scan ends the picture when it
+    // interleaves several; a later scan of a lone component is decoded too
+    // and would rewrite rows already handed on, so a grey picture needs no
+    // other scan marker in its data.
     kivod_bs bs = ctx->main_bs;
     if (kivod_bs_read(&bs, 16) != 0xFFDA) return false;
     kivod_bs_read(&bs, 16);  // length
-    return static_cast<int>(kivod_bs_read(&bs, 8)) == n;
+    if (static_cast<int>(kivod_bs_read(&bs, 8)) != n) return false;
+    if (n > 1) return true;
+    for (const uint8_t *p = bs.cur; p < bs.end; ++p) {
+        p = static_cast<const uint8_t *>(std::memchr(p, 0xFF, static_cast<size_t>(bs.end - p)));
+        if (!p) break;
+        if (p[1] == 0xDA) return false;
+    }
+    return true;
 }
 
 int32_t kivod_clone_bands(kivod_ctx *ctx, const kivod_band_sink *sink) {

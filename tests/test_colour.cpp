@@ -299,6 +299,7 @@ TEST(Colour, DecodePackedMatchesTwoSteps) {
         int32_t format;
         uint32_t flags;
         bool fake_marker;  // a restart marker that is not one, early in the data
+        bool second_scan;  // another picture's scan after the first, which a lone component's decode takes too
     } cases[] = {
         {XELO_CS_YCBCR420, 77, 83, false, 0, KIVOC_RGBA, 0},  {XELO_CS_YCBCR420, 64, 64, false, 1, KIVOC_BGRA, 0},
         {XELO_CS_YCBCR420, 77, 83, false, 0, KIVOC_RGB, KIVOC_NEAREST},
@@ -307,15 +308,23 @@ TEST(Colour, DecodePackedMatchesTwoSteps) {
         {XELO_CS_YCBCR400, 39, 57, false, 0, KIVOC_RGBA, 0},  {XELO_CS_YCBCR420, 77, 83, false, 0, KIVOC_GREY, 0},
         {XELO_CS_YCBCR420, 77, 83, true, 0, KIVOC_RGBA, 0},   {XELO_CS_YCBCR420, 77, 83, false, 2, KIVOC_RGBA, 0},
         {XELO_CS_YCBCR444, 50, 41, false, 4, KIVOC_RGB, 0},   {XELO_CS_YCBCR420, 77, 83, false, 0, KIVOC_RGBA, 0, true},
+        {XELO_CS_YCBCR400, 39, 57, false, 0, KIVOC_RGBA, 0, false, true},
     };
     uint64_t seed = 40;
     for (const auto &c : cases) {
         kivotest::EncodeOptions o;
         o.quality = 85;
         o.progressive = c.progressive;
-        o.threads = 2;  // restart markers between the encoder's slices
+        o.threads = c.second_scan ? 1 : 2;  // restart markers between the encoder's slices
         kivotest::Encoded e = kivotest::encode(c.cs, c.w, c.h, kivotest::make_picture(c.cs, c.w, c.h, ++seed), o);
         ASSERT_EQ(e.status, 0);
+        if (c.second_scan) {
+            const kivotest::Encoded other =
+                kivotest::encode(c.cs, c.w, c.h, kivotest::make_picture(c.cs, c.w, c.h, seed + 100), o);
+            size_t sos = other.jpg.size() - 2;
+            while (sos > 0 && !(other.jpg[sos] == 0xFF && other.jpg[sos + 1] == 0xDA)) --sos;
+            e.jpg.insert(e.jpg.end() - 2, other.jpg.begin() + static_cast<ptrdiff_t>(sos), other.jpg.end() - 2);
+        }
         if (c.fake_marker) {
             // Slices started from the markers then disagree with the decode
             // and run again: the packed rows must come from the second run.
