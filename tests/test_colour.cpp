@@ -298,8 +298,8 @@ TEST(Colour, DecodePackedMatchesTwoSteps) {
         int reduction;
         int32_t format;
         uint32_t flags;
-        bool fake_marker;  // a restart marker that is not one, early in the data
-        bool second_scan;  // another picture's scan after the first, which a lone component's decode takes too
+        bool fake_marker = false;  // a restart marker that is not one, early in the data
+        bool second_scan = false;  // another picture's scan after the first, which a lone component's decode takes too
     } cases[] = {
         {XELO_CS_YCBCR420, 77, 83, false, 0, KIVOC_RGBA, 0},  {XELO_CS_YCBCR420, 64, 64, false, 1, KIVOC_BGRA, 0},
         {XELO_CS_YCBCR420, 77, 83, false, 0, KIVOC_RGB, KIVOC_NEAREST},
