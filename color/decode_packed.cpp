@@ -54,11 +54,8 @@ void rows_done(void *user, const kivod_band *b) {
     next = end;
 }
 
-// Saved rows of one slice above this many bytes, or above the decoder's
-// memory limit with its frame buffers: the slice does not start ahead.
-constexpr size_t kMaxSaved = size_t(64) << 20;
-
-// Saves the output rows a slice started ahead of the skim may write.
+// Saves the output rows a slice started ahead of the skim may write; false
+// for rows not worth the memory (the slice then does not start ahead).
 bool keep_rows(void *user, const kivod_band *b) {
     Bands &bd = *static_cast<Bands *>(user);
     const Task &t = bd.task;
@@ -68,7 +65,7 @@ bool keep_rows(void *user, const kivod_band *b) {
     if (end <= first) return true;
     const size_t bytes = static_cast<size_t>(end - first - 1) * t.packed_stride +
                          static_cast<size_t>(t.w) * pixel_size(t.packed_format);
-    if (bytes > kMaxSaved || kivod_over(bd.ctx->limits.max_memory, bd.ctx->frame_bytes + bytes)) return false;
+    if (!kivod_may_save(bd.ctx, bytes)) return false;
     bd.saved[i] = static_cast<uint8_t *>(xelo_malloc_fast_align32(bytes));
     if (!bd.saved[i]) return false;
     bd.saved_at[i] = static_cast<size_t>(first) * t.packed_stride;

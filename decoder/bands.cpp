@@ -1,7 +1,6 @@
 // Band output: the picture's rows handed to a sink, MCU row by MCU row, from
 // rings of planes the slices reconstruct into (kivod_clone_bands).
 #include <cstdlib>
-#include <cstring>
 
 #include "decoder/kivod_int.h"
 
@@ -31,11 +30,8 @@ bool kivod_bands_possible(const kivod_ctx *ctx) {
     kivod_bs_read(&bs, 16);  // length
     if (static_cast<int>(kivod_bs_read(&bs, 8)) != n) return false;
     if (n > 1) return true;
-    for (const uint8_t *p = bs.cur; p < bs.end; ++p) {
-        p = static_cast<const uint8_t *>(std::memchr(p, 0xFF, static_cast<size_t>(bs.end - p)));
-        if (!p) break;
+    for (const uint8_t *p = bs.cur; (p = kivod_next_marker(p, bs.end + 1)); ++p)
         if (p[1] == 0xDA) return false;
-    }
     return true;
 }
 

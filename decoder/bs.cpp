@@ -303,6 +303,22 @@ int32_t kivod_bs_rewind_cache(kivod_bs *bs, int32_t extra_back) {
     return bs->mfal.seek(bs->handle, &to, 0) == 0 ? KIVO_OK : KIVO_ERR_IO;
 }
 
+const uint8_t *kivod_bs_position(kivod_bs bs) {
+    kivod_bs_rewind_cache(&bs, 0);
+    return bs.cur;
+}
+
+const uint8_t *kivod_next_marker(const uint8_t *p, const uint8_t *end) {
+    while (p + 1 < end) {
+        const void *ff = std::memchr(p, 0xFF, static_cast<size_t>(end - 1 - p));
+        if (!ff) return nullptr;
+        p = static_cast<const uint8_t *>(ff);
+        if (p[1] != 0x00) return p;
+        p += 2;
+    }
+    return nullptr;
+}
+
 int32_t kivod_bs_sync_restart(kivod_bs *bs, int16_t dc_pred[4], int32_t *mcu_count) {
     kivod_bs_align_byte(bs);
     for (;;) {

@@ -59,6 +59,11 @@ int32_t kivod_bs_fail_io(kivod_bs *bs);
 // Gives the whole bytes still cached back to the input and empties the cache
 // (file input seeks). 0 or -109.
 int32_t kivod_bs_rewind_cache(kivod_bs *bs, int32_t extra_back);
+// Memory input: the reader's next byte with its cache given back.
+const uint8_t *kivod_bs_position(kivod_bs bs);
+// The first 0xFF at or after p, before the last byte (end: one past it),
+// that is not a stuffed 0xFF 0x00: a marker or fill byte; null when none.
+const uint8_t *kivod_next_marker(const uint8_t *p, const uint8_t *end);
 
 // ---- marker segments -------------------------------------------------------
 
@@ -540,6 +545,12 @@ int32_t kivod_mcu_rows_done(const kivod_ctx *ctx);
 bool kivod_picture_complete(const kivod_ctx *ctx);
 // True when `value` is above a limit that is set (not 0).
 inline bool kivod_over(int64_t limit, uint64_t value) { return limit > 0 && value > static_cast<uint64_t>(limit); }
+// Whether output rows of this many bytes may be saved for a slice started
+// ahead of the skim (kivod_band_sink::keep): 64 MiB at most, and within the
+// handle's memory limit with the frame buffers.
+inline bool kivod_may_save(const kivod_ctx *ctx, size_t bytes) {
+    return bytes <= (size_t(64) << 20) && !kivod_over(ctx->limits.max_memory, ctx->frame_bytes + bytes);
+}
 
 // ---- scans, slices and threads (scan.cpp, mt.cpp) ------------------------------------
 int32_t dec_scan(kivod_ctx *ctx, int32_t *done);

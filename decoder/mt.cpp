@@ -62,16 +62,28 @@ void plan_resize(const kivod_ctx *ctx, kivod_work *w, int32_t next_row, int32_t 
     w->extra_mcu = extra_rows;
 }
 
+// The scan's MCU rows, MCUs a row, and the rows a slice starts on a
+// multiple of: resized output hands strips of d MCU rows to the resizers,
+// and slices start on strip boundaries, so every strip holds the same rows
+// whatever the split.
+struct Grid {
+    int32_t cols = 1, rows, unit, units;
+    explicit Grid(const kivod_ctx *ctx) {
+        const int32_t mcus = kivod_scan_mcus(ctx, &cols);
+        rows = mcus / cols;
+        unit = ctx->scale != 0 ? kivod_denom(ctx->scale) : 1;
+        units = (rows + unit - 1) / unit;
+    }
+};
+
 }  // namespace
 
 void kivod_split_rows(kivod_ctx *ctx, int n, const int32_t *first_rows) {
     const kivod_sh &sh = ctx->sh;
     const kivod_fh &fh = ctx->fh;
     const int ns = sh.n_comp;
-    int32_t cols = 1;
-    const int32_t mcus = kivod_scan_mcus(ctx, &cols);
-    const int32_t rows = mcus / cols;
-    const int32_t unit = ctx->scale != 0 ? kivod_denom(ctx->scale) : 1;
+    const Grid g(ctx);
+    const int32_t cols = g.cols, rows = g.rows;
     ctx->n_threads = n;
     for (int i = 0; i < n; ++i) {
         kivod_work *w = ctx->work[i];
@@ -91,7 +103,7 @@ void kivod_split_rows(kivod_ctx *ctx, int n, const int32_t *first_rows) {
             if (w->lines[k] < 1) w->lines[k] = 1;
             w->strip[k] = ctx->sample_buf[c] + static_cast<ptrdiff_t>(ctx->mcu_lines[c]) * i * ctx->line_w[c];
         }
-        if (ctx->scale != 0) plan_resize(ctx, w, next_row, rows, unit);
+        if (ctx->scale != 0) plan_resize(ctx, w, next_row, rows, g.unit);
         // Band output: rows at the slice's bottom may need the next MCU row.
         if (ctx->bands && i < n - 1) w->extra_mcu = ctx->bands->context_rows;
         w->extra_mcu *= cols;
@@ -99,14 +111,7 @@ void kivod_split_rows(kivod_ctx *ctx, int n, const int32_t *first_rows) {
 }
 
 int kivod_slice_limit(const kivod_ctx *ctx) {
-    int32_t cols = 1;
-    const int32_t mcus = kivod_scan_mcus(ctx, &cols);
-    const int32_t rows = mcus / cols;
-    // Resized output hands strips of d MCU rows to the resizers; slices
-    // start on strip boundaries, so every strip holds the same rows
-    // whatever the split.
-    const int32_t unit = ctx->scale != 0 ? kivod_denom(ctx->scale) : 1;
-    const int32_t units = (rows + unit - 1) / unit;
+    const int32_t units = Grid(ctx).units;
     // A file input is one stream position shared by every copy of its
     // reader, so it is decoded on one thread.
     int n = ctx->scan_bs.type == KIVOD_INPUT_MFAL ? 1 : kivo::thread_limit(ctx->tpool);
@@ -116,11 +121,8 @@ int kivod_slice_limit(const kivod_ctx *ctx) {
 
 void kivod_split_slices(kivod_ctx *ctx) {
     const int n = kivod_slice_limit(ctx);
-    int32_t cols = 1;
-    const int32_t mcus = kivod_scan_mcus(ctx, &cols);
-    const int32_t rows = mcus / cols;
-    const int32_t unit = ctx->scale != 0 ? kivod_denom(ctx->scale) : 1;
-    const int32_t units = (rows + unit - 1) / unit;
+    const Grid g(ctx);
+    const int32_t unit = g.unit, units = g.units;
     // Slice i starts once the skim has walked slices 0 .. i-1, which costs
     // s of decoding them (about 3/8), so later slices get less: shares in
     // proportion to 4096 * (1 - s)^i, every slice at least one unit, the
@@ -149,12 +151,6 @@ int32_t start_slice(kivod_ctx *ctx, int i) {
     return ctx->tpool.run(ctx->threads[i + 1], kivod_thread_job, ctx->work[i]);
 }
 
-// The reader's next byte, its cache given back.
-const uint8_t *position(kivod_bs bs) {
-    kivod_bs_rewind_cache(&bs, 0);
-    return bs.cur;
-}
-
 // Slices that start right after a restart marker (found by looking for
 // markers, not by decoding), as they would if the data hold exactly one
 // restart marker between restart intervals. Slice i starts at the marker
@@ -166,11 +162,9 @@ bool split_at_markers(kivod_ctx *ctx, const uint8_t *entry[kivo::kMaxThreads]) {
     const int32_t interval = ctx->dri.length ? ctx->dri.interval : 0;
     const int n = kivod_slice_limit(ctx);
     if (!interval || n < 2) return false;
-    int32_t cols = 1;
-    const int32_t scan_mcus = kivod_scan_mcus(ctx, &cols);
-    const int32_t rows = scan_mcus / cols;
-    const int32_t unit = ctx->scale != 0 ? kivod_denom(ctx->scale) : 1;
-    const uint8_t *const start = position(ctx->scan_bs), *end = ctx->scan_bs.end;  // end: the last byte
+    const Grid g(ctx);
+    const int32_t cols = g.cols, rows = g.rows, unit = g.unit;
+    const uint8_t *const start = kivod_bs_position(ctx->scan_bs), *end = ctx->scan_bs.end;  // end: the last byte
     const int64_t bytes = end - start + 1;
     // Work above a marker, scaled so that the whole picture's is 2 bytes rows n.
     const auto work = [&](const uint8_t *at, int64_t row) { return ((at - start) * rows + row * bytes) * n; };
@@ -183,14 +177,7 @@ bool split_at_markers(kivod_ctx *ctx, const uint8_t *entry[kivo::kMaxThreads]) {
     int i = 1;
     const uint8_t *p = start;
     int64_t mcus = 0;  // MCUs before the marker found
-    while (i < n && p < end) {
-        const void *ff = std::memchr(p, 0xFF, static_cast<size_t>(end - p));
-        if (!ff) break;
-        p = static_cast<const uint8_t *>(ff);
-        if (p[1] == 0x00) {
-            p += 2;
-            continue;
-        }
+    while (i < n && (p = kivod_next_marker(p, end + 1))) {
         if (p[1] == 0xFF) {
             p += 1;
             continue;
@@ -286,10 +273,6 @@ void lines_written(const kivod_ctx *ctx, int i, int k, int32_t mode, uint8_t **f
     *bytes = end > first ? static_cast<size_t>(end - first - 1) * stride + width : 0;
 }
 
-// Saved lines above this many bytes, or above the handle's memory limit with
-// the frame buffers, are not worth the memory: the skim runs instead.
-constexpr size_t kMaxSaved = size_t(64) << 20;
-
 // Every slice started at once, those after the first from the restart
 // markers' positions, their output lines saved first. Kept only when each
 // slice ended, whole and after the restart marker that ends it, exactly
@@ -317,7 +300,8 @@ bool run_from_markers(kivod_ctx *ctx) {
             total += ahead[i].bytes[k];
         }
     }
-    if (total > kMaxSaved || kivod_over(ctx->limits.max_memory, ctx->frame_bytes + total)) return false;
+    // Lines not worth the memory: the skim runs instead.
+    if (!kivod_may_save(ctx, total)) return false;
     uint8_t *save = nullptr;
     if (total) {
         save = static_cast<uint8_t *>(xelo_malloc_fast_align32(total));
@@ -343,7 +327,7 @@ bool run_from_markers(kivod_ctx *ctx) {
     bool kept = kivo::fork_join(ctx->tpool, ctx->threads, n, ahead_job, args) == KIVO_OK;
     for (int i = 0; kept && i + 1 < n; ++i) {
         const kivod_work *w = ctx->work[i];
-        kept = !w->stopped && w->mcu_done == w->n_mcu && position(w->bs) == entry[i + 1];
+        kept = !w->stopped && w->mcu_done == w->n_mcu && kivod_bs_position(w->bs) == entry[i + 1];
     }
     if (bands) {
         sink->put_back(sink->user, kept);

@@ -97,25 +97,6 @@ T *copy_of(Plan *p, const T &t) {
     return c;
 }
 
-// The reader's next byte, its cache given back.
-const uint8_t *position(kivod_bs bs) {
-    kivod_bs_rewind_cache(&bs, 0);
-    return bs.cur;
-}
-
-// The first 0xFF at or after p, before the last byte, that is not a stuffed
-// 0xFF 0x00; null when there is none.
-const uint8_t *next_marker(const uint8_t *p, const uint8_t *end) {
-    while (p + 1 < end) {
-        const void *ff = std::memchr(p, 0xFF, static_cast<size_t>(end - 1 - p));
-        if (!ff) return nullptr;
-        p = static_cast<const uint8_t *>(ff);
-        if (p[1] != 0x00) return p;
-        p += 2;
-    }
-    return nullptr;
-}
-
 // Records the scan whose header bs has just read and moves bs to the marker
 // after its data. False when the scan cannot be planned.
 bool add_scan(Plan *p, const kivod_sh &sh) {
@@ -146,7 +127,7 @@ bool add_scan(Plan *p, const kivod_sh &sh) {
     if (sh.ss == 0 && sh.ah > 0) s.s.step = 1;
     s.bs = p->bs;
     const uint8_t *end = p->bs.end + 1;
-    s.next = next_marker(position(p->bs), end);
+    s.next = kivod_next_marker(kivod_bs_position(p->bs), end);
     if (!s.next) return false;
     s.status = KIVO_OK;
     ++p->n;
@@ -204,7 +185,7 @@ bool dc_refinement(const kivod_sh &sh) { return sh.ss == 0 && sh.ah > 0; }
 // correction bit for every coefficient already non-zero) and six times for
 // a DC refinement (one bit a block).
 int64_t cost(const Scan &s) {
-    const int64_t bytes = s.next - position(s.bs);
+    const int64_t bytes = s.next - kivod_bs_position(s.bs);
     return s.s.sh.ah == 0 ? bytes : s.s.sh.ss > 0 ? 3 * bytes : 6 * bytes;
 }
 

@@ -312,6 +312,12 @@ int32_t open_resizers(Slice &j) {
     return KIVO_OK;
 }
 
+// 1/8: the one pixel of block (h, v) of scan component k in the MCU, its DC's.
+inline void put_dc_pixel(Slice &j, int k, int v, int h, int16_t dc) {
+    const ScanComp &s = j.sc[k];
+    j.w->strip[k][static_cast<ptrdiff_t>(v + s.fill) * j.ctx->line_w[s.c] + s.col + h] = kivod_dc_value(dc);
+}
+
 // 1/8 without statistics: an MCU's DC values alone, its AC codes skipped
 // several at a time by the skim's walk, with decode_block's rules (nothing
 // read while a failure is held; a failing block holds its status and is
@@ -330,9 +336,8 @@ bool dc_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
     const int n = stop ? walked : j.n_blocks;
     for (int b = 0; b < n; ++b) {
         const int k = j.blocks[b].k, v = j.blocks[b].v, h = j.blocks[b].h;
-        const ScanComp &s = j.sc[k];
         if (b < walked) w->dc_pred[k] = add16(w->dc_pred[k], diff[b]);
-        w->strip[k][static_cast<ptrdiff_t>(v + s.fill) * ctx->line_w[s.c] + s.col + h] = kivod_dc_value(w->dc_pred[k]);
+        put_dc_pixel(j, k, v, h, w->dc_pred[k]);
     }
     if (stop) return false;
     for (int k = 0; k < j.ns; ++k) j.sc[k].col += j.sc[k].h;
@@ -406,7 +411,7 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
         } else if (j.nblk == 1) {
             // 1/8: a block's one pixel is its DC's, and its decoder wrote no
             // other coefficient (a failed block was cleared whole).
-            w->strip[k][static_cast<ptrdiff_t>(v + s.fill) * ctx->line_w[s.c] + s.col + h] = kivod_dc_value(blk[0]);
+            put_dc_pixel(j, k, v, h, blk[0]);
             blk[0] = 0;
             continue;
         } else {
@@ -621,7 +626,7 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
             j.full_rows[k] = j.img->lines[c] / 8;
         }
     }
-    j.dc_only = j.nblk == 1 && !j.stats && j.n_blocks <= 10;
+    j.dc_only = j.nblk == 1 && !j.stats;
     for (int b = 0; j.dc_only && b < j.n_blocks; ++b) {
         ScanComp &sc = j.sc[j.blocks[b].k];
         sc.t.skim = ctx->skim_tbl[ctx->sh.ta[sc.c] & 3];

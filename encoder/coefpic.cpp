@@ -919,7 +919,7 @@ public:
         for (Coding &c : coding_) {
             kivoe_coef_plan_free(c.plan);
             std::free(c.room);
-            for (int k = 0; k < c.n_more; ++k) std::free(c.more[k]);
+            for (uint8_t *more : c.more) std::free(more);
         }
         for (kivoe_coef_tables *t : tables_) kivoe_coef_tables_free(t);
     }
@@ -985,15 +985,15 @@ private:
         int index;
         xelo_bsw *bs;
     };
-    static constexpr int kMaxTasks = 64;
-        struct Coding {
+    // A step's tasks: every scan of two codings at most.
+    static constexpr int kMaxTasks = 2 * kMaxScans;
+    struct Coding {
         kivoe_coef_plan *plan = nullptr;
         int32_t status = KIVO_OK;  // other than KIVO_OK: the coding failed
         uint8_t *room = nullptr;
         int n_scans = 0;
         xelo_bsw scan[kMaxScans];
-        uint8_t *more[kMaxScans];  // rooms of scans written again
-        int n_more = 0;
+        uint8_t *more[kMaxScans] = {};  // rooms of scans written again
     };
     struct Thread {
         SharedCodings *self;
@@ -1001,7 +1001,7 @@ private:
     };
 
     void add(Task::Kind kind, kivoe_coef_plan *plan, int index, xelo_bsw *bs = nullptr) {
-        if (n_tasks_ < kMaxTasks) task_[n_tasks_++] = Task{kind, plan, index, bs};
+        task_[n_tasks_++] = Task{kind, plan, index, bs};
     }
 
     static int32_t work(void *arg) {
@@ -1054,13 +1054,9 @@ private:
         for (int k = 0; k < c.n_scans; ++k) {
             if (!c.scan[k].overflow) continue;
             const int32_t n = static_cast<int32_t>(kivoe_coef_scan_room(c.plan, k, true));
-            uint8_t *more = static_cast<uint8_t *>(std::malloc(static_cast<size_t>(n)));
-            if (!more || c.n_more == kMaxScans) {
-                std::free(more);
-                return KIVO_ERR_OUT_OF_MEMORY;
-            }
-            c.more[c.n_more++] = more;
-            xelo_bsw_init(&c.scan[k], more, n, kivoe_bs_flush);
+            c.more[k] = static_cast<uint8_t *>(std::malloc(static_cast<size_t>(n)));
+            if (!c.more[k]) return KIVO_ERR_OUT_OF_MEMORY;
+            xelo_bsw_init(&c.scan[k], c.more[k], n, kivoe_bs_flush);
             kivoe_coef_write_scan(c.plan, k, tables_[0], &c.scan[k]);
         }
         return KIVO_OK;

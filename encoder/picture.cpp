@@ -483,6 +483,15 @@ inline bool filtered(const kivoe_ctx *ctx, bool jnd_filter, int c, int32_t bcol,
            8 * brow + 16 <= ctx->smp_h[0];
 }
 
+// Whether the MCU's blocks of component c all lie inside the plane, none
+// filtered, so that they are read straight from it; *src: the plane's
+// sample at the top left of the MCU's first block of c.
+inline bool mcu_inside(const kivoe_ctx *ctx, bool jnd_filter, int c, const Comp &cc, const uint8_t **src) {
+    *src = cc.plane + static_cast<ptrdiff_t>(8 * cc.row) * cc.stride + 8 * cc.col;
+    return !(jnd_filter && c == 0) && 8 * (cc.col + ctx->fh.h[c]) <= ctx->smp_w[c] &&
+           8 * (cc.row + ctx->fh.v[c]) <= ctx->smp_h[c];
+}
+
 // Loads block (bcol, brow) of component c into dst, filtered or not.
 inline void load_at(const kivoe_ctx *ctx, bool jnd_filter, int c, const Comp &cc, int32_t bcol, int32_t brow,
                     int16_t *dst) {
@@ -521,9 +530,8 @@ __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *com
     for (int c = 0, b = 0; c < fh.n_comp; ++c) {
         const Comp &cc = comp[c];
         const int hf = fh.h[c], vf = fh.v[c];
-        const bool inside = !(jnd_filter && c == 0) && 8 * (cc.col + hf) <= ctx->smp_w[c] &&
-                            8 * (cc.row + vf) <= ctx->smp_h[c];
-        const uint8_t *src = cc.plane + static_cast<ptrdiff_t>(8 * cc.row) * cc.stride + 8 * cc.col;
+        const uint8_t *src;
+        const bool inside = mcu_inside(ctx, jnd_filter, c, cc, &src);
         for (int v = 0; v < vf; ++v)
             for (int h = 0; h < hf; ++h, ++b) {
                 int16_t *lv = levels + 64 * b;
@@ -649,11 +657,8 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
         for (int c = 0, b = 0; c < nc && by_mcu_plain; ++c) {
             const Comp &cc = comp[c];
             const int hf = fh.h[c], vf = fh.v[c];
-            // The MCU's blocks of the component all inside the plane, none
-            // filtered: read straight from the plane.
-            const bool inside = !(jnd_filter && c == 0) && 8 * (cc.col + hf) <= ctx->smp_w[c] &&
-                                8 * (cc.row + vf) <= ctx->smp_h[c];
-            const uint8_t *src = cc.plane + static_cast<ptrdiff_t>(8 * cc.row) * cc.stride + 8 * cc.col;
+            const uint8_t *src;
+            const bool inside = mcu_inside(ctx, jnd_filter, c, cc, &src);
             for (int v = 0; v < vf; ++v)
                 for (int h = 0; h < hf; ++h, ++b) {
                     int16_t *lv = mcu_levels + 64 * b;
