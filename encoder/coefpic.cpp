@@ -325,7 +325,7 @@ struct EobWrite {
     BitOut *out;
     const kivoe_code *code;
     int32_t run = 0, held = 0;
-    uint64_t held_bits[kCorrectionBits / 64 + 1];
+    uint64_t held_bits[kCorrectionBits / 64 + 1] = {};
 
     EobWrite(BitOut *o, const kivoe_code *c) : out(o), code(c) {}
 
@@ -626,7 +626,7 @@ void code_scan(kivoe_coef_plan &pl, const Scan &s, kivoe_coef_tables &w, bool co
             kivoe_dc_tbl *dc = &w.dc[table_of(s, c)];
             kivoe_ac_tbl *ac = &w.ac[table_of(s, c)];
             if (counting) {
-                out |= dc_outside(d) | ac_outside(b);
+                out = out || dc_outside(d) || ac_outside(b);
                 kivoe_vlc_dc_stat(bs, dc, d);
                 pl.masks[c][i] = kivoe_vlc_ac_stat_mask(ac, b);
             } else {
