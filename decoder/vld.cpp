@@ -290,6 +290,56 @@ inline bool block_start(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16
     return true;
 }
 
+// Eight more bytes under the window (n <= 63 valid bits) when the input
+// has them and they hold no 0xFF, whatever the window holds: it then has
+// 56 or more. The bits below the valid ones are left as the data's next
+// bits, which later loads OR in alike (kivod_win_close clears them).
+inline bool fill_ahead(Window &w) {
+    if (w.end - w.p < 7) return false;
+    uint64_t x;
+    std::memcpy(&x, w.p, 8);
+    x = __builtin_bswap64(x);
+    if (holds_ff(x)) return false;
+    w.acc |= x >> w.n;
+    w.p += (63 - w.n) >> 3;
+    w.n |= 56;
+    return true;
+}
+
+// The common case of ac_block: eight bytes under the window, then four
+// coefficient codes of the one-step look-up (11 bits at most each: 44 of the
+// 56 or more), with no branch on the window's bits per code. Stops before a
+// code it does not take (end-of-block, sixteen zeros, a code the look-up
+// does not hold, a coefficient past 63) and where no eight bytes can be had.
+// Returns true when the block is complete (a coefficient at 63).
+static_assert(kivod_fast_bits < 32 && 4 * kivod_fast_bits <= 56, "four codes after a fill, lengths in bits 0-4");
+template <int kLast, bool kMag>
+inline bool fast_run(Window &w, const int32_t *fast, const uint32_t *qz, int16_t *blk, uint32_t *mag, int32_t *kp) {
+    int32_t k = *kp;
+    bool done = false;
+    // A window already full (64 bits) takes its four codes as it is.
+    while (w.n > 63 || fill_ahead(w)) {
+        for (int i = 0; i < 4; ++i) {
+            const int32_t f = fast[w.acc >> (64 - kivod_fast_bits)];
+            const int32_t pos = k + ((f >> 8) & 15);
+            if (!(f & kivod_fast_coef) || pos > 63) goto out;
+            // The length is below 32, so f & 63 is it too: the shift needs
+            // no mask of its own on x86-64 (one step less between codes).
+            w.acc <<= f & 63;
+            w.n -= f & 31;
+            if (kLast == 63 || k <= kLast) put<kMag>(blk, mag, qz[pos], f >> 16);
+            k = pos + 1;
+            if (k > 63) {
+                done = true;
+                goto out;
+            }
+        }
+    }
+out:
+    *kp = k;
+    return done;
+}
+
 // One block's symbols, with its DC code first when kDc, through the window
 // while it can be opened and filled, else through the reader.
 // Coefficients of symbols that start at zig-zag positions up to kLast are
@@ -312,6 +362,7 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
     int32_t status = KIVO_OK;
     Next n = Next::kEnd;
     while (k <= 63) {
+        if (!kCount && kLast > 0 && fast_run<kLast, kMag>(w, t->fast, qz, blk, mag, &k)) break;
         if (w.n < 32) window_fill(&w);
         if (w.n < 32) {
             // A 0xFF or the end of the input is near: the reader's refill
@@ -367,22 +418,6 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
     }
     *wp = w;
     return finish<kCount>(n, rq, cnt, status);
-}
-
-// Eight more bytes under the window (n <= 63 valid bits) when the input
-// has them and they hold no 0xFF, whatever the window holds: it then has
-// 56 or more. The bits below the valid ones are left as the data's next
-// bits, which later loads OR in alike (kivod_win_close clears them).
-inline bool fill_ahead(Window &w) {
-    if (w.end - w.p < 7) return false;
-    uint64_t x;
-    std::memcpy(&x, w.p, 8);
-    x = __builtin_bswap64(x);
-    if (holds_ff(x)) return false;
-    w.acc |= x >> w.n;
-    w.p += (63 - w.n) >> 3;
-    w.n |= 56;
-    return true;
 }
 
 // The skim's walk over one block: the DC code, then the AC codes consumed
