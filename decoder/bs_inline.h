@@ -55,8 +55,10 @@ inline int16_t low16(uint32_t v) { return static_cast<int16_t>(static_cast<uint1
 inline int16_t add16(int32_t a, int32_t b) { return low16(static_cast<uint32_t>(a) + static_cast<uint32_t>(b)); }
 
 // T.81 EXTEND: the size-bit field v (size >= 1) as a signed value.
+// Without a branch: the sign of a coefficient is a coin toss.
 inline int32_t extend(uint32_t v, int32_t size) {
-    return v < (1u << (size - 1)) ? static_cast<int32_t>(v) - (1 << size) + 1 : static_cast<int32_t>(v);
+    const int32_t neg = v < (1u << (size - 1));
+    return static_cast<int32_t>(v) - (neg << size) + neg;
 }
 
 // The DC category whose code begins the 16 bits b16 (its length in *len),

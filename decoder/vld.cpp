@@ -309,12 +309,13 @@ inline bool fill_ahead(Window &w) {
 // The common case of ac_block: eight bytes under the window, then four
 // coefficient codes of the one-step look-up (11 bits at most each: 44 of the
 // 56 or more), with no branch on the window's bits per code. Stops before a
-// code it does not take (end-of-block, sixteen zeros, a code the look-up
-// does not hold, a coefficient past 63) and where no eight bytes can be had.
-// Returns true when the block is complete (a coefficient at 63).
+// code it does not take (sixteen zeros, a code the look-up does not hold,
+// a coefficient past 63) and where no eight bytes can be had. Returns true
+// when the block is complete: a coefficient at 63, or end-of-block read.
 static_assert(kivod_fast_bits < 32 && 4 * kivod_fast_bits <= 56, "four codes after a fill, lengths in bits 0-4");
 template <int kLast, bool kMag>
-inline bool fast_run(Window &w, const int32_t *fast, const uint32_t *qz, int16_t *blk, uint32_t *mag, int32_t *kp) {
+inline bool fast_run(Window &w, const int32_t *fast, const uint32_t *qz, int16_t *blk, uint32_t *mag, int16_t *dc_only,
+                     int32_t *kp) {
     int32_t k = *kp;
     bool done = false;
     // A window already full (64 bits) takes its four codes as it is.
@@ -322,7 +323,14 @@ inline bool fast_run(Window &w, const int32_t *fast, const uint32_t *qz, int16_t
         for (int i = 0; i < 4; ++i) {
             const int32_t f = fast[w.acc >> (64 - kivod_fast_bits)];
             const int32_t pos = k + ((f >> 8) & 15);
-            if (!(f & kivod_fast_coef) || pos > 63) goto out;
+            if (!(f & kivod_fast_coef) || pos > 63) {
+                if (!(f & kivod_fast_eob)) goto out;
+                w.acc <<= f & 63;
+                w.n -= f & 31;
+                if (k == 1) *dc_only = 1;
+                done = true;
+                goto out;
+            }
             // The length is below 32, so f & 63 is it too: the shift needs
             // no mask of its own on x86-64 (one step less between codes).
             w.acc <<= f & 63;
@@ -362,7 +370,7 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
     int32_t status = KIVO_OK;
     Next n = Next::kEnd;
     while (k <= 63) {
-        if (!kCount && kLast > 0 && fast_run<kLast, kMag>(w, t->fast, qz, blk, mag, &k)) break;
+        if (!kCount && kLast > 0 && fast_run<kLast, kMag>(w, t->fast, qz, blk, mag, dc_only, &k)) break;
         if (w.n < 32) window_fill(&w);
         if (w.n < 32) {
             // A 0xFF or the end of the input is near: the reader's refill
