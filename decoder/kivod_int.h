@@ -231,6 +231,7 @@ struct kivod_win {
     bool open;
     const uint8_t *p;
     const uint8_t *end;  // last byte of the input
+    const uint8_t *ff;   // the last stuffed 0xFF taken since the window opened, or null
 };
 void kivod_win_close(kivod_win *w, kivod_bs *bs);
 // A scan component's tables and counters (null: not counted).

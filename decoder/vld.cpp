@@ -177,9 +177,10 @@ int32_t ac_reader(kivod_bs *bs, const kivod_qtbl *q, const uint32_t *qz, const k
 // ---- 64-bit window over memory input ------------------------------------------
 //
 // The reader's state is held in a 64-bit accumulator, topped up eight bytes
-// at a time while the bytes hold no 0xFF. When fewer than 32 bits can be had
-// that way (a 0xFF ahead, or the end of the input), the window is closed and
-// the reader's own refill takes over.
+// at a time while the bytes hold no 0xFF, else byte by byte, a stuffed 0xFF
+// without its zero. When fewer than 32 bits can be had that way (a marker
+// ahead, or the end of the input), the window is closed and the reader's
+// own refill takes over.
 
 using Window = kivod_win;
 
@@ -199,6 +200,7 @@ inline void window_begin(const kivod_bs *bs, Window *w) {
     w->n = bs->bits;
     w->p = bs->cur;
     w->end = bs->end;
+    w->ff = nullptr;
     w->open = true;
 }
 
@@ -225,9 +227,15 @@ inline void window_fill(Window *w) {
             return;
         }
     }
-    while (w->n <= 56 && w->p <= w->end && *w->p != 0xFF) {
-        w->acc |= static_cast<uint64_t>(*w->p++) << (56 - w->n);
+    // Byte by byte up to a 0xFF that is not stuffed (a marker, or the end
+    // of the input next): a stuffed one goes in without its zero byte.
+    while (w->n <= 56 && w->p <= w->end) {
+        const uint8_t b = *w->p;
+        if (b == 0xFF && (w->p == w->end || w->p[1] != 0x00)) break;
+        w->acc |= static_cast<uint64_t>(b) << (56 - w->n);
         w->n += 8;
+        if (b == 0xFF) w->ff = w->p++;
+        ++w->p;
     }
 }
 
@@ -310,16 +318,22 @@ inline bool fill_ahead(Window &w) {
 // coefficient codes of the one-step look-up (11 bits at most each: 44 of the
 // 56 or more), with no branch on the window's bits per code. Stops before a
 // code it does not take (sixteen zeros, a code the look-up does not hold,
-// a coefficient past 63) and where no eight bytes can be had. Returns true
-// when the block is complete: a coefficient at 63, or end-of-block read.
+// a coefficient past 63) and where the window cannot hold four codes (a
+// marker or the end of the input near). Returns true when the block is
+// complete: a coefficient at 63, or end-of-block read.
 static_assert(kivod_fast_bits < 32 && 4 * kivod_fast_bits <= 56, "four codes after a fill, lengths in bits 0-4");
 template <int kLast, bool kMag>
 inline bool fast_run(Window &w, const int32_t *fast, const uint32_t *qz, int16_t *blk, uint32_t *mag, int16_t *dc_only,
                      int32_t *kp) {
     int32_t k = *kp;
     bool done = false;
-    // A window already full (64 bits) takes its four codes as it is.
-    while (w.n > 63 || fill_ahead(w)) {
+    for (;;) {
+        // A window already full (64 bits) takes its four codes as it is;
+        // near a 0xFF the bytes go in one by one.
+        if (w.n < 64 && !fill_ahead(w) && w.n < 4 * kivod_fast_bits) {
+            window_fill(&w);
+            if (w.n < 4 * kivod_fast_bits) break;
+        }
         for (int i = 0; i < 4; ++i) {
             const int32_t f = fast[w.acc >> (64 - kivod_fast_bits)];
             const int32_t pos = k + ((f >> 8) & 15);
@@ -846,9 +860,18 @@ void kivod_win_close(kivod_win *w, kivod_bs *bs) {
     int32_t n = w->n;
     const uint8_t *p = w->p;
     if (n > 32) {
+        // Bytes loaded and not used go back to the reader; a 0xFF the
+        // window took with its stuffing zero goes back with it.
         const int32_t back = (n - 32 + 7) >> 3;
         n -= back * 8;
-        p -= back;
+        if (!w->ff || w->ff + 1 < p - back) {
+            p -= back;
+        } else {
+            for (int32_t i = 0; i < back; ++i) {
+                --p;
+                if (*p == 0x00 && p > bs->start && p[-1] == 0xFF) --p;
+            }
+        }
     }
     const uint64_t acc = n > 0 ? w->acc & (~0ull << (64 - n)) : 0;
     if (p != bs->cur) bs->not_ff = 1;
