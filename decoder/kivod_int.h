@@ -368,7 +368,9 @@ struct kivod_proc {
 struct kivod_work {
     uint8_t first_comp;  // progressive reconstruction: first component
     uint8_t n_comp;      // progressive reconstruction: number of components
-    alignas(16) int16_t blk[64];  // block buffer, all zero between blocks
+    // Block buffers, all zero between blocks: planar output decodes a block
+    // into one while the other waits for its inverse DCT.
+    alignas(16) int16_t blk[2][64];
     int16_t dc_pred[4];
     int64_t dc_level_sum;
     int32_t n_mcu;

@@ -208,7 +208,25 @@ struct Slice {
     // rows that lie wholly inside it (the others go through kivod_out_block).
     uint8_t *plane[4];
     int32_t full_cols[4], full_rows[4];
+    // Direct output: a block decoded whose inverse DCT runs after the next
+    // block's decoding. Run at once, its first loads would wait for the
+    // decoder's stores to the block to retire (they cannot be forwarded to
+    // wider loads); one block later they come from the cache.
+    struct {
+        kivod_idct_fn fn;
+        int16_t *blk;  // null: none waits
+        uint8_t *dst;
+        int32_t stride;
+    } waiting;
 };
+
+// The block waiting for its inverse DCT, if any.
+inline void run_waiting(Slice &j) {
+    if (!j.waiting.blk) return;
+    j.waiting.fn(j.waiting.blk, j.waiting.stride, j.waiting.dst);
+    kivo::clear_block(j.waiting.blk);
+    j.waiting.blk = nullptr;
+}
 
 // Band output: the ring lines of the current MCU row of every scan component.
 void set_band_rows(Slice &j) {
@@ -355,7 +373,7 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
     for (int b = 0; b < j.n_blocks; ++b) {
         const int k = j.blocks[b].k, v = j.blocks[b].v, h = j.blocks[b].h;
         ScanComp &s = j.sc[k];
-        int16_t *blk = w->blk;
+        int16_t *blk = w->blk[j.waiting.blk == w->blk[0] ? 1 : 0];
         int16_t diff, dc_only;
         if (!decode_block(bs, &win, s, j.vld_blk, restarts, held, blk, &diff, &dc_only)) {
             kivod_win_close(&win, bs);
@@ -395,7 +413,9 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
             const int32_t bx = s.col + h, by = s.row + v;
             if (bx < j.full_cols[k] && by < j.full_rows[k]) {
                 const int32_t stride = j.img->stride[s.c];
-                fn(blk, stride, j.plane[k] + static_cast<ptrdiff_t>(by) * 8 * stride + bx * 8);
+                run_waiting(j);
+                j.waiting = {fn, blk, j.plane[k] + static_cast<ptrdiff_t>(by) * 8 * stride + bx * 8, stride};
+                continue;
             } else {
                 kivod_out_block(j.img, s.c, bx, by, fn, blk);
             }
@@ -457,23 +477,21 @@ void next_row(Slice &j) {
 int32_t run_mcus(Slice &j, kivod_bs *bs, int32_t first, int32_t count, int32_t *held, bool *stopped) {
     kivod_work *w = j.w;
     *stopped = false;
-    for (int32_t m = 0; m < count; ++m) {
+    int32_t m = 0;
+    while (m < count) {
         if (!decode_mcu(j, bs, held)) {
             *stopped = true;
-            return m;
+            break;
         }
-        const bool last = first + m + 1 == j.scan_mcus;
-        if (!restart_after(bs, j.interval, last, w->dc_pred, &w->rst_count, held)) {
+        ++m;
+        const bool last = first + m == j.scan_mcus;
+        if (!restart_after(bs, j.interval, last, w->dc_pred, &w->rst_count, held) || (next_row(j), !data_left(bs))) {
             *stopped = true;
-            return m + 1;
-        }
-        next_row(j);
-        if (!data_left(bs)) {
-            *stopped = true;
-            return m + 1;
+            break;
         }
     }
-    return count;
+    run_waiting(j);
+    return m;
 }
 
 }  // namespace
@@ -582,6 +600,7 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     Slice j;
     j.ctx = ctx;
     j.w = w;
+    j.waiting.blk = nullptr;
     j.img = ctx->out_imgb;
     j.mode = kivod_out_mode_for(ctx, j.img);
     if (j.mode < 0) return j.mode;
