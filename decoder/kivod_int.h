@@ -368,8 +368,8 @@ struct kivod_proc {
 struct kivod_work {
     uint8_t first_comp;  // progressive reconstruction: first component
     uint8_t n_comp;      // progressive reconstruction: number of components
-    // Block buffers, all zero between blocks: planar output decodes a block
-    // into one while the other waits for its inverse DCT.
+    // Block buffers, all zero between blocks: a block is decoded into one
+    // while the other waits for its inverse DCT.
     alignas(16) int16_t blk[2][64];
     int16_t dc_pred[4];
     int64_t dc_level_sum;

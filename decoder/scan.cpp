@@ -208,10 +208,10 @@ struct Slice {
     // rows that lie wholly inside it (the others go through kivod_out_block).
     uint8_t *plane[4];
     int32_t full_cols[4], full_rows[4];
-    // Direct output: a block decoded whose inverse DCT runs after the next
-    // block's decoding. Run at once, its first loads would wait for the
-    // decoder's stores to the block to retire (they cannot be forwarded to
-    // wider loads); one block later they come from the cache.
+    // A block decoded whose inverse DCT runs after the next block's
+    // decoding. Run at once, its first loads would wait for the decoder's
+    // stores to the block to retire (they cannot be forwarded to wider
+    // loads); one block later they come from the cache.
     struct {
         kivod_idct_fn fn;
         int16_t *blk;  // null: none waits
@@ -409,13 +409,14 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
             if (!dc_only && ++j.mag_blocks == kMagFlush) flush_magnitudes(j);
         }
         const kivod_idct_fn fn = dc_only ? j.idct_dc : j.idct;
+        // Where the block's samples go, when its inverse DCT can wait.
+        uint8_t *dst = nullptr;
+        int32_t stride = 0;
         if (j.mode == KIVOD_OUT_DIRECT) {
             const int32_t bx = s.col + h, by = s.row + v;
             if (bx < j.full_cols[k] && by < j.full_rows[k]) {
-                const int32_t stride = j.img->stride[s.c];
-                run_waiting(j);
-                j.waiting = {fn, blk, j.plane[k] + static_cast<ptrdiff_t>(by) * 8 * stride + bx * 8, stride};
-                continue;
+                stride = j.img->stride[s.c];
+                dst = j.plane[k] + static_cast<ptrdiff_t>(by) * 8 * stride + bx * 8;
             } else {
                 kivod_out_block(j.img, s.c, bx, by, fn, blk);
             }
@@ -424,10 +425,11 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
             if (row < ctx->prog_blk_h[s.c] && col < ctx->prog_blk_w[s.c])
                 kivo::copy_block(ctx->coef_buf[s.c] + (size_t(row) * ctx->prog_blk_w[s.c] + col) * 64, blk);
         } else if (j.mode == KIVOD_OUT_BANDS) {
-            const int32_t stride = j.band.stride[s.c];
-            fn(blk, stride, j.band_row[k] + static_cast<ptrdiff_t>(8 * v) * stride + (s.col + h) * 8);
+            stride = j.band.stride[s.c];
+            dst = j.band_row[k] + static_cast<ptrdiff_t>(8 * v) * stride + (s.col + h) * 8;
         } else if (j.mode == KIVOD_OUT_PACKED) {
-            fn(blk, 32, j.mcu_buf[k] + 32 * 8 * v + 8 * h);
+            stride = 32;
+            dst = j.mcu_buf[k] + 32 * 8 * v + 8 * h;
         } else if (j.nblk == 1) {
             // 1/8: a block's one pixel is its DC's, and its decoder wrote no
             // other coefficient (a failed block was cleared whole).
@@ -435,14 +437,21 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
             blk[0] = 0;
             continue;
         } else {
-            const int32_t line = v * j.nblk + s.fill;
-            fn(blk, ctx->line_w[s.c],
-               w->strip[k] + static_cast<ptrdiff_t>(line) * ctx->line_w[s.c] + (s.col + h) * j.nblk);
+            stride = ctx->line_w[s.c];
+            dst = w->strip[k] + static_cast<ptrdiff_t>(v * j.nblk + s.fill) * stride + (s.col + h) * j.nblk;
+        }
+        if (dst) {
+            run_waiting(j);
+            j.waiting = {fn, blk, dst, stride};
+            continue;
         }
         kivo::clear_block(blk);
     }
     kivod_win_close(&win, bs);
-    if (j.mode == KIVOD_OUT_PACKED) kivod_out_pack_mcu(ctx, j.mcu_buf, j.sc[0].col * 8, j.sc[0].row * 8);
+    if (j.mode == KIVOD_OUT_PACKED) {
+        run_waiting(j);
+        kivod_out_pack_mcu(ctx, j.mcu_buf, j.sc[0].col * 8, j.sc[0].row * 8);
+    }
     for (int k = 0; k < j.ns; ++k) j.sc[k].col += j.sc[k].h;
     return true;
 }
@@ -450,6 +459,7 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
 // At the end of an MCU row: the next row, and a full strip to the resizers.
 void next_row(Slice &j) {
     if (j.sc[0].col < j.sc[0].row_w) return;
+    run_waiting(j);  // the row is whole before it is handed on
     for (int k = 0; k < j.ns; ++k) {
         j.sc[k].row += j.sc[k].v;
         j.sc[k].col = 0;
