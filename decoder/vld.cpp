@@ -442,6 +442,15 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
     return finish<kCount>(n, rq, cnt, status);
 }
 
+// Closes a window kept in registers: the reader gets a copy, so the
+// window's address never escapes and the compiler need not keep it in
+// memory between codes.
+inline void close_copy(Window &w, kivod_bs *bs) {
+    Window c = w;
+    kivod_win_close(&c, bs);
+    w.open = false;
+}
+
 // The skim's walk over one block: the DC code, then the AC codes consumed
 // through the skim's look-up, several a step, while its entry keeps them
 // inside the block (an end-of-block read at 63 or before, positions moved
@@ -459,7 +468,7 @@ inline __attribute__((always_inline)) int32_t skim_block(kivod_bs *bs, Window &w
     if (!w.open || (!fill_ahead(w) && (window_fill(&w), w.n < 32))) {
         // No window, or a 0xFF or the end of the input is near: the
         // reader decodes the block.
-        kivod_win_close(&w, bs);
+        close_copy(w, bs);
         const int32_t r = kivod_vld_dc(bs, s.q0, s.dc, nullptr, diff);
         if (r != KIVO_OK) return r;
         Requant rq;
@@ -503,7 +512,7 @@ inline __attribute__((always_inline)) int32_t skim_block(kivod_bs *bs, Window &w
             if (w.n < 32) {
                 // A 0xFF or the end of the input is near: the reader's
                 // refill handles stuffing and running out.
-                kivod_win_close(&w, bs);
+                close_copy(w, bs);
                 Requant rq;
                 return ac_reader<0, false, false>(bs, s.q, s.qz, s.ac, nullptr, nullptr, nullptr, &dc_only, k, &rq);
             }
@@ -953,7 +962,7 @@ int32_t kivod_skim_mcu(kivod_bs *bs, const kivod_blk_tbls *const *blocks, int32_
             break;
         }
     }
-    kivod_win_close(&w, bs);
+    close_copy(w, bs);
     return i;
 }
 
