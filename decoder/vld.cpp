@@ -319,14 +319,15 @@ inline bool fill_ahead(Window &w) {
 // 56 or more), with no branch on the window's bits per code. Stops before a
 // code it does not take (sixteen zeros, a code the look-up does not hold,
 // a coefficient past 63) and where the window cannot hold four codes (a
-// marker or the end of the input near). Returns true when the block is
-// complete: a coefficient at 63, or end-of-block read.
+// marker or the end of the input near): kGoOn. Else the block is complete,
+// as apply() would end it: a coefficient at 63 (kEnd), end-of-block read or
+// the count complete (kCounted), the count failed (kBad).
 static_assert(kivod_fast_bits < 32 && 4 * kivod_fast_bits <= 56, "four codes after a fill, lengths in bits 0-4");
-template <int kLast, bool kMag>
-inline bool fast_run(Window &w, const int32_t *fast, const uint32_t *qz, int16_t *blk, uint32_t *mag, int16_t *dc_only,
-                     int32_t *kp) {
+template <int kLast, bool kCount, bool kMag>
+inline Next fast_run(Window &w, const int32_t *fast, const kivod_qtbl *q, const uint32_t *qz, int16_t *blk,
+                     uint32_t *mag, int16_t *dc_only, uint64_t *cnt, Requant *rq, int32_t *status, int32_t *kp) {
     int32_t k = *kp;
-    bool done = false;
+    Next next = Next::kGoOn;
     for (;;) {
         // A window already full (64 bits) takes its four codes as it is;
         // near a 0xFF the bytes go in one by one.
@@ -336,30 +337,38 @@ inline bool fast_run(Window &w, const int32_t *fast, const uint32_t *qz, int16_t
         }
         for (int i = 0; i < 4; ++i) {
             const int32_t f = fast[w.acc >> (64 - kivod_fast_bits)];
-            const int32_t pos = k + ((f >> 8) & 15);
+            const int32_t run = (f >> 8) & 15, pos = k + run;
             if (!(f & kivod_fast_coef) || pos > 63) {
                 if (!(f & kivod_fast_eob)) goto out;
                 w.acc <<= f & 63;
                 w.n -= f & 31;
                 if (k == 1) *dc_only = 1;
-                done = true;
+                if (kCount) ++cnt[0x00];
+                next = Next::kCounted;
                 goto out;
             }
             // The length is below 32, so f & 63 is it too: the shift needs
             // no mask of its own on x86-64 (one step less between codes).
             w.acc <<= f & 63;
             w.n -= f & 31;
-            if (kLast == 63 || k <= kLast) put<kMag>(blk, mag, qz[pos], f >> 16);
+            if (kLast == 63 || k <= kLast) {
+                const int16_t c = put<kMag>(blk, mag, qz[pos], f >> 16);
+                if (kCount && !rq->coefficient(q, cnt, c, pos, run, status)) {
+                    k = pos + 1;
+                    next = *status ? Next::kBad : Next::kCounted;
+                    goto out;
+                }
+            }
             k = pos + 1;
             if (k > 63) {
-                done = true;
+                next = Next::kEnd;
                 goto out;
             }
         }
     }
 out:
     *kp = k;
-    return done;
+    return next;
 }
 
 // One block's symbols, with its DC code first when kDc, through the window
@@ -384,7 +393,11 @@ int32_t ac_block(kivod_bs *bs, Window *wp, const kivod_blk_tbls &s, int16_t *blk
     int32_t status = KIVO_OK;
     Next n = Next::kEnd;
     while (k <= 63) {
-        if (!kCount && kLast > 0 && fast_run<kLast, kMag>(w, t->fast, qz, blk, mag, dc_only, &k)) break;
+        if (kLast > 0) {
+            n = fast_run<kLast, kCount, kMag>(w, t->fast, q, qz, blk, mag, dc_only, cnt, &rq, &status, &k);
+            if (n != Next::kGoOn) break;
+            n = Next::kEnd;
+        }
         if (w.n < 32) window_fill(&w);
         if (w.n < 32) {
             // A 0xFF or the end of the input is near: the reader's refill
