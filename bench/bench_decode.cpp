@@ -1,7 +1,8 @@
 // Decode speed against libjpeg-turbo, side by side in one run: planar output
 // on both sides (no colour conversion), full size and 1/2, 1/4, 1/8 (the
 // same reduction on both sides: kivod_set_reduction), our decoder on 1 and
-// 2 threads. Prints megapixels per second and the ratio.
+// 2 threads. Prints megapixels per second and the ratio, and over several
+// streams the median and the worst ratio at each scale.
 //
 // usage: bench_decode [FILE.jpg ...] [--reps N]
 // Without files, a 2048x1536 4:2:0 quality-90 picture is generated and
@@ -78,7 +79,30 @@ struct Turbo {
     }
 };
 
-int bench_stream(const std::vector<uint8_t> &jpg, const char *label, int reps) {
+// Each stream's ratios per scale (1/1 to 1/8), one thread and two.
+struct Ratios {
+    std::vector<double> one[4], two[4];
+};
+
+double median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    const size_t n = v.size();
+    return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
+}
+
+// The median and the worst ratio over the streams, per scale.
+void print_summary(const Ratios &r) {
+    const size_t n = r.one[0].size();
+    if (n < 2) return;
+    std::printf("over %zu streams: median (worst) of the ratios\n", n);
+    std::printf("%-6s %18s %18s\n", "scale", "1t/turbo", "2t/turbo");
+    for (int i = 0; i < 4; ++i)
+        std::printf("1/%-4d %11.2f (%.2f) %11.2f (%.2f)\n", 1 << i, median(r.one[i]),
+                    *std::min_element(r.one[i].begin(), r.one[i].end()), median(r.two[i]),
+                    *std::min_element(r.two[i].begin(), r.two[i].end()));
+}
+
+int bench_stream(const std::vector<uint8_t> &jpg, const char *label, int reps, Ratios *ratios) {
     tjhandle th = tjInitDecompress();
     int w = 0, h = 0, ss = 0, cspace = 0;
     if (jpg.empty() || tjDecompressHeader3(th, jpg.data(), jpg.size(), &w, &h, &ss, &cspace) != 0) {
@@ -111,6 +135,9 @@ int bench_stream(const std::vector<uint8_t> &jpg, const char *label, int reps) {
             return 1;
         }
         std::printf("1/%-4d %14.1f %14.1f %14.1f %8.2f %8.2f\n", denom, mp / tt, mp / t1, mp / t2, tt / t1, tt / t2);
+        const int i = denom == 1 ? 0 : denom == 2 ? 1 : denom == 4 ? 2 : 3;
+        ratios->one[i].push_back(tt / t1);
+        ratios->two[i].push_back(tt / t2);
     }
     std::printf("\n");
     return 0;
@@ -126,8 +153,10 @@ int main(int argc, char **argv) {
         else files.push_back(argv[i]);
     }
     int rc = 0;
+    Ratios ratios;
     if (!files.empty()) {
-        for (const char *f : files) rc |= bench_stream(load(f), f, reps);
+        for (const char *f : files) rc |= bench_stream(load(f), f, reps, &ratios);
+        print_summary(ratios);
         return rc;
     }
     turbo::EncodeSpec s;
@@ -137,11 +166,11 @@ int main(int argc, char **argv) {
     s.quality = 90;
     std::fprintf(stderr, "generating a 2048x1536 4:2:0 q90 picture...\n");
     const auto planes = turbo::make_planes(s, 2024);
-    rc |= bench_stream(turbo::encode(s, planes), "generated 4:2:0 q90", reps);
+    rc |= bench_stream(turbo::encode(s, planes), "generated 4:2:0 q90", reps, &ratios);
     s.restart_mcus = 2048 / 16;
-    rc |= bench_stream(turbo::encode(s, planes), "generated 4:2:0 q90, restart every MCU row", reps);
+    rc |= bench_stream(turbo::encode(s, planes), "generated 4:2:0 q90, restart every MCU row", reps, &ratios);
     s.restart_mcus = 0;
     s.progressive = true;
-    rc |= bench_stream(turbo::encode(s, planes), "generated 4:2:0 q90, progressive", reps);
+    rc |= bench_stream(turbo::encode(s, planes), "generated 4:2:0 q90, progressive", reps, &ratios);
     return rc;
 }
