@@ -197,19 +197,6 @@ inline int32_t popcount(uint64_t m) {
 inline uint64_t after(int32_t p) { return ~((uint64_t(2) << p) - 1); }
 inline uint64_t before(int32_t p) { return (uint64_t(1) << p) - 1; }
 
-// Bits of x at the positions set in m, in order (the lowest position first,
-// as the highest of the n returned); n: how many.
-inline uint64_t gather(uint64_t x, uint64_t m, int32_t *n) {
-    uint64_t v = 0;
-    int32_t k = 0;
-    for_each_bit(m, [&](int32_t i, int32_t base) {
-        v = v << 1 | bit(x, i, base);
-        ++k;
-    });
-    *n = k;
-    return v;
-}
-
 // Zig-zag positions ss..se of an AC band.
 inline uint64_t band_bits(int32_t ss, int32_t se) {
     return (se == 63 ? ~uint64_t(0) : (uint64_t(1) << (se + 1)) - 1) & ~((uint64_t(1) << ss) - 1);
@@ -319,33 +306,62 @@ struct EobCount {
     }
 };
 
-// End-of-band runs while writing, with the correction bits they hold
-// (first bit in the top of held_bits[0]).
-struct EobWrite {
+// Where a scan's symbols and a refinement's correction bits go: counted
+// (the correction bits need no count here), or written with the scan's
+// codes.
+struct SymbolCount {
+    static constexpr bool kKeepsBits = false;
+    uint64_t *counter;
+
+    void symbol(uint32_t sym, uint64_t, int32_t) { ++counter[sym]; }
+    void bits(uint64_t, int32_t) {}
+};
+
+struct SymbolWrite {
+    static constexpr bool kKeepsBits = true;
     BitOut *out;
     const kivoe_code *code;
+
+    // A symbol and its n extra bits (the low bits of extra; n up to 64).
+    void symbol(uint32_t sym, uint64_t extra, int32_t n) {
+        const kivoe_code c = code[sym];
+        if (c.len + n <= 32) {
+            out->put(static_cast<uint32_t>(c.code) << n | static_cast<uint32_t>(extra), c.len + n);
+        } else {
+            out->put(c.code, c.len);
+            out->put64(extra, n);
+        }
+    }
+    // n bits, the low bits of v.
+    void bits(uint64_t v, int32_t n) { out->put64(v, n); }
+};
+
+// End-of-band runs, with the correction bits they hold (first bit in the
+// top of held_bits[0]) where the sink takes them.
+template <class Sink>
+struct EobRun {
+    Sink *sink;
     int32_t run = 0, held = 0;
     uint64_t held_bits[kCorrectionBits / 64 + 1] = {};
 
-    EobWrite(BitOut *o, const kivoe_code *c) : out(o), code(c) {}
-
-    // Writes the run: EOBn, then the run's n low bits (its top bit is
-    // implied), then the correction bits it held back.
+    // EOBn, then the run's n low bits (its top bit is implied), then the
+    // correction bits it held back.
     void flush() {
         if (!run) return;
         const int32_t n = bit_length(static_cast<uint32_t>(run)) - 1;
-        const kivoe_code c = code[n << 4];
-        out->put(static_cast<uint32_t>(c.code) << n | (static_cast<uint32_t>(run) & ((1u << n) - 1)), c.len + n);
-        int32_t i = 0;
-        for (; (i + 1) * 64 <= held; ++i) out->put64(held_bits[i], 64);
-        if (held & 63) out->put64(held_bits[i] >> (64 - (held & 63)), held & 63);
+        sink->symbol(static_cast<uint32_t>(n << 4), static_cast<uint32_t>(run) & ((1u << n) - 1), n);
+        if (Sink::kKeepsBits) {
+            int32_t i = 0;
+            for (; (i + 1) * 64 <= held; ++i) sink->bits(held_bits[i], 64);
+            if (held & 63) sink->bits(held_bits[i] >> (64 - (held & 63)), held & 63);
+        }
         run = held = 0;
     }
     // One more block ends its band in the run, with its n correction bits
     // (the low bits of v, first bit highest).
     void end_band(uint64_t v, int32_t n) {
         ++run;
-        if (n) {
+        if (Sink::kKeepsBits && n) {
             const int32_t used = held & 63, room = 64 - used;
             uint64_t *w = &held_bits[held >> 6];
             if (!used) *w = 0;
@@ -355,8 +371,8 @@ struct EobWrite {
                 *w |= v >> (n - room);
                 w[1] = v << (64 - (n - room));
             }
-            held += n;
         }
+        held += n;
         if (run == 0x7FFF || held > kCorrectionBits - 64) flush();
     }
 };
@@ -424,33 +440,9 @@ struct AcScan {
         }
     }
 
-    // The refinement's symbols are its new levels, each with the zeros
-    // since the previous one (levels already non-zero do not count); after
-    // the last, an end of band holds the correction bits of those already
-    // non-zero. Returns the correction bits, one a level already non-zero.
-    uint64_t count_refine(uint64_t *counter) const {
-        EobCount eob{counter};
-        const uint64_t band = band_bits(ss, se);
-        uint64_t corrections = 0;
-        blocks([&](const int16_t *, const kivoe_planes &p) {
-            const uint64_t nz = p.nz[al] & band, fresh = nz & ~p.nz[al + 1], zeros = band & ~nz;
-            corrections += static_cast<uint32_t>(popcount(nz & ~fresh));
-            int32_t prev = ss - 1;  // the last new level
-            if (fresh) eob.flush();
-            for_each_bit(fresh, [&](int32_t k, int32_t) {
-                const int32_t run = popcount(zeros & after(prev) & before(k));
-                counter[0xF0] += static_cast<uint32_t>(run >> 4);
-                ++counter[(run & 15) << 4 | 1];
-                prev = k;
-            });
-            if (prev < se) eob.end_band(popcount(nz & after(prev)));
-        });
-        eob.flush();
-        return corrections;
-    }
-
     void write_first(BitOut &out, const kivoe_code *code) const {
-        EobWrite eob{&out, code};
+        SymbolWrite sink{&out, code};
+        EobRun<SymbolWrite> eob{&sink};
         const uint64_t band = band_bits(ss, se);
         const kivoe_code zrl = code[0xF0];
         blocks([&](const int16_t *b, const kivoe_planes &p) {
@@ -474,57 +466,59 @@ struct AcScan {
         eob.flush();
     }
 
-    void write_refine(BitOut &out, const kivoe_code *code) const {
-        EobWrite eob{&out, code};
-        const uint64_t band = band_bits(ss, se);
-        const kivoe_code zrl = code[0xF0];
+    // The refinement's symbols are its new levels, each with the zeros
+    // since the previous one (levels already non-zero do not count) and
+    // its sign, followed by the correction bits of the levels already
+    // non-zero that it passed; after the last, an end of band holds the
+    // correction bits left. Every sixteen zeros before a non-zero level
+    // (already or newly) give a ZRL, which the correction bits passed so
+    // far follow. The correction bits come packed per block
+    // (kivoe_planes::corr), the first at the top, and each symbol takes
+    // its own from there. Returns the correction bits.
+    template <class Sink>
+    uint64_t refine(Sink &sink) const {
+        EobRun<Sink> eob{&sink};
+        const uint64_t band = band_bits(ss, se), under = before(ss);
+        uint64_t corrections = 0;
         blocks([&](const int16_t *, const kivoe_planes &p) {
             const uint64_t nz = p.nz[al] & band, old = p.nz[al + 1] & band, fresh = nz & ~old;
-            const uint64_t correction = p.odd[al] & old;
+            corrections += static_cast<uint32_t>(popcount(old));
+            // Correction bits of levels before the band are skipped.
+            uint64_t bits = p.corr[al] << popcount(p.nz[al + 1] & under);
             int32_t prev = ss - 1;  // the last new level
             if (fresh) eob.flush();
             for_each_bit(fresh, [&](int32_t k, int32_t base) {
                 const uint64_t span = after(prev) & before(k);
-                const uint64_t held = old & span;
                 int32_t run = popcount(span & ~nz);
-                uint64_t pending;
-                int32_t n_pending;
+                int32_t held = popcount(old & span);  // correction bits before k
                 if (run > 15) {
-                    // Every sixteen zeros before a non-zero level (already
-                    // or newly) give a ZRL, which the correction bits
-                    // passed so far follow.
                     run = 0;
-                    pending = 0;
-                    n_pending = 0;
+                    held = 0;
                     int32_t q = prev;
-                    for_each_bit(held | uint64_t(1) << k, [&](int32_t j, int32_t b) {
+                    for_each_bit((old & span) | uint64_t(1) << k, [&](int32_t j, int32_t) {
                         run += popcount(span & ~nz & after(q) & before(j));
                         q = j;
                         for (; run > 15; run -= 16) {
-                            out.put(zrl.code, zrl.len);
-                            out.put64(pending, n_pending);
-                            pending = 0;
-                            n_pending = 0;
+                            sink.symbol(0xF0, 0, 0);
+                            if (held) sink.bits(bits >> (64 - held), held);
+                            bits <<= held;
+                            held = 0;
                         }
-                        if (j == k) return;
-                        pending = pending << 1 | bit(correction, j, b);
-                        ++n_pending;
+                        held += j != k;
                     });
-                } else {
-                    pending = gather(correction, held, &n_pending);
                 }
-                const kivoe_code c = code[run << 4 | 1];
-                out.put(static_cast<uint32_t>(c.code) << 1 | (bit(p.neg, k, base) ^ 1), c.len + 1);
-                out.put64(pending, n_pending);
+                const uint64_t sign = bit(p.neg, k, base) ^ 1;
+                sink.symbol(static_cast<uint32_t>(run << 4 | 1), held ? sign << held | bits >> (64 - held) : sign, 1 + held);
+                bits <<= held;
                 prev = k;
             });
             if (prev < se) {
-                int32_t n = 0;
-                const uint64_t pending = gather(correction, old & after(prev), &n);
-                eob.end_band(pending, n);
+                const int32_t n = popcount(old & after(prev));
+                eob.end_band(n ? bits >> (64 - n) : 0, n);
             }
         });
         eob.flush();
+        return corrections;
     }
 };
 
@@ -662,11 +656,19 @@ void code_scan(kivoe_coef_plan &pl, const Scan &s, kivoe_coef_tables &w, bool co
     } else {
         const int32_t c = s.comp[0];
         const AcScan scan{pic->coef[c], pl.g.bw[c], pl.g.bh[c], pic->blk_w[c], pl.planes[c], s.ss, s.se, s.al};
-        if (counting && s.ah) w.corrections = scan.count_refine(w.ac[0].counter);
-        else if (counting) scan.count_first(w.ac[0].counter, rec);
-        else if (s.ah) scan.write_refine(out, w.ac[0].by_symbol);
-        else if (rec && !rec->lost) AcScan::write_recorded(out, w.ac[0].by_symbol, *rec);
-        else scan.write_first(out, w.ac[0].by_symbol);
+        if (counting && s.ah) {
+            SymbolCount sink{w.ac[0].counter};
+            w.corrections = scan.refine(sink);
+        } else if (counting) {
+            scan.count_first(w.ac[0].counter, rec);
+        } else if (s.ah) {
+            SymbolWrite sink{&out, w.ac[0].by_symbol};
+            scan.refine(sink);
+        } else if (rec && !rec->lost) {
+            AcScan::write_recorded(out, w.ac[0].by_symbol, *rec);
+        } else {
+            scan.write_first(out, w.ac[0].by_symbol);
+        }
     }
     out.drain();
 }
@@ -809,19 +811,23 @@ int32_t kivoe_coef_tasks(const kivoe_coef_plan *pl, int32_t step) {
 
 int32_t kivoe_coef_prepare(kivoe_coef_plan *pl, int32_t c) {
     // Every block of the component for the DC scans; only those inside it
-    // for its AC scans.
+    // for its AC scans, a row at a time.
     const kivoe_coef_pic *pic = pl->pic;
-    const size_t blocks = static_cast<size_t>(pic->blk_w[c]) * pic->blk_h[c];
-    for (size_t i = 0; i < blocks; ++i) pl->dc_levels[c][i] = pic->coef[c][64 * i];
+    const int32_t blk_w = pic->blk_w[c], bw = pl->g.bw[c];
     kivoe_planes *p = pl->planes[c];
-    pl->prepared[c] = KIVO_OK;
-    for (int32_t by = 0; by < pl->g.bh[c]; ++by) {
-        const int16_t *b = pic->coef[c] + static_cast<size_t>(by) * pic->blk_w[c] * 64;
-        for (int32_t bx = 0; bx < pl->g.bw[c]; ++bx, b += 64) {
-            if (ac_outside(b)) return pl->prepared[c] = KIVO_ERR_UNSUPPORTED;
-            pl->make_planes(b, p++);
+    uint32_t outside = 0;
+    for (int32_t by = 0; by < pic->blk_h[c] && !outside; ++by) {
+        const int16_t *row = pic->coef[c] + static_cast<size_t>(by) * blk_w * 64;
+        int16_t *dc = pl->dc_levels[c] + static_cast<size_t>(by) * blk_w;
+        int32_t bx = 0;
+        if (by < pl->g.bh[c]) {
+            outside = pl->make_planes(row, bw, p, dc);
+            p += bw;
+            bx = bw;
         }
+        for (; bx < blk_w; ++bx) dc[bx] = row[64 * bx];
     }
+    pl->prepared[c] = outside ? KIVO_ERR_UNSUPPORTED : KIVO_OK;
     return KIVO_OK;
 }
 

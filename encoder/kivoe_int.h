@@ -151,14 +151,32 @@ typedef void (*kivoe_fdct_samples_fn)(const uint8_t *src, int32_t stride, int16_
 typedef void (*kivoe_box2_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
 typedef void (*kivoe_abs_acc_fn)(const int16_t *blk, uint32_t *acc);
 // Bit planes of a block's AC levels in zig-zag order, for the progressive
-// writer: bit z of nz[a] is set when |level| >> a is not zero, of odd[a]
-// when bit a of |level| is set, of neg when the level is negative. Bit 0
-// (the DC position) is clear in all.
+// writer: bit z of nz[a] is set when |level| >> a is not zero, of neg when
+// the level is negative; bit 0 (the DC position) is clear in both. corr[a]
+// holds bit a of |level| for every level set in nz[a + 1], one after the
+// other from the lowest position, which goes to bit 63 (the bits below
+// the last one are clear): a refinement's correction bits in the order it
+// writes them.
 struct kivoe_planes {
-    uint64_t nz[3], odd[2], neg;
+    uint64_t nz[3], corr[2], neg;
 };
-// Levels other than -32768.
-typedef void (*kivoe_planes_fn)(const int16_t *blk, kivoe_planes *out);
+// The planes of n blocks (64 levels each, one after the other) into out[],
+// their DC levels into dc[]. Returns non-zero when some AC level lies
+// outside -1023 to 1023; a block holding -32768 may then have planes
+// other than the plain kernel's.
+typedef uint32_t (*kivoe_planes_fn)(const int16_t *blk, int32_t n, kivoe_planes *out, int16_t *dc);
+
+// The bits of x at the positions set in m, lowest position first, packed
+// from bit 63 down (kivoe_planes::corr from the bit plane of |level|).
+inline uint64_t kivoe_corr_bits(uint64_t x, uint64_t m) {
+    uint64_t r = 0;
+    int32_t n = 0;
+    for (int32_t half = 0; half < 64; half += 32) {
+        const uint32_t v = static_cast<uint32_t>(x >> half);
+        for (uint32_t w = static_cast<uint32_t>(m >> half); w; w &= w - 1, ++n) r = r << 1 | (v >> __builtin_ctz(w) & 1);
+    }
+    return n ? r << (64 - n) : 0;
+}
 
 struct kivoe_proc {
     int32_t (*ready)(kivoe_ctx *ctx);
@@ -367,7 +385,7 @@ uint64_t kivoe_quant_kept(int16_t *blk, const uint16_t *q, const uint16_t *recip
 void kivoe_box2(const uint8_t *src, int32_t stride, int16_t *blk);
 // acc[i] += |blk[i]| for the 64 values (|-32768| = 32768).
 void kivoe_abs_acc(const int16_t *blk, uint32_t *acc);
-void kivoe_planes_c(const int16_t *blk, kivoe_planes *out);
+uint32_t kivoe_planes_c(const int16_t *blk, int32_t n, kivoe_planes *out, int16_t *dc);
 // Fills the transform and quantizer slots from the best variant the CPU
 // flags allow.
 void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags);

@@ -14,7 +14,9 @@ namespace {
 
 // The level bytes in raster order: bits 0 to 2 clear where |level| >> 0, 1,
 // 2 is not zero; 3 and 4 bits 0 and 1 of |level|; 5 the sign.
-inline void level_bytes(const int16_t *blk, __m128i code[4]) {
+// Lanes of bad turn non-zero where |level| exceeds 1023.
+inline void level_bytes(const int16_t *blk, __m128i code[4], __m128i &bad) {
+    const __m128i top = _mm_set1_epi16(1023);
     const __m128i zero = _mm_setzero_si128(), three16 = _mm_set1_epi16(3);
     const __m128i b0 = _mm_set1_epi8(1), b1 = _mm_set1_epi8(2), b2 = _mm_set1_epi8(4), b5 = _mm_set1_epi8(32);
     const __m128i three = _mm_set1_epi8(3);
@@ -23,6 +25,7 @@ inline void level_bytes(const int16_t *blk, __m128i code[4]) {
         const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blk + 16 * r + 8));
         const __m128i s0 = _mm_srai_epi16(v0, 15), s1 = _mm_srai_epi16(v1, 15);
         const __m128i a0 = _mm_sub_epi16(_mm_xor_si128(v0, s0), s0), a1 = _mm_sub_epi16(_mm_xor_si128(v1, s1), s1);
+        bad = _mm_or_si128(bad, _mm_or_si128(_mm_subs_epu16(a0, top), _mm_subs_epu16(a1, top)));
         const __m128i mag = _mm_packus_epi16(a0, a1);  // |level| up to 255
         const __m128i low = _mm_packus_epi16(_mm_and_si128(a0, three16), _mm_and_si128(a1, three16));
         __m128i c = _mm_and_si128(_mm_cmpeq_epi8(mag, zero), b0);
@@ -43,13 +46,22 @@ uint64_t plane(const __m128i *zz) {
     return m & ~uint64_t(1);
 }
 
-inline void planes_of(const __m128i zz[4], kivoe_planes *out) {
+// The planes from the zig-zag ordered level bytes; corr(x, m) packs the
+// bits of x at the positions set in m as kivoe_corr_bits does.
+template <class Corr>
+inline void planes_of(const __m128i zz[4], kivoe_planes *out, Corr &&corr) {
+    const uint64_t nz1 = ~plane<1>(zz) & ~uint64_t(1), nz2 = ~plane<2>(zz) & ~uint64_t(1);
     out->nz[0] = ~plane<0>(zz) & ~uint64_t(1);
-    out->nz[1] = ~plane<1>(zz) & ~uint64_t(1);
-    out->nz[2] = ~plane<2>(zz) & ~uint64_t(1);
-    out->odd[0] = plane<3>(zz);
-    out->odd[1] = plane<4>(zz);
+    out->nz[1] = nz1;
+    out->nz[2] = nz2;
+    out->corr[0] = corr(plane<3>(zz), nz1);
+    out->corr[1] = corr(plane<4>(zz), nz2);
     out->neg = plane<5>(zz);
+}
+
+// Non-zero when some lane of bad is.
+inline uint32_t any_lane(__m128i bad) {
+    return static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(bad, _mm_setzero_si128())) ^ 0xFFFF);
 }
 
 }  // namespace

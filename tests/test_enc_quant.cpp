@@ -237,7 +237,8 @@ TEST(EncRef, JndFilterThresholdsAndSuppression) {
 
 #if defined(KIVO_ARCH_x86)
 const uint32_t kSse = KIVO_CPU_SSE2 | KIVO_CPU_SSSE3 | KIVO_CPU_SSE41;
-const uint32_t kLevels[] = {0, KIVO_CPU_SSE2, KIVO_CPU_SSE2 | KIVO_CPU_SSSE3, kSse, kSse | KIVO_CPU_AVX2};
+const uint32_t kLevels[] = {0, KIVO_CPU_SSE2, KIVO_CPU_SSE2 | KIVO_CPU_SSSE3, kSse, kSse | KIVO_CPU_AVX2,
+                             kSse | KIVO_CPU_AVX2 | KIVO_CPU_BMI2};
 #elif defined(KIVO_ARCH_arm)
 const uint32_t kLevels[] = {0, KIVO_CPU_NEON};
 #else
@@ -312,13 +313,19 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
             if (plain.fdct_quant_mask(a.at, &odd[65], &odd[129]) != p.fdct_quant_mask(b.at, &odd[65], &odd[129]) || !(a == b))
                 fail("fdct_quant_mask", flags, i);
         }
-        for (size_t i = 0; planes && i < sets.coefs.size(); ++i) {
-            Slot a(sets.coefs[i].data(), i % 5);
-            for (int k = 0; k < 64; ++k) a.at[k] = std::max<int16_t>(a.at[k], -32767);
-            kivoe_planes x, y;
-            plain.planes(a.at, &x);
-            p.planes(a.at, &y);
-            if (std::memcmp(&x, &y, sizeof(x))) fail("planes", flags, i);
+        // Runs of one to three blocks: the range flag as given, the planes
+        // and DC levels without -32768.
+        for (size_t i = 0; planes && i + 3 <= sets.coefs.size(); ++i) {
+            const int n = 1 + static_cast<int>(i % 3);
+            std::vector<int16_t> run(64 * n);
+            for (int b = 0; b < n; ++b) std::copy(sets.coefs[i + b].begin(), sets.coefs[i + b].end(), run.begin() + 64 * b);
+            kivoe_planes x[3], y[3];
+            int16_t dx[3], dy[3];
+            if (!plain.planes(run.data(), n, x, dx) != !p.planes(run.data(), n, y, dy)) fail("planes range", flags, i);
+            for (int16_t &v : run) v = std::max<int16_t>(v, -32767);
+            if (!plain.planes(run.data(), n, x, dx) != !p.planes(run.data(), n, y, dy) || std::memcmp(x, y, n * sizeof(x[0])) ||
+                std::memcmp(dx, dy, n * sizeof(dx[0])))
+                fail("planes", flags, i);
         }
         // The filter reads two lines above and below the block, here from
         // consecutive sample blocks.
