@@ -32,6 +32,8 @@ uint64_t kivoe_fdct_quant_samples_avx2(const uint8_t *src, int32_t stride, int16
 void kivoe_quant_rdoq_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 uint32_t kivoe_planes_avx2(const int16_t *blk, int32_t n, kivoe_planes *out, int16_t *dc);
 uint32_t kivoe_planes_bmi2(const int16_t *blk, int32_t n, kivoe_planes *out, int16_t *dc);
+uint64_t kivoe_refine_count_bmi2(const kivoe_ac_scan *s, uint64_t *counter);
+void kivoe_refine_write_bmi2(const kivoe_ac_scan *s, const kivoe_code *code, xelo_bsw *bs);
 void kivoe_jnd_suppress_avx2(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
                              const uint8_t *thr);
 uint64_t kivoe_levels_mask_avx2(const int16_t *blk);

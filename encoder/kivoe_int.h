@@ -178,6 +178,19 @@ inline uint64_t kivoe_corr_bits(uint64_t x, uint64_t m) {
     return n ? r << (64 - n) : 0;
 }
 
+// A refinement scan of one component: the planes of its n blocks in
+// coding order, its band ss..se (1 to 63) and the bit al (0 or 1) it codes.
+struct kivoe_ac_scan {
+    const kivoe_planes *planes;
+    int32_t n, ss, se, al;
+};
+// Counts the scan's symbols into counter (by symbol, added to); returns
+// its correction bits.
+typedef uint64_t (*kivoe_refine_count_fn)(const kivoe_ac_scan *s, uint64_t *counter);
+// Writes the scan's entropy-coded data with the codes by symbol into bs,
+// whose flush stuffs bytes; leaves the last bits in bs's accumulator.
+typedef void (*kivoe_refine_write_fn)(const kivoe_ac_scan *s, const kivoe_code *code, xelo_bsw *bs);
+
 struct kivoe_proc {
     int32_t (*ready)(kivoe_ctx *ctx);
     int32_t (*push)(kivoe_ctx *ctx, xelo_imgb *imgb);
@@ -197,6 +210,8 @@ struct kivoe_proc {
     // Kernels beyond the fifteen slots, chosen the same way.
     kivoe_jndfilt_fn jndfilt;
     kivoe_planes_fn planes;
+    kivoe_refine_count_fn refine_count;
+    kivoe_refine_write_fn refine_write;
     kivoe_quant_mask_fn quant_mask;
     kivoe_quant_mask_fn fdct_quant_mask;  // kivoe_fdct_quant_mask
     // kivoe_fdct_quant_samples where a variant reads the samples faster
@@ -386,6 +401,8 @@ void kivoe_box2(const uint8_t *src, int32_t stride, int16_t *blk);
 // acc[i] += |blk[i]| for the 64 values (|-32768| = 32768).
 void kivoe_abs_acc(const int16_t *blk, uint32_t *acc);
 uint32_t kivoe_planes_c(const int16_t *blk, int32_t n, kivoe_planes *out, int16_t *dc);
+uint64_t kivoe_refine_count(const kivoe_ac_scan *s, uint64_t *counter);
+void kivoe_refine_write(const kivoe_ac_scan *s, const kivoe_code *code, xelo_bsw *bs);
 // Fills the transform and quantizer slots from the best variant the CPU
 // flags allow.
 void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags);

@@ -26,13 +26,15 @@ uint32_t kivoe_planes_neon(const int16_t *blk, int32_t n, kivoe_planes *out, int
     const uint8x8_t nz_bits = {0, 1, 3, 3, 7, 7, 7, 7};
     const uint8x8_t four = vdup_n_u8(4), sign = vdup_n_u8(32), half = vdup_n_u8(32);
     const uint16x8_t three = vdupq_n_u16(3), top = vdupq_n_u16(1023);
+    const uint16x8_t not_dc = {0, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF};
     uint16x8_t bad = vdupq_n_u16(0);
     for (int32_t b = 0; b < n; ++b, blk += 64) {
         uint8x8_t code[8];
         for (int32_t r = 0; r < 8; ++r) {
             const int16x8_t v = vld1q_s16(blk + 8 * r);
             const int16x8_t a = vabsq_s16(v);
-            bad = vorrq_u16(bad, vcgtq_u16(vreinterpretq_u16_s16(a), top));  // -32768 stays 32768
+            const uint16x8_t over = vcgtq_u16(vreinterpretq_u16_s16(a), top);  // -32768 stays 32768
+            bad = vorrq_u16(bad, r ? over : vandq_u16(over, not_dc));
             const uint8x8_t nz = vtbl1_u8(nz_bits, vmin_u8(vqmovun_s16(a), four));
             const uint8x8_t low = vmovn_u16(vandq_u16(vreinterpretq_u16_s16(a), three));
             const uint8x8_t neg = vmovn_u16(vreinterpretq_u16_s16(vshrq_n_s16(v, 15)));

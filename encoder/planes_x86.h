@@ -14,9 +14,9 @@ namespace {
 
 // The level bytes in raster order: bits 0 to 2 clear where |level| >> 0, 1,
 // 2 is not zero; 3 and 4 bits 0 and 1 of |level|; 5 the sign.
-// Lanes of bad turn non-zero where |level| exceeds 1023.
+// Lanes of bad turn non-zero where |level| of an AC level exceeds 1023.
 inline void level_bytes(const int16_t *blk, __m128i code[4], __m128i &bad) {
-    const __m128i top = _mm_set1_epi16(1023);
+    const __m128i top = _mm_set1_epi16(1023), not_dc = _mm_set_epi16(-1, -1, -1, -1, -1, -1, -1, 0);
     const __m128i zero = _mm_setzero_si128(), three16 = _mm_set1_epi16(3);
     const __m128i b0 = _mm_set1_epi8(1), b1 = _mm_set1_epi8(2), b2 = _mm_set1_epi8(4), b5 = _mm_set1_epi8(32);
     const __m128i three = _mm_set1_epi8(3);
@@ -25,7 +25,8 @@ inline void level_bytes(const int16_t *blk, __m128i code[4], __m128i &bad) {
         const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blk + 16 * r + 8));
         const __m128i s0 = _mm_srai_epi16(v0, 15), s1 = _mm_srai_epi16(v1, 15);
         const __m128i a0 = _mm_sub_epi16(_mm_xor_si128(v0, s0), s0), a1 = _mm_sub_epi16(_mm_xor_si128(v1, s1), s1);
-        bad = _mm_or_si128(bad, _mm_or_si128(_mm_subs_epu16(a0, top), _mm_subs_epu16(a1, top)));
+        const __m128i over0 = _mm_subs_epu16(a0, top);
+        bad = _mm_or_si128(bad, _mm_or_si128(r ? over0 : _mm_and_si128(over0, not_dc), _mm_subs_epu16(a1, top)));
         const __m128i mag = _mm_packus_epi16(a0, a1);  // |level| up to 255
         const __m128i low = _mm_packus_epi16(_mm_and_si128(a0, three16), _mm_and_si128(a1, three16));
         __m128i c = _mm_and_si128(_mm_cmpeq_epi8(mag, zero), b0);
