@@ -143,6 +143,17 @@ inline bool ac_outside(const int16_t *b) {
     return outside != 0;
 }
 
+// Asks for the block kPrefetchBlocks further along its row of blocks (in
+// 16-bit levels past the rows' end it may be another row's, or nothing:
+// a prefetch never faults), ahead of the loops that read blocks in order,
+// whose first touch of a block would otherwise wait for memory.
+constexpr int32_t kPrefetchBlocks = 8;
+inline void prefetch_ahead(const int16_t *b) {
+    const char *p = reinterpret_cast<const char *>(b + 64 * kPrefetchBlocks);
+    __builtin_prefetch(p);
+    __builtin_prefetch(p + 64);
+}
+
 // Whether some DC difference, in the order of the first scan, lies outside
 // its categories; dc(c, i) is block i's DC level of component c.
 template <class Dc>
@@ -229,7 +240,10 @@ struct AcScan {
         const kivoe_planes *p = planes;
         for (int32_t by = 0; by < bh; ++by) {
             const int16_t *b = coef + static_cast<size_t>(by) * blk_w * 64;
-            for (int32_t bx = 0; bx < bw; ++bx, b += 64) f(b, *p++);
+            for (int32_t bx = 0; bx < bw; ++bx, b += 64) {
+                prefetch_ahead(b);
+                f(b, *p++);
+            }
         }
     }
 
@@ -398,6 +412,7 @@ void code_scan(kivoe_coef_plan &pl, const Scan &s, kivoe_coef_tables &w, bool co
         bool out = false;
         for_each_block(pic, pl.g, s, [&](int32_t c, size_t i) {
             const int16_t *b = pic->coef[c] + 64 * i;
+            prefetch_ahead(b);
             const int32_t d = b[0] - pred[c];
             pred[c] = b[0];
             kivoe_dc_tbl *dc = &w.dc[table_of(s, c)];
