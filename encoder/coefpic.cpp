@@ -154,22 +154,6 @@ inline void prefetch_ahead(const int16_t *b) {
     __builtin_prefetch(p + 64);
 }
 
-// Whether some DC difference, in the order of the first scan, lies outside
-// its categories; dc(c, i) is block i's DC level of component c.
-template <class Dc>
-bool dc_diffs_outside(const kivoe_coef_pic *pic, const Geometry &g, const Script &baseline, Dc &&dc) {
-    for (int32_t i = 0; i < baseline.n; ++i) {
-        int32_t pred[4] = {0, 0, 0, 0};
-        const bool ok = for_each_block(pic, g, baseline.scan[i], [&](int32_t c, size_t i) {
-            const int32_t d = dc(c, i) - pred[c];
-            pred[c] = dc(c, i);
-            return !dc_outside(d);
-        });
-        if (!ok) return true;
-    }
-    return false;
-}
-
 // ---- progressive coding -----------------------------------------------------------------
 
 // Arithmetic shift right without shifting a negative value.
@@ -376,14 +360,14 @@ struct kivoe_coef_plan {
     int32_t coding;
     bool record;  // first AC scans' symbols recorded while counted
     Geometry g;
-    Script baseline, script;
+    Script script;
     // Each scan's tables, built from its counts, and the least bits its
     // entropy-coded data can take.
     struct {
         kivoe_huff_spec spec[4];
         int32_t n_spec;
         uint64_t bits;
-        bool outside;  // baseline: some level counted lies outside its categories
+        bool outside;  // some level or DC difference counted lies outside its categories
         Record record;  // first AC scans: their symbols
     } scan[kMaxScans];
     // Progressive: the bit planes of every block's AC levels, per component
@@ -438,12 +422,20 @@ void code_scan(kivoe_coef_plan &pl, const Scan &s, kivoe_coef_tables &w, bool co
     }
     BitOut out(bs);
     if (s.ss == 0) {
+        // The first DC scans, in the order of the baseline ones, check the
+        // whole levels' differences while counting.
+        int32_t whole[4] = {0, 0, 0, 0};
+        bool dc_out = false;
         for_each_block(pic, pl.g, s, [&](int32_t c, size_t i) {
             const int32_t dc = pl.dc_levels[c][i];
             if (s.ah) {
                 if (counting) ++w.corrections;
                 else out.put(static_cast<uint32_t>(asr(dc, s.al) & 1), 1);
                 return true;
+            }
+            if (counting) {
+                dc_out = dc_out || dc_outside(dc - whole[c]);
+                whole[c] = dc;
             }
             const int32_t v = asr(dc, s.al);
             const int32_t d = v - pred[c];
@@ -458,6 +450,7 @@ void code_scan(kivoe_coef_plan &pl, const Scan &s, kivoe_coef_tables &w, bool co
             }
             return true;
         });
+        if (outside) *outside = dc_out;
     } else {
         const int32_t c = s.comp[0];
         const AcScan scan{pic->coef[c], pl.g.bw[c], pl.g.bh[c], pic->blk_w[c], pl.planes[c], s.ss, s.se, s.al};
@@ -555,7 +548,6 @@ int32_t kivoe_coef_plan_new(const kivoe_coef_pic *pic, int32_t coding, kivoe_coe
     pl->coding = coding;
     pl->record = record;
     pl->g = g;
-    make_script(pic->n_comp, g.interleave, KIVOE_CODING_BASELINE, &pl->baseline);
     make_script(pic->n_comp, g.interleave, coding, &pl->script);
     bool ok = true;
     for (int32_t c = 0; c < pic->n_comp; ++c) {
@@ -632,9 +624,7 @@ int32_t kivoe_coef_prepared(const kivoe_coef_plan *pl) {
     if (pl->coding != KIVOE_CODING_PROGRESSIVE) return KIVO_OK;
     for (int32_t c = 0; c < pl->pic->n_comp; ++c)
         if (pl->prepared[c] < 0) return pl->prepared[c];
-    const bool outside =
-        dc_diffs_outside(pl->pic, pl->g, pl->baseline, [pl](int32_t c, size_t i) { return pl->dc_levels[c][i]; });
-    return outside ? KIVO_ERR_UNSUPPORTED : KIVO_OK;
+    return KIVO_OK;
 }
 
 void kivoe_coef_count(kivoe_coef_plan *pl, int32_t i, kivoe_coef_tables *w) {

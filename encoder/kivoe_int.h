@@ -483,11 +483,12 @@ int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw
 //    (0, -102, or -105 for a record we cannot write).
 // 2. kivoe_coef_prepare for each component below kivoe_coef_tasks(plan,
 //    KIVOE_COEF_PREPARE) (the progressive bit planes; none for baseline),
-//    then kivoe_coef_prepared: 0, or -103 for levels outside 8-bit data's
-//    categories.
+//    then kivoe_coef_prepared: 0, or -103 for AC levels outside 8-bit
+//    data's categories.
 // 3. kivoe_coef_count for each scan below kivoe_coef_tasks(plan,
 //    KIVOE_COEF_SCANS), then kivoe_coef_counted: the stream's least size
-//    (stuffing aside), or -103.
+//    (stuffing aside), or -103 (levels or DC differences outside their
+//    categories).
 // 4. kivoe_coef_write_head, kivoe_coef_write_scan for each scan in order
 //    (each may go to a writer of its own and the bytes be joined after: a
 //    scan needs at most kivoe_coef_scan_room(plan, scan, true) bytes, and
