@@ -133,14 +133,17 @@ int32_t check_picture(const kivoe_coef_pic *pic, Geometry *g) {
 }
 
 // The categories of 8-bit data hold DC differences within +-2047 and AC
-// levels within +-1023. The passes that read every block anyway check them
-// while the block is in cache.
+// levels within +-1023. The counting passes check the differences as they
+// go and the baseline AC levels by the sizes they counted; the progressive
+// bit planes check the AC levels as they are made.
 inline bool dc_outside(int32_t d) { return static_cast<uint32_t>(d + 2047) > 4094; }
 
-inline bool ac_outside(const int16_t *b) {
-    uint32_t outside = 0;
-    for (int32_t k = 1; k < 64; ++k) outside |= static_cast<uint16_t>(b[k] + 1023) > 2046;
-    return outside != 0;
+// Whether some AC level counted into t has a size above 10 (1024 and up).
+inline bool ac_sizes_outside(const kivoe_ac_tbl &t) {
+    uint64_t n = 0;
+    for (int32_t run = 0; run < 16; ++run)
+        for (int32_t size = 11; size < 16; ++size) n |= t.counter[run << 4 | size];
+    return n != 0;
 }
 
 // Asks for the block kPrefetchBlocks further along its row of blocks (in
@@ -402,15 +405,16 @@ void code_scan(kivoe_coef_plan &pl, const Scan &s, kivoe_coef_tables &w, bool co
             kivoe_dc_tbl *dc = &w.dc[table_of(s, c)];
             kivoe_ac_tbl *ac = &w.ac[table_of(s, c)];
             if (counting) {
-                out = out || dc_outside(d) || ac_outside(b);
+                // A level without a size stops the count (all ones).
+                out = out || dc_outside(d);
                 kivoe_vlc_dc_stat(bs, dc, d);
-                pl.masks[c][i] = kivoe_vlc_ac_stat_mask(ac, b);
+                out = out || ~(pl.masks[c][i] = kivoe_vlc_ac_stat_mask(ac, b)) == 0;
             } else {
                 kivoe_vlc_block_mask(bs, dc, ac, d, b, pl.masks[c][i]);
             }
             return true;
         });
-        if (outside) *outside = out;
+        if (outside) *outside = out || ac_sizes_outside(w.ac[0]) || ac_sizes_outside(w.ac[1]);
         return;
     }
     if (s.ss > 0 && s.ah) {
