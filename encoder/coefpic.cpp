@@ -385,7 +385,16 @@ struct kivoe_coef_plan {
     // Baseline: the zig-zag masks of every block's non-zero AC levels,
     // found while counting, for the writing pass.
     uint64_t *masks[4];
+    // Where the memory above came from and goes back to, and the bytes of
+    // each component's planes, DC levels and masks.
+    kivoe_coef_store *store;
+    size_t got[4][3];
 };
+
+static_assert(KIVOE_STORE_DC - KIVOE_STORE_PLANES >= 4 && KIVOE_STORE_MASKS - KIVOE_STORE_DC >= 4 &&
+                  KIVOE_STORE_RECORDS - KIVOE_STORE_MASKS >= 4 && KIVOE_STORE_CALLER - KIVOE_STORE_RECORDS >= kMaxScans &&
+                  KIVOE_STORE_SLOTS > KIVOE_STORE_CALLER,
+              "a store slot for every component's and every scan's memory");
 
 namespace {
 
@@ -538,7 +547,39 @@ void write_tail(const kivoe_coef_plan &pl, xelo_bsw *bs) {
 
 }  // namespace
 
-int32_t kivoe_coef_plan_new(const kivoe_coef_pic *pic, int32_t coding, kivoe_coef_plan **out) {
+void *kivoe_coef_store_take(kivoe_coef_store *store, int32_t slot, size_t bytes, size_t *got) {
+    if (store && store->buf[slot]) {
+        void *p = store->buf[slot];
+        const size_t size = store->size[slot];
+        store->buf[slot] = nullptr;
+        store->size[slot] = 0;
+        if (size >= bytes) {
+            *got = size;
+            return p;
+        }
+        std::free(p);  // too small: the larger memory made now goes back instead
+    }
+    void *p = bytes ? std::malloc(bytes) : nullptr;
+    *got = p ? bytes : 0;
+    return p;
+}
+
+void kivoe_coef_store_give(kivoe_coef_store *store, int32_t slot, void *p, size_t size) {
+    if (!p) return;
+    if (store && !store->buf[slot]) {
+        store->buf[slot] = p;
+        store->size[slot] = size;
+        return;
+    }
+    std::free(p);
+}
+
+void kivoe_coef_store_free(kivoe_coef_store *store) {
+    for (int32_t i = 0; i < KIVOE_STORE_SLOTS; ++i) std::free(store->buf[i]);
+    *store = kivoe_coef_store{};
+}
+
+int32_t kivoe_coef_plan_new(const kivoe_coef_pic *pic, int32_t coding, kivoe_coef_plan **out, kivoe_coef_store *store) {
     *out = nullptr;
     const bool record = !(coding & KIVOE_CODING_LIKELY_COUNTED_ONLY);
     coding &= ~KIVOE_CODING_LIKELY_COUNTED_ONLY;
@@ -552,18 +593,31 @@ int32_t kivoe_coef_plan_new(const kivoe_coef_pic *pic, int32_t coding, kivoe_coe
     pl->coding = coding;
     pl->record = record;
     pl->g = g;
+    pl->store = store;
     make_script(pic->n_comp, g.interleave, coding, &pl->script);
     bool ok = true;
     for (int32_t c = 0; c < pic->n_comp; ++c) {
         const size_t blocks = static_cast<size_t>(pic->blk_w[c]) * pic->blk_h[c];
+        auto &got = pl->got[c];
         if (coding == KIVOE_CODING_BASELINE) {
-            pl->masks[c] = static_cast<uint64_t *>(std::malloc(blocks * sizeof(uint64_t)));
+            pl->masks[c] = static_cast<uint64_t *>(
+                kivoe_coef_store_take(store, KIVOE_STORE_MASKS + c, blocks * sizeof(uint64_t), &got[2]));
             ok &= pl->masks[c] != nullptr;
         } else {
-            pl->planes[c] = static_cast<kivoe_planes *>(std::malloc(static_cast<size_t>(g.bw[c]) * g.bh[c] * sizeof(kivoe_planes)));
-            pl->dc_levels[c] = static_cast<int16_t *>(std::malloc(blocks * sizeof(int16_t)));
+            const size_t inside = static_cast<size_t>(g.bw[c]) * g.bh[c];
+            pl->planes[c] = static_cast<kivoe_planes *>(
+                kivoe_coef_store_take(store, KIVOE_STORE_PLANES + c, inside * sizeof(kivoe_planes), &got[0]));
+            pl->dc_levels[c] =
+                static_cast<int16_t *>(kivoe_coef_store_take(store, KIVOE_STORE_DC + c, blocks * sizeof(int16_t), &got[1]));
             ok &= pl->planes[c] && pl->dc_levels[c];
         }
+    }
+    // The records' memory as the store has it (grown while counting).
+    for (int32_t i = 0; i < pl->script.n && coding == KIVOE_CODING_PROGRESSIVE && record; ++i) {
+        size_t got = 0;
+        Record &r = pl->scan[i].record;
+        r.sym = static_cast<uint32_t *>(kivoe_coef_store_take(store, KIVOE_STORE_RECORDS + i, 0, &got));
+        r.room = got / sizeof(uint32_t);
     }
     if (coding == KIVOE_CODING_PROGRESSIVE) {
         kivoe_proc proc{};
@@ -582,11 +636,15 @@ int32_t kivoe_coef_plan_new(const kivoe_coef_pic *pic, int32_t coding, kivoe_coe
 
 void kivoe_coef_plan_free(kivoe_coef_plan *pl) {
     if (!pl) return;
-    for (auto &st : pl->scan) std::free(st.record.sym);
+    kivoe_coef_store *store = pl->store;
+    for (int32_t i = 0; i < kMaxScans; ++i) {
+        const Record &r = pl->scan[i].record;
+        kivoe_coef_store_give(store, KIVOE_STORE_RECORDS + i, r.sym, r.room * sizeof(uint32_t));
+    }
     for (int32_t c = 0; c < 4; ++c) {
-        std::free(pl->planes[c]);
-        std::free(pl->dc_levels[c]);
-        std::free(pl->masks[c]);
+        kivoe_coef_store_give(store, KIVOE_STORE_PLANES + c, pl->planes[c], pl->got[c][0]);
+        kivoe_coef_store_give(store, KIVOE_STORE_DC + c, pl->dc_levels[c], pl->got[c][1]);
+        kivoe_coef_store_give(store, KIVOE_STORE_MASKS + c, pl->masks[c], pl->got[c][2]);
     }
     std::free(pl);
 }
@@ -711,7 +769,8 @@ namespace {
 // depends on its inputs alone, so the bytes are those of one thread.
 class SharedCodings {
 public:
-    SharedCodings(const kivo_tpool *tp, void *const *threads) : tp_(tp), threads_(threads) {}
+    SharedCodings(const kivo_tpool *tp, void *const *threads, kivoe_coef_store *store)
+        : tp_(tp), threads_(threads), store_(store) {}
     ~SharedCodings() {
         for (Coding &c : coding_) {
             kivoe_coef_plan_free(c.plan);
@@ -732,7 +791,7 @@ public:
         for (int t = 0; t < 2; ++t)
             if (!(tables_[t] = kivoe_coef_tables_new())) return KIVO_ERR_OUT_OF_MEMORY;
         for (int i = 0; i < n; ++i) {
-            const int32_t r = kivoe_coef_plan_new(pics[i], codings[i], &coding_[i].plan);
+            const int32_t r = kivoe_coef_plan_new(pics[i], codings[i], &coding_[i].plan, store_);
             if (r == KIVO_ERR_OUT_OF_MEMORY) return r;
             coding_[i].status = r;
         }
@@ -882,6 +941,7 @@ private:
 
     const kivo_tpool *tp_;
     void *const *threads_;
+    kivoe_coef_store *store_;
     Coding coding_[2];
     kivoe_coef_tables *tables_[2] = {nullptr, nullptr};
     Task task_[kMaxTasks];
@@ -892,14 +952,15 @@ private:
 }  // namespace
 
 int32_t kivoe_write_coef_pics(const kivo_tpool *tp, void *const *threads, int n, const kivoe_coef_pic *const pics[],
-                              const int32_t codings[], uint8_t *const dst[], const int32_t cap[], int32_t size[]) {
-    return SharedCodings(tp, threads).run(n, pics, codings, dst, cap, size);
+                              const int32_t codings[], uint8_t *const dst[], const int32_t cap[], int32_t size[],
+                              kivoe_coef_store *store) {
+    return SharedCodings(tp, threads, store).run(n, pics, codings, dst, cap, size);
 }
 
-int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw *bs) {
+int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw *bs, kivoe_coef_store *store) {
     if (!bs) return KIVO_ERR_INVALID_ARG;
     kivoe_coef_plan *pl;
-    int32_t ret = kivoe_coef_plan_new(pic, coding, &pl);
+    int32_t ret = kivoe_coef_plan_new(pic, coding, &pl, store);
     if (ret < 0) return ret;
     kivoe_coef_tables *w = kivoe_coef_tables_new();
     if (!w) {

@@ -470,11 +470,39 @@ enum kivoe_coding { KIVOE_CODING_BASELINE = 0, KIVOE_CODING_PROGRESSIVE = 1 };
 // fits), so its symbols are not recorded for the writing while counted.
 constexpr int32_t KIVOE_CODING_LIKELY_COUNTED_ONLY = 0x100;
 
+// Memory the coefficient coder borrows and gives back, which a handle keeps
+// between calls so that pictures of the same size find it mapped already:
+// per component its bit planes, DC levels and baseline masks, per scan its
+// record, and room for the caller's own use (kivoe_coef_store_take with
+// slots from KIVOE_STORE_CALLER). All zero is an empty store.
+enum {
+    KIVOE_STORE_PLANES = 0,
+    KIVOE_STORE_DC = 4,
+    KIVOE_STORE_MASKS = 8,
+    KIVOE_STORE_RECORDS = 12,
+    KIVOE_STORE_CALLER = 36,
+    KIVOE_STORE_SLOTS = 40
+};
+struct kivoe_coef_store {
+    void *buf[KIVOE_STORE_SLOTS];
+    size_t size[KIVOE_STORE_SLOTS];
+};
+// At least bytes of memory from slot (*got: how many; null for want of
+// memory, or for 0 bytes and an empty slot): the slot's own, or new memory
+// when it holds less (then freed). Leaves the slot empty; store may be null.
+void *kivoe_coef_store_take(kivoe_coef_store *store, int32_t slot, size_t bytes, size_t *got);
+// Memory (of size bytes) back to slot, kept if the slot is empty, freed
+// otherwise (always, with store null).
+void kivoe_coef_store_give(kivoe_coef_store *store, int32_t slot, void *p, size_t size);
+void kivoe_coef_store_free(kivoe_coef_store *store);
+
 // Codes a coefficient picture as a whole stream into bs: baseline with
 // Huffman tables optimised for its levels, or progressive with the scan
 // script for its component count and tables optimised per scan. Returns 0 or
 // a negative status; an output too small for the stream sets bs->overflow.
-int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw *bs);
+// The coder's memory comes from store where given.
+int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw *bs,
+                             kivoe_coef_store *store = nullptr);
 
 // The same coding in tasks that threads may share, each scan's counting and
 // writing one task, so that what is written does not depend on which thread
@@ -498,7 +526,8 @@ int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw
 struct kivoe_coef_plan;
 struct kivoe_coef_tables;
 enum { KIVOE_COEF_PREPARE = 0, KIVOE_COEF_SCANS = 1 };
-int32_t kivoe_coef_plan_new(const kivoe_coef_pic *pic, int32_t coding, kivoe_coef_plan **out);
+int32_t kivoe_coef_plan_new(const kivoe_coef_pic *pic, int32_t coding, kivoe_coef_plan **out,
+                            kivoe_coef_store *store = nullptr);
 void kivoe_coef_plan_free(kivoe_coef_plan *plan);
 kivoe_coef_tables *kivoe_coef_tables_new();
 void kivoe_coef_tables_free(kivoe_coef_tables *tables);
@@ -518,6 +547,7 @@ void kivoe_coef_write_tail(const kivoe_coef_plan *plan, xelo_bsw *bs);
 // kivoe_write_coef_pic. KIVO_OK, -102 for want of memory, or another
 // negative status when the threads could not run it (nothing written).
 int32_t kivoe_write_coef_pics(const kivo_tpool *tp, void *const *threads, int n, const kivoe_coef_pic *const pics[],
-                              const int32_t codings[], uint8_t *const dst[], const int32_t cap[], int32_t size[]);
+                              const int32_t codings[], uint8_t *const dst[], const int32_t cap[], int32_t size[],
+                              kivoe_coef_store *store = nullptr);
 
 #endif
