@@ -529,6 +529,18 @@ void write_head(const kivoe_coef_plan &pl, xelo_bsw *bs) {
     kivoe_write_sof(bs, &fh, pl.coding == KIVOE_CODING_PROGRESSIVE ? 0xC2 : wide ? 0xC1 : 0xC0);
 }
 
+// The order in which a coding's scans are counted: the first DC scans
+// (which check the DC differences), then the others from the last, which
+// usually hold the most bits, so that a stream that cannot fit is found
+// with the fewest scans counted. Any order counts the same.
+void count_order(const Script &s, int32_t order[kMaxScans]) {
+    int32_t n = 0;
+    for (int32_t i = 0; i < s.n; ++i)
+        if (s.scan[i].ss == 0 && s.scan[i].ah == 0) order[n++] = i;
+    for (int32_t i = s.n - 1; i >= 0; --i)
+        if (s.scan[i].ss != 0 || s.scan[i].ah != 0) order[n++] = i;
+}
+
 // EOI and the trailing bytes, as far as they fit.
 void write_tail(const kivoe_coef_plan &pl, xelo_bsw *bs) {
     put(bs, 0xFFD9, 16);
@@ -808,16 +820,23 @@ public:
         }
         int32_t r = run_step();
         if (r != KIVO_OK) return r;
+        // Progressive counting, the scans in count_order's order, which stop
+        // once those counted cannot fit.
         for (int i = 0; i < n; ++i) {
-            kivoe_coef_plan *plan = coding_[i].plan;
-            if (coding_[i].status != KIVO_OK || (codings[i] & ~KIVOE_CODING_LIKELY_COUNTED_ONLY) == KIVOE_CODING_BASELINE) continue;
-            if ((coding_[i].status = kivoe_coef_prepared(plan)) != KIVO_OK) continue;
-            for (int k = 0; k < kivoe_coef_tasks(plan, KIVOE_COEF_SCANS); ++k) add(Task::kCount, plan, k);
+            Coding &c = coding_[i];
+            if (c.status != KIVO_OK || (codings[i] & ~KIVOE_CODING_LIKELY_COUNTED_ONLY) == KIVOE_CODING_BASELINE) continue;
+            if ((c.status = kivoe_coef_prepared(c.plan)) != KIVO_OK) continue;
+            c.cap = static_cast<uint64_t>(cap[i]);
+            c.least = 2 + static_cast<uint64_t>(pics[i]->trailer_len);
+            int32_t order[kMaxScans];
+            count_order(c.plan->script, order);
+            for (int k = 0; k < kivoe_coef_tasks(c.plan, KIVOE_COEF_SCANS); ++k) add(Task::kCount, c.plan, order[k], nullptr, &c);
         }
         if ((r = run_step()) != KIVO_OK) return r;
         for (int i = 0; i < n; ++i) {
             Coding &c = coding_[i];
             uint64_t least = 0;
+            if (c.cannot_fit) continue;
             if (c.status == KIVO_OK) c.status = kivoe_coef_counted(c.plan, &least);
             if (c.status != KIVO_OK || least > static_cast<uint64_t>(cap[i])) continue;
             if ((r = make_room(c)) != KIVO_OK) return r;
@@ -835,11 +854,13 @@ public:
     }
 
 private:
+    struct Coding;
     struct Task {
         enum Kind { kPrepare, kCount, kWrite } kind;
         kivoe_coef_plan *plan;
         int index;
         xelo_bsw *bs;
+        Coding *stops;  // counting: the coding whose count stops once it cannot fit
     };
     // A step's tasks: every scan of two codings at most.
     static constexpr int kMaxTasks = 2 * kMaxScans;
@@ -850,14 +871,19 @@ private:
         int n_scans = 0;
         xelo_bsw scan[kMaxScans];
         uint8_t *more[kMaxScans] = {};  // rooms of scans written again
+        // Progressive counting: the least bytes of the scans counted so far
+        // against the cap, and whether they already exceed it.
+        uint64_t cap = 0;
+        std::atomic<uint64_t> least{0};
+        std::atomic<bool> cannot_fit{false};
     };
     struct Thread {
         SharedCodings *self;
         kivoe_coef_tables *tables;
     };
 
-    void add(Task::Kind kind, kivoe_coef_plan *plan, int index, xelo_bsw *bs = nullptr) {
-        task_[n_tasks_++] = Task{kind, plan, index, bs};
+    void add(Task::Kind kind, kivoe_coef_plan *plan, int index, xelo_bsw *bs = nullptr, Coding *stops = nullptr) {
+        task_[n_tasks_++] = Task{kind, plan, index, bs, stops};
     }
 
     static int32_t work(void *arg) {
@@ -865,9 +891,16 @@ private:
         SharedCodings *s = t->self;
         for (int i; (i = s->next_.fetch_add(1, std::memory_order_relaxed)) < s->n_tasks_;) {
             const Task &k = s->task_[i];
-            if (k.kind == Task::kPrepare) kivoe_coef_prepare(k.plan, k.index);
-            else if (k.kind == Task::kCount) kivoe_coef_count(k.plan, k.index, t->tables);
-            else kivoe_coef_write_scan(k.plan, k.index, t->tables, k.bs);
+            if (k.kind == Task::kPrepare) {
+                kivoe_coef_prepare(k.plan, k.index);
+            } else if (k.kind == Task::kCount) {
+                if (k.stops && k.stops->cannot_fit.load(std::memory_order_relaxed)) continue;
+                kivoe_coef_count(k.plan, k.index, t->tables);
+                if (k.stops && k.stops->least.fetch_add(scan_bytes(*k.plan, k.index)) + scan_bytes(*k.plan, k.index) > k.stops->cap)
+                    k.stops->cannot_fit.store(true, std::memory_order_relaxed);
+            } else {
+                kivoe_coef_write_scan(k.plan, k.index, t->tables, k.bs);
+            }
         }
         return KIVO_OK;
     }
@@ -972,10 +1005,22 @@ int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw
     if (ret == KIVO_OK) {
         write_head(*pl, bs);
         // Every scan is counted before any is written: a stream whose least
-        // size cannot fit in the room left is not written at all.
-        for (int32_t i = 0; i < pl->script.n; ++i) kivoe_coef_count(pl, i, w);
+        // size cannot fit in the room left is not written at all, and a
+        // progressive one stops counting as soon as the scans counted cannot.
+        xelo_bsw_sink(bs);
+        const uint64_t room = bs->write_ptr ? static_cast<uint64_t>(bs->end_ptr - bs->write_ptr) : UINT64_MAX;
+        int32_t order[kMaxScans];
+        count_order(pl->script, order);
+        uint64_t least = 2 + static_cast<uint64_t>(pic->trailer_len);
+        bool cannot_fit = false;
+        for (int32_t k = 0; k < pl->script.n && !cannot_fit; ++k) {
+            kivoe_coef_count(pl, order[k], w);
+            least += scan_bytes(*pl, order[k]);
+            cannot_fit = pl->coding == KIVOE_CODING_PROGRESSIVE && least > room;
+        }
         uint64_t need = 0;
-        ret = kivoe_coef_counted(pl, &need);
+        if (cannot_fit) bs->overflow = 1;
+        else ret = kivoe_coef_counted(pl, &need);
         // Before each scan, the least size of what is left.
         for (int32_t i = 0; i < pl->script.n && ret == KIVO_OK; ++i) {
             xelo_bsw_sink(bs);
