@@ -120,47 +120,49 @@ struct SymbolCount {
 
 struct SymbolWrite {
     static constexpr bool kKeepsBits = true;
-    BitOut *out;
+    BitOut out;
     const kivoe_code *code;
+
+    SymbolWrite(xelo_bsw *bs, const kivoe_code *c) : out(bs), code(c) {}
 
     // A symbol and its n extra bits (the low bits of extra; n up to 64).
     void symbol(uint32_t sym, uint64_t extra, int32_t n) {
         const kivoe_code c = code[sym];
         if (c.len + n <= 32) {
-            out->put(static_cast<uint32_t>(c.code) << n | static_cast<uint32_t>(extra), c.len + n);
+            out.put(static_cast<uint32_t>(c.code) << n | static_cast<uint32_t>(extra), c.len + n);
         } else {
-            out->put(c.code, c.len);
-            out->put64(extra, n);
+            out.put(c.code, c.len);
+            out.put64(extra, n);
         }
     }
     // n bits, the low bits of v.
-    void bits(uint64_t v, int32_t n) { out->put64(v, n); }
+    void bits(uint64_t v, int32_t n) { out.put64(v, n); }
 };
 
 // End-of-band runs, with the correction bits they hold (first bit in the
-// top of held_bits[0]) where the sink takes them.
+// top of held_bits[0]) where the sink takes them. The sink comes with each
+// call, so that it may keep its state in registers.
 template <class Sink>
 struct EobRun {
-    Sink *sink;
     int32_t run = 0, held = 0;
     uint64_t held_bits[kCorrectionBits / 64 + 1] = {};
 
     // EOBn, then the run's n low bits (its top bit is implied), then the
     // correction bits it held back.
-    void flush() {
+    void flush(Sink &sink) {
         if (!run) return;
         const int32_t n = bit_length(static_cast<uint32_t>(run)) - 1;
-        sink->symbol(static_cast<uint32_t>(n << 4), static_cast<uint32_t>(run) & ((1u << n) - 1), n);
+        sink.symbol(static_cast<uint32_t>(n << 4), static_cast<uint32_t>(run) & ((1u << n) - 1), n);
         if (Sink::kKeepsBits) {
             int32_t i = 0;
-            for (; (i + 1) * 64 <= held; ++i) sink->bits(held_bits[i], 64);
-            if (held & 63) sink->bits(held_bits[i] >> (64 - (held & 63)), held & 63);
+            for (; (i + 1) * 64 <= held; ++i) sink.bits(held_bits[i], 64);
+            if (held & 63) sink.bits(held_bits[i] >> (64 - (held & 63)), held & 63);
         }
         run = held = 0;
     }
     // One more block ends its band in the run, with its n correction bits
     // (the low bits of v, first bit highest).
-    void end_band(uint64_t v, int32_t n) {
+    void end_band(Sink &sink, uint64_t v, int32_t n) {
         ++run;
         if (Sink::kKeepsBits && n) {
             const int32_t used = held & 63, room = 64 - used;
@@ -174,7 +176,7 @@ struct EobRun {
             }
         }
         held += n;
-        if (run == 0x7FFF || held > kCorrectionBits - 64) flush();
+        if (run == 0x7FFF || held > kCorrectionBits - 64) flush(sink);
     }
 };
 
@@ -190,7 +192,7 @@ struct EobRun {
 template <class Sink>
 uint64_t refine(const kivoe_ac_scan &s, Sink &sink) {
     const int32_t ss = s.ss, se = s.se, al = s.al;
-    EobRun<Sink> eob{&sink};
+    EobRun<Sink> eob;
     const uint64_t band = band_bits(ss, se), under = before(ss);
     uint64_t corrections = 0;
     for (const kivoe_planes *pp = s.planes, *end = s.planes + s.n; pp != end; ++pp) {
@@ -200,7 +202,7 @@ uint64_t refine(const kivoe_ac_scan &s, Sink &sink) {
         // Correction bits of levels before the band are skipped.
         uint64_t bits = p.corr[al] << popcount(p.nz[al + 1] & under);
         int32_t prev = ss - 1;  // the last new level
-        if (fresh) eob.flush();
+        if (fresh) eob.flush(sink);
         for_each_bit(fresh, [&](int32_t k, int32_t base) {
             const uint64_t span = after(prev) & before(k);
             int32_t run = popcount(span & ~nz);
@@ -228,10 +230,10 @@ uint64_t refine(const kivoe_ac_scan &s, Sink &sink) {
         });
         if (prev < se) {
             const int32_t n = popcount(old & after(prev));
-            eob.end_band(n ? bits >> (64 - n) : 0, n);
+            eob.end_band(sink, n ? bits >> (64 - n) : 0, n);
         }
     }
-    eob.flush();
+    eob.flush(sink);
     return corrections;
 }
 

@@ -276,15 +276,16 @@ struct AcScan {
         }
     }
 
-    void write_first(BitOut &out, const kivoe_code *code) const {
-        SymbolWrite sink{&out, code};
-        EobRun<SymbolWrite> eob{&sink};
+    void write_first(xelo_bsw *bs, const kivoe_code *code) const {
+        SymbolWrite sink(bs, code);
+        BitOut &out = sink.out;
+        EobRun<SymbolWrite> eob;
         const uint64_t band = band_bits(ss, se);
         const kivoe_code zrl = code[0xF0];
         blocks([&](const int16_t *b, const kivoe_planes &p) {
             const uint64_t m = p.nz[al] & band;
-            if (!m) return eob.end_band(0, 0);
-            eob.flush();
+            if (!m) return eob.end_band(sink, 0, 0);
+            eob.flush(sink);
             int32_t next = ss;
             for_each_bit(m, [&](int32_t k, int32_t) {
                 const int32_t v = b[kivo_tbl_zig_to_ras[k]];
@@ -297,9 +298,10 @@ struct AcScan {
                 out.put(static_cast<uint32_t>(c.code) << n | extra, c.len + n);
                 next = k + 1;
             });
-            if (next <= se) eob.end_band(0, 0);
+            if (next <= se) eob.end_band(sink, 0, 0);
         });
-        eob.flush();
+        eob.flush(sink);
+        out.drain();
     }
 
 };
@@ -426,51 +428,57 @@ void code_scan(kivoe_coef_plan &pl, const Scan &s, kivoe_coef_tables &w, bool co
         if (outside) *outside = out || ac_sizes_outside(w.ac[0]) || ac_sizes_outside(w.ac[1]);
         return;
     }
-    if (s.ss > 0 && s.ah) {
+    if (s.ss > 0) {
         const int32_t c = s.comp[0];
-        const kivoe_ac_scan scan{pl.planes[c], pl.g.bw[c] * pl.g.bh[c], s.ss, s.se, s.al};
-        if (counting) w.corrections = pl.refine_count(&scan, w.ac[0].counter);
-        else pl.refine_write(&scan, w.ac[0].by_symbol, bs);
+        if (s.ah) {
+            const kivoe_ac_scan scan{pl.planes[c], pl.g.bw[c] * pl.g.bh[c], s.ss, s.se, s.al};
+            if (counting) w.corrections = pl.refine_count(&scan, w.ac[0].counter);
+            else pl.refine_write(&scan, w.ac[0].by_symbol, bs);
+            return;
+        }
+        const AcScan scan{pic->coef[c], pl.g.bw[c], pl.g.bh[c], pic->blk_w[c], pl.planes[c], s.ss, s.se, s.al};
+        if (counting) {
+            scan.count_first(w.ac[0].counter, rec);
+        } else if (rec && !rec->lost) {
+            BitOut out(bs);
+            AcScan::write_recorded(out, w.ac[0].by_symbol, *rec);
+            out.drain();
+        } else {
+            scan.write_first(bs, w.ac[0].by_symbol);
+        }
         return;
     }
+    // The DC scans.
     BitOut out(bs);
-    if (s.ss == 0) {
-        // The first DC scans, in the order of the baseline ones, check the
-        // whole levels' differences while counting.
-        int32_t whole[4] = {0, 0, 0, 0};
-        bool dc_out = false;
-        for_each_block(pic, pl.g, s, [&](int32_t c, size_t i) {
-            const int32_t dc = pl.dc_levels[c][i];
-            if (s.ah) {
-                if (counting) ++w.corrections;
-                else out.put(static_cast<uint32_t>(asr(dc, s.al) & 1), 1);
-                return true;
-            }
-            if (counting) {
-                dc_out = dc_out || dc_outside(dc - whole[c]);
-                whole[c] = dc;
-            }
-            const int32_t v = asr(dc, s.al);
-            const int32_t d = v - pred[c];
-            pred[c] = v;
-            const int32_t k = kivo::category(d);
-            kivoe_dc_tbl &t = w.dc[table_of(s, c)];
-            if (counting) {
-                ++t.counter[k];
-            } else {
-                const uint32_t extra = static_cast<uint32_t>(d < 0 ? d - 1 : d) & ((1u << k) - 1);
-                out.put(static_cast<uint32_t>(t.code[k].code) << k | extra, t.code[k].len + k);
-            }
+    // The first DC scans, in the order of the baseline ones, check the
+    // whole levels' differences while counting.
+    int32_t whole[4] = {0, 0, 0, 0};
+    bool dc_out = false;
+    for_each_block(pic, pl.g, s, [&](int32_t c, size_t i) {
+        const int32_t dc = pl.dc_levels[c][i];
+        if (s.ah) {
+            if (counting) ++w.corrections;
+            else out.put(static_cast<uint32_t>(asr(dc, s.al) & 1), 1);
             return true;
-        });
-        if (outside) *outside = dc_out;
-    } else {
-        const int32_t c = s.comp[0];
-        const AcScan scan{pic->coef[c], pl.g.bw[c], pl.g.bh[c], pic->blk_w[c], pl.planes[c], s.ss, s.se, s.al};
-        if (counting) scan.count_first(w.ac[0].counter, rec);
-        else if (rec && !rec->lost) AcScan::write_recorded(out, w.ac[0].by_symbol, *rec);
-        else scan.write_first(out, w.ac[0].by_symbol);
-    }
+        }
+        if (counting) {
+            dc_out = dc_out || dc_outside(dc - whole[c]);
+            whole[c] = dc;
+        }
+        const int32_t v = asr(dc, s.al);
+        const int32_t d = v - pred[c];
+        pred[c] = v;
+        const int32_t k = kivo::category(d);
+        kivoe_dc_tbl &t = w.dc[table_of(s, c)];
+        if (counting) {
+            ++t.counter[k];
+        } else {
+            const uint32_t extra = static_cast<uint32_t>(d < 0 ? d - 1 : d) & ((1u << k) - 1);
+            out.put(static_cast<uint32_t>(t.code[k].code) << k | extra, t.code[k].len + k);
+        }
+        return true;
+    });
+    if (outside) *outside = dc_out;
     out.drain();
 }
 

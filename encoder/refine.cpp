@@ -7,8 +7,7 @@ uint64_t kivoe_refine_count(const kivoe_ac_scan *s, uint64_t *counter) {
 }
 
 void kivoe_refine_write(const kivoe_ac_scan *s, const kivoe_code *code, xelo_bsw *bs) {
-    BitOut out(bs);
-    SymbolWrite sink{&out, code};
+    SymbolWrite sink(bs, code);
     refine(*s, sink);
-    out.drain();
+    sink.out.drain();
 }
