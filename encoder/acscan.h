@@ -223,8 +223,10 @@ uint64_t refine(const kivoe_ac_scan &s, Sink &sink) {
                     held += j != k;
                 });
             }
+            // The sign, then the top held bits (none for held 0, without a
+            // branch on it).
             const uint64_t sign = bit(p.neg, k, base) ^ 1;
-            sink.symbol(static_cast<uint32_t>(run << 4 | 1), held ? sign << held | bits >> (64 - held) : sign, 1 + held);
+            sink.symbol(static_cast<uint32_t>(run << 4 | 1), sign << held | bits >> 1 >> (63 - held), 1 + held);
             bits <<= held;
             prev = k;
         });
