@@ -239,10 +239,14 @@ struct AcScan {
         if (rec) count_first<true>(counter, rec);
         else count_first<false>(counter, nullptr);
     }
+    // The record and the ZRL count are kept locally (the counters' stores
+    // might otherwise alias them), and stored at the end.
     template <bool kRecord>
     void count_first(uint64_t *counter, Record *rec) const {
-        EobCount eob{counter, rec};
+        Record r = kRecord ? *rec : Record{};
+        EobCount eob{counter, kRecord ? &r : nullptr};
         const uint64_t band = band_bits(ss, se);
+        uint64_t zrl = 0;
         blocks([&](const int16_t *b, const kivoe_planes &p) {
             const uint64_t m = p.nz[al] & band;
             if (!m) return eob.end_band(0);
@@ -251,19 +255,21 @@ struct AcScan {
             for_each_bit(m, [&](int32_t k, int32_t) {
                 const int32_t v = b[kivo_tbl_zig_to_ras[k]];
                 int32_t run = k - next;
-                counter[0xF0] += static_cast<uint32_t>(run >> 4);
+                zrl += static_cast<uint32_t>(run >> 4);
                 const int32_t a = (v < 0 ? -v : v) >> al;
                 const int32_t n = bit_length(static_cast<uint32_t>(a));
                 ++counter[(run & 15) << 4 | n];
                 if (kRecord) {
-                    for (; run > 15; run -= 16) rec->add(0xF0, 0, 0);
-                    rec->add(static_cast<uint32_t>(run << 4 | n), n, static_cast<uint32_t>(v < 0 ? ~a : a) & ((1u << n) - 1));
+                    for (; run > 15; run -= 16) r.add(0xF0, 0, 0);
+                    r.add(static_cast<uint32_t>(run << 4 | n), n, static_cast<uint32_t>(v < 0 ? ~a : a) & ((1u << n) - 1));
                 }
                 next = k + 1;
             });
             if (next <= se) eob.end_band(0);
         });
         eob.flush();
+        counter[0xF0] += zrl;
+        if (kRecord) *rec = r;
     }
 
     // A first scan from its record.
