@@ -397,11 +397,15 @@ struct kivoe_coef_plan {
     // each component's planes, DC levels and masks.
     kivoe_coef_store *store;
     size_t got[4][3];
+    // Progressive with the DC scans interleaved: their blocks in coding
+    // order, each as component << 30 | index, for the DC scans' walks.
+    uint32_t *dc_order;
+    size_t n_dc_order, got_dc_order;
 };
 
 static_assert(KIVOE_STORE_DC - KIVOE_STORE_PLANES >= 4 && KIVOE_STORE_MASKS - KIVOE_STORE_DC >= 4 &&
-                  KIVOE_STORE_RECORDS - KIVOE_STORE_MASKS >= 4 && KIVOE_STORE_CALLER - KIVOE_STORE_RECORDS >= kMaxScans &&
-                  KIVOE_STORE_SLOTS > KIVOE_STORE_CALLER,
+                  KIVOE_STORE_RECORDS - KIVOE_STORE_MASKS >= 4 && KIVOE_STORE_DC_ORDER - KIVOE_STORE_RECORDS >= kMaxScans &&
+                  KIVOE_STORE_CALLER > KIVOE_STORE_DC_ORDER && KIVOE_STORE_SLOTS >= KIVOE_STORE_CALLER + 3,
               "a store slot for every component's and every scan's memory");
 
 namespace {
@@ -460,7 +464,7 @@ void code_scan(kivoe_coef_plan &pl, const Scan &s, kivoe_coef_tables &w, bool co
     // whole levels' differences while counting.
     int32_t whole[4] = {0, 0, 0, 0};
     bool dc_out = false;
-    for_each_block(pic, pl.g, s, [&](int32_t c, size_t i) {
+    const auto code_dc = [&](int32_t c, size_t i) {
         const int32_t dc = pl.dc_levels[c][i];
         if (s.ah) {
             if (counting) ++w.corrections;
@@ -483,7 +487,12 @@ void code_scan(kivoe_coef_plan &pl, const Scan &s, kivoe_coef_tables &w, bool co
             out.put(static_cast<uint32_t>(t.code[k].code) << k | extra, t.code[k].len + k);
         }
         return true;
-    });
+    };
+    if (s.n > 1) {
+        for (size_t k = 0; k < pl.n_dc_order; ++k) code_dc(static_cast<int32_t>(pl.dc_order[k] >> 30), pl.dc_order[k] & 0x3FFFFFFF);
+    } else {
+        for_each_block(pic, pl.g, s, code_dc);
+    }
     if (outside) *outside = dc_out;
     out.drain();
 }
@@ -638,6 +647,21 @@ int32_t kivoe_coef_plan_new(const kivoe_coef_pic *pic, int32_t coding, kivoe_coe
             ok &= pl->planes[c] && pl->dc_levels[c];
         }
     }
+    if (coding == KIVOE_CODING_PROGRESSIVE && pl->script.scan[0].n > 1) {
+        const Scan &s = pl->script.scan[0];
+        size_t n = 0;
+        for (int32_t k = 0; k < s.n; ++k) n += static_cast<size_t>(pic->h[s.comp[k]]) * pic->v[s.comp[k]];
+        n *= static_cast<size_t>(g.mcu_w) * g.mcu_h;
+        pl->dc_order = static_cast<uint32_t *>(
+            kivoe_coef_store_take(store, KIVOE_STORE_DC_ORDER, n * sizeof(uint32_t), &pl->got_dc_order));
+        ok &= pl->dc_order != nullptr;
+        if (pl->dc_order) {
+            for_each_block(pic, g, s, [pl](int32_t c, size_t i) {
+                pl->dc_order[pl->n_dc_order++] = static_cast<uint32_t>(c) << 30 | static_cast<uint32_t>(i);
+                return true;
+            });
+        }
+    }
     // The records' memory as the store has it (grown while counting).
     for (int32_t i = 0; i < pl->script.n && coding == KIVOE_CODING_PROGRESSIVE && record; ++i) {
         size_t got = 0;
@@ -672,6 +696,7 @@ void kivoe_coef_plan_free(kivoe_coef_plan *pl) {
         kivoe_coef_store_give(store, KIVOE_STORE_DC + c, pl->dc_levels[c], pl->got[c][1]);
         kivoe_coef_store_give(store, KIVOE_STORE_MASKS + c, pl->masks[c], pl->got[c][2]);
     }
+    kivoe_coef_store_give(store, KIVOE_STORE_DC_ORDER, pl->dc_order, pl->got_dc_order);
     std::free(pl);
 }
 
