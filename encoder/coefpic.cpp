@@ -397,15 +397,16 @@ struct kivoe_coef_plan {
     // each component's planes, DC levels and masks.
     kivoe_coef_store *store;
     size_t got[4][3];
-    // Progressive with the DC scans interleaved: their blocks in coding
-    // order, each as component << 30 | index, for the DC scans' walks.
-    uint32_t *dc_order;
-    size_t n_dc_order, got_dc_order;
+    // With the components interleaved: the blocks of the scans that hold
+    // them all (baseline, or progressive DC) in coding order, each as
+    // component << 30 | index, for those scans' walks.
+    uint32_t *order;
+    size_t n_order, got_order;
 };
 
 static_assert(KIVOE_STORE_DC - KIVOE_STORE_PLANES >= 4 && KIVOE_STORE_MASKS - KIVOE_STORE_DC >= 4 &&
-                  KIVOE_STORE_RECORDS - KIVOE_STORE_MASKS >= 4 && KIVOE_STORE_DC_ORDER - KIVOE_STORE_RECORDS >= kMaxScans &&
-                  KIVOE_STORE_CALLER > KIVOE_STORE_DC_ORDER && KIVOE_STORE_SLOTS >= KIVOE_STORE_CALLER + 3,
+                  KIVOE_STORE_RECORDS - KIVOE_STORE_MASKS >= 4 && KIVOE_STORE_ORDER - KIVOE_STORE_RECORDS >= kMaxScans &&
+                  KIVOE_STORE_CALLER - KIVOE_STORE_ORDER >= 2 && KIVOE_STORE_SLOTS >= KIVOE_STORE_CALLER + 3,
               "a store slot for every component's and every scan's memory");
 
 namespace {
@@ -418,7 +419,7 @@ void code_scan(kivoe_coef_plan &pl, const Scan &s, kivoe_coef_tables &w, bool co
     int32_t pred[4] = {0, 0, 0, 0};
     if (s.ss == 0 && s.se == 63) {
         bool out = false;
-        for_each_block(pic, pl.g, s, [&](int32_t c, size_t i) {
+        const auto code_block = [&](int32_t c, size_t i) {
             const int16_t *b = pic->coef[c] + 64 * i;
             prefetch_ahead(b);
             const int32_t d = b[0] - pred[c];
@@ -434,7 +435,12 @@ void code_scan(kivoe_coef_plan &pl, const Scan &s, kivoe_coef_tables &w, bool co
                 kivoe_vlc_block_mask(bs, dc, ac, d, b, pl.masks[c][i]);
             }
             return true;
-        });
+        };
+        if (s.n > 1) {
+            for (size_t k = 0; k < pl.n_order; ++k) code_block(static_cast<int32_t>(pl.order[k] >> 30), pl.order[k] & 0x3FFFFFFF);
+        } else {
+            for_each_block(pic, pl.g, s, code_block);
+        }
         if (outside) *outside = out || ac_sizes_outside(w.ac[0]) || ac_sizes_outside(w.ac[1]);
         return;
     }
@@ -489,7 +495,7 @@ void code_scan(kivoe_coef_plan &pl, const Scan &s, kivoe_coef_tables &w, bool co
         return true;
     };
     if (s.n > 1) {
-        for (size_t k = 0; k < pl.n_dc_order; ++k) code_dc(static_cast<int32_t>(pl.dc_order[k] >> 30), pl.dc_order[k] & 0x3FFFFFFF);
+        for (size_t k = 0; k < pl.n_order; ++k) code_dc(static_cast<int32_t>(pl.order[k] >> 30), pl.order[k] & 0x3FFFFFFF);
     } else {
         for_each_block(pic, pl.g, s, code_dc);
     }
@@ -647,17 +653,17 @@ int32_t kivoe_coef_plan_new(const kivoe_coef_pic *pic, int32_t coding, kivoe_coe
             ok &= pl->planes[c] && pl->dc_levels[c];
         }
     }
-    if (coding == KIVOE_CODING_PROGRESSIVE && pl->script.scan[0].n > 1) {
+    if (pl->script.scan[0].n > 1) {
         const Scan &s = pl->script.scan[0];
         size_t n = 0;
         for (int32_t k = 0; k < s.n; ++k) n += static_cast<size_t>(pic->h[s.comp[k]]) * pic->v[s.comp[k]];
         n *= static_cast<size_t>(g.mcu_w) * g.mcu_h;
-        pl->dc_order = static_cast<uint32_t *>(
-            kivoe_coef_store_take(store, KIVOE_STORE_DC_ORDER, n * sizeof(uint32_t), &pl->got_dc_order));
-        ok &= pl->dc_order != nullptr;
-        if (pl->dc_order) {
+        pl->order = static_cast<uint32_t *>(
+            kivoe_coef_store_take(store, KIVOE_STORE_ORDER + coding, n * sizeof(uint32_t), &pl->got_order));
+        ok &= pl->order != nullptr;
+        if (pl->order) {
             for_each_block(pic, g, s, [pl](int32_t c, size_t i) {
-                pl->dc_order[pl->n_dc_order++] = static_cast<uint32_t>(c) << 30 | static_cast<uint32_t>(i);
+                pl->order[pl->n_order++] = static_cast<uint32_t>(c) << 30 | static_cast<uint32_t>(i);
                 return true;
             });
         }
@@ -696,7 +702,7 @@ void kivoe_coef_plan_free(kivoe_coef_plan *pl) {
         kivoe_coef_store_give(store, KIVOE_STORE_DC + c, pl->dc_levels[c], pl->got[c][1]);
         kivoe_coef_store_give(store, KIVOE_STORE_MASKS + c, pl->masks[c], pl->got[c][2]);
     }
-    kivoe_coef_store_give(store, KIVOE_STORE_DC_ORDER, pl->dc_order, pl->got_dc_order);
+    kivoe_coef_store_give(store, KIVOE_STORE_ORDER + pl->coding, pl->order, pl->got_order);
     std::free(pl);
 }
 

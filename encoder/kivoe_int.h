@@ -473,7 +473,7 @@ constexpr int32_t KIVOE_CODING_LIKELY_COUNTED_ONLY = 0x100;
 // Memory the coefficient coder borrows and gives back, which a handle keeps
 // between calls so that pictures of the same size find it mapped already:
 // per component its bit planes, DC levels and baseline masks, per scan its
-// record, the DC scans' order, and room for the caller's own use
+// record, the interleaved scans' order, and room for the caller's own use
 // (kivoe_coef_store_take with slots from KIVOE_STORE_CALLER). All zero is
 // an empty store.
 enum {
@@ -481,9 +481,9 @@ enum {
     KIVOE_STORE_DC = 4,
     KIVOE_STORE_MASKS = 8,
     KIVOE_STORE_RECORDS = 12,
-    KIVOE_STORE_DC_ORDER = 36,
-    KIVOE_STORE_CALLER = 37,
-    KIVOE_STORE_SLOTS = 40
+    KIVOE_STORE_ORDER = 36,  // + the coding
+    KIVOE_STORE_CALLER = 38,
+    KIVOE_STORE_SLOTS = 41
 };
 struct kivoe_coef_store {
     void *buf[KIVOE_STORE_SLOTS];
