@@ -14,6 +14,7 @@
 
 namespace {
 
+// Bits of v up to its highest set one (0 for 0).
 inline int32_t bit_length(uint32_t v) { return v ? 32 - __builtin_clz(v) : 0; }
 
 using kivo_nz::MaskWord;
