@@ -19,6 +19,8 @@ uint32_t detect() {
 #if defined(KIVO_ARCH_x86)
     unsigned a, b, c, d;
     if (__get_cpuid(1, &a, &b, &c, &d)) {
+        unsigned family = a >> 8 & 15;
+        if (family == 15) family += a >> 20 & 255;
         if (d & bit_SSE2) flags |= KIVO_CPU_SSE2;
         if (c & bit_SSSE3) flags |= KIVO_CPU_SSSE3;
         if (c & bit_SSE4_1) flags |= KIVO_CPU_SSE41;
@@ -29,6 +31,11 @@ uint32_t detect() {
             __asm__("xgetbv" : "=a"(lo), "=d"(hi) : "c"(0));
             if ((lo & 6) == 6) flags |= KIVO_CPU_AVX2;
         }
+        // AMD before family 19h extracts bits in microcode, slower than a loop.
+        unsigned top = 0, vendor = 0;
+        __get_cpuid(0, &top, &vendor, &c, &d);
+        const bool slow_pext = vendor == 0x68747541u && family < 0x19;  // "Auth"enticAMD
+        if (!slow_pext && __get_cpuid_count(7, 0, &a, &b, &c, &d) && (b & bit_BMI2)) flags |= KIVO_CPU_BMI2;
     }
 #elif defined(KIVO_ARCH_arm)
     if (getauxval(AT_HWCAP) & HWCAP_NEON) flags |= KIVO_CPU_NEON;

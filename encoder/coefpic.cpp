@@ -9,9 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "encoder/kivoe_int.h"
-#include "common/nonzero.h"
-#include "encoder/stuffing.h"
+#include "encoder/acscan.h"
 
 namespace {
 
@@ -135,138 +133,34 @@ int32_t check_picture(const kivoe_coef_pic *pic, Geometry *g) {
 }
 
 // The categories of 8-bit data hold DC differences within +-2047 and AC
-// levels within +-1023. The passes that read every block anyway check them
-// while the block is in cache.
+// levels within +-1023. The counting passes check the differences as they
+// go and the baseline AC levels by the sizes they counted; the progressive
+// bit planes check the AC levels as they are made.
 inline bool dc_outside(int32_t d) { return static_cast<uint32_t>(d + 2047) > 4094; }
 
-inline bool ac_outside(const int16_t *b) {
-    uint32_t outside = 0;
-    for (int32_t k = 1; k < 64; ++k) outside |= static_cast<uint16_t>(b[k] + 1023) > 2046;
-    return outside != 0;
+// Whether some AC level counted into t has a size above 10 (1024 and up).
+inline bool ac_sizes_outside(const kivoe_ac_tbl &t) {
+    uint64_t n = 0;
+    for (int32_t run = 0; run < 16; ++run)
+        for (int32_t size = 11; size < 16; ++size) n |= t.counter[run << 4 | size];
+    return n != 0;
 }
 
-// Whether some DC difference, in the order of the first scan, lies outside
-// its categories; dc(c, i) is block i's DC level of component c.
-template <class Dc>
-bool dc_diffs_outside(const kivoe_coef_pic *pic, const Geometry &g, const Script &baseline, Dc &&dc) {
-    for (int32_t i = 0; i < baseline.n; ++i) {
-        int32_t pred[4] = {0, 0, 0, 0};
-        const bool ok = for_each_block(pic, g, baseline.scan[i], [&](int32_t c, size_t i) {
-            const int32_t d = dc(c, i) - pred[c];
-            pred[c] = dc(c, i);
-            return !dc_outside(d);
-        });
-        if (!ok) return true;
-    }
-    return false;
+// Asks for the block kPrefetchBlocks further along its row of blocks (in
+// 16-bit levels past the rows' end it may be another row's, or nothing:
+// a prefetch never faults), ahead of the loops that read blocks in order,
+// whose first touch of a block would otherwise wait for memory.
+constexpr int32_t kPrefetchBlocks = 8;
+inline void prefetch_ahead(const int16_t *b) {
+    const char *p = reinterpret_cast<const char *>(b + 64 * kPrefetchBlocks);
+    __builtin_prefetch(p);
+    __builtin_prefetch(p + 64);
 }
 
 // ---- progressive coding -----------------------------------------------------------------
 
 // Arithmetic shift right without shifting a negative value.
 inline int32_t asr(int32_t v, int32_t n) { return v >= 0 ? v >> n : ~(~v >> n); }
-
-inline int32_t bit_length(uint32_t v) { return v ? 32 - __builtin_clz(v) : 0; }
-
-using kivo_nz::MaskWord;
-using kivo_nz::kMaskBits;
-using kivo_nz::ctz;
-
-// Calls f(k, base) for every bit k set in m, lowest first; base is the
-// first bit of k's register, for bit().
-template <class F>
-inline void for_each_bit(uint64_t m, F &&f) {
-    for (int32_t base = 0; base < 64; base += kMaskBits)
-        for (MaskWord w = static_cast<MaskWord>(m >> base); w; w &= w - 1) f(base + ctz(w), base);
-}
-
-// Bit k of x, k in the register starting at base.
-inline uint32_t bit(uint64_t x, int32_t k, int32_t base) {
-    return static_cast<uint32_t>(static_cast<MaskWord>(x >> base) >> (k - base) & 1);
-}
-
-// Set bits of m.
-inline int32_t popcount(uint64_t m) {
-    m -= m >> 1 & 0x5555555555555555u;
-    m = (m & 0x3333333333333333u) + (m >> 2 & 0x3333333333333333u);
-    m = (m + (m >> 4)) & 0x0F0F0F0F0F0F0F0Fu;
-    return static_cast<int32_t>((m * 0x0101010101010101u) >> 56);
-}
-
-// Positions after p, and before p (p: 0 to 63).
-inline uint64_t after(int32_t p) { return ~((uint64_t(2) << p) - 1); }
-inline uint64_t before(int32_t p) { return (uint64_t(1) << p) - 1; }
-
-// Bits of x at the positions set in m, in order (the lowest position first,
-// as the highest of the n returned); n: how many.
-inline uint64_t gather(uint64_t x, uint64_t m, int32_t *n) {
-    uint64_t v = 0;
-    int32_t k = 0;
-    for_each_bit(m, [&](int32_t i, int32_t base) {
-        v = v << 1 | bit(x, i, base);
-        ++k;
-    });
-    *n = k;
-    return v;
-}
-
-// Zig-zag positions ss..se of an AC band.
-inline uint64_t band_bits(int32_t ss, int32_t se) {
-    return (se == 63 ? ~uint64_t(0) : (uint64_t(1) << (se + 1)) - 1) & ~((uint64_t(1) << ss) - 1);
-}
-
-// Most correction bits an end-of-band run holds back before it is written.
-constexpr int32_t kCorrectionBits = 1000;
-
-// Bits on their way to the output, 32 at a time: stored straight to memory
-// with byte stuffing while there is room for a word stuffed, and from then
-// on through the writer, which notes an output too small.
-struct BitOut {
-    xelo_bsw *bs;
-    uint64_t acc = 0;
-    int32_t n = 0;  // 0 to 31 pending bits, the low bits of acc
-    uint8_t *p;
-    bool direct;
-
-    // bs: with the stuffing flush, or null while counting.
-    explicit BitOut(xelo_bsw *b)
-        : bs(b), p(b ? b->write_ptr : nullptr), direct(p && b->free_bits == 32) {}
-
-    void put(uint32_t v, int32_t len) {  // len: 0 to 32, v: no bits above len
-        acc = acc << len | v;
-        n += len;
-        if (n < 32) return;
-        n -= 32;
-        const uint32_t w = static_cast<uint32_t>(acc >> n);
-        if (direct && bs->end_ptr - p < 8) {
-            bs->write_ptr = p;
-            direct = false;
-        }
-        if (!direct) {
-            xelo_bsw_write(bs, w, 32);
-        } else if (__builtin_expect(kivoe_stuff::has_ff(w), 0)) {
-            p = kivoe_stuff::store_stuffed(p, static_cast<uint64_t>(w) << 32, 4);
-        } else {
-            const uint32_t be = kivoe_stuff::big_endian(w);
-            std::memcpy(p, &be, 4);
-            p += 4;
-        }
-    }
-    void put64(uint64_t v, int32_t len) {  // len: 0 to 64
-        if (len > 32) {
-            put(static_cast<uint32_t>(v >> 32), len - 32);
-            len = 32;
-        }
-        put(static_cast<uint32_t>(v), len);
-    }
-    // Hands the bits left to the writer.
-    void drain() {
-        if (direct) bs->write_ptr = p;
-        direct = false;
-        if (n) xelo_bsw_write(bs, static_cast<uint32_t>(acc) & ((1u << n) - 1), n);
-        n = 0;
-    }
-};
 
 // The symbols of a first AC scan in coding order, recorded while counting
 // so that writing only looks up their codes: per symbol its value (bits
@@ -319,53 +213,9 @@ struct EobCount {
     }
 };
 
-// End-of-band runs while writing, with the correction bits they hold
-// (first bit in the top of held_bits[0]).
-struct EobWrite {
-    BitOut *out;
-    const kivoe_code *code;
-    int32_t run = 0, held = 0;
-    uint64_t held_bits[kCorrectionBits / 64 + 1] = {};
-
-    EobWrite(BitOut *o, const kivoe_code *c) : out(o), code(c) {}
-
-    // Writes the run: EOBn, then the run's n low bits (its top bit is
-    // implied), then the correction bits it held back.
-    void flush() {
-        if (!run) return;
-        const int32_t n = bit_length(static_cast<uint32_t>(run)) - 1;
-        const kivoe_code c = code[n << 4];
-        out->put(static_cast<uint32_t>(c.code) << n | (static_cast<uint32_t>(run) & ((1u << n) - 1)), c.len + n);
-        int32_t i = 0;
-        for (; (i + 1) * 64 <= held; ++i) out->put64(held_bits[i], 64);
-        if (held & 63) out->put64(held_bits[i] >> (64 - (held & 63)), held & 63);
-        run = held = 0;
-    }
-    // One more block ends its band in the run, with its n correction bits
-    // (the low bits of v, first bit highest).
-    void end_band(uint64_t v, int32_t n) {
-        ++run;
-        if (n) {
-            const int32_t used = held & 63, room = 64 - used;
-            uint64_t *w = &held_bits[held >> 6];
-            if (!used) *w = 0;
-            if (n <= room) {
-                *w |= v << (room - n);
-            } else {
-                *w |= v >> (n - room);
-                w[1] = v << (64 - (n - room));
-            }
-            held += n;
-        }
-        if (run == 0x7FFF || held > kCorrectionBits - 64) flush();
-    }
-};
-
-// One AC band scan of one component over its blocks in order; planes:
-// theirs. The first scan of a band codes each level's bits from al up; the
-// refinement codes bit al: the levels that become non-zero as run/size-1
-// symbols with their sign, and those already non-zero as correction bits
-// after the next symbol (or with the end-of-band run that covers them).
+// A first AC band scan of one component over its blocks in order; planes:
+// theirs. It codes each level's bits from al up (the refinements that code
+// bit al are kivoe_refine_count and kivoe_refine_write).
 struct AcScan {
     const int16_t *coef;  // the component's levels
     int32_t bw, bh, blk_w;
@@ -377,20 +227,26 @@ struct AcScan {
         const kivoe_planes *p = planes;
         for (int32_t by = 0; by < bh; ++by) {
             const int16_t *b = coef + static_cast<size_t>(by) * blk_w * 64;
-            for (int32_t bx = 0; bx < bw; ++bx, b += 64) f(b, *p++);
+            for (int32_t bx = 0; bx < bw; ++bx, b += 64) {
+                prefetch_ahead(b);
+                f(b, *p++);
+            }
         }
     }
 
-    // Symbol counts, and with rec the symbols themselves. The refinement
-    // needs no levels, only where the zeros and the new levels lie.
+    // Symbol counts, and with rec the symbols themselves.
     void count_first(uint64_t *counter, Record *rec) const {
         if (rec) count_first<true>(counter, rec);
         else count_first<false>(counter, nullptr);
     }
+    // The record and the ZRL count are kept locally (the counters' stores
+    // might otherwise alias them), and stored at the end.
     template <bool kRecord>
     void count_first(uint64_t *counter, Record *rec) const {
-        EobCount eob{counter, rec};
+        Record r = kRecord ? *rec : Record{};
+        EobCount eob{counter, kRecord ? &r : nullptr};
         const uint64_t band = band_bits(ss, se);
+        uint64_t zrl = 0;
         blocks([&](const int16_t *b, const kivoe_planes &p) {
             const uint64_t m = p.nz[al] & band;
             if (!m) return eob.end_band(0);
@@ -399,19 +255,21 @@ struct AcScan {
             for_each_bit(m, [&](int32_t k, int32_t) {
                 const int32_t v = b[kivo_tbl_zig_to_ras[k]];
                 int32_t run = k - next;
-                counter[0xF0] += static_cast<uint32_t>(run >> 4);
+                zrl += static_cast<uint32_t>(run >> 4);
                 const int32_t a = (v < 0 ? -v : v) >> al;
                 const int32_t n = bit_length(static_cast<uint32_t>(a));
                 ++counter[(run & 15) << 4 | n];
                 if (kRecord) {
-                    for (; run > 15; run -= 16) rec->add(0xF0, 0, 0);
-                    rec->add(static_cast<uint32_t>(run << 4 | n), n, static_cast<uint32_t>(v < 0 ? ~a : a) & ((1u << n) - 1));
+                    for (; run > 15; run -= 16) r.add(0xF0, 0, 0);
+                    r.add(static_cast<uint32_t>(run << 4 | n), n, static_cast<uint32_t>(v < 0 ? ~a : a) & ((1u << n) - 1));
                 }
                 next = k + 1;
             });
             if (next <= se) eob.end_band(0);
         });
         eob.flush();
+        counter[0xF0] += zrl;
+        if (kRecord) *rec = r;
     }
 
     // A first scan from its record.
@@ -424,39 +282,16 @@ struct AcScan {
         }
     }
 
-    // The refinement's symbols are its new levels, each with the zeros
-    // since the previous one (levels already non-zero do not count); after
-    // the last, an end of band holds the correction bits of those already
-    // non-zero. Returns the correction bits, one a level already non-zero.
-    uint64_t count_refine(uint64_t *counter) const {
-        EobCount eob{counter};
-        const uint64_t band = band_bits(ss, se);
-        uint64_t corrections = 0;
-        blocks([&](const int16_t *, const kivoe_planes &p) {
-            const uint64_t nz = p.nz[al] & band, fresh = nz & ~p.nz[al + 1], zeros = band & ~nz;
-            corrections += static_cast<uint32_t>(popcount(nz & ~fresh));
-            int32_t prev = ss - 1;  // the last new level
-            if (fresh) eob.flush();
-            for_each_bit(fresh, [&](int32_t k, int32_t) {
-                const int32_t run = popcount(zeros & after(prev) & before(k));
-                counter[0xF0] += static_cast<uint32_t>(run >> 4);
-                ++counter[(run & 15) << 4 | 1];
-                prev = k;
-            });
-            if (prev < se) eob.end_band(popcount(nz & after(prev)));
-        });
-        eob.flush();
-        return corrections;
-    }
-
-    void write_first(BitOut &out, const kivoe_code *code) const {
-        EobWrite eob{&out, code};
+    void write_first(xelo_bsw *bs, const kivoe_code *code) const {
+        SymbolWrite sink(bs, code);
+        BitOut &out = sink.out;
+        EobRun<SymbolWrite> eob;
         const uint64_t band = band_bits(ss, se);
         const kivoe_code zrl = code[0xF0];
         blocks([&](const int16_t *b, const kivoe_planes &p) {
             const uint64_t m = p.nz[al] & band;
-            if (!m) return eob.end_band(0, 0);
-            eob.flush();
+            if (!m) return eob.end_band(sink, 0, 0);
+            eob.flush(sink);
             int32_t next = ss;
             for_each_bit(m, [&](int32_t k, int32_t) {
                 const int32_t v = b[kivo_tbl_zig_to_ras[k]];
@@ -469,63 +304,12 @@ struct AcScan {
                 out.put(static_cast<uint32_t>(c.code) << n | extra, c.len + n);
                 next = k + 1;
             });
-            if (next <= se) eob.end_band(0, 0);
+            if (next <= se) eob.end_band(sink, 0, 0);
         });
-        eob.flush();
+        eob.flush(sink);
+        out.drain();
     }
 
-    void write_refine(BitOut &out, const kivoe_code *code) const {
-        EobWrite eob{&out, code};
-        const uint64_t band = band_bits(ss, se);
-        const kivoe_code zrl = code[0xF0];
-        blocks([&](const int16_t *, const kivoe_planes &p) {
-            const uint64_t nz = p.nz[al] & band, old = p.nz[al + 1] & band, fresh = nz & ~old;
-            const uint64_t correction = p.odd[al] & old;
-            int32_t prev = ss - 1;  // the last new level
-            if (fresh) eob.flush();
-            for_each_bit(fresh, [&](int32_t k, int32_t base) {
-                const uint64_t span = after(prev) & before(k);
-                const uint64_t held = old & span;
-                int32_t run = popcount(span & ~nz);
-                uint64_t pending;
-                int32_t n_pending;
-                if (run > 15) {
-                    // Every sixteen zeros before a non-zero level (already
-                    // or newly) give a ZRL, which the correction bits
-                    // passed so far follow.
-                    run = 0;
-                    pending = 0;
-                    n_pending = 0;
-                    int32_t q = prev;
-                    for_each_bit(held | uint64_t(1) << k, [&](int32_t j, int32_t b) {
-                        run += popcount(span & ~nz & after(q) & before(j));
-                        q = j;
-                        for (; run > 15; run -= 16) {
-                            out.put(zrl.code, zrl.len);
-                            out.put64(pending, n_pending);
-                            pending = 0;
-                            n_pending = 0;
-                        }
-                        if (j == k) return;
-                        pending = pending << 1 | bit(correction, j, b);
-                        ++n_pending;
-                    });
-                } else {
-                    pending = gather(correction, held, &n_pending);
-                }
-                const kivoe_code c = code[run << 4 | 1];
-                out.put(static_cast<uint32_t>(c.code) << 1 | (bit(p.neg, k, base) ^ 1), c.len + 1);
-                out.put64(pending, n_pending);
-                prev = k;
-            });
-            if (prev < se) {
-                int32_t n = 0;
-                const uint64_t pending = gather(correction, old & after(prev), &n);
-                eob.end_band(pending, n);
-            }
-        });
-        eob.flush();
-    }
 };
 
 // ---- stream -----------------------------------------------------------------------------
@@ -587,14 +371,14 @@ struct kivoe_coef_plan {
     int32_t coding;
     bool record;  // first AC scans' symbols recorded while counted
     Geometry g;
-    Script baseline, script;
+    Script script;
     // Each scan's tables, built from its counts, and the least bits its
     // entropy-coded data can take.
     struct {
         kivoe_huff_spec spec[4];
         int32_t n_spec;
         uint64_t bits;
-        bool outside;  // baseline: some level counted lies outside its categories
+        bool outside;  // some level or DC difference counted lies outside its categories
         Record record;  // first AC scans: their symbols
     } scan[kMaxScans];
     // Progressive: the bit planes of every block's AC levels, per component
@@ -604,10 +388,26 @@ struct kivoe_coef_plan {
     int16_t *dc_levels[4];
     int32_t prepared[4];  // per component: 0, or KIVO_ERR_UNSUPPORTED for AC levels outside their categories
     kivoe_planes_fn make_planes;
+    kivoe_refine_count_fn refine_count;
+    kivoe_refine_write_fn refine_write;
     // Baseline: the zig-zag masks of every block's non-zero AC levels,
     // found while counting, for the writing pass.
     uint64_t *masks[4];
+    // Where the memory above came from and goes back to, and the bytes of
+    // each component's planes, DC levels and masks.
+    kivoe_coef_store *store;
+    size_t got[4][3];
+    // With the components interleaved: the blocks of the scans that hold
+    // them all (baseline, or progressive DC) in coding order, each as
+    // component << 30 | index, for those scans' walks.
+    uint32_t *order;
+    size_t n_order, got_order;
 };
+
+static_assert(KIVOE_STORE_DC - KIVOE_STORE_PLANES >= 4 && KIVOE_STORE_MASKS - KIVOE_STORE_DC >= 4 &&
+                  KIVOE_STORE_RECORDS - KIVOE_STORE_MASKS >= 4 && KIVOE_STORE_ORDER - KIVOE_STORE_RECORDS >= kMaxScans &&
+                  KIVOE_STORE_CALLER - KIVOE_STORE_ORDER >= 2 && KIVOE_STORE_SLOTS >= KIVOE_STORE_CALLER + 3,
+              "a store slot for every component's and every scan's memory");
 
 namespace {
 
@@ -619,55 +419,87 @@ void code_scan(kivoe_coef_plan &pl, const Scan &s, kivoe_coef_tables &w, bool co
     int32_t pred[4] = {0, 0, 0, 0};
     if (s.ss == 0 && s.se == 63) {
         bool out = false;
-        for_each_block(pic, pl.g, s, [&](int32_t c, size_t i) {
+        const auto code_block = [&](int32_t c, size_t i) {
             const int16_t *b = pic->coef[c] + 64 * i;
+            prefetch_ahead(b);
             const int32_t d = b[0] - pred[c];
             pred[c] = b[0];
             kivoe_dc_tbl *dc = &w.dc[table_of(s, c)];
             kivoe_ac_tbl *ac = &w.ac[table_of(s, c)];
             if (counting) {
-                out = out || dc_outside(d) || ac_outside(b);
+                // A level without a size stops the count (all ones).
+                out = out || dc_outside(d);
                 kivoe_vlc_dc_stat(bs, dc, d);
-                pl.masks[c][i] = kivoe_vlc_ac_stat_mask(ac, b);
+                out = out || ~(pl.masks[c][i] = kivoe_vlc_ac_stat_mask(ac, b)) == 0;
             } else {
                 kivoe_vlc_block_mask(bs, dc, ac, d, b, pl.masks[c][i]);
             }
             return true;
-        });
-        if (outside) *outside = out;
+        };
+        if (s.n > 1) {
+            for (size_t k = 0; k < pl.n_order; ++k) code_block(static_cast<int32_t>(pl.order[k] >> 30), pl.order[k] & 0x3FFFFFFF);
+        } else {
+            for_each_block(pic, pl.g, s, code_block);
+        }
+        if (outside) *outside = out || ac_sizes_outside(w.ac[0]) || ac_sizes_outside(w.ac[1]);
         return;
     }
-    BitOut out(bs);
-    if (s.ss == 0) {
-        for_each_block(pic, pl.g, s, [&](int32_t c, size_t i) {
-            const int32_t dc = pl.dc_levels[c][i];
-            if (s.ah) {
-                if (counting) ++w.corrections;
-                else out.put(static_cast<uint32_t>(asr(dc, s.al) & 1), 1);
-                return true;
-            }
-            const int32_t v = asr(dc, s.al);
-            const int32_t d = v - pred[c];
-            pred[c] = v;
-            const int32_t k = kivo::category(d);
-            kivoe_dc_tbl &t = w.dc[table_of(s, c)];
-            if (counting) {
-                ++t.counter[k];
-            } else {
-                const uint32_t extra = static_cast<uint32_t>(d < 0 ? d - 1 : d) & ((1u << k) - 1);
-                out.put(static_cast<uint32_t>(t.code[k].code) << k | extra, t.code[k].len + k);
-            }
-            return true;
-        });
-    } else {
+    if (s.ss > 0) {
         const int32_t c = s.comp[0];
+        if (s.ah) {
+            const kivoe_ac_scan scan{pl.planes[c], pl.g.bw[c] * pl.g.bh[c], s.ss, s.se, s.al};
+            if (counting) w.corrections = pl.refine_count(&scan, w.ac[0].counter);
+            else pl.refine_write(&scan, w.ac[0].by_symbol, bs);
+            return;
+        }
         const AcScan scan{pic->coef[c], pl.g.bw[c], pl.g.bh[c], pic->blk_w[c], pl.planes[c], s.ss, s.se, s.al};
-        if (counting && s.ah) w.corrections = scan.count_refine(w.ac[0].counter);
-        else if (counting) scan.count_first(w.ac[0].counter, rec);
-        else if (s.ah) scan.write_refine(out, w.ac[0].by_symbol);
-        else if (rec && !rec->lost) AcScan::write_recorded(out, w.ac[0].by_symbol, *rec);
-        else scan.write_first(out, w.ac[0].by_symbol);
+        if (counting) {
+            scan.count_first(w.ac[0].counter, rec);
+        } else if (rec && !rec->lost) {
+            BitOut out(bs);
+            AcScan::write_recorded(out, w.ac[0].by_symbol, *rec);
+            out.drain();
+        } else {
+            scan.write_first(bs, w.ac[0].by_symbol);
+        }
+        return;
     }
+    // The DC scans.
+    BitOut out(bs);
+    // The first DC scans, in the order of the baseline ones, check the
+    // whole levels' differences while counting.
+    int32_t whole[4] = {0, 0, 0, 0};
+    bool dc_out = false;
+    const auto code_dc = [&](int32_t c, size_t i) {
+        const int32_t dc = pl.dc_levels[c][i];
+        if (s.ah) {
+            if (counting) ++w.corrections;
+            else out.put(static_cast<uint32_t>(asr(dc, s.al) & 1), 1);
+            return true;
+        }
+        if (counting) {
+            dc_out = dc_out || dc_outside(dc - whole[c]);
+            whole[c] = dc;
+        }
+        const int32_t v = asr(dc, s.al);
+        const int32_t d = v - pred[c];
+        pred[c] = v;
+        const int32_t k = kivo::category(d);
+        kivoe_dc_tbl &t = w.dc[table_of(s, c)];
+        if (counting) {
+            ++t.counter[k];
+        } else {
+            const uint32_t extra = static_cast<uint32_t>(d < 0 ? d - 1 : d) & ((1u << k) - 1);
+            out.put(static_cast<uint32_t>(t.code[k].code) << k | extra, t.code[k].len + k);
+        }
+        return true;
+    };
+    if (s.n > 1) {
+        for (size_t k = 0; k < pl.n_order; ++k) code_dc(static_cast<int32_t>(pl.order[k] >> 30), pl.order[k] & 0x3FFFFFFF);
+    } else {
+        for_each_block(pic, pl.g, s, code_dc);
+    }
+    if (outside) *outside = dc_out;
     out.drain();
 }
 
@@ -726,6 +558,18 @@ void write_head(const kivoe_coef_plan &pl, xelo_bsw *bs) {
     kivoe_write_sof(bs, &fh, pl.coding == KIVOE_CODING_PROGRESSIVE ? 0xC2 : wide ? 0xC1 : 0xC0);
 }
 
+// The order in which a coding's scans are counted: the first DC scans
+// (which check the DC differences), then the others from the last, which
+// usually hold the most bits, so that a stream that cannot fit is found
+// with the fewest scans counted. Any order counts the same.
+void count_order(const Script &s, int32_t order[kMaxScans]) {
+    int32_t n = 0;
+    for (int32_t i = 0; i < s.n; ++i)
+        if (s.scan[i].ss == 0 && s.scan[i].ah == 0) order[n++] = i;
+    for (int32_t i = s.n - 1; i >= 0; --i)
+        if (s.scan[i].ss != 0 || s.scan[i].ah != 0) order[n++] = i;
+}
+
 // EOI and the trailing bytes, as far as they fit.
 void write_tail(const kivoe_coef_plan &pl, xelo_bsw *bs) {
     put(bs, 0xFFD9, 16);
@@ -744,7 +588,39 @@ void write_tail(const kivoe_coef_plan &pl, xelo_bsw *bs) {
 
 }  // namespace
 
-int32_t kivoe_coef_plan_new(const kivoe_coef_pic *pic, int32_t coding, kivoe_coef_plan **out) {
+void *kivoe_coef_store_take(kivoe_coef_store *store, int32_t slot, size_t bytes, size_t *got) {
+    if (store && store->buf[slot]) {
+        void *p = store->buf[slot];
+        const size_t size = store->size[slot];
+        store->buf[slot] = nullptr;
+        store->size[slot] = 0;
+        if (size >= bytes) {
+            *got = size;
+            return p;
+        }
+        std::free(p);  // too small: the larger memory made now goes back instead
+    }
+    void *p = bytes ? std::malloc(bytes) : nullptr;
+    *got = p ? bytes : 0;
+    return p;
+}
+
+void kivoe_coef_store_give(kivoe_coef_store *store, int32_t slot, void *p, size_t size) {
+    if (!p) return;
+    if (store && !store->buf[slot]) {
+        store->buf[slot] = p;
+        store->size[slot] = size;
+        return;
+    }
+    std::free(p);
+}
+
+void kivoe_coef_store_free(kivoe_coef_store *store) {
+    for (int32_t i = 0; i < KIVOE_STORE_SLOTS; ++i) std::free(store->buf[i]);
+    *store = kivoe_coef_store{};
+}
+
+int32_t kivoe_coef_plan_new(const kivoe_coef_pic *pic, int32_t coding, kivoe_coef_plan **out, kivoe_coef_store *store) {
     *out = nullptr;
     const bool record = !(coding & KIVOE_CODING_LIKELY_COUNTED_ONLY);
     coding &= ~KIVOE_CODING_LIKELY_COUNTED_ONLY;
@@ -758,24 +634,53 @@ int32_t kivoe_coef_plan_new(const kivoe_coef_pic *pic, int32_t coding, kivoe_coe
     pl->coding = coding;
     pl->record = record;
     pl->g = g;
-    make_script(pic->n_comp, g.interleave, KIVOE_CODING_BASELINE, &pl->baseline);
+    pl->store = store;
     make_script(pic->n_comp, g.interleave, coding, &pl->script);
     bool ok = true;
     for (int32_t c = 0; c < pic->n_comp; ++c) {
         const size_t blocks = static_cast<size_t>(pic->blk_w[c]) * pic->blk_h[c];
+        auto &got = pl->got[c];
         if (coding == KIVOE_CODING_BASELINE) {
-            pl->masks[c] = static_cast<uint64_t *>(std::malloc(blocks * sizeof(uint64_t)));
+            pl->masks[c] = static_cast<uint64_t *>(
+                kivoe_coef_store_take(store, KIVOE_STORE_MASKS + c, blocks * sizeof(uint64_t), &got[2]));
             ok &= pl->masks[c] != nullptr;
         } else {
-            pl->planes[c] = static_cast<kivoe_planes *>(std::malloc(static_cast<size_t>(g.bw[c]) * g.bh[c] * sizeof(kivoe_planes)));
-            pl->dc_levels[c] = static_cast<int16_t *>(std::malloc(blocks * sizeof(int16_t)));
+            const size_t inside = static_cast<size_t>(g.bw[c]) * g.bh[c];
+            pl->planes[c] = static_cast<kivoe_planes *>(
+                kivoe_coef_store_take(store, KIVOE_STORE_PLANES + c, inside * sizeof(kivoe_planes), &got[0]));
+            pl->dc_levels[c] =
+                static_cast<int16_t *>(kivoe_coef_store_take(store, KIVOE_STORE_DC + c, blocks * sizeof(int16_t), &got[1]));
             ok &= pl->planes[c] && pl->dc_levels[c];
         }
+    }
+    if (pl->script.scan[0].n > 1) {
+        const Scan &s = pl->script.scan[0];
+        size_t n = 0;
+        for (int32_t k = 0; k < s.n; ++k) n += static_cast<size_t>(pic->h[s.comp[k]]) * pic->v[s.comp[k]];
+        n *= static_cast<size_t>(g.mcu_w) * g.mcu_h;
+        pl->order = static_cast<uint32_t *>(
+            kivoe_coef_store_take(store, KIVOE_STORE_ORDER + coding, n * sizeof(uint32_t), &pl->got_order));
+        ok &= pl->order != nullptr;
+        if (pl->order) {
+            for_each_block(pic, g, s, [pl](int32_t c, size_t i) {
+                pl->order[pl->n_order++] = static_cast<uint32_t>(c) << 30 | static_cast<uint32_t>(i);
+                return true;
+            });
+        }
+    }
+    // The records' memory as the store has it (grown while counting).
+    for (int32_t i = 0; i < pl->script.n && coding == KIVOE_CODING_PROGRESSIVE && record; ++i) {
+        size_t got = 0;
+        Record &r = pl->scan[i].record;
+        r.sym = static_cast<uint32_t *>(kivoe_coef_store_take(store, KIVOE_STORE_RECORDS + i, 0, &got));
+        r.room = got / sizeof(uint32_t);
     }
     if (coding == KIVOE_CODING_PROGRESSIVE) {
         kivoe_proc proc{};
         kivoe_dsp_init(&proc, kivo_cpu_flags());
         pl->make_planes = proc.planes;
+        pl->refine_count = proc.refine_count;
+        pl->refine_write = proc.refine_write;
     }
     if (!ok) {
         kivoe_coef_plan_free(pl);
@@ -787,12 +692,17 @@ int32_t kivoe_coef_plan_new(const kivoe_coef_pic *pic, int32_t coding, kivoe_coe
 
 void kivoe_coef_plan_free(kivoe_coef_plan *pl) {
     if (!pl) return;
-    for (auto &st : pl->scan) std::free(st.record.sym);
-    for (int32_t c = 0; c < 4; ++c) {
-        std::free(pl->planes[c]);
-        std::free(pl->dc_levels[c]);
-        std::free(pl->masks[c]);
+    kivoe_coef_store *store = pl->store;
+    for (int32_t i = 0; i < kMaxScans; ++i) {
+        const Record &r = pl->scan[i].record;
+        kivoe_coef_store_give(store, KIVOE_STORE_RECORDS + i, r.sym, r.room * sizeof(uint32_t));
     }
+    for (int32_t c = 0; c < 4; ++c) {
+        kivoe_coef_store_give(store, KIVOE_STORE_PLANES + c, pl->planes[c], pl->got[c][0]);
+        kivoe_coef_store_give(store, KIVOE_STORE_DC + c, pl->dc_levels[c], pl->got[c][1]);
+        kivoe_coef_store_give(store, KIVOE_STORE_MASKS + c, pl->masks[c], pl->got[c][2]);
+    }
+    kivoe_coef_store_give(store, KIVOE_STORE_ORDER + pl->coding, pl->order, pl->got_order);
     std::free(pl);
 }
 
@@ -809,19 +719,23 @@ int32_t kivoe_coef_tasks(const kivoe_coef_plan *pl, int32_t step) {
 
 int32_t kivoe_coef_prepare(kivoe_coef_plan *pl, int32_t c) {
     // Every block of the component for the DC scans; only those inside it
-    // for its AC scans.
+    // for its AC scans, a row at a time.
     const kivoe_coef_pic *pic = pl->pic;
-    const size_t blocks = static_cast<size_t>(pic->blk_w[c]) * pic->blk_h[c];
-    for (size_t i = 0; i < blocks; ++i) pl->dc_levels[c][i] = pic->coef[c][64 * i];
+    const int32_t blk_w = pic->blk_w[c], bw = pl->g.bw[c];
     kivoe_planes *p = pl->planes[c];
-    pl->prepared[c] = KIVO_OK;
-    for (int32_t by = 0; by < pl->g.bh[c]; ++by) {
-        const int16_t *b = pic->coef[c] + static_cast<size_t>(by) * pic->blk_w[c] * 64;
-        for (int32_t bx = 0; bx < pl->g.bw[c]; ++bx, b += 64) {
-            if (ac_outside(b)) return pl->prepared[c] = KIVO_ERR_UNSUPPORTED;
-            pl->make_planes(b, p++);
+    uint32_t outside = 0;
+    for (int32_t by = 0; by < pic->blk_h[c] && !outside; ++by) {
+        const int16_t *row = pic->coef[c] + static_cast<size_t>(by) * blk_w * 64;
+        int16_t *dc = pl->dc_levels[c] + static_cast<size_t>(by) * blk_w;
+        int32_t bx = 0;
+        if (by < pl->g.bh[c]) {
+            outside = pl->make_planes(row, bw, p, dc);
+            p += bw;
+            bx = bw;
         }
+        for (; bx < blk_w; ++bx) dc[bx] = row[64 * bx];
     }
+    pl->prepared[c] = outside ? KIVO_ERR_UNSUPPORTED : KIVO_OK;
     return KIVO_OK;
 }
 
@@ -829,9 +743,7 @@ int32_t kivoe_coef_prepared(const kivoe_coef_plan *pl) {
     if (pl->coding != KIVOE_CODING_PROGRESSIVE) return KIVO_OK;
     for (int32_t c = 0; c < pl->pic->n_comp; ++c)
         if (pl->prepared[c] < 0) return pl->prepared[c];
-    const bool outside =
-        dc_diffs_outside(pl->pic, pl->g, pl->baseline, [pl](int32_t c, size_t i) { return pl->dc_levels[c][i]; });
-    return outside ? KIVO_ERR_UNSUPPORTED : KIVO_OK;
+    return KIVO_OK;
 }
 
 void kivoe_coef_count(kivoe_coef_plan *pl, int32_t i, kivoe_coef_tables *w) {
@@ -914,7 +826,8 @@ namespace {
 // depends on its inputs alone, so the bytes are those of one thread.
 class SharedCodings {
 public:
-    SharedCodings(const kivo_tpool *tp, void *const *threads) : tp_(tp), threads_(threads) {}
+    SharedCodings(const kivo_tpool *tp, void *const *threads, kivoe_coef_store *store)
+        : tp_(tp), threads_(threads), store_(store) {}
     ~SharedCodings() {
         for (Coding &c : coding_) {
             kivoe_coef_plan_free(c.plan);
@@ -935,7 +848,7 @@ public:
         for (int t = 0; t < 2; ++t)
             if (!(tables_[t] = kivoe_coef_tables_new())) return KIVO_ERR_OUT_OF_MEMORY;
         for (int i = 0; i < n; ++i) {
-            const int32_t r = kivoe_coef_plan_new(pics[i], codings[i], &coding_[i].plan);
+            const int32_t r = kivoe_coef_plan_new(pics[i], codings[i], &coding_[i].plan, store_);
             if (r == KIVO_ERR_OUT_OF_MEMORY) return r;
             coding_[i].status = r;
         }
@@ -952,16 +865,23 @@ public:
         }
         int32_t r = run_step();
         if (r != KIVO_OK) return r;
+        // Progressive counting, the scans in count_order's order, which stop
+        // once those counted cannot fit.
         for (int i = 0; i < n; ++i) {
-            kivoe_coef_plan *plan = coding_[i].plan;
-            if (coding_[i].status != KIVO_OK || (codings[i] & ~KIVOE_CODING_LIKELY_COUNTED_ONLY) == KIVOE_CODING_BASELINE) continue;
-            if ((coding_[i].status = kivoe_coef_prepared(plan)) != KIVO_OK) continue;
-            for (int k = 0; k < kivoe_coef_tasks(plan, KIVOE_COEF_SCANS); ++k) add(Task::kCount, plan, k);
+            Coding &c = coding_[i];
+            if (c.status != KIVO_OK || (codings[i] & ~KIVOE_CODING_LIKELY_COUNTED_ONLY) == KIVOE_CODING_BASELINE) continue;
+            if ((c.status = kivoe_coef_prepared(c.plan)) != KIVO_OK) continue;
+            c.cap = static_cast<uint64_t>(cap[i]);
+            c.least = 2 + static_cast<uint64_t>(pics[i]->trailer_len);
+            int32_t order[kMaxScans];
+            count_order(c.plan->script, order);
+            for (int k = 0; k < kivoe_coef_tasks(c.plan, KIVOE_COEF_SCANS); ++k) add(Task::kCount, c.plan, order[k], nullptr, &c);
         }
         if ((r = run_step()) != KIVO_OK) return r;
         for (int i = 0; i < n; ++i) {
             Coding &c = coding_[i];
             uint64_t least = 0;
+            if (c.cannot_fit) continue;
             if (c.status == KIVO_OK) c.status = kivoe_coef_counted(c.plan, &least);
             if (c.status != KIVO_OK || least > static_cast<uint64_t>(cap[i])) continue;
             if ((r = make_room(c)) != KIVO_OK) return r;
@@ -979,11 +899,13 @@ public:
     }
 
 private:
+    struct Coding;
     struct Task {
         enum Kind { kPrepare, kCount, kWrite } kind;
         kivoe_coef_plan *plan;
         int index;
         xelo_bsw *bs;
+        Coding *stops;  // counting: the coding whose count stops once it cannot fit
     };
     // A step's tasks: every scan of two codings at most.
     static constexpr int kMaxTasks = 2 * kMaxScans;
@@ -994,14 +916,19 @@ private:
         int n_scans = 0;
         xelo_bsw scan[kMaxScans];
         uint8_t *more[kMaxScans] = {};  // rooms of scans written again
+        // Progressive counting: the least bytes of the scans counted so far
+        // against the cap, and whether they already exceed it.
+        uint64_t cap = 0;
+        std::atomic<uint64_t> least{0};
+        std::atomic<bool> cannot_fit{false};
     };
     struct Thread {
         SharedCodings *self;
         kivoe_coef_tables *tables;
     };
 
-    void add(Task::Kind kind, kivoe_coef_plan *plan, int index, xelo_bsw *bs = nullptr) {
-        task_[n_tasks_++] = Task{kind, plan, index, bs};
+    void add(Task::Kind kind, kivoe_coef_plan *plan, int index, xelo_bsw *bs = nullptr, Coding *stops = nullptr) {
+        task_[n_tasks_++] = Task{kind, plan, index, bs, stops};
     }
 
     static int32_t work(void *arg) {
@@ -1009,9 +936,16 @@ private:
         SharedCodings *s = t->self;
         for (int i; (i = s->next_.fetch_add(1, std::memory_order_relaxed)) < s->n_tasks_;) {
             const Task &k = s->task_[i];
-            if (k.kind == Task::kPrepare) kivoe_coef_prepare(k.plan, k.index);
-            else if (k.kind == Task::kCount) kivoe_coef_count(k.plan, k.index, t->tables);
-            else kivoe_coef_write_scan(k.plan, k.index, t->tables, k.bs);
+            if (k.kind == Task::kPrepare) {
+                kivoe_coef_prepare(k.plan, k.index);
+            } else if (k.kind == Task::kCount) {
+                if (k.stops && k.stops->cannot_fit.load(std::memory_order_relaxed)) continue;
+                kivoe_coef_count(k.plan, k.index, t->tables);
+                if (k.stops && k.stops->least.fetch_add(scan_bytes(*k.plan, k.index)) + scan_bytes(*k.plan, k.index) > k.stops->cap)
+                    k.stops->cannot_fit.store(true, std::memory_order_relaxed);
+            } else {
+                kivoe_coef_write_scan(k.plan, k.index, t->tables, k.bs);
+            }
         }
         return KIVO_OK;
     }
@@ -1085,6 +1019,7 @@ private:
 
     const kivo_tpool *tp_;
     void *const *threads_;
+    kivoe_coef_store *store_;
     Coding coding_[2];
     kivoe_coef_tables *tables_[2] = {nullptr, nullptr};
     Task task_[kMaxTasks];
@@ -1095,14 +1030,15 @@ private:
 }  // namespace
 
 int32_t kivoe_write_coef_pics(const kivo_tpool *tp, void *const *threads, int n, const kivoe_coef_pic *const pics[],
-                              const int32_t codings[], uint8_t *const dst[], const int32_t cap[], int32_t size[]) {
-    return SharedCodings(tp, threads).run(n, pics, codings, dst, cap, size);
+                              const int32_t codings[], uint8_t *const dst[], const int32_t cap[], int32_t size[],
+                              kivoe_coef_store *store) {
+    return SharedCodings(tp, threads, store).run(n, pics, codings, dst, cap, size);
 }
 
-int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw *bs) {
+int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw *bs, kivoe_coef_store *store) {
     if (!bs) return KIVO_ERR_INVALID_ARG;
     kivoe_coef_plan *pl;
-    int32_t ret = kivoe_coef_plan_new(pic, coding, &pl);
+    int32_t ret = kivoe_coef_plan_new(pic, coding, &pl, store);
     if (ret < 0) return ret;
     kivoe_coef_tables *w = kivoe_coef_tables_new();
     if (!w) {
@@ -1114,10 +1050,22 @@ int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw
     if (ret == KIVO_OK) {
         write_head(*pl, bs);
         // Every scan is counted before any is written: a stream whose least
-        // size cannot fit in the room left is not written at all.
-        for (int32_t i = 0; i < pl->script.n; ++i) kivoe_coef_count(pl, i, w);
+        // size cannot fit in the room left is not written at all, and a
+        // progressive one stops counting as soon as the scans counted cannot.
+        xelo_bsw_sink(bs);
+        const uint64_t room = bs->write_ptr ? static_cast<uint64_t>(bs->end_ptr - bs->write_ptr) : UINT64_MAX;
+        int32_t order[kMaxScans];
+        count_order(pl->script, order);
+        uint64_t least = 2 + static_cast<uint64_t>(pic->trailer_len);
+        bool cannot_fit = false;
+        for (int32_t k = 0; k < pl->script.n && !cannot_fit; ++k) {
+            kivoe_coef_count(pl, order[k], w);
+            least += scan_bytes(*pl, order[k]);
+            cannot_fit = pl->coding == KIVOE_CODING_PROGRESSIVE && least > room;
+        }
         uint64_t need = 0;
-        ret = kivoe_coef_counted(pl, &need);
+        if (cannot_fit) bs->overflow = 1;
+        else ret = kivoe_coef_counted(pl, &need);
         // Before each scan, the least size of what is left.
         for (int32_t i = 0; i < pl->script.n && ret == KIVO_OK; ++i) {
             xelo_bsw_sink(bs);

@@ -13,7 +13,7 @@ uint64_t kivoe_fdct_quant_mask_sse2(int16_t *blk, const uint16_t *recip, const u
 void kivoe_quant_rdoq_sse2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_fdct8_sse2(int16_t *blk);
 void kivoe_jndfilt8x8_sse2(const uint8_t *src, int32_t stride, int16_t *blk);
-void kivoe_planes_sse2(const int16_t *blk, kivoe_planes *out);
+uint32_t kivoe_planes_sse2(const int16_t *blk, int32_t n, kivoe_planes *out, int16_t *dc);
 void kivoe_jnd_suppress_sse2(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
                              const uint8_t *thr);
 void kivoe_update_offset_sse2(const int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
@@ -30,7 +30,10 @@ uint64_t kivoe_fdct_quant_mask_avx2(int16_t *blk, const uint16_t *recip, const u
 uint64_t kivoe_fdct_quant_samples_avx2(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *recip,
                                        const uint16_t *offset);
 void kivoe_quant_rdoq_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
-void kivoe_planes_avx2(const int16_t *blk, kivoe_planes *out);
+uint32_t kivoe_planes_avx2(const int16_t *blk, int32_t n, kivoe_planes *out, int16_t *dc);
+uint32_t kivoe_planes_bmi2(const int16_t *blk, int32_t n, kivoe_planes *out, int16_t *dc);
+uint64_t kivoe_refine_count_bmi2(const kivoe_ac_scan *s, uint64_t *counter);
+void kivoe_refine_write_bmi2(const kivoe_ac_scan *s, const kivoe_code *code, xelo_bsw *bs);
 void kivoe_jnd_suppress_avx2(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
                              const uint8_t *thr);
 uint64_t kivoe_levels_mask_avx2(const int16_t *blk);
@@ -44,7 +47,7 @@ uint64_t kivoe_quant_mask_neon(int16_t *blk, const uint16_t *recip, const uint16
 uint64_t kivoe_fdct_quant_mask_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_quant_rdoq_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_jndfilt8x8_neon(const uint8_t *src, int32_t stride, int16_t *blk);
-void kivoe_planes_neon(const int16_t *blk, kivoe_planes *out);
+uint32_t kivoe_planes_neon(const int16_t *blk, int32_t n, kivoe_planes *out, int16_t *dc);
 void kivoe_jnd_suppress_neon(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
                              const uint8_t *thr);
 void kivoe_update_offset_neon(const int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,

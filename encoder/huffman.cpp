@@ -116,31 +116,36 @@ constexpr uint64_t kFreqBound = 1000000000u;
 
 // Code sizes of a Huffman code for freq[0..256] (T.81 Figure K.1): merges
 // the two least frequent nodes until one is left; among equal frequencies
-// the larger symbol is taken. Returns the largest code size.
+// the larger symbol is taken. The searches walk only the symbols still
+// counted, in increasing order. Returns the largest code size.
 int32_t code_sizes(const uint32_t in[257], int32_t codesize[257]) {
     uint32_t freq[257];
-    int32_t others[257];
+    int32_t others[257], live[257], n_live = 0;
     for (int32_t v = 0; v <= 256; ++v) {
         freq[v] = in[v];
         others[v] = -1;
         codesize[v] = 0;
+        if (freq[v]) live[n_live++] = v;
     }
     for (;;) {
-        int32_t a = -1, b = -1;
+        int32_t a = -1, b = -1, at_b = -1;
         uint32_t fa = kFreqBound, fb = kFreqBound;
-        for (int32_t v = 0; v <= 256; ++v)
-            if (freq[v] && freq[v] <= fa) {
-                fa = freq[v];
-                a = v;
+        for (int32_t i = 0; i < n_live; ++i)
+            if (freq[live[i]] <= fa) {
+                fa = freq[live[i]];
+                a = live[i];
             }
-        for (int32_t v = 0; v <= 256; ++v)
-            if (freq[v] && freq[v] <= fb && v != a) {
-                fb = freq[v];
-                b = v;
+        for (int32_t i = 0; i < n_live; ++i)
+            if (freq[live[i]] <= fb && live[i] != a) {
+                fb = freq[live[i]];
+                b = live[i];
+                at_b = i;
             }
         if (a < 0 || b < 0) break;
         freq[a] += freq[b];
         freq[b] = 0;
+        for (int32_t i = at_b; i + 1 < n_live; ++i) live[i] = live[i + 1];
+        --n_live;
         int32_t e = a;
         ++codesize[e];
         while (others[e] >= 0) ++codesize[e = others[e]];
@@ -216,12 +221,15 @@ void kivoe_gen_opt(kivoe_huff_spec *s, const uint64_t *counter, int32_t n, const
         }
     for (int32_t l = 1; l <= 16; ++l) s->bits[l - 1] = bits[l];
 
-    // Symbols by code size, then value (T.81 Figure K.4).
-    int32_t count = 0;
-    for (int32_t l = 1; l <= 32; ++l)
-        for (int32_t v = 0; v < 256; ++v)
-            if (codesize[v] == l) s->vals[count++] = v;
-    s->count = count;
+    // Symbols by code size, then value (T.81 Figure K.4): each size's
+    // first place from the counts of the shorter ones.
+    int32_t first[34] = {0};
+    for (int32_t v = 0; v < 256; ++v)
+        if (codesize[v]) ++first[codesize[v] + 1];
+    for (int32_t l = 1; l <= 33; ++l) first[l] += first[l - 1];
+    for (int32_t v = 0; v < 256; ++v)
+        if (codesize[v]) s->vals[first[codesize[v]]++] = v;
+    s->count = first[32];
 }
 
 int32_t kivoe_gen_opt_spec(kivoe_ctx *ctx) {

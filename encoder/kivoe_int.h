@@ -151,14 +151,45 @@ typedef void (*kivoe_fdct_samples_fn)(const uint8_t *src, int32_t stride, int16_
 typedef void (*kivoe_box2_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
 typedef void (*kivoe_abs_acc_fn)(const int16_t *blk, uint32_t *acc);
 // Bit planes of a block's AC levels in zig-zag order, for the progressive
-// writer: bit z of nz[a] is set when |level| >> a is not zero, of odd[a]
-// when bit a of |level| is set, of neg when the level is negative. Bit 0
-// (the DC position) is clear in all.
+// writer: bit z of nz[a] is set when |level| >> a is not zero, of neg when
+// the level is negative; bit 0 (the DC position) is clear in both. corr[a]
+// holds bit a of |level| for every level set in nz[a + 1], one after the
+// other from the lowest position, which goes to bit 63 (the bits below
+// the last one are clear): a refinement's correction bits in the order it
+// writes them.
 struct kivoe_planes {
-    uint64_t nz[3], odd[2], neg;
+    uint64_t nz[3], corr[2], neg;
 };
-// Levels other than -32768.
-typedef void (*kivoe_planes_fn)(const int16_t *blk, kivoe_planes *out);
+// The planes of n blocks (64 levels each, one after the other) into out[],
+// their DC levels into dc[]. Returns non-zero when some AC level lies
+// outside -1023 to 1023; a block holding -32768 may then have planes
+// other than the plain kernel's.
+typedef uint32_t (*kivoe_planes_fn)(const int16_t *blk, int32_t n, kivoe_planes *out, int16_t *dc);
+
+// The bits of x at the positions set in m, lowest position first, packed
+// from bit 63 down (kivoe_planes::corr from the bit plane of |level|).
+inline uint64_t kivoe_corr_bits(uint64_t x, uint64_t m) {
+    uint64_t r = 0;
+    int32_t n = 0;
+    for (int32_t half = 0; half < 64; half += 32) {
+        const uint32_t v = static_cast<uint32_t>(x >> half);
+        for (uint32_t w = static_cast<uint32_t>(m >> half); w; w &= w - 1, ++n) r = r << 1 | (v >> __builtin_ctz(w) & 1);
+    }
+    return n ? r << (64 - n) : 0;
+}
+
+// A refinement scan of one component: the planes of its n blocks in
+// coding order, its band ss..se (1 to 63) and the bit al (0 or 1) it codes.
+struct kivoe_ac_scan {
+    const kivoe_planes *planes;
+    int32_t n, ss, se, al;
+};
+// Counts the scan's symbols into counter (by symbol, added to); returns
+// its correction bits.
+typedef uint64_t (*kivoe_refine_count_fn)(const kivoe_ac_scan *s, uint64_t *counter);
+// Writes the scan's entropy-coded data with the codes by symbol into bs,
+// whose flush stuffs bytes; leaves the last bits in bs's accumulator.
+typedef void (*kivoe_refine_write_fn)(const kivoe_ac_scan *s, const kivoe_code *code, xelo_bsw *bs);
 
 struct kivoe_proc {
     int32_t (*ready)(kivoe_ctx *ctx);
@@ -179,6 +210,8 @@ struct kivoe_proc {
     // Kernels beyond the fifteen slots, chosen the same way.
     kivoe_jndfilt_fn jndfilt;
     kivoe_planes_fn planes;
+    kivoe_refine_count_fn refine_count;
+    kivoe_refine_write_fn refine_write;
     kivoe_quant_mask_fn quant_mask;
     kivoe_quant_mask_fn fdct_quant_mask;  // kivoe_fdct_quant_mask
     // kivoe_fdct_quant_samples where a variant reads the samples faster
@@ -367,7 +400,9 @@ uint64_t kivoe_quant_kept(int16_t *blk, const uint16_t *q, const uint16_t *recip
 void kivoe_box2(const uint8_t *src, int32_t stride, int16_t *blk);
 // acc[i] += |blk[i]| for the 64 values (|-32768| = 32768).
 void kivoe_abs_acc(const int16_t *blk, uint32_t *acc);
-void kivoe_planes_c(const int16_t *blk, kivoe_planes *out);
+uint32_t kivoe_planes_c(const int16_t *blk, int32_t n, kivoe_planes *out, int16_t *dc);
+uint64_t kivoe_refine_count(const kivoe_ac_scan *s, uint64_t *counter);
+void kivoe_refine_write(const kivoe_ac_scan *s, const kivoe_code *code, xelo_bsw *bs);
 // Fills the transform and quantizer slots from the best variant the CPU
 // flags allow.
 void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags);
@@ -435,11 +470,41 @@ enum kivoe_coding { KIVOE_CODING_BASELINE = 0, KIVOE_CODING_PROGRESSIVE = 1 };
 // fits), so its symbols are not recorded for the writing while counted.
 constexpr int32_t KIVOE_CODING_LIKELY_COUNTED_ONLY = 0x100;
 
+// Memory the coefficient coder borrows and gives back, which a handle keeps
+// between calls so that pictures of the same size find it mapped already:
+// per component its bit planes, DC levels and baseline masks, per scan its
+// record, the interleaved scans' order, and room for the caller's own use
+// (kivoe_coef_store_take with slots from KIVOE_STORE_CALLER). All zero is
+// an empty store.
+enum {
+    KIVOE_STORE_PLANES = 0,
+    KIVOE_STORE_DC = 4,
+    KIVOE_STORE_MASKS = 8,
+    KIVOE_STORE_RECORDS = 12,
+    KIVOE_STORE_ORDER = 36,  // + the coding
+    KIVOE_STORE_CALLER = 38,
+    KIVOE_STORE_SLOTS = 41
+};
+struct kivoe_coef_store {
+    void *buf[KIVOE_STORE_SLOTS];
+    size_t size[KIVOE_STORE_SLOTS];
+};
+// At least bytes of memory from slot (*got: how many; null for want of
+// memory, or for 0 bytes and an empty slot): the slot's own, or new memory
+// when it holds less (then freed). Leaves the slot empty; store may be null.
+void *kivoe_coef_store_take(kivoe_coef_store *store, int32_t slot, size_t bytes, size_t *got);
+// Memory (of size bytes) back to slot, kept if the slot is empty, freed
+// otherwise (always, with store null).
+void kivoe_coef_store_give(kivoe_coef_store *store, int32_t slot, void *p, size_t size);
+void kivoe_coef_store_free(kivoe_coef_store *store);
+
 // Codes a coefficient picture as a whole stream into bs: baseline with
 // Huffman tables optimised for its levels, or progressive with the scan
 // script for its component count and tables optimised per scan. Returns 0 or
 // a negative status; an output too small for the stream sets bs->overflow.
-int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw *bs);
+// The coder's memory comes from store where given.
+int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw *bs,
+                             kivoe_coef_store *store = nullptr);
 
 // The same coding in tasks that threads may share, each scan's counting and
 // writing one task, so that what is written does not depend on which thread
@@ -448,11 +513,12 @@ int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw
 //    (0, -102, or -105 for a record we cannot write).
 // 2. kivoe_coef_prepare for each component below kivoe_coef_tasks(plan,
 //    KIVOE_COEF_PREPARE) (the progressive bit planes; none for baseline),
-//    then kivoe_coef_prepared: 0, or -103 for levels outside 8-bit data's
-//    categories.
+//    then kivoe_coef_prepared: 0, or -103 for AC levels outside 8-bit
+//    data's categories.
 // 3. kivoe_coef_count for each scan below kivoe_coef_tasks(plan,
 //    KIVOE_COEF_SCANS), then kivoe_coef_counted: the stream's least size
-//    (stuffing aside), or -103.
+//    (stuffing aside), or -103 (levels or DC differences outside their
+//    categories).
 // 4. kivoe_coef_write_head, kivoe_coef_write_scan for each scan in order
 //    (each may go to a writer of its own and the bytes be joined after: a
 //    scan needs at most kivoe_coef_scan_room(plan, scan, true) bytes, and
@@ -462,7 +528,8 @@ int32_t kivoe_write_coef_pic(const kivoe_coef_pic *pic, int32_t coding, xelo_bsw
 struct kivoe_coef_plan;
 struct kivoe_coef_tables;
 enum { KIVOE_COEF_PREPARE = 0, KIVOE_COEF_SCANS = 1 };
-int32_t kivoe_coef_plan_new(const kivoe_coef_pic *pic, int32_t coding, kivoe_coef_plan **out);
+int32_t kivoe_coef_plan_new(const kivoe_coef_pic *pic, int32_t coding, kivoe_coef_plan **out,
+                            kivoe_coef_store *store = nullptr);
 void kivoe_coef_plan_free(kivoe_coef_plan *plan);
 kivoe_coef_tables *kivoe_coef_tables_new();
 void kivoe_coef_tables_free(kivoe_coef_tables *tables);
@@ -482,6 +549,7 @@ void kivoe_coef_write_tail(const kivoe_coef_plan *plan, xelo_bsw *bs);
 // kivoe_write_coef_pic. KIVO_OK, -102 for want of memory, or another
 // negative status when the threads could not run it (nothing written).
 int32_t kivoe_write_coef_pics(const kivo_tpool *tp, void *const *threads, int n, const kivoe_coef_pic *const pics[],
-                              const int32_t codings[], uint8_t *const dst[], const int32_t cap[], int32_t size[]);
+                              const int32_t codings[], uint8_t *const dst[], const int32_t cap[], int32_t size[],
+                              kivoe_coef_store *store = nullptr);
 
 #endif

@@ -1,41 +1,7 @@
-// Bit planes of a block's AC levels, AVX2 machines: the level bytes put in
-// zig-zag order by byte shuffles, each 16 zig-zag positions gathered from
-// the four 16-byte raster quarters.
-#include <immintrin.h>
-
+// Bit planes of a block's AC levels, AVX2 machines.
 #include "encoder/enc_simd.h"
-#include "common/nonzero.h"
-#include "encoder/planes_x86.h"
+#include "encoder/planes_shuffle.h"
 
-namespace {
-
-// kShuffle.idx[i][j][b]: where zig-zag position 16i + b lies in raster
-// quarter j, or 0x80 (a zero byte) when it lies in another.
-struct Shuffle {
-    alignas(16) uint8_t idx[4][4][16];
-};
-
-constexpr Shuffle make_shuffle() {
-    Shuffle s{};
-    for (int32_t z = 0; z < 64; ++z) {
-        const int32_t r = kivo_nz::kZigToRas.z[z];
-        for (int32_t j = 0; j < 4; ++j) s.idx[z >> 4][j][z & 15] = r >> 4 == j ? static_cast<uint8_t>(r & 15) : 0x80;
-    }
-    return s;
-}
-
-constexpr Shuffle kShuffle = make_shuffle();
-
-}  // namespace
-
-void kivoe_planes_avx2(const int16_t *blk, kivoe_planes *out) {
-    __m128i c[4], zz[4];
-    level_bytes(blk, c);
-    for (int32_t i = 0; i < 4; ++i) {
-        __m128i z = _mm_setzero_si128();
-        for (int32_t j = 0; j < 4; ++j)
-            z = _mm_or_si128(z, _mm_shuffle_epi8(c[j], _mm_load_si128(reinterpret_cast<const __m128i *>(kShuffle.idx[i][j]))));
-        zz[i] = z;
-    }
-    planes_of(zz, out);
+uint32_t kivoe_planes_avx2(const int16_t *blk, int32_t n, kivoe_planes *out, int16_t *dc) {
+    return planes_rows(blk, n, out, dc, kivoe_corr_bits);
 }

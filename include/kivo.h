@@ -85,6 +85,9 @@ KIVO_API extern const uint8_t kivo_tbl_ras_to_zig[64];
 #define KIVO_CPU_SSSE3 (1u << 1)
 #define KIVO_CPU_SSE41 (1u << 2)
 #define KIVO_CPU_AVX2 (1u << 3)
+/* BMI2 where its bit extraction is fast (not on AMD processors before
+ * family 19h, which run it in microcode). */
+#define KIVO_CPU_BMI2 (1u << 4)
 #define KIVO_CPU_NEON (1u << 8)
 
 /* Features the processor has. */

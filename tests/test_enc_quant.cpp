@@ -237,7 +237,8 @@ TEST(EncRef, JndFilterThresholdsAndSuppression) {
 
 #if defined(KIVO_ARCH_x86)
 const uint32_t kSse = KIVO_CPU_SSE2 | KIVO_CPU_SSSE3 | KIVO_CPU_SSE41;
-const uint32_t kLevels[] = {0, KIVO_CPU_SSE2, KIVO_CPU_SSE2 | KIVO_CPU_SSSE3, kSse, kSse | KIVO_CPU_AVX2};
+const uint32_t kLevels[] = {0, KIVO_CPU_SSE2, KIVO_CPU_SSE2 | KIVO_CPU_SSSE3, kSse, kSse | KIVO_CPU_AVX2,
+                             kSse | KIVO_CPU_AVX2 | KIVO_CPU_BMI2};
 #elif defined(KIVO_ARCH_arm)
 const uint32_t kLevels[] = {0, KIVO_CPU_NEON};
 #else
@@ -312,13 +313,19 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
             if (plain.fdct_quant_mask(a.at, &odd[65], &odd[129]) != p.fdct_quant_mask(b.at, &odd[65], &odd[129]) || !(a == b))
                 fail("fdct_quant_mask", flags, i);
         }
-        for (size_t i = 0; planes && i < sets.coefs.size(); ++i) {
-            Slot a(sets.coefs[i].data(), i % 5);
-            for (int k = 0; k < 64; ++k) a.at[k] = std::max<int16_t>(a.at[k], -32767);
-            kivoe_planes x, y;
-            plain.planes(a.at, &x);
-            p.planes(a.at, &y);
-            if (std::memcmp(&x, &y, sizeof(x))) fail("planes", flags, i);
+        // Runs of one to three blocks: the range flag as given, the planes
+        // and DC levels without -32768.
+        for (size_t i = 0; planes && i + 3 <= sets.coefs.size(); ++i) {
+            const int n = 1 + static_cast<int>(i % 3);
+            std::vector<int16_t> run(64 * n);
+            for (int b = 0; b < n; ++b) std::copy(sets.coefs[i + b].begin(), sets.coefs[i + b].end(), run.begin() + 64 * b);
+            kivoe_planes x[3], y[3];
+            int16_t dx[3], dy[3];
+            if (!plain.planes(run.data(), n, x, dx) != !p.planes(run.data(), n, y, dy)) fail("planes range", flags, i);
+            for (int16_t &v : run) v = std::max<int16_t>(v, -32767);
+            if (!plain.planes(run.data(), n, x, dx) != !p.planes(run.data(), n, y, dy) || std::memcmp(x, y, n * sizeof(x[0])) ||
+                std::memcmp(dx, dy, n * sizeof(dx[0])))
+                fail("planes", flags, i);
         }
         // The filter reads two lines above and below the block, here from
         // consecutive sample blocks.
@@ -435,6 +442,132 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
     }
     EXPECT_EQ(failures, 0);
     std::printf("%d variant(s) checked\n", checked);
+}
+
+// A refinement scan (bit al of band ss..se) coded from the levels one bit
+// at a time, as bytes with 0xFF stuffed and the last one padded with 0s;
+// counts by symbol and, in count[256], the correction bits.
+std::vector<uint8_t> refine_ref(const int16_t *lv, int n_blk, int ss, int se, int al, const kivoe_code *code,
+                                std::vector<uint64_t> &count) {
+    std::vector<uint8_t> bits, held;  // one a bit; held: an end-of-band run's correction bits
+    count.assign(257, 0);
+    auto put = [&bits](uint32_t v, int n) {
+        for (int i = n - 1; i >= 0; --i) bits.push_back(v >> i & 1);
+    };
+    auto symbol = [&](int sym, uint32_t extra, int n) {
+        ++count[sym];
+        put(code[sym].code, code[sym].len);
+        put(extra, n);
+    };
+    int eobrun = 0;
+    auto flush = [&] {
+        if (!eobrun) return;
+        int n = 0;
+        while (eobrun >> (n + 1)) ++n;
+        symbol(n << 4, eobrun & ((1 << n) - 1), n);
+        bits.insert(bits.end(), held.begin(), held.end());
+        held.clear();
+        eobrun = 0;
+    };
+    for (int b = 0; b < n_blk; ++b) {
+        auto level = [&](int k) { return lv[64 * b + kivo_tbl_zig_to_ras[k]]; };
+        int last_new = 0, r = 0;
+        for (int k = ss; k <= se; ++k)
+            if (std::abs(level(k)) >> al == 1) last_new = k;
+        std::vector<uint8_t> corr;
+        for (int k = ss; k <= se; ++k) {
+            const int t = std::abs(level(k)) >> al;
+            if (!t) {
+                ++r;
+                continue;
+            }
+            for (; r > 15 && k <= last_new; r -= 16) {
+                flush();
+                symbol(0xF0, 0, 0);
+                bits.insert(bits.end(), corr.begin(), corr.end());
+                corr.clear();
+            }
+            if (t > 1) {
+                corr.push_back(t & 1);
+                ++count[256];
+                continue;
+            }
+            flush();
+            symbol(r << 4 | 1, level(k) > 0, 1);
+            bits.insert(bits.end(), corr.begin(), corr.end());
+            corr.clear();
+            r = 0;
+        }
+        if (r > 0 || !corr.empty()) {
+            ++eobrun;
+            held.insert(held.end(), corr.begin(), corr.end());
+            if (eobrun == 0x7FFF || held.size() > 936) flush();
+        }
+    }
+    flush();
+    std::vector<uint8_t> out;
+    for (size_t i = 0; i < bits.size(); i += 8) {
+        uint8_t byte = 0;
+        for (size_t k = i; k < i + 8; ++k) byte = static_cast<uint8_t>(byte << 1 | (k < bits.size() ? bits[k] : 0));
+        out.push_back(byte);
+        if (byte == 0xFF) out.push_back(0);
+    }
+    return out;
+}
+
+// Refinement scans by every kernel against the reference above: symbol
+// counts, correction bits and bytes, over blocks with long zero runs
+// before new levels (ZRL), blocks of correction bits only, whose
+// end-of-band runs are cut for the bits they hold, and 33000 empty blocks,
+// whose run is cut at its longest; each symbol's code is random.
+TEST(CheckasmEnc, RefineScansMatchTheReference) {
+    std::mt19937 rng(20240612u);
+    const int kBlocks = 38000;
+    std::vector<int16_t> lv(64 * kBlocks, 0);
+    for (int i = 0; i < kBlocks; ++i) {
+        if (i >= 2000 && i < 35000) continue;
+        // Sparse, dense, correction bits only, a far new level; at the end
+        // a few correction bits only, so that some run holds exactly the
+        // most bits it may.
+        const int kind = i < 35000 ? i % 4 : 4;
+        for (int k = 1; k < 64; ++k) {
+            const bool set = kind == 1 || kind == 2 || (kind == 0 && rng() % 6 == 0) || (kind == 3 && rng() % 20 == 0) ||
+                             (kind == 4 && rng() % 16 == 0);
+            int v = set ? 1 + static_cast<int>(rng() % (kind >= 2 && kind != 3 ? 6 : 9)) + (kind == 2 || kind == 4) : 0;
+            if (kind == 3 && k == 63) v = 1;
+            lv[64 * i + kivo_tbl_zig_to_ras[k]] = static_cast<int16_t>(rng() % 2 ? -v : v);
+        }
+    }
+    std::vector<kivoe_planes> planes(kBlocks);
+    std::vector<int16_t> dc(kBlocks);
+    kivoe_planes_c(lv.data(), kBlocks, planes.data(), dc.data());
+    kivoe_code code[256];
+    for (kivoe_code &c : code) {
+        c.len = static_cast<uint8_t>(1 + rng() % 16);
+        c.code = static_cast<uint16_t>(rng() & ((1u << c.len) - 1));
+    }
+    const int kBands[][3] = {{1, 63, 0}, {1, 63, 1}, {1, 5, 0}, {6, 63, 1}, {3, 40, 0}};
+    std::vector<uint8_t> got(4 << 20);
+    std::set<const void *> seen;
+    for (uint32_t flags : kLevels) {
+        kivoe_proc p{};
+        kivoe_dsp_init(&p, flags);
+        if ((flags & ~kivo_cpu_detected()) || !seen.insert(reinterpret_cast<const void *>(p.refine_write)).second) continue;
+        for (const auto &b : kBands)
+            for (int start : {0, 20000}) {  // all the blocks, and a run that starts in the empty ones
+                std::vector<uint64_t> want_count, count(257, 0);
+                const auto want = refine_ref(&lv[64 * start], kBlocks - start, b[0], b[1], b[2], code, want_count);
+                const kivoe_ac_scan s{planes.data() + start, kBlocks - start, b[0], b[1], b[2]};
+                xelo_bsw bs;
+                xelo_bsw_init(&bs, got.data(), static_cast<int32_t>(got.size()), kivoe_bs_flush_data_seg);
+                p.refine_write(&s, code, &bs);
+                xelo_bsw_sink(&bs);
+                count[256] = p.refine_count(&s, count.data());
+                const std::vector<uint8_t> written(bs.start_ptr, bs.write_ptr);
+                ASSERT_TRUE(written == want && count == want_count)
+                    << kivoe_dsp_describe(flags) << ": band " << b[0] << "-" << b[1] << " al " << b[2] << " from " << start;
+            }
+    }
 }
 
 // Pushes planes and selects the tables at `level`; got: the tables after.

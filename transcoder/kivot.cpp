@@ -38,6 +38,7 @@ void destroy(kivot_ctx *t) {
     kivoe_delete(t->enc);
     kivod_delete(t->dec);
     release_picture(t);
+    kivoe_coef_store_free(&t->coef_store);
     xelo_mfree_align32(t);
 }
 

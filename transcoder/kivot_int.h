@@ -36,6 +36,7 @@ struct kivot_ctx {
     kivot_proc proc;
     int32_t reserved;
     int32_t copy;  // KIVOT_COPY_*: the source's APPn segments the outputs carry
+    kivoe_coef_store coef_store;  // the lossless codings' memory, kept between calls
 };
 
 extern "C" {
@@ -107,9 +108,11 @@ struct kivot_trailer {
 // source's levels into the decoder and describes them in pic (APPn list and
 // trailer are the caller's to set; pic's size is set as soon as the headers
 // are read, even when the levels then fail); kivot_write_levels codes them into
-// dst: 0, or -105 when cap bytes do not hold the stream.
+// dst (with the coder's memory from store): 0, or -105 when cap bytes do not
+// hold the stream.
 int32_t kivot_read_levels(kivot_ctx *ctx, const kivod_input *in, kivoe_coef_pic *pic);
-int32_t kivot_write_levels(const kivoe_coef_pic *pic, int32_t coding, uint8_t *dst, int32_t cap, int32_t *written);
+int32_t kivot_write_levels(const kivoe_coef_pic *pic, int32_t coding, uint8_t *dst, int32_t cap, int32_t *written,
+                           kivoe_coef_store *store);
 // Weights that raise the source's table shape, per frequency (raster order).
 extern const int16_t tbl_trc_weight[2][64];
 

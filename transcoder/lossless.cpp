@@ -39,12 +39,13 @@ int32_t kivot_read_levels(kivot_ctx *t, const kivod_input *in, kivoe_coef_pic *p
     return KIVO_OK;
 }
 
-int32_t kivot_write_levels(const kivoe_coef_pic *pic, int32_t coding, uint8_t *dst, int32_t cap, int32_t *written) {
+int32_t kivot_write_levels(const kivoe_coef_pic *pic, int32_t coding, uint8_t *dst, int32_t cap, int32_t *written,
+                           kivoe_coef_store *store) {
     *written = 0;
     if (!dst || cap <= 0) return KIVO_ERR_INVALID_ARG;
     xelo_bsw bs;
     xelo_bsw_init(&bs, dst, cap, kivoe_bs_flush);
-    const int32_t ret = kivoe_write_coef_pic(pic, coding, &bs);
+    const int32_t ret = kivoe_write_coef_pic(pic, coding, &bs, store);
     if (ret < 0) return ret;
     if (bs.overflow) return KIVO_ERR_INVALID_ARG;
     *written = static_cast<int32_t>(bs.write_ptr - bs.start_ptr);
@@ -166,7 +167,7 @@ int32_t write_lossless(kivot_ctx *t, const kivoe_coef_pic *pic, uint8_t *const b
         const kivoe_coef_pic *const pics[2] = {pic, pic};
         const int32_t codings[2] = {coding_of(kinds[0]), coding_of(kinds[1])};
         int32_t size[2];
-        const int32_t r = kivoe_write_coef_pics(&e->tpool, e->threads, 2, pics, codings, dst, cap, size);
+        const int32_t r = kivoe_write_coef_pics(&e->tpool, e->threads, 2, pics, codings, dst, cap, size, &t->coef_store);
         if (r == KIVO_ERR_OUT_OF_MEMORY) return r;
         if (r == KIVO_OK) {
             for (int i = 0; i < 2; ++i) best.offer(i ? free1 : free0, size[i], kinds[i]);
@@ -177,7 +178,7 @@ int32_t write_lossless(kivot_ctx *t, const kivoe_coef_pic *pic, uint8_t *const b
     for (int32_t kind : kinds) {
         int32_t size = 0;
         const int i = best.free_buffer(0);
-        const int32_t r = kivot_write_levels(pic, coding_of(kind), buf[i], best.cap(kind), &size);
+        const int32_t r = kivot_write_levels(pic, coding_of(kind), buf[i], best.cap(kind), &size, &t->coef_store);
         if (r == KIVO_ERR_OUT_OF_MEMORY) return r;
         if (r == KIVO_OK) best.offer(i, size, kind);
     }
@@ -232,7 +233,7 @@ KIVO_API int32_t kivot_txcode_lossless(kivot_ctx *ctx, const kivod_input *input,
     if (ret == KIVO_OK)
         ret = kivot_write_levels(&lv.pic, coding == KIVOT_LOSSLESS_PROGRESSIVE ? KIVOE_CODING_PROGRESSIVE
                                                                               : KIVOE_CODING_BASELINE,
-                                 output->bitb->addr, output->bitb->ssize, written);
+                                 output->bitb->addr, output->bitb->ssize, written, &t->coef_store);
     lv.keep(t->dec);
     lv.spare(t->dec);
     kivod_release_frame_buffers(t->dec);
@@ -256,12 +257,16 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
     const kivod_input in{KIVOD_INPUT_BITB, &src_bitb, nullptr};
 
     // The candidates compete in three buffers of the source's size (no
-    // winner can be larger): the best so far and two being made.
+    // winner can be larger): the best so far and two being made, kept by
+    // the handle for its next call.
     Best best{src.size};
     uint8_t *buf[3];
-    for (uint8_t *&b : buf) b = static_cast<uint8_t *>(std::malloc(static_cast<size_t>(src.size)));
-    const auto free_buffers = [&buf] {
-        for (uint8_t *b : buf) std::free(b);
+    size_t got[3];
+    for (int i = 0; i < 3; ++i)
+        buf[i] = static_cast<uint8_t *>(
+            kivoe_coef_store_take(&t->coef_store, KIVOE_STORE_CALLER + i, static_cast<size_t>(src.size), &got[i]));
+    const auto free_buffers = [&] {
+        for (int i = 0; i < 3; ++i) kivoe_coef_store_give(&t->coef_store, KIVOE_STORE_CALLER + i, buf[i], got[i]);
     };
     if (!buf[0] || !buf[1] || !buf[2]) {
         free_buffers();
