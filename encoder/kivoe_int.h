@@ -126,6 +126,9 @@ struct kivoe_job {
     // statistics pass so that the coding pass only codes them; allocated per
     // picture, null when the picture is too large to keep them.
     int16_t *levels;
+    // Each kept block's mask as kivoe_vlc_block_mask takes it, in the same
+    // allocation after the levels.
+    uint64_t *masks;
     bool levels_kept;            // levels holds this picture's blocks
     kivoe_ctx *ctx;
 };
@@ -303,6 +306,9 @@ int32_t kivoe_vlc_ac_stat(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk);
 // kivoe_vlc_block_mask takes to code the block without finding its
 // non-zero levels again (all ones: a level without category, found then).
 uint64_t kivoe_vlc_ac_stat_mask(kivoe_ac_tbl *t, const int16_t *blk);
+// kivoe_vlc_dc_stat then kivoe_vlc_ac_stat, mask as kivoe_vlc_block_mask
+// takes it.
+void kivoe_vlc_block_stat(kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk, uint64_t mask);
 // kivoe_vlc_dc then kivoe_vlc_ac, the block's codes gathered in one buffer;
 // mask: the zig-zag mask of the non-zero AC levels, or all ones when not
 // known (found here then).

@@ -513,6 +513,13 @@ int32_t kivoe_vlc_ac_stat(xelo_bsw *, kivoe_ac_tbl *t, const int16_t *blk) {
     return count_ac(t, blk, mask, all_coded);
 }
 
+void kivoe_vlc_block_stat(kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk, uint64_t mask) {
+    kivoe_vlc_dc_stat(nullptr, dc, diff);
+    bool all_coded = true;
+    if (!~mask) mask = kivo_zigzag_ac_mask(blk, &all_coded);
+    count_ac(ac, blk, mask, all_coded);
+}
+
 uint64_t kivoe_vlc_ac_stat_mask(kivoe_ac_tbl *t, const int16_t *blk) {
     bool all_coded;
     const uint64_t mask = kivo_zigzag_ac_mask(blk, &all_coded);
