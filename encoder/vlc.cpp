@@ -7,6 +7,10 @@
 #include "encoder/stuffing.h"
 #include "common/nonzero.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 
 namespace {
 
@@ -232,14 +236,50 @@ __attribute__((always_inline)) inline int32_t code_ac_fast(FastSink &out, const 
     return KIVO_OK;
 }
 
+// Copies n bytes from src to dst with a 0x00 after each 0xFF; returns the
+// end of the copy. Sixteen bytes at a time where none is 0xFF.
+uint8_t *copy_stuffed(uint8_t *dst, const uint8_t *src, size_t n) {
+    size_t i = 0;
+#if defined(__SSE2__)
+    const __m128i ff = _mm_set1_epi8(-1);
+    for (; i + 16 <= n; i += 16) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + i));
+        if (__builtin_expect(_mm_movemask_epi8(_mm_cmpeq_epi8(v, ff)) == 0, 1)) {
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(dst), v);
+            dst += 16;
+            continue;
+        }
+        for (size_t j = i; j < i + 16; ++j) {
+            *dst++ = src[j];
+            if (src[j] == 0xFF) *dst++ = 0x00;
+        }
+    }
+    // The last bytes as the end of a sixteen-byte copy that overlaps the
+    // bytes just copied, when none of the sixteen is 0xFF (so that the
+    // overlapped bytes were copied without stuffing, to the same places).
+    if (i < n && n >= 16) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + n - 16));
+        if (_mm_movemask_epi8(_mm_cmpeq_epi8(v, ff)) == 0) {
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(dst - (i - (n - 16))), v);
+            return dst + (n - i);
+        }
+    }
+#endif
+    for (; i < n; ++i) {
+        *dst++ = src[i];
+        if (src[i] == 0xFF) *dst++ = 0x00;
+    }
+    return dst;
+}
+
 // On 64-bit processors a block's codes go into the buffer unchecked, two
 // codes of at most 28 bits at a time onto the seven bits or fewer that a
 // flush leaves, and each flush then writes the buffer's whole bytes: a byte
 // count that varies instead of a branch for a full buffer, which the
 // processor mispredicts every few codes. A flush stores eight bytes
-// whatever the count, so the bytes go to a buffer on the stack first and
-// reach the output with their exact count: nothing past the stream's end
-// is touched.
+// whatever the count, so the bytes go to a buffer on the stack first,
+// without stuffing, and reach the output stuffed and with their exact
+// count: nothing past the stream's end is touched.
 struct PairSink {
     // Blocks a stage holds at most.
     static constexpr int32_t kStageBlocks = 10;
@@ -260,9 +300,7 @@ struct PairSink {
     // with fewer than 32 bits pending).
     void store(xelo_bsw *bs, const Stage *stage) {
         flush();
-        const size_t len = static_cast<size_t>(p - stage->b);
-        std::memcpy(bs->write_ptr, stage->b, len);
-        bs->write_ptr += len;
+        bs->write_ptr = copy_stuffed(bs->write_ptr, stage->b, static_cast<size_t>(p - stage->b));
         bs->cache = static_cast<uint32_t>(acc << (32 - n));
         bs->free_bits = static_cast<int32_t>(32 - n);
     }
@@ -274,19 +312,11 @@ struct PairSink {
         n += len;
     }
 
-    // Writes the whole bytes pending; seven bits at most stay. The
-    // pending bits at the top of w are followed by zeros, so that only a
-    // whole byte of w can be 0xFF.
+    // Writes the whole bytes pending; seven bits at most stay.
     void flush() {
-        const uint64_t w = (acc << (63 - n)) << 1;
-        const uint64_t whole = n >> 3;
-        if (__builtin_expect(has_ff(w), 0)) {
-            p = store_stuffed(p, w, static_cast<int32_t>(whole));
-        } else {
-            const uint64_t be = big_endian(w);
-            std::memcpy(p, &be, sizeof(be));
-            p += whole;
-        }
+        const uint64_t be = big_endian((acc << (63 - n)) << 1);
+        std::memcpy(p, &be, sizeof(be));
+        p += n >> 3;
         n &= 7;
     }
 };
