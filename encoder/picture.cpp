@@ -258,11 +258,12 @@ int32_t count_symbols(kivoe_ctx *ctx) {
     for (int i = 0; i < n; ++i) {
         kivoe_job *job = ctx->job[i];
         if (!job->stat_dc) job->stat_dc = static_cast<kivoe_dc_tbl *>(std::calloc(4, sizeof(kivoe_dc_tbl)));
-        if (!job->stat_ac) job->stat_ac = static_cast<kivoe_ac_tbl *>(std::calloc(4, sizeof(kivoe_ac_tbl)));
+        if (!job->stat_ac) job->stat_ac = static_cast<kivoe_ac_tbl *>(std::calloc(8, sizeof(kivoe_ac_tbl)));
         if (!job->stat_dc || !job->stat_ac) return KIVO_ERR_OUT_OF_MEMORY;
         for (int t = 0; t < 4; ++t) {
             std::memset(job->stat_dc[t].counter, 0, sizeof(job->stat_dc[t].counter));
             std::memset(job->stat_ac[t].counter, 0, sizeof(job->stat_ac[t].counter));
+            std::memset(job->stat_ac[t + 4].counter, 0, sizeof(job->stat_ac[t + 4].counter));
         }
     }
     // The levels are kept up to 64 MiB for the whole picture (a 4:2:0
@@ -327,7 +328,8 @@ bool lacks_a_code(const kivoe_ctx *ctx, int32_t i) {
     for (int j = 0; j < ctx->n_segments; ++j) {
         const kivoe_job *job = ctx->job[j];
         for (int v = 0; v < 256; ++v) {
-            const bool counted = s.cls ? job->stat_ac[id].counter[v] : v < 16 && job->stat_dc[id].counter[v];
+            const bool counted = s.cls ? job->stat_ac[id].counter[v] || job->stat_ac[id + 4].counter[v]
+                                       : v < 16 && job->stat_dc[id].counter[v];
             const uint8_t len = s.cls ? ctx->ac_tbl[id].by_symbol[v].len : ctx->dc_tbl[id].code[v].len;
             if (counted && !len) return true;
         }
@@ -352,7 +354,7 @@ int32_t kivoe_analysis(kivoe_ctx *ctx) {
             for (int t = 0; t < 4; ++t)
                 for (int s = 0; s < 257; ++s) {
                     ctx->dc_tbl[t].counter[s] += job->stat_dc[t].counter[s];
-                    ctx->ac_tbl[t].counter[s] += job->stat_ac[t].counter[s];
+                    ctx->ac_tbl[t].counter[s] += job->stat_ac[t].counter[s] + job->stat_ac[t + 4].counter[s];
                 }
         }
         const int32_t opt = kivoe_opt_huff_tbl(ctx);
@@ -473,6 +475,7 @@ struct Comp {
     const kivoe_qtbl *q;
     kivoe_dc_tbl *dc;
     kivoe_ac_tbl *ac;
+    uint64_t *ac_odd;  // the statistics pass's second AC counters, else null
     const uint16_t *offset;
     uint16_t *adapt;
     const uint8_t *plane;
@@ -594,6 +597,7 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
         const int td = ctx->sh.td[c] & 3, ta = ctx->sh.ta[c] & 3;
         cc.dc = job->counting ? &job->stat_dc[td] : &ctx->dc_tbl[td];
         cc.ac = job->counting ? &job->stat_ac[ta] : &ctx->ac_tbl[ta];
+        cc.ac_odd = job->counting ? job->stat_ac[4 + ta].counter : nullptr;
         cc.adapt = job->offset[tq];
         if (ctx->adaptive_rounding) {
             for (int i = 0; i < 64; ++i) cc.adapt[i] = 8192;
@@ -701,11 +705,12 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                     job->dc_pred[c] = mcu_code[b].blk[0];
                 }
             if (stat) {
-                for (int b = 0; b < per_mcu; ++b) {
-                    const kivoe_block_code &k = mcu_code[b];
-                    kivoe_vlc_block_stat(k.dc, k.ac, k.diff, k.blk, k.mask);
-                    if (kept_mask) kept_mask[b] = k.mask;
-                }
+                for (int c = 0, b = 0; c < nc; ++c)
+                    for (int i = fh.h[c] * fh.v[c]; i > 0; --i, ++b) {
+                        const kivoe_block_code &k = mcu_code[b];
+                        kivoe_vlc_block_stat(k.dc, k.ac, comp[c].ac_odd, k.diff, k.blk, k.mask);
+                        if (kept_mask) kept_mask[b] = k.mask;
+                    }
             } else {
                 kivoe_vlc_blocks(bs, mcu_code, per_mcu);
             }
@@ -748,7 +753,7 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                     if (fused) {
                         kivoe_vlc_block_mask(bs, cc.dc, cc.ac, d, lv, mask);
                     } else if (stat) {
-                        kivoe_vlc_block_stat(cc.dc, cc.ac, d, lv, mask);
+                        kivoe_vlc_block_stat(cc.dc, cc.ac, cc.ac_odd, d, lv, mask);
                     } else {
                         p.vlc_dc(bs, cc.dc, d);
                         p.vlc_ac(bs, cc.ac, lv);

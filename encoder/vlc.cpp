@@ -543,11 +543,39 @@ int32_t kivoe_vlc_ac_stat(xelo_bsw *, kivoe_ac_tbl *t, const int16_t *blk) {
     return count_ac(t, blk, mask, all_coded);
 }
 
-void kivoe_vlc_block_stat(kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, int32_t diff, const int16_t *blk, uint64_t mask) {
+void kivoe_vlc_block_stat(kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, uint64_t *odd, int32_t diff, const int16_t *blk,
+                          uint64_t mask) {
     kivoe_vlc_dc_stat(nullptr, dc, diff);
     bool all_coded = true;
     if (!~mask) mask = kivo_zigzag_ac_mask(blk, &all_coded);
-    count_ac(ac, blk, mask, all_coded);
+    if (kMaskBits < 64 || !all_coded || !odd) {
+        count_ac(ac, blk, mask, all_coded);
+        return;
+    }
+    // The levels' symbols counted into the two arrays in turn: a count
+    // added to waits for the one added to before it when both are the same
+    // (through memory), and a level's symbol is often that of the level
+    // before it. Each level's size from kLevelTable.
+    uint64_t *const even = ac->counter;
+    const uint32_t *level = kLevelTable.e + 2047;
+    uint64_t next = 1, zrl = 0;
+    auto one = [&](uint64_t *counter, uint64_t m) {
+        const uint64_t at = static_cast<uint64_t>(__builtin_ctzll(m));
+        const uint32_t e = level[blk[kivo_tbl_zig_to_ras[at]]];
+        const uint64_t run = at - next;
+        next = at + 1;
+        zrl += run >> 4;
+        ++counter[(run & 15) * 16 + (e >> 17)];
+    };
+    while (mask) {
+        one(even, mask);
+        mask &= mask - 1;
+        if (!mask) break;
+        one(odd, mask);
+        mask &= mask - 1;
+    }
+    even[0xF0] += zrl;
+    if (next != 64) ++even[0x00];
 }
 
 uint64_t kivoe_vlc_ac_stat_mask(kivoe_ac_tbl *t, const int16_t *blk) {

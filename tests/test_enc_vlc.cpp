@@ -109,7 +109,7 @@ TEST(EncHuffman, OptimalNeverWorseThanTypical) {
 // blocks, long codes before ZRLs, masks known or not, DC differences and
 // levels without a category; with room for everything, and with an output that ends within
 // the last MCU, of levels of the largest category, when there is room left
-// for a block but not for an MCU.
+// for a block but not for an MCU. The counting twins agree as well.
 TEST(EncHuffman, BlocksInTurnAsOneByOne) {
     Ctx c;
     std::mt19937 rng(5);
@@ -156,6 +156,18 @@ TEST(EncHuffman, BlocksInTurnAsOneByOne) {
         EXPECT_TRUE(r.write_ptr - r.start_ptr == a.write_ptr - a.start_ptr && apart == one) << size;
         EXPECT_NE(std::find(one.begin(), one.end(), 0xFF), one.end());  // stuffing is exercised
     }
+    // Counted with a second array, the blocks' symbols add up to those
+    // counted in one.
+    auto dc = std::make_unique<kivoe_dc_tbl[]>(2);
+    auto ac = std::make_unique<kivoe_ac_tbl[]>(2);
+    std::vector<uint64_t> odd(256);
+    for (const kivoe_block_code &k : code) {
+        kivoe_vlc_dc_stat(nullptr, &dc[0], k.diff);
+        kivoe_vlc_ac_stat(nullptr, &ac[0], k.blk);
+        kivoe_vlc_block_stat(&dc[1], &ac[1], odd.data(), k.diff, k.blk, k.mask);
+    }
+    for (int v = 0; v < 256; ++v) EXPECT_EQ(ac[1].counter[v] + odd[v], ac[0].counter[v]) << "AC symbol " << v;
+    for (int v = 0; v < 16; ++v) EXPECT_EQ(dc[1].counter[v], dc[0].counter[v]) << "DC category " << v;
 }
 
 }  // namespace
