@@ -107,9 +107,10 @@ TEST(EncHuffman, OptimalNeverWorseThanTypical) {
 // Blocks coded an MCU at a time give the bytes of blocks coded one by one,
 // and both those of the separate DC and AC coders: sparse and dense
 // blocks, long codes before ZRLs, masks known or not, DC differences and
-// levels without a category; with room for everything, and with an output that ends within
-// the last MCU, of levels of the largest category, when there is room left
-// for a block but not for an MCU. The counting twins agree as well.
+// levels without a category; with room for everything, and with an output
+// that ends within the last MCU, of levels of the largest category, when
+// there is room left for a block but not for an MCU. The counting twins
+// agree as well.
 TEST(EncHuffman, BlocksInTurnAsOneByOne) {
     Ctx c;
     std::mt19937 rng(5);
