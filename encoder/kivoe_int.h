@@ -118,7 +118,8 @@ struct kivoe_job {
     uint8_t first_marker;
     xelo_bsw *own_writer;        // jobs 1..7: their own writer record
     // Statistics pass: the tables this job counts into (only their counters
-    // are used), made at the first pass and kept until the handle goes.
+    // are used), made at the first pass and kept until the handle goes;
+    // stat_ac[4 + id] holds counts of table id's AC symbols as well.
     kivoe_dc_tbl *stat_dc;
     kivoe_ac_tbl *stat_ac;
     bool counting;               // a statistics pass is running
@@ -126,6 +127,9 @@ struct kivoe_job {
     // statistics pass so that the coding pass only codes them; allocated per
     // picture, null when the picture is too large to keep them.
     int16_t *levels;
+    // Each kept block's mask as kivoe_vlc_block_mask takes it, in the same
+    // allocation after the levels.
+    uint64_t *masks;
     bool levels_kept;            // levels holds this picture's blocks
     kivoe_ctx *ctx;
 };
@@ -336,6 +340,11 @@ int32_t kivoe_vlc_ac_stat(xelo_bsw *bs, kivoe_ac_tbl *t, const int16_t *blk);
 // kivoe_vlc_block_mask takes to code the block without finding its
 // non-zero levels again (all ones: a level without category, found then).
 uint64_t kivoe_vlc_ac_stat_mask(kivoe_ac_tbl *t, const int16_t *blk);
+// kivoe_vlc_dc_stat then kivoe_vlc_ac_stat, mask as kivoe_vlc_block_mask
+// takes it; odd (unless null): 256 counters that may take some of the AC
+// symbols' counts instead of ac's (to be added to them).
+void kivoe_vlc_block_stat(kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, uint64_t *odd, int32_t diff, const int16_t *blk,
+                          uint64_t mask);
 // kivoe_vlc_dc then kivoe_vlc_ac, the block's codes gathered in one buffer;
 // mask: the zig-zag mask of the non-zero AC levels, or all ones when not
 // known (found here then).

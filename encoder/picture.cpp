@@ -203,6 +203,7 @@ void kivoe_pic_deinit(kivoe_ctx *ctx) {
         ctx->job[i]->own_buf = nullptr;
         std::free(ctx->job[i]->levels);
         ctx->job[i]->levels = nullptr;
+        ctx->job[i]->masks = nullptr;
         ctx->job[i]->levels_kept = false;
     }
     if (ctx->pic_owned) {
@@ -257,16 +258,18 @@ int32_t count_symbols(kivoe_ctx *ctx) {
     for (int i = 0; i < n; ++i) {
         kivoe_job *job = ctx->job[i];
         if (!job->stat_dc) job->stat_dc = static_cast<kivoe_dc_tbl *>(std::calloc(4, sizeof(kivoe_dc_tbl)));
-        if (!job->stat_ac) job->stat_ac = static_cast<kivoe_ac_tbl *>(std::calloc(4, sizeof(kivoe_ac_tbl)));
+        if (!job->stat_ac) job->stat_ac = static_cast<kivoe_ac_tbl *>(std::calloc(8, sizeof(kivoe_ac_tbl)));
         if (!job->stat_dc || !job->stat_ac) return KIVO_ERR_OUT_OF_MEMORY;
         for (int t = 0; t < 4; ++t) {
             std::memset(job->stat_dc[t].counter, 0, sizeof(job->stat_dc[t].counter));
             std::memset(job->stat_ac[t].counter, 0, sizeof(job->stat_ac[t].counter));
+            std::memset(job->stat_ac[t + 4].counter, 0, sizeof(job->stat_ac[t + 4].counter));
         }
     }
     // The levels are kept up to 64 MiB for the whole picture (a 4:2:0
-    // picture of some 22 million pixels); larger pictures, or a failed
-    // allocation, have the coding pass transform and quantize again.
+    // picture of some 22 million pixels), each block's mask after them;
+    // larger pictures, or a failed allocation, have the coding pass
+    // transform and quantize again.
     int32_t per_mcu = 0;
     for (int c = 0; c < ctx->fh.n_comp; ++c) per_mcu += ctx->fh.h[c] * ctx->fh.v[c];
     size_t total = 0;
@@ -274,7 +277,10 @@ int32_t count_symbols(kivoe_ctx *ctx) {
     for (int i = 0; i < n && total <= (size_t(64) << 20); ++i) {
         kivoe_job *job = ctx->job[i];
         std::free(job->levels);
-        job->levels = static_cast<int16_t *>(std::malloc(static_cast<size_t>(job->n_mcu) * per_mcu * 64 * sizeof(int16_t)));
+        const size_t blocks = static_cast<size_t>(job->n_mcu) * per_mcu;
+        static_assert(64 * sizeof(int16_t) % alignof(uint64_t) == 0, "the masks follow the levels aligned");
+        job->levels = static_cast<int16_t *>(std::malloc(blocks * (64 * sizeof(int16_t) + sizeof(uint64_t))));
+        job->masks = job->levels ? reinterpret_cast<uint64_t *>(job->levels + blocks * 64) : nullptr;
     }
     for (int i = 0; i < n; ++i) ctx->job[i]->counting = true;
     p.vlc_dc = kivoe_vlc_dc_stat;
@@ -322,7 +328,8 @@ bool lacks_a_code(const kivoe_ctx *ctx, int32_t i) {
     for (int j = 0; j < ctx->n_segments; ++j) {
         const kivoe_job *job = ctx->job[j];
         for (int v = 0; v < 256; ++v) {
-            const bool counted = s.cls ? job->stat_ac[id].counter[v] : v < 16 && job->stat_dc[id].counter[v];
+            const bool counted = s.cls ? job->stat_ac[id].counter[v] || job->stat_ac[id + 4].counter[v]
+                                       : v < 16 && job->stat_dc[id].counter[v];
             const uint8_t len = s.cls ? ctx->ac_tbl[id].by_symbol[v].len : ctx->dc_tbl[id].code[v].len;
             if (counted && !len) return true;
         }
@@ -347,7 +354,7 @@ int32_t kivoe_analysis(kivoe_ctx *ctx) {
             for (int t = 0; t < 4; ++t)
                 for (int s = 0; s < 257; ++s) {
                     ctx->dc_tbl[t].counter[s] += job->stat_dc[t].counter[s];
-                    ctx->ac_tbl[t].counter[s] += job->stat_ac[t].counter[s];
+                    ctx->ac_tbl[t].counter[s] += job->stat_ac[t].counter[s] + job->stat_ac[t + 4].counter[s];
                 }
         }
         const int32_t opt = kivoe_opt_huff_tbl(ctx);
@@ -468,6 +475,7 @@ struct Comp {
     const kivoe_qtbl *q;
     kivoe_dc_tbl *dc;
     kivoe_ac_tbl *ac;
+    uint64_t *ac_odd;  // the statistics pass's second AC counters, else null
     const uint16_t *offset;
     uint16_t *adapt;
     const uint8_t *plane;
@@ -589,6 +597,7 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
         const int td = ctx->sh.td[c] & 3, ta = ctx->sh.ta[c] & 3;
         cc.dc = job->counting ? &job->stat_dc[td] : &ctx->dc_tbl[td];
         cc.ac = job->counting ? &job->stat_ac[ta] : &ctx->ac_tbl[ta];
+        cc.ac_odd = job->counting ? job->stat_ac[4 + ta].counter : nullptr;
         cc.adapt = job->offset[tq];
         if (ctx->adaptive_rounding) {
             for (int i = 0; i < 64; ++i) cc.adapt[i] = 8192;
@@ -612,6 +621,7 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     // the coding pass after it codes them as stored.
     const bool reuse = !job->counting && job->levels_kept;
     int16_t *kept = job->counting || reuse ? job->levels : nullptr;
+    uint64_t *kept_mask = kept ? job->masks : nullptr;
     alignas(16) int16_t coef[64];
     // Switches and kernels in locals: the calls through the table would
     // otherwise have them read again for every block.
@@ -623,9 +633,11 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     constexpr bool keep = kKeep;
     // With the writers in the coder slots, a block's codes go out together.
     const bool fused = p.vlc_dc == kivoe_vlc_dc && p.vlc_ac == kivoe_vlc_ac;
-    // Blocks coded straight after the plain quantizer take its mask of
-    // non-zero levels.
-    const bool masked = fused && !prog && !keep;
+    // The same with the statistics twins: the symbols are counted.
+    const bool stat = p.vlc_dc == kivoe_vlc_dc_stat && p.vlc_ac == kivoe_vlc_ac_stat;
+    // Blocks coded or counted straight after the plain quantizer take its
+    // mask of non-zero levels.
+    const bool masked = (fused || stat) && !prog && !keep;
     // Coded blocks are transformed and quantized a whole MCU at a time
     // before any is coded: the blocks' transforms do not wait for one
     // another, nor for the coder's loops, and overlap. Adaptive rounding
@@ -635,7 +647,9 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     for (int c = 0; c < nc; ++c) per_mcu += fh.h[c] * fh.v[c];
     const bool mcu_sized = !reuse && per_mcu > 1 && per_mcu <= kMaxMcuBlocks;
     const bool by_mcu_plain = masked && mcu_sized, by_mcu_kept = fused && !prog && keep && mcu_sized;
-    const bool by_mcu = by_mcu_plain || by_mcu_kept;
+    // Kept levels are coded an MCU at a time with their kept masks.
+    const bool by_mcu_reuse = reuse && fused && !prog && per_mcu <= kMaxMcuBlocks;
+    const bool by_mcu = by_mcu_plain || by_mcu_kept || by_mcu_reuse;
     alignas(32) int16_t mcu_levels[kMaxMcuBlocks * 64];
     kivoe_block_code mcu_code[kMaxMcuBlocks];
     // The samples of block (bcol, brow) of component c into dst.
@@ -654,6 +668,11 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                 prefetch_rows(cc.plane, cc.stride, ctx->smp_h[c], 8 * cc.col + 128, 8 * cc.row, 8 * fh.v[c]);
         }
         if (by_mcu_kept) quantize_mcu_kept(ctx, comp, mcu_levels, mcu_code);
+        for (int c = 0, b = 0; c < nc && by_mcu_reuse; ++c)
+            for (int i = fh.h[c] * fh.v[c]; i > 0; --i, ++b)
+                mcu_code[b] = {comp[c].dc, comp[c].ac, kept + 64 * b, kept_mask[b], 0};
+        // The statistics pass quantizes straight into the kept levels.
+        int16_t *const mcu_out = by_mcu_plain && kept ? kept : mcu_levels;
         for (int c = 0, b = 0; c < nc && by_mcu_plain; ++c) {
             const Comp &cc = comp[c];
             const int hf = fh.h[c], vf = fh.v[c];
@@ -661,7 +680,7 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
             const bool inside = mcu_inside(ctx, jnd_filter, c, cc, &src);
             for (int v = 0; v < vf; ++v)
                 for (int h = 0; h < hf; ++h, ++b) {
-                    int16_t *lv = mcu_levels + 64 * b;
+                    int16_t *lv = mcu_out + 64 * b;
                     const uint8_t *at = src + static_cast<ptrdiff_t>(8 * v) * cc.stride + 8 * h;
                     uint64_t mask;
                     if (inside && fdct_quant_samples) {
@@ -685,7 +704,20 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                     mcu_code[b].diff = mcu_code[b].blk[0] - job->dc_pred[c];
                     job->dc_pred[c] = mcu_code[b].blk[0];
                 }
-            kivoe_vlc_blocks(bs, mcu_code, per_mcu);
+            if (stat) {
+                for (int c = 0, b = 0; c < nc; ++c)
+                    for (int i = fh.h[c] * fh.v[c]; i > 0; --i, ++b) {
+                        const kivoe_block_code &k = mcu_code[b];
+                        kivoe_vlc_block_stat(k.dc, k.ac, comp[c].ac_odd, k.diff, k.blk, k.mask);
+                        if (kept_mask) kept_mask[b] = k.mask;
+                    }
+            } else {
+                kivoe_vlc_blocks(bs, mcu_code, per_mcu);
+            }
+            if (kept) {
+                kept += 64 * per_mcu;
+                kept_mask += per_mcu;
+            }
         }
         for (int c = 0; c < nc && !by_mcu; ++c) {
             Comp &cc = comp[c];
@@ -697,6 +729,7 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                     if (reuse) {
                         lv = kept;
                         kept += 64;
+                        mask = *kept_mask++;
                     } else {
                         const int32_t bcol = cc.col + h, brow = cc.row + v;
                         load(c, cc, bcol, brow, blk);
@@ -707,6 +740,7 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                         if (kept) {
                             kivo::copy_block(kept, blk);
                             kept += 64;
+                            *kept_mask++ = mask;
                         }
                         if (prog) {
                             kivo::copy_block(ctx->prog_levels[c] + (static_cast<size_t>(brow) * ctx->blk_w[c] + bcol) * 64,
@@ -718,6 +752,8 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                     job->dc_pred[c] = lv[0];
                     if (fused) {
                         kivoe_vlc_block_mask(bs, cc.dc, cc.ac, d, lv, mask);
+                    } else if (stat) {
+                        kivoe_vlc_block_stat(cc.dc, cc.ac, cc.ac_odd, d, lv, mask);
                     } else {
                         p.vlc_dc(bs, cc.dc, d);
                         p.vlc_ac(bs, cc.ac, lv);

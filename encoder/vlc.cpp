@@ -7,6 +7,10 @@
 #include "encoder/stuffing.h"
 #include "common/nonzero.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 
 namespace {
 
@@ -232,6 +236,132 @@ __attribute__((always_inline)) inline int32_t code_ac_fast(FastSink &out, const 
     return KIVO_OK;
 }
 
+// Copies n bytes from src to dst with a 0x00 after each 0xFF; returns the
+// end of the copy. Sixteen bytes at a time where none is 0xFF.
+uint8_t *copy_stuffed(uint8_t *dst, const uint8_t *src, size_t n) {
+    size_t i = 0;
+#if defined(__SSE2__)
+    const __m128i ff = _mm_set1_epi8(-1);
+    for (; i + 16 <= n; i += 16) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + i));
+        if (__builtin_expect(_mm_movemask_epi8(_mm_cmpeq_epi8(v, ff)) == 0, 1)) {
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(dst), v);
+            dst += 16;
+            continue;
+        }
+        for (size_t j = i; j < i + 16; ++j) {
+            *dst++ = src[j];
+            if (src[j] == 0xFF) *dst++ = 0x00;
+        }
+    }
+    // The last bytes as the end of a sixteen-byte copy that overlaps the
+    // bytes just copied, when none of the sixteen is 0xFF (so that the
+    // overlapped bytes were copied without stuffing, to the same places).
+    if (i < n && n >= 16) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + n - 16));
+        if (_mm_movemask_epi8(_mm_cmpeq_epi8(v, ff)) == 0) {
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(dst - (i - (n - 16))), v);
+            return dst + (n - i);
+        }
+    }
+#endif
+    for (; i < n; ++i) {
+        *dst++ = src[i];
+        if (src[i] == 0xFF) *dst++ = 0x00;
+    }
+    return dst;
+}
+
+// On 64-bit processors a block's codes go into the buffer unchecked, two
+// codes of at most 28 bits at a time onto the seven bits or fewer that a
+// flush leaves, and each flush then writes the buffer's whole bytes: a byte
+// count that varies instead of a branch for a full buffer, which the
+// processor mispredicts every few codes. A flush stores eight bytes
+// whatever the count, so the bytes go to a buffer on the stack first,
+// without stuffing, and reach the output stuffed and with their exact
+// count: nothing past the stream's end is touched.
+struct PairSink {
+    // Blocks a stage holds at most.
+    static constexpr int32_t kStageBlocks = 10;
+    struct Stage {
+        uint8_t b[kStageBlocks * kBlockMargin];
+    };
+
+    uint64_t acc;  // pending bits in the low n bits (higher bits are stale)
+    uint64_t n;    // 0 to 63
+    uint8_t *p;    // into the stage
+
+    // Takes over a writer FastSink::usable accepts.
+    PairSink(const xelo_bsw *bs, Stage *stage)
+        : acc(static_cast<uint64_t>(bs->cache) >> bs->free_bits), n(static_cast<uint64_t>(32 - bs->free_bits)),
+          p(stage->b) {}
+
+    // Hands the bytes and the state back to the writer (as FastSink::store
+    // with fewer than 32 bits pending).
+    void store(xelo_bsw *bs, const Stage *stage) {
+        flush();
+        bs->write_ptr = copy_stuffed(bs->write_ptr, stage->b, static_cast<size_t>(p - stage->b));
+        bs->cache = static_cast<uint32_t>(acc << (32 - n));
+        bs->free_bits = static_cast<int32_t>(32 - n);
+    }
+
+    // Appends v, which has no bits above the low len; the caller keeps n
+    // below 64.
+    void put(uint32_t v, uint64_t len) {
+        acc = (acc << len) | v;
+        n += len;
+    }
+
+    // Writes the whole bytes pending; seven bits at most stay.
+    void flush() {
+        const uint64_t be = big_endian((acc << (63 - n)) << 1);
+        std::memcpy(p, &be, sizeof(be));
+        p += n >> 3;
+        n &= 7;
+    }
+};
+
+// A block whose AC levels all have a category into a pair sink: its DC
+// code (dc_len bits, at most 28, or up to 31 when dc_alone), the AC codes
+// of mask m and EOB. The sink's whole bytes are written first; two codes
+// at most are put between flushes (ZRLs one at a time), which leaves 50
+// bits at most pending after the block.
+__attribute__((always_inline)) inline void code_block_pairs(PairSink &sink, uint32_t dc_bits, uint64_t dc_len,
+                                                            bool dc_alone, const kivoe_ac_tbl *t, const int16_t *blk,
+                                                            uint64_t m) {
+    const uint32_t *level = kLevelTable.e + 2047;
+    uint64_t next = 1;
+    sink.flush();
+    sink.put(dc_bits, dc_len);
+    if (__builtin_expect(dc_alone, 0)) sink.flush();
+    // One AC code, each level's index and magnitude from kLevelTable.
+    auto one = [&](uint64_t mm) {
+        const uint64_t at = static_cast<uint64_t>(__builtin_ctzll(mm));
+        const uint32_t e = level[blk[kivo_tbl_zig_to_ras[at]]];
+        uint64_t run = at - next;
+        next = at + 1;
+        if (__builtin_expect(run >= 16, 0)) {
+            const kivoe_code zrl = t->by_symbol[0xF0];
+            for (; run >= 16; run -= 16) {
+                sink.flush();
+                sink.put(zrl.code, zrl.len);
+            }
+            sink.flush();
+        }
+        const uint64_t i = 32 * run + (e >> 16);
+        sink.put(t->with_extra[i] ^ (e & 0xFFFF), t->len_with_extra[i]);
+    };
+    while (m) {
+        one(m);  // two codes pending
+        m &= m - 1;
+        sink.flush();
+        if (!m) break;
+        one(m);  // one code pending
+        m &= m - 1;
+    }
+    if (next != 64) sink.put(t->by_symbol[0x00].code, t->by_symbol[0x00].len);
+}
+
 int32_t code_ac(FastSink &sink, const kivoe_ac_tbl *t, const int16_t *blk) {
     bool all_coded;
     const uint64_t mask = kivo_zigzag_ac_mask(blk, &all_coded);
@@ -295,9 +425,12 @@ int32_t flush_bytes(xelo_bsw *bs) {
 }
 
 // The DC difference's code and extra bits (k its category).
+inline uint32_t dc_bits(const kivoe_dc_tbl *dc, int32_t diff, int32_t k) {
+    return (static_cast<uint32_t>(dc->code[k].code) << k) | (k ? extra_bits(as_int16(diff), k) : 0);
+}
+
 inline void put_dc(FastSink &sink, const kivoe_dc_tbl *dc, int32_t diff, int32_t k) {
-    const kivoe_code &c = dc->code[k];
-    sink.put((static_cast<uint32_t>(c.code) << k) | (k ? extra_bits(as_int16(diff), k) : 0), c.len + k);
+    sink.put(dc_bits(dc, diff, k), dc->code[k].len + k);
 }
 
 }  // namespace
@@ -319,6 +452,17 @@ int32_t kivoe_vlc_block_mask(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, i
         const int32_t ret = kivoe_vlc_dc(bs, dc, diff);
         return ret < 0 ? ret : kivoe_vlc_ac(bs, ac, blk);
     }
+    if constexpr (kMaskBits == 64) {
+        bool all_coded = true;
+        const uint64_t m = ~mask ? mask : kivo_zigzag_ac_mask(blk, &all_coded);
+        if (all_coded) {
+            PairSink::Stage stage;
+            PairSink sink(bs, &stage);
+            code_block_pairs(sink, dc_bits(dc, diff, k), static_cast<uint64_t>(dc->code[k].len + k), k > 11, ac, blk, m);
+            sink.store(bs, &stage);
+            return KIVO_OK;
+        }
+    }
     FastSink sink(bs);
     put_dc(sink, dc, diff, k);
     const int32_t ret = ~mask ? code_ac_fast(sink, ac, blk, mask) : code_ac(sink, ac, blk);
@@ -328,22 +472,45 @@ int32_t kivoe_vlc_block_mask(xelo_bsw *bs, kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, i
 
 void kivoe_vlc_blocks(xelo_bsw *bs, const kivoe_block_code *b, int32_t n) {
     int32_t i = 0;
-    if (FastSink::usable(bs) && bs->end_ptr - bs->write_ptr >= n * kBlockMargin) {
+    if constexpr (kMaskBits == 64) {
+        PairSink::Stage stage;
+        // A stage's worth of blocks at a time while the output has room.
+        for (bool failed = false; i < n && !failed && FastSink::usable(bs);) {
+            const int32_t end = n - i < PairSink::kStageBlocks ? n : i + PairSink::kStageBlocks;
+            if (bs->end_ptr - bs->write_ptr < (end - i) * kBlockMargin) break;
+            PairSink sink(bs, &stage);
+            for (; i < end; ++i) {
+                const int32_t diff = b[i].diff;
+                uint64_t mask = b[i].mask;
+                bool all_coded = true;
+                if (!~mask) mask = kivo_zigzag_ac_mask(b[i].blk, &all_coded);
+                if (__builtin_expect(!all_coded, 0)) {
+                    failed = true;  // this block and the rest as kivoe_vlc_block_mask codes them
+                    break;
+                }
+                if (static_cast<uint32_t>(diff + 2047) <= 4094u) {
+                    // The size, sign and magnitude from kLevelTable; the extra
+                    // bits of a negative difference are those of ~|diff|.
+                    const uint32_t e = kLevelTable.e[diff + 2047], k = e >> 17;
+                    const kivoe_code &c = b[i].dc->code[k];
+                    const uint32_t ones = (e >> 16 & 1) ? (1u << k) - 1 : 0;
+                    code_block_pairs(sink, ((static_cast<uint32_t>(c.code) << k) | ones) ^ (e & 0xFFFF), c.len + k,
+                                     false, b[i].ac, b[i].blk, mask);
+                } else {
+                    const int32_t k = kivo::category(diff);
+                    if (k < 0) continue;  // nothing of the block is written, as in kivoe_vlc_block_mask
+                    code_block_pairs(sink, dc_bits(b[i].dc, diff, k), static_cast<uint64_t>(b[i].dc->code[k].len + k),
+                                     true, b[i].ac, b[i].blk, mask);
+                }
+            }
+            sink.store(bs, &stage);
+        }
+    } else if (FastSink::usable(bs) && bs->end_ptr - bs->write_ptr >= n * kBlockMargin) {
         FastSink sink(bs);
         for (; i < n; ++i) {
-            const int32_t diff = b[i].diff;
-            if (kMaskBits == 64 && static_cast<uint32_t>(diff + 2047) <= 4094u) {
-                // The size, sign and magnitude from kLevelTable; the extra
-                // bits of a negative difference are those of ~|diff|.
-                const uint32_t e = kLevelTable.e[diff + 2047], k = e >> 17;
-                const kivoe_code &c = b[i].dc->code[k];
-                const uint32_t ones = (e >> 16 & 1) ? (1u << k) - 1 : 0;
-                sink.put(((static_cast<uint32_t>(c.code) << k) | ones) ^ (e & 0xFFFF), c.len + static_cast<int32_t>(k));
-            } else {
-                const int32_t k = kivo::category(diff);
-                if (k < 0) continue;  // nothing of the block is written, as in kivoe_vlc_block_mask
-                put_dc(sink, b[i].dc, diff, k);
-            }
+            const int32_t k = kivo::category(b[i].diff);
+            if (k < 0) continue;  // nothing of the block is written, as in kivoe_vlc_block_mask
+            put_dc(sink, b[i].dc, b[i].diff, k);
             if (~b[i].mask) code_ac_fast(sink, b[i].ac, b[i].blk, b[i].mask);
             else code_ac(sink, b[i].ac, b[i].blk);
         }
@@ -374,6 +541,41 @@ int32_t kivoe_vlc_ac_stat(xelo_bsw *, kivoe_ac_tbl *t, const int16_t *blk) {
     bool all_coded;
     const uint64_t mask = kivo_zigzag_ac_mask(blk, &all_coded);
     return count_ac(t, blk, mask, all_coded);
+}
+
+void kivoe_vlc_block_stat(kivoe_dc_tbl *dc, kivoe_ac_tbl *ac, uint64_t *odd, int32_t diff, const int16_t *blk,
+                          uint64_t mask) {
+    kivoe_vlc_dc_stat(nullptr, dc, diff);
+    bool all_coded = true;
+    if (!~mask) mask = kivo_zigzag_ac_mask(blk, &all_coded);
+    if (kMaskBits < 64 || !all_coded || !odd) {
+        count_ac(ac, blk, mask, all_coded);
+        return;
+    }
+    // The levels' symbols counted into the two arrays in turn: a count
+    // added to waits for the one added to before it when both are the same
+    // (through memory), and a level's symbol is often that of the level
+    // before it. Each level's size from kLevelTable.
+    uint64_t *const even = ac->counter;
+    const uint32_t *level = kLevelTable.e + 2047;
+    uint64_t next = 1, zrl = 0;
+    auto one = [&](uint64_t *counter, uint64_t m) {
+        const uint64_t at = static_cast<uint64_t>(__builtin_ctzll(m));
+        const uint32_t e = level[blk[kivo_tbl_zig_to_ras[at]]];
+        const uint64_t run = at - next;
+        next = at + 1;
+        zrl += run >> 4;
+        ++counter[(run & 15) * 16 + (e >> 17)];
+    };
+    while (mask) {
+        one(even, mask);
+        mask &= mask - 1;
+        if (!mask) break;
+        one(odd, mask);
+        mask &= mask - 1;
+    }
+    even[0xF0] += zrl;
+    if (next != 64) ++even[0x00];
 }
 
 uint64_t kivoe_vlc_ac_stat_mask(kivoe_ac_tbl *t, const int16_t *blk) {

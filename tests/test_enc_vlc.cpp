@@ -4,6 +4,7 @@
 // DecVld.BlocksAtEveryScale.)
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -103,11 +104,13 @@ TEST(EncHuffman, OptimalNeverWorseThanTypical) {
     }
 }
 
-// Blocks coded an MCU at a time give the bytes of blocks coded one by one:
-// sparse and dense blocks, masks known or not, DC differences and levels
-// without a category; with room for everything, and with an output that
-// ends within the last MCU, of levels of the largest category, when there is room left
-// for a block but not for an MCU.
+// Blocks coded an MCU at a time give the bytes of blocks coded one by one,
+// and both those of the separate DC and AC coders: sparse and dense
+// blocks, long codes before ZRLs, masks known or not, DC differences and
+// levels without a category; with room for everything, and with an output
+// that ends within the last MCU, of levels of the largest category, when
+// there is room left for a block but not for an MCU. The counting twins
+// agree as well.
 TEST(EncHuffman, BlocksInTurnAsOneByOne) {
     Ctx c;
     std::mt19937 rng(5);
@@ -120,6 +123,11 @@ TEST(EncHuffman, BlocksInTurnAsOneByOne) {
         for (int k = 1; k < 64; ++k)
             if (rng() % 32 < density) b[k] = static_cast<int16_t>(i >= kBlocks - kMcu ? (k % 2 ? 1023 : -1023) : static_cast<int>(rng() % 2047) - 1023);
         if (i % 37 == 5) b[9] = 3000;
+        if (i % 37 == 20) {  // two long codes, then three ZRLs
+            std::fill_n(b, 64, 0);
+            b[kivo_tbl_zig_to_ras[1]] = b[kivo_tbl_zig_to_ras[63]] = 1023;
+            b[kivo_tbl_zig_to_ras[2]] = -1023;
+        }
         uint64_t mask = 0;
         for (int z = 1; z < 64; ++z) mask |= static_cast<uint64_t>(b[kivo_tbl_zig_to_ras[z]] != 0) << z;
         const int32_t diff = i % 29 == 3 ? 5000 : i % 31 == 7 ? -3000 : i % 37 == 11 ? 2048 : static_cast<int32_t>(rng() % 4095) - 2047;
@@ -128,20 +136,39 @@ TEST(EncHuffman, BlocksInTurnAsOneByOne) {
     ptrdiff_t before_last = 0;
     for (int32_t size : {64 * kBlocks * 4, 0}) {
         if (!size) size = static_cast<int32_t>(before_last) + 700;
-        std::vector<uint8_t> one(static_cast<size_t>(size)), mcu(static_cast<size_t>(size));
-        xelo_bsw a, b;
+        std::vector<uint8_t> one(static_cast<size_t>(size)), mcu(static_cast<size_t>(size)), apart(static_cast<size_t>(size));
+        xelo_bsw a, b, r;
         xelo_bsw_init(&a, one.data(), size, kivoe_bs_flush_data_seg);
         xelo_bsw_init(&b, mcu.data(), size, kivoe_bs_flush_data_seg);
+        xelo_bsw_init(&r, apart.data(), size, kivoe_bs_flush_data_seg);
         for (int i = 0; i < kBlocks; i += kMcu) {
             before_last = a.write_ptr - a.start_ptr;
-            for (int k = i; k < i + kMcu; ++k) kivoe_vlc_block_mask(&a, code[k].dc, code[k].ac, code[k].diff, code[k].blk, code[k].mask);
+            for (int k = i; k < i + kMcu; ++k) {
+                kivoe_vlc_block_mask(&a, code[k].dc, code[k].ac, code[k].diff, code[k].blk, code[k].mask);
+                if (kivoe_vlc_dc(&r, code[k].dc, code[k].diff) == 0) kivoe_vlc_ac(&r, code[k].ac, code[k].blk);
+            }
             kivoe_vlc_blocks(&b, &code[i], kMcu);
         }
         xelo_bsw_sink(&a);
         xelo_bsw_sink(&b);
-        EXPECT_TRUE(a.overflow == (size < 64 * kBlocks * 4) && b.overflow == a.overflow) << size;
+        xelo_bsw_sink(&r);
+        EXPECT_TRUE(a.overflow == (size < 64 * kBlocks * 4) && b.overflow == a.overflow && r.overflow == a.overflow) << size;
         EXPECT_TRUE(a.write_ptr - a.start_ptr == b.write_ptr - b.start_ptr && one == mcu) << size;
+        EXPECT_TRUE(r.write_ptr - r.start_ptr == a.write_ptr - a.start_ptr && apart == one) << size;
+        EXPECT_NE(std::find(one.begin(), one.end(), 0xFF), one.end());  // stuffing is exercised
     }
+    // Counted with a second array, the blocks' symbols add up to those
+    // counted in one.
+    auto dc = std::make_unique<kivoe_dc_tbl[]>(2);
+    auto ac = std::make_unique<kivoe_ac_tbl[]>(2);
+    std::vector<uint64_t> odd(256);
+    for (const kivoe_block_code &k : code) {
+        kivoe_vlc_dc_stat(nullptr, &dc[0], k.diff);
+        kivoe_vlc_ac_stat(nullptr, &ac[0], k.blk);
+        kivoe_vlc_block_stat(&dc[1], &ac[1], odd.data(), k.diff, k.blk, k.mask);
+    }
+    for (int v = 0; v < 256; ++v) EXPECT_EQ(ac[1].counter[v] + odd[v], ac[0].counter[v]) << "AC symbol " << v;
+    for (int v = 0; v < 16; ++v) EXPECT_EQ(dc[1].counter[v], dc[0].counter[v]) << "DC category " << v;
 }
 
 }  // namespace
