@@ -500,6 +500,22 @@ inline bool mcu_inside(const kivoe_ctx *ctx, bool jnd_filter, int c, const Comp 
            8 * (cc.row + ctx->fh.v[c]) <= ctx->smp_h[c];
 }
 
+// Calls f(c, cc, h, v, b, at, inside) for the MCU's blocks in coding order
+// (b counts them): at is the block's first sample in its plane, inside
+// what mcu_inside says of the component's blocks.
+template <class F>
+inline void mcu_blocks(const kivoe_ctx *ctx, const Comp *comp, bool jnd_filter, F &&f) {
+    const kivoe_fh &fh = ctx->fh;
+    for (int c = 0, b = 0; c < fh.n_comp; ++c) {
+        const Comp &cc = comp[c];
+        const uint8_t *src;
+        const bool inside = mcu_inside(ctx, jnd_filter, c, cc, &src);
+        for (int v = 0; v < fh.v[c]; ++v)
+            for (int h = 0; h < fh.h[c]; ++h, ++b)
+                f(c, cc, h, v, b, src + static_cast<ptrdiff_t>(8 * v) * cc.stride + 8 * h, inside);
+    }
+}
+
 // Loads block (bcol, brow) of component c into dst, filtered or not.
 inline void load_at(const kivoe_ctx *ctx, bool jnd_filter, int c, const Comp &cc, int32_t bcol, int32_t brow,
                     int16_t *dst) {
@@ -535,28 +551,20 @@ __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *com
     const kivoe_fh &fh = ctx->fh;
     const bool jnd_filter = ctx->jnd_filter;
     const kivoe_fdct_samples_fn samples = ctx->proc.fdct8_samples;
-    for (int c = 0, b = 0; c < fh.n_comp; ++c) {
-        const Comp &cc = comp[c];
-        const int hf = fh.h[c], vf = fh.v[c];
-        const uint8_t *src;
-        const bool inside = mcu_inside(ctx, jnd_filter, c, cc, &src);
-        for (int v = 0; v < vf; ++v)
-            for (int h = 0; h < hf; ++h, ++b) {
-                int16_t *lv = levels + 64 * b;
-                const uint8_t *at = src + static_cast<ptrdiff_t>(8 * v) * cc.stride + 8 * h;
-                if (samples && inside) {
-                    samples(at, cc.stride, lv);
-                } else if (samples && filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
-                    alignas(16) uint8_t f[64];
-                    ctx->proc.jndfilt_u8(at, cc.stride, f);
-                    samples(f, 8, lv);
-                } else {
-                    if (inside) load_inside(at, cc.stride, lv);
-                    else load_at(ctx, jnd_filter, c, cc, cc.col + h, cc.row + v, lv);
-                    ctx->proc.fdct8(lv);
-                }
-            }
-    }
+    mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
+        int16_t *lv = levels + 64 * b;
+        if (samples && inside) {
+            samples(at, cc.stride, lv);
+        } else if (samples && filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
+            alignas(16) uint8_t f[64];
+            ctx->proc.jndfilt_u8(at, cc.stride, f);
+            samples(f, 8, lv);
+        } else {
+            if (inside) load_inside(at, cc.stride, lv);
+            else load_at(ctx, jnd_filter, c, cc, cc.col + h, cc.row + v, lv);
+            ctx->proc.fdct8(lv);
+        }
+    });
     const kivoe_quant_kept_fn fused = ctx->proc.quant_kept;
     for (int c = 0, b = 0; c < fh.n_comp; ++c) {
         Comp &cc = comp[c];
@@ -673,30 +681,24 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                 mcu_code[b] = {comp[c].dc, comp[c].ac, kept + 64 * b, kept_mask[b], 0};
         // The statistics pass quantizes straight into the kept levels.
         int16_t *const mcu_out = by_mcu_plain && kept ? kept : mcu_levels;
-        for (int c = 0, b = 0; c < nc && by_mcu_plain; ++c) {
-            const Comp &cc = comp[c];
-            const int hf = fh.h[c], vf = fh.v[c];
-            const uint8_t *src;
-            const bool inside = mcu_inside(ctx, jnd_filter, c, cc, &src);
-            for (int v = 0; v < vf; ++v)
-                for (int h = 0; h < hf; ++h, ++b) {
-                    int16_t *lv = mcu_out + 64 * b;
-                    const uint8_t *at = src + static_cast<ptrdiff_t>(8 * v) * cc.stride + 8 * h;
-                    uint64_t mask;
-                    if (inside && fdct_quant_samples) {
-                        mask = fdct_quant_samples(at, cc.stride, lv, cc.q->recip, cc.offset);
-                    } else if (inside || !filter_bytes || !filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
-                        if (inside) load_inside(at, cc.stride, lv);
-                        else load(c, cc, cc.col + h, cc.row + v, lv);
-                        mask = fdct_quant_mask(lv, cc.q->recip, cc.offset);
-                    } else {
-                        // Filtered to bytes for the 8-bit transform.
-                        alignas(16) uint8_t f[64];
-                        p.jndfilt_u8(at, cc.stride, f);
-                        mask = fdct_quant_samples(f, 8, lv, cc.q->recip, cc.offset);
-                    }
-                    mcu_code[b] = {cc.dc, cc.ac, lv, coder_mask(mask), 0};
+        if (by_mcu_plain) {
+            mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
+                int16_t *lv = mcu_out + 64 * b;
+                uint64_t mask;
+                if (inside && fdct_quant_samples) {
+                    mask = fdct_quant_samples(at, cc.stride, lv, cc.q->recip, cc.offset);
+                } else if (inside || !filter_bytes || !filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
+                    if (inside) load_inside(at, cc.stride, lv);
+                    else load(c, cc, cc.col + h, cc.row + v, lv);
+                    mask = fdct_quant_mask(lv, cc.q->recip, cc.offset);
+                } else {
+                    // Filtered to bytes for the 8-bit transform.
+                    alignas(16) uint8_t f[64];
+                    p.jndfilt_u8(at, cc.stride, f);
+                    mask = fdct_quant_samples(f, 8, lv, cc.q->recip, cc.offset);
                 }
+                mcu_code[b] = {cc.dc, cc.ac, lv, coder_mask(mask), 0};
+            });
         }
         if (by_mcu) {
             for (int c = 0, b = 0; c < nc; ++c)
