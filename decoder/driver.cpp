@@ -490,7 +490,7 @@ int32_t kivod_finish(kivod_ctx *ctx) {
 
 int32_t kivod_pull_frm(kivod_ctx *, void *) { return KIVO_ERR_UNSUPPORTED; }
 
-int32_t kivod_dec_levels(kivod_ctx *ctx) {
+int32_t kivod_dec_levels(kivod_ctx *ctx, bool statistics) {
     if (!ctx->sample_buf[0]) return KIVO_ERR_UNAVAILABLE;
     // A sequential frame's levels take coefficient buffers here, within the
     // same bounds as a progressive frame's.
@@ -511,9 +511,12 @@ int32_t kivod_dec_levels(kivod_ctx *ctx) {
     ctx->out_imgb = nullptr;
     ctx->scale = 0;
     ctx->levels_only = 1;
+    const int32_t stats_wanted = ctx->stats_wanted;
+    if (!statistics) ctx->stats_wanted = 0;
     int32_t scan_status;
     const int32_t fatal = decode_scans(ctx, &scan_status);
     ctx->levels_only = 0;
+    ctx->stats_wanted = stats_wanted;
     if (fatal != 0) return fatal;
     int32_t ret = scan_status;
     if (ret == 0 && ctx->scan_bs.io_error) ret = KIVO_ERR_IO;

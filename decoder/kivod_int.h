@@ -528,8 +528,9 @@ int32_t kivod_finish(kivod_ctx *ctx);
 // (zig-zag order for a sequential frame, raster for a progressive one).
 // Levels of a damaged picture are not handed out: a scan that fails, a
 // picture not decoded whole or a table redefined after the first scan gives
-// a negative status and no buffers.
-int32_t kivod_dec_levels(kivod_ctx *ctx);
+// a negative status and no buffers. Without `statistics` the picture's
+// statistics (kivod_set_stats) are not gathered, whatever the handle asks.
+int32_t kivod_dec_levels(kivod_ctx *ctx, bool statistics);
 // The mean luma DC level from dc_level_total and the first component's blocks.
 void kivod_set_mean_level(kivod_ctx *ctx);
 // The pixels of the levels that kivod_dec_levels read (coef[c]: component

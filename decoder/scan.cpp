@@ -218,6 +218,13 @@ struct Slice {
         uint8_t *dst;
         int32_t stride;
     } waiting;
+    // The same for the statistics of a block of levels, whose magnitudes
+    // are summed one block later.
+    struct {
+        const int16_t *blk;  // null: none waits
+        const uint16_t *q;
+        uint32_t *mag;
+    } levels_waiting;
 };
 
 // On x86-64 a block's inverse DCT waits for the next block's decoding (see
@@ -235,6 +242,21 @@ inline void run_waiting(Slice &j) {
     j.waiting.fn(j.waiting.blk, j.waiting.stride, j.waiting.dst);
     kivo::clear_block(j.waiting.blk);
     j.waiting.blk = nullptr;
+}
+
+// Adds the magnitudes of the coefficients that the waiting levels stand
+// for, every position without a branch (the compiler's vectors); position
+// 0's sum is not used.
+inline void add_waiting_levels(Slice &j) {
+    const int16_t *blk = j.levels_waiting.blk;
+    if (!blk) return;
+    const uint16_t *lq = j.levels_waiting.q;
+    uint32_t *mag = j.levels_waiting.mag;
+    for (int i = 0; i < 64; ++i) {
+        const int32_t c = low16(static_cast<uint32_t>(blk[i]) * lq[i]);
+        mag[i] += static_cast<uint32_t>(c < 0 ? -c : c);
+    }
+    j.levels_waiting.blk = nullptr;
 }
 
 // Band output: the ring lines of the current MCU row of every scan component.
@@ -383,6 +405,17 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
         const int k = j.blocks[b].k, v = j.blocks[b].v, h = j.blocks[b].h;
         ScanComp &s = j.sc[k];
         int16_t *blk = w->blk[kDeferIdct && j.waiting.blk == w->blk[0] ? 1 : 0];
+        // Levels are decoded in place into their zeroed buffer: the block
+        // decoder stores only the non-zero ones, and nothing is copied. A
+        // padding block beyond the buffer goes to the work block.
+        bool in_place = false;
+        if (j.mode == KIVOD_OUT_LEVELS) {
+            const int32_t row = s.row + v, col = s.col + h;
+            if (row < ctx->prog_blk_h[s.c] && col < ctx->prog_blk_w[s.c]) {
+                blk = ctx->coef_buf[s.c] + (size_t(row) * ctx->prog_blk_w[s.c] + col) * 64;
+                in_place = true;
+            }
+        }
         int16_t diff, dc_only;
         if (!decode_block(bs, &win, s, j.vld_blk, restarts, held, blk, &diff, &dc_only)) {
             kivod_win_close(&win, bs);
@@ -396,13 +429,9 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
             const bool levels = j.mode == KIVOD_OUT_LEVELS;
             const uint16_t *lq = j.level_q[k];
             if (levels) {
-                // Every position without a branch (the compiler's vectors);
-                // position 0's sum is not used.
-                uint32_t *mag = j.mag[s.c == 0 ? 0 : 1];
-                for (int i = 0; i < 64; ++i) {
-                    const int32_t c = low16(static_cast<uint32_t>(blk[i]) * lq[i]);
-                    mag[i] += static_cast<uint32_t>(c < 0 ? -c : c);
-                }
+                add_waiting_levels(j);
+                j.levels_waiting = {blk, lq, j.mag[s.c == 0 ? 0 : 1]};
+                if (!in_place) add_waiting_levels(j);  // the work block is cleared below
             }
             const int32_t dc = levels ? low16(static_cast<uint32_t>(blk[0]) * lq[0]) : blk[0];
             const int32_t level = (dc + 1024) >> 3;
@@ -430,9 +459,8 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
                 kivod_out_block(j.img, s.c, bx, by, fn, blk);
             }
         } else if (j.mode == KIVOD_OUT_LEVELS) {
-            const int32_t row = s.row + v, col = s.col + h;
-            if (row < ctx->prog_blk_h[s.c] && col < ctx->prog_blk_w[s.c])
-                kivo::copy_block(ctx->coef_buf[s.c] + (size_t(row) * ctx->prog_blk_w[s.c] + col) * 64, blk);
+            if (!in_place) kivo::clear_block(blk);
+            continue;
         } else if (j.mode == KIVOD_OUT_BANDS) {
             stride = j.band.stride[s.c];
             dst = j.band_row[k] + static_cast<ptrdiff_t>(8 * v) * stride + (s.col + h) * 8;
@@ -511,6 +539,7 @@ int32_t run_mcus(Slice &j, kivod_bs *bs, int32_t first, int32_t count, int32_t *
         }
     }
     run_waiting(j);
+    add_waiting_levels(j);
     return m;
 }
 
@@ -621,6 +650,7 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     j.ctx = ctx;
     j.w = w;
     j.waiting.blk = nullptr;
+    j.levels_waiting.blk = nullptr;
     j.img = ctx->out_imgb;
     j.mode = kivod_out_mode_for(ctx, j.img);
     if (j.mode < 0) return j.mode;

@@ -169,7 +169,7 @@ TEST(OracleTranscode, LosslessAndSmallest) {
         const kivod_input input{KIVOD_INPUT_BITB, &ib, nullptr};
         kivoe_coef_pic pic;
         std::vector<turbo::Coefficients> want;
-        ASSERT_TRUE(kivot_read_levels(t, &input, &pic) == 0 && turbo::read_coefficients(src, &want));
+        ASSERT_TRUE(kivot_read_levels(t, &input, &pic, true) == 0 && turbo::read_coefficients(src, &want));
         for (int k = 0; k < c.n_comp; ++k)
             for (int by = 0; by < want[k].blocks_h; ++by)
                 for (int bx = 0; bx < want[k].blocks_w; ++bx)

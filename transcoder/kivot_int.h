@@ -109,8 +109,9 @@ struct kivot_trailer {
 // trailer are the caller's to set; pic's size is set as soon as the headers
 // are read, even when the levels then fail); kivot_write_levels codes them into
 // dst (with the coder's memory from store): 0, or -105 when cap bytes do not
-// hold the stream.
-int32_t kivot_read_levels(kivot_ctx *ctx, const kivod_input *in, kivoe_coef_pic *pic);
+// hold the stream. `statistics`: whether the decoder gathers the statistics
+// that choose the pipeline's tables.
+int32_t kivot_read_levels(kivot_ctx *ctx, const kivod_input *in, kivoe_coef_pic *pic, bool statistics);
 int32_t kivot_write_levels(const kivoe_coef_pic *pic, int32_t coding, uint8_t *dst, int32_t cap, int32_t *written,
                            kivoe_coef_store *store);
 // Weights that raise the source's table shape, per frequency (raster order).

@@ -9,7 +9,7 @@
 
 #include "transcoder/kivot_int.h"
 
-int32_t kivot_read_levels(kivot_ctx *t, const kivod_input *in, kivoe_coef_pic *pic) {
+int32_t kivot_read_levels(kivot_ctx *t, const kivod_input *in, kivoe_coef_pic *pic, bool statistics) {
     kivod_ctx *d = t->dec;
     if (!d->proc.dec) return KIVO_ERR_UNAVAILABLE;
     std::memset(d->qtbl, 0, sizeof(d->qtbl));
@@ -20,7 +20,7 @@ int32_t kivot_read_levels(kivot_ctx *t, const kivod_input *in, kivoe_coef_pic *p
     const kivod_fh &fh = d->fh;
     pic->width = fh.width;
     pic->height = fh.height;
-    ret = kivod_dec_levels(d);
+    ret = kivod_dec_levels(d, statistics);
     if (ret < 0) return ret;
     pic->n_comp = fh.n_comp;
     for (int c = 0; c < fh.n_comp; ++c) {
@@ -60,8 +60,8 @@ struct Levels {
     kivot_app_view apps;
     kivot_trailer trailer;
     kivod_kept kept;  // after keep(): the levels and APPn list, out of the decoder
-    int32_t read(kivot_ctx *t, const kivod_input *in) {
-        int32_t ret = kivot_read_levels(t, in, &pic);
+    int32_t read(kivot_ctx *t, const kivod_input *in, bool statistics) {
+        int32_t ret = kivot_read_levels(t, in, &pic, statistics);
         if (ret == KIVO_OK) ret = apps.select(t->copy, t->dec->app_list);
         if (ret == KIVO_OK) ret = trailer.take(t->dec);
         if (ret < 0) return ret;
@@ -229,7 +229,7 @@ KIVO_API int32_t kivot_txcode_lossless(kivot_ctx *ctx, const kivod_input *input,
     if (coding != KIVOT_LOSSLESS_BASELINE && coding != KIVOT_LOSSLESS_PROGRESSIVE) return KIVO_ERR_INVALID_ARG;
     if (!output || !output->bitb || !output->bitb->addr || output->bitb->ssize <= 0) return KIVO_ERR_INVALID_ARG;
     Levels lv;
-    int32_t ret = lv.read(t, input);
+    int32_t ret = lv.read(t, input, false);
     if (ret == KIVO_OK)
         ret = kivot_write_levels(&lv.pic, coding == KIVOT_LOSSLESS_PROGRESSIVE ? KIVOE_CODING_PROGRESSIVE
                                                                               : KIVOE_CODING_BASELINE,
@@ -280,7 +280,7 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
     bool same_picture = true;  // the handle keeps the source's size and layout
     bool tables_change = true; // the pipeline would choose other tables
     Levels lv;
-    const int32_t levels = lv.read(t, &in);
+    const int32_t levels = lv.read(t, &in, true);
     const bool headers = lv.pic.width > 0;  // the source's headers were read
     ret = levels;
     if (levels == KIVO_OK) {
