@@ -186,6 +186,9 @@ struct Slice {
     // for statistics of the coefficients the levels stand for.
     uint16_t level_q[4][64];
     uint32_t mag_unkept[64];          // magnitudes of rows that count for no statistics
+    // Levels output: each scan component whose levels an earlier scan
+    // already decoded; its blocks are cleared before this scan's go in.
+    bool clear_levels[4];
     // 1/8 without statistics: the DC values alone, each block's tables for
     // the skim's walk.
     bool dc_only;
@@ -414,6 +417,7 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
             if (row < ctx->prog_blk_h[s.c] && col < ctx->prog_blk_w[s.c]) {
                 blk = ctx->coef_buf[s.c] + (size_t(row) * ctx->prog_blk_w[s.c] + col) * 64;
                 in_place = true;
+                if (j.clear_levels[k]) kivo::clear_block(blk);
             }
         }
         int16_t diff, dc_only;
@@ -681,6 +685,8 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     list_blocks(j);
     for (int k = 0; k < j.ns; ++k) {
         j.sc[k].row = w->start_row[k];
+        // Rows a scan reached are noted once all its slices are done.
+        j.clear_levels[k] = j.mode == KIVOD_OUT_LEVELS && ctx->comp_rows[j.sc[k].c] >= 0;
         j.sc[k].t.mag = j.stats && j.mode != KIVOD_OUT_LEVELS ? j.mag[j.sc[k].c == 0 ? 0 : 1] : nullptr;
         if (j.stats && j.mode == KIVOD_OUT_LEVELS) {
             const kivod_qtbl &lq = ctx->qtbl[ctx->fh.tq[j.sc[k].c] & 3];

@@ -258,6 +258,39 @@ TEST(OracleTranscode, LosslessAndSmallest) {
     kivot_delete(t);
 }
 
+// A later sequential scan of a component replaces the levels an earlier one
+// left, as it replaces the pixels: picture A's scan followed by picture B's
+// (same size and tables) reads as B alone, on 1 and 2 threads.
+TEST(OracleTranscode, LaterScanReplacesLevels) {
+    turbo::EncodeSpec e;
+    e.width = 96, e.height = 64, e.n_comp = 1, e.quality = 90;
+    const Bytes a = turbo::encode(e, turbo::make_planes(e, 1)), b = turbo::encode(e, turbo::make_planes(e, 2));
+    size_t sos = 2;
+    while (sos + 1 < b.size() && !(b[sos] == 0xFF && b[sos + 1] == 0xDA)) sos += 2 + (b[sos + 2] << 8 | b[sos + 3]);
+    ASSERT_LT(sos + 1, b.size());
+    Bytes both(a.begin(), a.end() - 2);
+    both.insert(both.end(), b.begin() + static_cast<std::ptrdiff_t>(sos), b.end());
+    for (int threads : {1, 2}) {
+        kivo_tpool pool;
+        kivo_tpool_std(&pool, threads);
+        kivoe_create_param p{1, 0, 0, 0, 0, &pool};
+        kivot_ctx *t = kivot_create(&p, nullptr);
+        std::vector<int16_t> levels[2];
+        for (int i = 0; i < 2; ++i) {
+            Bytes in(i ? both : b);
+            xelo_bitb ib{};
+            ib.addr = in.data(), ib.ssize = static_cast<int32_t>(in.size());
+            const kivod_input input{KIVOD_INPUT_BITB, &ib, nullptr};
+            kivoe_coef_pic pic;
+            ASSERT_EQ(kivot_read_levels(t, &input, &pic, false), 0);
+            levels[i].assign(pic.coef[0], pic.coef[0] + size_t(pic.blk_w[0]) * pic.blk_h[0] * 64);
+            kivod_release_frame_buffers(t->dec);
+        }
+        EXPECT_TRUE(levels[0] == levels[1]) << threads;
+        kivot_delete(t);
+    }
+}
+
 // The copy choices keep the segments they name, in the pipeline's and the
 // lossless outputs alike: all of them; JFIF, Adobe and the ICC profile's;
 // JFIF and Adobe only. The smallest-of output follows them too, the source
