@@ -37,6 +37,15 @@ int32_t frame_color_format(const kivod_fh &fh) {
     return cs;
 }
 
+// Whether the frame's levels can be read and coded again whatever its
+// layout: one, three or four components, every factor 1 to 4.
+bool levels_layout(const kivod_fh &fh) {
+    if (fh.n_comp != 1 && fh.n_comp != 3 && fh.n_comp != 4) return false;
+    for (int c = 0; c < fh.n_comp; ++c)
+        if (fh.h[c] < 1 || fh.h[c] > 4 || fh.v[c] < 1 || fh.v[c] > 4) return false;
+    return true;
+}
+
 bool is_decodable_format(int32_t cs) {
     switch (cs) {
     case 10: case 11: case 12: case 13: case 18: case 22: case 41: case 42: case 43: return true;
@@ -324,16 +333,23 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
     const kivod_fh &fh = ctx->fh;
     info->width = fh.width;
     info->height = fh.height;
-    const int32_t cs = frame_color_format(fh);
+    int32_t cs = frame_color_format(fh);
+    if ((cs < 0 || !is_decodable_format(cs)) && ctx->any_layout && levels_layout(fh)) cs = 0;
     if (cs < 0) return fail(ctx, cs);
     ctx->color_format = cs;
     info->color_format = cs;
     if (info->app_list) *info->app_list = ctx->app_list;
-    if (!is_decodable_format(cs)) return fail(ctx, KIVO_ERR_COLOR_FORMAT);
+    if (cs != 0 && !is_decodable_format(cs)) return fail(ctx, KIVO_ERR_COLOR_FORMAT);
 
     const int n = fh.n_comp;
     for (int c = 0; c < n; ++c) {
-        comp_size(cs, c, fh.width, fh.height, &ctx->comp_w[c], &ctx->comp_h[c]);
+        if (cs == 0) {
+            // Component size: ceil(X * H / Hmax) by ceil(Y * V / Vmax).
+            ctx->comp_w[c] = (fh.width * fh.h[c] + fh.h_max - 1) / fh.h_max;
+            ctx->comp_h[c] = (fh.height * fh.v[c] + fh.v_max - 1) / fh.v_max;
+        } else {
+            comp_size(cs, c, fh.width, fh.height, &ctx->comp_w[c], &ctx->comp_h[c]);
+        }
         ctx->blk_w[c] = (ctx->comp_w[c] + 7) / 8;
         ctx->blk_h[c] = (ctx->comp_h[c] + 7) / 8;
     }

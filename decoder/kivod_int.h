@@ -452,6 +452,10 @@ struct kivod_ctx {
     uint64_t frame_bytes;    // bytes of the frame buffers kivod_decode allocated
     int32_t reached_end;     // the picture's last scan or EOI was reached
     int32_t levels_only;     // kivod_dec_levels is running: scans keep levels, nothing is reconstructed
+    // kivod_dec takes any layout of one, three or four components with
+    // factors 1 to 4 for its levels; one it does not reconstruct gets
+    // colour format 0 (and can then only have its levels read).
+    int32_t any_layout;
     kivod_dsp dsp;
     // The skim's look-ups of the AC tables, each built from the table of
     // the serial beside it (0: none yet) when a skim first needs it.

@@ -258,6 +258,45 @@ TEST(OracleTranscode, LosslessAndSmallest) {
     kivot_delete(t);
 }
 
+// Layouts this library does not reconstruct (chroma factors unlike each
+// other, luma below chroma) still have their levels coded again: both
+// lossless codings decode with libjpeg-turbo to the source's pixels within
+// 1% of jpegtran's size, and the smallest-of output is one of them or the
+// source, while a decode to pixels and the pipeline refuse such a source.
+TEST(OracleTranscode, LosslessOfAnyLayout) {
+    const struct { int h[3], v[3]; bool progressive; } kCases[] = {{{2, 2, 1}, {2, 1, 2}, false},
+                                                                   {{1, 2, 2}, {1, 2, 2}, true}};
+    kivoe_create_param p{1, 0, 0, 0, 0, nullptr};
+    kivot_ctx *t = kivot_create(&p, nullptr);
+    for (const auto &c : kCases) {
+        turbo::EncodeSpec e;
+        e.width = 203, e.height = 131, e.n_comp = 3, e.quality = 85, e.progressive = c.progressive;
+        for (int k = 0; k < 3; ++k) e.h[k] = c.h[k], e.v[k] = c.v[k];
+        const Bytes src = turbo::encode(e, turbo::make_planes(e, 7));
+        ASSERT_FALSE(src.empty());
+        EXPECT_EQ(kivotest::decode(src, 1).status, KIVO_ERR_UNSUPPORTED);
+        EXPECT_EQ(transcode(src).status, KIVO_ERR_UNSUPPORTED);
+        Bytes in(src), buf(src.size() * 2);
+        xelo_bitb ib{}, ob{};
+        ib.addr = in.data(), ib.ssize = static_cast<int32_t>(in.size());
+        ob.addr = buf.data(), ob.ssize = static_cast<int32_t>(buf.size());
+        const kivod_input input{KIVOD_INPUT_BITB, &ib, nullptr};
+        const kivoe_output output{KIVOD_INPUT_BITB, &ob, nullptr};
+        int32_t n = 0, chosen = 0;
+        for (int32_t coding : {KIVOT_LOSSLESS_BASELINE, KIVOT_LOSSLESS_PROGRESSIVE}) {
+            ASSERT_EQ(kivot_txcode_lossless(t, &input, &output, &n, coding), 0) << coding;
+            const Bytes out(buf.begin(), buf.begin() + n), ref = turbo::transcode(src, coding != 0, true);
+            EXPECT_TRUE(same_pixels(src, out)) << coding;
+            EXPECT_LT(std::abs(double(out.size()) / ref.size() - 1), 0.01) << coding << ": " << out.size() << " vs " << ref.size();
+        }
+        ASSERT_EQ(kivot_txcode_smallest(t, &input, &output, &n, &chosen), 0);
+        EXPECT_TRUE(n <= static_cast<int32_t>(src.size()) && chosen != KIVOT_CHOSEN_PIPELINE &&
+                    same_pixels(src, Bytes(buf.begin(), buf.begin() + n)))
+            << kivot_chosen_name(chosen);
+    }
+    kivot_delete(t);
+}
+
 // A later sequential scan of a component replaces the levels an earlier one
 // left, as it replaces the pixels: picture A's scan followed by picture B's
 // (same size and tables) reads as B alone, on 1 and 2 threads.

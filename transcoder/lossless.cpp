@@ -15,7 +15,11 @@ int32_t kivot_read_levels(kivot_ctx *t, const kivod_input *in, kivoe_coef_pic *p
     std::memset(d->qtbl, 0, sizeof(d->qtbl));
     *pic = kivoe_coef_pic{};
     kivod_frame_info info{};
+    // Levels are coded again whatever the layout, also one this library
+    // does not reconstruct (colour format 0 then).
+    d->any_layout = 1;
     int32_t ret = d->proc.dec(d, in, &info);
+    d->any_layout = 0;
     if (ret < 0) return ret;
     const kivod_fh &fh = d->fh;
     pic->width = fh.width;
@@ -287,10 +291,14 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
         const kivod_fh &fh = d->fh;
         same_picture = (t->width <= 0 || t->width == fh.width) && (t->height <= 0 || t->height == fh.height) &&
                        (!t->color_format || t->color_format == d->color_format) && !t->skip_encode;
-        // A sequential source's levels come with the statistics that
-        // choose the pipeline's tables: no second decode to learn that
-        // they stay the source's.
-        if (same_picture && !d->progressive) {
+        if (!d->color_format) {
+            // A layout without a colour format has no pixels to encode
+            // again: its candidates are the lossless codings and the source.
+            tables_change = false;
+        } else if (same_picture && !d->progressive) {
+            // A sequential source's levels come with the statistics that
+            // choose the pipeline's tables: no second decode to learn that
+            // they stay the source's.
             kivot_choose_tables(t);
             tables_change = kivot_tables_changed(t);
         }
