@@ -29,7 +29,8 @@ for size in "64 48" "97 61" "1 1" "17 9" "240 16"; do
   ppm $size $n > "$tmp/p.ppm"
   k=0
   for opts in "-quality 75" "-quality 95 -sample 2x1" "-quality 50 -sample 1x1" "-grayscale" "-sample 4x1" \
-              "-sample 1x2" "-restart 1" "-progressive" "-progressive -sample 1x1" "-optimize -restart 2B"; do
+              "-sample 1x2" "-restart 1" "-progressive" "-progressive -sample 1x1" "-optimize -restart 2B" \
+              "-sample 2x2,2x1,1x2" "-progressive -sample 1x1,2x2,2x2"; do
     k=$((k + 1))
     # shellcheck disable=SC2086
     cjpeg $opts "$tmp/p.ppm" > "$tmp/a.jpg"
