@@ -48,6 +48,16 @@ int fail(const char *what, int32_t status) {
     return 1;
 }
 
+// A stream refused once its frame header was read, with no colour format
+// given: its sampling layout is not one the decoder reconstructs (a limit
+// refuses before the size is known or after the layout is).
+int fail_open(const char *what, int32_t status, const kivod_frame_info &info) {
+    if (status != KIVO_ERR_UNSUPPORTED || info.width == 0 || info.color_format != 0) return fail(what, status);
+    message("kivo: %s: its sampling layout is not one this library decodes to pixels (%d); "
+            "kivo transcode --mode lossless still codes it again\n", what, status);
+    return 1;
+}
+
 // PNG, PPM or PGM through the colour helpers (smooth chroma upsampling):
 // grey for a .pgm name or a grey picture, RGB otherwise.
 bool write_rgb_picture(const std::string &path, const xelo_imgb *img, const kivo_tpool *pool) {
@@ -82,7 +92,7 @@ int cmd_info(int argc, char **argv) {
     }
     Decoder d;
     const int32_t ret = d.open(path, 1, limits);
-    if (ret != 0) return fail(path, ret);
+    if (ret != 0) return fail_open(path, ret, d.info);
     const kivod_ctx *c = d.ctx;
     const kivod_fh &fh = c->fh;
     std::printf("size: %d x %d\n", d.info.width, d.info.height);
@@ -164,7 +174,7 @@ int cmd_decode(int argc, char **argv) {
     const auto t0 = std::chrono::steady_clock::now();
     Decoder d;
     int32_t ret = d.open(in.c_str(), threads, limits);
-    if (ret != 0) return fail(in.c_str(), ret);
+    if (ret != 0) return fail_open(in.c_str(), ret, d.info);
     // --scale decodes at that reduction; --size alone leaves the choice to
     // the decoder.
     if (denom_given) kivod_set_reduction(d.ctx, denom);
