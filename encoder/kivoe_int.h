@@ -150,6 +150,9 @@ typedef void (*kivoe_update_offset_fn)(const int16_t *levels, const int16_t *coe
 typedef uint64_t (*kivoe_levels_mask_fn)(const int16_t *blk);
 typedef uint64_t (*kivoe_quant_kept_fn)(int16_t *blk, const uint16_t *q, const uint16_t *recip, const uint16_t *half,
                                         uint16_t *adapt, const uint8_t *thr);
+typedef uint64_t (*kivoe_kept_samples_fn)(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                          const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                          int32_t suppress);
 typedef void (*kivoe_jndfilt_u8_fn)(const uint8_t *src, int32_t stride, uint8_t *dst);
 typedef void (*kivoe_fdct_samples_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
 typedef void (*kivoe_box2_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
@@ -230,6 +233,9 @@ struct kivoe_proc {
     // kivoe_quant_kept where a variant fuses its steps; null otherwise
     // (the loop then calls the kernels one by one).
     kivoe_quant_kept_fn quant_kept;
+    // kivoe_fdct_quant_kept_samples where a variant keeps the coefficients
+    // in registers from the samples to the levels; null otherwise.
+    kivoe_kept_samples_fn fdct_quant_kept_samples;
     kivoe_jndfilt_u8_fn jndfilt_u8;
     kivoe_fdct_samples_fn fdct8_samples;
     kivoe_box2_fn box2;                    // kivoe_box2
@@ -404,6 +410,12 @@ uint64_t kivoe_levels_mask(const int16_t *blk);
 // suppresses levels in between.
 uint64_t kivoe_quant_kept(int16_t *blk, const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                           const uint8_t *thr);
+// kivoe_quant_kept of the transformed 8 x 8 samples at src (rows stride
+// bytes apart), into blk, with the suppression thresholds of the DC
+// coefficient's brightness when suppress is not 0. The tables as
+// kivoe_qtbl holds them; offsets 0 to 8192.
+uint64_t kivoe_fdct_quant_kept_samples(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                       const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress);
 // The perceptual selection's sampling at level 1: blk[8 j + k] is the mean
 // (sum >> 2) of the 2 x 2 samples at row 2 j, column 2 k of src.
 void kivoe_box2(const uint8_t *src, int32_t stride, int16_t *blk);

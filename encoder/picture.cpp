@@ -529,7 +529,7 @@ inline void load_at(const kivoe_ctx *ctx, bool jnd_filter, int c, const Comp &cc
 // Transformed coefficients at blk to levels with JND suppression, adaptive
 // rounding or both (coef: room for the unquantized coefficients). Apart
 // from the plain block loop, whose registers it would otherwise share.
-__attribute__((noinline)) void quantize_kept(const kivoe_ctx *ctx, Comp &cc, int16_t *blk, int16_t *coef) {
+__attribute__((noinline)) void quantize_kept(const kivoe_ctx *ctx, const Comp &cc, int16_t *blk, int16_t *coef) {
     const kivoe_proc &p = ctx->proc;
     const uint8_t *thr = ctx->jnd_suppress ? kivoe_jnd_threshold_row(blk[0]) : nullptr;
     kivo::copy_block(coef, blk);
@@ -550,6 +550,38 @@ __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *com
     alignas(16) int16_t coef[64];
     const kivoe_fh &fh = ctx->fh;
     const bool jnd_filter = ctx->jnd_filter;
+    const kivoe_kept_samples_fn kept = ctx->proc.fdct_quant_kept_samples;
+    if (kept) {
+        // Block by block from the samples (filtered first where the filter
+        // applies) to the levels; blocks across the picture's edge are
+        // loaded, transformed and quantized step by step.
+        const int32_t suppress = ctx->jnd_suppress;
+        mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
+            int16_t *lv = levels + 64 * b;
+            const kivoe_qtbl &t = *cc.q;
+            uint16_t *adapt = ctx->adaptive_rounding ? cc.adapt : nullptr;
+            uint64_t mask;
+            if (inside) {
+                mask = kept(at, cc.stride, lv, t.q, t.recip, t.half, adapt, suppress);
+            } else if (filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
+                alignas(16) uint8_t f[64];
+                ctx->proc.jndfilt_u8(at, cc.stride, f);
+                mask = kept(f, 8, lv, t.q, t.recip, t.half, adapt, suppress);
+            } else {
+                load_at(ctx, jnd_filter, c, cc, cc.col + h, cc.row + v, lv);
+                ctx->proc.fdct8(lv);
+                const uint8_t *thr = suppress ? kivoe_jnd_threshold_row(lv[0]) : nullptr;
+                if (ctx->proc.quant_kept) {
+                    mask = ctx->proc.quant_kept(lv, t.q, t.recip, t.half, adapt, thr);
+                } else {
+                    quantize_kept(ctx, cc, lv, coef);
+                    mask = ctx->proc.levels_mask(lv);
+                }
+            }
+            code[b] = {cc.dc, cc.ac, lv, mask, 0};
+        });
+        return;
+    }
     const kivoe_fdct_samples_fn samples = ctx->proc.fdct8_samples;
     mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
         int16_t *lv = levels + 64 * b;

@@ -94,3 +94,9 @@ uint64_t kivoe_quant_kept(int16_t *blk, const uint16_t *q, const uint16_t *recip
     if (adapt) kivoe_update_offset(blk, coef, q, recip, adapt);
     return kivoe_levels_mask(blk);
 }
+
+uint64_t kivoe_fdct_quant_kept_samples(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                       const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress) {
+    kivoe_fdct8_samples(src, stride, blk);
+    return kivoe_quant_kept(blk, q, recip, half, adapt, suppress ? kivoe_jnd_threshold_row(blk[0]) : nullptr);
+}
