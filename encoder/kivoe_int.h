@@ -157,6 +157,7 @@ typedef void (*kivoe_jndfilt_u8_fn)(const uint8_t *src, int32_t stride, uint8_t 
 typedef void (*kivoe_fdct_samples_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
 typedef void (*kivoe_box2_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
 typedef void (*kivoe_abs_acc_fn)(const int16_t *blk, uint32_t *acc);
+typedef void (*kivoe_box2_strip_fn)(const uint8_t *src, int32_t stride, int32_t n, uint32_t *acc);
 // Bit planes of a block's AC levels in zig-zag order, for the progressive
 // writer: bit z of nz[a] is set when |level| >> a is not zero, of neg when
 // the level is negative; bit 0 (the DC position) is clear in both. corr[a]
@@ -240,6 +241,9 @@ struct kivoe_proc {
     kivoe_fdct_samples_fn fdct8_samples;
     kivoe_box2_fn box2;                    // kivoe_box2
     kivoe_abs_acc_fn abs_acc;              // kivoe_abs_acc
+    // kivoe_box2_strip where a variant streams the strip; null otherwise
+    // (the sampling then takes the blocks one by one).
+    kivoe_box2_strip_fn box2_strip;
 };
 
 struct kivoe_ctx {
@@ -419,6 +423,10 @@ uint64_t kivoe_fdct_quant_kept_samples(const uint8_t *src, int32_t stride, int16
 // The perceptual selection's sampling at level 1: blk[8 j + k] is the mean
 // (sum >> 2) of the 2 x 2 samples at row 2 j, column 2 k of src.
 void kivoe_box2(const uint8_t *src, int32_t stride, int16_t *blk);
+// The statistics of n level-1 analysis blocks side by side from src (16
+// rows, 16 n columns): kivoe_box2, kivoe_fdct8, then acc[0] += the mean
+// level (F + 1024) >> 3 and acc[i] += |F[i]| for i = 1..63.
+void kivoe_box2_strip(const uint8_t *src, int32_t stride, int32_t n, uint32_t *acc);
 // acc[i] += |blk[i]| for the 64 values (|-32768| = 32768).
 void kivoe_abs_acc(const int16_t *blk, uint32_t *acc);
 uint32_t kivoe_planes_c(const int16_t *blk, int32_t n, kivoe_planes *out, int16_t *dc);

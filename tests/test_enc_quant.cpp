@@ -274,7 +274,7 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
         is_new(plain.quant_mask), is_new(plain.fdct_quant_mask), is_new(plain.jnd_suppress), is_new(plain.update_offset),
         is_new(plain.box2), is_new(plain.abs_acc);
     ASSERT_TRUE(plain.jndfilt_u8 == &kivoe_jndfilt8x8_u8 && plain.fdct8_samples == nullptr && plain.quant_kept == nullptr &&
-                plain.fdct_quant_kept_samples == nullptr);
+                plain.fdct_quant_kept_samples == nullptr && plain.box2_strip == nullptr);
     int checked = 0, failures = 0;
     auto fail = [&failures](const char *what, uint32_t flags, size_t i) {
         if (failures++ < 5) ADD_FAILURE() << what << " at CPU flags " << flags << ": block " << i;
@@ -464,6 +464,21 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
             const int16_t *c = sets.coefs[i % sets.coefs.size()].data();
             if (acc) plain.abs_acc(c, sa), p.abs_acc(c, sb);
             if (acc && std::memcmp(sa, sb, sizeof(sa))) fail("abs_acc", flags, i);
+        }
+        // Strips of 1 to 70 blocks (past one and two chunks of 32), samples
+        // of the sets or only 0 and 255, rows 16 n + 3 bytes apart.
+        const bool strip = p.box2_strip && is_new(p.box2_strip);
+        checked += strip;
+        for (int n = 1; strip && n <= 70; ++n) {
+            const int32_t stride = 16 * n + 3;
+            std::vector<uint8_t> plane(16 * stride + 1);
+            for (size_t k = 0; k < plane.size(); ++k)
+                plane[k] = n % 3 ? static_cast<uint8_t>(sets.samples[(k / 64 + n) % sets.samples.size()][k % 64]) : (rng() & 1) * 255;
+            uint32_t sa[64], sb[64];
+            for (int k = 0; k < 64; ++k) sa[k] = sb[k] = rng() % 1000;
+            kivoe_box2_strip(plane.data() + 1, stride, n, sa);
+            p.box2_strip(plane.data() + 1, stride, n, sb);
+            if (std::memcmp(sa, sb, sizeof(sa))) fail("box2_strip", flags, n);
         }
     }
     EXPECT_EQ(failures, 0);
