@@ -204,15 +204,15 @@ uint64_t kivoe_quant_kept_avx2(int16_t *blk, const uint16_t *q, const uint16_t *
 
 namespace {
 
-// The rows of a threshold table row (64 bytes) as four vectors of 16-bit
-// thresholds; all zeros suppress nothing.
+// All-zero thresholds, which suppress nothing.
 alignas(64) const uint8_t kNoThresholds[64] = {};
 
-// kivoe_fdct_quant_kept_samples from the coefficients c (two rows a
-// vector), which come from 8-bit samples: |c| <= 1024, so every product
-// below fits 16 bits, and with the tables' q <= 255, recip = 16384 / q and
-// offsets at most 8192 a level n of magnitude a lies at most a - q / 2
-// above (n - 1) q. Magnitudes until the end, the signs put back last.
+// kivoe_fdct_quant_kept_samples from the coefficients c (two rows a vector)
+// of 8-bit samples, whose magnitudes a are at most 1024. With the tables'
+// q of 1 to 255, recip = 16384 / q and offsets up to 8192, a level's
+// magnitude n then stays within 1024 and n q within a + q / 2, so that the
+// products below fit 16 bits and no level needs the coder's own check.
+// Magnitudes until the end, the signs put back last.
 template <bool kAdapt, bool kSuppress>
 inline uint64_t kept_rows(const __m256i c[4], int16_t *blk, const uint16_t *q, const uint16_t *recip,
                           const uint16_t *half, uint16_t *adapt) {
@@ -220,24 +220,26 @@ inline uint64_t kept_rows(const __m256i c[4], int16_t *blk, const uint16_t *q, c
     __m256i a[4], n[4], O[4];
     for (int k = 0; k < 4; ++k) {
         a[k] = _mm256_abs_epi16(c[k]);
+        const __m256i R = load16(recip + 16 * k);
         if (kAdapt) {
             // (a recip + offset) >> 14 from pairs (a, 1) times (recip, offset).
             O[k] = load16(adapt + 16 * k);
-            const __m256i r = load16(recip + 16 * k), one = _mm256_set1_epi16(1);
-            const __m256i lo = _mm256_madd_epi16(_mm256_unpacklo_epi16(a[k], one), _mm256_unpacklo_epi16(r, O[k]));
-            const __m256i hi = _mm256_madd_epi16(_mm256_unpackhi_epi16(a[k], one), _mm256_unpackhi_epi16(r, O[k]));
+            const __m256i one = _mm256_set1_epi16(1);
+            const __m256i lo = _mm256_madd_epi16(_mm256_unpacklo_epi16(a[k], one), _mm256_unpacklo_epi16(R, O[k]));
+            const __m256i hi = _mm256_madd_epi16(_mm256_unpackhi_epi16(a[k], one), _mm256_unpackhi_epi16(R, O[k]));
             n[k] = _mm256_packus_epi32(_mm256_srli_epi32(lo, 14), _mm256_srli_epi32(hi, 14));
         } else {
-            n[k] = magnitude(c[k], recip + 16 * k, half + 16 * k);
+            // ((a + half) recip) >> 14 as the high half of 4 (a + half) recip.
+            n[k] = _mm256_mulhi_epu16(_mm256_slli_epi16(_mm256_add_epi16(a[k], load16(half + 16 * k)), 2), R);
         }
     }
     if (kSuppress) {
-        // The brightness factor from the unquantized DC coefficient.
+        // The thresholds of the unquantized DC coefficient's brightness,
+        // kept only when the AC magnitudes, each counted up to 8, add up to
+        // more than 7.
         const int16_t dc = static_cast<int16_t>(_mm256_extract_epi16(c[0], 0));
         const uint8_t *row = kivoe_jnd_threshold_row(dc);
         if (!row) row = kNoThresholds;
-        // Whether the AC magnitudes, each counted up to 8, add up to more
-        // than 7: all ones in every lane if so.
         const __m256i eight = _mm256_set1_epi16(8);
         const __m256i dc_lane = _mm256_setr_epi16(-1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
         __m256i sum = _mm256_andnot_si256(dc_lane, _mm256_min_epu16(n[0], eight));
@@ -247,43 +249,36 @@ inline uint64_t kept_rows(const __m256i c[4], int16_t *blk, const uint16_t *q, c
         s = _mm256_add_epi32(s, _mm256_shuffle_epi32(s, _MM_SHUFFLE(2, 3, 0, 1)));
         s = _mm256_add_epi32(s, _mm256_permute2x128_si256(s, s, 0x01));
         const __m256i busy = _mm256_cmpgt_epi32(s, _mm256_set1_epi32(7));
-        // A level n > 0 steps down while e + j q < T, e = a - (n - 1) q
-        // (never below 1: no test that e > -T), j = (T - 1 - e) / q steps
-        // past n - 1, by the reciprocal with one correction. For n = 0,
-        // n - 1 saturates to 0 and the result stays 0.
+        // The descent from n - 1 stops at the lowest m with a - m q < T,
+        // that is at M = (a + q - T) / q (0 when a + q <= T); a level above
+        // M comes down to it, the others stay. The quotient from the
+        // reciprocal, with one correction.
         for (int k = 0; k < 4; ++k) {
-            const __m256i T = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i *>(row + 16 * k)));
+            const __m256i T = _mm256_and_si256(
+                _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i *>(row + 16 * k))), busy);
             const __m256i Q = load16(q + 16 * k);
-            const __m256i n1 = _mm256_subs_epu16(n[k], _mm256_set1_epi16(1));
-            const __m256i e = _mm256_sub_epi16(a[k], _mm256_mullo_epi16(n1, Q));
-            const __m256i take = _mm256_and_si256(_mm256_cmpgt_epi16(T, e), busy);
-            const __m256i X = _mm256_sub_epi16(_mm256_sub_epi16(T, _mm256_set1_epi16(1)), e);
-            const __m256i m0 = _mm256_mulhi_epu16(_mm256_slli_epi16(X, 2), load16(recip + 16 * k));
-            const __m256i rem = _mm256_sub_epi16(X, _mm256_mullo_epi16(m0, Q));
-            const __m256i j = _mm256_sub_epi16(m0, _mm256_cmpeq_epi16(_mm256_subs_epu16(Q, rem), zero));
-            const __m256i m = _mm256_max_epi16(_mm256_sub_epi16(n1, j), zero);
-            n[k] = _mm256_blendv_epi8(n[k], m, take);
+            const __m256i Z = _mm256_subs_epu16(_mm256_add_epi16(a[k], Q), T);
+            const __m256i m0 = _mm256_mulhi_epu16(_mm256_slli_epi16(Z, 2), load16(recip + 16 * k));
+            const __m256i rem = _mm256_sub_epi16(Z, _mm256_mullo_epi16(m0, Q));
+            const __m256i M = _mm256_sub_epi16(m0, _mm256_cmpeq_epi16(_mm256_subs_epu16(Q, rem), zero));
+            n[k] = _mm256_min_epu16(n[k], M);
         }
     }
     if (kAdapt) {
-        // err = a - n q in 16 bits; d = bits 11 to 26 of |err| recip.
+        // err = a - n q; d = (|err| recip) >> 11 as the high half of
+        // 32 |err| recip (|err| at most 1024).
         for (int k = 0; k < 4; ++k) {
             const __m256i Q = load16(q + 16 * k), R = load16(recip + 16 * k);
             const __m256i err = _mm256_sub_epi16(a[k], _mm256_mullo_epi16(n[k], Q));
-            const __m256i ae = _mm256_abs_epi16(err);
-            const __m256i d = _mm256_or_si256(_mm256_slli_epi16(_mm256_mulhi_epu16(ae, R), 5),
-                                              _mm256_srli_epi16(_mm256_mullo_epi16(ae, R), 11));
+            const __m256i d = _mm256_mulhi_epu16(_mm256_slli_epi16(_mm256_abs_epi16(err), 5), R);
             __m256i o = _mm256_add_epi16(O[k], _mm256_sign_epi16(d, err));
             o = _mm256_min_epi16(_mm256_max_epi16(o, zero), _mm256_set1_epi16(8192));
             _mm256_storeu_si256(reinterpret_cast<__m256i *>(adapt + 16 * k),
                                 _mm256_blendv_epi8(o, O[k], _mm256_cmpeq_epi16(n[k], zero)));
         }
     }
-    __m256i any = zero;
-    for (int k = 0; k < 4; ++k) {
+    for (int k = 0; k < 4; ++k)
         _mm256_storeu_si256(reinterpret_cast<__m256i *>(blk + 16 * k), _mm256_sign_epi16(n[k], c[k]));
-        any = _mm256_or_si256(any, n[k]);
-    }
     __m256i v[4];
     v[0] = _mm256_cmpeq_epi8(_mm256_packus_epi16(n[0], n[1]), zero);
     v[2] = _mm256_cmpeq_epi8(_mm256_packus_epi16(n[2], n[3]), zero);
@@ -291,8 +286,6 @@ inline uint64_t kept_rows(const __m256i c[4], int16_t *blk, const uint16_t *q, c
     v[3] = _mm256_permute2x128_si256(v[2], v[2], 0x01);
     const uint64_t zeros = static_cast<uint32_t>(_mm256_movemask_epi8(zigzag_half(v, 0))) |
                            static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(zigzag_half(v, 1)))) << 32;
-    // A magnitude of 2048 or more: the coder finds the levels itself.
-    if (!_mm256_testz_si256(any, _mm256_set1_epi16(-2048))) return ~uint64_t(0);
     return ~zeros & ~uint64_t(1);
 }
 
