@@ -214,8 +214,8 @@ alignas(64) const uint8_t kNoThresholds[64] = {};
 // products below fit 16 bits and no level needs the coder's own check.
 // Magnitudes until the end, the signs put back last.
 template <bool kAdapt, bool kSuppress>
-inline uint64_t kept_rows(const __m256i c[4], int16_t *blk, const uint16_t *q, const uint16_t *recip,
-                          const uint16_t *half, uint16_t *adapt) {
+inline uint64_t kept_rows(const __m256i c[4], const uint8_t *row, int16_t *blk, const uint16_t *q,
+                          const uint16_t *recip, const uint16_t *half, uint16_t *adapt) {
     const __m256i zero = _mm256_setzero_si256();
     __m256i a[4], n[4], O[4];
     for (int k = 0; k < 4; ++k) {
@@ -234,12 +234,8 @@ inline uint64_t kept_rows(const __m256i c[4], int16_t *blk, const uint16_t *q, c
         }
     }
     if (kSuppress) {
-        // The thresholds of the unquantized DC coefficient's brightness,
-        // kept only when the AC magnitudes, each counted up to 8, add up to
-        // more than 7.
-        const int16_t dc = static_cast<int16_t>(_mm256_extract_epi16(c[0], 0));
-        const uint8_t *row = kivoe_jnd_threshold_row(dc);
-        if (!row) row = kNoThresholds;
+        // Levels suppressed with the thresholds row only when the AC
+        // magnitudes, each counted up to 8, add up to more than 7.
         const __m256i eight = _mm256_set1_epi16(8);
         const __m256i dc_lane = _mm256_setr_epi16(-1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
         __m256i sum = _mm256_andnot_si256(dc_lane, _mm256_min_epu16(n[0], eight));
@@ -253,15 +249,15 @@ inline uint64_t kept_rows(const __m256i c[4], int16_t *blk, const uint16_t *q, c
         // that is at M = (a + q - T) / q (0 when a + q <= T); a level above
         // M comes down to it, the others stay. The quotient from the
         // reciprocal, with one correction.
+        // M does not depend on the levels: only the choice waits for them.
         for (int k = 0; k < 4; ++k) {
-            const __m256i T = _mm256_and_si256(
-                _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i *>(row + 16 * k))), busy);
+            const __m256i T = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i *>(row + 16 * k)));
             const __m256i Q = load16(q + 16 * k);
             const __m256i Z = _mm256_subs_epu16(_mm256_add_epi16(a[k], Q), T);
             const __m256i m0 = _mm256_mulhi_epu16(_mm256_slli_epi16(Z, 2), load16(recip + 16 * k));
             const __m256i rem = _mm256_sub_epi16(Z, _mm256_mullo_epi16(m0, Q));
             const __m256i M = _mm256_sub_epi16(m0, _mm256_cmpeq_epi16(_mm256_subs_epu16(Q, rem), zero));
-            n[k] = _mm256_min_epu16(n[k], M);
+            n[k] = _mm256_blendv_epi8(n[k], _mm256_min_epu16(n[k], M), busy);
         }
     }
     if (kAdapt) {
@@ -295,12 +291,28 @@ uint64_t kivoe_fdct_quant_kept_samples_avx2(const uint8_t *src, int32_t stride, 
                                             const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                             int32_t suppress) {
     __m128i x[8];
+    const uint8_t *row = kNoThresholds;
+    if (suppress) {
+        // The thresholds of the DC coefficient's brightness, from the
+        // samples' sum S: F = (S - 8188) >> 3, so (F + 1024) >> 3 is
+        // (S + 4) >> 6, known before the transform.
+        const __m128i zero = _mm_setzero_si128();
+        __m128i sum = zero;
+        for (int i = 0; i < 8; i += 2) {
+            const __m128i r0 = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src + i * static_cast<ptrdiff_t>(stride)));
+            const __m128i r1 = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src + (i + 1) * static_cast<ptrdiff_t>(stride)));
+            sum = _mm_add_epi64(sum, _mm_sad_epu8(_mm_unpacklo_epi64(r0, r1), zero));
+        }
+        const int32_t S = _mm_cvtsi128_si32(_mm_add_epi64(sum, _mm_unpackhi_epi64(sum, sum)));
+        const int k = tbl_suppr_lum[(S + 4) >> 6];
+        if (k) row = kivo_tbl_suppr_thr + 64 * (k - 1);
+    }
     load_columns_u8(src, stride, x);
     __m256i c[4];
     fdct8_columns(x, c);
-    if (adapt) return suppress ? kept_rows<true, true>(c, blk, q, recip, half, adapt)
-                               : kept_rows<true, false>(c, blk, q, recip, half, adapt);
-    if (suppress) return kept_rows<false, true>(c, blk, q, recip, half, adapt);
+    if (adapt) return suppress ? kept_rows<true, true>(c, row, blk, q, recip, half, adapt)
+                               : kept_rows<true, false>(c, row, blk, q, recip, half, adapt);
+    if (suppress) return kept_rows<false, true>(c, row, blk, q, recip, half, adapt);
     const uint64_t mask = quant_mask_rows(c, blk, recip, half);
     return mask & 1 ? ~uint64_t(0) : mask;
 }
