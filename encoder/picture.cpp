@@ -65,6 +65,21 @@ void load_block(const uint8_t *plane, int32_t stride, int32_t ws, int32_t hs, in
     for (int r = rows; r < 8; ++r) std::memcpy(blk + 8 * r, blk + 8 * (r - 1), 16);
 }
 
+// The same into 8 x 8 bytes.
+void load_block_u8(const uint8_t *plane, int32_t stride, int32_t ws, int32_t hs, int32_t bcol, int32_t brow,
+                   uint8_t *blk) {
+    int32_t x = 8 * bcol, y = 8 * brow;
+    if (x > ws - 1) x = ws - 1;
+    if (y > hs - 1) y = hs - 1;
+    const int32_t cols = ws - x < 8 ? ws - x : 8, rows = hs - y < 8 ? hs - y : 8;
+    const uint8_t *src = plane + static_cast<ptrdiff_t>(y) * stride + x;
+    for (int r = 0; r < rows; ++r, src += stride) {
+        std::memcpy(blk + 8 * r, src, static_cast<size_t>(cols));
+        std::memset(blk + 8 * r + cols, src[cols - 1], static_cast<size_t>(8 - cols));
+    }
+    for (int r = rows; r < 8; ++r) std::memcpy(blk + 8 * r, blk + 8 * (r - 1), 8);
+}
+
 // The mask a quantizer returned, as the block coder takes it: all ones
 // (not known, the coder checks the levels) when a level has no category.
 inline uint64_t coder_mask(uint64_t quant_mask) { return quant_mask & 1 ? ~uint64_t(0) : quant_mask; }
@@ -553,8 +568,8 @@ __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *com
     const kivoe_kept_samples_fn kept = ctx->proc.fdct_quant_kept_samples;
     if (kept) {
         // Block by block from the samples (filtered first where the filter
-        // applies) to the levels; blocks across the picture's edge are
-        // loaded, transformed and quantized step by step.
+        // applies, with the edge repeated where the block crosses it) to
+        // the levels.
         const int32_t suppress = ctx->jnd_suppress;
         mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
             int16_t *lv = levels + 64 * b;
@@ -568,15 +583,9 @@ __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *com
                 ctx->proc.jndfilt_u8(at, cc.stride, f);
                 mask = kept(f, 8, lv, t.q, t.recip, t.half, adapt, suppress);
             } else {
-                load_at(ctx, jnd_filter, c, cc, cc.col + h, cc.row + v, lv);
-                ctx->proc.fdct8(lv);
-                const uint8_t *thr = suppress ? kivoe_jnd_threshold_row(lv[0]) : nullptr;
-                if (ctx->proc.quant_kept) {
-                    mask = ctx->proc.quant_kept(lv, t.q, t.recip, t.half, adapt, thr);
-                } else {
-                    quantize_kept(ctx, cc, lv, coef);
-                    mask = ctx->proc.levels_mask(lv);
-                }
+                alignas(16) uint8_t e[64];
+                load_block_u8(cc.plane, cc.stride, ctx->smp_w[c], ctx->smp_h[c], cc.col + h, cc.row + v, e);
+                mask = kept(e, 8, lv, t.q, t.recip, t.half, adapt, suppress);
             }
             code[b] = {cc.dc, cc.ac, lv, mask, 0};
         });

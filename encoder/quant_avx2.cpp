@@ -235,7 +235,8 @@ inline uint64_t kept_rows(const __m256i c[4], const uint8_t *row, int16_t *blk, 
     }
     if (kSuppress) {
         // Levels suppressed with the thresholds row only when the AC
-        // magnitudes, each counted up to 8, add up to more than 7.
+        // magnitudes, each counted up to 8, add up to more than 7 (the sum
+        // of the eight 32-bit lanes' pairs in lane 0).
         const __m256i eight = _mm256_set1_epi16(8);
         const __m256i dc_lane = _mm256_setr_epi16(-1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
         __m256i sum = _mm256_andnot_si256(dc_lane, _mm256_min_epu16(n[0], eight));
@@ -243,21 +244,23 @@ inline uint64_t kept_rows(const __m256i c[4], const uint8_t *row, int16_t *blk, 
         __m256i s = _mm256_madd_epi16(sum, _mm256_set1_epi16(1));
         s = _mm256_add_epi32(s, _mm256_shuffle_epi32(s, _MM_SHUFFLE(1, 0, 3, 2)));
         s = _mm256_add_epi32(s, _mm256_shuffle_epi32(s, _MM_SHUFFLE(2, 3, 0, 1)));
-        s = _mm256_add_epi32(s, _mm256_permute2x128_si256(s, s, 0x01));
-        const __m256i busy = _mm256_cmpgt_epi32(s, _mm256_set1_epi32(7));
+        const __m128i s4 = _mm_add_epi32(_mm256_castsi256_si128(s), _mm256_extracti128_si256(s, 1));
+        // A branch: predicted, the levels' chain through the offsets does
+        // not wait for the sum.
+        const bool busy = _mm_cvtsi128_si32(s4) > 7;
         // The descent from n - 1 stops at the lowest m with a - m q < T,
         // that is at M = (a + q - T) / q (0 when a + q <= T); a level above
         // M comes down to it, the others stay. The quotient from the
         // reciprocal, with one correction.
-        // M does not depend on the levels: only the choice waits for them.
-        for (int k = 0; k < 4; ++k) {
+        // M does not depend on the levels.
+        for (int k = 0; k < 4 && busy; ++k) {
             const __m256i T = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i *>(row + 16 * k)));
             const __m256i Q = load16(q + 16 * k);
             const __m256i Z = _mm256_subs_epu16(_mm256_add_epi16(a[k], Q), T);
             const __m256i m0 = _mm256_mulhi_epu16(_mm256_slli_epi16(Z, 2), load16(recip + 16 * k));
             const __m256i rem = _mm256_sub_epi16(Z, _mm256_mullo_epi16(m0, Q));
             const __m256i M = _mm256_sub_epi16(m0, _mm256_cmpeq_epi16(_mm256_subs_epu16(Q, rem), zero));
-            n[k] = _mm256_blendv_epi8(n[k], _mm256_min_epu16(n[k], M), busy);
+            n[k] = _mm256_min_epu16(n[k], M);
         }
     }
     if (kAdapt) {
