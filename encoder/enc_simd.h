@@ -43,6 +43,8 @@ uint64_t kivoe_quant_kept_avx2(int16_t *blk, const uint16_t *q, const uint16_t *
 uint64_t kivoe_fdct_quant_kept_samples_avx2(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
                                             const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                             int32_t suppress);
+uint64_t kivoe_jnd_fdct_quant_kept_avx2(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                        const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress);
 void kivoe_update_offset_avx2(const int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
                               uint16_t *offset);
 void kivoe_fdct8_neon(int16_t *blk);

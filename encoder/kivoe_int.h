@@ -237,6 +237,7 @@ struct kivoe_proc {
     // kivoe_fdct_quant_kept_samples where a variant keeps the coefficients
     // in registers from the samples to the levels; null otherwise.
     kivoe_kept_samples_fn fdct_quant_kept_samples;
+    kivoe_kept_samples_fn jnd_fdct_quant_kept;  // kivoe_jnd_fdct_quant_kept, or null alike
     kivoe_jndfilt_u8_fn jndfilt_u8;
     kivoe_fdct_samples_fn fdct8_samples;
     kivoe_box2_fn box2;                    // kivoe_box2
@@ -420,6 +421,10 @@ uint64_t kivoe_quant_kept(int16_t *blk, const uint16_t *q, const uint16_t *recip
 // kivoe_qtbl holds them; offsets 0 to 8192.
 uint64_t kivoe_fdct_quant_kept_samples(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
                                        const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress);
+// The same of the JND-filtered samples (the filter reads two rows above
+// and below the block).
+uint64_t kivoe_jnd_fdct_quant_kept(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                   const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress);
 // The perceptual selection's sampling at level 1: blk[8 j + k] is the mean
 // (sum >> 2) of the 2 x 2 samples at row 2 j, column 2 k of src.
 void kivoe_box2(const uint8_t *src, int32_t stride, int16_t *blk);

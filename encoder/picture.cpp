@@ -571,6 +571,7 @@ __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *com
         // applies, with the edge repeated where the block crosses it) to
         // the levels.
         const int32_t suppress = ctx->jnd_suppress;
+        const kivoe_kept_samples_fn filter_kept = ctx->proc.jnd_fdct_quant_kept;
         mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
             int16_t *lv = levels + 64 * b;
             const kivoe_qtbl &t = *cc.q;
@@ -579,9 +580,13 @@ __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *com
             if (inside) {
                 mask = kept(at, cc.stride, lv, t.q, t.recip, t.half, adapt, suppress);
             } else if (filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
-                alignas(16) uint8_t f[64];
-                ctx->proc.jndfilt_u8(at, cc.stride, f);
-                mask = kept(f, 8, lv, t.q, t.recip, t.half, adapt, suppress);
+                if (filter_kept) {
+                    mask = filter_kept(at, cc.stride, lv, t.q, t.recip, t.half, adapt, suppress);
+                } else {
+                    alignas(16) uint8_t f[64];
+                    ctx->proc.jndfilt_u8(at, cc.stride, f);
+                    mask = kept(f, 8, lv, t.q, t.recip, t.half, adapt, suppress);
+                }
             } else {
                 alignas(16) uint8_t e[64];
                 load_block_u8(cc.plane, cc.stride, ctx->smp_w[c], ctx->smp_h[c], cc.col + h, cc.row + v, e);
@@ -679,6 +684,7 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     const kivoe_quant_mask_fn quant_mask = p.quant_mask, fdct_quant_mask = p.fdct_quant_mask;
     const kivoe_quant_samples_fn fdct_quant_samples = p.fdct_quant_samples;
     const bool filter_bytes = jnd_filter && fdct_quant_samples;
+    const kivoe_kept_samples_fn filter_kept = jnd_filter ? p.jnd_fdct_quant_kept : nullptr;
     constexpr bool keep = kKeep;
     // With the writers in the coder slots, a block's codes go out together.
     const bool fused = p.vlc_dc == kivoe_vlc_dc && p.vlc_ac == kivoe_vlc_ac;
@@ -713,8 +719,10 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                 for (int i = 0; i < 64; ++i) comp[c].adapt[i] = 8192;
         for (int c = 0; c < nc && !reuse; ++c) {
             const Comp &cc = comp[c];
+            // The filter reads two rows below the MCU's.
             if ((cc.col & 7) == 0)
-                prefetch_rows(cc.plane, cc.stride, ctx->smp_h[c], 8 * cc.col + 128, 8 * cc.row, 8 * fh.v[c]);
+                prefetch_rows(cc.plane, cc.stride, ctx->smp_h[c], 8 * cc.col + 128, 8 * cc.row,
+                              8 * fh.v[c] + (jnd_filter && c == 0 ? 2 : 0));
         }
         if (by_mcu_kept) quantize_mcu_kept(ctx, comp, mcu_levels, mcu_code);
         for (int c = 0, b = 0; c < nc && by_mcu_reuse; ++c)
@@ -732,6 +740,9 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                     if (inside) load_inside(at, cc.stride, lv);
                     else load(c, cc, cc.col + h, cc.row + v, lv);
                     mask = fdct_quant_mask(lv, cc.q->recip, cc.offset);
+                } else if (filter_kept) {
+                    // Filtered in registers on the way to the transform.
+                    mask = filter_kept(at, cc.stride, lv, cc.q->q, cc.q->recip, cc.offset, nullptr, 0);
                 } else {
                     // Filtered to bytes for the 8-bit transform.
                     alignas(16) uint8_t f[64];

@@ -100,3 +100,10 @@ uint64_t kivoe_fdct_quant_kept_samples(const uint8_t *src, int32_t stride, int16
     kivoe_fdct8_samples(src, stride, blk);
     return kivoe_quant_kept(blk, q, recip, half, adapt, suppress ? kivoe_jnd_threshold_row(blk[0]) : nullptr);
 }
+
+uint64_t kivoe_jnd_fdct_quant_kept(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                   const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress) {
+    uint8_t f[64];
+    kivoe_jndfilt8x8_u8(src, stride, f);
+    return kivoe_fdct_quant_kept_samples(f, 8, blk, q, recip, half, adapt, suppress);
+}

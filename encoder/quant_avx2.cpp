@@ -6,6 +6,7 @@
 #include "common/nonzero.h"
 #include "encoder/enc_simd.h"
 #include "encoder/fdct_avx2.h"
+#include "encoder/jnd_avx2.h"
 #include "encoder/switches_avx2.h"
 
 namespace {
@@ -311,6 +312,57 @@ uint64_t kivoe_fdct_quant_kept_samples_avx2(const uint8_t *src, int32_t stride, 
         if (k) row = kivo_tbl_suppr_thr + 64 * (k - 1);
     }
     load_columns_u8(src, stride, x);
+    __m256i c[4];
+    fdct8_columns(x, c);
+    if (adapt) return suppress ? kept_rows<true, true>(c, row, blk, q, recip, half, adapt)
+                               : kept_rows<true, false>(c, row, blk, q, recip, half, adapt);
+    if (suppress) return kept_rows<false, true>(c, row, blk, q, recip, half, adapt);
+    const uint64_t mask = quant_mask_rows(c, blk, recip, half);
+    return mask & 1 ? ~uint64_t(0) : mask;
+}
+
+namespace {
+
+// The columns of the block whose rows b holds as jnd_filter_rows leaves
+// them, as 16-bit vectors over the rows (load_columns_u8's result).
+inline void columns_of_rows(const __m256i b[2], __m128i x[8]) {
+    const __m256i pairs = _mm256_setr_epi8(0, 8, 1, 9, 2, 10, 3, 11, 4, 12, 5, 13, 6, 14, 7, 15,
+                                           0, 8, 1, 9, 2, 10, 3, 11, 4, 12, 5, 13, 6, 14, 7, 15);
+    // Bytes of rows 0 and 1, 2 and 3, ... interleaved, as load_columns_u8's
+    // first step.
+    const __m256i a01 = _mm256_shuffle_epi8(b[0], pairs), a23 = _mm256_shuffle_epi8(b[1], pairs);
+    const __m128i a0 = _mm256_castsi256_si128(a01), a1 = _mm256_extracti128_si256(a01, 1);
+    const __m128i a2 = _mm256_castsi256_si128(a23), a3 = _mm256_extracti128_si256(a23, 1);
+    const __m128i b0 = _mm_unpacklo_epi16(a0, a1), b1 = _mm_unpackhi_epi16(a0, a1);
+    const __m128i b2 = _mm_unpacklo_epi16(a2, a3), b3 = _mm_unpackhi_epi16(a2, a3);
+    const __m128i c4[4] = {_mm_unpacklo_epi32(b0, b2), _mm_unpackhi_epi32(b0, b2), _mm_unpacklo_epi32(b1, b3),
+                           _mm_unpackhi_epi32(b1, b3)};
+    for (int i = 0; i < 4; ++i) {
+        x[2 * i] = _mm_cvtepu8_epi16(c4[i]);
+        x[2 * i + 1] = _mm_unpackhi_epi8(c4[i], _mm_setzero_si128());
+    }
+}
+
+}  // namespace
+
+uint64_t kivoe_jnd_fdct_quant_kept_avx2(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                        const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                        int32_t suppress) {
+    __m256i b[2];
+    jnd_filter_rows(src, stride, b);
+    __m128i x[8];
+    columns_of_rows(b, x);
+    const uint8_t *row = kNoThresholds;
+    if (suppress) {
+        // The thresholds of the DC coefficient's brightness from the
+        // filtered samples' sum, as the unfiltered kernel finds them.
+        const __m256i s = _mm256_add_epi64(_mm256_sad_epu8(b[0], _mm256_setzero_si256()),
+                                           _mm256_sad_epu8(b[1], _mm256_setzero_si256()));
+        const __m128i sum = _mm_add_epi64(_mm256_castsi256_si128(s), _mm256_extracti128_si256(s, 1));
+        const int32_t S = _mm_cvtsi128_si32(_mm_add_epi64(sum, _mm_unpackhi_epi64(sum, sum)));
+        const int k = tbl_suppr_lum[(S + 4) >> 6];
+        if (k) row = kivo_tbl_suppr_thr + 64 * (k - 1);
+    }
     __m256i c[4];
     fdct8_columns(x, c);
     if (adapt) return suppress ? kept_rows<true, true>(c, row, blk, q, recip, half, adapt)

@@ -274,7 +274,8 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
         is_new(plain.quant_mask), is_new(plain.fdct_quant_mask), is_new(plain.jnd_suppress), is_new(plain.update_offset),
         is_new(plain.box2), is_new(plain.abs_acc);
     ASSERT_TRUE(plain.jndfilt_u8 == &kivoe_jndfilt8x8_u8 && plain.fdct8_samples == nullptr && plain.quant_kept == nullptr &&
-                plain.fdct_quant_kept_samples == nullptr && plain.box2_strip == nullptr);
+                plain.fdct_quant_kept_samples == nullptr && plain.jnd_fdct_quant_kept == nullptr &&
+                plain.box2_strip == nullptr);
     int checked = 0, failures = 0;
     auto fail = [&failures](const char *what, uint32_t flags, size_t i) {
         if (failures++ < 5) ADD_FAILURE() << what << " at CPU flags " << flags << ": block " << i;
@@ -423,15 +424,17 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
                 !(e == f) || std::memcmp(oa, ob, sizeof(oa)))
                 fail("quant_kept", flags, i);
         }
-        // From 8-bit samples (rows 13 bytes apart at an odd address) to the
-        // levels with either switch or both, against the plain steps; the
-        // offsets run on from block to block, restarting from the table's
-        // (8192, 0 or any up to 8192) every 50 blocks.
+        // From 8-bit samples (rows 13 bytes apart at an odd address, two
+        // more above and below for the filter) to the levels with any of
+        // the steps, against the plain ones; the offsets run on from block
+        // to block, restarting from the table's (8192, 0 or any up to 8192)
+        // every 50 blocks.
         const bool ks = p.fdct_quant_kept_samples && is_new(p.fdct_quant_kept_samples);
-        checked += ks;
-        for (size_t i = 0; ks && i < sets.samples.size(); ++i) {
-            uint8_t plane[8 * 13 + 1];
-            for (int k = 0; k < 64; ++k) plane[1 + k / 8 * 13 + k % 8] = static_cast<uint8_t>(sets.samples[i][k]);
+        const bool kf = p.jnd_fdct_quant_kept && is_new(p.jnd_fdct_quant_kept);
+        checked += ks + kf;
+        for (size_t i = 0; (ks || kf) && i + 2 < sets.samples.size(); ++i) {
+            uint8_t plane[12 * 13 + 1];
+            for (int k = 0; k < 12 * 13; ++k) plane[k + 1] = static_cast<uint8_t>(sets.samples[i + k / 64][k % 64]);
             const size_t t = i / 50 % sets.tables.size();
             std::memcpy(&odd[1], sets.tables[t].data(), 512);
             static uint16_t oa[64], ob[64];
@@ -439,12 +442,13 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
                 for (int k = 0; k < 64; ++k) oa[k] = ob[k] = std::min<uint16_t>(odd[193 + k], 8192);
             const int16_t zero[64] = {};
             Slot a(zero, i % 5), b(zero, i % 5);
-            const bool adaptive = i % 3 != 0;
-            const int32_t suppressed = i % 5 != 0 || !adaptive;
-            if (kivoe_fdct_quant_kept_samples(plane + 1, 13, a.at, &odd[1], &odd[65], &odd[129], adaptive ? oa : nullptr,
-                                              suppressed) !=
-                    p.fdct_quant_kept_samples(plane + 1, 13, b.at, &odd[1], &odd[65], &odd[129], adaptive ? ob : nullptr,
-                                              suppressed) ||
+            const bool adaptive = i % 3 != 0, filter = i % 7 < 3 ? kf : !ks;
+            const int32_t suppress = i % 5 != 0;
+            const kivoe_kept_samples_fn want = filter ? kivoe_jnd_fdct_quant_kept : kivoe_fdct_quant_kept_samples;
+            const kivoe_kept_samples_fn got = filter ? p.jnd_fdct_quant_kept : p.fdct_quant_kept_samples;
+            const uint8_t *src = plane + 1 + 2 * 13;
+            if (want(src, 13, a.at, &odd[1], &odd[65], &odd[129], adaptive ? oa : nullptr, suppress) !=
+                    got(src, 13, b.at, &odd[1], &odd[65], &odd[129], adaptive ? ob : nullptr, suppress) ||
                 !(a == b) || std::memcmp(oa, ob, sizeof(oa)))
                 fail("fdct_quant_kept_samples", flags, i);
         }
