@@ -53,11 +53,15 @@ uint64_t kivoe_quant_mask_neon(int16_t *blk, const uint16_t *recip, const uint16
 uint64_t kivoe_fdct_quant_mask_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_quant_rdoq_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_jndfilt8x8_neon(const uint8_t *src, int32_t stride, int16_t *blk);
+void kivoe_jndfilt8x8_u8_neon(const uint8_t *src, int32_t stride, uint8_t *dst);
 uint32_t kivoe_planes_neon(const int16_t *blk, int32_t n, kivoe_planes *out, int16_t *dc);
 void kivoe_jnd_suppress_neon(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
                              const uint8_t *thr);
 void kivoe_update_offset_neon(const int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
                               uint16_t *offset);
+uint64_t kivoe_fdct_quant_kept_samples_neon(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                            const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                            int32_t suppress);
 void kivoe_box2_neon(const uint8_t *src, int32_t stride, int16_t *blk);
 void kivoe_abs_acc_neon(const int16_t *blk, uint32_t *acc);
 
