@@ -45,6 +45,12 @@ uint64_t kivoe_fdct_quant_kept_samples_avx2(const uint8_t *src, int32_t stride, 
                                             int32_t suppress);
 uint64_t kivoe_jnd_fdct_quant_kept_avx2(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
                                         const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress);
+void kivoe_fdct_quant_kept2_avx2(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2], const uint16_t *q,
+                                 const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress,
+                                 uint64_t *mask);
+void kivoe_jnd_fdct_quant_kept2_avx2(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2],
+                                     const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                     int32_t suppress, uint64_t *mask);
 void kivoe_update_offset_avx2(const int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
                               uint16_t *offset);
 void kivoe_fdct8_neon(int16_t *blk);

@@ -153,6 +153,9 @@ typedef uint64_t (*kivoe_quant_kept_fn)(int16_t *blk, const uint16_t *q, const u
 typedef uint64_t (*kivoe_kept_samples_fn)(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
                                           const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                           int32_t suppress);
+typedef void (*kivoe_kept_pair_fn)(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2],
+                                   const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                   int32_t suppress, uint64_t *mask);
 typedef void (*kivoe_jndfilt_u8_fn)(const uint8_t *src, int32_t stride, uint8_t *dst);
 typedef void (*kivoe_fdct_samples_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
 typedef void (*kivoe_box2_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
@@ -238,6 +241,10 @@ struct kivoe_proc {
     // in registers from the samples to the levels; null otherwise.
     kivoe_kept_samples_fn fdct_quant_kept_samples;
     kivoe_kept_samples_fn jnd_fdct_quant_kept;  // kivoe_jnd_fdct_quant_kept, or null alike
+    // Two blocks at a time, where a variant overlaps their steps; null
+    // otherwise: kivoe_fdct_quant_kept2, kivoe_jnd_fdct_quant_kept2.
+    kivoe_kept_pair_fn fdct_quant_kept2;
+    kivoe_kept_pair_fn jnd_fdct_quant_kept2;
     kivoe_jndfilt_u8_fn jndfilt_u8;
     kivoe_fdct_samples_fn fdct8_samples;
     kivoe_box2_fn box2;                    // kivoe_box2
@@ -425,6 +432,15 @@ uint64_t kivoe_fdct_quant_kept_samples(const uint8_t *src, int32_t stride, int16
 // and below the block).
 uint64_t kivoe_jnd_fdct_quant_kept(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
                                    const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress);
+// kivoe_fdct_quant_kept_samples (kivoe_jnd_fdct_quant_kept) of the block
+// at src[0] into blk[0], then of the one at src[1] into blk[1], with the
+// same tables and offsets; their masks into mask[0] and mask[1].
+void kivoe_fdct_quant_kept2(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2], const uint16_t *q,
+                            const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress,
+                            uint64_t *mask);
+void kivoe_jnd_fdct_quant_kept2(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2], const uint16_t *q,
+                                const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress,
+                                uint64_t *mask);
 // The perceptual selection's sampling at level 1: blk[8 j + k] is the mean
 // (sum >> 2) of the 2 x 2 samples at row 2 j, column 2 k of src.
 void kivoe_box2(const uint8_t *src, int32_t stride, int16_t *blk);

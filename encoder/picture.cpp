@@ -572,10 +572,34 @@ __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *com
         // the levels.
         const int32_t suppress = ctx->jnd_suppress;
         const kivoe_kept_samples_fn filter_kept = ctx->proc.jnd_fdct_quant_kept;
+        const kivoe_kept_pair_fn pair = ctx->proc.fdct_quant_kept2, filter_pair = ctx->proc.jnd_fdct_quant_kept2;
+        bool paired = false;  // this block went with the one before
         mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
+            if (paired) {
+                paired = false;
+                return;
+            }
             int16_t *lv = levels + 64 * b;
             const kivoe_qtbl &t = *cc.q;
             uint16_t *adapt = ctx->adaptive_rounding ? cc.adapt : nullptr;
+            // Two blocks side by side, both read straight from the plane or
+            // both filtered, go together: the kernel overlaps their steps
+            // and quantizes them in coding order.
+            if (h + 1 < ctx->fh.h[c]) {
+                const bool filter = !inside && filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v) &&
+                                    filtered(ctx, jnd_filter, c, cc.col + h + 1, cc.row + v);
+                const kivoe_kept_pair_fn both = inside ? pair : filter ? filter_pair : nullptr;
+                if (both) {
+                    const uint8_t *const src[2] = {at, at + 8};
+                    int16_t *const out[2] = {lv, lv + 64};
+                    uint64_t m[2];
+                    both(src, cc.stride, out, t.q, t.recip, t.half, adapt, suppress, m);
+                    code[b] = {cc.dc, cc.ac, lv, m[0], 0};
+                    code[b + 1] = {cc.dc, cc.ac, lv + 64, m[1], 0};
+                    paired = true;
+                    return;
+                }
+            }
             uint64_t mask;
             if (inside) {
                 mask = kept(at, cc.stride, lv, t.q, t.recip, t.half, adapt, suppress);
@@ -685,6 +709,7 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     const kivoe_quant_samples_fn fdct_quant_samples = p.fdct_quant_samples;
     const bool filter_bytes = jnd_filter && fdct_quant_samples;
     const kivoe_kept_samples_fn filter_kept = jnd_filter ? p.jnd_fdct_quant_kept : nullptr;
+    const kivoe_kept_pair_fn filter_pair = jnd_filter ? p.jnd_fdct_quant_kept2 : nullptr;
     constexpr bool keep = kKeep;
     // With the writers in the coder slots, a block's codes go out together.
     const bool fused = p.vlc_dc == kivoe_vlc_dc && p.vlc_ac == kivoe_vlc_ac;
@@ -731,9 +756,26 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
         // The statistics pass quantizes straight into the kept levels.
         int16_t *const mcu_out = by_mcu_plain && kept ? kept : mcu_levels;
         if (by_mcu_plain) {
+            bool paired = false;  // this block went with the one before
             mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
                 int16_t *lv = mcu_out + 64 * b;
                 uint64_t mask;
+                if (jnd_filter && paired) {
+                    paired = false;
+                    return;
+                }
+                if (jnd_filter && filter_pair && !inside && h + 1 < fh.h[c] && filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v) &&
+                    filtered(ctx, jnd_filter, c, cc.col + h + 1, cc.row + v)) {
+                    // Two filtered blocks side by side, their steps overlapped.
+                    const uint8_t *const src[2] = {at, at + 8};
+                    int16_t *const out[2] = {lv, lv + 64};
+                    uint64_t m[2];
+                    filter_pair(src, cc.stride, out, cc.q->q, cc.q->recip, cc.offset, nullptr, 0, m);
+                    mcu_code[b] = {cc.dc, cc.ac, lv, coder_mask(m[0]), 0};
+                    mcu_code[b + 1] = {cc.dc, cc.ac, lv + 64, coder_mask(m[1]), 0};
+                    paired = true;
+                    return;
+                }
                 if (inside && fdct_quant_samples) {
                     mask = fdct_quant_samples(at, cc.stride, lv, cc.q->recip, cc.offset);
                 } else if (inside || !filter_bytes || !filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {

@@ -345,6 +345,30 @@ inline void columns_of_rows(const __m256i b[2], __m128i x[8]) {
 
 }  // namespace
 
+namespace {
+
+// The threshold row of the brightness of the filtered rows b.
+inline const uint8_t *filtered_thresholds(const __m256i b[2]) {
+    const __m256i s = _mm256_add_epi64(_mm256_sad_epu8(b[0], _mm256_setzero_si256()),
+                                       _mm256_sad_epu8(b[1], _mm256_setzero_si256()));
+    const __m128i sum = _mm_add_epi64(_mm256_castsi256_si128(s), _mm256_extracti128_si256(s, 1));
+    const int32_t S = _mm_cvtsi128_si32(_mm_add_epi64(sum, _mm_unpackhi_epi64(sum, sum)));
+    const int k = tbl_suppr_lum[(S + 4) >> 6];
+    return k ? kivo_tbl_suppr_thr + 64 * (k - 1) : kNoThresholds;
+}
+
+// The quantizer's steps on the coefficients c, as the kernels end.
+inline uint64_t kept_steps(const __m256i c[4], const uint8_t *row, int16_t *blk, const uint16_t *q,
+                           const uint16_t *recip, const uint16_t *half, uint16_t *adapt, bool suppress) {
+    if (adapt) return suppress ? kept_rows<true, true>(c, row, blk, q, recip, half, adapt)
+                               : kept_rows<true, false>(c, row, blk, q, recip, half, adapt);
+    if (suppress) return kept_rows<false, true>(c, row, blk, q, recip, half, adapt);
+    const uint64_t mask = quant_mask_rows(c, blk, recip, half);
+    return mask & 1 ? ~uint64_t(0) : mask;
+}
+
+}  // namespace
+
 uint64_t kivoe_jnd_fdct_quant_kept_avx2(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
                                         const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                         int32_t suppress) {
@@ -352,22 +376,64 @@ uint64_t kivoe_jnd_fdct_quant_kept_avx2(const uint8_t *src, int32_t stride, int1
     jnd_filter_rows(src, stride, b);
     __m128i x[8];
     columns_of_rows(b, x);
-    const uint8_t *row = kNoThresholds;
-    if (suppress) {
-        // The thresholds of the DC coefficient's brightness from the
-        // filtered samples' sum, as the unfiltered kernel finds them.
-        const __m256i s = _mm256_add_epi64(_mm256_sad_epu8(b[0], _mm256_setzero_si256()),
-                                           _mm256_sad_epu8(b[1], _mm256_setzero_si256()));
-        const __m128i sum = _mm_add_epi64(_mm256_castsi256_si128(s), _mm256_extracti128_si256(s, 1));
-        const int32_t S = _mm_cvtsi128_si32(_mm_add_epi64(sum, _mm_unpackhi_epi64(sum, sum)));
-        const int k = tbl_suppr_lum[(S + 4) >> 6];
-        if (k) row = kivo_tbl_suppr_thr + 64 * (k - 1);
-    }
+    // The thresholds of the DC coefficient's brightness from the filtered
+    // samples' sum, as the unfiltered kernel finds them.
+    const uint8_t *row = suppress ? filtered_thresholds(b) : kNoThresholds;
     __m256i c[4];
     fdct8_columns(x, c);
-    if (adapt) return suppress ? kept_rows<true, true>(c, row, blk, q, recip, half, adapt)
-                               : kept_rows<true, false>(c, row, blk, q, recip, half, adapt);
-    if (suppress) return kept_rows<false, true>(c, row, blk, q, recip, half, adapt);
-    const uint64_t mask = quant_mask_rows(c, blk, recip, half);
-    return mask & 1 ? ~uint64_t(0) : mask;
+    return kept_steps(c, row, blk, q, recip, half, adapt, suppress);
+}
+
+namespace {
+
+// Two blocks transformed before either is quantized: the two chains of
+// steps are independent until the quantizer, which takes the first block
+// first (the second may quantize with the offsets the first leaves).
+template <bool kFilter>
+inline void kept_pair(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2], const uint16_t *q,
+                      const uint16_t *recip, const uint16_t *half, uint16_t *adapt, bool suppress, uint64_t *mask) {
+    __m128i x[2][8];
+    const uint8_t *row[2] = {kNoThresholds, kNoThresholds};
+    if (kFilter) {
+        __m256i b[2][2];
+        jnd_filter_rows(src[0], stride, b[0]);
+        jnd_filter_rows(src[1], stride, b[1]);
+        columns_of_rows(b[0], x[0]);
+        columns_of_rows(b[1], x[1]);
+        if (suppress) row[0] = filtered_thresholds(b[0]), row[1] = filtered_thresholds(b[1]);
+    } else {
+        for (int i = 0; i < 2; ++i) {
+            load_columns_u8(src[i], stride, x[i]);
+            if (!suppress) continue;
+            const __m128i zero = _mm_setzero_si128();
+            __m128i sum = zero;
+            for (int r = 0; r < 8; r += 2) {
+                const __m128i r0 = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src[i] + r * static_cast<ptrdiff_t>(stride)));
+                const __m128i r1 = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src[i] + (r + 1) * static_cast<ptrdiff_t>(stride)));
+                sum = _mm_add_epi64(sum, _mm_sad_epu8(_mm_unpacklo_epi64(r0, r1), zero));
+            }
+            const int32_t S = _mm_cvtsi128_si32(_mm_add_epi64(sum, _mm_unpackhi_epi64(sum, sum)));
+            const int k = tbl_suppr_lum[(S + 4) >> 6];
+            if (k) row[i] = kivo_tbl_suppr_thr + 64 * (k - 1);
+        }
+    }
+    __m256i c[2][4];
+    fdct8_columns(x[0], c[0]);
+    fdct8_columns(x[1], c[1]);
+    mask[0] = kept_steps(c[0], row[0], blk[0], q, recip, half, adapt, suppress);
+    mask[1] = kept_steps(c[1], row[1], blk[1], q, recip, half, adapt, suppress);
+}
+
+}  // namespace
+
+void kivoe_fdct_quant_kept2_avx2(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2], const uint16_t *q,
+                                 const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress,
+                                 uint64_t *mask) {
+    kept_pair<false>(src, stride, blk, q, recip, half, adapt, suppress, mask);
+}
+
+void kivoe_jnd_fdct_quant_kept2_avx2(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2],
+                                     const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                     int32_t suppress, uint64_t *mask) {
+    kept_pair<true>(src, stride, blk, q, recip, half, adapt, suppress, mask);
 }

@@ -275,6 +275,7 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
         is_new(plain.box2), is_new(plain.abs_acc);
     ASSERT_TRUE(plain.jndfilt_u8 == &kivoe_jndfilt8x8_u8 && plain.fdct8_samples == nullptr && plain.quant_kept == nullptr &&
                 plain.fdct_quant_kept_samples == nullptr && plain.jnd_fdct_quant_kept == nullptr &&
+                plain.fdct_quant_kept2 == nullptr && plain.jnd_fdct_quant_kept2 == nullptr &&
                 plain.box2_strip == nullptr);
     int checked = 0, failures = 0;
     auto fail = [&failures](const char *what, uint32_t flags, size_t i) {
@@ -451,6 +452,33 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
                     got(src, 13, b.at, &odd[1], &odd[65], &odd[129], adaptive ? ob : nullptr, suppress) ||
                 !(a == b) || std::memcmp(oa, ob, sizeof(oa)))
                 fail("fdct_quant_kept_samples", flags, i);
+        }
+        // Two blocks at a time against the plain kernels one after the
+        // other, side by side in a 12-row area (rows 21 bytes apart),
+        // offsets running on as above.
+        const bool k2 = p.fdct_quant_kept2 && is_new(p.fdct_quant_kept2);
+        const bool kf2 = p.jnd_fdct_quant_kept2 && is_new(p.jnd_fdct_quant_kept2);
+        checked += k2 + kf2;
+        for (size_t i = 0; (k2 || kf2) && i + 4 < sets.samples.size(); i += 2) {
+            uint8_t plane[12 * 21 + 1];
+            for (int k = 0; k < 12 * 21; ++k) plane[k + 1] = static_cast<uint8_t>(sets.samples[i + k / 64][k % 64]);
+            std::memcpy(&odd[1], sets.tables[i / 50 % sets.tables.size()].data(), 512);
+            static uint16_t oa[64], ob[64];
+            if (i % 50 == 0)
+                for (int k = 0; k < 64; ++k) oa[k] = ob[k] = std::min<uint16_t>(odd[193 + k], 8192);
+            const int16_t zero[128] = {};
+            Slot a0(zero, i % 5), a1(zero, i % 3), b0(zero, i % 5), b1(zero, i % 3);
+            const bool adaptive = i % 3 != 0, filter = i % 4 < 2 ? kf2 : !k2;
+            const int32_t suppress = i % 5 != 0;
+            const uint8_t *const src[2] = {plane + 1 + 2 * 21, plane + 1 + 2 * 21 + (i % 8 < 4 ? 8 : 13)};
+            int16_t *const want_at[2] = {a0.at, a1.at}, *const got_at[2] = {b0.at, b1.at};
+            uint64_t want[2], got[2];
+            (filter ? kivoe_jnd_fdct_quant_kept2 : kivoe_fdct_quant_kept2)(src, 21, want_at, &odd[1], &odd[65], &odd[129],
+                                                                           adaptive ? oa : nullptr, suppress, want);
+            (filter ? p.jnd_fdct_quant_kept2 : p.fdct_quant_kept2)(src, 21, got_at, &odd[1], &odd[65], &odd[129],
+                                                                   adaptive ? ob : nullptr, suppress, got);
+            if (want[0] != got[0] || want[1] != got[1] || !(a0 == b0) || !(a1 == b1) || std::memcmp(oa, ob, sizeof(oa)))
+                fail(filter ? "jnd_fdct_quant_kept2" : "fdct_quant_kept2", flags, i);
         }
         // The perceptual sampling's kernels, rows 37 bytes apart, and sums
         // near the top of 32 bits.
