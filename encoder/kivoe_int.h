@@ -153,6 +153,7 @@ typedef uint64_t (*kivoe_quant_kept_fn)(int16_t *blk, const uint16_t *q, const u
 typedef uint64_t (*kivoe_kept_samples_fn)(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
                                           const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                           int32_t suppress);
+// (Two blocks; four for the quadruple slot.)
 typedef void (*kivoe_kept_pair_fn)(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2],
                                    const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                    int32_t suppress, uint64_t *mask);
@@ -245,6 +246,7 @@ struct kivoe_proc {
     // otherwise: kivoe_fdct_quant_kept2, kivoe_jnd_fdct_quant_kept2.
     kivoe_kept_pair_fn fdct_quant_kept2;
     kivoe_kept_pair_fn jnd_fdct_quant_kept2;
+    kivoe_kept_pair_fn jnd_fdct_quant_kept4;  // kivoe_jnd_fdct_quant_kept4, or null alike
     kivoe_jndfilt_u8_fn jndfilt_u8;
     kivoe_fdct_samples_fn fdct8_samples;
     kivoe_box2_fn box2;                    // kivoe_box2
@@ -439,6 +441,10 @@ void kivoe_fdct_quant_kept2(const uint8_t *const src[2], int32_t stride, int16_t
                             const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress,
                             uint64_t *mask);
 void kivoe_jnd_fdct_quant_kept2(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2], const uint16_t *q,
+                                const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress,
+                                uint64_t *mask);
+// The same of four filtered blocks (an MCU's 2 x 2 luma blocks).
+void kivoe_jnd_fdct_quant_kept4(const uint8_t *const src[4], int32_t stride, int16_t *const blk[4], const uint16_t *q,
                                 const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress,
                                 uint64_t *mask);
 // The perceptual selection's sampling at level 1: blk[8 j + k] is the mean

@@ -573,15 +573,28 @@ __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *com
         const int32_t suppress = ctx->jnd_suppress;
         const kivoe_kept_samples_fn filter_kept = ctx->proc.jnd_fdct_quant_kept;
         const kivoe_kept_pair_fn pair = ctx->proc.fdct_quant_kept2, filter_pair = ctx->proc.jnd_fdct_quant_kept2;
-        bool paired = false;  // this block went with the one before
+        const kivoe_kept_pair_fn filter_quad = ctx->proc.jnd_fdct_quant_kept4;
+        int32_t skip = 0;  // blocks already done with one before them
         mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
-            if (paired) {
-                paired = false;
+            if (skip) {
+                --skip;
                 return;
             }
             int16_t *lv = levels + 64 * b;
             const kivoe_qtbl &t = *cc.q;
             uint16_t *adapt = ctx->adaptive_rounding ? cc.adapt : nullptr;
+            // The 2 x 2 luma blocks, all filtered (the filter's area is a
+            // rectangle: its two corners tell), together.
+            if (filter_quad && c == 0 && h == 0 && v == 0 && ctx->fh.h[0] == 2 && ctx->fh.v[0] == 2 &&
+                filtered(ctx, jnd_filter, c, cc.col, cc.row) && filtered(ctx, jnd_filter, c, cc.col + 1, cc.row + 1)) {
+                const uint8_t *const src[4] = {at, at + 8, at + 8 * cc.stride, at + 8 * cc.stride + 8};
+                int16_t *const out[4] = {lv, lv + 64, lv + 128, lv + 192};
+                uint64_t m[4];
+                filter_quad(src, cc.stride, out, t.q, t.recip, t.half, adapt, suppress, m);
+                for (int i = 0; i < 4; ++i) code[b + i] = {cc.dc, cc.ac, out[i], m[i], 0};
+                skip = 3;
+                return;
+            }
             // Two blocks side by side, both read straight from the plane or
             // both filtered, go together: the kernel overlaps their steps
             // and quantizes them in coding order.
@@ -596,7 +609,7 @@ __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *com
                     both(src, cc.stride, out, t.q, t.recip, t.half, adapt, suppress, m);
                     code[b] = {cc.dc, cc.ac, lv, m[0], 0};
                     code[b + 1] = {cc.dc, cc.ac, lv + 64, m[1], 0};
-                    paired = true;
+                    skip = 1;
                     return;
                 }
             }

@@ -119,3 +119,9 @@ void kivoe_jnd_fdct_quant_kept2(const uint8_t *const src[2], int32_t stride, int
                                 uint64_t *mask) {
     for (int i = 0; i < 2; ++i) mask[i] = kivoe_jnd_fdct_quant_kept(src[i], stride, blk[i], q, recip, half, adapt, suppress);
 }
+
+void kivoe_jnd_fdct_quant_kept4(const uint8_t *const src[4], int32_t stride, int16_t *const blk[4], const uint16_t *q,
+                                const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress,
+                                uint64_t *mask) {
+    for (int i = 0; i < 4; ++i) mask[i] = kivoe_jnd_fdct_quant_kept(src[i], stride, blk[i], q, recip, half, adapt, suppress);
+}

@@ -426,6 +426,23 @@ inline void kept_pair(const uint8_t *const src[2], int32_t stride, int16_t *cons
 
 }  // namespace
 
+// Four blocks alike: all filtered and transformed, then quantized in order.
+void kivoe_jnd_fdct_quant_kept4_avx2(const uint8_t *const src[4], int32_t stride, int16_t *const blk[4],
+                                     const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                     int32_t suppress, uint64_t *mask) {
+    __m128i x[4][8];
+    const uint8_t *row[4] = {kNoThresholds, kNoThresholds, kNoThresholds, kNoThresholds};
+    for (int i = 0; i < 4; ++i) {
+        __m256i b[2];
+        jnd_filter_rows(src[i], stride, b);
+        columns_of_rows(b, x[i]);
+        if (suppress) row[i] = filtered_thresholds(b);
+    }
+    __m256i c[4][4];
+    for (int i = 0; i < 4; ++i) fdct8_columns(x[i], c[i]);
+    for (int i = 0; i < 4; ++i) mask[i] = kept_steps(c[i], row[i], blk[i], q, recip, half, adapt, suppress);
+}
+
 void kivoe_fdct_quant_kept2_avx2(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2], const uint16_t *q,
                                  const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress,
                                  uint64_t *mask) {

@@ -276,6 +276,7 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
     ASSERT_TRUE(plain.jndfilt_u8 == &kivoe_jndfilt8x8_u8 && plain.fdct8_samples == nullptr && plain.quant_kept == nullptr &&
                 plain.fdct_quant_kept_samples == nullptr && plain.jnd_fdct_quant_kept == nullptr &&
                 plain.fdct_quant_kept2 == nullptr && plain.jnd_fdct_quant_kept2 == nullptr &&
+                plain.jnd_fdct_quant_kept4 == nullptr &&
                 plain.box2_strip == nullptr);
     int checked = 0, failures = 0;
     auto fail = [&failures](const char *what, uint32_t flags, size_t i) {
@@ -479,6 +480,28 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
                                                                    adaptive ? ob : nullptr, suppress, got);
             if (want[0] != got[0] || want[1] != got[1] || !(a0 == b0) || !(a1 == b1) || std::memcmp(oa, ob, sizeof(oa)))
                 fail(filter ? "jnd_fdct_quant_kept2" : "fdct_quant_kept2", flags, i);
+        }
+        // Four filtered blocks, 2 x 2 in a 20-row area.
+        const bool kf4 = p.jnd_fdct_quant_kept4 && is_new(p.jnd_fdct_quant_kept4);
+        checked += kf4;
+        for (size_t i = 0; kf4 && i + 8 < sets.samples.size(); i += 4) {
+            uint8_t plane[20 * 21 + 1];
+            for (int k = 0; k < 20 * 21; ++k) plane[k + 1] = static_cast<uint8_t>(sets.samples[i + k / 64][k % 64]);
+            std::memcpy(&odd[1], sets.tables[i / 52 % sets.tables.size()].data(), 512);
+            uint16_t oa[64], ob[64];
+            for (int k = 0; k < 64; ++k) oa[k] = ob[k] = std::min<uint16_t>(odd[193 + k], 8192);
+            int16_t want_blk[4][64], got_blk[4][64];
+            int16_t *const want_at[4] = {want_blk[0], want_blk[1], want_blk[2], want_blk[3]};
+            int16_t *const got_at[4] = {got_blk[0], got_blk[1], got_blk[2], got_blk[3]};
+            const uint8_t *at = plane + 1 + 2 * 21;
+            const uint8_t *const src[4] = {at, at + 8, at + 8 * 21, at + 8 * 21 + 8};
+            const bool adaptive = i % 3 != 0;
+            uint64_t want[4], got[4];
+            kivoe_jnd_fdct_quant_kept4(src, 21, want_at, &odd[1], &odd[65], &odd[129], adaptive ? oa : nullptr, i % 5 != 0, want);
+            p.jnd_fdct_quant_kept4(src, 21, got_at, &odd[1], &odd[65], &odd[129], adaptive ? ob : nullptr, i % 5 != 0, got);
+            if (std::memcmp(want, got, sizeof(want)) || std::memcmp(want_blk, got_blk, sizeof(want_blk)) ||
+                std::memcmp(oa, ob, sizeof(oa)))
+                fail("jnd_fdct_quant_kept4", flags, i);
         }
         // The perceptual sampling's kernels, rows 37 bytes apart, and sums
         // near the top of 32 bits.
