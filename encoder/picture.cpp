@@ -574,6 +574,33 @@ __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *com
         const kivoe_kept_samples_fn filter_kept = ctx->proc.jnd_fdct_quant_kept;
         const kivoe_kept_pair_fn pair = ctx->proc.fdct_quant_kept2, filter_pair = ctx->proc.jnd_fdct_quant_kept2;
         const kivoe_kept_pair_fn filter_quad = ctx->proc.jnd_fdct_quant_kept4;
+        // One block.
+        auto one = [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
+            int16_t *lv = levels + 64 * b;
+            const kivoe_qtbl &t = *cc.q;
+            uint16_t *adapt = ctx->adaptive_rounding ? cc.adapt : nullptr;
+            uint64_t mask;
+            if (inside) {
+                mask = kept(at, cc.stride, lv, t.q, t.recip, t.half, adapt, suppress);
+            } else if (filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
+                if (filter_kept) {
+                    mask = filter_kept(at, cc.stride, lv, t.q, t.recip, t.half, adapt, suppress);
+                } else {
+                    alignas(16) uint8_t f[64];
+                    ctx->proc.jndfilt_u8(at, cc.stride, f);
+                    mask = kept(f, 8, lv, t.q, t.recip, t.half, adapt, suppress);
+                }
+            } else {
+                alignas(16) uint8_t e[64];
+                load_block_u8(cc.plane, cc.stride, ctx->smp_w[c], ctx->smp_h[c], cc.col + h, cc.row + v, e);
+                mask = kept(e, 8, lv, t.q, t.recip, t.half, adapt, suppress);
+            }
+            code[b] = {cc.dc, cc.ac, lv, mask, 0};
+        };
+        if (!pair && !filter_pair && !filter_quad) {
+            mcu_blocks(ctx, comp, jnd_filter, one);
+            return;
+        }
         int32_t skip = 0;  // blocks already done with one before them
         mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
             if (skip) {
@@ -599,7 +626,7 @@ __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *com
             // both filtered, go together: the kernel overlaps their steps
             // and quantizes them in coding order.
             if (h + 1 < ctx->fh.h[c]) {
-                const bool filter = !inside && filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v) &&
+                const bool filter = !inside && filter_pair && filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v) &&
                                     filtered(ctx, jnd_filter, c, cc.col + h + 1, cc.row + v);
                 const kivoe_kept_pair_fn both = inside ? pair : filter ? filter_pair : nullptr;
                 if (both) {
@@ -613,23 +640,7 @@ __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *com
                     return;
                 }
             }
-            uint64_t mask;
-            if (inside) {
-                mask = kept(at, cc.stride, lv, t.q, t.recip, t.half, adapt, suppress);
-            } else if (filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
-                if (filter_kept) {
-                    mask = filter_kept(at, cc.stride, lv, t.q, t.recip, t.half, adapt, suppress);
-                } else {
-                    alignas(16) uint8_t f[64];
-                    ctx->proc.jndfilt_u8(at, cc.stride, f);
-                    mask = kept(f, 8, lv, t.q, t.recip, t.half, adapt, suppress);
-                }
-            } else {
-                alignas(16) uint8_t e[64];
-                load_block_u8(cc.plane, cc.stride, ctx->smp_w[c], ctx->smp_h[c], cc.col + h, cc.row + v, e);
-                mask = kept(e, 8, lv, t.q, t.recip, t.half, adapt, suppress);
-            }
-            code[b] = {cc.dc, cc.ac, lv, mask, 0};
+            one(c, cc, h, v, b, at, inside);
         });
         return;
     }
@@ -769,26 +780,9 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
         // The statistics pass quantizes straight into the kept levels.
         int16_t *const mcu_out = by_mcu_plain && kept ? kept : mcu_levels;
         if (by_mcu_plain) {
-            bool paired = false;  // this block went with the one before
-            mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
+            auto one = [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
                 int16_t *lv = mcu_out + 64 * b;
                 uint64_t mask;
-                if (jnd_filter && paired) {
-                    paired = false;
-                    return;
-                }
-                if (jnd_filter && filter_pair && !inside && h + 1 < fh.h[c] && filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v) &&
-                    filtered(ctx, jnd_filter, c, cc.col + h + 1, cc.row + v)) {
-                    // Two filtered blocks side by side, their steps overlapped.
-                    const uint8_t *const src[2] = {at, at + 8};
-                    int16_t *const out[2] = {lv, lv + 64};
-                    uint64_t m[2];
-                    filter_pair(src, cc.stride, out, cc.q->q, cc.q->recip, cc.offset, nullptr, 0, m);
-                    mcu_code[b] = {cc.dc, cc.ac, lv, coder_mask(m[0]), 0};
-                    mcu_code[b + 1] = {cc.dc, cc.ac, lv + 64, coder_mask(m[1]), 0};
-                    paired = true;
-                    return;
-                }
                 if (inside && fdct_quant_samples) {
                     mask = fdct_quant_samples(at, cc.stride, lv, cc.q->recip, cc.offset);
                 } else if (inside || !filter_bytes || !filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
@@ -805,7 +799,32 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                     mask = fdct_quant_samples(f, 8, lv, cc.q->recip, cc.offset);
                 }
                 mcu_code[b] = {cc.dc, cc.ac, lv, coder_mask(mask), 0};
-            });
+            };
+            if (jnd_filter && filter_pair) {
+                bool paired = false;  // this block went with the one before
+                mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
+                    if (paired) {
+                        paired = false;
+                        return;
+                    }
+                    if (!inside && h + 1 < fh.h[c] && filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v) &&
+                        filtered(ctx, jnd_filter, c, cc.col + h + 1, cc.row + v)) {
+                        // Two filtered blocks side by side, their steps overlapped.
+                        int16_t *lv = mcu_out + 64 * b;
+                        const uint8_t *const src[2] = {at, at + 8};
+                        int16_t *const out[2] = {lv, lv + 64};
+                        uint64_t m[2];
+                        filter_pair(src, cc.stride, out, cc.q->q, cc.q->recip, cc.offset, nullptr, 0, m);
+                        mcu_code[b] = {cc.dc, cc.ac, lv, coder_mask(m[0]), 0};
+                        mcu_code[b + 1] = {cc.dc, cc.ac, lv + 64, coder_mask(m[1]), 0};
+                        paired = true;
+                        return;
+                    }
+                    one(c, cc, h, v, b, at, inside);
+                });
+            } else {
+                mcu_blocks(ctx, comp, jnd_filter, one);
+            }
         }
         if (by_mcu) {
             for (int c = 0, b = 0; c < nc; ++c)
