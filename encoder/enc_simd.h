@@ -23,7 +23,6 @@ void kivoe_abs_acc_sse2(const int16_t *blk, uint32_t *acc);
 void kivoe_jndfilt8x8_avx2(const uint8_t *src, int32_t stride, int16_t *blk);
 void kivoe_jndfilt8x8_u8_avx2(const uint8_t *src, int32_t stride, uint8_t *dst);
 void kivoe_box2_strip_avx2(const uint8_t *src, int32_t stride, int32_t n, uint32_t *acc);
-void kivoe_fdct8_samples_avx2(const uint8_t *src, int32_t stride, int16_t *blk);
 void kivoe_fdct8_avx2(int16_t *blk);
 int32_t kivoe_quant_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 uint64_t kivoe_quant_mask_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);

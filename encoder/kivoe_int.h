@@ -158,7 +158,6 @@ typedef void (*kivoe_kept_pair_fn)(const uint8_t *const src[2], int32_t stride, 
                                    const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                    int32_t suppress, uint64_t *mask);
 typedef void (*kivoe_jndfilt_u8_fn)(const uint8_t *src, int32_t stride, uint8_t *dst);
-typedef void (*kivoe_fdct_samples_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
 typedef void (*kivoe_box2_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
 typedef void (*kivoe_abs_acc_fn)(const int16_t *blk, uint32_t *acc);
 typedef void (*kivoe_box2_strip_fn)(const uint8_t *src, int32_t stride, int32_t n, uint32_t *acc);
@@ -232,9 +231,6 @@ struct kivoe_proc {
     kivoe_suppress_fn jnd_suppress;        // kivoe_jnd_suppress
     kivoe_update_offset_fn update_offset;  // kivoe_update_offset
     kivoe_levels_mask_fn levels_mask;      // kivoe_levels_mask
-    // kivoe_jndfilt8x8_u8 and kivoe_fdct8_samples, for the variants that
-    // transform 8-bit samples faster than 16-bit ones (fdct8_samples null
-    // otherwise, and the filter then unused).
     // kivoe_quant_kept where a variant fuses its steps; null otherwise
     // (the loop then calls the kernels one by one).
     kivoe_quant_kept_fn quant_kept;
@@ -247,8 +243,8 @@ struct kivoe_proc {
     kivoe_kept_pair_fn fdct_quant_kept2;
     kivoe_kept_pair_fn jnd_fdct_quant_kept2;
     kivoe_kept_pair_fn jnd_fdct_quant_kept4;  // kivoe_jnd_fdct_quant_kept4, or null alike
+    // kivoe_jndfilt8x8_u8, for the kernels of 8-bit samples.
     kivoe_jndfilt_u8_fn jndfilt_u8;
-    kivoe_fdct_samples_fn fdct8_samples;
     kivoe_box2_fn box2;                    // kivoe_box2
     kivoe_abs_acc_fn abs_acc;              // kivoe_abs_acc
     // kivoe_box2_strip where a variant streams the strip; null otherwise

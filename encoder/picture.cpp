@@ -547,6 +547,10 @@ inline void load_at(const kivoe_ctx *ctx, bool jnd_filter, int c, const Comp &cc
 __attribute__((noinline)) void quantize_kept(const kivoe_ctx *ctx, const Comp &cc, int16_t *blk, int16_t *coef) {
     const kivoe_proc &p = ctx->proc;
     const uint8_t *thr = ctx->jnd_suppress ? kivoe_jnd_threshold_row(blk[0]) : nullptr;
+    if (p.quant_kept) {
+        p.quant_kept(blk, cc.q->q, cc.q->recip, cc.q->half, ctx->adaptive_rounding ? cc.adapt : nullptr, thr);
+        return;
+    }
     kivo::copy_block(coef, blk);
     if (ctx->adaptive_rounding) p.quant_rdoq(blk, cc.q->recip, cc.offset);
     else p.quant(blk, cc.q->recip, cc.offset);
@@ -557,9 +561,10 @@ __attribute__((noinline)) void quantize_kept(const kivoe_ctx *ctx, const Comp &c
 
 // The levels of an MCU's blocks with JND suppression or adaptive rounding,
 // in coding order, into levels and code (each block's tables, levels and
-// mask; the DC differences are left to the caller). All blocks are
-// transformed first, so that the transforms overlap; the quantization that
-// follows runs block by block, as adaptive rounding needs.
+// mask; the DC differences are left to the caller): from the samples to the
+// levels by the fused kernels where the CPU has them, else all blocks
+// transformed first, so that the transforms overlap, then quantized block
+// by block, as adaptive rounding needs.
 __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *comp, int16_t *levels,
                                                  kivoe_block_code *code) {
     alignas(16) int16_t coef[64];
@@ -644,38 +649,18 @@ __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *com
         });
         return;
     }
-    const kivoe_fdct_samples_fn samples = ctx->proc.fdct8_samples;
     mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
         int16_t *lv = levels + 64 * b;
-        if (samples && inside) {
-            samples(at, cc.stride, lv);
-        } else if (samples && filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
-            alignas(16) uint8_t f[64];
-            ctx->proc.jndfilt_u8(at, cc.stride, f);
-            samples(f, 8, lv);
-        } else {
-            if (inside) load_inside(at, cc.stride, lv);
-            else load_at(ctx, jnd_filter, c, cc, cc.col + h, cc.row + v, lv);
-            ctx->proc.fdct8(lv);
-        }
+        if (inside) load_inside(at, cc.stride, lv);
+        else load_at(ctx, jnd_filter, c, cc, cc.col + h, cc.row + v, lv);
+        ctx->proc.fdct8(lv);
     });
-    const kivoe_quant_kept_fn fused = ctx->proc.quant_kept;
-    for (int c = 0, b = 0; c < fh.n_comp; ++c) {
-        Comp &cc = comp[c];
-        uint16_t *adapt = ctx->adaptive_rounding ? cc.adapt : nullptr;
+    for (int c = 0, b = 0; c < fh.n_comp; ++c)
         for (int i = fh.h[c] * fh.v[c]; i > 0; --i, ++b) {
             int16_t *lv = levels + 64 * b;
-            uint64_t mask;
-            if (fused) {
-                const uint8_t *thr = ctx->jnd_suppress ? kivoe_jnd_threshold_row(lv[0]) : nullptr;
-                mask = fused(lv, cc.q->q, cc.q->recip, cc.q->half, adapt, thr);
-            } else {
-                quantize_kept(ctx, cc, lv, coef);
-                mask = ctx->proc.levels_mask(lv);
-            }
-            code[b] = {cc.dc, cc.ac, lv, mask, 0};
+            quantize_kept(ctx, comp[c], lv, coef);
+            code[b] = {comp[c].dc, comp[c].ac, lv, ctx->proc.levels_mask(lv), 0};
         }
-    }
 }
 
 // One segment; kKeep: with JND suppression or adaptive rounding, kFilter:
@@ -731,7 +716,6 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     const kivoe_fdct_fn fdct8 = p.fdct8;
     const kivoe_quant_mask_fn quant_mask = p.quant_mask, fdct_quant_mask = p.fdct_quant_mask;
     const kivoe_quant_samples_fn fdct_quant_samples = p.fdct_quant_samples;
-    const bool filter_bytes = jnd_filter && fdct_quant_samples;
     const kivoe_kept_samples_fn filter_kept = jnd_filter ? p.jnd_fdct_quant_kept : nullptr;
     const kivoe_kept_pair_fn filter_pair = jnd_filter ? p.jnd_fdct_quant_kept2 : nullptr;
     constexpr bool keep = kKeep;
@@ -785,18 +769,13 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                 uint64_t mask;
                 if (inside && fdct_quant_samples) {
                     mask = fdct_quant_samples(at, cc.stride, lv, cc.q->recip, cc.offset);
-                } else if (inside || !filter_bytes || !filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
-                    if (inside) load_inside(at, cc.stride, lv);
-                    else load(c, cc, cc.col + h, cc.row + v, lv);
-                    mask = fdct_quant_mask(lv, cc.q->recip, cc.offset);
-                } else if (filter_kept) {
+                } else if (!inside && filter_kept && filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
                     // Filtered in registers on the way to the transform.
                     mask = filter_kept(at, cc.stride, lv, cc.q->q, cc.q->recip, cc.offset, nullptr, 0);
                 } else {
-                    // Filtered to bytes for the 8-bit transform.
-                    alignas(16) uint8_t f[64];
-                    p.jndfilt_u8(at, cc.stride, f);
-                    mask = fdct_quant_samples(f, 8, lv, cc.q->recip, cc.offset);
+                    if (inside) load_inside(at, cc.stride, lv);
+                    else load(c, cc, cc.col + h, cc.row + v, lv);
+                    mask = fdct_quant_mask(lv, cc.q->recip, cc.offset);
                 }
                 mcu_code[b] = {cc.dc, cc.ac, lv, coder_mask(mask), 0};
             };

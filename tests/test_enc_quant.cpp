@@ -273,7 +273,7 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
     is_new(plain.fdct8), is_new(plain.quant), is_new(plain.quant_rdoq), is_new(plain.jndfilt), is_new(plain.planes),
         is_new(plain.quant_mask), is_new(plain.fdct_quant_mask), is_new(plain.jnd_suppress), is_new(plain.update_offset),
         is_new(plain.box2), is_new(plain.abs_acc);
-    ASSERT_TRUE(plain.jndfilt_u8 == &kivoe_jndfilt8x8_u8 && plain.fdct8_samples == nullptr && plain.quant_kept == nullptr &&
+    ASSERT_TRUE(plain.jndfilt_u8 == &kivoe_jndfilt8x8_u8 && plain.quant_kept == nullptr &&
                 plain.fdct_quant_kept_samples == nullptr && plain.jnd_fdct_quant_kept == nullptr &&
                 plain.fdct_quant_kept2 == nullptr && plain.jnd_fdct_quant_kept2 == nullptr &&
                 plain.jnd_fdct_quant_kept4 == nullptr &&
@@ -344,9 +344,9 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
         }
         // The filter to bytes against the plain filter, and the transform of
         // bytes (rows 13 apart at an odd address) against the plain one.
-        const bool filt8 = is_new(p.jndfilt_u8), fs = p.fdct8_samples && is_new(p.fdct8_samples);
-        checked += filt8 + fs;
-        for (size_t i = 0; (filt8 || fs) && i + 2 < sets.samples.size(); ++i) {
+        const bool filt8 = is_new(p.jndfilt_u8);
+        checked += filt8;
+        for (size_t i = 0; filt8 && i + 2 < sets.samples.size(); ++i) {
             uint8_t plane[12 * 13 + 1], got[64 + 2];
             for (int k = 0; k < 12 * 13; ++k) plane[k + 1] = static_cast<uint8_t>(sets.samples[i + k / 64][k % 64]);
             const int16_t zero[64] = {};
@@ -359,8 +359,6 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
                     fail("jndfilt_u8", flags, i);
                     break;
                 }
-            if (fs) kivoe_fdct8_samples(plane + 1, 13, a.at), p.fdct8_samples(plane + 1, 13, b.at);
-            if (fs && !(a == b)) fail("fdct8_samples", flags, i);
         }
         for (size_t i = 0; (quant || rdoq || qmask) && i < sets.pairs.size(); ++i) {
             const int16_t *in = sets.coefs[sets.pairs[i].first].data();
