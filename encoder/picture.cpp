@@ -734,7 +734,7 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     int32_t per_mcu = 0;
     for (int c = 0; c < nc; ++c) per_mcu += fh.h[c] * fh.v[c];
     const bool mcu_sized = !reuse && per_mcu > 1 && per_mcu <= kMaxMcuBlocks;
-    const bool by_mcu_plain = masked && mcu_sized, by_mcu_kept = fused && !prog && keep && mcu_sized;
+    const bool by_mcu_plain = masked && mcu_sized, by_mcu_kept = (fused || stat) && !prog && keep && mcu_sized;
     // Kept levels are coded an MCU at a time with their kept masks.
     const bool by_mcu_reuse = reuse && fused && !prog && per_mcu <= kMaxMcuBlocks;
     const bool by_mcu = by_mcu_plain || by_mcu_kept || by_mcu_reuse;
@@ -757,12 +757,12 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                 prefetch_rows(cc.plane, cc.stride, ctx->smp_h[c], 8 * cc.col + 128, 8 * cc.row,
                               8 * fh.v[c] + (jnd_filter && c == 0 ? 2 : 0));
         }
-        if (by_mcu_kept) quantize_mcu_kept(ctx, comp, mcu_levels, mcu_code);
+        // The statistics pass quantizes straight into the kept levels.
+        int16_t *const mcu_out = (by_mcu_plain || by_mcu_kept) && kept ? kept : mcu_levels;
+        if (by_mcu_kept) quantize_mcu_kept(ctx, comp, mcu_out, mcu_code);
         for (int c = 0, b = 0; c < nc && by_mcu_reuse; ++c)
             for (int i = fh.h[c] * fh.v[c]; i > 0; --i, ++b)
                 mcu_code[b] = {comp[c].dc, comp[c].ac, kept + 64 * b, kept_mask[b], 0};
-        // The statistics pass quantizes straight into the kept levels.
-        int16_t *const mcu_out = by_mcu_plain && kept ? kept : mcu_levels;
         if (by_mcu_plain) {
             auto one = [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
                 int16_t *lv = mcu_out + 64 * b;
