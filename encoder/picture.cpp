@@ -717,6 +717,7 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     const kivoe_quant_mask_fn quant_mask = p.quant_mask, fdct_quant_mask = p.fdct_quant_mask;
     const kivoe_quant_samples_fn fdct_quant_samples = p.fdct_quant_samples;
     const kivoe_kept_samples_fn filter_kept = jnd_filter ? p.jnd_fdct_quant_kept : nullptr;
+    const bool filter_bytes = filter_kept != nullptr;
     const kivoe_kept_pair_fn filter_pair = jnd_filter ? p.jnd_fdct_quant_kept2 : nullptr;
     constexpr bool keep = kKeep;
     // With the writers in the coder slots, a block's codes go out together.
@@ -757,25 +758,25 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                 prefetch_rows(cc.plane, cc.stride, ctx->smp_h[c], 8 * cc.col + 128, 8 * cc.row,
                               8 * fh.v[c] + (jnd_filter && c == 0 ? 2 : 0));
         }
-        // The statistics pass quantizes straight into the kept levels.
-        int16_t *const mcu_out = (by_mcu_plain || by_mcu_kept) && kept ? kept : mcu_levels;
-        if (by_mcu_kept) quantize_mcu_kept(ctx, comp, mcu_out, mcu_code);
+        if (by_mcu_kept) quantize_mcu_kept(ctx, comp, kept ? kept : mcu_levels, mcu_code);
         for (int c = 0, b = 0; c < nc && by_mcu_reuse; ++c)
             for (int i = fh.h[c] * fh.v[c]; i > 0; --i, ++b)
                 mcu_code[b] = {comp[c].dc, comp[c].ac, kept + 64 * b, kept_mask[b], 0};
+        // The statistics pass quantizes straight into the kept levels.
+        int16_t *const mcu_out = by_mcu_plain && kept ? kept : mcu_levels;
         if (by_mcu_plain) {
             auto one = [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
                 int16_t *lv = mcu_out + 64 * b;
                 uint64_t mask;
                 if (inside && fdct_quant_samples) {
                     mask = fdct_quant_samples(at, cc.stride, lv, cc.q->recip, cc.offset);
-                } else if (!inside && filter_kept && filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
-                    // Filtered in registers on the way to the transform.
-                    mask = filter_kept(at, cc.stride, lv, cc.q->q, cc.q->recip, cc.offset, nullptr, 0);
-                } else {
+                } else if (inside || !filter_bytes || !filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
                     if (inside) load_inside(at, cc.stride, lv);
                     else load(c, cc, cc.col + h, cc.row + v, lv);
                     mask = fdct_quant_mask(lv, cc.q->recip, cc.offset);
+                } else {
+                    // Filtered in registers on the way to the transform.
+                    mask = filter_kept(at, cc.stride, lv, cc.q->q, cc.q->recip, cc.offset, nullptr, 0);
                 }
                 mcu_code[b] = {cc.dc, cc.ac, lv, coder_mask(mask), 0};
             };
