@@ -17,10 +17,15 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
     proc->update_offset = kivoe_update_offset;
     proc->levels_mask = kivoe_levels_mask;
     proc->quant_kept = nullptr;
+    proc->fdct_quant_kept_samples = nullptr;
+    proc->jnd_fdct_quant_kept = nullptr;
+    proc->fdct_quant_kept2 = nullptr;
+    proc->jnd_fdct_quant_kept2 = nullptr;
+    proc->jnd_fdct_quant_kept4 = nullptr;
     proc->jndfilt_u8 = kivoe_jndfilt8x8_u8;
-    proc->fdct8_samples = nullptr;
     proc->box2 = kivoe_box2;
     proc->abs_acc = kivoe_abs_acc;
+    proc->box2_strip = nullptr;
 #if defined(KIVO_ARCH_x86)
     if (!(cpu_flags & KIVO_CPU_SSE2)) return;
     proc->fdct8 = kivoe_fdct8_sse2;
@@ -44,11 +49,16 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
     proc->planes = kivoe_planes_avx2;
     proc->jndfilt = kivoe_jndfilt8x8_avx2;
     proc->jndfilt_u8 = kivoe_jndfilt8x8_u8_avx2;
-    proc->fdct8_samples = kivoe_fdct8_samples_avx2;
     proc->jnd_suppress = kivoe_jnd_suppress_avx2;
     proc->update_offset = kivoe_update_offset_avx2;
     proc->levels_mask = kivoe_levels_mask_avx2;
     proc->quant_kept = kivoe_quant_kept_avx2;
+    proc->fdct_quant_kept_samples = kivoe_fdct_quant_kept_samples_avx2;
+    proc->jnd_fdct_quant_kept = kivoe_jnd_fdct_quant_kept_avx2;
+    proc->fdct_quant_kept2 = kivoe_fdct_quant_kept2_avx2;
+    proc->jnd_fdct_quant_kept2 = kivoe_jnd_fdct_quant_kept2_avx2;
+    proc->jnd_fdct_quant_kept4 = kivoe_jnd_fdct_quant_kept4_avx2;
+    proc->box2_strip = kivoe_box2_strip_avx2;
     if (!(cpu_flags & KIVO_CPU_BMI2)) return;
     proc->planes = kivoe_planes_bmi2;
     proc->refine_count = kivoe_refine_count_bmi2;
@@ -66,6 +76,8 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
     proc->update_offset = kivoe_update_offset_neon;
     proc->box2 = kivoe_box2_neon;
     proc->abs_acc = kivoe_abs_acc_neon;
+    proc->fdct_quant_kept_samples = kivoe_fdct_quant_kept_samples_neon;
+    proc->jndfilt_u8 = kivoe_jndfilt8x8_u8_neon;
 #else
     (void)cpu_flags;
 #endif
@@ -73,10 +85,10 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
 
 const char *kivoe_dsp_describe(uint32_t cpu_flags) {
 #if defined(KIVO_ARCH_x86)
-    if (cpu_flags & KIVO_CPU_AVX2) return cpu_flags & KIVO_CPU_BMI2 ? "fdct8 avx2, quant avx2, quant_rdoq avx2, jndfilt avx2, planes bmi2, refine bmi2, quant_mask avx2, fdct_quant_mask avx2, fdct_quant_samples avx2, jnd_suppress avx2, update_offset avx2, levels_mask avx2, quant_kept avx2, jndfilt_u8 avx2, fdct8_samples avx2, box2 sse2, abs_acc sse2" : "fdct8 avx2, quant avx2, quant_rdoq avx2, jndfilt avx2, planes avx2, refine c, quant_mask avx2, fdct_quant_mask avx2, fdct_quant_samples avx2, jnd_suppress avx2, update_offset avx2, levels_mask avx2, quant_kept avx2, jndfilt_u8 avx2, fdct8_samples avx2, box2 sse2, abs_acc sse2";
+    if (cpu_flags & KIVO_CPU_AVX2) return cpu_flags & KIVO_CPU_BMI2 ? "fdct8 avx2, quant avx2, quant_rdoq avx2, jndfilt avx2, planes bmi2, refine bmi2, quant_mask avx2, fdct_quant_mask avx2, fdct_quant_samples avx2, jnd_suppress avx2, update_offset avx2, levels_mask avx2, quant_kept avx2, fdct_quant_kept_samples avx2, jnd_fdct_quant_kept avx2, fdct_quant_kept2 avx2, jnd_fdct_quant_kept2 avx2, jnd_fdct_quant_kept4 avx2, jndfilt_u8 avx2, box2 sse2, abs_acc sse2, box2_strip avx2" : "fdct8 avx2, quant avx2, quant_rdoq avx2, jndfilt avx2, planes avx2, refine c, quant_mask avx2, fdct_quant_mask avx2, fdct_quant_samples avx2, jnd_suppress avx2, update_offset avx2, levels_mask avx2, quant_kept avx2, fdct_quant_kept_samples avx2, jnd_fdct_quant_kept avx2, fdct_quant_kept2 avx2, jnd_fdct_quant_kept2 avx2, jnd_fdct_quant_kept4 avx2, jndfilt_u8 avx2, box2 sse2, abs_acc sse2, box2_strip avx2";
     if (cpu_flags & KIVO_CPU_SSE2) return "fdct8 sse2, quant sse2, quant_rdoq sse2, jndfilt sse2, planes sse2, refine c, quant_mask sse2, fdct_quant_mask sse2, jnd_suppress sse2, update_offset sse2, levels_mask c, box2 sse2, abs_acc sse2";
 #elif defined(KIVO_ARCH_arm)
-    if (cpu_flags & KIVO_CPU_NEON) return "fdct8 neon, quant neon, quant_rdoq neon, jndfilt neon, planes neon, refine c, quant_mask neon, fdct_quant_mask neon, jnd_suppress neon, update_offset neon, levels_mask c, box2 neon, abs_acc neon";
+    if (cpu_flags & KIVO_CPU_NEON) return "fdct8 neon, quant neon, quant_rdoq neon, jndfilt neon, planes neon, refine c, quant_mask neon, fdct_quant_mask neon, jnd_suppress neon, update_offset neon, levels_mask c, box2 neon, abs_acc neon, fdct_quant_kept_samples neon, jndfilt_u8 neon";
 #else
     (void)cpu_flags;
 #endif

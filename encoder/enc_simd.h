@@ -22,7 +22,7 @@ void kivoe_box2_sse2(const uint8_t *src, int32_t stride, int16_t *blk);
 void kivoe_abs_acc_sse2(const int16_t *blk, uint32_t *acc);
 void kivoe_jndfilt8x8_avx2(const uint8_t *src, int32_t stride, int16_t *blk);
 void kivoe_jndfilt8x8_u8_avx2(const uint8_t *src, int32_t stride, uint8_t *dst);
-void kivoe_fdct8_samples_avx2(const uint8_t *src, int32_t stride, int16_t *blk);
+void kivoe_box2_strip_avx2(const uint8_t *src, int32_t stride, int32_t n, uint32_t *acc);
 void kivoe_fdct8_avx2(int16_t *blk);
 int32_t kivoe_quant_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 uint64_t kivoe_quant_mask_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
@@ -39,6 +39,20 @@ void kivoe_jnd_suppress_avx2(int16_t *levels, const int16_t *coef, const uint16_
 uint64_t kivoe_levels_mask_avx2(const int16_t *blk);
 uint64_t kivoe_quant_kept_avx2(int16_t *blk, const uint16_t *q, const uint16_t *recip, const uint16_t *half,
                                uint16_t *adapt, const uint8_t *thr);
+uint64_t kivoe_fdct_quant_kept_samples_avx2(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                            const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                            int32_t suppress);
+uint64_t kivoe_jnd_fdct_quant_kept_avx2(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                        const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress);
+void kivoe_fdct_quant_kept2_avx2(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2], const uint16_t *q,
+                                 const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress,
+                                 uint64_t *mask);
+void kivoe_jnd_fdct_quant_kept4_avx2(const uint8_t *const src[4], int32_t stride, int16_t *const blk[4],
+                                     const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                     int32_t suppress, uint64_t *mask);
+void kivoe_jnd_fdct_quant_kept2_avx2(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2],
+                                     const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                     int32_t suppress, uint64_t *mask);
 void kivoe_update_offset_avx2(const int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
                               uint16_t *offset);
 void kivoe_fdct8_neon(int16_t *blk);
@@ -47,11 +61,15 @@ uint64_t kivoe_quant_mask_neon(int16_t *blk, const uint16_t *recip, const uint16
 uint64_t kivoe_fdct_quant_mask_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_quant_rdoq_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 void kivoe_jndfilt8x8_neon(const uint8_t *src, int32_t stride, int16_t *blk);
+void kivoe_jndfilt8x8_u8_neon(const uint8_t *src, int32_t stride, uint8_t *dst);
 uint32_t kivoe_planes_neon(const int16_t *blk, int32_t n, kivoe_planes *out, int16_t *dc);
 void kivoe_jnd_suppress_neon(int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
                              const uint8_t *thr);
 void kivoe_update_offset_neon(const int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
                               uint16_t *offset);
+uint64_t kivoe_fdct_quant_kept_samples_neon(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                            const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                            int32_t suppress);
 void kivoe_box2_neon(const uint8_t *src, int32_t stride, int16_t *blk);
 void kivoe_abs_acc_neon(const int16_t *blk, uint32_t *acc);
 

@@ -7,11 +7,3 @@ void kivoe_fdct8_avx2(int16_t *blk) {
     fdct8_rows(blk, rows);
     for (int k = 0; k < 4; ++k) _mm256_storeu_si256(reinterpret_cast<__m256i *>(blk + 16 * k), rows[k]);
 }
-
-void kivoe_fdct8_samples_avx2(const uint8_t *src, int32_t stride, int16_t *blk) {
-    __m128i x[8];
-    load_columns_u8(src, stride, x);
-    __m256i rows[4];
-    fdct8_columns(x, rows);
-    for (int k = 0; k < 4; ++k) _mm256_storeu_si256(reinterpret_cast<__m256i *>(blk + 16 * k), rows[k]);
-}

@@ -5,13 +5,15 @@
 #define KIVO_ENCODER_FDCT_X86_H
 
 #include <emmintrin.h>
+#include <stddef.h>
 #include <stdint.h>
 
 namespace {
 
-inline void load_columns(const int16_t *blk, __m128i col[8]) {
+// Rows of the block stride values apart.
+inline void load_columns(const int16_t *blk, ptrdiff_t stride, __m128i col[8]) {
     __m128i r[8];
-    for (int i = 0; i < 8; ++i) r[i] = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blk + 8 * i));
+    for (int i = 0; i < 8; ++i) r[i] = _mm_loadu_si128(reinterpret_cast<const __m128i *>(blk + stride * i));
     const __m128i a0 = _mm_unpacklo_epi16(r[0], r[1]), a1 = _mm_unpackhi_epi16(r[0], r[1]);
     const __m128i a2 = _mm_unpacklo_epi16(r[2], r[3]), a3 = _mm_unpackhi_epi16(r[2], r[3]);
     const __m128i a4 = _mm_unpacklo_epi16(r[4], r[5]), a5 = _mm_unpackhi_epi16(r[4], r[5]);
@@ -25,6 +27,8 @@ inline void load_columns(const int16_t *blk, __m128i col[8]) {
     col[4] = _mm_unpacklo_epi64(b2, b6), col[5] = _mm_unpackhi_epi64(b2, b6);
     col[6] = _mm_unpacklo_epi64(b3, b7), col[7] = _mm_unpackhi_epi64(b3, b7);
 }
+
+inline void load_columns(const int16_t *blk, __m128i col[8]) { load_columns(blk, 8, col); }
 
 }  // namespace
 

@@ -22,7 +22,12 @@ inline uint8x16_t rows(const uint8_t *p, int32_t stride, int y) {
 
 }  // namespace
 
-void kivoe_jndfilt8x8_neon(const uint8_t *src, int32_t stride, int16_t *blk) {
+namespace {
+
+// The filtered rows y and y + 1 (y even) of the block at src, before the
+// final rounding shift, to store(y, sums of row y, sums of row y + 1).
+template <class Store>
+inline void filter(const uint8_t *src, int32_t stride, Store store) {
     for (int y = 0; y < 8; y += 2) {
         const uint8x16_t c = rows(src, stride, y), idx = vshrq_n_u8(c, 4);
         // The band [c - d(c), min(255, c + a(c))] that neighbours are held to.
@@ -31,14 +36,30 @@ void kivoe_jndfilt8x8_neon(const uint8_t *src, int32_t stride, int16_t *blk) {
         uint8x16_t n[4];
         const int dy[4] = {-2, -1, 1, 2};
         for (int k = 0; k < 4; ++k) n[k] = vminq_u8(vmaxq_u8(rows(src, stride, y + dy[k]), lo), hi);
+        uint16x8_t sum[2];
         for (int h = 0; h < 2; ++h) {
             auto half = [h](uint8x16_t v) { return h ? vget_high_u8(v) : vget_low_u8(v); };
             uint16x8_t s = vaddl_u8(half(n[0]), half(n[3]));
             s = vaddq_u16(s, vshlq_n_u16(vaddl_u8(half(n[1]), half(n[2])), 2));
-            s = vmlal_u8(s, half(c), vdup_n_u8(6));
-            vst1q_s16(blk + 8 * (y + h), vreinterpretq_s16_u16(vrshrq_n_u16(s, 4)));
+            sum[h] = vmlal_u8(s, half(c), vdup_n_u8(6));
         }
+        store(y, sum[0], sum[1]);
     }
+}
+
+}  // namespace
+
+void kivoe_jndfilt8x8_neon(const uint8_t *src, int32_t stride, int16_t *blk) {
+    filter(src, stride, [blk](int y, uint16x8_t s0, uint16x8_t s1) {
+        vst1q_s16(blk + 8 * y, vreinterpretq_s16_u16(vrshrq_n_u16(s0, 4)));
+        vst1q_s16(blk + 8 * y + 8, vreinterpretq_s16_u16(vrshrq_n_u16(s1, 4)));
+    });
+}
+
+void kivoe_jndfilt8x8_u8_neon(const uint8_t *src, int32_t stride, uint8_t *dst) {
+    filter(src, stride, [dst](int y, uint16x8_t s0, uint16x8_t s1) {
+        vst1q_u8(dst + 8 * y, vcombine_u8(vrshrn_n_u16(s0, 4), vrshrn_n_u16(s1, 4)));
+    });
 }
 
 // A level L = sign * n (n > 0) becomes sign * m for the lowest m that the

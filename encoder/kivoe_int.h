@@ -150,10 +150,17 @@ typedef void (*kivoe_update_offset_fn)(const int16_t *levels, const int16_t *coe
 typedef uint64_t (*kivoe_levels_mask_fn)(const int16_t *blk);
 typedef uint64_t (*kivoe_quant_kept_fn)(int16_t *blk, const uint16_t *q, const uint16_t *recip, const uint16_t *half,
                                         uint16_t *adapt, const uint8_t *thr);
+typedef uint64_t (*kivoe_kept_samples_fn)(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                          const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                          int32_t suppress);
+// (Two blocks; four for the quadruple slot.)
+typedef void (*kivoe_kept_pair_fn)(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2],
+                                   const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                   int32_t suppress, uint64_t *mask);
 typedef void (*kivoe_jndfilt_u8_fn)(const uint8_t *src, int32_t stride, uint8_t *dst);
-typedef void (*kivoe_fdct_samples_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
 typedef void (*kivoe_box2_fn)(const uint8_t *src, int32_t stride, int16_t *blk);
 typedef void (*kivoe_abs_acc_fn)(const int16_t *blk, uint32_t *acc);
+typedef void (*kivoe_box2_strip_fn)(const uint8_t *src, int32_t stride, int32_t n, uint32_t *acc);
 // Bit planes of a block's AC levels in zig-zag order, for the progressive
 // writer: bit z of nz[a] is set when |level| >> a is not zero, of neg when
 // the level is negative; bit 0 (the DC position) is clear in both. corr[a]
@@ -224,16 +231,25 @@ struct kivoe_proc {
     kivoe_suppress_fn jnd_suppress;        // kivoe_jnd_suppress
     kivoe_update_offset_fn update_offset;  // kivoe_update_offset
     kivoe_levels_mask_fn levels_mask;      // kivoe_levels_mask
-    // kivoe_jndfilt8x8_u8 and kivoe_fdct8_samples, for the variants that
-    // transform 8-bit samples faster than 16-bit ones (fdct8_samples null
-    // otherwise, and the filter then unused).
     // kivoe_quant_kept where a variant fuses its steps; null otherwise
     // (the loop then calls the kernels one by one).
     kivoe_quant_kept_fn quant_kept;
+    // kivoe_fdct_quant_kept_samples where a variant keeps the coefficients
+    // in registers from the samples to the levels; null otherwise.
+    kivoe_kept_samples_fn fdct_quant_kept_samples;
+    kivoe_kept_samples_fn jnd_fdct_quant_kept;  // kivoe_jnd_fdct_quant_kept, or null alike
+    // Two blocks at a time, where a variant overlaps their steps; null
+    // otherwise: kivoe_fdct_quant_kept2, kivoe_jnd_fdct_quant_kept2.
+    kivoe_kept_pair_fn fdct_quant_kept2;
+    kivoe_kept_pair_fn jnd_fdct_quant_kept2;
+    kivoe_kept_pair_fn jnd_fdct_quant_kept4;  // kivoe_jnd_fdct_quant_kept4, or null alike
+    // kivoe_jndfilt8x8_u8, for the kernels of 8-bit samples.
     kivoe_jndfilt_u8_fn jndfilt_u8;
-    kivoe_fdct_samples_fn fdct8_samples;
     kivoe_box2_fn box2;                    // kivoe_box2
     kivoe_abs_acc_fn abs_acc;              // kivoe_abs_acc
+    // kivoe_box2_strip where a variant streams the strip; null otherwise
+    // (the sampling then takes the blocks one by one).
+    kivoe_box2_strip_fn box2_strip;
 };
 
 struct kivoe_ctx {
@@ -404,9 +420,36 @@ uint64_t kivoe_levels_mask(const int16_t *blk);
 // suppresses levels in between.
 uint64_t kivoe_quant_kept(int16_t *blk, const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                           const uint8_t *thr);
+// kivoe_quant_kept of the transformed 8 x 8 samples at src (rows stride
+// bytes apart), into blk, with the suppression thresholds of the DC
+// coefficient's brightness when suppress is not 0. The tables as
+// kivoe_qtbl holds them; offsets 0 to 8192.
+uint64_t kivoe_fdct_quant_kept_samples(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                       const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress);
+// The same of the JND-filtered samples (the filter reads two rows above
+// and below the block).
+uint64_t kivoe_jnd_fdct_quant_kept(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                   const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress);
+// kivoe_fdct_quant_kept_samples (kivoe_jnd_fdct_quant_kept) of the block
+// at src[0] into blk[0], then of the one at src[1] into blk[1], with the
+// same tables and offsets; their masks into mask[0] and mask[1].
+void kivoe_fdct_quant_kept2(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2], const uint16_t *q,
+                            const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress,
+                            uint64_t *mask);
+void kivoe_jnd_fdct_quant_kept2(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2], const uint16_t *q,
+                                const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress,
+                                uint64_t *mask);
+// The same of four filtered blocks (an MCU's 2 x 2 luma blocks).
+void kivoe_jnd_fdct_quant_kept4(const uint8_t *const src[4], int32_t stride, int16_t *const blk[4], const uint16_t *q,
+                                const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress,
+                                uint64_t *mask);
 // The perceptual selection's sampling at level 1: blk[8 j + k] is the mean
 // (sum >> 2) of the 2 x 2 samples at row 2 j, column 2 k of src.
 void kivoe_box2(const uint8_t *src, int32_t stride, int16_t *blk);
+// The statistics of n level-1 analysis blocks side by side from src (16
+// rows, 16 n columns): kivoe_box2, kivoe_fdct8, then acc[0] += the mean
+// level (F + 1024) >> 3 and acc[i] += |F[i]| for i = 1..63.
+void kivoe_box2_strip(const uint8_t *src, int32_t stride, int32_t n, uint32_t *acc);
 // acc[i] += |blk[i]| for the 64 values (|-32768| = 32768).
 void kivoe_abs_acc(const int16_t *blk, uint32_t *acc);
 uint32_t kivoe_planes_c(const int16_t *blk, int32_t n, kivoe_planes *out, int16_t *dc);

@@ -16,6 +16,16 @@ void kivoe_abs_acc(const int16_t *blk, uint32_t *acc) {
     for (int i = 0; i < 64; ++i) acc[i] += static_cast<uint32_t>(blk[i] < 0 ? -blk[i] : blk[i]);
 }
 
+void kivoe_box2_strip(const uint8_t *src, int32_t stride, int32_t n, uint32_t *acc) {
+    for (int32_t b = 0; b < n; ++b) {
+        int16_t blk[64];
+        kivoe_box2(src + 16 * b, stride, blk);
+        kivoe_fdct8(blk);
+        acc[0] += static_cast<uint32_t>((blk[0] + 1024) >> 3);
+        for (int i = 1; i < 64; ++i) acc[i] += static_cast<uint32_t>(blk[i] < 0 ? -blk[i] : blk[i]);
+    }
+}
+
 namespace {
 
 struct Stats {
@@ -66,6 +76,18 @@ void sample_block(const kivoe_ctx *ctx, const uint8_t *p, int32_t stride, int32_
 void sample_plane(const kivoe_ctx *ctx, const uint8_t *p, int32_t stride, int32_t step, int32_t w, int32_t h,
                   int32_t level, Stats *st) {
     const int32_t s = 1 << level, span = 8 * s;
+    if (s == 2 && step == 1 && ctx->proc.box2_strip) {
+        // A strip of blocks at a time; its sums (at most 1024 a block and
+        // 4095 blocks) fit 32 bits.
+        for (int32_t by = 0; by < (h >> 4); ++by) {
+            uint32_t acc[64] = {};
+            const int32_t n = w >> 4;
+            ctx->proc.box2_strip(p + static_cast<ptrdiff_t>(by) * 16 * stride, stride, n, acc);
+            for (int i = 0; i < 64; ++i) st->sum[i] += acc[i];
+            st->blocks += static_cast<uint32_t>(n);
+        }
+        return;
+    }
     for (int32_t by = 0; by < (h >> (level + 3)); ++by)
         for (int32_t bx = 0; bx < (w >> (level + 3)); ++bx) {
             const uint8_t *at = p + static_cast<ptrdiff_t>(by) * span * stride + static_cast<ptrdiff_t>(bx) * span * step;
@@ -116,7 +138,11 @@ int32_t kivoe_get_qt(kivoe_ctx *ctx, int32_t level, uint8_t *out) {
         const int32_t step = l && l->kind == kivo::Layout::Pairs ? 2 : 1;
         const int32_t stride = pic->stride_c;
         has_chroma = l && l->chroma && pic->plane[1] && pic->plane[2];
-        if (has_chroma) {
+        if (has_chroma && level == 1 && step == 1 && ctx->proc.box2_strip) {
+            // Each plane strip by strip: the sums do not depend on the order.
+            sample_plane(ctx, pic->plane[1], stride, 1, pic->width_c, pic->height_c, level, &chroma);
+            sample_plane(ctx, pic->plane[2], stride, 1, pic->width_c, pic->height_c, level, &chroma);
+        } else if (has_chroma) {
             for (int32_t by = 0; by < (pic->height_c >> (level + 3)); ++by)
                 for (int32_t bx = 0; bx < (pic->width_c >> (level + 3)); ++bx) {
                     const ptrdiff_t off = static_cast<ptrdiff_t>(by) * span * stride + static_cast<ptrdiff_t>(bx) * span * step;

@@ -65,6 +65,21 @@ void load_block(const uint8_t *plane, int32_t stride, int32_t ws, int32_t hs, in
     for (int r = rows; r < 8; ++r) std::memcpy(blk + 8 * r, blk + 8 * (r - 1), 16);
 }
 
+// The same into 8 x 8 bytes.
+void load_block_u8(const uint8_t *plane, int32_t stride, int32_t ws, int32_t hs, int32_t bcol, int32_t brow,
+                   uint8_t *blk) {
+    int32_t x = 8 * bcol, y = 8 * brow;
+    if (x > ws - 1) x = ws - 1;
+    if (y > hs - 1) y = hs - 1;
+    const int32_t cols = ws - x < 8 ? ws - x : 8, rows = hs - y < 8 ? hs - y : 8;
+    const uint8_t *src = plane + static_cast<ptrdiff_t>(y) * stride + x;
+    for (int r = 0; r < rows; ++r, src += stride) {
+        std::memcpy(blk + 8 * r, src, static_cast<size_t>(cols));
+        std::memset(blk + 8 * r + cols, src[cols - 1], static_cast<size_t>(8 - cols));
+    }
+    for (int r = rows; r < 8; ++r) std::memcpy(blk + 8 * r, blk + 8 * (r - 1), 8);
+}
+
 // The mask a quantizer returned, as the block coder takes it: all ones
 // (not known, the coder checks the levels) when a level has no category.
 inline uint64_t coder_mask(uint64_t quant_mask) { return quant_mask & 1 ? ~uint64_t(0) : quant_mask; }
@@ -529,9 +544,13 @@ inline void load_at(const kivoe_ctx *ctx, bool jnd_filter, int c, const Comp &cc
 // Transformed coefficients at blk to levels with JND suppression, adaptive
 // rounding or both (coef: room for the unquantized coefficients). Apart
 // from the plain block loop, whose registers it would otherwise share.
-__attribute__((noinline)) void quantize_kept(const kivoe_ctx *ctx, Comp &cc, int16_t *blk, int16_t *coef) {
+__attribute__((noinline)) void quantize_kept(const kivoe_ctx *ctx, const Comp &cc, int16_t *blk, int16_t *coef) {
     const kivoe_proc &p = ctx->proc;
     const uint8_t *thr = ctx->jnd_suppress ? kivoe_jnd_threshold_row(blk[0]) : nullptr;
+    if (p.quant_kept) {
+        p.quant_kept(blk, cc.q->q, cc.q->recip, cc.q->half, ctx->adaptive_rounding ? cc.adapt : nullptr, thr);
+        return;
+    }
     kivo::copy_block(coef, blk);
     if (ctx->adaptive_rounding) p.quant_rdoq(blk, cc.q->recip, cc.offset);
     else p.quant(blk, cc.q->recip, cc.offset);
@@ -542,46 +561,106 @@ __attribute__((noinline)) void quantize_kept(const kivoe_ctx *ctx, Comp &cc, int
 
 // The levels of an MCU's blocks with JND suppression or adaptive rounding,
 // in coding order, into levels and code (each block's tables, levels and
-// mask; the DC differences are left to the caller). All blocks are
-// transformed first, so that the transforms overlap; the quantization that
-// follows runs block by block, as adaptive rounding needs.
+// mask; the DC differences are left to the caller): from the samples to the
+// levels by the fused kernels where the CPU has them, else all blocks
+// transformed first, so that the transforms overlap, then quantized block
+// by block, as adaptive rounding needs.
 __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *comp, int16_t *levels,
                                                  kivoe_block_code *code) {
     alignas(16) int16_t coef[64];
     const kivoe_fh &fh = ctx->fh;
     const bool jnd_filter = ctx->jnd_filter;
-    const kivoe_fdct_samples_fn samples = ctx->proc.fdct8_samples;
-    mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
-        int16_t *lv = levels + 64 * b;
-        if (samples && inside) {
-            samples(at, cc.stride, lv);
-        } else if (samples && filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
-            alignas(16) uint8_t f[64];
-            ctx->proc.jndfilt_u8(at, cc.stride, f);
-            samples(f, 8, lv);
-        } else {
-            if (inside) load_inside(at, cc.stride, lv);
-            else load_at(ctx, jnd_filter, c, cc, cc.col + h, cc.row + v, lv);
-            ctx->proc.fdct8(lv);
-        }
-    });
-    const kivoe_quant_kept_fn fused = ctx->proc.quant_kept;
-    for (int c = 0, b = 0; c < fh.n_comp; ++c) {
-        Comp &cc = comp[c];
-        uint16_t *adapt = ctx->adaptive_rounding ? cc.adapt : nullptr;
-        for (int i = fh.h[c] * fh.v[c]; i > 0; --i, ++b) {
+    const kivoe_kept_samples_fn kept = ctx->proc.fdct_quant_kept_samples;
+    if (kept) {
+        // Block by block from the samples (filtered first where the filter
+        // applies, with the edge repeated where the block crosses it) to
+        // the levels.
+        const int32_t suppress = ctx->jnd_suppress;
+        const kivoe_kept_samples_fn filter_kept = ctx->proc.jnd_fdct_quant_kept;
+        const kivoe_kept_pair_fn pair = ctx->proc.fdct_quant_kept2, filter_pair = ctx->proc.jnd_fdct_quant_kept2;
+        const kivoe_kept_pair_fn filter_quad = ctx->proc.jnd_fdct_quant_kept4;
+        // One block.
+        auto one = [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
             int16_t *lv = levels + 64 * b;
+            const kivoe_qtbl &t = *cc.q;
+            uint16_t *adapt = ctx->adaptive_rounding ? cc.adapt : nullptr;
             uint64_t mask;
-            if (fused) {
-                const uint8_t *thr = ctx->jnd_suppress ? kivoe_jnd_threshold_row(lv[0]) : nullptr;
-                mask = fused(lv, cc.q->q, cc.q->recip, cc.q->half, adapt, thr);
+            if (inside) {
+                mask = kept(at, cc.stride, lv, t.q, t.recip, t.half, adapt, suppress);
+            } else if (filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
+                if (filter_kept) {
+                    mask = filter_kept(at, cc.stride, lv, t.q, t.recip, t.half, adapt, suppress);
+                } else {
+                    alignas(16) uint8_t f[64];
+                    ctx->proc.jndfilt_u8(at, cc.stride, f);
+                    mask = kept(f, 8, lv, t.q, t.recip, t.half, adapt, suppress);
+                }
             } else {
-                quantize_kept(ctx, cc, lv, coef);
-                mask = ctx->proc.levels_mask(lv);
+                alignas(16) uint8_t e[64];
+                load_block_u8(cc.plane, cc.stride, ctx->smp_w[c], ctx->smp_h[c], cc.col + h, cc.row + v, e);
+                mask = kept(e, 8, lv, t.q, t.recip, t.half, adapt, suppress);
             }
             code[b] = {cc.dc, cc.ac, lv, mask, 0};
+        };
+        if (!pair && !filter_pair && !filter_quad) {
+            mcu_blocks(ctx, comp, jnd_filter, one);
+            return;
         }
+        int32_t skip = 0;  // blocks already done with one before them
+        mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
+            if (skip) {
+                --skip;
+                return;
+            }
+            int16_t *lv = levels + 64 * b;
+            const kivoe_qtbl &t = *cc.q;
+            uint16_t *adapt = ctx->adaptive_rounding ? cc.adapt : nullptr;
+            // The 2 x 2 luma blocks, all filtered (the filter's area is a
+            // rectangle: its two corners tell), together.
+            if (filter_quad && c == 0 && h == 0 && v == 0 && ctx->fh.h[0] == 2 && ctx->fh.v[0] == 2 &&
+                filtered(ctx, jnd_filter, c, cc.col, cc.row) && filtered(ctx, jnd_filter, c, cc.col + 1, cc.row + 1)) {
+                const uint8_t *const src[4] = {at, at + 8, at + 8 * cc.stride, at + 8 * cc.stride + 8};
+                int16_t *const out[4] = {lv, lv + 64, lv + 128, lv + 192};
+                uint64_t m[4];
+                filter_quad(src, cc.stride, out, t.q, t.recip, t.half, adapt, suppress, m);
+                for (int i = 0; i < 4; ++i) code[b + i] = {cc.dc, cc.ac, out[i], m[i], 0};
+                skip = 3;
+                return;
+            }
+            // Two blocks side by side, both read straight from the plane or
+            // both filtered, go together: the kernel overlaps their steps
+            // and quantizes them in coding order.
+            if (h + 1 < ctx->fh.h[c]) {
+                const bool filter = !inside && filter_pair && filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v) &&
+                                    filtered(ctx, jnd_filter, c, cc.col + h + 1, cc.row + v);
+                const kivoe_kept_pair_fn both = inside ? pair : filter ? filter_pair : nullptr;
+                if (both) {
+                    const uint8_t *const src[2] = {at, at + 8};
+                    int16_t *const out[2] = {lv, lv + 64};
+                    uint64_t m[2];
+                    both(src, cc.stride, out, t.q, t.recip, t.half, adapt, suppress, m);
+                    code[b] = {cc.dc, cc.ac, lv, m[0], 0};
+                    code[b + 1] = {cc.dc, cc.ac, lv + 64, m[1], 0};
+                    skip = 1;
+                    return;
+                }
+            }
+            one(c, cc, h, v, b, at, inside);
+        });
+        return;
     }
+    mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
+        int16_t *lv = levels + 64 * b;
+        if (inside) load_inside(at, cc.stride, lv);
+        else load_at(ctx, jnd_filter, c, cc, cc.col + h, cc.row + v, lv);
+        ctx->proc.fdct8(lv);
+    });
+    for (int c = 0, b = 0; c < fh.n_comp; ++c)
+        for (int i = fh.h[c] * fh.v[c]; i > 0; --i, ++b) {
+            int16_t *lv = levels + 64 * b;
+            quantize_kept(ctx, comp[c], lv, coef);
+            code[b] = {comp[c].dc, comp[c].ac, lv, ctx->proc.levels_mask(lv), 0};
+        }
 }
 
 // One segment; kKeep: with JND suppression or adaptive rounding, kFilter:
@@ -637,7 +716,9 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     const kivoe_fdct_fn fdct8 = p.fdct8;
     const kivoe_quant_mask_fn quant_mask = p.quant_mask, fdct_quant_mask = p.fdct_quant_mask;
     const kivoe_quant_samples_fn fdct_quant_samples = p.fdct_quant_samples;
-    const bool filter_bytes = jnd_filter && fdct_quant_samples;
+    const kivoe_kept_samples_fn filter_kept = jnd_filter ? p.jnd_fdct_quant_kept : nullptr;
+    const bool filter_bytes = filter_kept != nullptr;
+    const kivoe_kept_pair_fn filter_pair = jnd_filter ? p.jnd_fdct_quant_kept2 : nullptr;
     constexpr bool keep = kKeep;
     // With the writers in the coder slots, a block's codes go out together.
     const bool fused = p.vlc_dc == kivoe_vlc_dc && p.vlc_ac == kivoe_vlc_ac;
@@ -654,7 +735,7 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     int32_t per_mcu = 0;
     for (int c = 0; c < nc; ++c) per_mcu += fh.h[c] * fh.v[c];
     const bool mcu_sized = !reuse && per_mcu > 1 && per_mcu <= kMaxMcuBlocks;
-    const bool by_mcu_plain = masked && mcu_sized, by_mcu_kept = fused && !prog && keep && mcu_sized;
+    const bool by_mcu_plain = masked && mcu_sized, by_mcu_kept = (fused || stat) && !prog && keep && mcu_sized;
     // Kept levels are coded an MCU at a time with their kept masks.
     const bool by_mcu_reuse = reuse && fused && !prog && per_mcu <= kMaxMcuBlocks;
     const bool by_mcu = by_mcu_plain || by_mcu_kept || by_mcu_reuse;
@@ -672,17 +753,19 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                 for (int i = 0; i < 64; ++i) comp[c].adapt[i] = 8192;
         for (int c = 0; c < nc && !reuse; ++c) {
             const Comp &cc = comp[c];
+            // The filter reads two rows below the MCU's.
             if ((cc.col & 7) == 0)
-                prefetch_rows(cc.plane, cc.stride, ctx->smp_h[c], 8 * cc.col + 128, 8 * cc.row, 8 * fh.v[c]);
+                prefetch_rows(cc.plane, cc.stride, ctx->smp_h[c], 8 * cc.col + 128, 8 * cc.row,
+                              8 * fh.v[c] + (jnd_filter && c == 0 ? 2 : 0));
         }
-        if (by_mcu_kept) quantize_mcu_kept(ctx, comp, mcu_levels, mcu_code);
+        if (by_mcu_kept) quantize_mcu_kept(ctx, comp, kept ? kept : mcu_levels, mcu_code);
         for (int c = 0, b = 0; c < nc && by_mcu_reuse; ++c)
             for (int i = fh.h[c] * fh.v[c]; i > 0; --i, ++b)
                 mcu_code[b] = {comp[c].dc, comp[c].ac, kept + 64 * b, kept_mask[b], 0};
         // The statistics pass quantizes straight into the kept levels.
         int16_t *const mcu_out = by_mcu_plain && kept ? kept : mcu_levels;
         if (by_mcu_plain) {
-            mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
+            auto one = [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
                 int16_t *lv = mcu_out + 64 * b;
                 uint64_t mask;
                 if (inside && fdct_quant_samples) {
@@ -692,13 +775,36 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                     else load(c, cc, cc.col + h, cc.row + v, lv);
                     mask = fdct_quant_mask(lv, cc.q->recip, cc.offset);
                 } else {
-                    // Filtered to bytes for the 8-bit transform.
-                    alignas(16) uint8_t f[64];
-                    p.jndfilt_u8(at, cc.stride, f);
-                    mask = fdct_quant_samples(f, 8, lv, cc.q->recip, cc.offset);
+                    // Filtered in registers on the way to the transform.
+                    mask = filter_kept(at, cc.stride, lv, cc.q->q, cc.q->recip, cc.offset, nullptr, 0);
                 }
                 mcu_code[b] = {cc.dc, cc.ac, lv, coder_mask(mask), 0};
-            });
+            };
+            if (jnd_filter && filter_pair) {
+                bool paired = false;  // this block went with the one before
+                mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
+                    if (paired) {
+                        paired = false;
+                        return;
+                    }
+                    if (!inside && h + 1 < fh.h[c] && filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v) &&
+                        filtered(ctx, jnd_filter, c, cc.col + h + 1, cc.row + v)) {
+                        // Two filtered blocks side by side, their steps overlapped.
+                        int16_t *lv = mcu_out + 64 * b;
+                        const uint8_t *const src[2] = {at, at + 8};
+                        int16_t *const out[2] = {lv, lv + 64};
+                        uint64_t m[2];
+                        filter_pair(src, cc.stride, out, cc.q->q, cc.q->recip, cc.offset, nullptr, 0, m);
+                        mcu_code[b] = {cc.dc, cc.ac, lv, coder_mask(m[0]), 0};
+                        mcu_code[b + 1] = {cc.dc, cc.ac, lv + 64, coder_mask(m[1]), 0};
+                        paired = true;
+                        return;
+                    }
+                    one(c, cc, h, v, b, at, inside);
+                });
+            } else {
+                mcu_blocks(ctx, comp, jnd_filter, one);
+            }
         }
         if (by_mcu) {
             for (int c = 0, b = 0; c < nc; ++c)

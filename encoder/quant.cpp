@@ -94,3 +94,34 @@ uint64_t kivoe_quant_kept(int16_t *blk, const uint16_t *q, const uint16_t *recip
     if (adapt) kivoe_update_offset(blk, coef, q, recip, adapt);
     return kivoe_levels_mask(blk);
 }
+
+uint64_t kivoe_fdct_quant_kept_samples(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                       const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress) {
+    kivoe_fdct8_samples(src, stride, blk);
+    return kivoe_quant_kept(blk, q, recip, half, adapt, suppress ? kivoe_jnd_threshold_row(blk[0]) : nullptr);
+}
+
+uint64_t kivoe_jnd_fdct_quant_kept(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                   const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress) {
+    uint8_t f[64];
+    kivoe_jndfilt8x8_u8(src, stride, f);
+    return kivoe_fdct_quant_kept_samples(f, 8, blk, q, recip, half, adapt, suppress);
+}
+
+void kivoe_fdct_quant_kept2(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2], const uint16_t *q,
+                            const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress,
+                            uint64_t *mask) {
+    for (int i = 0; i < 2; ++i) mask[i] = kivoe_fdct_quant_kept_samples(src[i], stride, blk[i], q, recip, half, adapt, suppress);
+}
+
+void kivoe_jnd_fdct_quant_kept2(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2], const uint16_t *q,
+                                const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress,
+                                uint64_t *mask) {
+    for (int i = 0; i < 2; ++i) mask[i] = kivoe_jnd_fdct_quant_kept(src[i], stride, blk[i], q, recip, half, adapt, suppress);
+}
+
+void kivoe_jnd_fdct_quant_kept4(const uint8_t *const src[4], int32_t stride, int16_t *const blk[4], const uint16_t *q,
+                                const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress,
+                                uint64_t *mask) {
+    for (int i = 0; i < 4; ++i) mask[i] = kivoe_jnd_fdct_quant_kept(src[i], stride, blk[i], q, recip, half, adapt, suppress);
+}

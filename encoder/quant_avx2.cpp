@@ -6,6 +6,7 @@
 #include "common/nonzero.h"
 #include "encoder/enc_simd.h"
 #include "encoder/fdct_avx2.h"
+#include "encoder/jnd_avx2.h"
 #include "encoder/switches_avx2.h"
 
 namespace {
@@ -200,4 +201,256 @@ uint64_t kivoe_quant_kept_avx2(int16_t *blk, const uint16_t *q, const uint16_t *
     if (thr) suppress_body<Avx2>(blk, coef, q, recip, thr);
     if (adapt) update_body<Avx2>(blk, coef, q, recip, adapt);
     return levels_mask(blk);
+}
+
+namespace {
+
+// All-zero thresholds, which suppress nothing.
+alignas(64) const uint8_t kNoThresholds[64] = {};
+
+// kivoe_fdct_quant_kept_samples from the coefficients c (two rows a vector)
+// of 8-bit samples, whose magnitudes a are at most 1024. With the tables'
+// q of 1 to 255, recip = 16384 / q and offsets up to 8192, a level's
+// magnitude n then stays within 1024 and n q within a + q / 2, so that the
+// products below fit 16 bits and no level needs the coder's own check.
+// Magnitudes until the end, the signs put back last.
+template <bool kAdapt, bool kSuppress>
+inline uint64_t kept_rows(const __m256i c[4], const uint8_t *row, int16_t *blk, const uint16_t *q,
+                          const uint16_t *recip, const uint16_t *half, uint16_t *adapt) {
+    const __m256i zero = _mm256_setzero_si256();
+    __m256i a[4], n[4], O[4];
+    for (int k = 0; k < 4; ++k) {
+        a[k] = _mm256_abs_epi16(c[k]);
+        const __m256i R = load16(recip + 16 * k);
+        if (kAdapt) {
+            // (a recip + offset) >> 14 from pairs (a, 1) times (recip, offset).
+            O[k] = load16(adapt + 16 * k);
+            const __m256i one = _mm256_set1_epi16(1);
+            const __m256i lo = _mm256_madd_epi16(_mm256_unpacklo_epi16(a[k], one), _mm256_unpacklo_epi16(R, O[k]));
+            const __m256i hi = _mm256_madd_epi16(_mm256_unpackhi_epi16(a[k], one), _mm256_unpackhi_epi16(R, O[k]));
+            n[k] = _mm256_packus_epi32(_mm256_srli_epi32(lo, 14), _mm256_srli_epi32(hi, 14));
+        } else {
+            // ((a + half) recip) >> 14 as the high half of 4 (a + half) recip.
+            n[k] = _mm256_mulhi_epu16(_mm256_slli_epi16(_mm256_add_epi16(a[k], load16(half + 16 * k)), 2), R);
+        }
+    }
+    if (kSuppress) {
+        // Levels suppressed with the thresholds row only when the AC
+        // magnitudes, each counted up to 8, add up to more than 7 (the sum
+        // of the eight 32-bit lanes' pairs in lane 0).
+        const __m256i eight = _mm256_set1_epi16(8);
+        const __m256i dc_lane = _mm256_setr_epi16(-1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+        __m256i sum = _mm256_andnot_si256(dc_lane, _mm256_min_epu16(n[0], eight));
+        for (int k = 1; k < 4; ++k) sum = _mm256_add_epi16(sum, _mm256_min_epu16(n[k], eight));
+        __m256i s = _mm256_madd_epi16(sum, _mm256_set1_epi16(1));
+        s = _mm256_add_epi32(s, _mm256_shuffle_epi32(s, _MM_SHUFFLE(1, 0, 3, 2)));
+        s = _mm256_add_epi32(s, _mm256_shuffle_epi32(s, _MM_SHUFFLE(2, 3, 0, 1)));
+        const __m128i s4 = _mm_add_epi32(_mm256_castsi256_si128(s), _mm256_extracti128_si256(s, 1));
+        // A branch: predicted, the levels' chain through the offsets does
+        // not wait for the sum.
+        const bool busy = _mm_cvtsi128_si32(s4) > 7;
+        // The descent from n - 1 stops at the lowest m with a - m q < T,
+        // that is at M = (a + q - T) / q (0 when a + q <= T); a level above
+        // M comes down to it, the others stay. The quotient from the
+        // reciprocal, with one correction.
+        // M does not depend on the levels.
+        for (int k = 0; k < 4 && busy; ++k) {
+            const __m256i T = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i *>(row + 16 * k)));
+            const __m256i Q = load16(q + 16 * k);
+            const __m256i Z = _mm256_subs_epu16(_mm256_add_epi16(a[k], Q), T);
+            const __m256i m0 = _mm256_mulhi_epu16(_mm256_slli_epi16(Z, 2), load16(recip + 16 * k));
+            const __m256i rem = _mm256_sub_epi16(Z, _mm256_mullo_epi16(m0, Q));
+            const __m256i M = _mm256_sub_epi16(m0, _mm256_cmpeq_epi16(_mm256_subs_epu16(Q, rem), zero));
+            n[k] = _mm256_min_epu16(n[k], M);
+        }
+    }
+    if (kAdapt) {
+        // err = a - n q; d = (|err| recip) >> 11 as the high half of
+        // 32 |err| recip (|err| at most 1024).
+        for (int k = 0; k < 4; ++k) {
+            const __m256i Q = load16(q + 16 * k), R = load16(recip + 16 * k);
+            const __m256i err = _mm256_sub_epi16(a[k], _mm256_mullo_epi16(n[k], Q));
+            const __m256i d = _mm256_mulhi_epu16(_mm256_slli_epi16(_mm256_abs_epi16(err), 5), R);
+            __m256i o = _mm256_add_epi16(O[k], _mm256_sign_epi16(d, err));
+            o = _mm256_min_epi16(_mm256_max_epi16(o, zero), _mm256_set1_epi16(8192));
+            _mm256_storeu_si256(reinterpret_cast<__m256i *>(adapt + 16 * k),
+                                _mm256_blendv_epi8(o, O[k], _mm256_cmpeq_epi16(n[k], zero)));
+        }
+    }
+    for (int k = 0; k < 4; ++k)
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(blk + 16 * k), _mm256_sign_epi16(n[k], c[k]));
+    __m256i v[4];
+    v[0] = _mm256_cmpeq_epi8(_mm256_packus_epi16(n[0], n[1]), zero);
+    v[2] = _mm256_cmpeq_epi8(_mm256_packus_epi16(n[2], n[3]), zero);
+    v[1] = _mm256_permute2x128_si256(v[0], v[0], 0x01);
+    v[3] = _mm256_permute2x128_si256(v[2], v[2], 0x01);
+    const uint64_t zeros = static_cast<uint32_t>(_mm256_movemask_epi8(zigzag_half(v, 0))) |
+                           static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(zigzag_half(v, 1)))) << 32;
+    return ~zeros & ~uint64_t(1);
+}
+
+}  // namespace
+
+uint64_t kivoe_fdct_quant_kept_samples_avx2(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                            const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                            int32_t suppress) {
+    __m128i x[8];
+    const uint8_t *row = kNoThresholds;
+    if (suppress) {
+        // The thresholds of the DC coefficient's brightness, from the
+        // samples' sum S: F = (S - 8188) >> 3, so (F + 1024) >> 3 is
+        // (S + 4) >> 6, known before the transform.
+        const __m128i zero = _mm_setzero_si128();
+        __m128i sum = zero;
+        for (int i = 0; i < 8; i += 2) {
+            const __m128i r0 = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src + i * static_cast<ptrdiff_t>(stride)));
+            const __m128i r1 = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src + (i + 1) * static_cast<ptrdiff_t>(stride)));
+            sum = _mm_add_epi64(sum, _mm_sad_epu8(_mm_unpacklo_epi64(r0, r1), zero));
+        }
+        const int32_t S = _mm_cvtsi128_si32(_mm_add_epi64(sum, _mm_unpackhi_epi64(sum, sum)));
+        const int k = tbl_suppr_lum[(S + 4) >> 6];
+        if (k) row = kivo_tbl_suppr_thr + 64 * (k - 1);
+    }
+    load_columns_u8(src, stride, x);
+    __m256i c[4];
+    fdct8_columns(x, c);
+    if (adapt) return suppress ? kept_rows<true, true>(c, row, blk, q, recip, half, adapt)
+                               : kept_rows<true, false>(c, row, blk, q, recip, half, adapt);
+    if (suppress) return kept_rows<false, true>(c, row, blk, q, recip, half, adapt);
+    const uint64_t mask = quant_mask_rows(c, blk, recip, half);
+    return mask & 1 ? ~uint64_t(0) : mask;
+}
+
+namespace {
+
+// The columns of the block whose rows b holds as jnd_filter_rows leaves
+// them, as 16-bit vectors over the rows (load_columns_u8's result).
+inline void columns_of_rows(const __m256i b[2], __m128i x[8]) {
+    const __m256i pairs = _mm256_setr_epi8(0, 8, 1, 9, 2, 10, 3, 11, 4, 12, 5, 13, 6, 14, 7, 15,
+                                           0, 8, 1, 9, 2, 10, 3, 11, 4, 12, 5, 13, 6, 14, 7, 15);
+    // Bytes of rows 0 and 1, 2 and 3, ... interleaved, as load_columns_u8's
+    // first step.
+    const __m256i a01 = _mm256_shuffle_epi8(b[0], pairs), a23 = _mm256_shuffle_epi8(b[1], pairs);
+    const __m128i a0 = _mm256_castsi256_si128(a01), a1 = _mm256_extracti128_si256(a01, 1);
+    const __m128i a2 = _mm256_castsi256_si128(a23), a3 = _mm256_extracti128_si256(a23, 1);
+    const __m128i b0 = _mm_unpacklo_epi16(a0, a1), b1 = _mm_unpackhi_epi16(a0, a1);
+    const __m128i b2 = _mm_unpacklo_epi16(a2, a3), b3 = _mm_unpackhi_epi16(a2, a3);
+    const __m128i c4[4] = {_mm_unpacklo_epi32(b0, b2), _mm_unpackhi_epi32(b0, b2), _mm_unpacklo_epi32(b1, b3),
+                           _mm_unpackhi_epi32(b1, b3)};
+    for (int i = 0; i < 4; ++i) {
+        x[2 * i] = _mm_cvtepu8_epi16(c4[i]);
+        x[2 * i + 1] = _mm_unpackhi_epi8(c4[i], _mm_setzero_si128());
+    }
+}
+
+}  // namespace
+
+namespace {
+
+// The threshold row of the brightness of the filtered rows b.
+inline const uint8_t *filtered_thresholds(const __m256i b[2]) {
+    const __m256i s = _mm256_add_epi64(_mm256_sad_epu8(b[0], _mm256_setzero_si256()),
+                                       _mm256_sad_epu8(b[1], _mm256_setzero_si256()));
+    const __m128i sum = _mm_add_epi64(_mm256_castsi256_si128(s), _mm256_extracti128_si256(s, 1));
+    const int32_t S = _mm_cvtsi128_si32(_mm_add_epi64(sum, _mm_unpackhi_epi64(sum, sum)));
+    const int k = tbl_suppr_lum[(S + 4) >> 6];
+    return k ? kivo_tbl_suppr_thr + 64 * (k - 1) : kNoThresholds;
+}
+
+// The quantizer's steps on the coefficients c, as the kernels end.
+inline uint64_t kept_steps(const __m256i c[4], const uint8_t *row, int16_t *blk, const uint16_t *q,
+                           const uint16_t *recip, const uint16_t *half, uint16_t *adapt, bool suppress) {
+    if (adapt) return suppress ? kept_rows<true, true>(c, row, blk, q, recip, half, adapt)
+                               : kept_rows<true, false>(c, row, blk, q, recip, half, adapt);
+    if (suppress) return kept_rows<false, true>(c, row, blk, q, recip, half, adapt);
+    const uint64_t mask = quant_mask_rows(c, blk, recip, half);
+    return mask & 1 ? ~uint64_t(0) : mask;
+}
+
+}  // namespace
+
+uint64_t kivoe_jnd_fdct_quant_kept_avx2(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                        const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                        int32_t suppress) {
+    __m256i b[2];
+    jnd_filter_rows(src, stride, b);
+    __m128i x[8];
+    columns_of_rows(b, x);
+    // The thresholds of the DC coefficient's brightness from the filtered
+    // samples' sum, as the unfiltered kernel finds them.
+    const uint8_t *row = suppress ? filtered_thresholds(b) : kNoThresholds;
+    __m256i c[4];
+    fdct8_columns(x, c);
+    return kept_steps(c, row, blk, q, recip, half, adapt, suppress);
+}
+
+namespace {
+
+// Two blocks transformed before either is quantized: the two chains of
+// steps are independent until the quantizer, which takes the first block
+// first (the second may quantize with the offsets the first leaves).
+template <bool kFilter>
+inline void kept_pair(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2], const uint16_t *q,
+                      const uint16_t *recip, const uint16_t *half, uint16_t *adapt, bool suppress, uint64_t *mask) {
+    __m128i x[2][8];
+    const uint8_t *row[2] = {kNoThresholds, kNoThresholds};
+    if (kFilter) {
+        __m256i b[2][2];
+        jnd_filter_rows(src[0], stride, b[0]);
+        jnd_filter_rows(src[1], stride, b[1]);
+        columns_of_rows(b[0], x[0]);
+        columns_of_rows(b[1], x[1]);
+        if (suppress) row[0] = filtered_thresholds(b[0]), row[1] = filtered_thresholds(b[1]);
+    } else {
+        for (int i = 0; i < 2; ++i) {
+            load_columns_u8(src[i], stride, x[i]);
+            if (!suppress) continue;
+            const __m128i zero = _mm_setzero_si128();
+            __m128i sum = zero;
+            for (int r = 0; r < 8; r += 2) {
+                const __m128i r0 = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src[i] + r * static_cast<ptrdiff_t>(stride)));
+                const __m128i r1 = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src[i] + (r + 1) * static_cast<ptrdiff_t>(stride)));
+                sum = _mm_add_epi64(sum, _mm_sad_epu8(_mm_unpacklo_epi64(r0, r1), zero));
+            }
+            const int32_t S = _mm_cvtsi128_si32(_mm_add_epi64(sum, _mm_unpackhi_epi64(sum, sum)));
+            const int k = tbl_suppr_lum[(S + 4) >> 6];
+            if (k) row[i] = kivo_tbl_suppr_thr + 64 * (k - 1);
+        }
+    }
+    __m256i c[2][4];
+    fdct8_columns(x[0], c[0]);
+    fdct8_columns(x[1], c[1]);
+    mask[0] = kept_steps(c[0], row[0], blk[0], q, recip, half, adapt, suppress);
+    mask[1] = kept_steps(c[1], row[1], blk[1], q, recip, half, adapt, suppress);
+}
+
+}  // namespace
+
+// Four blocks alike: all filtered and transformed, then quantized in order.
+void kivoe_jnd_fdct_quant_kept4_avx2(const uint8_t *const src[4], int32_t stride, int16_t *const blk[4],
+                                     const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                     int32_t suppress, uint64_t *mask) {
+    __m128i x[4][8];
+    const uint8_t *row[4] = {kNoThresholds, kNoThresholds, kNoThresholds, kNoThresholds};
+    for (int i = 0; i < 4; ++i) {
+        __m256i b[2];
+        jnd_filter_rows(src[i], stride, b);
+        columns_of_rows(b, x[i]);
+        if (suppress) row[i] = filtered_thresholds(b);
+    }
+    __m256i c[4][4];
+    for (int i = 0; i < 4; ++i) fdct8_columns(x[i], c[i]);
+    for (int i = 0; i < 4; ++i) mask[i] = kept_steps(c[i], row[i], blk[i], q, recip, half, adapt, suppress);
+}
+
+void kivoe_fdct_quant_kept2_avx2(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2], const uint16_t *q,
+                                 const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress,
+                                 uint64_t *mask) {
+    kept_pair<false>(src, stride, blk, q, recip, half, adapt, suppress, mask);
+}
+
+void kivoe_jnd_fdct_quant_kept2_avx2(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2],
+                                     const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                     int32_t suppress, uint64_t *mask) {
+    kept_pair<true>(src, stride, blk, q, recip, half, adapt, suppress, mask);
 }

@@ -163,3 +163,124 @@ void kivoe_update_offset_neon(const int16_t *levels, const int16_t *coef, const 
         vst1q_u16(offset + i, vbslq_u16(nz, vreinterpretq_u16_s16(o), O));
     }
 }
+
+// kivoe_fdct_quant_kept_samples with the coefficients of 8-bit samples
+// (|c| at most 1024; with the tables' q of 1 to 255, recip = 16384 / q and
+// offsets up to 8192 a level's magnitude n stays within 1024 and n q within
+// |c| + q / 2, so that the products below fit 16 bits, and x r >> 14 for x
+// below 2^13 is the doubling high half of 2 x and r). The suppression
+// lowers n to M = (|c| + q - T) / q where that is below it, the quotient
+// from the reciprocal with one correction.
+namespace {
+
+// (x r) >> 14 for x below 2^13 and r at most 16384.
+inline uint16x8_t mul_q14(uint16x8_t x, uint16x8_t r) {
+    return vreinterpretq_u16_s16(vqdmulhq_s16(vreinterpretq_s16_u16(vshlq_n_u16(x, 1)), vreinterpretq_s16_u16(r)));
+}
+
+// Level magnitudes of the row r of coefficients c.
+inline uint16x8_t magnitudes(uint16x8_t a, const uint16_t *recip, const uint16_t *half, const uint16_t *adapt) {
+    const uint16x8_t R = vld1q_u16(recip);
+    if (!adapt) return mul_q14(vaddq_u16(a, vld1q_u16(half)), R);
+    const uint16x8_t O = vld1q_u16(adapt);
+    const uint32x4_t lo = vaddw_u16(vmull_u16(vget_low_u16(a), vget_low_u16(R)), vget_low_u16(O));
+    const uint32x4_t hi = vaddw_u16(vmull_u16(vget_high_u16(a), vget_high_u16(R)), vget_high_u16(O));
+    return vcombine_u16(vshrn_n_u32(lo, 14), vshrn_n_u32(hi, 14));
+}
+
+// The final magnitudes m of row r: offsets updated, levels stored with the
+// signs of c; returns the row's zero flags as bytes.
+inline uint8x8_t finish_row(int16x8_t c, uint16x8_t a, uint16x8_t m, const uint16_t *q, const uint16_t *recip,
+                            uint16_t *adapt, int16_t *blk) {
+    const uint16x8_t none = vceqq_u16(m, vdupq_n_u16(0));
+    if (adapt) {
+        // err = |c| - m q; d = (|err| recip) >> 11 = (32 |err| recip) >> 16.
+        const int16x8_t err = vreinterpretq_s16_u16(vmlsq_u16(a, m, vld1q_u16(q)));
+        const int16x8_t d = vqdmulhq_s16(vshlq_n_s16(vabsq_s16(err), 4), vreinterpretq_s16_u16(vld1q_u16(recip)));
+        const int16x8_t neg = vshrq_n_s16(err, 15);
+        const uint16x8_t O = vld1q_u16(adapt);
+        int16x8_t o = vaddq_s16(vreinterpretq_s16_u16(O), vsubq_s16(veorq_s16(d, neg), neg));
+        o = vminq_s16(vmaxq_s16(o, vdupq_n_s16(0)), vdupq_n_s16(8192));
+        vst1q_u16(adapt, vbslq_u16(none, O, vreinterpretq_u16_s16(o)));
+    }
+    const int16x8_t sc = vshrq_n_s16(c, 15);
+    vst1q_s16(blk, vsubq_s16(veorq_s16(vreinterpretq_s16_u16(m), sc), sc));
+    return vmovn_u16(none);
+}
+
+}  // namespace
+
+uint64_t kivoe_fdct_quant_kept_samples_neon(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                            const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                            int32_t suppress) {
+    // The samples widened, their sum S giving the DC coefficient's
+    // brightness: F = (S - 8188) >> 3, so (F + 1024) >> 3 is (S + 4) >> 6.
+    uint16x8_t sum = vdupq_n_u16(0);
+    for (int r = 0; r < 8; ++r) {
+        const uint16x8_t v = vmovl_u8(vld1_u8(src + static_cast<ptrdiff_t>(r) * stride));
+        sum = vaddq_u16(sum, v);
+        vst1q_s16(blk + 8 * r, vreinterpretq_s16_u16(v));
+    }
+    const uint8_t *row = nullptr;
+    if (suppress) {
+        const uint64x2_t s2 = vpaddlq_u32(vpaddlq_u16(sum));
+        const int32_t S = static_cast<int32_t>(vgetq_lane_u64(s2, 0) + vgetq_lane_u64(s2, 1));
+        const int k = tbl_suppr_lum[(S + 4) >> 6];
+        if (k) row = kivo_tbl_suppr_thr + 64 * (k - 1);
+    }
+    kivoe_fdct8_neon(blk);
+    uint8x8_t zero_flags[8];
+    if (!row) {
+        // Nothing to suppress: one pass.
+        for (int r = 0; r < 8; ++r) {
+            const int16x8_t c = vld1q_s16(blk + 8 * r);
+            const uint16x8_t a = vreinterpretq_u16_s16(vabsq_s16(c));
+            const uint16x8_t n = magnitudes(a, recip + 8 * r, half + 8 * r, adapt ? adapt + 8 * r : nullptr);
+            zero_flags[r] = finish_row(c, a, n, q + 8 * r, recip + 8 * r, adapt ? adapt + 8 * r : nullptr, blk + 8 * r);
+        }
+    } else {
+        // The magnitudes first, kept in place of the coefficients' signs
+        // being needed again: the AC ones, each counted up to 8, decide
+        // whether the block is suppressed.
+        alignas(16) uint16_t mag[64];
+        uint16x8_t acc = vdupq_n_u16(0);
+        const uint16x8_t eight = vdupq_n_u16(8);
+        for (int r = 0; r < 8; ++r) {
+            const uint16x8_t a = vreinterpretq_u16_s16(vabsq_s16(vld1q_s16(blk + 8 * r)));
+            const uint16x8_t n = magnitudes(a, recip + 8 * r, half + 8 * r, adapt ? adapt + 8 * r : nullptr);
+            vst1q_u16(mag + 8 * r, n);
+            acc = vaddq_u16(acc, vminq_u16(n, eight));
+        }
+        const uint64x2_t t = vpaddlq_u32(vpaddlq_u16(acc));
+        const uint32_t total = static_cast<uint32_t>(vgetq_lane_u64(t, 0) + vgetq_lane_u64(t, 1));
+        const bool busy = total - (mag[0] < 8 ? mag[0] : 8) > 7;
+        for (int r = 0; r < 8; ++r) {
+            const int16x8_t c = vld1q_s16(blk + 8 * r);
+            const uint16x8_t a = vreinterpretq_u16_s16(vabsq_s16(c));
+            uint16x8_t m = vld1q_u16(mag + 8 * r);
+            if (busy) {
+                const uint16x8_t Q = vld1q_u16(q + 8 * r), R = vld1q_u16(recip + 8 * r);
+                const uint16x8_t Z = vqsubq_u16(vaddq_u16(a, Q), vmovl_u8(vld1_u8(row + 8 * r)));
+                const uint16x8_t m0 = mul_q14(Z, R);
+                const uint16x8_t rem = vmlsq_u16(Z, m0, Q);
+                m = vminq_u16(m, vsubq_u16(m0, vcgeq_u16(rem, Q)));  // + 1 where rem >= q
+            }
+            zero_flags[r] = finish_row(c, a, m, q + 8 * r, recip + 8 * r, adapt ? adapt + 8 * r : nullptr, blk + 8 * r);
+        }
+    }
+    // The zero flags in zig-zag order, rows 0-3 by vtbl, rows 4-7 by vtbx
+    // on the indices minus 32; one bit a flag, then pairwise sums.
+    const uint8x8x4_t top = {{zero_flags[0], zero_flags[1], zero_flags[2], zero_flags[3]}};
+    const uint8x8x4_t bottom = {{zero_flags[4], zero_flags[5], zero_flags[6], zero_flags[7]}};
+    const uint8x8_t weight = vld1_u8(kZig.weight);
+    uint8x8_t bytes[8];
+    for (int z = 0; z < 8; ++z) {
+        const uint8x8_t f = vtbx4_u8(vtbl4_u8(top, vld1_u8(kZig.lo + 8 * z)), bottom, vld1_u8(kZig.hi + 8 * z));
+        bytes[z] = vand_u8(f, weight);
+    }
+    uint8x8_t p[4];
+    for (int z = 0; z < 4; ++z) p[z] = vpadd_u8(bytes[2 * z], bytes[2 * z + 1]);
+    const uint8x8_t packed = vpadd_u8(vpadd_u8(p[0], p[1]), vpadd_u8(p[2], p[3]));
+    const uint64_t zeros = vget_lane_u64(vreinterpret_u64_u8(packed), 0);
+    return ~zeros & ~uint64_t(1);
+}

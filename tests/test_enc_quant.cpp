@@ -273,7 +273,11 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
     is_new(plain.fdct8), is_new(plain.quant), is_new(plain.quant_rdoq), is_new(plain.jndfilt), is_new(plain.planes),
         is_new(plain.quant_mask), is_new(plain.fdct_quant_mask), is_new(plain.jnd_suppress), is_new(plain.update_offset),
         is_new(plain.box2), is_new(plain.abs_acc);
-    ASSERT_TRUE(plain.jndfilt_u8 == &kivoe_jndfilt8x8_u8 && plain.fdct8_samples == nullptr && plain.quant_kept == nullptr);
+    ASSERT_TRUE(plain.jndfilt_u8 == &kivoe_jndfilt8x8_u8 && plain.quant_kept == nullptr &&
+                plain.fdct_quant_kept_samples == nullptr && plain.jnd_fdct_quant_kept == nullptr &&
+                plain.fdct_quant_kept2 == nullptr && plain.jnd_fdct_quant_kept2 == nullptr &&
+                plain.jnd_fdct_quant_kept4 == nullptr &&
+                plain.box2_strip == nullptr);
     int checked = 0, failures = 0;
     auto fail = [&failures](const char *what, uint32_t flags, size_t i) {
         if (failures++ < 5) ADD_FAILURE() << what << " at CPU flags " << flags << ": block " << i;
@@ -340,9 +344,9 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
         }
         // The filter to bytes against the plain filter, and the transform of
         // bytes (rows 13 apart at an odd address) against the plain one.
-        const bool filt8 = is_new(p.jndfilt_u8), fs = p.fdct8_samples && is_new(p.fdct8_samples);
-        checked += filt8 + fs;
-        for (size_t i = 0; (filt8 || fs) && i + 2 < sets.samples.size(); ++i) {
+        const bool filt8 = is_new(p.jndfilt_u8);
+        checked += filt8;
+        for (size_t i = 0; filt8 && i + 2 < sets.samples.size(); ++i) {
             uint8_t plane[12 * 13 + 1], got[64 + 2];
             for (int k = 0; k < 12 * 13; ++k) plane[k + 1] = static_cast<uint8_t>(sets.samples[i + k / 64][k % 64]);
             const int16_t zero[64] = {};
@@ -355,8 +359,6 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
                     fail("jndfilt_u8", flags, i);
                     break;
                 }
-            if (fs) kivoe_fdct8_samples(plane + 1, 13, a.at), p.fdct8_samples(plane + 1, 13, b.at);
-            if (fs && !(a == b)) fail("fdct8_samples", flags, i);
         }
         for (size_t i = 0; (quant || rdoq || qmask) && i < sets.pairs.size(); ++i) {
             const int16_t *in = sets.coefs[sets.pairs[i].first].data();
@@ -422,6 +424,83 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
                 !(e == f) || std::memcmp(oa, ob, sizeof(oa)))
                 fail("quant_kept", flags, i);
         }
+        // From 8-bit samples (rows 13 bytes apart at an odd address, two
+        // more above and below for the filter) to the levels with any of
+        // the steps, against the plain ones; the offsets run on from block
+        // to block, restarting from the table's (8192, 0 or any up to 8192)
+        // every 50 blocks.
+        const bool ks = p.fdct_quant_kept_samples && is_new(p.fdct_quant_kept_samples);
+        const bool kf = p.jnd_fdct_quant_kept && is_new(p.jnd_fdct_quant_kept);
+        checked += ks + kf;
+        for (size_t i = 0; (ks || kf) && i + 2 < sets.samples.size(); ++i) {
+            uint8_t plane[12 * 13 + 1];
+            for (int k = 0; k < 12 * 13; ++k) plane[k + 1] = static_cast<uint8_t>(sets.samples[i + k / 64][k % 64]);
+            const size_t t = i / 50 % sets.tables.size();
+            std::memcpy(&odd[1], sets.tables[t].data(), 512);
+            static uint16_t oa[64], ob[64];
+            if (i % 50 == 0)
+                for (int k = 0; k < 64; ++k) oa[k] = ob[k] = std::min<uint16_t>(odd[193 + k], 8192);
+            const int16_t zero[64] = {};
+            Slot a(zero, i % 5), b(zero, i % 5);
+            const bool adaptive = i % 3 != 0, filter = i % 7 < 3 ? kf : !ks;
+            const int32_t suppress = i % 5 != 0;
+            const kivoe_kept_samples_fn want = filter ? kivoe_jnd_fdct_quant_kept : kivoe_fdct_quant_kept_samples;
+            const kivoe_kept_samples_fn got = filter ? p.jnd_fdct_quant_kept : p.fdct_quant_kept_samples;
+            const uint8_t *src = plane + 1 + 2 * 13;
+            if (want(src, 13, a.at, &odd[1], &odd[65], &odd[129], adaptive ? oa : nullptr, suppress) !=
+                    got(src, 13, b.at, &odd[1], &odd[65], &odd[129], adaptive ? ob : nullptr, suppress) ||
+                !(a == b) || std::memcmp(oa, ob, sizeof(oa)))
+                fail("fdct_quant_kept_samples", flags, i);
+        }
+        // Two blocks at a time against the plain kernels one after the
+        // other, side by side in a 12-row area (rows 21 bytes apart),
+        // offsets running on as above.
+        const bool k2 = p.fdct_quant_kept2 && is_new(p.fdct_quant_kept2);
+        const bool kf2 = p.jnd_fdct_quant_kept2 && is_new(p.jnd_fdct_quant_kept2);
+        checked += k2 + kf2;
+        for (size_t i = 0; (k2 || kf2) && i + 4 < sets.samples.size(); i += 2) {
+            uint8_t plane[12 * 21 + 1];
+            for (int k = 0; k < 12 * 21; ++k) plane[k + 1] = static_cast<uint8_t>(sets.samples[i + k / 64][k % 64]);
+            std::memcpy(&odd[1], sets.tables[i / 50 % sets.tables.size()].data(), 512);
+            static uint16_t oa[64], ob[64];
+            if (i % 50 == 0)
+                for (int k = 0; k < 64; ++k) oa[k] = ob[k] = std::min<uint16_t>(odd[193 + k], 8192);
+            const int16_t zero[128] = {};
+            Slot a0(zero, i % 5), a1(zero, i % 3), b0(zero, i % 5), b1(zero, i % 3);
+            const bool adaptive = i % 3 != 0, filter = i % 4 < 2 ? kf2 : !k2;
+            const int32_t suppress = i % 5 != 0;
+            const uint8_t *const src[2] = {plane + 1 + 2 * 21, plane + 1 + 2 * 21 + (i % 8 < 4 ? 8 : 13)};
+            int16_t *const want_at[2] = {a0.at, a1.at}, *const got_at[2] = {b0.at, b1.at};
+            uint64_t want[2], got[2];
+            (filter ? kivoe_jnd_fdct_quant_kept2 : kivoe_fdct_quant_kept2)(src, 21, want_at, &odd[1], &odd[65], &odd[129],
+                                                                           adaptive ? oa : nullptr, suppress, want);
+            (filter ? p.jnd_fdct_quant_kept2 : p.fdct_quant_kept2)(src, 21, got_at, &odd[1], &odd[65], &odd[129],
+                                                                   adaptive ? ob : nullptr, suppress, got);
+            if (want[0] != got[0] || want[1] != got[1] || !(a0 == b0) || !(a1 == b1) || std::memcmp(oa, ob, sizeof(oa)))
+                fail(filter ? "jnd_fdct_quant_kept2" : "fdct_quant_kept2", flags, i);
+        }
+        // Four filtered blocks, 2 x 2 in a 20-row area.
+        const bool kf4 = p.jnd_fdct_quant_kept4 && is_new(p.jnd_fdct_quant_kept4);
+        checked += kf4;
+        for (size_t i = 0; kf4 && i + 8 < sets.samples.size(); i += 4) {
+            uint8_t plane[20 * 21 + 1];
+            for (int k = 0; k < 20 * 21; ++k) plane[k + 1] = static_cast<uint8_t>(sets.samples[i + k / 64][k % 64]);
+            std::memcpy(&odd[1], sets.tables[i / 52 % sets.tables.size()].data(), 512);
+            uint16_t oa[64], ob[64];
+            for (int k = 0; k < 64; ++k) oa[k] = ob[k] = std::min<uint16_t>(odd[193 + k], 8192);
+            int16_t want_blk[4][64], got_blk[4][64];
+            int16_t *const want_at[4] = {want_blk[0], want_blk[1], want_blk[2], want_blk[3]};
+            int16_t *const got_at[4] = {got_blk[0], got_blk[1], got_blk[2], got_blk[3]};
+            const uint8_t *at = plane + 1 + 2 * 21;
+            const uint8_t *const src[4] = {at, at + 8, at + 8 * 21, at + 8 * 21 + 8};
+            const bool adaptive = i % 3 != 0;
+            uint64_t want[4], got[4];
+            kivoe_jnd_fdct_quant_kept4(src, 21, want_at, &odd[1], &odd[65], &odd[129], adaptive ? oa : nullptr, i % 5 != 0, want);
+            p.jnd_fdct_quant_kept4(src, 21, got_at, &odd[1], &odd[65], &odd[129], adaptive ? ob : nullptr, i % 5 != 0, got);
+            if (std::memcmp(want, got, sizeof(want)) || std::memcmp(want_blk, got_blk, sizeof(want_blk)) ||
+                std::memcmp(oa, ob, sizeof(oa)))
+                fail("jnd_fdct_quant_kept4", flags, i);
+        }
         // The perceptual sampling's kernels, rows 37 bytes apart, and sums
         // near the top of 32 bits.
         const bool box = is_new(p.box2), acc = is_new(p.abs_acc);
@@ -438,6 +517,21 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
             const int16_t *c = sets.coefs[i % sets.coefs.size()].data();
             if (acc) plain.abs_acc(c, sa), p.abs_acc(c, sb);
             if (acc && std::memcmp(sa, sb, sizeof(sa))) fail("abs_acc", flags, i);
+        }
+        // Strips of 1 to 70 blocks (past one and two chunks of 32), samples
+        // of the sets or only 0 and 255, rows 16 n + 3 bytes apart.
+        const bool strip = p.box2_strip && is_new(p.box2_strip);
+        checked += strip;
+        for (int n = 1; strip && n <= 70; ++n) {
+            const int32_t stride = 16 * n + 3;
+            std::vector<uint8_t> plane(16 * stride + 1);
+            for (size_t k = 0; k < plane.size(); ++k)
+                plane[k] = n % 3 ? static_cast<uint8_t>(sets.samples[(k / 64 + n) % sets.samples.size()][k % 64]) : (rng() & 1) * 255;
+            uint32_t sa[64], sb[64];
+            for (int k = 0; k < 64; ++k) sa[k] = sb[k] = rng() % 1000;
+            kivoe_box2_strip(plane.data() + 1, stride, n, sa);
+            p.box2_strip(plane.data() + 1, stride, n, sb);
+            if (std::memcmp(sa, sb, sizeof(sa))) fail("box2_strip", flags, n);
         }
     }
     EXPECT_EQ(failures, 0);
