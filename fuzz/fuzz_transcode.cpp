@@ -7,8 +7,8 @@
 // the checked run the kernels the input picks, 0xFF, and a handle that
 // first met a failed allocation. Both must give the same status and stream;
 // the bytes after the stream keep their pattern, and a stream that is not
-// format 40's decodes completely with our decoder (a lossless output in a
-// layout it does not reconstruct: has its levels read whole).
+// format 40's decodes completely with our decoder (in a layout it does not
+// reconstruct: has its levels read whole).
 #include "fuzz/fuzz_util.h"
 #include "kivot.h"
 
@@ -125,7 +125,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             kivod_progress pr{};
             kivod_get_progress(d, &pr);
             fz::check(st == 0 && pr.complete, "the new stream does not decode whole");
-        } else if (st == KIVO_ERR_UNSUPPORTED && info.width > 0 && info.color_format == 0) {
+        }
+        // Format 40's streams (empty chroma components) nothing reads. Other
+        // layouts our decoder does not reconstruct (format 44's, a lossless
+        // output of a source in such a layout) have their levels read whole.
+        const int32_t format = p.set_format ? p.format : p.cp.color_format;
+        const bool layout = st == KIVO_ERR_COLOR_FORMAT || (st == KIVO_ERR_UNSUPPORTED && info.width > 0 && info.color_format == 0);
+        if (layout && format == XELO_CS_YCBCRK400 && p.mode != 1 && p.mode != 2) {
+            st = 0;
+        } else if (layout) {
             const kivoe_create_param cp{1, 0, 0, 0, 0, nullptr};
             kivot_ctx *again = kivot_create(&cp, nullptr);
             std::vector<uint8_t> re(b.bytes.size() * 2 + 65536);
@@ -136,11 +144,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             int32_t n = 0;
             st = kivot_txcode_lossless(again, &din, &ro, &n, KIVOT_LOSSLESS_BASELINE);
             kivot_delete(again);
-            fz::check(st == 0 && p.mode != 0, "the levels of a new stream in another layout do not read whole");
+            fz::check(st == 0, "the levels of a new stream in a layout our decoder does not take do not read whole");
         }
-        // Formats 40 and 44 make streams our decoder does not take.
-        const int32_t format = p.set_format ? p.format : p.cp.color_format;
-        fz::check(st == 0 || format == XELO_CS_YCBCRK400 || format == XELO_CS_YCBCRK440, "the new stream is refused");
+        fz::check(st == 0, "the new stream is refused");
         kivod_delete(d);
     }
     return 0;

@@ -52,8 +52,9 @@ KIVO_API int32_t kivot_set_copy(kivot_ctx *ctx, int32_t copy);
  * kivot_set_copy says) and trailing bytes: baseline with Huffman tables
  * optimised for them, or progressive. Decoding the output gives exactly the
  * source's pixels. Any sampling layout of one, three or four components is
- * taken, also one the decoder does not reconstruct (kivot_txcode then gives
- * -103, and the smallest-of call leaves the pipeline out). A source that
+ * taken, also one the decoder does not reconstruct (kivot_txcode then
+ * refuses it, -103 or -211, and the smallest-of call leaves the pipeline
+ * out). A source that
  * does not decode whole is refused with the decoder's status (or -202). */
 #define KIVOT_LOSSLESS_BASELINE 0
 #define KIVOT_LOSSLESS_PROGRESSIVE 1

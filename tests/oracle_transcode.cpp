@@ -259,23 +259,25 @@ TEST(OracleTranscode, LosslessAndSmallest) {
 }
 
 // Layouts this library does not reconstruct (chroma factors unlike each
-// other, luma below chroma) still have their levels coded again: both
+// other, luma below chroma, four components in 4:4:0) still have their
+// levels coded again: both
 // lossless codings decode with libjpeg-turbo to the source's pixels within
 // 1% of jpegtran's size, and the smallest-of output is one of them or the
 // source, while a decode to pixels and the pipeline refuse such a source.
 TEST(OracleTranscode, LosslessOfAnyLayout) {
-    const struct { int h[3], v[3]; bool progressive; } kCases[] = {{{2, 2, 1}, {2, 1, 2}, false},
-                                                                   {{1, 2, 2}, {1, 2, 2}, true}};
+    const struct { int n_comp, h[4], v[4]; bool progressive; } kCases[] = {
+        {3, {2, 2, 1}, {2, 1, 2}, false}, {3, {1, 2, 2}, {1, 2, 2}, true}, {4, {1, 1, 1, 1}, {2, 1, 1, 2}, false}};
     kivoe_create_param p{1, 0, 0, 0, 0, nullptr};
     kivot_ctx *t = kivot_create(&p, nullptr);
     for (const auto &c : kCases) {
         turbo::EncodeSpec e;
-        e.width = 203, e.height = 131, e.n_comp = 3, e.quality = 85, e.progressive = c.progressive;
-        for (int k = 0; k < 3; ++k) e.h[k] = c.h[k], e.v[k] = c.v[k];
+        e.width = 203, e.height = 131, e.n_comp = c.n_comp, e.quality = 85, e.progressive = c.progressive;
+        for (int k = 0; k < c.n_comp; ++k) e.h[k] = c.h[k], e.v[k] = c.v[k];
         const Bytes src = turbo::encode(e, turbo::make_planes(e, 7));
         ASSERT_FALSE(src.empty());
-        EXPECT_EQ(kivotest::decode(src, 1).status, KIVO_ERR_UNSUPPORTED);
-        EXPECT_EQ(transcode(src).status, KIVO_ERR_UNSUPPORTED);
+        const int32_t refused = c.n_comp == 4 ? KIVO_ERR_COLOR_FORMAT : KIVO_ERR_UNSUPPORTED;
+        EXPECT_EQ(kivotest::decode(src, 1).status, refused);
+        EXPECT_EQ(transcode(src).status, refused);
         Bytes in(src), buf(src.size() * 2);
         xelo_bitb ib{}, ob{};
         ib.addr = in.data(), ib.ssize = static_cast<int32_t>(in.size());
