@@ -108,15 +108,12 @@ inline __m256i pairs(__m128i p, __m128i q) {
     return _mm256_set_m128i(_mm_unpackhi_epi16(p, q), _mm_unpacklo_epi16(p, q));
 }
 
-// The columns of the 8 x 8 samples at src (rows stride bytes apart) as
-// 16-bit vectors over the rows.
-inline void load_columns_u8(const uint8_t *src, ptrdiff_t stride, __m128i x[8]) {
-    __m128i r[8];
-    for (int i = 0; i < 8; ++i) r[i] = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src + i * stride));
-    // Bytes of two rows, then four, then eight interleaved: column c of
-    // rows 0 to 7 ends as bytes 8 (c % 2) to 8 (c % 2) + 7 of c4[c / 2].
-    const __m128i a0 = _mm_unpacklo_epi8(r[0], r[1]), a1 = _mm_unpacklo_epi8(r[2], r[3]);
-    const __m128i a2 = _mm_unpacklo_epi8(r[4], r[5]), a3 = _mm_unpacklo_epi8(r[6], r[7]);
+// The columns of an 8 x 8 block of samples as 16-bit vectors over the
+// rows, from the bytes of rows 0 and 1 interleaved (a0), of rows 2 and 3
+// (a1), 4 and 5 (a2), 6 and 7 (a3).
+inline void columns_of_pairs(__m128i a0, __m128i a1, __m128i a2, __m128i a3, __m128i x[8]) {
+    // Then four rows, then eight interleaved: column c of rows 0 to 7 ends
+    // as bytes 8 (c % 2) to 8 (c % 2) + 7 of c4[c / 2].
     const __m128i b0 = _mm_unpacklo_epi16(a0, a1), b1 = _mm_unpackhi_epi16(a0, a1);
     const __m128i b2 = _mm_unpacklo_epi16(a2, a3), b3 = _mm_unpackhi_epi16(a2, a3);
     const __m128i c4[4] = {_mm_unpacklo_epi32(b0, b2), _mm_unpackhi_epi32(b0, b2), _mm_unpacklo_epi32(b1, b3),
@@ -125,6 +122,15 @@ inline void load_columns_u8(const uint8_t *src, ptrdiff_t stride, __m128i x[8]) 
         x[2 * i] = _mm_cvtepu8_epi16(c4[i]);
         x[2 * i + 1] = _mm_unpackhi_epi8(c4[i], _mm_setzero_si128());
     }
+}
+
+// The columns of the 8 x 8 samples at src (rows stride bytes apart) as
+// 16-bit vectors over the rows.
+inline void load_columns_u8(const uint8_t *src, ptrdiff_t stride, __m128i x[8]) {
+    __m128i r[8];
+    for (int i = 0; i < 8; ++i) r[i] = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src + i * stride));
+    columns_of_pairs(_mm_unpacklo_epi8(r[0], r[1]), _mm_unpacklo_epi8(r[2], r[3]), _mm_unpacklo_epi8(r[4], r[5]),
+                     _mm_unpacklo_epi8(r[6], r[7]), x);
 }
 
 // The coefficients of the samples whose columns x holds, two rows a vector.

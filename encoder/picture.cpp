@@ -45,27 +45,9 @@ inline void load_inside(const uint8_t *src, int32_t stride, int16_t *blk) {
 #endif
 }
 
-// Loads the 8x8 block at (8 bcol, 8 brow) of a plane, repeating the last
-// column and row where the block crosses the plane's edge.
-void load_block(const uint8_t *plane, int32_t stride, int32_t ws, int32_t hs, int32_t bcol, int32_t brow,
-                int16_t *blk) {
-    int32_t x = 8 * bcol, y = 8 * brow;
-    if (x > ws - 1) x = ws - 1;
-    if (y > hs - 1) y = hs - 1;
-    const int32_t cols = ws - x < 8 ? ws - x : 8, rows = hs - y < 8 ? hs - y : 8;
-    const uint8_t *src = plane + static_cast<ptrdiff_t>(y) * stride + x;
-    if (cols == 8 && rows == 8) {
-        load_inside(src, stride, blk);
-        return;
-    }
-    for (int r = 0; r < rows; ++r, src += stride) {
-        for (int c = 0; c < cols; ++c) blk[8 * r + c] = src[c];
-        for (int c = cols; c < 8; ++c) blk[8 * r + c] = src[cols - 1];
-    }
-    for (int r = rows; r < 8; ++r) std::memcpy(blk + 8 * r, blk + 8 * (r - 1), 16);
-}
-
-// The same into 8 x 8 bytes.
+// Loads the 8x8 block at (8 bcol, 8 brow) of a plane into 8 x 8 bytes,
+// repeating the last column and row where the block crosses the plane's
+// edge.
 void load_block_u8(const uint8_t *plane, int32_t stride, int32_t ws, int32_t hs, int32_t bcol, int32_t brow,
                    uint8_t *blk) {
     int32_t x = 8 * bcol, y = 8 * brow;
@@ -78,6 +60,18 @@ void load_block_u8(const uint8_t *plane, int32_t stride, int32_t ws, int32_t hs,
         std::memset(blk + 8 * r + cols, src[cols - 1], static_cast<size_t>(8 - cols));
     }
     for (int r = rows; r < 8; ++r) std::memcpy(blk + 8 * r, blk + 8 * (r - 1), 8);
+}
+
+// The same as 16-bit samples.
+void load_block(const uint8_t *plane, int32_t stride, int32_t ws, int32_t hs, int32_t bcol, int32_t brow,
+                int16_t *blk) {
+    if (8 * bcol + 8 <= ws && 8 * brow + 8 <= hs) {
+        load_inside(plane + static_cast<ptrdiff_t>(8 * brow) * stride + 8 * bcol, stride, blk);
+        return;
+    }
+    uint8_t edge[64];
+    load_block_u8(plane, stride, ws, hs, bcol, brow, edge);
+    load_inside(edge, 8, blk);
 }
 
 // The mask a quantizer returned, as the block coder takes it: all ones

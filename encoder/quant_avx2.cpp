@@ -71,6 +71,16 @@ inline __m256i zigzag_half(const __m256i v[4], int j) {
     return out;
 }
 
+// The zig-zag mask of the non-zero AC levels (bit 0 clear) from one byte a
+// level in raster order, all ones where the level is zero: positions 0 to
+// 31 in lo, 32 to 63 in hi.
+inline uint64_t nonzero_zigzag(__m256i lo, __m256i hi) {
+    const __m256i v[4] = {lo, _mm256_permute2x128_si256(lo, lo, 0x01), hi, _mm256_permute2x128_si256(hi, hi, 0x01)};
+    const uint64_t zeros = static_cast<uint32_t>(_mm256_movemask_epi8(zigzag_half(v, 0))) |
+                           static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(zigzag_half(v, 1)))) << 32;
+    return ~zeros & ~uint64_t(1);
+}
+
 }  // namespace
 
 int32_t kivoe_quant_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
@@ -103,16 +113,11 @@ inline uint64_t quant_mask_rows(const __m256i c[4], int16_t *blk, const uint16_t
     }
     // One byte a coefficient, all ones where the level is zero (magnitudes
     // above 255 saturate, so no other level packs to 0).
-    __m256i v[4];
-    v[0] = _mm256_cmpeq_epi8(_mm256_packus_epi16(n[0], n[1]), zero);
-    v[2] = _mm256_cmpeq_epi8(_mm256_packus_epi16(n[2], n[3]), zero);
-    v[1] = _mm256_permute2x128_si256(v[0], v[0], 0x01);
-    v[3] = _mm256_permute2x128_si256(v[2], v[2], 0x01);
-    const uint64_t zeros = static_cast<uint32_t>(_mm256_movemask_epi8(zigzag_half(v, 0))) |
-                           static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(zigzag_half(v, 1)))) << 32;
+    const uint64_t nonzero = nonzero_zigzag(_mm256_cmpeq_epi8(_mm256_packus_epi16(n[0], n[1]), zero),
+                                            _mm256_cmpeq_epi8(_mm256_packus_epi16(n[2], n[3]), zero));
     // A magnitude of 2048 or more sets a bit above the low eleven.
     const bool big = !_mm256_testz_si256(any, _mm256_set1_epi16(-2048));
-    return (~zeros & ~uint64_t(1)) | big;  // bit 0 is the DC coefficient's
+    return nonzero | big;  // bit 0 is the DC coefficient's
 }
 
 }  // namespace
@@ -173,14 +178,8 @@ inline uint64_t levels_mask(const int16_t *blk) {
     }
     if (!_mm256_testz_si256(bad, bad)) return ~uint64_t(0);
     // One byte a level, all ones where it is zero, as the quantizers' masks.
-    __m256i v[4];
-    v[0] = _mm256_packs_epi16(_mm256_cmpeq_epi16(l[0], zero), _mm256_cmpeq_epi16(l[1], zero));
-    v[2] = _mm256_packs_epi16(_mm256_cmpeq_epi16(l[2], zero), _mm256_cmpeq_epi16(l[3], zero));
-    v[1] = _mm256_permute2x128_si256(v[0], v[0], 0x01);
-    v[3] = _mm256_permute2x128_si256(v[2], v[2], 0x01);
-    const uint64_t zeros = static_cast<uint32_t>(_mm256_movemask_epi8(zigzag_half(v, 0))) |
-                           static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(zigzag_half(v, 1)))) << 32;
-    return ~zeros & ~uint64_t(1);
+    return nonzero_zigzag(_mm256_packs_epi16(_mm256_cmpeq_epi16(l[0], zero), _mm256_cmpeq_epi16(l[1], zero)),
+                          _mm256_packs_epi16(_mm256_cmpeq_epi16(l[2], zero), _mm256_cmpeq_epi16(l[3], zero)));
 }
 
 }  // namespace
@@ -279,14 +278,8 @@ inline uint64_t kept_rows(const __m256i c[4], const uint8_t *row, int16_t *blk, 
     }
     for (int k = 0; k < 4; ++k)
         _mm256_storeu_si256(reinterpret_cast<__m256i *>(blk + 16 * k), _mm256_sign_epi16(n[k], c[k]));
-    __m256i v[4];
-    v[0] = _mm256_cmpeq_epi8(_mm256_packus_epi16(n[0], n[1]), zero);
-    v[2] = _mm256_cmpeq_epi8(_mm256_packus_epi16(n[2], n[3]), zero);
-    v[1] = _mm256_permute2x128_si256(v[0], v[0], 0x01);
-    v[3] = _mm256_permute2x128_si256(v[2], v[2], 0x01);
-    const uint64_t zeros = static_cast<uint32_t>(_mm256_movemask_epi8(zigzag_half(v, 0))) |
-                           static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(zigzag_half(v, 1)))) << 32;
-    return ~zeros & ~uint64_t(1);
+    return nonzero_zigzag(_mm256_cmpeq_epi8(_mm256_packus_epi16(n[0], n[1]), zero),
+                          _mm256_cmpeq_epi8(_mm256_packus_epi16(n[2], n[3]), zero));
 }
 
 }  // namespace
@@ -328,19 +321,10 @@ namespace {
 inline void columns_of_rows(const __m256i b[2], __m128i x[8]) {
     const __m256i pairs = _mm256_setr_epi8(0, 8, 1, 9, 2, 10, 3, 11, 4, 12, 5, 13, 6, 14, 7, 15,
                                            0, 8, 1, 9, 2, 10, 3, 11, 4, 12, 5, 13, 6, 14, 7, 15);
-    // Bytes of rows 0 and 1, 2 and 3, ... interleaved, as load_columns_u8's
-    // first step.
+    // Bytes of rows 0 and 1, 2 and 3, ... interleaved.
     const __m256i a01 = _mm256_shuffle_epi8(b[0], pairs), a23 = _mm256_shuffle_epi8(b[1], pairs);
-    const __m128i a0 = _mm256_castsi256_si128(a01), a1 = _mm256_extracti128_si256(a01, 1);
-    const __m128i a2 = _mm256_castsi256_si128(a23), a3 = _mm256_extracti128_si256(a23, 1);
-    const __m128i b0 = _mm_unpacklo_epi16(a0, a1), b1 = _mm_unpackhi_epi16(a0, a1);
-    const __m128i b2 = _mm_unpacklo_epi16(a2, a3), b3 = _mm_unpackhi_epi16(a2, a3);
-    const __m128i c4[4] = {_mm_unpacklo_epi32(b0, b2), _mm_unpackhi_epi32(b0, b2), _mm_unpacklo_epi32(b1, b3),
-                           _mm_unpackhi_epi32(b1, b3)};
-    for (int i = 0; i < 4; ++i) {
-        x[2 * i] = _mm_cvtepu8_epi16(c4[i]);
-        x[2 * i + 1] = _mm_unpackhi_epi8(c4[i], _mm_setzero_si128());
-    }
+    columns_of_pairs(_mm256_castsi256_si128(a01), _mm256_extracti128_si256(a01, 1), _mm256_castsi256_si128(a23),
+                     _mm256_extracti128_si256(a23, 1), x);
 }
 
 }  // namespace

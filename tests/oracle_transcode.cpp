@@ -41,6 +41,24 @@ int32_t code(kivoe_ctx *enc, kivot_ctx *trc, const Bytes &src, Bytes *jpg, int32
 
 struct Result { int32_t status = 0; Bytes out; uint8_t qtbl[128]; };
 
+// A source in memory and output memory of twice its size, as the
+// transcoding calls take them.
+struct Io {
+    Bytes in, buf;
+    xelo_bitb ib{}, ob{};
+    kivod_input input{};
+    kivoe_output output{};
+    explicit Io(const Bytes &src) : in(src), buf(src.size() * 2) {
+        ib.addr = in.data(), ib.ssize = static_cast<int32_t>(in.size());
+        ob.addr = buf.data(), ob.ssize = static_cast<int32_t>(buf.size());
+        input = kivod_input{KIVOD_INPUT_BITB, &ib, nullptr};
+        output = kivoe_output{KIVOD_INPUT_BITB, &ob, nullptr};
+    }
+    Io(const Io &) = delete;
+    Io &operator=(const Io &) = delete;
+    Bytes out(int32_t n) const { return Bytes(buf.begin(), buf.begin() + n); }
+};
+
 Result transcode(const Bytes &src, int quality = 0, bool optimize = false, int32_t out_size = -1, int threads = 1,
                  int32_t color_format = 0, int w = 0, int h = 0) {
     Result r;
@@ -163,10 +181,9 @@ TEST(OracleTranscode, LosslessAndSmallest) {
         e.width = 317, e.height = 243, e.n_comp = c.n_comp, e.quality = c.quality, e.progressive = c.progressive;
         e.restart_mcus = c.restart, e.h[0] = c.h0, e.v[0] = c.v0;
         const Bytes src = turbo::encode(e, turbo::make_planes(e, c.quality));
-        Bytes in(src);
-        xelo_bitb ib{};
-        ib.addr = in.data(), ib.ssize = static_cast<int32_t>(in.size());
-        const kivod_input input{KIVOD_INPUT_BITB, &ib, nullptr};
+        Io io(src);
+        const kivod_input &input = io.input;
+        const kivoe_output &output = io.output;
         kivoe_coef_pic pic;
         std::vector<turbo::Coefficients> want;
         ASSERT_TRUE(kivot_read_levels(t, &input, &pic, true) == 0 && turbo::read_coefficients(src, &want));
@@ -179,14 +196,10 @@ TEST(OracleTranscode, LosslessAndSmallest) {
         kivod_stats from_levels{}, from_pixels{};
         ASSERT_EQ(kivod_get_stats(t->dec, &from_levels), 0);
         kivod_release_frame_buffers(t->dec);
-        Bytes buf(src.size() * 2);
-        xelo_bitb ob{};
-        ob.addr = buf.data(), ob.ssize = static_cast<int32_t>(buf.size());
-        const kivoe_output output{KIVOD_INPUT_BITB, &ob, nullptr};
         int32_t sizes[3] = {0, 0, 0};  // each candidate's: lossless, progressive, pipeline
         Bytes lossless[2];
         ASSERT_EQ(kivot_txcode(t, &input, &output, &sizes[2]), 0);
-        const Bytes pipeline(buf.begin(), buf.begin() + sizes[2]);
+        const Bytes pipeline = io.out(sizes[2]);
         // A sequential source's levels come with the statistics of its pixels.
         ASSERT_EQ(kivod_get_stats(t->dec, &from_pixels), 0);
         EXPECT_TRUE(c.progressive || (from_levels.mean_level == from_pixels.mean_level &&
@@ -196,21 +209,21 @@ TEST(OracleTranscode, LosslessAndSmallest) {
         for (int32_t coding : {KIVOT_LOSSLESS_BASELINE, KIVOT_LOSSLESS_PROGRESSIVE}) {
             int32_t &n = sizes[coding];
             ASSERT_EQ(kivot_txcode_lossless(t, &input, &output, &n, coding), 0);
-            const Bytes out(buf.begin(), buf.begin() + n), ref = turbo::transcode(src, coding != 0, true);
+            const Bytes out = io.out(n), ref = turbo::transcode(src, coding != 0, true);
             lossless[coding] = out;
             EXPECT_TRUE(same_pixels(src, out)) << coding;
             EXPECT_LT(std::abs(double(out.size()) / ref.size() - 1), 0.01) << coding << ": " << out.size() << " vs " << ref.size();
             // Exactly its size is room enough, a byte less is not.
             for (int32_t less : {0, 1}) {
                 int32_t m = 0;
-                ob.ssize = n - less;
+                io.ob.ssize = n - less;
                 EXPECT_EQ(kivot_txcode_lossless(t, &input, &output, &m, coding), less ? KIVO_ERR_INVALID_ARG : 0);
             }
-            ob.ssize = static_cast<int32_t>(buf.size());
+            io.ob.ssize = static_cast<int32_t>(io.buf.size());
         }
         int32_t n = 0, chosen = 0;
         ASSERT_EQ(kivot_txcode_smallest(t, &input, &output, &n, &chosen), 0);
-        const Bytes out(buf.begin(), buf.begin() + n);
+        const Bytes out = io.out(n);
         EXPECT_LE(out.size(), src.size());
         EXPECT_LE(n, std::min(sizes[0], sizes[1]));
         // Sources of quality 95 and up get coarser tables, and the pipeline competes.
@@ -221,10 +234,10 @@ TEST(OracleTranscode, LosslessAndSmallest) {
         EXPECT_TRUE(chosen != KIVOT_CHOSEN_PIPELINE || out == pipeline);
         EXPECT_TRUE(c.quality != 75 || chosen != KIVOT_CHOSEN_PIPELINE);
         // Memory one byte short of the winner is refused; the handle goes on.
-        ob.ssize = n - 1;
+        io.ob.ssize = n - 1;
         EXPECT_EQ(kivot_txcode_smallest(t, &input, &output, &n, &chosen), KIVO_ERR_INVALID_ARG);
-        ob.ssize = static_cast<int32_t>(buf.size());
-        EXPECT_TRUE(kivot_txcode_smallest(t, &input, &output, &n, &chosen) == 0 && Bytes(buf.begin(), buf.begin() + n) == out);
+        io.ob.ssize = static_cast<int32_t>(io.buf.size());
+        EXPECT_TRUE(kivot_txcode_smallest(t, &input, &output, &n, &chosen) == 0 && io.out(n) == out);
         // On two threads, which share the lossless codings' steps: the same
         // lossless streams, and no larger a choice.
         kivo_tpool two;
@@ -234,7 +247,7 @@ TEST(OracleTranscode, LosslessAndSmallest) {
         kivot_ctx *t2 = kivot_create(&p2, nullptr);
         int32_t n2 = 0, chosen2 = 0;
         ASSERT_EQ(kivot_txcode_smallest(t2, &input, &output, &n2, &chosen2), 0);
-        const Bytes out2(buf.begin(), buf.begin() + n2);
+        const Bytes out2 = io.out(n2);
         EXPECT_LE(n2, std::min(sizes[0], sizes[1]));
         EXPECT_TRUE(chosen2 != KIVOT_CHOSEN_LOSSLESS || out2 == lossless[KIVOT_LOSSLESS_BASELINE]);
         EXPECT_TRUE(chosen2 != KIVOT_CHOSEN_PROGRESSIVE || out2 == lossless[KIVOT_LOSSLESS_PROGRESSIVE]);
@@ -250,7 +263,7 @@ TEST(OracleTranscode, LosslessAndSmallest) {
                 xelo_mem_fail_at(0);
                 kivot_delete(fresh);
                 EXPECT_TRUE(st == KIVO_ERR_OUT_OF_MEMORY || st == KIVO_ERR_IMGB ||
-                            (st == 0 && Bytes(buf.begin(), buf.begin() + n) == (q == &p ? out : out2)))
+                            (st == 0 && io.out(n) == (q == &p ? out : out2)))
                     << at << ": " << st;
             }
         }
@@ -278,22 +291,16 @@ TEST(OracleTranscode, LosslessOfAnyLayout) {
         const int32_t refused = c.n_comp == 4 ? KIVO_ERR_COLOR_FORMAT : KIVO_ERR_UNSUPPORTED;
         EXPECT_EQ(kivotest::decode(src, 1).status, refused);
         EXPECT_EQ(transcode(src).status, refused);
-        Bytes in(src), buf(src.size() * 2);
-        xelo_bitb ib{}, ob{};
-        ib.addr = in.data(), ib.ssize = static_cast<int32_t>(in.size());
-        ob.addr = buf.data(), ob.ssize = static_cast<int32_t>(buf.size());
-        const kivod_input input{KIVOD_INPUT_BITB, &ib, nullptr};
-        const kivoe_output output{KIVOD_INPUT_BITB, &ob, nullptr};
+        Io io(src);
         int32_t n = 0, chosen = 0;
         for (int32_t coding : {KIVOT_LOSSLESS_BASELINE, KIVOT_LOSSLESS_PROGRESSIVE}) {
-            ASSERT_EQ(kivot_txcode_lossless(t, &input, &output, &n, coding), 0) << coding;
-            const Bytes out(buf.begin(), buf.begin() + n), ref = turbo::transcode(src, coding != 0, true);
+            ASSERT_EQ(kivot_txcode_lossless(t, &io.input, &io.output, &n, coding), 0) << coding;
+            const Bytes out = io.out(n), ref = turbo::transcode(src, coding != 0, true);
             EXPECT_TRUE(same_pixels(src, out)) << coding;
             EXPECT_LT(std::abs(double(out.size()) / ref.size() - 1), 0.01) << coding << ": " << out.size() << " vs " << ref.size();
         }
-        ASSERT_EQ(kivot_txcode_smallest(t, &input, &output, &n, &chosen), 0);
-        EXPECT_TRUE(n <= static_cast<int32_t>(src.size()) && chosen != KIVOT_CHOSEN_PIPELINE &&
-                    same_pixels(src, Bytes(buf.begin(), buf.begin() + n)))
+        ASSERT_EQ(kivot_txcode_smallest(t, &io.input, &io.output, &n, &chosen), 0);
+        EXPECT_TRUE(n <= static_cast<int32_t>(src.size()) && chosen != KIVOT_CHOSEN_PIPELINE && same_pixels(src, io.out(n)))
             << kivot_chosen_name(chosen);
     }
     kivot_delete(t);
@@ -318,12 +325,9 @@ TEST(OracleTranscode, LaterScanReplacesLevels) {
         kivot_ctx *t = kivot_create(&p, nullptr);
         std::vector<int16_t> levels[2];
         for (int i = 0; i < 2; ++i) {
-            Bytes in(i ? both : b);
-            xelo_bitb ib{};
-            ib.addr = in.data(), ib.ssize = static_cast<int32_t>(in.size());
-            const kivod_input input{KIVOD_INPUT_BITB, &ib, nullptr};
+            Io io(i ? both : b);
             kivoe_coef_pic pic;
-            ASSERT_EQ(kivot_read_levels(t, &input, &pic, false), 0);
+            ASSERT_EQ(kivot_read_levels(t, &io.input, &pic, false), 0);
             levels[i].assign(pic.coef[0], pic.coef[0] + size_t(pic.blk_w[0]) * pic.blk_h[0] * 64);
             kivod_release_frame_buffers(t->dec);
         }
@@ -362,21 +366,16 @@ TEST(OracleTranscode, CopyChoices) {
     kivoe_create_param p{1, 0, 0, 0, 0, nullptr};
     kivot_ctx *t = kivot_create(&p, nullptr);
     EXPECT_EQ(kivot_set_copy(t, 3), KIVO_ERR_INVALID_ARG);
-    Bytes in(src), buf(src.size() * 2);
-    xelo_bitb ib{}, ob{};
-    ib.addr = in.data(), ib.ssize = static_cast<int32_t>(in.size());
-    ob.addr = buf.data(), ob.ssize = static_cast<int32_t>(buf.size());
-    const kivod_input input{KIVOD_INPUT_BITB, &ib, nullptr};
-    const kivoe_output output{KIVOD_INPUT_BITB, &ob, nullptr};
+    Io io(src);
     for (const auto &c : kCopies) {
         ASSERT_EQ(kivot_set_copy(t, c.copy), 0);
         for (int call = 0; call < 3; ++call) {
             int32_t n = 0, chosen = 0;
-            const int32_t st = call == 0   ? kivot_txcode(t, &input, &output, &n)
-                               : call == 1 ? kivot_txcode_lossless(t, &input, &output, &n, KIVOT_LOSSLESS_PROGRESSIVE)
-                                           : kivot_txcode_smallest(t, &input, &output, &n, &chosen);
+            const int32_t st = call == 0   ? kivot_txcode(t, &io.input, &io.output, &n)
+                               : call == 1 ? kivot_txcode_lossless(t, &io.input, &io.output, &n, KIVOT_LOSSLESS_PROGRESSIVE)
+                                           : kivot_txcode_smallest(t, &io.input, &io.output, &n, &chosen);
             ASSERT_EQ(st, 0);
-            EXPECT_EQ(apps_of(Bytes(buf.begin(), buf.begin() + n)), c.want) << c.copy << " " << call;
+            EXPECT_EQ(apps_of(io.out(n)), c.want) << c.copy << " " << call;
         }
     }
     kivot_delete(t);
