@@ -133,27 +133,12 @@ inline void load_columns_u8(const uint8_t *src, ptrdiff_t stride, __m128i x[8]) 
                      _mm_unpacklo_epi8(r[6], r[7]), x);
 }
 
-// The coefficients of the samples whose columns x holds, two rows a vector.
-__attribute__((always_inline)) inline void fdct8_columns(const __m128i x[8], __m256i out[4]) {
-    const Consts k;
-
-    // Row pass in 16 bits, lane r working on row r (every value below 2^11
-    // in magnitude). The level shift changes only the sum of a row, by
-    // -1024, and is taken off frequency 0 at the end. (724 v + 512) >> 10
-    // is the rounded high half of v (724 * 32) << 1; the outputs are sums
-    // of two products, one _mm256_madd_epi16 each, frequency u of each row
-    // in t[u].
-    const __m128i s07 = _mm_add_epi16(x[0], x[7]), s16 = _mm_add_epi16(x[1], x[6]);
-    const __m128i s25 = _mm_add_epi16(x[2], x[5]), s34 = _mm_add_epi16(x[3], x[4]);
-    const __m128i d07 = _mm_sub_epi16(x[0], x[7]), d16 = _mm_sub_epi16(x[1], x[6]);
-    const __m128i d25 = _mm_sub_epi16(x[2], x[5]), d34 = _mm_sub_epi16(x[3], x[4]);
-    const __m128i k724 = k.half(kM724);
-    const __m128i m1 = _mm_mulhrs_epi16(_mm_sub_epi16(d16, d25), k724);
-    const __m128i m2 = _mm_mulhrs_epi16(_mm_add_epi16(d16, d25), k724);
-    const __m256i ee = pairs(_mm_add_epi16(s07, s34), _mm_add_epi16(s16, s25));
-    const __m256i ab = pairs(_mm_sub_epi16(s07, s34), _mm_sub_epi16(s16, s25));
-    const __m256i gh = pairs(_mm_add_epi16(d07, m2), _mm_add_epi16(d34, m1));
-    const __m256i gh2 = pairs(_mm_sub_epi16(d07, m2), _mm_sub_epi16(d34, m1));
+// The transform from the row pass's pairs on: ee holds (s07 + s34, s16 +
+// s25) of each row, ab (s07 - s34, s16 - s25), gh and gh2 the odd part's
+// pairs, row r in 32-bit lane r; the coefficients come out two rows a
+// vector.
+__attribute__((always_inline)) inline void fdct8_from_pairs(__m256i ee, __m256i ab, __m256i gh, __m256i gh2,
+                                                             const Consts &k, __m256i out[4]) {
     __m256i t[8];
     t[0] = _mm256_sub_epi32(_mm256_madd_epi16(ee, k[kP512]), k[kDcShift]);
     t[4] = _mm256_madd_epi16(ee, k[kP512n]);
@@ -181,6 +166,60 @@ __attribute__((always_inline)) inline void fdct8_columns(const __m128i x[8], __m
     out[1] = pack_rows(f2, f3);
     out[2] = pack_rows(f4, f5);
     out[3] = pack_rows(f6, f7);
+}
+
+// The coefficients of the samples whose columns x holds, two rows a vector.
+__attribute__((always_inline)) inline void fdct8_columns(const __m128i x[8], __m256i out[4]) {
+    const Consts k;
+
+    // Row pass in 16 bits, lane r working on row r (every value below 2^11
+    // in magnitude). The level shift changes only the sum of a row, by
+    // -1024, and is taken off frequency 0 at the end. (724 v + 512) >> 10
+    // is the rounded high half of v (724 * 32) << 1; the outputs are sums
+    // of two products, one _mm256_madd_epi16 each.
+    const __m128i s07 = _mm_add_epi16(x[0], x[7]), s16 = _mm_add_epi16(x[1], x[6]);
+    const __m128i s25 = _mm_add_epi16(x[2], x[5]), s34 = _mm_add_epi16(x[3], x[4]);
+    const __m128i d07 = _mm_sub_epi16(x[0], x[7]), d16 = _mm_sub_epi16(x[1], x[6]);
+    const __m128i d25 = _mm_sub_epi16(x[2], x[5]), d34 = _mm_sub_epi16(x[3], x[4]);
+    const __m128i k724 = k.half(kM724);
+    const __m128i m1 = _mm_mulhrs_epi16(_mm_sub_epi16(d16, d25), k724);
+    const __m128i m2 = _mm_mulhrs_epi16(_mm_add_epi16(d16, d25), k724);
+    fdct8_from_pairs(pairs(_mm_add_epi16(s07, s34), _mm_add_epi16(s16, s25)),
+                     pairs(_mm_sub_epi16(s07, s34), _mm_sub_epi16(s16, s25)),
+                     pairs(_mm_add_epi16(d07, m2), _mm_add_epi16(d34, m1)),
+                     pairs(_mm_sub_epi16(d07, m2), _mm_sub_epi16(d34, m1)), k, out);
+}
+
+// fdct8_columns of two blocks at once, x holding the columns of block a in
+// its low 128 bits and those of block b in its high 128 bits: the row
+// pass's 16-bit steps work on both.
+__attribute__((always_inline)) inline void fdct8_columns2(const __m256i x[8], __m256i a[4], __m256i b[4]) {
+    const Consts k;
+    const __m256i s07 = _mm256_add_epi16(x[0], x[7]), s16 = _mm256_add_epi16(x[1], x[6]);
+    const __m256i s25 = _mm256_add_epi16(x[2], x[5]), s34 = _mm256_add_epi16(x[3], x[4]);
+    const __m256i d07 = _mm256_sub_epi16(x[0], x[7]), d16 = _mm256_sub_epi16(x[1], x[6]);
+    const __m256i d25 = _mm256_sub_epi16(x[2], x[5]), d34 = _mm256_sub_epi16(x[3], x[4]);
+    const __m256i k724 = k[kM724];
+    const __m256i m1 = _mm256_mulhrs_epi16(_mm256_sub_epi16(d16, d25), k724);
+    const __m256i m2 = _mm256_mulhrs_epi16(_mm256_add_epi16(d16, d25), k724);
+    // The pairs of rows 0 to 3 of both blocks, then of rows 4 to 7; block
+    // a's whole pairs from the low halves, block b's from the high ones.
+    __m256i lo[4], hi[4];
+    const __m256i p[4] = {_mm256_add_epi16(s07, s34), _mm256_sub_epi16(s07, s34), _mm256_add_epi16(d07, m2),
+                          _mm256_sub_epi16(d07, m2)};
+    const __m256i q[4] = {_mm256_add_epi16(s16, s25), _mm256_sub_epi16(s16, s25), _mm256_add_epi16(d34, m1),
+                          _mm256_sub_epi16(d34, m1)};
+    for (int i = 0; i < 4; ++i) {
+        lo[i] = _mm256_unpacklo_epi16(p[i], q[i]);
+        hi[i] = _mm256_unpackhi_epi16(p[i], q[i]);
+    }
+    auto half = [&](int sel, __m256i out[4]) {
+        __m256i v[4];
+        for (int i = 0; i < 4; ++i) v[i] = _mm256_permute2x128_si256(lo[i], hi[i], sel);
+        fdct8_from_pairs(v[0], v[1], v[2], v[3], k, out);
+    };
+    half(0x20, a);
+    half(0x31, b);
 }
 
 }  // namespace

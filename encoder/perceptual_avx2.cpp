@@ -2,8 +2,8 @@
 // the plain kernel: a strip of analysis blocks is reduced to 2 x 2 means row
 // pair by row pair across its width (two streams at a time, which the
 // processor prefetches by itself, where a block at a time reads sixteen),
-// then transformed block by block from that buffer, the magnitudes summed
-// in registers.
+// then transformed two blocks at a time from that buffer, the magnitudes
+// summed in registers.
 #include <immintrin.h>
 
 #include "encoder/enc_simd.h"
@@ -17,10 +17,28 @@ constexpr int kChunk = 32;
 
 // The 2 x 2 means of 32 samples of rows a and b (16 of them).
 inline __m256i means(__m256i a, __m256i b) {
-    const __m256i low = _mm256_set1_epi16(0x00FF);
-    const __m256i s = _mm256_add_epi16(_mm256_add_epi16(_mm256_and_si256(a, low), _mm256_srli_epi16(a, 8)),
-                                       _mm256_add_epi16(_mm256_and_si256(b, low), _mm256_srli_epi16(b, 8)));
-    return _mm256_srli_epi16(s, 2);
+    const __m256i one = _mm256_set1_epi8(1);
+    return _mm256_srli_epi16(_mm256_add_epi16(_mm256_maddubs_epi16(a, one), _mm256_maddubs_epi16(b, one)), 2);
+}
+
+// The columns of two 8 x 8 blocks whose rows r holds, block a's in the low
+// 128 bits, block b's in the high ones.
+inline void columns2(const __m256i r[8], __m256i x[8]) {
+    __m256i t[8], u[8];
+    for (int i = 0; i < 4; ++i) {
+        t[2 * i] = _mm256_unpacklo_epi16(r[2 * i], r[2 * i + 1]);
+        t[2 * i + 1] = _mm256_unpackhi_epi16(r[2 * i], r[2 * i + 1]);
+    }
+    for (int i = 0; i < 2; ++i) {
+        u[4 * i] = _mm256_unpacklo_epi32(t[4 * i], t[4 * i + 2]);
+        u[4 * i + 1] = _mm256_unpackhi_epi32(t[4 * i], t[4 * i + 2]);
+        u[4 * i + 2] = _mm256_unpacklo_epi32(t[4 * i + 1], t[4 * i + 3]);
+        u[4 * i + 3] = _mm256_unpackhi_epi32(t[4 * i + 1], t[4 * i + 3]);
+    }
+    for (int i = 0; i < 4; ++i) {
+        x[2 * i] = _mm256_unpacklo_epi64(u[i], u[i + 4]);
+        x[2 * i + 1] = _mm256_unpackhi_epi64(u[i], u[i + 4]);
+    }
 }
 
 }  // namespace
@@ -47,14 +65,27 @@ void kivoe_box2_strip_avx2(const uint8_t *src, int32_t stride, int32_t n, uint32
             }
         }
         __m256i sum[4] = {_mm256_setzero_si256(), _mm256_setzero_si256(), _mm256_setzero_si256(), _mm256_setzero_si256()};
-        for (int32_t k = 0; k < nb; ++k) {
+        auto add = [&](const __m256i c[4]) {
+            const __m256i mean = _mm256_srai_epi16(_mm256_add_epi16(c[0], _mm256_set1_epi16(1024)), 3);
+            sum[0] = _mm256_add_epi16(sum[0], _mm256_blendv_epi8(_mm256_abs_epi16(c[0]), mean, dc_lane));
+            for (int i = 1; i < 4; ++i) sum[i] = _mm256_add_epi16(sum[i], _mm256_abs_epi16(c[i]));
+        };
+        int32_t k = 0;
+        for (; k + 2 <= nb; k += 2) {
+            __m256i r[8], x[8];
+            for (int j = 0; j < 8; ++j) r[j] = _mm256_load_si256(reinterpret_cast<const __m256i *>(&buf[j][8 * k]));
+            columns2(r, x);
+            __m256i a[4], b[4];
+            fdct8_columns2(x, a, b);
+            add(a);
+            add(b);
+        }
+        if (k < nb) {
             __m128i x[8];
             load_columns(&buf[0][8 * k], 8 * kChunk, x);
             __m256i c[4];
             fdct8_columns(x, c);
-            const __m256i mean = _mm256_srai_epi16(_mm256_add_epi16(c[0], _mm256_set1_epi16(1024)), 3);
-            sum[0] = _mm256_add_epi16(sum[0], _mm256_blendv_epi8(_mm256_abs_epi16(c[0]), mean, dc_lane));
-            for (int i = 1; i < 4; ++i) sum[i] = _mm256_add_epi16(sum[i], _mm256_abs_epi16(c[i]));
+            add(c);
         }
         for (int i = 0; i < 4; ++i) {
             __m256i *p = reinterpret_cast<__m256i *>(acc + 16 * i);

@@ -500,6 +500,18 @@ inline bool filtered(const kivoe_ctx *ctx, bool jnd_filter, int c, int32_t bcol,
            8 * brow + 16 <= ctx->smp_h[0];
 }
 
+// Where a block's samples come from.
+enum class Source : uint8_t {
+    kPlane,     // straight from the plane
+    kFiltered,  // through the JND filter
+    kEdge,      // copied with the plane's last column and line repeated
+};
+
+inline Source block_source(const kivoe_ctx *ctx, bool jnd_filter, int c, int32_t bcol, int32_t brow) {
+    if (filtered(ctx, jnd_filter, c, bcol, brow)) return Source::kFiltered;
+    return 8 * bcol + 8 <= ctx->smp_w[c] && 8 * brow + 8 <= ctx->smp_h[c] ? Source::kPlane : Source::kEdge;
+}
+
 // Whether the MCU's blocks of component c all lie inside the plane, none
 // filtered, so that they are read straight from it; *src: the plane's
 // sample at the top left of the MCU's first block of c.
@@ -566,81 +578,89 @@ __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *com
     const bool jnd_filter = ctx->jnd_filter;
     const kivoe_kept_samples_fn kept = ctx->proc.fdct_quant_kept_samples;
     if (kept) {
-        // Block by block from the samples (filtered first where the filter
-        // applies, with the edge repeated where the block crosses it) to
-        // the levels.
+        const kivoe_proc &p = ctx->proc;
         const int32_t suppress = ctx->jnd_suppress;
-        const kivoe_kept_samples_fn filter_kept = ctx->proc.jnd_fdct_quant_kept;
-        const kivoe_kept_pair_fn pair = ctx->proc.fdct_quant_kept2, filter_pair = ctx->proc.jnd_fdct_quant_kept2;
-        const kivoe_kept_pair_fn filter_quad = ctx->proc.jnd_fdct_quant_kept4;
-        // One block.
-        auto one = [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
-            int16_t *lv = levels + 64 * b;
-            const kivoe_qtbl &t = *cc.q;
-            uint16_t *adapt = ctx->adaptive_rounding ? cc.adapt : nullptr;
-            uint64_t mask;
-            if (inside) {
-                mask = kept(at, cc.stride, lv, t.q, t.recip, t.half, adapt, suppress);
-            } else if (filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
-                if (filter_kept) {
-                    mask = filter_kept(at, cc.stride, lv, t.q, t.recip, t.half, adapt, suppress);
-                } else {
-                    alignas(16) uint8_t f[64];
-                    ctx->proc.jndfilt_u8(at, cc.stride, f);
-                    mask = kept(f, 8, lv, t.q, t.recip, t.half, adapt, suppress);
-                }
-            } else {
-                alignas(16) uint8_t e[64];
-                load_block_u8(cc.plane, cc.stride, ctx->smp_w[c], ctx->smp_h[c], cc.col + h, cc.row + v, e);
-                mask = kept(e, 8, lv, t.q, t.recip, t.half, adapt, suppress);
-            }
-            code[b] = {cc.dc, cc.ac, lv, mask, 0};
+        // Two blocks through a kernel that overlaps their steps and
+        // quantizes them in coding order: blocks b and b + 1, of components
+        // c0 and c1.
+        auto two = [&](kivoe_kept_pair_fn fn, const uint8_t *a0, const uint8_t *a1, const Comp &c0, const Comp &c1,
+                       int b) {
+            const kivoe_qtbl &t = *c0.q;
+            int16_t *const out[2] = {levels + 64 * b, levels + 64 * (b + 1)};
+            const uint8_t *const src[2] = {a0, a1};
+            uint64_t m[2];
+            fn(src, c0.stride, out, t.q, t.recip, t.half,
+               ctx->adaptive_rounding ? c0.adapt : nullptr, suppress, m);
+            code[b] = {c0.dc, c0.ac, out[0], m[0], 0};
+            code[b + 1] = {c1.dc, c1.ac, out[1], m[1], 0};
         };
-        if (!pair && !filter_pair && !filter_quad) {
-            mcu_blocks(ctx, comp, jnd_filter, one);
-            return;
-        }
-        int32_t skip = 0;  // blocks already done with one before them
-        mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
-            if (skip) {
-                --skip;
-                return;
+        bool joined = false;  // the component's block went with the one before
+        for (int c = 0, b = 0; c < fh.n_comp; ++c) {
+            const Comp &cc = comp[c];
+            const int H = fh.h[c], V = fh.v[c];
+            if (joined) {
+                joined = false;
+                b += H * V;
+                continue;
             }
-            int16_t *lv = levels + 64 * b;
             const kivoe_qtbl &t = *cc.q;
             uint16_t *adapt = ctx->adaptive_rounding ? cc.adapt : nullptr;
+            const uint8_t *base = cc.plane + static_cast<ptrdiff_t>(8 * cc.row) * cc.stride + 8 * cc.col;
             // The 2 x 2 luma blocks, all filtered (the filter's area is a
             // rectangle: its two corners tell), together.
-            if (filter_quad && c == 0 && h == 0 && v == 0 && ctx->fh.h[0] == 2 && ctx->fh.v[0] == 2 &&
-                filtered(ctx, jnd_filter, c, cc.col, cc.row) && filtered(ctx, jnd_filter, c, cc.col + 1, cc.row + 1)) {
-                const uint8_t *const src[4] = {at, at + 8, at + 8 * cc.stride, at + 8 * cc.stride + 8};
-                int16_t *const out[4] = {lv, lv + 64, lv + 128, lv + 192};
+            if (p.jnd_fdct_quant_kept4 && H == 2 && V == 2 && filtered(ctx, jnd_filter, c, cc.col, cc.row) &&
+                filtered(ctx, jnd_filter, c, cc.col + 1, cc.row + 1)) {
+                const ptrdiff_t down = static_cast<ptrdiff_t>(8) * cc.stride;
+                const uint8_t *const src[4] = {base, base + 8, base + down, base + down + 8};
+                int16_t *const out[4] = {levels + 64 * b, levels + 64 * (b + 1), levels + 64 * (b + 2),
+                                         levels + 64 * (b + 3)};
                 uint64_t m[4];
-                filter_quad(src, cc.stride, out, t.q, t.recip, t.half, adapt, suppress, m);
+                p.jnd_fdct_quant_kept4(src, cc.stride, out, t.q, t.recip, t.half, adapt, suppress, m);
                 for (int i = 0; i < 4; ++i) code[b + i] = {cc.dc, cc.ac, out[i], m[i], 0};
-                skip = 3;
-                return;
+                b += 4;
+                continue;
             }
-            // Two blocks side by side, both read straight from the plane or
-            // both filtered, go together: the kernel overlaps their steps
-            // and quantizes them in coding order.
-            if (h + 1 < ctx->fh.h[c]) {
-                const bool filter = !inside && filter_pair && filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v) &&
-                                    filtered(ctx, jnd_filter, c, cc.col + h + 1, cc.row + v);
-                const kivoe_kept_pair_fn both = inside ? pair : filter ? filter_pair : nullptr;
-                if (both) {
-                    const uint8_t *const src[2] = {at, at + 8};
-                    int16_t *const out[2] = {lv, lv + 64};
-                    uint64_t m[2];
-                    both(src, cc.stride, out, t.q, t.recip, t.half, adapt, suppress, m);
-                    code[b] = {cc.dc, cc.ac, lv, m[0], 0};
-                    code[b + 1] = {cc.dc, cc.ac, lv + 64, m[1], 0};
-                    skip = 1;
-                    return;
+            for (int v = 0; v < V; ++v)
+                for (int h = 0; h < H; ++h, ++b) {
+                    const uint8_t *at = base + static_cast<ptrdiff_t>(8 * v) * cc.stride + 8 * h;
+                    const Source s = block_source(ctx, jnd_filter, c, cc.col + h, cc.row + v);
+                    // Two blocks side by side from the same source.
+                    const kivoe_kept_pair_fn both = s == Source::kPlane      ? p.fdct_quant_kept2
+                                                    : s == Source::kFiltered ? p.jnd_fdct_quant_kept2
+                                                                             : nullptr;
+                    if (both && h + 1 < H && block_source(ctx, jnd_filter, c, cc.col + h + 1, cc.row + v) == s) {
+                        two(both, at, at + 8, cc, cc, b);
+                        ++h, ++b;
+                        continue;
+                    }
+                    // A component of one block an MCU and the next one alike
+                    // (Cb and Cr), both straight from planes with the same
+                    // stride and quantized with the same table.
+                    if (s == Source::kPlane && p.fdct_quant_kept2 && H * V == 1 && c + 1 < fh.n_comp) {
+                        const Comp &cn = comp[c + 1];
+                        if (fh.h[c + 1] * fh.v[c + 1] == 1 && cn.q == cc.q && cn.stride == cc.stride &&
+                            block_source(ctx, jnd_filter, c + 1, cn.col, cn.row) == Source::kPlane) {
+                            two(p.fdct_quant_kept2, at,
+                                cn.plane + static_cast<ptrdiff_t>(8 * cn.row) * cn.stride + 8 * cn.col, cc, cn, b);
+                            joined = true;
+                            continue;
+                        }
+                    }
+                    int16_t *lv = levels + 64 * b;
+                    uint64_t mask;
+                    if (s == Source::kPlane) {
+                        mask = kept(at, cc.stride, lv, t.q, t.recip, t.half, adapt, suppress);
+                    } else if (s == Source::kFiltered && p.jnd_fdct_quant_kept) {
+                        mask = p.jnd_fdct_quant_kept(at, cc.stride, lv, t.q, t.recip, t.half, adapt, suppress);
+                    } else {
+                        alignas(16) uint8_t e[64];
+                        if (s == Source::kFiltered) p.jndfilt_u8(at, cc.stride, e);
+                        else load_block_u8(cc.plane, cc.stride, ctx->smp_w[c], ctx->smp_h[c], cc.col + h, cc.row + v, e);
+                        mask = kept(e, 8, lv, t.q, t.recip, t.half, adapt, suppress);
+                    }
+                    code[b] = {cc.dc, cc.ac, lv, mask, 0};
                 }
-            }
-            one(c, cc, h, v, b, at, inside);
-        });
+        }
         return;
     }
     mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
@@ -762,7 +782,8 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
             auto one = [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
                 int16_t *lv = mcu_out + 64 * b;
                 uint64_t mask;
-                if (inside && fdct_quant_samples) {
+                if (fdct_quant_samples &&
+                    (inside || block_source(ctx, jnd_filter, c, cc.col + h, cc.row + v) == Source::kPlane)) {
                     mask = fdct_quant_samples(at, cc.stride, lv, cc.q->recip, cc.offset);
                 } else if (inside || !filter_bytes || !filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
                     if (inside) load_inside(at, cc.stride, lv);
