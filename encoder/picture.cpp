@@ -565,6 +565,55 @@ __attribute__((noinline)) void quantize_kept(const kivoe_ctx *ctx, const Comp &c
     if (ctx->adaptive_rounding) p.update_offset(blk, coef, cc.q->q, cc.q->recip, cc.adapt);
 }
 
+// Whether segments in the layout of comp take the 4:2:0 MCU's short way
+// below: 2 x 2 luma blocks, Cb and Cr of one block each on planes with the
+// same stride and quantized with the same table, and the kernels for it.
+bool mcu420_kernels(const kivoe_ctx *ctx, const Comp *comp) {
+    const kivoe_fh &fh = ctx->fh;
+    const kivoe_proc &p = ctx->proc;
+    return fh.n_comp == 3 && fh.h[0] == 2 && fh.v[0] == 2 && fh.h[1] == 1 && fh.v[1] == 1 && fh.h[2] == 1 &&
+           fh.v[2] == 1 && comp[1].q == comp[2].q && comp[1].stride == comp[2].stride && p.fdct_quant_kept2 &&
+           (!ctx->jnd_filter || p.jnd_fdct_quant_kept4);
+}
+
+// quantize_mcu_kept for a 4:2:0 MCU away from the picture's edges, the
+// common case, without the general way's tests block by block: the four
+// luma blocks filtered in one call (or two pairs straight from the plane),
+// Cb and Cr in one. False, with nothing done, for an MCU at an edge.
+inline bool quantize_mcu420(const kivoe_ctx *ctx, const Comp *comp, int16_t *levels, kivoe_block_code *code) {
+    const Comp &y = comp[0], &cb = comp[1], &cr = comp[2];
+    const bool filter = ctx->jnd_filter;
+    if (filter ? !(filtered(ctx, true, 0, y.col, y.row) && filtered(ctx, true, 0, y.col + 1, y.row + 1))
+               : 8 * y.col + 16 > ctx->smp_w[0] || 8 * y.row + 16 > ctx->smp_h[0])
+        return false;
+    // Cr's plane has Cb's size.
+    if (8 * cb.col + 8 > ctx->smp_w[1] || 8 * cb.row + 8 > ctx->smp_h[1]) return false;
+    const kivoe_proc &p = ctx->proc;
+    const int32_t suppress = ctx->jnd_suppress;
+    const bool adaptive = ctx->adaptive_rounding;
+    const uint8_t *at = y.plane + static_cast<ptrdiff_t>(8 * y.row) * y.stride + 8 * y.col;
+    const ptrdiff_t down = static_cast<ptrdiff_t>(8) * y.stride;
+    const uint8_t *const src[4] = {at, at + 8, at + down, at + down + 8};
+    int16_t *const out[6] = {levels, levels + 64, levels + 128, levels + 192, levels + 256, levels + 320};
+    uint64_t m[6];
+    const kivoe_qtbl &ty = *y.q, &tc = *cb.q;
+    uint16_t *adapt = adaptive ? y.adapt : nullptr;
+    if (filter) {
+        p.jnd_fdct_quant_kept4(src, y.stride, out, ty.q, ty.recip, ty.half, adapt, suppress, m);
+    } else {
+        p.fdct_quant_kept2(src, y.stride, out, ty.q, ty.recip, ty.half, adapt, suppress, m);
+        p.fdct_quant_kept2(src + 2, y.stride, out + 2, ty.q, ty.recip, ty.half, adapt, suppress, m + 2);
+    }
+    const ptrdiff_t chroma = static_cast<ptrdiff_t>(8 * cb.row) * cb.stride + 8 * cb.col;
+    const uint8_t *const csrc[2] = {cb.plane + chroma, cr.plane + chroma};
+    p.fdct_quant_kept2(csrc, cb.stride, out + 4, tc.q, tc.recip, tc.half, adaptive ? cb.adapt : nullptr, suppress, m + 4);
+    for (int i = 0; i < 6; ++i) {
+        const Comp &c = comp[i < 4 ? 0 : i - 3];
+        code[i] = {c.dc, c.ac, out[i], m[i], 0};
+    }
+    return true;
+}
+
 // The levels of an MCU's blocks with JND suppression or adaptive rounding,
 // in coding order, into levels and code (each block's tables, levels and
 // mask; the DC differences are left to the caller): from the samples to the
@@ -572,7 +621,8 @@ __attribute__((noinline)) void quantize_kept(const kivoe_ctx *ctx, const Comp &c
 // transformed first, so that the transforms overlap, then quantized block
 // by block, as adaptive rounding needs.
 __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *comp, int16_t *levels,
-                                                 kivoe_block_code *code) {
+                                                 kivoe_block_code *code, bool mcu420) {
+    if (mcu420 && quantize_mcu420(ctx, comp, levels, code)) return;
     alignas(16) int16_t coef[64];
     const kivoe_fh &fh = ctx->fh;
     const bool jnd_filter = ctx->jnd_filter;
@@ -750,6 +800,7 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     for (int c = 0; c < nc; ++c) per_mcu += fh.h[c] * fh.v[c];
     const bool mcu_sized = !reuse && per_mcu > 1 && per_mcu <= kMaxMcuBlocks;
     const bool by_mcu_plain = masked && mcu_sized, by_mcu_kept = (fused || stat) && !prog && keep && mcu_sized;
+    const bool mcu420 = by_mcu_kept && mcu420_kernels(ctx, comp);
     // Kept levels are coded an MCU at a time with their kept masks.
     const bool by_mcu_reuse = reuse && fused && !prog && per_mcu <= kMaxMcuBlocks;
     const bool by_mcu = by_mcu_plain || by_mcu_kept || by_mcu_reuse;
@@ -772,7 +823,7 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                 prefetch_rows(cc.plane, cc.stride, ctx->smp_h[c], 8 * cc.col + 128, 8 * cc.row,
                               8 * fh.v[c] + (jnd_filter && c == 0 ? 2 : 0));
         }
-        if (by_mcu_kept) quantize_mcu_kept(ctx, comp, kept ? kept : mcu_levels, mcu_code);
+        if (by_mcu_kept) quantize_mcu_kept(ctx, comp, kept ? kept : mcu_levels, mcu_code, mcu420);
         for (int c = 0, b = 0; c < nc && by_mcu_reuse; ++c)
             for (int i = fh.h[c] * fh.v[c]; i > 0; --i, ++b)
                 mcu_code[b] = {comp[c].dc, comp[c].ac, kept + 64 * b, kept_mask[b], 0};
@@ -782,8 +833,10 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
             auto one = [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
                 int16_t *lv = mcu_out + 64 * b;
                 uint64_t mask;
+                // Luma blocks outside the filter's area are read straight from
+                // the plane too where they lie inside it.
                 if (fdct_quant_samples &&
-                    (inside || block_source(ctx, jnd_filter, c, cc.col + h, cc.row + v) == Source::kPlane)) {
+                    (inside || (jnd_filter && block_source(ctx, jnd_filter, c, cc.col + h, cc.row + v) == Source::kPlane))) {
                     mask = fdct_quant_samples(at, cc.stride, lv, cc.q->recip, cc.offset);
                 } else if (inside || !filter_bytes || !filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
                     if (inside) load_inside(at, cc.stride, lv);

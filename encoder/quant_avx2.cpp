@@ -222,12 +222,13 @@ inline uint64_t kept_rows(const __m256i c[4], const uint8_t *row, int16_t *blk, 
         a[k] = _mm256_abs_epi16(c[k]);
         const __m256i R = load16(recip + 16 * k);
         if (kAdapt) {
-            // (a recip + offset) >> 14 from pairs (a, 1) times (recip, offset).
+            // (a recip + offset) >> 14: the whole steps of a recip (the
+            // high half of 4 a recip), plus one where the offset carries
+            // the low 14 bits of a recip past 2^14.
             O[k] = load16(adapt + 16 * k);
-            const __m256i one = _mm256_set1_epi16(1);
-            const __m256i lo = _mm256_madd_epi16(_mm256_unpacklo_epi16(a[k], one), _mm256_unpacklo_epi16(R, O[k]));
-            const __m256i hi = _mm256_madd_epi16(_mm256_unpackhi_epi16(a[k], one), _mm256_unpackhi_epi16(R, O[k]));
-            n[k] = _mm256_packus_epi32(_mm256_srli_epi32(lo, 14), _mm256_srli_epi32(hi, 14));
+            const __m256i whole = _mm256_mulhi_epu16(_mm256_slli_epi16(a[k], 2), R);
+            const __m256i part = _mm256_and_si256(_mm256_mullo_epi16(a[k], R), _mm256_set1_epi16(0x3FFF));
+            n[k] = _mm256_add_epi16(whole, _mm256_srli_epi16(_mm256_add_epi16(part, O[k]), 14));
         } else {
             // ((a + half) recip) >> 14 as the high half of 4 (a + half) recip.
             n[k] = _mm256_mulhi_epu16(_mm256_slli_epi16(_mm256_add_epi16(a[k], load16(half + 16 * k)), 2), R);
@@ -264,16 +265,17 @@ inline uint64_t kept_rows(const __m256i c[4], const uint8_t *row, int16_t *blk, 
         }
     }
     if (kAdapt) {
-        // err = a - n q; d = (|err| recip) >> 11 as the high half of
-        // 32 |err| recip (|err| at most 1024).
+        // err = a - n q, taken as 0 where the level is 0, which keeps its
+        // offset; d = (|err| recip) >> 11 as the high half of 32 |err|
+        // recip (|err| at most 1024).
         for (int k = 0; k < 4; ++k) {
             const __m256i Q = load16(q + 16 * k), R = load16(recip + 16 * k);
-            const __m256i err = _mm256_sub_epi16(a[k], _mm256_mullo_epi16(n[k], Q));
+            const __m256i err = _mm256_andnot_si256(_mm256_cmpeq_epi16(n[k], zero),
+                                                    _mm256_sub_epi16(a[k], _mm256_mullo_epi16(n[k], Q)));
             const __m256i d = _mm256_mulhi_epu16(_mm256_slli_epi16(_mm256_abs_epi16(err), 5), R);
-            __m256i o = _mm256_add_epi16(O[k], _mm256_sign_epi16(d, err));
-            o = _mm256_min_epi16(_mm256_max_epi16(o, zero), _mm256_set1_epi16(8192));
+            const __m256i o = _mm256_add_epi16(O[k], _mm256_sign_epi16(d, err));
             _mm256_storeu_si256(reinterpret_cast<__m256i *>(adapt + 16 * k),
-                                _mm256_blendv_epi8(o, O[k], _mm256_cmpeq_epi16(n[k], zero)));
+                                _mm256_min_epi16(_mm256_max_epi16(o, zero), _mm256_set1_epi16(8192)));
         }
     }
     for (int k = 0; k < 4; ++k)
