@@ -382,8 +382,12 @@ inline void kept_pair(const uint8_t *const src[2], int32_t stride, int16_t *cons
     const uint8_t *row[2] = {kNoThresholds, kNoThresholds};
     if (kFilter) {
         __m256i b[2][2];
-        jnd_filter_rows(src[0], stride, b[0]);
-        jnd_filter_rows(src[1], stride, b[1]);
+        if (src[1] == src[0] + 8) {
+            jnd_filter_pair_rows(src[0], stride, b[0], b[1]);
+        } else {
+            jnd_filter_rows(src[0], stride, b[0]);
+            jnd_filter_rows(src[1], stride, b[1]);
+        }
         columns_of_rows(b[0], x[0]);
         columns_of_rows(b[1], x[1]);
         if (suppress) row[0] = filtered_thresholds(b[0]), row[1] = filtered_thresholds(b[1]);
@@ -418,11 +422,19 @@ void kivoe_jnd_fdct_quant_kept4_avx2(const uint8_t *const src[4], int32_t stride
                                      int32_t suppress, uint64_t *mask) {
     __m128i x[4][8];
     const uint8_t *row[4] = {kNoThresholds, kNoThresholds, kNoThresholds, kNoThresholds};
-    for (int i = 0; i < 4; ++i) {
-        __m256i b[2];
-        jnd_filter_rows(src[i], stride, b);
-        columns_of_rows(b, x[i]);
-        if (suppress) row[i] = filtered_thresholds(b);
+    // The blocks in two pairs side by side (the 2 x 2 blocks of an MCU).
+    for (int i = 0; i < 4; i += 2) {
+        __m256i b[2][2];
+        if (src[i + 1] == src[i] + 8) {
+            jnd_filter_pair_rows(src[i], stride, b[0], b[1]);
+        } else {
+            jnd_filter_rows(src[i], stride, b[0]);
+            jnd_filter_rows(src[i + 1], stride, b[1]);
+        }
+        for (int k = 0; k < 2; ++k) {
+            columns_of_rows(b[k], x[i + k]);
+            if (suppress) row[i + k] = filtered_thresholds(b[k]);
+        }
     }
     __m256i c[4][4];
     for (int i = 0; i < 4; ++i) fdct8_columns(x[i], c[i]);
