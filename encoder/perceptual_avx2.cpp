@@ -14,6 +14,8 @@ namespace {
 // Blocks reduced into the buffer at a time (20 KiB of it), and blocks whose
 // 16-bit sums (at most 1024 a block) are taken before they reach 2^16.
 constexpr int kWide = 160, kChunk = 32;
+// Row pairs read ahead of the one reduced.
+constexpr int kAhead = 3;
 
 // The 2 x 2 means of 32 samples of rows a and b (16 of them).
 inline __m256i means(__m256i a, __m256i b) {
@@ -52,11 +54,11 @@ void kivoe_box2_strip_avx2(const uint8_t *src, int32_t stride, int32_t n, uint32
         const int32_t nb = n - b0 < kWide ? n - b0 : kWide;
         for (int j = 0; j < 8; ++j) {
             const uint8_t *r0 = src + static_cast<ptrdiff_t>(2 * j) * stride + 16 * b0, *r1 = r0 + stride;
-            // The next row pair (after the last, the next strip's first),
-            // asked for a line at a time while this one is reduced; the
-            // addresses are formed as integers, a prefetch past the plane
-            // does not fault.
-            const uintptr_t next = reinterpret_cast<uintptr_t>(r0) + 2 * static_cast<uintptr_t>(static_cast<ptrdiff_t>(stride));
+            // The row pair kAhead on (past the strip's last, the next
+            // strip's), asked for a line at a time while this one is
+            // reduced; the addresses are formed as integers, a prefetch past
+            // the plane does not fault.
+            const uintptr_t next = reinterpret_cast<uintptr_t>(r0) + kAhead * 2 * static_cast<uintptr_t>(static_cast<ptrdiff_t>(stride));
             int32_t k = 0;
             for (; k + 2 <= nb; k += 2) {
                 if ((k & 3) == 0) {
