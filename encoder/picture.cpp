@@ -565,15 +565,57 @@ __attribute__((noinline)) void quantize_kept(const kivoe_ctx *ctx, const Comp &c
     if (ctx->adaptive_rounding) p.update_offset(blk, coef, cc.q->q, cc.q->recip, cc.adapt);
 }
 
-// Whether segments in the layout of comp take the 4:2:0 MCU's short way
-// below: 2 x 2 luma blocks, Cb and Cr of one block each on planes with the
-// same stride and quantized with the same table, and the kernels for it.
-bool mcu420_kernels(const kivoe_ctx *ctx, const Comp *comp) {
+// Whether comp is laid out as 4:2:0 for the short ways below: 2 x 2 luma
+// blocks, Cb and Cr of one block each on planes with the same stride and
+// quantized with the same table; and whether the kept levels' kernels for
+// it are there.
+bool layout420(const kivoe_ctx *ctx, const Comp *comp) {
     const kivoe_fh &fh = ctx->fh;
-    const kivoe_proc &p = ctx->proc;
     return fh.n_comp == 3 && fh.h[0] == 2 && fh.v[0] == 2 && fh.h[1] == 1 && fh.v[1] == 1 && fh.h[2] == 1 &&
-           fh.v[2] == 1 && comp[1].q == comp[2].q && comp[1].stride == comp[2].stride && p.fdct_quant_kept2 &&
-           (!ctx->jnd_filter || p.jnd_fdct_quant_kept4);
+           fh.v[2] == 1 && comp[1].q == comp[2].q && comp[1].stride == comp[2].stride;
+}
+
+bool mcu420_kernels(const kivoe_ctx *ctx, const Comp *comp) {
+    const kivoe_proc &p = ctx->proc;
+    return layout420(ctx, comp) && p.fdct_quant_kept2 && (!ctx->jnd_filter || p.jnd_fdct_quant_kept4);
+}
+
+// Whether the 4:2:0 MCU where comp stands lies inside the planes, its luma
+// blocks all filtered where the filter is on.
+inline bool interior420(const kivoe_ctx *ctx, const Comp *comp, bool filter) {
+    const Comp &y = comp[0], &cb = comp[1];
+    if (filter ? !(filtered(ctx, true, 0, y.col, y.row) && filtered(ctx, true, 0, y.col + 1, y.row + 1))
+               : 8 * y.col + 16 > ctx->smp_w[0] || 8 * y.row + 16 > ctx->smp_h[0])
+        return false;
+    // Cr's plane has Cb's size.
+    return 8 * cb.col + 8 <= ctx->smp_w[1] && 8 * cb.row + 8 <= ctx->smp_h[1];
+}
+
+// The plain block loop's levels of such an MCU, as quantize_mcu420 below
+// for the kept ones: the four filtered luma blocks in one call, or each
+// block straight from its plane. False, with nothing done, at an edge.
+inline bool plain_mcu420(const kivoe_ctx *ctx, const Comp *comp, bool filter, kivoe_quant_samples_fn fdct_quant_samples,
+                         int16_t *levels, kivoe_block_code *code) {
+    if (!interior420(ctx, comp, filter)) return false;
+    const Comp &y = comp[0], &cb = comp[1], &cr = comp[2];
+    const uint8_t *at = y.plane + static_cast<ptrdiff_t>(8 * y.row) * y.stride + 8 * y.col;
+    const ptrdiff_t down = static_cast<ptrdiff_t>(8) * y.stride;
+    const uint8_t *const src[4] = {at, at + 8, at + down, at + down + 8};
+    int16_t *const out[6] = {levels, levels + 64, levels + 128, levels + 192, levels + 256, levels + 320};
+    uint64_t m[6];
+    if (filter) {
+        ctx->proc.jnd_fdct_quant_kept4(src, y.stride, out, y.q->q, y.q->recip, y.offset, nullptr, 0, m);
+    } else {
+        for (int i = 0; i < 4; ++i) m[i] = fdct_quant_samples(src[i], y.stride, out[i], y.q->recip, y.offset);
+    }
+    const ptrdiff_t chroma = static_cast<ptrdiff_t>(8 * cb.row) * cb.stride + 8 * cb.col;
+    m[4] = fdct_quant_samples(cb.plane + chroma, cb.stride, out[4], cb.q->recip, cb.offset);
+    m[5] = fdct_quant_samples(cr.plane + chroma, cr.stride, out[5], cr.q->recip, cr.offset);
+    for (int i = 0; i < 6; ++i) {
+        const Comp &c = comp[i < 4 ? 0 : i - 3];
+        code[i] = {c.dc, c.ac, out[i], coder_mask(m[i]), 0};
+    }
+    return true;
 }
 
 // quantize_mcu_kept for a 4:2:0 MCU away from the picture's edges, the
@@ -583,11 +625,7 @@ bool mcu420_kernels(const kivoe_ctx *ctx, const Comp *comp) {
 inline bool quantize_mcu420(const kivoe_ctx *ctx, const Comp *comp, int16_t *levels, kivoe_block_code *code) {
     const Comp &y = comp[0], &cb = comp[1], &cr = comp[2];
     const bool filter = ctx->jnd_filter;
-    if (filter ? !(filtered(ctx, true, 0, y.col, y.row) && filtered(ctx, true, 0, y.col + 1, y.row + 1))
-               : 8 * y.col + 16 > ctx->smp_w[0] || 8 * y.row + 16 > ctx->smp_h[0])
-        return false;
-    // Cr's plane has Cb's size.
-    if (8 * cb.col + 8 > ctx->smp_w[1] || 8 * cb.row + 8 > ctx->smp_h[1]) return false;
+    if (!interior420(ctx, comp, filter)) return false;
     const kivoe_proc &p = ctx->proc;
     const int32_t suppress = ctx->jnd_suppress;
     const bool adaptive = ctx->adaptive_rounding;
@@ -801,6 +839,8 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     const bool mcu_sized = !reuse && per_mcu > 1 && per_mcu <= kMaxMcuBlocks;
     const bool by_mcu_plain = masked && mcu_sized, by_mcu_kept = (fused || stat) && !prog && keep && mcu_sized;
     const bool mcu420 = by_mcu_kept && mcu420_kernels(ctx, comp);
+    const bool plain420 = by_mcu_plain && fdct_quant_samples && layout420(ctx, comp) &&
+                          (!jnd_filter || p.jnd_fdct_quant_kept4);
     // Kept levels are coded an MCU at a time with their kept masks.
     const bool by_mcu_reuse = reuse && fused && !prog && per_mcu <= kMaxMcuBlocks;
     const bool by_mcu = by_mcu_plain || by_mcu_kept || by_mcu_reuse;
@@ -829,7 +869,7 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                 mcu_code[b] = {comp[c].dc, comp[c].ac, kept + 64 * b, kept_mask[b], 0};
         // The statistics pass quantizes straight into the kept levels.
         int16_t *const mcu_out = by_mcu_plain && kept ? kept : mcu_levels;
-        if (by_mcu_plain) {
+        if (by_mcu_plain && !(plain420 && plain_mcu420(ctx, comp, jnd_filter, fdct_quant_samples, mcu_out, mcu_code))) {
             auto one = [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
                 int16_t *lv = mcu_out + 64 * b;
                 uint64_t mask;
