@@ -190,6 +190,16 @@ __attribute__((always_inline)) inline void fdct8_columns(const __m128i x[8], __m
                      pairs(_mm_sub_epi16(d07, m2), _mm_sub_epi16(d34, m1)), k, out);
 }
 
+// The coefficients of one block of two from their pairs' halves: kSel
+// 0x20 takes the low 128 bits of lo and hi, 0x31 the high ones.
+template <int kSel>
+__attribute__((always_inline)) inline void fdct8_half(const __m256i lo[4], const __m256i hi[4], const Consts &k,
+                                                       __m256i out[4]) {
+    __m256i v[4];
+    for (int i = 0; i < 4; ++i) v[i] = _mm256_permute2x128_si256(lo[i], hi[i], kSel);
+    fdct8_from_pairs(v[0], v[1], v[2], v[3], k, out);
+}
+
 // fdct8_columns of two blocks at once, x holding the columns of block a in
 // its low 128 bits and those of block b in its high 128 bits: the row
 // pass's 16-bit steps work on both.
@@ -213,13 +223,8 @@ __attribute__((always_inline)) inline void fdct8_columns2(const __m256i x[8], __
         lo[i] = _mm256_unpacklo_epi16(p[i], q[i]);
         hi[i] = _mm256_unpackhi_epi16(p[i], q[i]);
     }
-    auto half = [&](int sel, __m256i out[4]) {
-        __m256i v[4];
-        for (int i = 0; i < 4; ++i) v[i] = _mm256_permute2x128_si256(lo[i], hi[i], sel);
-        fdct8_from_pairs(v[0], v[1], v[2], v[3], k, out);
-    };
-    half(0x20, a);
-    half(0x31, b);
+    fdct8_half<0x20>(lo, hi, k, a);
+    fdct8_half<0x31>(lo, hi, k, b);
 }
 
 }  // namespace
