@@ -284,39 +284,28 @@ inline uint64_t kept_rows(const __m256i c[4], const uint8_t *row, int16_t *blk, 
                           _mm256_cmpeq_epi8(_mm256_packus_epi16(n[2], n[3]), zero));
 }
 
-}  // namespace
 
-uint64_t kivoe_fdct_quant_kept_samples_avx2(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
-                                            const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
-                                            int32_t suppress) {
-    __m128i x[8];
-    const uint8_t *row = kNoThresholds;
-    if (suppress) {
-        // The thresholds of the DC coefficient's brightness, from the
-        // samples' sum S: F = (S - 8188) >> 3, so (F + 1024) >> 3 is
-        // (S + 4) >> 6, known before the transform.
-        const __m128i zero = _mm_setzero_si128();
-        __m128i sum = zero;
-        for (int i = 0; i < 8; i += 2) {
-            const __m128i r0 = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src + i * static_cast<ptrdiff_t>(stride)));
-            const __m128i r1 = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src + (i + 1) * static_cast<ptrdiff_t>(stride)));
-            sum = _mm_add_epi64(sum, _mm_sad_epu8(_mm_unpacklo_epi64(r0, r1), zero));
-        }
-        const int32_t S = _mm_cvtsi128_si32(_mm_add_epi64(sum, _mm_unpackhi_epi64(sum, sum)));
-        const int k = tbl_suppr_lum[(S + 4) >> 6];
-        if (k) row = kivo_tbl_suppr_thr + 64 * (k - 1);
+// The threshold row of the brightness of the 8 x 8 samples at src, from
+// their sum S: F = (S - 8188) >> 3, so (F + 1024) >> 3 is (S + 4) >> 6,
+// known before the transform.
+inline const uint8_t *sample_thresholds(const uint8_t *src, int32_t stride) {
+    const __m128i zero = _mm_setzero_si128();
+    __m128i sum = zero;
+    for (int i = 0; i < 8; i += 2) {
+        const __m128i r0 = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src + i * static_cast<ptrdiff_t>(stride)));
+        const __m128i r1 = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src + (i + 1) * static_cast<ptrdiff_t>(stride)));
+        sum = _mm_add_epi64(sum, _mm_sad_epu8(_mm_unpacklo_epi64(r0, r1), zero));
     }
-    load_columns_u8(src, stride, x);
-    __m256i c[4];
-    fdct8_columns(x, c);
-    if (adapt) return suppress ? kept_rows<true, true>(c, row, blk, q, recip, half, adapt)
-                               : kept_rows<true, false>(c, row, blk, q, recip, half, adapt);
-    if (suppress) return kept_rows<false, true>(c, row, blk, q, recip, half, adapt);
-    const uint64_t mask = quant_mask_rows(c, blk, recip, half);
-    return mask & 1 ? ~uint64_t(0) : mask;
+    const int32_t S = _mm_cvtsi128_si32(_mm_add_epi64(sum, _mm_unpackhi_epi64(sum, sum)));
+    const int k = tbl_suppr_lum[(S + 4) >> 6];
+    return k ? kivo_tbl_suppr_thr + 64 * (k - 1) : kNoThresholds;
 }
 
-namespace {
+// The columns of a block read from its plane, and its thresholds.
+__attribute__((always_inline)) inline const uint8_t *sample_columns(const uint8_t *src, int32_t stride, bool suppress, __m128i x[8]) {
+    load_columns_u8(src, stride, x);
+    return suppress ? sample_thresholds(src, stride) : kNoThresholds;
+}
 
 // The columns of the block whose rows b holds as jnd_filter_rows leaves
 // them, as 16-bit vectors over the rows (load_columns_u8's result).
@@ -329,9 +318,6 @@ inline void columns_of_rows(const __m256i b[2], __m128i x[8]) {
                      _mm256_extracti128_si256(a23, 1), x);
 }
 
-}  // namespace
-
-namespace {
 
 // The threshold row of the brightness of the filtered rows b.
 inline const uint8_t *filtered_thresholds(const __m256i b[2]) {
@@ -355,6 +341,16 @@ inline uint64_t kept_steps(const __m256i c[4], const uint8_t *row, int16_t *blk,
 
 }  // namespace
 
+uint64_t kivoe_fdct_quant_kept_samples_avx2(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                            const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                            int32_t suppress) {
+    __m128i x[8];
+    const uint8_t *row = sample_columns(src, stride, suppress, x);
+    __m256i c[4];
+    fdct8_columns(x, c);
+    return kept_steps(c, row, blk, q, recip, half, adapt, suppress);
+}
+
 uint64_t kivoe_jnd_fdct_quant_kept_avx2(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
                                         const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                         int32_t suppress) {
@@ -372,6 +368,23 @@ uint64_t kivoe_jnd_fdct_quant_kept_avx2(const uint8_t *src, int32_t stride, int1
 
 namespace {
 
+// The columns of two blocks, filtered, and their thresholds (none without
+// suppression): a pair side by side goes through the filter together.
+__attribute__((always_inline)) inline void filtered_columns2(const uint8_t *a, const uint8_t *b, int32_t stride, bool suppress, __m128i x[2][8],
+                              const uint8_t *row[2]) {
+    __m256i f[2][2];
+    if (b == a + 8) {
+        jnd_filter_pair_rows(a, stride, f[0], f[1]);
+    } else {
+        jnd_filter_rows(a, stride, f[0]);
+        jnd_filter_rows(b, stride, f[1]);
+    }
+    for (int k = 0; k < 2; ++k) {
+        columns_of_rows(f[k], x[k]);
+        row[k] = suppress ? filtered_thresholds(f[k]) : kNoThresholds;
+    }
+}
+
 // Two blocks transformed before either is quantized: the two chains of
 // steps are independent until the quantizer, which takes the first block
 // first (the second may quantize with the offsets the first leaves).
@@ -379,33 +392,11 @@ template <bool kFilter>
 inline void kept_pair(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2], const uint16_t *q,
                       const uint16_t *recip, const uint16_t *half, uint16_t *adapt, bool suppress, uint64_t *mask) {
     __m128i x[2][8];
-    const uint8_t *row[2] = {kNoThresholds, kNoThresholds};
+    const uint8_t *row[2];
     if (kFilter) {
-        __m256i b[2][2];
-        if (src[1] == src[0] + 8) {
-            jnd_filter_pair_rows(src[0], stride, b[0], b[1]);
-        } else {
-            jnd_filter_rows(src[0], stride, b[0]);
-            jnd_filter_rows(src[1], stride, b[1]);
-        }
-        columns_of_rows(b[0], x[0]);
-        columns_of_rows(b[1], x[1]);
-        if (suppress) row[0] = filtered_thresholds(b[0]), row[1] = filtered_thresholds(b[1]);
+        filtered_columns2(src[0], src[1], stride, suppress, x, row);
     } else {
-        for (int i = 0; i < 2; ++i) {
-            load_columns_u8(src[i], stride, x[i]);
-            if (!suppress) continue;
-            const __m128i zero = _mm_setzero_si128();
-            __m128i sum = zero;
-            for (int r = 0; r < 8; r += 2) {
-                const __m128i r0 = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src[i] + r * static_cast<ptrdiff_t>(stride)));
-                const __m128i r1 = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src[i] + (r + 1) * static_cast<ptrdiff_t>(stride)));
-                sum = _mm_add_epi64(sum, _mm_sad_epu8(_mm_unpacklo_epi64(r0, r1), zero));
-            }
-            const int32_t S = _mm_cvtsi128_si32(_mm_add_epi64(sum, _mm_unpackhi_epi64(sum, sum)));
-            const int k = tbl_suppr_lum[(S + 4) >> 6];
-            if (k) row[i] = kivo_tbl_suppr_thr + 64 * (k - 1);
-        }
+        for (int i = 0; i < 2; ++i) row[i] = sample_columns(src[i], stride, suppress, x[i]);
     }
     __m256i c[2][4];
     fdct8_columns(x[0], c[0]);
@@ -421,21 +412,9 @@ void kivoe_jnd_fdct_quant_kept4_avx2(const uint8_t *const src[4], int32_t stride
                                      const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                      int32_t suppress, uint64_t *mask) {
     __m128i x[4][8];
-    const uint8_t *row[4] = {kNoThresholds, kNoThresholds, kNoThresholds, kNoThresholds};
+    const uint8_t *row[4];
     // The blocks in two pairs side by side (the 2 x 2 blocks of an MCU).
-    for (int i = 0; i < 4; i += 2) {
-        __m256i b[2][2];
-        if (src[i + 1] == src[i] + 8) {
-            jnd_filter_pair_rows(src[i], stride, b[0], b[1]);
-        } else {
-            jnd_filter_rows(src[i], stride, b[0]);
-            jnd_filter_rows(src[i + 1], stride, b[1]);
-        }
-        for (int k = 0; k < 2; ++k) {
-            columns_of_rows(b[k], x[i + k]);
-            if (suppress) row[i + k] = filtered_thresholds(b[k]);
-        }
-    }
+    for (int i = 0; i < 4; i += 2) filtered_columns2(src[i], src[i + 1], stride, suppress, &x[i], &row[i]);
     __m256i c[4][4];
     for (int i = 0; i < 4; ++i) fdct8_columns(x[i], c[i]);
     for (int i = 0; i < 4; ++i) mask[i] = kept_steps(c[i], row[i], blk[i], q, recip, half, adapt, suppress);
