@@ -236,12 +236,12 @@ inline uint64_t kept_rows(const __m256i c[4], const uint8_t *row, int16_t *blk, 
     }
     if (kSuppress) {
         // Levels suppressed with the thresholds row only when the AC
-        // magnitudes, each counted up to 8, add up to more than 7 (the sum
-        // of the eight 32-bit lanes' pairs in lane 0).
-        const __m256i eight = _mm256_set1_epi16(8);
+        // magnitudes add up to more than 7 (the sum of the eight 32-bit
+        // lanes' pairs in lane 0; a lane's four magnitudes add up to 4096
+        // at most).
         const __m256i dc_lane = _mm256_setr_epi16(-1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
-        __m256i sum = _mm256_andnot_si256(dc_lane, _mm256_min_epu16(n[0], eight));
-        for (int k = 1; k < 4; ++k) sum = _mm256_add_epi16(sum, _mm256_min_epu16(n[k], eight));
+        __m256i sum = _mm256_andnot_si256(dc_lane, n[0]);
+        for (int k = 1; k < 4; ++k) sum = _mm256_add_epi16(sum, n[k]);
         __m256i s = _mm256_madd_epi16(sum, _mm256_set1_epi16(1));
         s = _mm256_add_epi32(s, _mm256_shuffle_epi32(s, _MM_SHUFFLE(1, 0, 3, 2)));
         s = _mm256_add_epi32(s, _mm256_shuffle_epi32(s, _MM_SHUFFLE(2, 3, 0, 1)));
