@@ -84,5 +84,6 @@ void kivoe_jnd_fdct_quant_kept4_neon(const uint8_t *const src[4], int32_t stride
                                      int32_t suppress, uint64_t *mask);
 void kivoe_box2_neon(const uint8_t *src, int32_t stride, int16_t *blk);
 void kivoe_abs_acc_neon(const int16_t *blk, uint32_t *acc);
+void kivoe_box2_strip_neon(const uint8_t *src, int32_t stride, int32_t n, uint32_t *acc);
 
 #endif
