@@ -519,14 +519,17 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
             if (acc && std::memcmp(sa, sb, sizeof(sa))) fail("abs_acc", flags, i);
         }
         // Strips of 1 to 70 blocks (past one and two chunks of 32), samples
-        // of the sets or only 0 and 255, rows 16 n + 3 bytes apart.
+        // of the sets or only 0 and 255, rows 16 n + 3 bytes apart; then 100
+        // blocks of vertical edges, near the largest magnitude (924 a block).
         const bool strip = p.box2_strip && is_new(p.box2_strip);
         checked += strip;
-        for (int n = 1; strip && n <= 70; ++n) {
+        for (int n = 1; strip && n <= 100; n += n < 70 ? 1 : 30) {
             const int32_t stride = 16 * n + 3;
             std::vector<uint8_t> plane(16 * stride + 1);
             for (size_t k = 0; k < plane.size(); ++k)
-                plane[k] = n % 3 ? static_cast<uint8_t>(sets.samples[(k / 64 + n) % sets.samples.size()][k % 64]) : (rng() & 1) * 255;
+                plane[k] = n == 100 ? ((k + stride - 1) % stride % 16 < 8) * 255
+                           : n % 3  ? static_cast<uint8_t>(sets.samples[(k / 64 + n) % sets.samples.size()][k % 64])
+                                    : (rng() & 1) * 255;
             uint32_t sa[64], sb[64];
             for (int k = 0; k < 64; ++k) sa[k] = sb[k] = rng() % 1000;
             kivoe_box2_strip(plane.data() + 1, stride, n, sa);
