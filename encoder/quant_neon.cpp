@@ -360,16 +360,6 @@ void kivoe_fdct_quant_kept2_neon(const uint8_t *const src[2], int32_t stride, in
     }
 }
 
-void kivoe_jnd_fdct_quant_kept2_neon(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2],
-                                     const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
-                                     int32_t suppress, uint64_t *mask) {
-    for (int i = 0; i < 2; ++i) {
-        kivoe_jndfilt8x8_neon(src[i], stride, blk[i]);
-        kivoe_fdct8_neon(blk[i]);
-        mask[i] = kept_block(blk[i], q, recip, half, adapt, suppress);
-    }
-}
-
 void kivoe_jnd_fdct_quant_kept4_neon(const uint8_t *const src[4], int32_t stride, int16_t *const blk[4],
                                      const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                      int32_t suppress, uint64_t *mask) {
