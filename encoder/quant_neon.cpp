@@ -177,7 +177,7 @@ namespace {
 // compiler's register allocation spilled them): c in q8, recip in q9, the
 // offsets (adapted, or half) in q10, q in q11, |c| in q12, the magnitudes
 // m in q13, their zero flags in q14; q2 holds 0 (or the magnitudes' sum),
-// q3 8192 (or 8). Each row's zero flags go, narrowed, to the d register F.
+// q3 8192. Each row's zero flags go, narrowed, to the d register F.
 #define KIVO_IN_ADAPT                                                                                               \
     "vld1.16 {d16-d17}, [%[b]]\n\t" "vld1.16 {d18-d19}, [%[r]]!\n\t" "vld1.16 {d20-d21}, [%[o]]\n\t"          \
     "vld1.16 {d22-d23}, [%[q]]!\n\t" "vabs.s16 q12, q8\n\t"
@@ -207,8 +207,7 @@ namespace {
     "vmul.i16 q15, q15, q12\n\t" "vadd.i16 q15, q15, q10\n\t" "vmax.s16 q15, q15, q2\n\t"                      \
     "vmin.s16 q15, q15, q3\n\t" "vbit q15, q10, q14\n\t" "vst1.16 {d30-d31}, [%[o]]!\n\t" KIVO_SIGN(F)
 #define KIVO_FINISH_HALF(F) "vceq.i16 q14, q13, #0\n\t" KIVO_SIGN(F)
-#define KIVO_MAG_STORE                                                                                              \
-    "vst1.16 {d26-d27}, [%[m]]!\n\t" "vmin.u16 q13, q13, q3\n\t" "vadd.i16 q2, q2, q13\n\t"
+#define KIVO_MAG_STORE "vst1.16 {d26-d27}, [%[m]]!\n\t" "vadd.i16 q2, q2, q13\n\t"
 
 // One row of each kind: straight, the first pass of the suppression
 // (magnitudes stored, their sum up to 8 each) and its second (with and
@@ -273,8 +272,9 @@ __attribute__((noinline)) uint64_t kept_block(int16_t *blk, const uint16_t *q, c
         else asm volatile(KIVO_EIGHT(KIVO_ROW_HALF) KIVO_ZIGZAG KIVO_KEPT_OPERANDS);
         return ~(static_cast<uint64_t>(hi) << 32 | lo) & ~uint64_t(1);
     }
-    // The magnitudes first: the AC ones, each counted up to 8, decide
-    // whether the block is suppressed.
+    // The magnitudes first: whether the AC ones add up to more than 7
+    // decides whether the block is suppressed (their sum per lane stays
+    // within 8 x 1151).
     uint32_t total;
     {
         int16_t *b1 = b;
@@ -286,12 +286,12 @@ __attribute__((noinline)) uint64_t kept_block(int16_t *blk, const uint16_t *q, c
     : "memory", "d0", "d1", "d2", "d3", "d4", "d5", "d6", "d7", "d16", "d17", "d18", "d19", "d20", "d21", "d22",  \
       "d23", "d24", "d25", "d26", "d27"
 #define KIVO_SUM "vpaddl.u16 q2, q2\n\t" "vpaddl.u32 q2, q2\n\t" "vadd.i64 d4, d4, d5\n\t" "vmov.32 %[tot], d4[0]\n\t"
-        if (adapt) asm volatile("vmov.i16 q2, #0\n\t" "vmov.i16 q3, #8\n\t" KIVO_EIGHT(KIVO_PASS1_ADAPT) KIVO_SUM KIVO_PASS1_OPERANDS);
-        else asm volatile("vmov.i16 q2, #0\n\t" "vmov.i16 q3, #8\n\t" KIVO_EIGHT(KIVO_PASS1_HALF) KIVO_SUM KIVO_PASS1_OPERANDS);
+        if (adapt) asm volatile("vmov.i16 q2, #0\n\t" KIVO_EIGHT(KIVO_PASS1_ADAPT) KIVO_SUM KIVO_PASS1_OPERANDS);
+        else asm volatile("vmov.i16 q2, #0\n\t" KIVO_EIGHT(KIVO_PASS1_HALF) KIVO_SUM KIVO_PASS1_OPERANDS);
 #undef KIVO_PASS1_OPERANDS
 #undef KIVO_SUM
     }
-    const bool busy = total - (mag[0] < 8 ? mag[0] : 8) > 7;
+    const bool busy = total - mag[0] > 7;
     if (adapt) {
         if (busy) asm volatile(KIVO_CONSTS KIVO_EIGHT(KIVO_PASS2_ADAPT_SUPPRESS) KIVO_ZIGZAG KIVO_KEPT_OPERANDS);
         else asm volatile(KIVO_CONSTS KIVO_EIGHT(KIVO_PASS2_ADAPT) KIVO_ZIGZAG KIVO_KEPT_OPERANDS);
