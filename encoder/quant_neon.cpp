@@ -207,22 +207,28 @@ namespace {
     "vmul.i16 q15, q15, q12\n\t" "vadd.i16 q15, q15, q10\n\t" "vmax.s16 q15, q15, q2\n\t"                      \
     "vmin.s16 q15, q15, q3\n\t" "vbit q15, q10, q14\n\t" "vst1.16 {d30-d31}, [%[o]]!\n\t" KIVO_SIGN(F)
 #define KIVO_FINISH_HALF(F) "vceq.i16 q14, q13, #0\n\t" KIVO_SIGN(F)
-#define KIVO_MAG_STORE "vst1.16 {d26-d27}, [%[m]]!\n\t" "vadd.i16 q2, q2, q13\n\t"
 
-// One row of each kind: straight, the first pass of the suppression
-// (magnitudes stored, their sum up to 8 each) and its second (with and
-// without lowering the magnitudes).
+// One row of each kind: straight, and the second pass of the suppression
+// (with and without lowering the magnitudes).
 #define KIVO_ROW_ADAPT(F) KIVO_IN_ADAPT KIVO_MAG_ADAPT KIVO_FINISH_ADAPT(F)
 #define KIVO_ROW_HALF(F)                                                                                            \
     "vld1.16 {d16-d17}, [%[b]]\n\t" "vld1.16 {d18-d19}, [%[r]]!\n\t" "vld1.16 {d20-d21}, [%[o]]!\n\t"         \
     "vabs.s16 q12, q8\n\t" KIVO_MAG_HALF KIVO_FINISH_HALF(F)
-#define KIVO_PASS1_ADAPT(F)                                                                                         \
-    "vld1.16 {d16-d17}, [%[b]]!\n\t" "vld1.16 {d18-d19}, [%[r]]!\n\t" "vld1.16 {d20-d21}, [%[o]]!\n\t"        \
-    "vabs.s16 q12, q8\n\t" KIVO_MAG_ADAPT KIVO_MAG_STORE
-#define KIVO_PASS1_HALF(F) KIVO_ROW_IN_HALF KIVO_MAG_HALF KIVO_MAG_STORE
-#define KIVO_ROW_IN_HALF                                                                                            \
-    "vld1.16 {d16-d17}, [%[b]]!\n\t" "vld1.16 {d18-d19}, [%[r]]!\n\t" "vld1.16 {d20-d21}, [%[o]]!\n\t"        \
-    "vabs.s16 q12, q8\n\t"
+// The first pass two rows a step: c in q8 q9 (then |c|), recip in q10 q11,
+// the offsets in q12 q13, the magnitudes to q14 q15.
+#define KIVO_PASS1_ADAPT                                                                                            \
+    "vld1.16 {d16-d19}, [%[b]]!\n\t" "vld1.16 {d20-d23}, [%[r]]!\n\t" "vld1.16 {d24-d27}, [%[o]]!\n\t"        \
+    "vabs.s16 q8, q8\n\t" "vabs.s16 q9, q9\n\t"                                                                  \
+    "vmovl.u16 q0, d24\n\t" "vmovl.u16 q1, d25\n\t" "vmlal.u16 q0, d16, d20\n\t" "vmlal.u16 q1, d17, d21\n\t"  \
+    "vshrn.i32 d28, q0, #14\n\t" "vshrn.i32 d29, q1, #14\n\t"                                                    \
+    "vmovl.u16 q0, d26\n\t" "vmovl.u16 q1, d27\n\t" "vmlal.u16 q0, d18, d22\n\t" "vmlal.u16 q1, d19, d23\n\t"  \
+    "vshrn.i32 d30, q0, #14\n\t" "vshrn.i32 d31, q1, #14\n\t" KIVO_PAIR_STORE
+#define KIVO_PASS1_HALF                                                                                             \
+    "vld1.16 {d16-d19}, [%[b]]!\n\t" "vld1.16 {d20-d23}, [%[r]]!\n\t" "vld1.16 {d24-d27}, [%[o]]!\n\t"        \
+    "vabs.s16 q8, q8\n\t" "vabs.s16 q9, q9\n\t" "vadd.i16 q14, q8, q12\n\t" "vadd.i16 q15, q9, q13\n\t"        \
+    "vshl.i16 q14, q14, #1\n\t" "vshl.i16 q15, q15, #1\n\t" "vqdmulh.s16 q14, q14, q10\n\t"                     \
+    "vqdmulh.s16 q15, q15, q11\n\t" KIVO_PAIR_STORE
+#define KIVO_PAIR_STORE "vst1.16 {d28-d31}, [%[m]]!\n\t" "vadd.i16 q2, q2, q14\n\t" "vadd.i16 q2, q2, q15\n\t"
 #define KIVO_IN_MAG                                                                                                 \
     "vld1.16 {d16-d17}, [%[b]]\n\t" "vld1.16 {d18-d19}, [%[r]]!\n\t" "vld1.16 {d22-d23}, [%[q]]!\n\t"         \
     "vld1.16 {d26-d27}, [%[m]]!\n\t" "vabs.s16 q12, q8\n\t"
@@ -284,10 +290,10 @@ __attribute__((noinline)) uint64_t kept_block(int16_t *blk, const uint16_t *q, c
     : [tot] "=r"(total), [b] "+r"(b1), [r] "+r"(r1), [o] "+r"(o1), [m] "+r"(m1)                                   \
     :                                                                                                               \
     : "memory", "d0", "d1", "d2", "d3", "d4", "d5", "d6", "d7", "d16", "d17", "d18", "d19", "d20", "d21", "d22",  \
-      "d23", "d24", "d25", "d26", "d27"
+      "d23", "d24", "d25", "d26", "d27", "d28", "d29", "d30", "d31"
 #define KIVO_SUM "vpaddl.u16 q2, q2\n\t" "vpaddl.u32 q2, q2\n\t" "vadd.i64 d4, d4, d5\n\t" "vmov.32 %[tot], d4[0]\n\t"
-        if (adapt) asm volatile("vmov.i16 q2, #0\n\t" KIVO_EIGHT(KIVO_PASS1_ADAPT) KIVO_SUM KIVO_PASS1_OPERANDS);
-        else asm volatile("vmov.i16 q2, #0\n\t" KIVO_EIGHT(KIVO_PASS1_HALF) KIVO_SUM KIVO_PASS1_OPERANDS);
+        if (adapt) asm volatile("vmov.i16 q2, #0\n\t" KIVO_PASS1_ADAPT KIVO_PASS1_ADAPT KIVO_PASS1_ADAPT KIVO_PASS1_ADAPT KIVO_SUM KIVO_PASS1_OPERANDS);
+        else asm volatile("vmov.i16 q2, #0\n\t" KIVO_PASS1_HALF KIVO_PASS1_HALF KIVO_PASS1_HALF KIVO_PASS1_HALF KIVO_SUM KIVO_PASS1_OPERANDS);
 #undef KIVO_PASS1_OPERANDS
 #undef KIVO_SUM
     }
@@ -309,12 +315,11 @@ __attribute__((noinline)) uint64_t kept_block(int16_t *blk, const uint16_t *q, c
 #undef KIVO_SIGN
 #undef KIVO_FINISH_ADAPT
 #undef KIVO_FINISH_HALF
-#undef KIVO_MAG_STORE
 #undef KIVO_ROW_ADAPT
 #undef KIVO_ROW_HALF
 #undef KIVO_PASS1_ADAPT
 #undef KIVO_PASS1_HALF
-#undef KIVO_ROW_IN_HALF
+#undef KIVO_PAIR_STORE
 #undef KIVO_IN_MAG
 #undef KIVO_PASS2_ADAPT
 #undef KIVO_PASS2_ADAPT_SUPPRESS
