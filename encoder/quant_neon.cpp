@@ -211,9 +211,17 @@ namespace {
 // One row of each kind: straight, and the second pass of the suppression
 // (with and without lowering the magnitudes).
 #define KIVO_ROW_ADAPT(F) KIVO_IN_ADAPT KIVO_MAG_ADAPT KIVO_FINISH_ADAPT(F)
-#define KIVO_ROW_HALF(F)                                                                                            \
-    "vld1.16 {d16-d17}, [%[b]]\n\t" "vld1.16 {d18-d19}, [%[r]]!\n\t" "vld1.16 {d20-d21}, [%[o]]!\n\t"         \
-    "vabs.s16 q12, q8\n\t" KIVO_MAG_HALF KIVO_FINISH_HALF(F)
+// Without adaptive rounding or suppression, two rows a step: c in q8 q9,
+// recip in q10 q11, half in q12 q13, the magnitudes in q0 q1, their zero
+// flags in q2 q3, to F0 and F1.
+#define KIVO_ROWS_HALF(F0, F1)                                                                                      \
+    "vld1.16 {d16-d19}, [%[b]]\n\t" "vld1.16 {d20-d23}, [%[r]]!\n\t" "vld1.16 {d24-d27}, [%[o]]!\n\t"         \
+    "vabs.s16 q0, q8\n\t" "vabs.s16 q1, q9\n\t" "vadd.i16 q0, q0, q12\n\t" "vadd.i16 q1, q1, q13\n\t"          \
+    "vshl.i16 q0, q0, #1\n\t" "vshl.i16 q1, q1, #1\n\t" "vqdmulh.s16 q0, q0, q10\n\t"                           \
+    "vqdmulh.s16 q1, q1, q11\n\t" "vceq.i16 q2, q0, #0\n\t" "vceq.i16 q3, q1, #0\n\t"                          \
+    "vshr.s16 q8, q8, #15\n\t" "vshr.s16 q9, q9, #15\n\t" "veor q0, q0, q8\n\t" "veor q1, q1, q9\n\t"          \
+    "vsub.i16 q0, q0, q8\n\t" "vsub.i16 q1, q1, q9\n\t" "vst1.16 {d0-d3}, [%[b]]!\n\t"                         \
+    "vmovn.i16 " F0 ", q2\n\t" "vmovn.i16 " F1 ", q3\n\t"
 // The first pass two rows a step: c in q8 q9 (then |c|), recip in q10 q11,
 // the offsets in q12 q13, the magnitudes to q14 q15.
 #define KIVO_PASS1_ADAPT                                                                                            \
@@ -275,7 +283,8 @@ __attribute__((noinline)) uint64_t kept_block(int16_t *blk, const uint16_t *q, c
     uint32_t lo, hi;
     if (!t) {
         if (adapt) asm volatile(KIVO_CONSTS KIVO_EIGHT(KIVO_ROW_ADAPT) KIVO_ZIGZAG KIVO_KEPT_OPERANDS);
-        else asm volatile(KIVO_EIGHT(KIVO_ROW_HALF) KIVO_ZIGZAG KIVO_KEPT_OPERANDS);
+        else asm volatile(KIVO_ROWS_HALF("d8", "d9") KIVO_ROWS_HALF("d10", "d11") KIVO_ROWS_HALF("d12", "d13")
+                          KIVO_ROWS_HALF("d14", "d15") KIVO_ZIGZAG KIVO_KEPT_OPERANDS);
         return ~(static_cast<uint64_t>(hi) << 32 | lo) & ~uint64_t(1);
     }
     // The magnitudes first: whether the AC ones add up to more than 7
@@ -316,7 +325,7 @@ __attribute__((noinline)) uint64_t kept_block(int16_t *blk, const uint16_t *q, c
 #undef KIVO_FINISH_ADAPT
 #undef KIVO_FINISH_HALF
 #undef KIVO_ROW_ADAPT
-#undef KIVO_ROW_HALF
+#undef KIVO_ROWS_HALF
 #undef KIVO_PASS1_ADAPT
 #undef KIVO_PASS1_HALF
 #undef KIVO_PAIR_STORE
