@@ -70,7 +70,17 @@ void kivoe_update_offset_neon(const int16_t *levels, const int16_t *coef, const 
 uint64_t kivoe_fdct_quant_kept_samples_neon(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
                                             const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                             int32_t suppress);
+uint64_t kivoe_jnd_fdct_quant_kept_neon(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                        const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                        int32_t suppress);
+void kivoe_fdct_quant_kept2_neon(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2],
+                                 const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                 int32_t suppress, uint64_t *mask);
+void kivoe_jnd_fdct_quant_kept4_neon(const uint8_t *const src[4], int32_t stride, int16_t *const blk[4],
+                                     const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                     int32_t suppress, uint64_t *mask);
 void kivoe_box2_neon(const uint8_t *src, int32_t stride, int16_t *blk);
 void kivoe_abs_acc_neon(const int16_t *blk, uint32_t *acc);
+void kivoe_box2_strip_neon(const uint8_t *src, int32_t stride, int32_t n, uint32_t *acc);
 
 #endif

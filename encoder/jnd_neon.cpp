@@ -4,63 +4,70 @@
 #include "encoder/enc_simd.h"
 #include "encoder/jnd_steps.h"
 
-namespace {
-
-// Per byte: how many of the steps are at or below c, by table look-ups on
-// the high nibble of c (see jnd_steps.h).
-inline uint8x16_t steps_at_or_below(uint8x16_t c, uint8x16_t idx, const JndSteps &t) {
-    const uint8x8x2_t base = {{vld1_u8(t.base), vld1_u8(t.base + 8)}};
-    const uint8x8x2_t step = {{vld1_u8(t.step), vld1_u8(t.step + 8)}};
-    const uint8x16_t b = vcombine_u8(vtbl2_u8(base, vget_low_u8(idx)), vtbl2_u8(base, vget_high_u8(idx)));
-    const uint8x16_t s = vcombine_u8(vtbl2_u8(step, vget_low_u8(idx)), vtbl2_u8(step, vget_high_u8(idx)));
-    return vsubq_u8(b, vcgeq_u8(c, s));
-}
-
-inline uint8x16_t rows(const uint8_t *p, int32_t stride, int y) {
-    return vcombine_u8(vld1_u8(p + static_cast<ptrdiff_t>(y) * stride), vld1_u8(p + static_cast<ptrdiff_t>(y + 1) * stride));
-}
-
-}  // namespace
-
-namespace {
-
-// The filtered rows y and y + 1 (y even) of the block at src, before the
-// final rounding shift, to store(y, sums of row y, sums of row y + 1).
-template <class Store>
-inline void filter(const uint8_t *src, int32_t stride, Store store) {
-    for (int y = 0; y < 8; y += 2) {
-        const uint8x16_t c = rows(src, stride, y), idx = vshrq_n_u8(c, 4);
-        // The band [c - d(c), min(255, c + a(c))] that neighbours are held to.
-        const uint8x16_t hi = vqaddq_u8(c, steps_at_or_below(c, idx, kJndUp));
-        const uint8x16_t lo = vqsubq_u8(c, steps_at_or_below(c, idx, kJndDown));
-        uint8x16_t n[4];
-        const int dy[4] = {-2, -1, 1, 2};
-        for (int k = 0; k < 4; ++k) n[k] = vminq_u8(vmaxq_u8(rows(src, stride, y + dy[k]), lo), hi);
-        uint16x8_t sum[2];
-        for (int h = 0; h < 2; ++h) {
-            auto half = [h](uint8x16_t v) { return h ? vget_high_u8(v) : vget_low_u8(v); };
-            uint16x8_t s = vaddl_u8(half(n[0]), half(n[3]));
-            s = vaddq_u16(s, vshlq_n_u16(vaddl_u8(half(n[1]), half(n[2])), 2));
-            sum[h] = vmlal_u8(s, half(c), vdup_n_u8(6));
-        }
-        store(y, sum[0], sum[1]);
-    }
-}
-
-}  // namespace
+// The filter in assembly on fixed registers: the band's tables in d0-d7
+// (up: base, step; down: base, step), 4 and 6 in the bytes of d8 and d9.
+// Each step filters rows y and y + 1, C = rows (y, y + 1) with CL and CH
+// its halves; A, B, D and E hold the row pairs one and two rows above and
+// below: (y - 2, y - 1), (y - 1, y), (y + 1, y + 2), (y + 2, y + 3). The
+// band [c - d(c), min(255, c + a(c))] goes to q15 and q14, the sums of
+// row y and y + 1 to q5 and q6, before the final rounding shift OUT.
+#define KIVO_JND_STEP(A, B, C, CL, CH, D, E, OUT)                                                                  \
+    "vshr.u8 q13, " C ", #4\n\t"                                                                                   \
+    "vtbl.8 d28, {d0-d1}, d26\n\t" "vtbl.8 d29, {d0-d1}, d27\n\t" "vtbl.8 d30, {d2-d3}, d26\n\t"                 \
+    "vtbl.8 d31, {d2-d3}, d27\n\t" "vcge.u8 q15, " C ", q15\n\t" "vsub.i8 q14, q14, q15\n\t"                       \
+    "vqadd.u8 q14, " C ", q14\n\t"                                                                                 \
+    "vtbl.8 d30, {d4-d5}, d26\n\t" "vtbl.8 d31, {d4-d5}, d27\n\t" "vtbl.8 d14, {d6-d7}, d26\n\t"                 \
+    "vtbl.8 d15, {d6-d7}, d27\n\t" "vcge.u8 q7, " C ", q7\n\t" "vsub.i8 q15, q15, q7\n\t"                          \
+    "vqsub.u8 q15, " C ", q15\n\t"                                                                                 \
+    "vmax.u8 q13, " A ", q15\n\t" "vmin.u8 q13, q13, q14\n\t" "vmax.u8 q7, " E ", q15\n\t"                        \
+    "vmin.u8 q7, q7, q14\n\t" "vaddl.u8 q5, d26, d14\n\t" "vaddl.u8 q6, d27, d15\n\t"                             \
+    "vmax.u8 q13, " B ", q15\n\t" "vmin.u8 q13, q13, q14\n\t" "vmlal.u8 q5, d26, d8\n\t"                          \
+    "vmlal.u8 q6, d27, d8\n\t" "vmax.u8 q13, " D ", q15\n\t" "vmin.u8 q13, q13, q14\n\t"                          \
+    "vmlal.u8 q5, d26, d8\n\t" "vmlal.u8 q6, d27, d8\n\t" "vmlal.u8 q5, " CL ", d9\n\t"                           \
+    "vmlal.u8 q6, " CH ", d9\n\t" OUT
+// The rows of the next step into the pairs A (AL, AH) and B (BL, BH) the
+// step leaves free, from E's second row (EH) and two new rows.
+#define KIVO_JND_NEXT(AL, AH, BL, BH, EH)                                                                          \
+    "vmov " AL ", " EH "\n\t" "vld1.8 {" AH "}, [%[p]], %[st]\n\t" "vmov " BL ", " AH "\n\t"                       \
+    "vld1.8 {" BH "}, [%[p]], %[st]\n\t"
+// Rows -2 to 3 into q8 (-2, -1), q9 (-1, 0), q10 (0, 1), q11 (1, 2), q12 (2, 3).
+#define KIVO_JND_FIRST                                                                                              \
+    "vld1.8 {d0-d3}, [%[up]]\n\t" "vld1.8 {d4-d7}, [%[down]]\n\t" "vmov.i8 d8, #4\n\t" "vmov.i8 d9, #6\n\t"     \
+    "vld1.8 {d16}, [%[p]], %[st]\n\t" "vld1.8 {d17}, [%[p]], %[st]\n\t" "vmov d18, d17\n\t"                      \
+    "vld1.8 {d19}, [%[p]], %[st]\n\t" "vmov d20, d19\n\t" "vld1.8 {d21}, [%[p]], %[st]\n\t" "vmov d22, d21\n\t"  \
+    "vld1.8 {d23}, [%[p]], %[st]\n\t" "vmov d24, d23\n\t" "vld1.8 {d25}, [%[p]], %[st]\n\t"
+// The four steps, the row pairs' registers turning round.
+#define KIVO_JND_BLOCK(OUT)                                                                                         \
+    KIVO_JND_FIRST                                                                                                  \
+    KIVO_JND_STEP("q8", "q9", "q10", "d20", "d21", "q11", "q12", OUT) KIVO_JND_NEXT("d16", "d17", "d18", "d19", "d25") \
+    KIVO_JND_STEP("q10", "q11", "q12", "d24", "d25", "q8", "q9", OUT) KIVO_JND_NEXT("d20", "d21", "d22", "d23", "d19") \
+    KIVO_JND_STEP("q12", "q8", "q9", "d18", "d19", "q10", "q11", OUT) KIVO_JND_NEXT("d24", "d25", "d16", "d17", "d23") \
+    KIVO_JND_STEP("q9", "q10", "q11", "d22", "d23", "q12", "q8", OUT)
+#define KIVO_JND_OPERANDS                                                                                           \
+    : [p] "+r"(p), [d] "+r"(dst)                                                                                    \
+    : [st] "r"(stride), [up] "r"(&kJndUp), [down] "r"(&kJndDown)                                                    \
+    : "memory", "d0", "d1", "d2", "d3", "d4", "d5", "d6", "d7", "d8", "d9", "d10", "d11", "d12", "d13", "d14",     \
+      "d15", "d16", "d17", "d18", "d19", "d20", "d21", "d22", "d23", "d24", "d25", "d26", "d27", "d28", "d29",    \
+      "d30", "d31"
 
 void kivoe_jndfilt8x8_neon(const uint8_t *src, int32_t stride, int16_t *blk) {
-    filter(src, stride, [blk](int y, uint16x8_t s0, uint16x8_t s1) {
-        vst1q_s16(blk + 8 * y, vreinterpretq_s16_u16(vrshrq_n_u16(s0, 4)));
-        vst1q_s16(blk + 8 * y + 8, vreinterpretq_s16_u16(vrshrq_n_u16(s1, 4)));
-    });
+    const uint8_t *p = src - 2 * static_cast<ptrdiff_t>(stride);
+    int16_t *dst = blk;
+    asm volatile(KIVO_JND_BLOCK("vrshr.u16 q5, q5, #4\n\t" "vrshr.u16 q6, q6, #4\n\t" "vst1.16 {d10-d13}, [%[d]]!\n\t")
+                 KIVO_JND_OPERANDS);
 }
 
 void kivoe_jndfilt8x8_u8_neon(const uint8_t *src, int32_t stride, uint8_t *dst) {
-    filter(src, stride, [dst](int y, uint16x8_t s0, uint16x8_t s1) {
-        vst1q_u8(dst + 8 * y, vcombine_u8(vrshrn_n_u16(s0, 4), vrshrn_n_u16(s1, 4)));
-    });
+    const uint8_t *p = src - 2 * static_cast<ptrdiff_t>(stride);
+    asm volatile(KIVO_JND_BLOCK("vrshrn.u16 d10, q5, #4\n\t" "vrshrn.u16 d11, q6, #4\n\t" "vst1.8 {d10-d11}, [%[d]]!\n\t")
+                 KIVO_JND_OPERANDS);
 }
+
+#undef KIVO_JND_STEP
+#undef KIVO_JND_NEXT
+#undef KIVO_JND_FIRST
+#undef KIVO_JND_BLOCK
+#undef KIVO_JND_OPERANDS
 
 // A level L = sign * n (n > 0) becomes sign * m for the lowest m that the
 // descent from n - 1 reaches. With c = sign * C and e = c - (n - 1) q, the

@@ -164,48 +164,184 @@ void kivoe_update_offset_neon(const int16_t *levels, const int16_t *coef, const 
     }
 }
 
-// kivoe_fdct_quant_kept_samples with the coefficients of 8-bit samples
-// (|c| at most 1024; with the tables' q of 1 to 255, recip = 16384 / q and
-// offsets up to 8192 a level's magnitude n stays within 1024 and n q within
-// |c| + q / 2, so that the products below fit 16 bits, and x r >> 14 for x
-// below 2^13 is the doubling high half of 2 x and r). The suppression
-// lowers n to M = (|c| + q - T) / q where that is below it, the quotient
-// from the reciprocal with one correction.
+// The fused kernels, from the coefficients of 8-bit samples (|c| at most
+// 1024; with the tables' q of 1 to 255, recip = 16384 / q and offsets up to
+// 8192 a level's magnitude n stays within 1024 and n q within |c| + q / 2,
+// so that the products below fit 16 bits, and x r >> 14 for x below 2^13 is
+// the doubling high half of 2 x and r). The suppression lowers n to
+// M = (|c| + q - T) / q where that is below it, the quotient from the
+// reciprocal with one correction.
 namespace {
 
-// (x r) >> 14 for x below 2^13 and r at most 16384.
-inline uint16x8_t mul_q14(uint16x8_t x, uint16x8_t r) {
-    return vreinterpretq_u16_s16(vqdmulhq_s16(vreinterpretq_s16_u16(vshlq_n_u16(x, 1)), vreinterpretq_s16_u16(r)));
-}
+// The rows of the kept kernels, in assembly on fixed registers (the
+// compiler's register allocation spilled them): c in q8, recip in q9, the
+// offsets (adapted, or half) in q10, q in q11, |c| in q12, the magnitudes
+// m in q13, their zero flags in q14; q2 holds 0 (or the magnitudes' sum),
+// q3 8192. Each row's zero flags go, narrowed, to the d register F.
+#define KIVO_IN_ADAPT                                                                                               \
+    "vld1.16 {d16-d17}, [%[b]]\n\t" "vld1.16 {d18-d19}, [%[r]]!\n\t" "vld1.16 {d20-d21}, [%[o]]\n\t"          \
+    "vld1.16 {d22-d23}, [%[q]]!\n\t" "vabs.s16 q12, q8\n\t"
+// (|c| recip + offset) >> 14.
+#define KIVO_MAG_ADAPT                                                                                              \
+    "vmovl.u16 q0, d20\n\t" "vmovl.u16 q1, d21\n\t" "vmlal.u16 q0, d24, d18\n\t" "vmlal.u16 q1, d25, d19\n\t"  \
+    "vshrn.i32 d26, q0, #14\n\t" "vshrn.i32 d27, q1, #14\n\t"
+// ((|c| + half) recip) >> 14 as the doubling high half of 2 (|c| + half) and recip.
+#define KIVO_MAG_HALF                                                                                               \
+    "vadd.i16 q13, q12, q10\n\t" "vshl.i16 q13, q13, #1\n\t" "vqdmulh.s16 q13, q13, q9\n\t"
+// m lowered to (|c| + q - T) / q where that is below it: the quotient m0
+// from the reciprocal, plus one where the remainder reaches q.
+#define KIVO_SUPPRESS                                                                                               \
+    "vld1.8 {d0}, [%[t]]!\n\t" "vmovl.u8 q0, d0\n\t" "vadd.i16 q1, q12, q11\n\t" "vqsub.u16 q1, q1, q0\n\t"   \
+    "vshl.i16 q0, q1, #1\n\t" "vqdmulh.s16 q0, q0, q9\n\t" "vmls.i16 q1, q0, q11\n\t"                          \
+    "vcge.u16 q1, q1, q11\n\t" "vsub.i16 q0, q0, q1\n\t" "vmin.u16 q13, q13, q0\n\t"
+// The levels m with the signs of c stored, the zero flags kept.
+#define KIVO_SIGN(F)                                                                                                \
+    "vshr.s16 q12, q8, #15\n\t" "veor q13, q13, q12\n\t" "vsub.i16 q13, q13, q12\n\t"                          \
+    "vst1.16 {d26-d27}, [%[b]]!\n\t" "vmovn.i16 " F ", q14\n\t"
+// Adaptive rounding: err = |c| - m q moves the offset of a non-zero level
+// by sign(err) ((|err| recip) >> 11), as (32 |err| recip) >> 16, clamped
+// to 0..8192; then the levels.
+#define KIVO_FINISH_ADAPT(F)                                                                                        \
+    "vceq.i16 q14, q13, #0\n\t" "vmls.i16 q12, q13, q11\n\t" "vabs.s16 q15, q12\n\t" "vshl.i16 q15, q15, #4\n\t" \
+    "vqdmulh.s16 q15, q15, q9\n\t" "vshr.s16 q12, q12, #15\n\t" "vorr.i16 q12, #1\n\t"                          \
+    "vmul.i16 q15, q15, q12\n\t" "vadd.i16 q15, q15, q10\n\t" "vmax.s16 q15, q15, q2\n\t"                      \
+    "vmin.s16 q15, q15, q3\n\t" "vbit q15, q10, q14\n\t" "vst1.16 {d30-d31}, [%[o]]!\n\t" KIVO_SIGN(F)
+#define KIVO_FINISH_HALF(F) "vceq.i16 q14, q13, #0\n\t" KIVO_SIGN(F)
 
-// Level magnitudes of the row r of coefficients c.
-inline uint16x8_t magnitudes(uint16x8_t a, const uint16_t *recip, const uint16_t *half, const uint16_t *adapt) {
-    const uint16x8_t R = vld1q_u16(recip);
-    if (!adapt) return mul_q14(vaddq_u16(a, vld1q_u16(half)), R);
-    const uint16x8_t O = vld1q_u16(adapt);
-    const uint32x4_t lo = vaddw_u16(vmull_u16(vget_low_u16(a), vget_low_u16(R)), vget_low_u16(O));
-    const uint32x4_t hi = vaddw_u16(vmull_u16(vget_high_u16(a), vget_high_u16(R)), vget_high_u16(O));
-    return vcombine_u16(vshrn_n_u32(lo, 14), vshrn_n_u32(hi, 14));
-}
+// One row of each kind: straight, and the second pass of the suppression
+// (with and without lowering the magnitudes).
+#define KIVO_ROW_ADAPT(F) KIVO_IN_ADAPT KIVO_MAG_ADAPT KIVO_FINISH_ADAPT(F)
+// Without adaptive rounding or suppression, two rows a step: c in q8 q9,
+// recip in q10 q11, half in q12 q13, the magnitudes in q0 q1, their zero
+// flags in q2 q3, to F0 and F1.
+#define KIVO_ROWS_HALF(F0, F1)                                                                                      \
+    "vld1.16 {d16-d19}, [%[b]]\n\t" "vld1.16 {d20-d23}, [%[r]]!\n\t" "vld1.16 {d24-d27}, [%[o]]!\n\t"         \
+    "vabs.s16 q0, q8\n\t" "vabs.s16 q1, q9\n\t" "vadd.i16 q0, q0, q12\n\t" "vadd.i16 q1, q1, q13\n\t"          \
+    "vshl.i16 q0, q0, #1\n\t" "vshl.i16 q1, q1, #1\n\t" "vqdmulh.s16 q0, q0, q10\n\t"                           \
+    "vqdmulh.s16 q1, q1, q11\n\t" "vceq.i16 q2, q0, #0\n\t" "vceq.i16 q3, q1, #0\n\t"                          \
+    "vshr.s16 q8, q8, #15\n\t" "vshr.s16 q9, q9, #15\n\t" "veor q0, q0, q8\n\t" "veor q1, q1, q9\n\t"          \
+    "vsub.i16 q0, q0, q8\n\t" "vsub.i16 q1, q1, q9\n\t" "vst1.16 {d0-d3}, [%[b]]!\n\t"                         \
+    "vmovn.i16 " F0 ", q2\n\t" "vmovn.i16 " F1 ", q3\n\t"
+// The first pass two rows a step: c in q8 q9 (then |c|), recip in q10 q11,
+// the offsets in q12 q13, the magnitudes to q14 q15.
+#define KIVO_PASS1_ADAPT                                                                                            \
+    "vld1.16 {d16-d19}, [%[b]]!\n\t" "vld1.16 {d20-d23}, [%[r]]!\n\t" "vld1.16 {d24-d27}, [%[o]]!\n\t"        \
+    "vabs.s16 q8, q8\n\t" "vabs.s16 q9, q9\n\t"                                                                  \
+    "vmovl.u16 q0, d24\n\t" "vmovl.u16 q1, d25\n\t" "vmlal.u16 q0, d16, d20\n\t" "vmlal.u16 q1, d17, d21\n\t"  \
+    "vshrn.i32 d28, q0, #14\n\t" "vshrn.i32 d29, q1, #14\n\t"                                                    \
+    "vmovl.u16 q0, d26\n\t" "vmovl.u16 q1, d27\n\t" "vmlal.u16 q0, d18, d22\n\t" "vmlal.u16 q1, d19, d23\n\t"  \
+    "vshrn.i32 d30, q0, #14\n\t" "vshrn.i32 d31, q1, #14\n\t" KIVO_PAIR_STORE
+#define KIVO_PASS1_HALF                                                                                             \
+    "vld1.16 {d16-d19}, [%[b]]!\n\t" "vld1.16 {d20-d23}, [%[r]]!\n\t" "vld1.16 {d24-d27}, [%[o]]!\n\t"        \
+    "vabs.s16 q8, q8\n\t" "vabs.s16 q9, q9\n\t" "vadd.i16 q14, q8, q12\n\t" "vadd.i16 q15, q9, q13\n\t"        \
+    "vshl.i16 q14, q14, #1\n\t" "vshl.i16 q15, q15, #1\n\t" "vqdmulh.s16 q14, q14, q10\n\t"                     \
+    "vqdmulh.s16 q15, q15, q11\n\t" KIVO_PAIR_STORE
+#define KIVO_PAIR_STORE "vst1.16 {d28-d31}, [%[m]]!\n\t" "vadd.i16 q2, q2, q14\n\t" "vadd.i16 q2, q2, q15\n\t"
+#define KIVO_IN_MAG                                                                                                 \
+    "vld1.16 {d16-d17}, [%[b]]\n\t" "vld1.16 {d18-d19}, [%[r]]!\n\t" "vld1.16 {d22-d23}, [%[q]]!\n\t"         \
+    "vld1.16 {d26-d27}, [%[m]]!\n\t" "vabs.s16 q12, q8\n\t"
+#define KIVO_PASS2_ADAPT(F) KIVO_IN_MAG "vld1.16 {d20-d21}, [%[o]]\n\t" KIVO_FINISH_ADAPT(F)
+#define KIVO_PASS2_ADAPT_SUPPRESS(F) KIVO_IN_MAG "vld1.16 {d20-d21}, [%[o]]\n\t" KIVO_SUPPRESS KIVO_FINISH_ADAPT(F)
+#define KIVO_PASS2_HALF(F) KIVO_IN_MAG KIVO_FINISH_HALF(F)
+#define KIVO_PASS2_HALF_SUPPRESS(F) KIVO_IN_MAG KIVO_SUPPRESS KIVO_FINISH_HALF(F)
+#define KIVO_EIGHT(ROW) ROW("d8") ROW("d9") ROW("d10") ROW("d11") ROW("d12") ROW("d13") ROW("d14") ROW("d15")
+// The zero flags of d8-d15 in zig-zag order (rows 0-3 by vtbl, rows 4-7
+// by vtbx on the indices minus 32), one bit a flag, into lo and hi.
+#define KIVO_ZIGZAG                                                                                                 \
+    "vld1.8 {d0-d3}, [%[z]]!\n\t" "vld1.8 {d4-d7}, [%[z]]!\n\t"                                                   \
+    "vld1.8 {d16-d19}, [%[z]]!\n\t" "vld1.8 {d20-d23}, [%[z]]!\n\t"                                               \
+    "vtbl.8 d24, {d8-d11}, d0\n\t" "vtbl.8 d25, {d8-d11}, d1\n\t" "vtbl.8 d26, {d8-d11}, d2\n\t"                 \
+    "vtbl.8 d27, {d8-d11}, d3\n\t" "vtbl.8 d28, {d8-d11}, d4\n\t" "vtbl.8 d29, {d8-d11}, d5\n\t"                 \
+    "vtbl.8 d30, {d8-d11}, d6\n\t" "vtbl.8 d31, {d8-d11}, d7\n\t" "vld1.8 {d0-d1}, [%[z]]\n\t"                   \
+    "vtbx.8 d24, {d12-d15}, d16\n\t" "vtbx.8 d25, {d12-d15}, d17\n\t" "vtbx.8 d26, {d12-d15}, d18\n\t"           \
+    "vtbx.8 d27, {d12-d15}, d19\n\t" "vtbx.8 d28, {d12-d15}, d20\n\t" "vtbx.8 d29, {d12-d15}, d21\n\t"           \
+    "vtbx.8 d30, {d12-d15}, d22\n\t" "vtbx.8 d31, {d12-d15}, d23\n\t"                                             \
+    "vand q12, q12, q0\n\t" "vand q13, q13, q0\n\t" "vand q14, q14, q0\n\t" "vand q15, q15, q0\n\t"              \
+    "vpadd.i8 d24, d24, d25\n\t" "vpadd.i8 d25, d26, d27\n\t" "vpadd.i8 d26, d28, d29\n\t"                      \
+    "vpadd.i8 d27, d30, d31\n\t" "vpadd.i8 d24, d24, d25\n\t" "vpadd.i8 d25, d26, d27\n\t"                      \
+    "vpadd.i8 d24, d24, d25\n\t" "vmov %[lo], %[hi], d24\n\t"
+#define KIVO_CONSTS "vmov.i16 q2, #0\n\t" "vmov.i16 q3, #8192\n\t"
+#define KIVO_KEPT_OPERANDS                                                                                          \
+    : [lo] "=r"(lo), [hi] "=r"(hi), [b] "+r"(b), [r] "+r"(r), [o] "+r"(o), [q] "+r"(qq), [t] "+r"(t),            \
+      [m] "+r"(mp), [z] "+r"(zig)                                                                                   \
+    :                                                                                                               \
+    : "memory", "d0", "d1", "d2", "d3", "d4", "d5", "d6", "d7", "d8", "d9", "d10", "d11", "d12", "d13", "d14",     \
+      "d15", "d16", "d17", "d18", "d19", "d20", "d21", "d22", "d23", "d24", "d25", "d26", "d27", "d28", "d29",    \
+      "d30", "d31"
 
-// The final magnitudes m of row r: offsets updated, levels stored with the
-// signs of c; returns the row's zero flags as bytes.
-inline uint8x8_t finish_row(int16x8_t c, uint16x8_t a, uint16x8_t m, const uint16_t *q, const uint16_t *recip,
-                            uint16_t *adapt, int16_t *blk) {
-    const uint16x8_t none = vceqq_u16(m, vdupq_n_u16(0));
-    if (adapt) {
-        // err = |c| - m q; d = (|err| recip) >> 11 = (32 |err| recip) >> 16.
-        const int16x8_t err = vreinterpretq_s16_u16(vmlsq_u16(a, m, vld1q_u16(q)));
-        const int16x8_t d = vqdmulhq_s16(vshlq_n_s16(vabsq_s16(err), 4), vreinterpretq_s16_u16(vld1q_u16(recip)));
-        const int16x8_t neg = vshrq_n_s16(err, 15);
-        const uint16x8_t O = vld1q_u16(adapt);
-        int16x8_t o = vaddq_s16(vreinterpretq_s16_u16(O), vsubq_s16(veorq_s16(d, neg), neg));
-        o = vminq_s16(vmaxq_s16(o, vdupq_n_s16(0)), vdupq_n_s16(8192));
-        vst1q_u16(adapt, vbslq_u16(none, O, vreinterpretq_u16_s16(o)));
+// kivoe_quant_kept of the transformed block at blk, the thresholds from its
+// DC coefficient when suppress is not 0.
+__attribute__((noinline)) uint64_t kept_block(int16_t *blk, const uint16_t *q, const uint16_t *recip,
+                                              const uint16_t *half, uint16_t *adapt, int32_t suppress) {
+    const uint8_t *t = suppress ? kivoe_jnd_threshold_row(blk[0]) : nullptr;
+    int16_t *b = blk;
+    const uint16_t *r = recip, *qq = q;
+    uint16_t *o = adapt ? adapt : const_cast<uint16_t *>(half);  // written only when adapt
+    const uint8_t *zig = kZig.lo;
+    alignas(16) uint16_t mag[64];
+    uint16_t *mp = mag;
+    uint32_t lo, hi;
+    if (!t) {
+        if (adapt) asm volatile(KIVO_CONSTS KIVO_EIGHT(KIVO_ROW_ADAPT) KIVO_ZIGZAG KIVO_KEPT_OPERANDS);
+        else asm volatile(KIVO_ROWS_HALF("d8", "d9") KIVO_ROWS_HALF("d10", "d11") KIVO_ROWS_HALF("d12", "d13")
+                          KIVO_ROWS_HALF("d14", "d15") KIVO_ZIGZAG KIVO_KEPT_OPERANDS);
+        return ~(static_cast<uint64_t>(hi) << 32 | lo) & ~uint64_t(1);
     }
-    const int16x8_t sc = vshrq_n_s16(c, 15);
-    vst1q_s16(blk, vsubq_s16(veorq_s16(vreinterpretq_s16_u16(m), sc), sc));
-    return vmovn_u16(none);
+    // The magnitudes first: whether the AC ones add up to more than 7
+    // decides whether the block is suppressed (their sum per lane stays
+    // within 8 x 1151).
+    uint32_t total;
+    {
+        int16_t *b1 = b;
+        const uint16_t *r1 = r, *o1 = o;
+        uint16_t *m1 = mag;
+#define KIVO_PASS1_OPERANDS                                                                                         \
+    : [tot] "=r"(total), [b] "+r"(b1), [r] "+r"(r1), [o] "+r"(o1), [m] "+r"(m1)                                   \
+    :                                                                                                               \
+    : "memory", "d0", "d1", "d2", "d3", "d4", "d5", "d6", "d7", "d16", "d17", "d18", "d19", "d20", "d21", "d22",  \
+      "d23", "d24", "d25", "d26", "d27", "d28", "d29", "d30", "d31"
+#define KIVO_SUM "vpaddl.u16 q2, q2\n\t" "vpaddl.u32 q2, q2\n\t" "vadd.i64 d4, d4, d5\n\t" "vmov.32 %[tot], d4[0]\n\t"
+        if (adapt) asm volatile("vmov.i16 q2, #0\n\t" KIVO_PASS1_ADAPT KIVO_PASS1_ADAPT KIVO_PASS1_ADAPT KIVO_PASS1_ADAPT KIVO_SUM KIVO_PASS1_OPERANDS);
+        else asm volatile("vmov.i16 q2, #0\n\t" KIVO_PASS1_HALF KIVO_PASS1_HALF KIVO_PASS1_HALF KIVO_PASS1_HALF KIVO_SUM KIVO_PASS1_OPERANDS);
+#undef KIVO_PASS1_OPERANDS
+#undef KIVO_SUM
+    }
+    const bool busy = total - mag[0] > 7;
+    if (adapt) {
+        if (busy) asm volatile(KIVO_CONSTS KIVO_EIGHT(KIVO_PASS2_ADAPT_SUPPRESS) KIVO_ZIGZAG KIVO_KEPT_OPERANDS);
+        else asm volatile(KIVO_CONSTS KIVO_EIGHT(KIVO_PASS2_ADAPT) KIVO_ZIGZAG KIVO_KEPT_OPERANDS);
+    } else {
+        if (busy) asm volatile(KIVO_EIGHT(KIVO_PASS2_HALF_SUPPRESS) KIVO_ZIGZAG KIVO_KEPT_OPERANDS);
+        else asm volatile(KIVO_EIGHT(KIVO_PASS2_HALF) KIVO_ZIGZAG KIVO_KEPT_OPERANDS);
+    }
+    return ~(static_cast<uint64_t>(hi) << 32 | lo) & ~uint64_t(1);
+}
+
+#undef KIVO_IN_ADAPT
+#undef KIVO_MAG_ADAPT
+#undef KIVO_MAG_HALF
+#undef KIVO_SUPPRESS
+#undef KIVO_SIGN
+#undef KIVO_FINISH_ADAPT
+#undef KIVO_FINISH_HALF
+#undef KIVO_ROW_ADAPT
+#undef KIVO_ROWS_HALF
+#undef KIVO_PASS1_ADAPT
+#undef KIVO_PASS1_HALF
+#undef KIVO_PAIR_STORE
+#undef KIVO_IN_MAG
+#undef KIVO_PASS2_ADAPT
+#undef KIVO_PASS2_ADAPT_SUPPRESS
+#undef KIVO_PASS2_HALF
+#undef KIVO_PASS2_HALF_SUPPRESS
+#undef KIVO_EIGHT
+#undef KIVO_ZIGZAG
+#undef KIVO_CONSTS
+#undef KIVO_KEPT_OPERANDS
+
+// The samples at src widened into blk.
+inline void widen(const uint8_t *src, int32_t stride, int16_t *blk) {
+    for (int r = 0; r < 8; ++r, src += stride) vst1q_s16(blk + 8 * r, vreinterpretq_s16_u16(vmovl_u8(vld1_u8(src))));
 }
 
 }  // namespace
@@ -213,74 +349,37 @@ inline uint8x8_t finish_row(int16x8_t c, uint16x8_t a, uint16x8_t m, const uint1
 uint64_t kivoe_fdct_quant_kept_samples_neon(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
                                             const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                             int32_t suppress) {
-    // The samples widened, their sum S giving the DC coefficient's
-    // brightness: F = (S - 8188) >> 3, so (F + 1024) >> 3 is (S + 4) >> 6.
-    uint16x8_t sum = vdupq_n_u16(0);
-    for (int r = 0; r < 8; ++r) {
-        const uint16x8_t v = vmovl_u8(vld1_u8(src + static_cast<ptrdiff_t>(r) * stride));
-        sum = vaddq_u16(sum, v);
-        vst1q_s16(blk + 8 * r, vreinterpretq_s16_u16(v));
-    }
-    const uint8_t *row = nullptr;
-    if (suppress) {
-        const uint64x2_t s2 = vpaddlq_u32(vpaddlq_u16(sum));
-        const int32_t S = static_cast<int32_t>(vgetq_lane_u64(s2, 0) + vgetq_lane_u64(s2, 1));
-        const int k = tbl_suppr_lum[(S + 4) >> 6];
-        if (k) row = kivo_tbl_suppr_thr + 64 * (k - 1);
-    }
+    widen(src, stride, blk);
     kivoe_fdct8_neon(blk);
-    uint8x8_t zero_flags[8];
-    if (!row) {
-        // Nothing to suppress: one pass.
-        for (int r = 0; r < 8; ++r) {
-            const int16x8_t c = vld1q_s16(blk + 8 * r);
-            const uint16x8_t a = vreinterpretq_u16_s16(vabsq_s16(c));
-            const uint16x8_t n = magnitudes(a, recip + 8 * r, half + 8 * r, adapt ? adapt + 8 * r : nullptr);
-            zero_flags[r] = finish_row(c, a, n, q + 8 * r, recip + 8 * r, adapt ? adapt + 8 * r : nullptr, blk + 8 * r);
-        }
-    } else {
-        // The magnitudes first, kept in place of the coefficients' signs
-        // being needed again: the AC ones, each counted up to 8, decide
-        // whether the block is suppressed.
-        alignas(16) uint16_t mag[64];
-        uint16x8_t acc = vdupq_n_u16(0);
-        const uint16x8_t eight = vdupq_n_u16(8);
-        for (int r = 0; r < 8; ++r) {
-            const uint16x8_t a = vreinterpretq_u16_s16(vabsq_s16(vld1q_s16(blk + 8 * r)));
-            const uint16x8_t n = magnitudes(a, recip + 8 * r, half + 8 * r, adapt ? adapt + 8 * r : nullptr);
-            vst1q_u16(mag + 8 * r, n);
-            acc = vaddq_u16(acc, vminq_u16(n, eight));
-        }
-        const uint64x2_t t = vpaddlq_u32(vpaddlq_u16(acc));
-        const uint32_t total = static_cast<uint32_t>(vgetq_lane_u64(t, 0) + vgetq_lane_u64(t, 1));
-        const bool busy = total - (mag[0] < 8 ? mag[0] : 8) > 7;
-        for (int r = 0; r < 8; ++r) {
-            const int16x8_t c = vld1q_s16(blk + 8 * r);
-            const uint16x8_t a = vreinterpretq_u16_s16(vabsq_s16(c));
-            uint16x8_t m = vld1q_u16(mag + 8 * r);
-            if (busy) {
-                const uint16x8_t Q = vld1q_u16(q + 8 * r), R = vld1q_u16(recip + 8 * r);
-                const uint16x8_t Z = vqsubq_u16(vaddq_u16(a, Q), vmovl_u8(vld1_u8(row + 8 * r)));
-                const uint16x8_t m0 = mul_q14(Z, R);
-                const uint16x8_t rem = vmlsq_u16(Z, m0, Q);
-                m = vminq_u16(m, vsubq_u16(m0, vcgeq_u16(rem, Q)));  // + 1 where rem >= q
-            }
-            zero_flags[r] = finish_row(c, a, m, q + 8 * r, recip + 8 * r, adapt ? adapt + 8 * r : nullptr, blk + 8 * r);
-        }
+    return kept_block(blk, q, recip, half, adapt, suppress);
+}
+
+uint64_t kivoe_jnd_fdct_quant_kept_neon(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                        const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                        int32_t suppress) {
+    kivoe_jndfilt8x8_neon(src, stride, blk);
+    kivoe_fdct8_neon(blk);
+    return kept_block(blk, q, recip, half, adapt, suppress);
+}
+
+// The groups take their blocks one after the other: the offsets of adaptive
+// rounding chain from each block to the next.
+void kivoe_fdct_quant_kept2_neon(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2],
+                                 const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                 int32_t suppress, uint64_t *mask) {
+    for (int i = 0; i < 2; ++i) {
+        widen(src[i], stride, blk[i]);
+        kivoe_fdct8_neon(blk[i]);
+        mask[i] = kept_block(blk[i], q, recip, half, adapt, suppress);
     }
-    // The zero flags in zig-zag order, rows 0-3 by vtbl, rows 4-7 by vtbx
-    // on the indices minus 32; one bit a flag, then pairwise sums.
-    const uint8x8x4_t top = {{zero_flags[0], zero_flags[1], zero_flags[2], zero_flags[3]}};
-    const uint8x8x4_t bottom = {{zero_flags[4], zero_flags[5], zero_flags[6], zero_flags[7]}};
-    const uint8x8_t weight = vld1_u8(kZig.weight);
-    uint8x8_t bytes[8];
-    for (int z = 0; z < 8; ++z) {
-        const uint8x8_t f = vtbx4_u8(vtbl4_u8(top, vld1_u8(kZig.lo + 8 * z)), bottom, vld1_u8(kZig.hi + 8 * z));
-        bytes[z] = vand_u8(f, weight);
+}
+
+void kivoe_jnd_fdct_quant_kept4_neon(const uint8_t *const src[4], int32_t stride, int16_t *const blk[4],
+                                     const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                     int32_t suppress, uint64_t *mask) {
+    for (int i = 0; i < 4; ++i) {
+        kivoe_jndfilt8x8_neon(src[i], stride, blk[i]);
+        kivoe_fdct8_neon(blk[i]);
+        mask[i] = kept_block(blk[i], q, recip, half, adapt, suppress);
     }
-    uint8x8_t p[4];
-    for (int z = 0; z < 4; ++z) p[z] = vpadd_u8(bytes[2 * z], bytes[2 * z + 1]);
-    const uint8x8_t packed = vpadd_u8(vpadd_u8(p[0], p[1]), vpadd_u8(p[2], p[3]));
-    const uint64_t zeros = vget_lane_u64(vreinterpret_u64_u8(packed), 0);
-    return ~zeros & ~uint64_t(1);
 }

@@ -520,14 +520,17 @@ TEST(CheckasmEnc, VariantsMatchThePlainKernels) {
         }
         // Strips of 1 to 70 blocks (past one and two chunks of 32) and a few
         // past 160 (the AVX2 kernel's buffer), samples of the sets or only 0
-        // and 255, rows 16 n + 3 bytes apart.
+        // and 255, rows 16 n + 3 bytes apart; the strip of 101 blocks is
+        // vertical edges, near the largest magnitude (924 a block).
         const bool strip = p.box2_strip && is_new(p.box2_strip);
         checked += strip;
         for (int n = 1; strip && n <= 200; n += n < 70 ? 1 : 31) {
             const int32_t stride = 16 * n + 3;
             std::vector<uint8_t> plane(16 * stride + 1);
             for (size_t k = 0; k < plane.size(); ++k)
-                plane[k] = n % 3 ? static_cast<uint8_t>(sets.samples[(k / 64 + n) % sets.samples.size()][k % 64]) : (rng() & 1) * 255;
+                plane[k] = n == 101 ? ((k + stride - 1) % stride % 16 < 8) * 255
+                           : n % 3  ? static_cast<uint8_t>(sets.samples[(k / 64 + n) % sets.samples.size()][k % 64])
+                                    : (rng() & 1) * 255;
             uint32_t sa[64], sb[64];
             for (int k = 0; k < 64; ++k) sa[k] = sb[k] = rng() % 1000;
             kivoe_box2_strip(plane.data() + 1, stride, n, sa);
