@@ -69,6 +69,7 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
     proc->quant = kivoe_quant_neon;
     proc->quant_mask = kivoe_quant_mask_neon;
     proc->fdct_quant_mask = kivoe_fdct_quant_mask_neon;
+    proc->fdct_quant_samples = kivoe_fdct_quant_samples_neon;
     proc->quant_rdoq = kivoe_quant_rdoq_neon;
     proc->jndfilt = kivoe_jndfilt8x8_neon;
     proc->planes = kivoe_planes_neon;
@@ -94,7 +95,7 @@ const char *kivoe_dsp_describe(uint32_t cpu_flags) {
     if (cpu_flags & KIVO_CPU_AVX2) return cpu_flags & KIVO_CPU_BMI2 ? "fdct8 avx2, quant avx2, quant_rdoq avx2, jndfilt avx2, planes bmi2, refine bmi2, quant_mask avx2, fdct_quant_mask avx2, fdct_quant_samples avx2, jnd_suppress avx2, update_offset avx2, levels_mask avx2, quant_kept avx2, fdct_quant_kept_samples avx2, jnd_fdct_quant_kept avx2, fdct_quant_kept2 avx2, jnd_fdct_quant_kept2 avx2, jnd_fdct_quant_kept4 avx2, jndfilt_u8 avx2, box2 sse2, abs_acc sse2, box2_strip avx2" : "fdct8 avx2, quant avx2, quant_rdoq avx2, jndfilt avx2, planes avx2, refine c, quant_mask avx2, fdct_quant_mask avx2, fdct_quant_samples avx2, jnd_suppress avx2, update_offset avx2, levels_mask avx2, quant_kept avx2, fdct_quant_kept_samples avx2, jnd_fdct_quant_kept avx2, fdct_quant_kept2 avx2, jnd_fdct_quant_kept2 avx2, jnd_fdct_quant_kept4 avx2, jndfilt_u8 avx2, box2 sse2, abs_acc sse2, box2_strip avx2";
     if (cpu_flags & KIVO_CPU_SSE2) return "fdct8 sse2, quant sse2, quant_rdoq sse2, jndfilt sse2, planes sse2, refine c, quant_mask sse2, fdct_quant_mask sse2, jnd_suppress sse2, update_offset sse2, levels_mask c, box2 sse2, abs_acc sse2";
 #elif defined(KIVO_ARCH_arm)
-    if (cpu_flags & KIVO_CPU_NEON) return "fdct8 neon, quant neon, quant_rdoq neon, jndfilt neon, planes neon, refine c, quant_mask neon, fdct_quant_mask neon, jnd_suppress neon, update_offset neon, levels_mask c, box2 neon, abs_acc neon, fdct_quant_kept_samples neon, jnd_fdct_quant_kept neon, fdct_quant_kept2 neon, jnd_fdct_quant_kept4 neon, jndfilt_u8 neon, box2_strip neon";
+    if (cpu_flags & KIVO_CPU_NEON) return "fdct8 neon, quant neon, quant_rdoq neon, jndfilt neon, planes neon, refine c, quant_mask neon, fdct_quant_mask neon, fdct_quant_samples neon, jnd_suppress neon, update_offset neon, levels_mask c, box2 neon, abs_acc neon, fdct_quant_kept_samples neon, jnd_fdct_quant_kept neon, fdct_quant_kept2 neon, jnd_fdct_quant_kept4 neon, jndfilt_u8 neon, box2_strip neon";
 #else
     (void)cpu_flags;
 #endif

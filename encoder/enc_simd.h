@@ -67,6 +67,8 @@ void kivoe_jnd_suppress_neon(int16_t *levels, const int16_t *coef, const uint16_
                              const uint8_t *thr);
 void kivoe_update_offset_neon(const int16_t *levels, const int16_t *coef, const uint16_t *q, const uint16_t *recip,
                               uint16_t *offset);
+uint64_t kivoe_fdct_quant_samples_neon(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *recip,
+                                       const uint16_t *offset);
 uint64_t kivoe_fdct_quant_kept_samples_neon(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
                                             const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                             int32_t suppress);

@@ -346,6 +346,14 @@ inline void widen(const uint8_t *src, int32_t stride, int16_t *blk) {
 
 }  // namespace
 
+// The plain loop's samples to levels: the block loop then takes a 4:2:0
+// MCU's blocks without its tests block by block.
+uint64_t kivoe_fdct_quant_samples_neon(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *recip,
+                                       const uint16_t *offset) {
+    widen(src, stride, blk);
+    return kivoe_fdct_quant_mask_neon(blk, recip, offset);
+}
+
 uint64_t kivoe_fdct_quant_kept_samples_neon(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
                                             const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                             int32_t suppress) {
