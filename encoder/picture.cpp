@@ -567,14 +567,14 @@ __attribute__((noinline)) void quantize_kept(const kivoe_ctx *ctx, const Comp &c
 
 // Whether comp is laid out as 4:2:0 for the short ways below: 2 x 2 luma
 // blocks, Cb and Cr of one block each on planes with the same stride and
-// quantized with the same table; and whether the kept levels' kernels for
-// it are there.
+// quantized with the same table.
 bool layout420(const kivoe_ctx *ctx, const Comp *comp) {
     const kivoe_fh &fh = ctx->fh;
     return fh.n_comp == 3 && fh.h[0] == 2 && fh.v[0] == 2 && fh.h[1] == 1 && fh.v[1] == 1 && fh.h[2] == 1 &&
            fh.v[2] == 1 && comp[1].q == comp[2].q && comp[1].stride == comp[2].stride;
 }
 
+// The same, and the kept levels' group kernels there for it.
 bool mcu420_kernels(const kivoe_ctx *ctx, const Comp *comp) {
     const kivoe_proc &p = ctx->proc;
     return layout420(ctx, comp) && p.fdct_quant_kept2 && (!ctx->jnd_filter || p.jnd_fdct_quant_kept4);
