@@ -15,12 +15,12 @@
 #endif
 
 // Bit i set when blk[i] is not zero (raster order). *all_coded is set to
-// whether every value has a size category (none above 2047, none -32768).
+// whether every value has a size category (all within -2047 to 2047).
 inline uint64_t kivo_raster_mask(const int16_t *blk, bool *all_coded) {
 #if defined(__SSE2__)
     const __m128i zero = _mm_setzero_si128();
     const __m128i top = _mm_set1_epi16(2047);
-    const __m128i low = _mm_set1_epi16(-32768);
+    const __m128i low = _mm_set1_epi16(-2047);
     __m128i bad = zero;
     uint64_t zeros = 0;
     for (int32_t r = 0; r < 4; ++r) {
@@ -29,19 +29,19 @@ inline uint64_t kivo_raster_mask(const int16_t *blk, bool *all_coded) {
         const __m128i eq = _mm_packs_epi16(_mm_cmpeq_epi16(a, zero), _mm_cmpeq_epi16(b, zero));
         zeros |= static_cast<uint64_t>(static_cast<uint32_t>(_mm_movemask_epi8(eq))) << (16 * r);
         bad = _mm_or_si128(bad, _mm_or_si128(_mm_cmpgt_epi16(a, top), _mm_cmpgt_epi16(b, top)));
-        bad = _mm_or_si128(bad, _mm_or_si128(_mm_cmpeq_epi16(a, low), _mm_cmpeq_epi16(b, low)));
+        bad = _mm_or_si128(bad, _mm_or_si128(_mm_cmplt_epi16(a, low), _mm_cmplt_epi16(b, low)));
     }
     *all_coded = _mm_movemask_epi8(bad) == 0;
     return ~zeros;
 #elif defined(__ARM_NEON)
     const uint8x8_t weight = {1, 2, 4, 8, 16, 32, 64, 128};
-    const int16x8_t top = vdupq_n_s16(2047), low = vdupq_n_s16(-32768);
+    const int16x8_t top = vdupq_n_s16(2047), low = vdupq_n_s16(-2047);
     uint16x8_t bad = vdupq_n_u16(0);
     uint8x8_t row[8];
     for (int32_t r = 0; r < 8; ++r) {
         const int16x8_t v = vld1q_s16(blk + 8 * r);
         row[r] = vand_u8(vmovn_u16(vtstq_s16(v, v)), weight);
-        bad = vorrq_u16(bad, vorrq_u16(vcgtq_s16(v, top), vceqq_s16(v, low)));
+        bad = vorrq_u16(bad, vorrq_u16(vcgtq_s16(v, top), vcltq_s16(v, low)));
     }
     const uint8x8_t p0 = vpadd_u8(row[0], row[1]), p1 = vpadd_u8(row[2], row[3]);
     const uint8x8_t p2 = vpadd_u8(row[4], row[5]), p3 = vpadd_u8(row[6], row[7]);
@@ -54,7 +54,7 @@ inline uint64_t kivo_raster_mask(const int16_t *blk, bool *all_coded) {
     bool ok = true;
     for (int32_t i = 0; i < 64; ++i) {
         m |= static_cast<uint64_t>(blk[i] != 0) << i;
-        ok = ok && blk[i] <= 2047 && blk[i] != -32768;
+        ok = ok && blk[i] <= 2047 && blk[i] >= -2047;
     }
     *all_coded = ok;
     return m;
@@ -150,13 +150,13 @@ inline uint64_t kivo_zigzag_ac_mask(const int16_t *blk, bool *all_coded) {
     // One byte a coefficient (all ones where not zero), put in zig-zag
     // order by table look-ups over the two halves of the block, then one
     // bit each.
-    const int16x8_t top = vdupq_n_s16(2047), low = vdupq_n_s16(-32768);
+    const int16x8_t top = vdupq_n_s16(2047), low = vdupq_n_s16(-2047);
     uint16x8_t bad = vdupq_n_u16(0);
     uint8x8_t nz[8];
     for (int32_t r = 0; r < 8; ++r) {
         const int16x8_t v = vld1q_s16(blk + 8 * r);
         nz[r] = vmovn_u16(vtstq_s16(v, v));
-        bad = vorrq_u16(bad, vorrq_u16(vcgtq_s16(v, top), vceqq_s16(v, low)));
+        bad = vorrq_u16(bad, vorrq_u16(vcgtq_s16(v, top), vcltq_s16(v, low)));
     }
     *all_coded = vget_lane_u64(vreinterpret_u64_u8(vmovn_u16(bad)), 0) == 0;
     const uint8x8x4_t lo = {{nz[0], nz[1], nz[2], nz[3]}}, hi = {{nz[4], nz[5], nz[6], nz[7]}};

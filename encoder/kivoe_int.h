@@ -411,7 +411,7 @@ void kivoe_update_offset(const int16_t *levels, const int16_t *coef, const uint1
                          const uint16_t *recip, uint16_t *offset);
 // The mask the block coder takes for the levels at blk: bit z set when the
 // AC level at zig-zag position z is not zero, or all ones (the coder then
-// finds them itself) when a level lies above 2047 or is -32768.
+// finds them itself) when a level lies above 2047 or below -2047.
 uint64_t kivoe_levels_mask(const int16_t *blk);
 // The levels of the coefficients at blk with JND suppression, adaptive
 // rounding or both, and their mask for the coder: adaptive rounding

@@ -170,11 +170,11 @@ void kivoe_quant_rdoq_avx2(int16_t *blk, const uint16_t *recip, const uint16_t *
 namespace {
 
 inline uint64_t levels_mask(const int16_t *blk) {
-    const __m256i zero = _mm256_setzero_si256(), top = _mm256_set1_epi16(2047), low = _mm256_set1_epi16(-32768);
+    const __m256i zero = _mm256_setzero_si256(), top = _mm256_set1_epi16(2047), low = _mm256_set1_epi16(-2047);
     __m256i l[4], bad = zero;
     for (int k = 0; k < 4; ++k) {
         l[k] = load16(blk + 16 * k);
-        bad = _mm256_or_si256(bad, _mm256_or_si256(_mm256_cmpgt_epi16(l[k], top), _mm256_cmpeq_epi16(l[k], low)));
+        bad = _mm256_or_si256(bad, _mm256_or_si256(_mm256_cmpgt_epi16(l[k], top), _mm256_cmpgt_epi16(low, l[k])));
     }
     if (!_mm256_testz_si256(bad, bad)) return ~uint64_t(0);
     // One byte a level, all ones where it is zero, as the quantizers' masks.

@@ -22,8 +22,8 @@ using kivoe_stuff::big_endian;
 using kivoe_stuff::has_ff;
 using kivoe_stuff::store_stuffed;
 
-// True for the 16-bit values that have a size category: -32767 to 2047.
-inline bool has_category(int32_t v) { return static_cast<uint32_t>(v + 32767) <= 32767u + 2047u; }
+// True for the values that have a size category: -2047 to 2047.
+inline bool has_category(int32_t v) { return static_cast<uint32_t>(v + 2047) <= 4094u; }
 
 // Leading zeros of |v| in 32 bits for a non-zero 16-bit v: the size
 // category is 32 minus this.

@@ -122,7 +122,7 @@ TEST(EncHuffman, BlocksInTurnAsOneByOne) {
         const unsigned density = i >= kBlocks - kMcu ? 32 : 1 + i % 4 * 8;  // in 32
         for (int k = 1; k < 64; ++k)
             if (rng() % 32 < density) b[k] = static_cast<int16_t>(i >= kBlocks - kMcu ? (k % 2 ? 1023 : -1023) : static_cast<int>(rng() % 2047) - 1023);
-        if (i % 37 == 5) b[9] = 3000;
+        if (i % 37 == 5 || i % 37 == 6) b[9] = i % 37 == 5 ? 3000 : -3000;  // no category, either sign
         if (i % 37 == 20) {  // two long codes, then three ZRLs
             std::fill_n(b, 64, 0);
             b[kivo_tbl_zig_to_ras[1]] = b[kivo_tbl_zig_to_ras[63]] = 1023;
@@ -131,7 +131,7 @@ TEST(EncHuffman, BlocksInTurnAsOneByOne) {
         uint64_t mask = 0;
         for (int z = 1; z < 64; ++z) mask |= static_cast<uint64_t>(b[kivo_tbl_zig_to_ras[z]] != 0) << z;
         const int32_t diff = i % 29 == 3 ? 5000 : i % 31 == 7 ? -3000 : i % 37 == 11 ? 2048 : static_cast<int32_t>(rng() % 4095) - 2047;
-        code[i] = {&c.ctx->dc_tbl[i % kMcu / 4], &c.ctx->ac_tbl[i % kMcu / 4], b, i % 3 && b[9] != 3000 ? mask : ~uint64_t(0), diff};
+        code[i] = {&c.ctx->dc_tbl[i % kMcu / 4], &c.ctx->ac_tbl[i % kMcu / 4], b, i % 3 && std::abs(b[9]) != 3000 ? mask : ~uint64_t(0), diff};
     }
     ptrdiff_t before_last = 0;
     for (int32_t size : {64 * kBlocks * 4, 0}) {
