@@ -591,6 +591,31 @@ inline bool interior420(const kivoe_ctx *ctx, const Comp *comp, bool filter) {
     return 8 * cb.col + 8 <= ctx->smp_w[1] && 8 * cb.row + 8 <= ctx->smp_h[1];
 }
 
+// A 4:2:0 MCU's blocks: the first samples of the 2 x 2 luma blocks and of
+// Cb and Cr, where the six blocks' levels go, and their code records.
+struct Mcu420 {
+    const uint8_t *luma[4], *chroma[2];
+    int16_t *out[6];
+
+    Mcu420(const Comp *comp, int16_t *levels) {
+        const Comp &y = comp[0], &cb = comp[1], &cr = comp[2];
+        const uint8_t *at = y.plane + static_cast<ptrdiff_t>(8 * y.row) * y.stride + 8 * y.col;
+        const ptrdiff_t down = static_cast<ptrdiff_t>(8) * y.stride;
+        luma[0] = at, luma[1] = at + 8, luma[2] = at + down, luma[3] = at + down + 8;
+        const ptrdiff_t c = static_cast<ptrdiff_t>(8 * cb.row) * cb.stride + 8 * cb.col;
+        chroma[0] = cb.plane + c, chroma[1] = cr.plane + c;
+        for (int i = 0; i < 6; ++i) out[i] = levels + 64 * i;
+    }
+
+    // Each block's tables, levels and coder mask m.
+    void records(const Comp *comp, const uint64_t m[6], kivoe_block_code *code) const {
+        for (int i = 0; i < 6; ++i) {
+            const Comp &c = comp[i < 4 ? 0 : i - 3];
+            code[i] = {c.dc, c.ac, out[i], m[i], 0};
+        }
+    }
+};
+
 // The plain block loop's levels of such an MCU, as quantize_mcu420 below
 // for the kept ones: the four filtered luma blocks in one call, or each
 // block straight from its plane. False, with nothing done, at an edge.
@@ -598,23 +623,17 @@ inline bool plain_mcu420(const kivoe_ctx *ctx, const Comp *comp, bool filter, ki
                          int16_t *levels, kivoe_block_code *code) {
     if (!interior420(ctx, comp, filter)) return false;
     const Comp &y = comp[0], &cb = comp[1], &cr = comp[2];
-    const uint8_t *at = y.plane + static_cast<ptrdiff_t>(8 * y.row) * y.stride + 8 * y.col;
-    const ptrdiff_t down = static_cast<ptrdiff_t>(8) * y.stride;
-    const uint8_t *const src[4] = {at, at + 8, at + down, at + down + 8};
-    int16_t *const out[6] = {levels, levels + 64, levels + 128, levels + 192, levels + 256, levels + 320};
+    const Mcu420 b(comp, levels);
     uint64_t m[6];
     if (filter) {
-        ctx->proc.jnd_fdct_quant_kept4(src, y.stride, out, y.q->q, y.q->recip, y.offset, nullptr, 0, m);
+        ctx->proc.jnd_fdct_quant_kept4(b.luma, y.stride, b.out, y.q->q, y.q->recip, y.offset, nullptr, 0, m);
     } else {
-        for (int i = 0; i < 4; ++i) m[i] = fdct_quant_samples(src[i], y.stride, out[i], y.q->recip, y.offset);
+        for (int i = 0; i < 4; ++i) m[i] = fdct_quant_samples(b.luma[i], y.stride, b.out[i], y.q->recip, y.offset);
     }
-    const ptrdiff_t chroma = static_cast<ptrdiff_t>(8 * cb.row) * cb.stride + 8 * cb.col;
-    m[4] = fdct_quant_samples(cb.plane + chroma, cb.stride, out[4], cb.q->recip, cb.offset);
-    m[5] = fdct_quant_samples(cr.plane + chroma, cr.stride, out[5], cr.q->recip, cr.offset);
-    for (int i = 0; i < 6; ++i) {
-        const Comp &c = comp[i < 4 ? 0 : i - 3];
-        code[i] = {c.dc, c.ac, out[i], coder_mask(m[i]), 0};
-    }
+    m[4] = fdct_quant_samples(b.chroma[0], cb.stride, b.out[4], cb.q->recip, cb.offset);
+    m[5] = fdct_quant_samples(b.chroma[1], cr.stride, b.out[5], cr.q->recip, cr.offset);
+    for (uint64_t &mask : m) mask = coder_mask(mask);
+    b.records(comp, m, code);
     return true;
 }
 
@@ -623,32 +642,25 @@ inline bool plain_mcu420(const kivoe_ctx *ctx, const Comp *comp, bool filter, ki
 // luma blocks filtered in one call (or two pairs straight from the plane),
 // Cb and Cr in one. False, with nothing done, for an MCU at an edge.
 inline bool quantize_mcu420(const kivoe_ctx *ctx, const Comp *comp, int16_t *levels, kivoe_block_code *code) {
-    const Comp &y = comp[0], &cb = comp[1], &cr = comp[2];
     const bool filter = ctx->jnd_filter;
     if (!interior420(ctx, comp, filter)) return false;
     const kivoe_proc &p = ctx->proc;
+    const Comp &y = comp[0], &cb = comp[1];
     const int32_t suppress = ctx->jnd_suppress;
     const bool adaptive = ctx->adaptive_rounding;
-    const uint8_t *at = y.plane + static_cast<ptrdiff_t>(8 * y.row) * y.stride + 8 * y.col;
-    const ptrdiff_t down = static_cast<ptrdiff_t>(8) * y.stride;
-    const uint8_t *const src[4] = {at, at + 8, at + down, at + down + 8};
-    int16_t *const out[6] = {levels, levels + 64, levels + 128, levels + 192, levels + 256, levels + 320};
-    uint64_t m[6];
     const kivoe_qtbl &ty = *y.q, &tc = *cb.q;
     uint16_t *adapt = adaptive ? y.adapt : nullptr;
+    const Mcu420 b(comp, levels);
+    uint64_t m[6];
     if (filter) {
-        p.jnd_fdct_quant_kept4(src, y.stride, out, ty.q, ty.recip, ty.half, adapt, suppress, m);
+        p.jnd_fdct_quant_kept4(b.luma, y.stride, b.out, ty.q, ty.recip, ty.half, adapt, suppress, m);
     } else {
-        p.fdct_quant_kept2(src, y.stride, out, ty.q, ty.recip, ty.half, adapt, suppress, m);
-        p.fdct_quant_kept2(src + 2, y.stride, out + 2, ty.q, ty.recip, ty.half, adapt, suppress, m + 2);
+        p.fdct_quant_kept2(b.luma, y.stride, b.out, ty.q, ty.recip, ty.half, adapt, suppress, m);
+        p.fdct_quant_kept2(b.luma + 2, y.stride, b.out + 2, ty.q, ty.recip, ty.half, adapt, suppress, m + 2);
     }
-    const ptrdiff_t chroma = static_cast<ptrdiff_t>(8 * cb.row) * cb.stride + 8 * cb.col;
-    const uint8_t *const csrc[2] = {cb.plane + chroma, cr.plane + chroma};
-    p.fdct_quant_kept2(csrc, cb.stride, out + 4, tc.q, tc.recip, tc.half, adaptive ? cb.adapt : nullptr, suppress, m + 4);
-    for (int i = 0; i < 6; ++i) {
-        const Comp &c = comp[i < 4 ? 0 : i - 3];
-        code[i] = {c.dc, c.ac, out[i], m[i], 0};
-    }
+    p.fdct_quant_kept2(b.chroma, cb.stride, b.out + 4, tc.q, tc.recip, tc.half, adaptive ? cb.adapt : nullptr,
+                       suppress, m + 4);
+    b.records(comp, m, code);
     return true;
 }
 

@@ -354,40 +354,49 @@ uint64_t kivoe_fdct_quant_samples_neon(const uint8_t *src, int32_t stride, int16
     return kivoe_fdct_quant_mask_neon(blk, recip, offset);
 }
 
+namespace {
+
+// A block from its samples, widened or filtered, to its levels and mask.
+template <bool kFilter>
+__attribute__((always_inline)) inline uint64_t kept_samples(const uint8_t *src, int32_t stride, int16_t *blk,
+                                                           const uint16_t *q, const uint16_t *recip,
+                                                           const uint16_t *half, uint16_t *adapt, int32_t suppress) {
+    if (kFilter) kivoe_jndfilt8x8_neon(src, stride, blk);
+    else widen(src, stride, blk);
+    kivoe_fdct8_neon(blk);
+    return kept_block(blk, q, recip, half, adapt, suppress);
+}
+
+// The groups take their n blocks one after the other: the offsets of
+// adaptive rounding chain from each block to the next.
+template <bool kFilter, int kN>
+__attribute__((always_inline)) inline void kept_group(const uint8_t *const src[], int32_t stride, int16_t *const blk[], const uint16_t *q,
+                const uint16_t *recip, const uint16_t *half, uint16_t *adapt, int32_t suppress, uint64_t *mask) {
+    for (int i = 0; i < kN; ++i) mask[i] = kept_samples<kFilter>(src[i], stride, blk[i], q, recip, half, adapt, suppress);
+}
+
+}  // namespace
+
 uint64_t kivoe_fdct_quant_kept_samples_neon(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
                                             const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                             int32_t suppress) {
-    widen(src, stride, blk);
-    kivoe_fdct8_neon(blk);
-    return kept_block(blk, q, recip, half, adapt, suppress);
+    return kept_samples<false>(src, stride, blk, q, recip, half, adapt, suppress);
 }
 
 uint64_t kivoe_jnd_fdct_quant_kept_neon(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
                                         const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                         int32_t suppress) {
-    kivoe_jndfilt8x8_neon(src, stride, blk);
-    kivoe_fdct8_neon(blk);
-    return kept_block(blk, q, recip, half, adapt, suppress);
+    return kept_samples<true>(src, stride, blk, q, recip, half, adapt, suppress);
 }
 
-// The groups take their blocks one after the other: the offsets of adaptive
-// rounding chain from each block to the next.
 void kivoe_fdct_quant_kept2_neon(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2],
                                  const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                  int32_t suppress, uint64_t *mask) {
-    for (int i = 0; i < 2; ++i) {
-        widen(src[i], stride, blk[i]);
-        kivoe_fdct8_neon(blk[i]);
-        mask[i] = kept_block(blk[i], q, recip, half, adapt, suppress);
-    }
+    kept_group<false, 2>(src, stride, blk, q, recip, half, adapt, suppress, mask);
 }
 
 void kivoe_jnd_fdct_quant_kept4_neon(const uint8_t *const src[4], int32_t stride, int16_t *const blk[4],
                                      const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                      int32_t suppress, uint64_t *mask) {
-    for (int i = 0; i < 4; ++i) {
-        kivoe_jndfilt8x8_neon(src[i], stride, blk[i]);
-        kivoe_fdct8_neon(blk[i]);
-        mask[i] = kept_block(blk[i], q, recip, half, adapt, suppress);
-    }
+    kept_group<true, 4>(src, stride, blk, q, recip, half, adapt, suppress, mask);
 }
