@@ -124,6 +124,7 @@ KIVO_API void kivoe_flush(kivoe_ctx *ctx) {
         std::free(job->stat_dc);
         std::free(job->stat_ac);
         std::free(job->levels);
+        xelo_mfree_fast_align32(job->share.levels);
         xelo_mfree_fast_align32(job);
         ctx->job[i] = nullptr;
     }

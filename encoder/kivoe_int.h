@@ -10,6 +10,7 @@
 #ifndef KIVO_ENCODER_INT_H
 #define KIVO_ENCODER_INT_H
 
+#include <atomic>
 #include <cstdint>
 
 #include "common/kivo_int.h"
@@ -106,6 +107,28 @@ struct kivoe_sh {
 
 struct kivoe_ctx;
 
+struct kivoe_block_code;
+
+// A segment's MCUs in chunks. Another job, done with its own segment, may
+// take the chunks just ahead of the segment's job and make their levels
+// while that job codes; it codes every chunk in order, so the bytes are the
+// same whoever made the levels. Open only in the plain block loop with the
+// typical or the caller's Huffman tables; a job's record is zero until
+// then.
+// Blocks in an MCU at most (two components of 2 x 2 and two of 1 x 1).
+constexpr int32_t kMaxMcuBlocks = 10;
+constexpr int32_t kShareMcus = 8;   // MCUs in a chunk
+constexpr int32_t kShareSlots = 8;  // chunks made ahead at most
+struct kivoe_share {
+    std::atomic<int32_t> open;   // 1 while the segment's job takes help
+    std::atomic<int32_t> next;   // the first chunk not taken
+    std::atomic<int32_t> coded;  // chunks the segment's job has coded
+    std::atomic<int32_t> ready[kShareSlots];  // 1 + the chunk a slot holds, once made
+    int32_t chunks;
+    int16_t *levels;         // kShareSlots slots of the levels of kShareMcus MCUs; chunk i in slot i % kShareSlots
+    kivoe_block_code *code;  // their code records, after the levels
+};
+
 struct kivoe_job {
     alignas(16) int16_t block[64];
     int16_t dc_pred[4];
@@ -131,6 +154,7 @@ struct kivoe_job {
     // allocation after the levels.
     uint64_t *masks;
     bool levels_kept;            // levels holds this picture's blocks
+    kivoe_share share;           // its levels allocated with the job, kept until the handle goes
     kivoe_ctx *ctx;
 };
 

@@ -3,6 +3,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
 #include "common/block.h"
 #include "encoder/kivoe_int.h"
@@ -77,9 +78,6 @@ void load_block(const uint8_t *plane, int32_t stride, int32_t ws, int32_t hs, in
 // The mask a quantizer returned, as the block coder takes it: all ones
 // (not known, the coder checks the levels) when a level has no category.
 inline uint64_t coder_mask(uint64_t quant_mask) { return quant_mask & 1 ? ~uint64_t(0) : quant_mask; }
-
-// Blocks in an MCU at most (two components of 2 x 2 and two of 1 x 1).
-constexpr int32_t kMaxMcuBlocks = 10;
 
 // Asks for the cache lines at column x of rows y to y + n - 1 of a plane of
 // hs rows. The blocks are read eight or sixteen rows at a time across the
@@ -171,6 +169,14 @@ int32_t kivoe_pic_init(kivoe_ctx *ctx) {
 
     for (int i = 0; i < n; ++i) {
         kivoe_job *job = ctx->job[i];
+        // Room for the chunks other jobs make ahead in a shared segment;
+        // without it the segment is not shared, and nothing else changes.
+        if (n > 1 && !ctx->progressive && !job->share.levels) {
+            constexpr size_t kBlocks = kShareSlots * kShareMcus * kMaxMcuBlocks;
+            void *room = xelo_malloc_fast_align32(kBlocks * (64 * sizeof(int16_t) + sizeof(kivoe_block_code)));
+            job->share.levels = static_cast<int16_t *>(room);
+            job->share.code = room ? reinterpret_cast<kivoe_block_code *>(job->share.levels + kBlocks * 64) : nullptr;
+        }
         const int32_t s = i * len;
         job->n_mcu = i == n - 1 ? total - (n - 1) * len : len;
         for (int c = 0; c < nc; ++c) {
@@ -456,9 +462,14 @@ int32_t kivoe_enc_progressive(kivoe_ctx *ctx) {
     return ret;
 }
 
+namespace {
+void help_segments(kivoe_ctx *ctx, const kivoe_job *self);
+}  // namespace
+
 int32_t kivoe_segment_job(void *arg) {
     kivoe_job *job = static_cast<kivoe_job *>(arg);
     const int32_t ret = kivoe_enc_dri(job->ctx, job);
+    if (ret >= 0) help_segments(job->ctx, job);
     return ret < 0 ? ret : KIVO_OK;
 }
 
@@ -637,6 +648,73 @@ inline bool plain_mcu420(const kivoe_ctx *ctx, const Comp *comp, bool filter, ki
     return true;
 }
 
+// The plain block loop's levels of one MCU in coding order, into out and
+// code (the DC differences are left to the caller). kFilter: with the JND
+// filter.
+template <bool kFilter>
+struct PlainMcu {
+    const kivoe_ctx *ctx;
+    kivoe_quant_samples_fn fdct_quant_samples;
+    kivoe_quant_mask_fn fdct_quant_mask;
+    kivoe_kept_samples_fn filter_kept;  // null without the filter's kernels
+    kivoe_kept_pair_fn filter_pair;
+    bool short420;  // plain_mcu420 may take an MCU
+
+    PlainMcu(const kivoe_ctx *c, const Comp *comp)
+        : ctx(c), fdct_quant_samples(c->proc.fdct_quant_samples), fdct_quant_mask(c->proc.fdct_quant_mask),
+          filter_kept(kFilter ? c->proc.jnd_fdct_quant_kept : nullptr),
+          filter_pair(kFilter ? c->proc.jnd_fdct_quant_kept2 : nullptr),
+          short420(fdct_quant_samples && layout420(c, comp) && (!kFilter || c->proc.jnd_fdct_quant_kept4)) {}
+
+    void operator()(const Comp *comp, int16_t *out, kivoe_block_code *code) const {
+        constexpr bool jnd_filter = kFilter;
+        if (short420 && plain_mcu420(ctx, comp, jnd_filter, fdct_quant_samples, out, code)) return;
+        auto one = [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
+            int16_t *lv = out + 64 * b;
+            uint64_t mask;
+            // Luma blocks outside the filter's area are read straight from
+            // the plane too where they lie inside it.
+            if (fdct_quant_samples &&
+                (inside || (jnd_filter && block_source(ctx, jnd_filter, c, cc.col + h, cc.row + v) == Source::kPlane))) {
+                mask = fdct_quant_samples(at, cc.stride, lv, cc.q->recip, cc.offset);
+            } else if (inside || !filter_kept || !filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
+                if (inside) load_inside(at, cc.stride, lv);
+                else load_at(ctx, jnd_filter, c, cc, cc.col + h, cc.row + v, lv);
+                mask = fdct_quant_mask(lv, cc.q->recip, cc.offset);
+            } else {
+                // Filtered in registers on the way to the transform.
+                mask = filter_kept(at, cc.stride, lv, cc.q->q, cc.q->recip, cc.offset, nullptr, 0);
+            }
+            code[b] = {cc.dc, cc.ac, lv, coder_mask(mask), 0};
+        };
+        if (!jnd_filter || !filter_pair) {
+            mcu_blocks(ctx, comp, jnd_filter, one);
+            return;
+        }
+        bool paired = false;  // this block went with the one before
+        mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
+            if (paired) {
+                paired = false;
+                return;
+            }
+            if (!inside && h + 1 < ctx->fh.h[c] && filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v) &&
+                filtered(ctx, jnd_filter, c, cc.col + h + 1, cc.row + v)) {
+                // Two filtered blocks side by side, their steps overlapped.
+                int16_t *lv = out + 64 * b;
+                const uint8_t *const src[2] = {at, at + 8};
+                int16_t *const pair[2] = {lv, lv + 64};
+                uint64_t m[2];
+                filter_pair(src, cc.stride, pair, cc.q->q, cc.q->recip, cc.offset, nullptr, 0, m);
+                code[b] = {cc.dc, cc.ac, lv, coder_mask(m[0]), 0};
+                code[b + 1] = {cc.dc, cc.ac, lv + 64, coder_mask(m[1]), 0};
+                paired = true;
+                return;
+            }
+            one(c, cc, h, v, b, at, inside);
+        });
+    }
+};
+
 // quantize_mcu_kept for a 4:2:0 MCU away from the picture's edges, the
 // common case, without the general way's tests block by block: the four
 // luma blocks filtered in one call (or two pairs straight from the plane),
@@ -777,6 +855,54 @@ __attribute__((noinline)) void quantize_mcu_kept(const kivoe_ctx *ctx, Comp *com
         }
 }
 
+// The components' tables, planes and places where a job's segment starts.
+void segment_comps(kivoe_ctx *ctx, kivoe_job *job, Comp *comp) {
+    const kivoe_fh &fh = ctx->fh;
+    const kivo_picbuf *pic = ctx->pic_cur;
+    for (int c = 0; c < fh.n_comp; ++c) {
+        Comp &cc = comp[c];
+        const int tq = fh.tq[c] & 1;
+        cc.q = &ctx->qtbl[tq];
+        const int td = ctx->sh.td[c] & 3, ta = ctx->sh.ta[c] & 3;
+        cc.dc = job->counting ? &job->stat_dc[td] : &ctx->dc_tbl[td];
+        cc.ac = job->counting ? &job->stat_ac[ta] : &ctx->ac_tbl[ta];
+        cc.ac_odd = job->counting ? job->stat_ac[4 + ta].counter : nullptr;
+        cc.adapt = job->offset[tq];
+        cc.offset = ctx->adaptive_rounding ? cc.adapt : cc.q->half;
+        cc.plane = c == 3 ? pic->plane_alt[2] : pic->plane[c];
+        cc.stride = (c == 1 || c == 2) ? pic->stride_c : pic->stride_y;
+        cc.col = job->start_col[c];
+        cc.row = job->start_row[c];
+    }
+}
+
+// Places comp at MCU `at` of the picture.
+inline void move_to_mcu(const kivoe_ctx *ctx, Comp *comp, int32_t at) {
+    const kivoe_fh &fh = ctx->fh;
+    const int32_t across = ctx->blk_w[0] / fh.h[0];
+    for (int c = 0; c < fh.n_comp; ++c) {
+        comp[c].col = at % across * fh.h[c];
+        comp[c].row = at / across * fh.v[c];
+    }
+}
+
+// A job's first MCU in the picture.
+inline int32_t first_mcu_of(const kivoe_ctx *ctx, const kivoe_job *job) {
+    const kivoe_fh &fh = ctx->fh;
+    return job->start_row[0] / fh.v[0] * (ctx->blk_w[0] / fh.h[0]) + job->start_col[0] / fh.h[0];
+}
+
+// Waits, with a pause and soon a yield, until done() says so.
+template <class F>
+inline void spin_until(F &&done) {
+    for (int spins = 0; !done(); ++spins) {
+        if (spins > 64) std::this_thread::yield();
+#if defined(__SSE2__)
+        else _mm_pause();
+#endif
+    }
+}
+
 // One segment; kKeep: with JND suppression or adaptive rounding, kFilter:
 // with the JND filter, whose code the plain loop then leaves out.
 template <bool kKeep, bool kFilter>
@@ -788,28 +914,12 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     const kivoe_proc &p = ctx->proc;
     const kivoe_fh &fh = ctx->fh;
     const int nc = fh.n_comp;
-    const kivo_picbuf *pic = ctx->pic_cur;
 
     Comp comp[4];
+    segment_comps(ctx, job, comp);
     for (int c = 0; c < nc; ++c) {
-        Comp &cc = comp[c];
-        const int tq = fh.tq[c] & 1;
-        cc.q = &ctx->qtbl[tq];
-        const int td = ctx->sh.td[c] & 3, ta = ctx->sh.ta[c] & 3;
-        cc.dc = job->counting ? &job->stat_dc[td] : &ctx->dc_tbl[td];
-        cc.ac = job->counting ? &job->stat_ac[ta] : &ctx->ac_tbl[ta];
-        cc.ac_odd = job->counting ? job->stat_ac[4 + ta].counter : nullptr;
-        cc.adapt = job->offset[tq];
-        if (ctx->adaptive_rounding) {
-            for (int i = 0; i < 64; ++i) cc.adapt[i] = 8192;
-            cc.offset = cc.adapt;
-        } else {
-            cc.offset = cc.q->half;
-        }
-        cc.plane = c == 3 ? pic->plane_alt[2] : pic->plane[c];
-        cc.stride = (c == 1 || c == 2) ? pic->stride_c : pic->stride_y;
-        cc.col = job->start_col[c];
-        cc.row = job->start_row[c];
+        if (ctx->adaptive_rounding)
+            for (int i = 0; i < 64; ++i) comp[c].adapt[i] = 8192;
         job->dc_pred[c] = 0;
     }
 
@@ -817,7 +927,7 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     // Progressive output: the levels go to the picture's level planes, and
     // adaptive rounding restarts where each planned segment starts.
     const bool prog = ctx->prog_levels[0] != nullptr;
-    const int32_t first_mcu = job->start_row[0] / fh.v[0] * (ctx->blk_w[0] / fh.h[0]) + job->start_col[0] / fh.h[0];
+    const int32_t first_mcu = first_mcu_of(ctx, job);
     // The statistics pass stores each block's levels where there is room;
     // the coding pass after it codes them as stored.
     const bool reuse = !job->counting && job->levels_kept;
@@ -828,11 +938,7 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     // otherwise have them read again for every block.
     constexpr bool jnd_filter = kFilter;
     const kivoe_fdct_fn fdct8 = p.fdct8;
-    const kivoe_quant_mask_fn quant_mask = p.quant_mask, fdct_quant_mask = p.fdct_quant_mask;
-    const kivoe_quant_samples_fn fdct_quant_samples = p.fdct_quant_samples;
-    const kivoe_kept_samples_fn filter_kept = jnd_filter ? p.jnd_fdct_quant_kept : nullptr;
-    const bool filter_bytes = filter_kept != nullptr;
-    const kivoe_kept_pair_fn filter_pair = jnd_filter ? p.jnd_fdct_quant_kept2 : nullptr;
+    const kivoe_quant_mask_fn quant_mask = p.quant_mask;
     constexpr bool keep = kKeep;
     // With the writers in the coder slots, a block's codes go out together.
     const bool fused = p.vlc_dc == kivoe_vlc_dc && p.vlc_ac == kivoe_vlc_ac;
@@ -851,8 +957,7 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     const bool mcu_sized = !reuse && per_mcu > 1 && per_mcu <= kMaxMcuBlocks;
     const bool by_mcu_plain = masked && mcu_sized, by_mcu_kept = (fused || stat) && !prog && keep && mcu_sized;
     const bool mcu420 = by_mcu_kept && mcu420_kernels(ctx, comp);
-    const bool plain420 = by_mcu_plain && fdct_quant_samples && layout420(ctx, comp) &&
-                          (!jnd_filter || p.jnd_fdct_quant_kept4);
+    const PlainMcu<kFilter> plain(ctx, comp);
     // Kept levels are coded an MCU at a time with their kept masks.
     const bool by_mcu_reuse = reuse && fused && !prog && per_mcu <= kMaxMcuBlocks;
     const bool by_mcu = by_mcu_plain || by_mcu_kept || by_mcu_reuse;
@@ -862,13 +967,37 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     auto load = [&](int c, const Comp &cc, int32_t bcol, int32_t brow, int16_t *dst) {
         load_at(ctx, jnd_filter, c, cc, bcol, brow, dst);
     };
+    // Plain levels coded as they come may be made by other jobs: the
+    // segment is opened to them in chunks.
+    kivoe_share &share = job->share;
+    const bool shared = by_mcu_plain && fused && !kept && share.levels && ctx->n_segments > 1;
+    if (shared) {
+        share.chunks = (job->n_mcu + kShareMcus - 1) / kShareMcus;
+        share.next.store(0, std::memory_order_relaxed);
+        share.coded.store(0, std::memory_order_relaxed);
+        for (std::atomic<int32_t> &r : share.ready) r.store(0, std::memory_order_relaxed);
+        share.open.store(1, std::memory_order_release);
+    }
+    kivoe_block_code *helped = nullptr;  // the chunk's records where another job made its levels
     int32_t counter = 0;
     for (int32_t m = 0; m < job->n_mcu; ++m) {
         const int32_t at = first_mcu + m;
+        if (shared && m % kShareMcus == 0) {
+            // The chunk is this job's unless a helper took it first.
+            const int32_t j = m / kShareMcus, slot = j % kShareSlots;
+            share.coded.store(j, std::memory_order_release);
+            int32_t expect = j;
+            helped = nullptr;
+            if (!share.next.compare_exchange_strong(expect, j + 1, std::memory_order_acq_rel)) {
+                spin_until([&] { return share.ready[slot].load(std::memory_order_acquire) == j + 1; });
+                helped = share.code + slot * kShareMcus * kMaxMcuBlocks;
+            }
+        }
+        kivoe_block_code *const codes = helped ? helped + m % kShareMcus * kMaxMcuBlocks : mcu_code;
         if (prog && ctx->adaptive_rounding && m && at % ctx->prog_chunk == 0 && at / ctx->prog_chunk < kivo::kMaxThreads)
             for (int c = 0; c < nc; ++c)
                 for (int i = 0; i < 64; ++i) comp[c].adapt[i] = 8192;
-        for (int c = 0; c < nc && !reuse; ++c) {
+        for (int c = 0; c < nc && !reuse && !helped; ++c) {
             const Comp &cc = comp[c];
             // The filter reads two rows below the MCU's.
             if ((cc.col & 7) == 0)
@@ -881,66 +1010,22 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                 mcu_code[b] = {comp[c].dc, comp[c].ac, kept + 64 * b, kept_mask[b], 0};
         // The statistics pass quantizes straight into the kept levels.
         int16_t *const mcu_out = by_mcu_plain && kept ? kept : mcu_levels;
-        if (by_mcu_plain && !(plain420 && plain_mcu420(ctx, comp, jnd_filter, fdct_quant_samples, mcu_out, mcu_code))) {
-            auto one = [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
-                int16_t *lv = mcu_out + 64 * b;
-                uint64_t mask;
-                // Luma blocks outside the filter's area are read straight from
-                // the plane too where they lie inside it.
-                if (fdct_quant_samples &&
-                    (inside || (jnd_filter && block_source(ctx, jnd_filter, c, cc.col + h, cc.row + v) == Source::kPlane))) {
-                    mask = fdct_quant_samples(at, cc.stride, lv, cc.q->recip, cc.offset);
-                } else if (inside || !filter_bytes || !filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v)) {
-                    if (inside) load_inside(at, cc.stride, lv);
-                    else load(c, cc, cc.col + h, cc.row + v, lv);
-                    mask = fdct_quant_mask(lv, cc.q->recip, cc.offset);
-                } else {
-                    // Filtered in registers on the way to the transform.
-                    mask = filter_kept(at, cc.stride, lv, cc.q->q, cc.q->recip, cc.offset, nullptr, 0);
-                }
-                mcu_code[b] = {cc.dc, cc.ac, lv, coder_mask(mask), 0};
-            };
-            if (jnd_filter && filter_pair) {
-                bool paired = false;  // this block went with the one before
-                mcu_blocks(ctx, comp, jnd_filter, [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
-                    if (paired) {
-                        paired = false;
-                        return;
-                    }
-                    if (!inside && h + 1 < fh.h[c] && filtered(ctx, jnd_filter, c, cc.col + h, cc.row + v) &&
-                        filtered(ctx, jnd_filter, c, cc.col + h + 1, cc.row + v)) {
-                        // Two filtered blocks side by side, their steps overlapped.
-                        int16_t *lv = mcu_out + 64 * b;
-                        const uint8_t *const src[2] = {at, at + 8};
-                        int16_t *const out[2] = {lv, lv + 64};
-                        uint64_t m[2];
-                        filter_pair(src, cc.stride, out, cc.q->q, cc.q->recip, cc.offset, nullptr, 0, m);
-                        mcu_code[b] = {cc.dc, cc.ac, lv, coder_mask(m[0]), 0};
-                        mcu_code[b + 1] = {cc.dc, cc.ac, lv + 64, coder_mask(m[1]), 0};
-                        paired = true;
-                        return;
-                    }
-                    one(c, cc, h, v, b, at, inside);
-                });
-            } else {
-                mcu_blocks(ctx, comp, jnd_filter, one);
-            }
-        }
+        if (by_mcu_plain && !helped) plain(comp, mcu_out, mcu_code);
         if (by_mcu) {
             for (int c = 0, b = 0; c < nc; ++c)
                 for (int i = fh.h[c] * fh.v[c]; i > 0; --i, ++b) {
-                    mcu_code[b].diff = mcu_code[b].blk[0] - job->dc_pred[c];
-                    job->dc_pred[c] = mcu_code[b].blk[0];
+                    codes[b].diff = codes[b].blk[0] - job->dc_pred[c];
+                    job->dc_pred[c] = codes[b].blk[0];
                 }
             if (stat) {
                 for (int c = 0, b = 0; c < nc; ++c)
                     for (int i = fh.h[c] * fh.v[c]; i > 0; --i, ++b) {
-                        const kivoe_block_code &k = mcu_code[b];
+                        const kivoe_block_code &k = codes[b];
                         kivoe_vlc_block_stat(k.dc, k.ac, comp[c].ac_odd, k.diff, k.blk, k.mask);
                         if (kept_mask) kept_mask[b] = k.mask;
                     }
             } else {
-                kivoe_vlc_blocks(bs, mcu_code, per_mcu);
+                kivoe_vlc_blocks(bs, codes, per_mcu);
             }
             if (kept) {
                 kept += 64 * per_mcu;
@@ -1008,10 +1093,66 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
             }
         }
     }
+    if (shared) share.open.store(0, std::memory_order_release);
     job->levels_kept = job->counting && job->levels;
     xelo_bsw_sink(bs);
     bs->flush = kivoe_bs_flush;
     return KIVO_OK;
+}
+
+// Makes the levels of the chunks of job's segment just ahead of its own
+// job while any is left and the segment is open: each taken, made into
+// its slot once that job has coded the chunk the slot held, then marked
+// ready.
+template <bool kFilter>
+void help_segment(kivoe_ctx *ctx, kivoe_job *job) {
+    kivoe_share &share = job->share;
+    Comp comp[4];
+    segment_comps(ctx, job, comp);
+    const PlainMcu<kFilter> plain(ctx, comp);
+    const int32_t first = first_mcu_of(ctx, job);
+    for (;;) {
+        int32_t j = share.next.load(std::memory_order_acquire);
+        if (j >= share.chunks || !share.open.load(std::memory_order_acquire)) return;
+        if (j >= share.coded.load(std::memory_order_acquire) + kShareSlots) {
+            spin_until([&] {
+                return share.coded.load(std::memory_order_acquire) + kShareSlots > j ||
+                       share.next.load(std::memory_order_relaxed) != j || !share.open.load(std::memory_order_relaxed);
+            });
+            continue;
+        }
+        if (!share.next.compare_exchange_weak(j, j + 1, std::memory_order_acq_rel)) continue;
+        const int32_t slot = j % kShareSlots;
+        int16_t *levels = share.levels + slot * kShareMcus * kMaxMcuBlocks * 64;
+        kivoe_block_code *code = share.code + slot * kShareMcus * kMaxMcuBlocks;
+        const int32_t end = job->n_mcu < (j + 1) * kShareMcus ? job->n_mcu : (j + 1) * kShareMcus;
+        for (int32_t m = j * kShareMcus, i = 0; m < end; ++m, ++i) {
+            move_to_mcu(ctx, comp, first + m);
+            plain(comp, levels + i * kMaxMcuBlocks * 64, code + i * kMaxMcuBlocks);
+        }
+        share.ready[slot].store(j + 1, std::memory_order_release);
+    }
+}
+
+// A job done with its segment helps the open one with the most chunks not
+// taken, then the next, until none has two left.
+void help_segments(kivoe_ctx *ctx, const kivoe_job *self) {
+    for (;;) {
+        kivoe_job *most = nullptr;
+        int32_t left = 1;
+        for (int i = 0; i < ctx->n_segments; ++i) {
+            kivoe_job *job = ctx->job[i];
+            if (job == self || !job->share.open.load(std::memory_order_acquire)) continue;
+            const int32_t l = job->share.chunks - job->share.next.load(std::memory_order_relaxed);
+            if (l > left) {
+                left = l;
+                most = job;
+            }
+        }
+        if (!most) return;
+        if (ctx->jnd_filter) help_segment<true>(ctx, most);
+        else help_segment<false>(ctx, most);
+    }
 }
 
 }  // namespace

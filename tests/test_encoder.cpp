@@ -142,4 +142,47 @@ TEST(Encoder, StreamsFollowTheirPlan) {
     }
 }
 
+int32_t g_serial_result = 0;
+
+// A job done with its segment makes levels for another's (the plain loop
+// with the typical tables): the bytes must be those of the same segments
+// encoded by a pool that runs each job at once, where no job can help
+// another. A flat top half makes the first segment's job help the second's;
+// an edge and the JND filter take the general block ways.
+TEST(Encoder, HelpedSegmentsGiveTheSameBytes) {
+    kivo_tpool serial{};
+    serial.create = [](kivo_tpool *, int32_t) -> void * { return &g_serial_result; };
+    serial.run = [](void *, kivo_job_fn job, void *arg) -> int32_t { return g_serial_result = job(arg), 0; };
+    serial.wait = [](void *, int32_t *status) -> int32_t { return *status = g_serial_result, 0; };
+    serial.release = [](void *) -> int32_t { return 0; };
+    serial.count = 2;
+    kivo_tpool threads;
+    kivo_tpool_std(&threads, 2);
+    const struct { int32_t cs; int w, h; int32_t filter; } cases[] = {
+        {XELO_CS_YCBCR420, 512, 512, 0}, {XELO_CS_YCBCR420, 500, 497, 1}, {XELO_CS_YCBCR444, 300, 260, 0},
+        {XELO_CS_YCBCR422, 264, 300, 1}};
+    for (const auto &c : cases) {
+        auto planes = kivotest::make_picture(c.cs, c.w, c.h, 7);
+        for (testpic::Plane &p : planes) std::fill(p.px.begin(), p.px.begin() + p.px.size() / 2, 128);
+        xelo_imgb *img = kivotest::to_imgb(c.cs, c.w, c.h, planes);
+        std::vector<uint8_t> want;
+        for (kivo_tpool *pool : {&serial, &threads}) {
+            const kivoe_create_param p{1, c.w, c.h, 90, c.cs, pool};
+            kivoe_ctx *e = kivoe_create(&p, nullptr);
+            ASSERT_NE(e, nullptr);
+            const int32_t four = 4;
+            ASSERT_EQ(kivoe_config(e, KIVOE_CFG_JND_FILTER, &c.filter, &four), 0);
+            for (int run = 0; run < (pool == &serial ? 1 : 8); ++run) {
+                std::vector<uint8_t> out(static_cast<size_t>(c.w) * c.h * 4 + 4096);
+                ASSERT_EQ(kivoe_push(e, img), 0);
+                ASSERT_EQ(encode_into(e, &out), 0);
+                if (want.empty()) want = out;
+                else EXPECT_EQ(out, want) << c.cs << " " << c.w << "x" << c.h << " run " << run;
+            }
+            kivoe_delete(e);
+        }
+        img->release(img);
+    }
+}
+
 }  // namespace
