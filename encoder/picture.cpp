@@ -666,7 +666,7 @@ struct PlainMcu {
           filter_pair(kFilter ? c->proc.jnd_fdct_quant_kept2 : nullptr),
           short420(fdct_quant_samples && layout420(c, comp) && (!kFilter || c->proc.jnd_fdct_quant_kept4)) {}
 
-    void operator()(const Comp *comp, int16_t *out, kivoe_block_code *code) const {
+    __attribute__((always_inline)) void operator()(const Comp *comp, int16_t *out, kivoe_block_code *code) const {
         constexpr bool jnd_filter = kFilter;
         if (short420 && plain_mcu420(ctx, comp, jnd_filter, fdct_quant_samples, out, code)) return;
         auto one = [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
@@ -904,8 +904,9 @@ inline void spin_until(F &&done) {
 }
 
 // One segment; kKeep: with JND suppression or adaptive rounding, kFilter:
-// with the JND filter, whose code the plain loop then leaves out.
-template <bool kKeep, bool kFilter>
+// with the JND filter, whose code the plain loop then leaves out; kShare:
+// other jobs may make levels of its plain loop.
+template <bool kKeep, bool kFilter, bool kShare>
 int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     xelo_bsw *bs = job->writer;
     xelo_bsw_sink(bs);
@@ -970,7 +971,7 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     // Plain levels coded as they come may be made by other jobs: the
     // segment is opened to them in chunks.
     kivoe_share &share = job->share;
-    const bool shared = by_mcu_plain && fused && !kept && share.levels && ctx->n_segments > 1;
+    const bool shared = kShare && by_mcu_plain && fused && !kept;
     if (shared) {
         share.chunks = (job->n_mcu + kShareMcus - 1) / kShareMcus;
         share.next.store(0, std::memory_order_relaxed);
@@ -1159,6 +1160,13 @@ void help_segments(kivoe_ctx *ctx, const kivoe_job *self) {
 
 int32_t kivoe_enc_dri(kivoe_ctx *ctx, kivoe_job *job) {
     const bool keep = ctx->jnd_suppress || ctx->adaptive_rounding;
-    if (ctx->jnd_filter) return keep ? enc_segment<true, true>(ctx, job) : enc_segment<false, true>(ctx, job);
-    return keep ? enc_segment<true, false>(ctx, job) : enc_segment<false, false>(ctx, job);
+    // The loop that other jobs may help is a copy of its own, so that one
+    // segment alone does not pay for its checks.
+    const bool share = !keep && ctx->n_segments > 1 && job->share.levels;
+    if (ctx->jnd_filter) {
+        if (keep) return enc_segment<true, true, false>(ctx, job);
+        return share ? enc_segment<false, true, true>(ctx, job) : enc_segment<false, true, false>(ctx, job);
+    }
+    if (keep) return enc_segment<true, false, false>(ctx, job);
+    return share ? enc_segment<false, false, true>(ctx, job) : enc_segment<false, false, false>(ctx, job);
 }
