@@ -109,14 +109,15 @@ struct kivoe_ctx;
 
 struct kivoe_block_code;
 
+// Blocks in an MCU at most (two components of 2 x 2 and two of 1 x 1).
+constexpr int32_t kMaxMcuBlocks = 10;
+
 // A segment's MCUs in chunks. Another job, done with its own segment, may
 // take the chunks just ahead of the segment's job and make their levels
 // while that job codes; it codes every chunk in order, so the bytes are the
 // same whoever made the levels. Open only in the plain block loop with the
 // typical or the caller's Huffman tables; a job's record is zero until
 // then.
-// Blocks in an MCU at most (two components of 2 x 2 and two of 1 x 1).
-constexpr int32_t kMaxMcuBlocks = 10;
 constexpr int32_t kShareMcus = 8;   // MCUs in a chunk
 constexpr int32_t kShareSlots = 8;  // chunks made ahead at most
 struct kivoe_share {
