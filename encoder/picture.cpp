@@ -964,10 +964,6 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
     const bool by_mcu = by_mcu_plain || by_mcu_kept || by_mcu_reuse;
     alignas(32) int16_t mcu_levels[kMaxMcuBlocks * 64];
     kivoe_block_code mcu_code[kMaxMcuBlocks];
-    // The samples of block (bcol, brow) of component c into dst.
-    auto load = [&](int c, const Comp &cc, int32_t bcol, int32_t brow, int16_t *dst) {
-        load_at(ctx, jnd_filter, c, cc, bcol, brow, dst);
-    };
     // Plain levels coded as they come may be made by other jobs: the
     // segment is opened to them in chunks.
     kivoe_share &share = job->share;
@@ -1046,7 +1042,7 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
                         mask = *kept_mask++;
                     } else {
                         const int32_t bcol = cc.col + h, brow = cc.row + v;
-                        load(c, cc, bcol, brow, blk);
+                        load_at(ctx, jnd_filter, c, cc, bcol, brow, blk);
                         fdct8(blk);
                         if (masked) mask = coder_mask(quant_mask(blk, cc.q->recip, cc.offset));
                         else if (keep) quantize_kept(ctx, cc, blk, coef);
