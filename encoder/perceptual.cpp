@@ -44,6 +44,12 @@ void fold(Stats *st) {
     st->pending = 0;
 }
 
+// sum / blocks, in 32 bits where the sum fits them (below 131072 blocks it
+// always does): 32-bit processors divide 64 bits in a long library call.
+inline uint32_t mean_of(uint64_t sum, uint32_t blocks) {
+    return static_cast<uint32_t>(sum >> 32 ? sum / blocks : static_cast<uint32_t>(sum) / blocks);
+}
+
 // The statistics of one sampled block.
 void add_block(const kivoe_ctx *ctx, int16_t *blk, Stats *st) {
     ctx->proc.fdct8(blk);
@@ -158,8 +164,8 @@ int32_t kivoe_get_qt(kivoe_ctx *ctx, int32_t level, uint8_t *out) {
     // fit 32 bits (0..255 for the level, at most 1024 for a magnitude).
     uint32_t mean[2][64];
     for (int i = 0; i < 64; ++i) {
-        mean[0][i] = static_cast<uint32_t>(luma.sum[i] / luma.blocks);
-        mean[1][i] = has_chroma ? static_cast<uint32_t>(chroma.sum[i] / chroma.blocks) : 0;
+        mean[0][i] = mean_of(luma.sum[i], luma.blocks);
+        mean[1][i] = has_chroma ? mean_of(chroma.sum[i], chroma.blocks) : 0;
     }
     const int32_t base = tbl_thr[mean[0][0] > 255 ? 255 : mean[0][0]];
     for (int t = 0; t < 2; ++t) {

@@ -70,6 +70,25 @@ int32_t kivoe_init_q_tbl(kivoe_ctx *ctx, uint32_t quality) {
     return KIVO_OK;
 }
 
+namespace {
+
+// b^0.30000000000000004 for the base values the tables' weights give (2 to
+// 35 with base scales up to 5), worked out once: pow is a long library
+// call on 32-bit processors.
+constexpr int kPowBases = 36;
+
+double base_power(int32_t b) {
+    static const struct Table {
+        double v[kPowBases];
+        Table() {
+            for (int i = 0; i < kPowBases; ++i) v[i] = std::pow(static_cast<double>(i), 0.30000000000000004);
+        }
+    } table;
+    return b < kPowBases ? table.v[b] : std::pow(static_cast<double>(b), 0.30000000000000004);
+}
+
+}  // namespace
+
 extern "C" KIVO_API void kivo_gen_qtbl(int16_t *q_out, uint16_t *recip_out, uint16_t *half_out,
                                        const uint32_t *coef_stat, int32_t base_scale) {
     for (int i = 0; i < 64; ++i) {
@@ -77,8 +96,7 @@ extern "C" KIVO_API void kivo_gen_qtbl(int16_t *q_out, uint16_t *recip_out, uint
         const int16_t b = static_cast<int16_t>(static_cast<uint16_t>(prod >> 12));
         int32_t m = b;
         if (i > 0 && b > 0) {
-            const double p = std::trunc(std::pow(static_cast<double>(b), 0.30000000000000004) *
-                                        std::pow(static_cast<double>(coef_stat[i]), 0.7));
+            const double p = std::trunc(base_power(b) * std::pow(static_cast<double>(coef_stat[i]), 0.7));
             // Held as a signed 16-bit value, as the table arithmetic does.
             const int16_t p16 = static_cast<int16_t>(static_cast<uint16_t>(static_cast<int64_t>(p) & 0xFFFF));
             m = p16 > b ? p16 : b;
