@@ -469,8 +469,10 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
             stride = j.band.stride[s.c];
             dst = j.band_row[k] + static_cast<ptrdiff_t>(8 * v) * stride + (s.col + h) * 8;
         } else if (j.mode == KIVOD_OUT_PACKED) {
+            // By frame component: a scan may name its components in
+            // another order.
             stride = 32;
-            dst = j.mcu_buf[k] + 32 * 8 * v + 8 * h;
+            dst = j.mcu_buf[s.c] + 32 * 8 * v + 8 * h;
         } else if (j.nblk == 1) {
             // 1/8: a block's one pixel is its DC's, and its decoder wrote no
             // other coefficient (a failed block was cleared whole).
@@ -492,7 +494,11 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
     kivod_win_close(&win, bs);
     if (j.mode == KIVOD_OUT_PACKED) {
         run_waiting(j);
-        kivod_out_pack_mcu(ctx, j.mcu_buf, j.sc[0].col * 8, j.sc[0].row * 8);
+        // The MCU's place from the luma blocks (a packed scan holds every
+        // component).
+        int k0 = 0;
+        while (j.sc[k0].c != 0) ++k0;
+        kivod_out_pack_mcu(ctx, j.mcu_buf, j.sc[k0].col * 8, j.sc[k0].row * 8);
     }
     for (int k = 0; k < j.ns; ++k) j.sc[k].col += j.sc[k].h;
     return true;

@@ -15,11 +15,13 @@
 
 namespace {
 
-// A grey W x H baseline stream whose every block has DC difference `dc_cat1`
-// (category 1, value +1 or -1 by the bit) and no AC coefficients. Quantizer
-// `q` everywhere; Huffman tables of one or two codes. `apps` times an APP1
-// segment and a comment before the tables.
-std::vector<uint8_t> grey_stream(int w, int h, int q, int apps) {
+// A W x H baseline stream whose every block has DC difference +1 or -1 in
+// turn (category 1) and no AC coefficients. Quantizer `q` everywhere;
+// Huffman tables of one or two codes. `apps` times an APP1 segment and a
+// comment before the tables. Grey, or with luma factors `luma` (as in SOF)
+// three components, Cb and Cr at 1 x 1, all on the same tables, so that
+// the scan may name Cb first (`cb_first`) and still decode.
+std::vector<uint8_t> grey_stream(int w, int h, int q, int apps, uint8_t luma = 0, bool cb_first = false) {
     std::vector<uint8_t> s = {0xFF, 0xD8};
     for (int i = 0; i < apps; ++i) {
         const char app[] = "Exif\0\0abc";
@@ -29,15 +31,20 @@ std::vector<uint8_t> grey_stream(int w, int h, int q, int apps) {
     }
     s.insert(s.end(), {0xFF, 0xDB, 0x00, 0x43, 0x00});
     for (int i = 0; i < 64; ++i) s.push_back(static_cast<uint8_t>(q));
-    s.insert(s.end(), {0xFF, 0xC0, 0x00, 0x0B, 0x08, static_cast<uint8_t>(h >> 8), static_cast<uint8_t>(h),
-                       static_cast<uint8_t>(w >> 8), static_cast<uint8_t>(w), 0x01, 0x01, 0x11, 0x00});
+    const uint8_t n = luma ? 3 : 1;
+    s.insert(s.end(), {0xFF, 0xC0, 0x00, static_cast<uint8_t>(8 + 3 * n), 0x08, static_cast<uint8_t>(h >> 8),
+                       static_cast<uint8_t>(h), static_cast<uint8_t>(w >> 8), static_cast<uint8_t>(w), n});
+    for (uint8_t c = 1; c <= n; ++c) s.insert(s.end(), {c, static_cast<uint8_t>(c == 1 && luma ? luma : 0x11), 0x00});
     // DC: code 00 = category 0, code 01 = category 1. AC: code 0 = EOB.
     s.insert(s.end(), {0xFF, 0xC4, 0x00, 0x15, 0x00, 0, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x00, 0x01});
     s.insert(s.end(), {0xFF, 0xC4, 0x00, 0x14, 0x10, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x00});
-    s.insert(s.end(), {0xFF, 0xDA, 0x00, 0x08, 0x01, 0x01, 0x00, 0x00, 0x3F, 0x00});
+    s.insert(s.end(), {0xFF, 0xDA, 0x00, static_cast<uint8_t>(6 + 2 * n), n});
+    for (uint8_t k = 1; k <= n; ++k) s.insert(s.end(), {static_cast<uint8_t>(cb_first && k < 3 ? 3 - k : k), 0x00});
+    s.insert(s.end(), {0x00, 0x3F, 0x00});
     // Blocks alternate DC +1 ("01 1" then EOB "0") and DC -1 ("01 0", "0"):
     // a byte 0110 0100 per pair, then 0110 and padding.
-    const int blocks = ((w + 7) / 8) * ((h + 7) / 8);
+    const int hf = luma ? luma >> 4 : 1, vf = luma ? luma & 15 : 1;
+    const int blocks = ((w + 8 * hf - 1) / (8 * hf)) * ((h + 8 * vf - 1) / (8 * vf)) * (hf * vf + n - 1);
     s.insert(s.end(), blocks / 2, 0x64);
     if (blocks % 2) s.push_back(0x6F);
     s.insert(s.end(), {0xFF, 0xD9});
@@ -322,6 +329,32 @@ TEST(DecApi, OutputBufferIsChecked) {
         img->lines[0] = lines;
         img->release(img);
     }
+}
+
+// Packed pairs carry each component's samples, the chroma of a pair's
+// first pixel, whatever order the scan names the components in.
+TEST(DecApi, PackedPairsFollowTheComponents) {
+    Handle h;
+    kivod_frame_info info{};
+    for (uint8_t luma : {0x22, 0x41, 0x21})
+        for (bool cb_first : {false, true}) {
+            std::vector<uint8_t> s = grey_stream(48, 24, 64, 0, luma, cb_first);
+            ASSERT_EQ(decode_mem(h.ctx, s, &info), 0);
+            xelo_imgb *planar = make_img(48, 24, info.color_format), *packed = make_img(48, 24, XELO_CS_YUYV);
+            ASSERT_EQ(kivod_clone(h.ctx, planar), 0);
+            ASSERT_EQ(decode_mem(h.ctx, s, &info), 0);
+            ASSERT_EQ(kivod_clone(h.ctx, packed), 0) << int(luma);
+            const int sx = luma >> 4, sy = luma & 15;
+            for (int y = 0; y < 24; ++y)
+                for (int x = 0; x < 48; ++x) {
+                    const uint8_t *p = packed->plane[0] + y * packed->stride[0] + 2 * x;
+                    const int c = 1 + x % 2, cx = x / 2 * 2 / sx, cy = y / sy;
+                    ASSERT_EQ(p[0], planar->plane[0][y * planar->stride[0] + x]) << int(luma) << cb_first << x << "," << y;
+                    ASSERT_EQ(p[1], planar->plane[c][cy * planar->stride[c] + cx]) << int(luma) << cb_first << x << "," << y;
+                }
+            planar->release(planar);
+            packed->release(packed);
+        }
 }
 
 TEST(DecApi, FileInterface) {
