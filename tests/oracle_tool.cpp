@@ -1,8 +1,12 @@
 // The kivo tool through its own commands: PNG, PPM and PGM encoded and
 // decoded again, with libjpeg-turbo's decode of the same JPEG as the
-// reference; Exif orientation; default limits; batches past a failing file.
+// reference; Exif orientation; default limits; batches past a failing file;
+// outputs that are pipes or links.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <turbojpeg.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -176,6 +180,30 @@ TEST(OracleTool, BatchGoesOnPastAFailingFile) {
     }
     fs::remove(dir / "in" / "bad.jpg");
     EXPECT_EQ(run(tool::cmd_transcode, {(dir / "in").string(), "--recursive", "--in-place"}), 0);
+    fs::remove_all(dir);
+}
+
+TEST(OracleTool, OutputsThatAreNotFilesStayInPlace) {
+    // A pipe is written through, not replaced by a regular file (as
+    // /dev/null would be for a user allowed to); a link stays a link.
+    namespace fs = std::filesystem;
+    const fs::path dir = fs::path(::testing::TempDir()) / "kivo_tool_special";
+    fs::remove_all(dir);
+    fs::create_directories(dir);
+    const std::string fifo = (dir / "pipe").string(), link = (dir / "link").string();
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(reader, 0);
+    EXPECT_TRUE(tool::write_file(fifo, {1, 2, 3}));
+    uint8_t got[4] = {0};
+    EXPECT_EQ(read(reader, got, 4), 3);
+    close(reader);
+    EXPECT_TRUE(fs::is_fifo(fifo));
+    ASSERT_TRUE(tool::write_file((dir / "target").string(), {4}));
+    fs::create_symlink("target", link);
+    EXPECT_TRUE(tool::write_file(link, {4, 5}));
+    EXPECT_TRUE(fs::is_symlink(link));
+    EXPECT_EQ(fs::file_size(dir / "target"), 2u);
     fs::remove_all(dir);
 }
 

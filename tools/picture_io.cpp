@@ -41,7 +41,40 @@ mode_t output_mode(const std::string &path) {
 
 }  // namespace
 
-bool write_file(const std::string &path, const std::vector<uint8_t> &bytes) {
+namespace {
+
+bool write_all(int fd, const std::vector<uint8_t> &bytes) {
+    for (size_t done = 0; done < bytes.size();) {
+        const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+}  // namespace
+
+bool write_file(const std::string &name, const std::vector<uint8_t> &bytes) {
+    // A device or a pipe (/dev/null, /dev/stdout on a terminal) is written
+    // as it is: renaming a file over it would put a regular file in its
+    // place, which only fails for lack of rights.
+    struct stat st;
+    if (stat(name.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
+        const int fd = open(name.c_str(), O_WRONLY);
+        const bool ok = fd >= 0 && write_all(fd, bytes);
+        if (!ok) message("kivo: cannot write %s: %s\n", name.c_str(), std::strerror(errno));
+        if (fd >= 0) close(fd);
+        return ok;
+    }
+    // A symbolic link stays one: the file it leads to is replaced.
+    std::string path = name;
+    if (lstat(name.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
+        if (char *target = realpath(name.c_str(), nullptr)) {
+            path = target;
+            std::free(target);
+        }
+    }
     const size_t slash = path.rfind('/');
     const std::string dir = slash == std::string::npos ? "" : path.substr(0, slash + 1);
     const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
@@ -53,13 +86,7 @@ bool write_file(const std::string &path, const std::vector<uint8_t> &bytes) {
                      std::strerror(errno));
         return false;
     }
-    bool ok = fchmod(fd, output_mode(path)) == 0;
-    for (size_t done = 0; ok && done < bytes.size();) {
-        const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        ok = n > 0;
-        if (ok) done += static_cast<size_t>(n);
-    }
+    bool ok = fchmod(fd, output_mode(path)) == 0 && write_all(fd, bytes);
     // The data reach the disk before the name does, so a crash after the
     // rename cannot leave an empty file where the original was.
     ok = ok && fsync(fd) == 0;
