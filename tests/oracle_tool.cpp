@@ -1,7 +1,7 @@
 // The kivo tool through its own commands: PNG, PPM and PGM encoded and
 // decoded again, with libjpeg-turbo's decode of the same JPEG as the
-// reference; Exif orientation; default limits; batches past a failing file;
-// outputs that are pipes or links.
+// reference; Exif orientation; default limits; batches past a failing file
+// and never over another input; outputs that are pipes or links.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -180,6 +180,13 @@ TEST(OracleTool, BatchGoesOnPastAFailingFile) {
     }
     fs::remove(dir / "in" / "bad.jpg");
     EXPECT_EQ(run(tool::cmd_transcode, {(dir / "in").string(), "--recursive", "--in-place"}), 0);
+    // in/a.jpg's output would replace the input in/sub/a.jpg: that job is
+    // skipped and sub/a.jpg keeps its own picture.
+    const std::vector<uint8_t> other = turbo::encode(spec, turbo::make_planes(spec, 5));
+    ASSERT_TRUE(tool::write_file((dir / "in" / "sub" / "a.jpg").string(), other));
+    EXPECT_EQ(run(tool::cmd_transcode, {(dir / "in").string(), "--recursive", "--out-dir", (dir / "in" / "sub").string()}), 1);
+    std::vector<uint8_t> kept;
+    EXPECT_TRUE(tool::read_file((dir / "in" / "sub" / "a.jpg").string(), &kept) && kept == other);
     fs::remove_all(dir);
 }
 
