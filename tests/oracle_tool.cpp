@@ -138,7 +138,8 @@ TEST(OracleTool, InfoReportsExifOrientation) {
 }
 
 // The tool's default limits refuse a frame that declares 65535 x 65535;
-// lifting the pixel limit lets its headers through.
+// lifting the pixel limit lets its headers through. encode's picture
+// files are held to the pixel limit too.
 TEST(OracleTool, DefaultLimitsRefuseABomb) {
     std::vector<uint8_t> jpg = small_grey();
     for (size_t i = 0; i + 8 < jpg.size(); ++i)
@@ -151,6 +152,22 @@ TEST(OracleTool, DefaultLimitsRefuseABomb) {
     const std::string text = testing::internal::GetCapturedStdout();
     EXPECT_NE(text.find("size: 65535 x 65535"), std::string::npos) << text;
     std::remove(path.c_str());
+    // encode holds PNG and PNM input to the pixel limit before taking the
+    // samples' memory (a PNG of 842 bytes may declare 65535 x 65535).
+    tool::Packed pic;
+    pic.width = 12, pic.height = 10, pic.channels = 1;
+    pic.pixels.assign(120, 90);
+    for (const char *ext : {".png", ".pgm"}) {
+        if (!std::strcmp(ext, ".png") && !tool::have_png()) continue;
+        const std::string in = ::testing::TempDir() + "kivo_tool_limit" + ext, out = in + ".jpg";
+        ASSERT_TRUE(tool::write_packed(in, pic));
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(run(tool::cmd_encode, {in, out, "--max-pixels", "119"}), 1) << ext;
+        EXPECT_EQ(run(tool::cmd_encode, {in, out, "--max-pixels", "120"}), 0) << ext;
+        testing::internal::GetCapturedStdout();
+        std::remove(in.c_str());
+        std::remove(out.c_str());
+    }
 }
 
 TEST(OracleTool, BatchGoesOnPastAFailingFile) {

@@ -34,8 +34,9 @@ struct Packed {
     int32_t width = 0, height = 0, channels = 0;
     std::vector<uint8_t> pixels;
 };
-// Reads a PNG or binary 8-bit PPM/PGM; false with a message on failure.
-bool read_packed(const std::string &path, Packed *out);
+// Reads a PNG or binary 8-bit PPM/PGM; false with a message on failure,
+// or for a picture of more than max_pixels (0: no limit).
+bool read_packed(const std::string &path, Packed *out, int64_t max_pixels = 0);
 // Writes PNG for a .png name, PGM (one channel) or PPM otherwise.
 bool write_packed(const std::string &path, const Packed &pic);
 
