@@ -15,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "oracle_support/turbo.h"
@@ -207,9 +208,10 @@ TEST(OracleTool, BatchGoesOnPastAFailingFile) {
     fs::remove_all(dir);
 }
 
-TEST(OracleTool, OutputsThatAreNotFilesStayInPlace) {
+TEST(OracleTool, PipesAndLinks) {
     // A pipe is written through, not replaced by a regular file (as
-    // /dev/null would be for a user allowed to); a link stays a link.
+    // /dev/null would be for a user allowed to), and read as input; a link
+    // stays a link.
     namespace fs = std::filesystem;
     const fs::path dir = fs::path(::testing::TempDir()) / "kivo_tool_special";
     fs::remove_all(dir);
@@ -223,6 +225,12 @@ TEST(OracleTool, OutputsThatAreNotFilesStayInPlace) {
     EXPECT_EQ(read(reader, got, 4), 3);
     close(reader);
     EXPECT_TRUE(fs::is_fifo(fifo));
+    // A pipe as input (/dev/stdin): read into memory, as it has no size.
+    std::thread writer([&] { tool::write_file(fifo, small_grey()); });
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(run(tool::cmd_info, {fifo}), 0);
+    testing::internal::GetCapturedStdout();
+    writer.join();
     ASSERT_TRUE(tool::write_file((dir / "target").string(), {4}));
     fs::create_symlink("target", link);
     EXPECT_TRUE(tool::write_file(link, {4, 5}));

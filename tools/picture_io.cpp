@@ -12,14 +12,14 @@
 
 namespace tool {
 
-bool read_file(const std::string &path, std::vector<uint8_t> *out) {
+bool read_file(const std::string &path, std::vector<uint8_t> *out, size_t max) {
     FILE *f = std::fopen(path.c_str(), "rb");
     if (!f) return false;
     out->clear();
     uint8_t buf[1 << 16];
     size_t n;
-    while ((n = std::fread(buf, 1, sizeof(buf), f)) > 0) out->insert(out->end(), buf, buf + n);
-    const bool ok = !std::ferror(f);
+    while (out->size() <= max && (n = std::fread(buf, 1, sizeof(buf), f)) > 0) out->insert(out->end(), buf, buf + n);
+    const bool ok = !std::ferror(f) && out->size() <= max;
     std::fclose(f);
     return ok;
 }

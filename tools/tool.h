@@ -13,7 +13,8 @@
 
 namespace tool {
 
-bool read_file(const std::string &path, std::vector<uint8_t> *out);
+// Reads the whole file; false when it cannot be read or holds more than max bytes.
+bool read_file(const std::string &path, std::vector<uint8_t> *out, size_t max = SIZE_MAX);
 // Writes the bytes to a temporary file in the same directory and renames it
 // into place once complete, so that path never holds a partial file.
 // Returns false with a message on stderr.
