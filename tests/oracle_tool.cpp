@@ -1,7 +1,7 @@
 // The kivo tool through its own commands: PNG, PPM and PGM encoded and
 // decoded again, with libjpeg-turbo's decode of the same JPEG as the
 // reference; Exif orientation; default limits; batches past a failing file
-// and never over another input; outputs that are pipes or links.
+// and never over another input; pipes and links as outputs and inputs.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
