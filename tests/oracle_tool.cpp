@@ -140,7 +140,8 @@ TEST(OracleTool, InfoReportsExifOrientation) {
 
 // The tool's default limits refuse a frame that declares 65535 x 65535;
 // lifting the pixel limit lets its headers through. encode's picture
-// files are held to the pixel limit too.
+// files are held to the pixel limit too, and their names are never taken
+// for a JPEG output.
 TEST(OracleTool, DefaultLimitsRefuseABomb) {
     std::vector<uint8_t> jpg = small_grey();
     for (size_t i = 0; i + 8 < jpg.size(); ++i)
@@ -165,6 +166,9 @@ TEST(OracleTool, DefaultLimitsRefuseABomb) {
         testing::internal::CaptureStdout();
         EXPECT_EQ(run(tool::cmd_encode, {in, out, "--max-pixels", "119"}), 1) << ext;
         EXPECT_EQ(run(tool::cmd_encode, {in, out, "--max-pixels", "120"}), 0) << ext;
+        // A picture's name is no JPEG output: a typo must not replace it.
+        EXPECT_EQ(run(tool::cmd_encode, {in, in}), 2) << ext;
+        EXPECT_EQ(run(tool::cmd_transcode, {out, in}), 2) << ext;
         testing::internal::GetCapturedStdout();
         std::remove(in.c_str());
         std::remove(out.c_str());

@@ -187,6 +187,10 @@ int cmd_encode(int argc, char **argv) {
         usage();
         return 2;
     }
+    if (!many && is_picture_name(batch.inputs[1])) {
+        message("kivo: encode writes JPEG, not %s (a typo would replace that picture)\n", batch.inputs[1].c_str());
+        return 2;
+    }
     if (!qfile.empty() && !(st.has_qtables = read_qtables(qfile, st.qtables))) {
         message("kivo: %s must hold 128 numbers from 0 to 255\n", qfile.c_str());
         return 1;

@@ -135,6 +135,10 @@ int cmd_transcode(int argc, char **argv) {
                      "  their .jpg and .jpeg files), --threads files at once.\n");
         return 2;
     }
+    if (!many && is_picture_name(batch.inputs[1])) {
+        message("kivo: transcode writes JPEG, not %s (a typo would replace that picture)\n", batch.inputs[1].c_str());
+        return 2;
+    }
     uint64_t out_bytes = 0;
     const char *chosen = nullptr;
     if (!many)

@@ -151,6 +151,13 @@ FileKind file_kind(const std::string &path) {
 
 bool is_packed(FileKind k) { return k == FileKind::Png || k == FileKind::Ppm || k == FileKind::Pgm || k == FileKind::Pnm; }
 
+bool is_picture_name(const std::string &path) {
+    const FileKind k = file_kind(path);
+    std::string lower = path;
+    for (char &c : lower) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
+    return is_packed(k) || k == FileKind::Y4m || ends_with(lower, ".yuv");
+}
+
 bool have_png() {
 #ifdef KIVO_HAVE_PNG
     return true;

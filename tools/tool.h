@@ -28,6 +28,9 @@ std::string option_name(const char *arg);
 enum class FileKind { Raw, Y4m, Png, Ppm, Pgm, Pnm, Jpeg };
 FileKind file_kind(const std::string &path);
 bool is_packed(FileKind k);  // PNG or PNM
+// A name whose extension is a picture format other than JPEG (.png, .ppm,
+// .pgm, .pnm, .y4m, .yuv): never a JPEG output.
+bool is_picture_name(const std::string &path);
 bool have_png();             // built with libspng
 
 // Packed pixels, line distance width * channels: RGB (3) or grey (1).
