@@ -140,9 +140,9 @@ TEST(OracleTool, InfoReportsExifOrientation) {
 
 // The tool's default limits refuse a frame that declares 65535 x 65535;
 // lifting the pixel limit lets its headers through. encode's picture
-// files are held to the pixel limit too, and their names are never taken
-// for a JPEG output.
-TEST(OracleTool, DefaultLimitsRefuseABomb) {
+// files are held to the pixel limit too, their names are never taken for a
+// JPEG output, and Y4M samples of more than 8 bits are refused.
+TEST(OracleTool, RefusesBombsAndMisleadingInputs) {
     std::vector<uint8_t> jpg = small_grey();
     for (size_t i = 0; i + 8 < jpg.size(); ++i)
         if (jpg[i] == 0xFF && jpg[i + 1] == 0xC0) std::fill(jpg.begin() + i + 5, jpg.begin() + i + 9, 0xFF);
@@ -173,6 +173,14 @@ TEST(OracleTool, DefaultLimitsRefuseABomb) {
         std::remove(in.c_str());
         std::remove(out.c_str());
     }
+    // Y4M of more than 8 bits a sample is refused, not read as 8-bit samples.
+    const std::string y4m = ::testing::TempDir() + "kivo_tool_10bit.y4m";
+    std::vector<uint8_t> ten(16 * 16 * 3, 2);
+    const std::string head = "YUV4MPEG2 W16 H16 F25:1 C420p10\nFRAME\n";
+    ten.insert(ten.begin(), head.begin(), head.end());
+    ASSERT_TRUE(tool::write_file(y4m, ten));
+    EXPECT_EQ(run(tool::cmd_encode, {y4m, y4m + ".jpg"}), 1);
+    std::remove(y4m.c_str());
 }
 
 TEST(OracleTool, BatchGoesOnPastAFailingFile) {

@@ -196,13 +196,14 @@ int32_t color_format_from_name(const std::string &s) {
 
 namespace {
 
+// 8-bit tags only: 420p10, mono16 and the like hold two bytes a sample.
 int32_t y4m_format(const std::string &tag) {
-    if (tag.rfind("420", 0) == 0) return XELO_CS_YCBCR420;
+    if (tag == "420" || tag == "420jpeg" || tag == "420paldv" || tag == "420mpeg2") return XELO_CS_YCBCR420;
     if (tag == "422") return XELO_CS_YCBCR422;
     if (tag == "444") return XELO_CS_YCBCR444;
     if (tag == "440") return XELO_CS_YCBCR440;
     if (tag == "411") return XELO_CS_YCBCR411;
-    if (tag.rfind("mono", 0) == 0) return XELO_CS_YCBCR400;
+    if (tag == "mono") return XELO_CS_YCBCR400;
     return -1;
 }
 
