@@ -216,7 +216,7 @@ int cmd_decode(int argc, char **argv) {
     const bool written = is_packed(file_kind(out)) ? write_rgb_picture(out, img, &d.pool) : write_picture(out, img);
     if (!written) rc = 1;
     else
-        std::printf("%s: %d x %d %s -> %s %d x %d in %.1f ms\n", in.c_str(), d.info.width, d.info.height,
+        std::fprintf(report_stream(out), "%s: %d x %d %s -> %s %d x %d in %.1f ms\n", in.c_str(), d.info.width, d.info.height,
                     color_format_name(d.info.color_format), out.c_str(), ow, oh, ms);
     img->release(img);
     return rc;

@@ -139,7 +139,7 @@ bool encode_file(const std::string &in, const std::string &out, Settings st, int
         *out_bytes = buf.size();
     }
     if (ok && report)
-        std::printf("%s: %d x %d %s -> %s, %d bytes in %.1f ms\n", in.c_str(), img->width, img->height,
+        std::fprintf(report_stream(out), "%s: %d x %d %s -> %s, %d bytes in %.1f ms\n", in.c_str(), img->width, img->height,
                     color_format_name(img->color_format), out.c_str(), written, ms);
     kivoe_delete(enc);
     img->release(img);

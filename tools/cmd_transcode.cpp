@@ -82,7 +82,7 @@ bool transcode_file(const std::string &in, const std::string &out, Settings st, 
     *out_bytes = buf.size();
     *chosen_name = kivot_chosen_name(chosen);
     if (report)
-        std::printf("%s: %zu bytes -> %s: %d bytes (%.1f%%, %s) in %.1f ms\n", in.c_str(), src.size(), out.c_str(),
+        std::fprintf(report_stream(out), "%s: %zu bytes -> %s: %d bytes (%.1f%%, %s) in %.1f ms\n", in.c_str(), src.size(), out.c_str(),
                     written, 100.0 * written / static_cast<double>(src.size()), *chosen_name, ms);
     return true;
 }

@@ -100,6 +100,13 @@ bool write_file(const std::string &name, const std::vector<uint8_t> &bytes) {
     return ok;
 }
 
+FILE *report_stream(const std::string &output) {
+    struct stat out, std_out;
+    const bool same = stat(output.c_str(), &out) == 0 && fstat(STDOUT_FILENO, &std_out) == 0 &&
+                      out.st_dev == std_out.st_dev && out.st_ino == std_out.st_ino;
+    return same ? stderr : stdout;
+}
+
 std::string option_name(const char *arg) {
     const std::string a = arg;
     if (a.size() > 2 && a[0] == '-' && a[1] != '-') return "-" + a;

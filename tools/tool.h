@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <string>
 #include <vector>
@@ -20,6 +21,9 @@ bool read_file(const std::string &path, std::vector<uint8_t> *out, size_t max = 
 // Returns false with a message on stderr.
 bool write_file(const std::string &path, const std::vector<uint8_t> &bytes);
 bool ends_with(const std::string &s, const char *suffix);
+// Where a command's one-line report goes: stderr when the output file is
+// the tool's standard output (/dev/stdout), which the report would corrupt.
+FILE *report_stream(const std::string &output);
 // A switch as the parsers compare it: cjpeg's single-dash spellings
 // ("-quality") become the double-dash ones ("--quality"); "-h" stays.
 std::string option_name(const char *arg);
