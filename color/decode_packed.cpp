@@ -108,6 +108,10 @@ int32_t decode_whole(kivod_ctx *ctx, const Task &t, int32_t color_format, uint32
     const uint32_t pad[4] = {0, 0, 0, 0};
     xelo_imgb *img = xelo_imgb_create(t.w, t.h, color_format, 3, al, pad, 0, 0, 0);
     if (!img) return KIVO_ERR_OUT_OF_MEMORY;
+    // Rows the data do not reach are converted too: mid-grey, not whatever
+    // the new planes' memory held before.
+    for (int p = 0; p < 4; ++p)
+        if (img->plane[p]) std::memset(img->plane[p], 128, static_cast<size_t>(img->stride[p]) * img->lines[p]);
     int32_t ret = kivod_clone(ctx, img);
     if (ret == KIVO_OK)
         ret = kivoc_to_packed(img, t.packed, t.packed_stride,

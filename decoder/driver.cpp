@@ -443,6 +443,10 @@ int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb) {
     // which takes each plane to its size in that layout.
     if (ctx->scale == 0 && imgb->color_format != ctx->color_format && imgb->color_format != XELO_CS_YUYV)
         ctx->scale = 1;
+    // A buffer the picture cannot go to is refused before anything is
+    // decoded, so that the handle keeps the headers for another buffer.
+    const int32_t mode = kivod_out_mode_for(ctx, imgb);
+    if (mode < 0) return mode;
 
     if (ctx->scale != 0 && kivod_over(ctx->limits.max_memory, ctx->frame_bytes + resizer_bytes(ctx))) {
         kivod_release_frame_buffers(ctx);

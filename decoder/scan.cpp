@@ -323,11 +323,14 @@ void flush_magnitudes(Slice &j) {
     j.mag_blocks = 0;
 }
 
+// flush: every row of the last strip is decoded (rows below the plane
+// included); otherwise the rows of the MCU rows decoded whole go on, so that
+// a picture whose data stop early shows as many rows as one thread gives.
 void end_resizers(Slice &j, bool flush) {
     for (int k = 0; k < j.ns; ++k) {
         ScanComp &s = j.sc[k];
         if (!s.rsz) continue;
-        if (flush && j.sc[0].fill != 0) xelo_irsz(s.rsz, j.w->strip[k], s.src_line, j.ctx->mcu_lines[s.c]);
+        if (j.sc[0].fill != 0) xelo_irsz(s.rsz, j.w->strip[k], s.src_line, flush ? j.ctx->mcu_lines[s.c] : s.fill);
         xelo_irsz_delete(s.rsz);
         s.rsz = nullptr;
     }
@@ -542,8 +545,11 @@ int32_t run_mcus(Slice &j, kivod_bs *bs, int32_t first, int32_t count, int32_t *
             break;
         }
         ++m;
+        // The MCU counts as decoded whatever follows it, so a row it ends
+        // is handed on even when no restart marker comes after it.
+        next_row(j);
         const bool last = first + m == j.scan_mcus;
-        if (!restart_after(bs, j.interval, last, w->dc_pred, &w->rst_count, held) || (next_row(j), !data_left(bs))) {
+        if (!restart_after(bs, j.interval, last, w->dc_pred, &w->rst_count, held) || !data_left(bs)) {
             *stopped = true;
             break;
         }

@@ -68,6 +68,13 @@ int32_t kivoe_push_frm(kivoe_ctx *ctx, xelo_imgb *img) {
     if (!img->plane[0] || (l->kind == kivo::Layout::Pairs && !img->plane[1]) ||
         (two_planes && (!img->plane[1] || !img->plane[2])) || (l->fourth && !img->plane[3]))
         return KIVO_ERR_INVALID_ARG;
+    // Every plane the layout uses must hold its samples: a record whose
+    // line distance or line count is short of them (or whose colour format
+    // is not that of its planes) would be read past its end.
+    int32_t pw[4], ph[4], np = 0;
+    if (xelo_cs_planes(f, w, h, pw, ph, &np) != 0) return KIVO_ERR_COLOR_FORMAT;
+    for (int i = 0; i < 4; ++i)
+        if (pw[i] > 0 && (img->stride[i] < pw[i] || img->lines[i] < ph[i])) return KIVO_ERR_IMGB;
 
     const int32_t max_w = w > ctx->max_width ? w : ctx->max_width;
     const int32_t max_h = h > ctx->max_height ? h : ctx->max_height;
@@ -99,8 +106,6 @@ int32_t kivoe_push_frm(kivoe_ctx *ctx, xelo_imgb *img) {
         ctx->pic_owned = owned;
         // Every plane of the layout is copied at its own size, the fourth
         // plane of the four-component layouts included.
-        int32_t pw[4], ph[4], np = 0;
-        xelo_cs_planes(f, w, h, pw, ph, &np);
         xelo_imgb *dst = owned->imgb;
         for (int i = 0; i < 4; ++i) {
             if (pw[i] <= 0 || !img->plane[i] || !dst->plane[i]) continue;

@@ -65,8 +65,10 @@ KIVO_API int32_t kivoc_to_packed(const xelo_imgb *src, uint8_t *dst, int32_t dst
  * KIVO_ERR_COLOR_FORMAT for a packed format not listed or a frame layout
  * kivoc_to_packed does not convert; KIVO_ERR_IMGB when the buffer's line
  * distance or size is too small. Nothing is decoded or written before the
- * arguments have been checked; rows the data do not reach, and every row
- * after a negative status other than these, hold unspecified pixels. */
+ * arguments have been checked. Rows the data do not reach keep what the
+ * buffer held when converted band by band and are mid-grey when the picture
+ * is decoded whole; after a negative status other than these every row
+ * holds unspecified pixels. */
 KIVO_API int32_t kivoc_decode_packed(kivod_ctx *dec, uint8_t *dst, int32_t dst_stride, size_t dst_size,
                                      int32_t dst_format, uint32_t flags);
 

@@ -52,9 +52,17 @@ KIVO_API int32_t kivoe_config(kivoe_ctx *ctx, int32_t id, const void *value, con
 KIVO_API int32_t kivoe_set_progressive(kivoe_ctx *ctx, int32_t on);
 /* Takes the next picture; planes are used in place when stride[0] and
  * lines[0] are multiples of 16 (the buffer must then stay unchanged until
- * kivoe_encode returns), otherwise copied. */
+ * kivoe_encode returns), otherwise copied. Every plane of the colour format
+ * must hold its samples: a line distance below the plane's width in bytes
+ * (negative ones included) or fewer lines than its height gives
+ * KIVO_ERR_IMGB. A refused push changes nothing. */
 KIVO_API int32_t kivoe_push(kivoe_ctx *ctx, xelo_imgb *imgb);
-/* Encodes the pushed picture; stores the stream's size through written. */
+/* Encodes the pushed picture; stores the stream's size through written.
+ * Output memory too small for the stream gives KIVO_ERR_INVALID_ARG with
+ * nothing written past its end; like every encode that gets past its
+ * argument checks, it uses up the picture (in-place planes need only live
+ * until the call returns), so push it again before encoding into more
+ * memory. */
 KIVO_API int32_t kivoe_encode(kivoe_ctx *ctx, const kivoe_output *out, int32_t *written);
 /* Chooses and installs quantization tables from the pushed picture, sampled
  * at level (each analysis sample stands for 2^level x 2^level samples);

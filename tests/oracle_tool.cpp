@@ -1,8 +1,12 @@
 // The kivo tool through its own commands: PNG, PPM and PGM encoded and
 // decoded again, with libjpeg-turbo's decode of the same JPEG as the
-// reference; Exif orientation; default limits; batches past a failing file.
+// reference; Exif orientation; default limits; batches past a failing file
+// and never over another input; pipes and links as outputs and inputs.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <turbojpeg.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -11,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "oracle_support/turbo.h"
@@ -134,8 +139,10 @@ TEST(OracleTool, InfoReportsExifOrientation) {
 }
 
 // The tool's default limits refuse a frame that declares 65535 x 65535;
-// lifting the pixel limit lets its headers through.
-TEST(OracleTool, DefaultLimitsRefuseABomb) {
+// lifting the pixel limit lets its headers through. encode's picture
+// files are held to the pixel limit too, their names are never taken for a
+// JPEG output, and Y4M samples of more than 8 bits are refused.
+TEST(OracleTool, RefusesBombsAndMisleadingInputs) {
     std::vector<uint8_t> jpg = small_grey();
     for (size_t i = 0; i + 8 < jpg.size(); ++i)
         if (jpg[i] == 0xFF && jpg[i + 1] == 0xC0) std::fill(jpg.begin() + i + 5, jpg.begin() + i + 9, 0xFF);
@@ -147,6 +154,33 @@ TEST(OracleTool, DefaultLimitsRefuseABomb) {
     const std::string text = testing::internal::GetCapturedStdout();
     EXPECT_NE(text.find("size: 65535 x 65535"), std::string::npos) << text;
     std::remove(path.c_str());
+    // encode holds PNG and PNM input to the pixel limit before taking the
+    // samples' memory (a PNG of 842 bytes may declare 65535 x 65535).
+    tool::Packed pic;
+    pic.width = 12, pic.height = 10, pic.channels = 1;
+    pic.pixels.assign(120, 90);
+    for (const char *ext : {".png", ".pgm"}) {
+        if (!std::strcmp(ext, ".png") && !tool::have_png()) continue;
+        const std::string in = ::testing::TempDir() + "kivo_tool_limit" + ext, out = in + ".jpg";
+        ASSERT_TRUE(tool::write_packed(in, pic));
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(run(tool::cmd_encode, {in, out, "--max-pixels", "119"}), 1) << ext;
+        EXPECT_EQ(run(tool::cmd_encode, {in, out, "--max-pixels", "120"}), 0) << ext;
+        // A picture's name is no JPEG output: a typo must not replace it.
+        EXPECT_EQ(run(tool::cmd_encode, {in, in}), 2) << ext;
+        EXPECT_EQ(run(tool::cmd_transcode, {out, in}), 2) << ext;
+        testing::internal::GetCapturedStdout();
+        std::remove(in.c_str());
+        std::remove(out.c_str());
+    }
+    // Y4M of more than 8 bits a sample is refused, not read as 8-bit samples.
+    const std::string y4m = ::testing::TempDir() + "kivo_tool_10bit.y4m";
+    std::vector<uint8_t> ten(16 * 16 * 3, 2);
+    const std::string head = "YUV4MPEG2 W16 H16 F25:1 C420p10\nFRAME\n";
+    ten.insert(ten.begin(), head.begin(), head.end());
+    ASSERT_TRUE(tool::write_file(y4m, ten));
+    EXPECT_EQ(run(tool::cmd_encode, {y4m, y4m + ".jpg"}), 1);
+    std::remove(y4m.c_str());
 }
 
 TEST(OracleTool, BatchGoesOnPastAFailingFile) {
@@ -176,6 +210,44 @@ TEST(OracleTool, BatchGoesOnPastAFailingFile) {
     }
     fs::remove(dir / "in" / "bad.jpg");
     EXPECT_EQ(run(tool::cmd_transcode, {(dir / "in").string(), "--recursive", "--in-place"}), 0);
+    // in/a.jpg's output would replace the input in/sub/a.jpg: that job is
+    // skipped and sub/a.jpg keeps its own picture.
+    const std::vector<uint8_t> other = turbo::encode(spec, turbo::make_planes(spec, 5));
+    ASSERT_TRUE(tool::write_file((dir / "in" / "sub" / "a.jpg").string(), other));
+    EXPECT_EQ(run(tool::cmd_transcode, {(dir / "in").string(), "--recursive", "--out-dir", (dir / "in" / "sub").string()}), 1);
+    std::vector<uint8_t> kept;
+    EXPECT_TRUE(tool::read_file((dir / "in" / "sub" / "a.jpg").string(), &kept) && kept == other);
+    fs::remove_all(dir);
+}
+
+TEST(OracleTool, PipesAndLinks) {
+    // A pipe is written through, not replaced by a regular file (as
+    // /dev/null would be for a user allowed to), and read as input; a link
+    // stays a link.
+    namespace fs = std::filesystem;
+    const fs::path dir = fs::path(::testing::TempDir()) / "kivo_tool_special";
+    fs::remove_all(dir);
+    fs::create_directories(dir);
+    const std::string fifo = (dir / "pipe").string(), link = (dir / "link").string();
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(reader, 0);
+    EXPECT_TRUE(tool::write_file(fifo, {1, 2, 3}));
+    uint8_t got[4] = {0};
+    EXPECT_EQ(read(reader, got, 4), 3);
+    close(reader);
+    EXPECT_TRUE(fs::is_fifo(fifo));
+    // A pipe as input (/dev/stdin): read into memory, as it has no size.
+    std::thread writer([&] { tool::write_file(fifo, small_grey()); });
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(run(tool::cmd_info, {fifo}), 0);
+    testing::internal::GetCapturedStdout();
+    writer.join();
+    ASSERT_TRUE(tool::write_file((dir / "target").string(), {4}));
+    fs::create_symlink("target", link);
+    EXPECT_TRUE(tool::write_file(link, {4, 5}));
+    EXPECT_TRUE(fs::is_symlink(link));
+    EXPECT_EQ(fs::file_size(dir / "target"), 2u);
     fs::remove_all(dir);
 }
 

@@ -92,6 +92,15 @@ TEST(Encoder, FrameInput) {
     std::vector<uint8_t> out;  // no memory for the stream
     EXPECT_EQ((img->width = 0, kivoe_push(e, img)), KIVO_ERR_INVALID_ARG);
     for (int32_t bad : {9, 200}) EXPECT_EQ((img->width = 40, img->color_format = bad, kivoe_push(e, img)), KIVO_ERR_COLOR_FORMAT);
+    // A record short of its format's samples is refused, not read past its end.
+    for (int field = 0; field < 3; ++field) {
+        xelo_imgb shorter = *img;
+        shorter.color_format = field == 2 ? XELO_CS_YCBCR422 : XELO_CS_YCBCR420;  // 4:2:2 chroma: 20 lines
+        if (field == 0) shorter.stride[0] = 39;
+        if (field == 1) shorter.lines[1] = 9;
+        if (field == 2) shorter.lines[1] = shorter.lines[2] = 19;
+        EXPECT_EQ(kivoe_push(e, &shorter), KIVO_ERR_IMGB) << field;
+    }
     EXPECT_TRUE((img->color_format = 11, kivoe_push(e, img)) == 0 && encode_into(e, &out) == KIVO_ERR_INVALID_ARG);
     img->release(img), kivoe_delete(e);
 }

@@ -161,12 +161,28 @@ int run_batch(const BatchOptions &b, const std::vector<const char *> &exts, cons
             jobs.push_back(job);
         }
     }
-    std::set<std::string> outputs;
+    // A file is named by its path with links and dots resolved, so that two
+    // spellings of one path are seen as one. No job may replace a file
+    // another job reads (its picture would be lost, or read half-written),
+    // and no two jobs may write one file.
+    auto key = [](const std::string &p) {
+        std::error_code ec;
+        const fs::path k = fs::weakly_canonical(p, ec);
+        return ec ? fs::absolute(p, ec).lexically_normal().string() : k.string();
+    };
+    std::set<std::string> inputs, outputs;
+    std::vector<std::string> in_keys(jobs.size()), out_keys(jobs.size());
+    for (size_t i = 0; i < jobs.size(); ++i) {
+        in_keys[i] = key(jobs[i].in), out_keys[i] = key(jobs[i].out);
+        inputs.insert(in_keys[i]);
+    }
     std::vector<char> skip(jobs.size(), 0);
     uint64_t total_in = 0;
     for (size_t i = 0; i < jobs.size(); ++i) {
-        if (!outputs.insert(jobs[i].out).second) {
-            message("kivo: %s: %s is also another input's output; skipped\n", jobs[i].in.c_str(), jobs[i].out.c_str());
+        const bool other_input = out_keys[i] != in_keys[i] && inputs.count(out_keys[i]);
+        if (other_input || !outputs.insert(out_keys[i]).second) {
+            message("kivo: %s: %s is also another %s; skipped\n", jobs[i].in.c_str(), jobs[i].out.c_str(),
+                    other_input ? "input" : "input's output");
             skip[i] = 1;
             ++failed;
         }

@@ -1,4 +1,6 @@
 // kivo info and kivo decode.
+#include <sys/stat.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -22,9 +24,12 @@ struct Decoder {
     kivod_input input{};
     kivod_frame_info info{};
     kivod_app_node *apps = nullptr;
+    std::vector<uint8_t> bytes;
+    xelo_bitb bitb{};
 
-    // The file goes through the library's file interface, which reads it
-    // whole and decodes it on every thread of the pool.
+    // A file goes through the library's file interface, which reads it whole
+    // and decodes it on every thread of the pool. A pipe (/dev/stdin), which
+    // has no size and cannot seek, is read into memory first.
     int32_t open(const char *path, int threads, const kivod_limits &limits) {
         kivo_tpool_std(&pool, threads);
         kivod_create_param param{1, &pool};
@@ -33,9 +38,19 @@ struct Decoder {
         if (!ctx) return status;
         status = kivod_set_limits(ctx, &limits);
         if (status != 0) return status;
-        kivo_mfal_file(&mfal, path);
-        input.type = KIVOD_INPUT_MFAL;
-        input.mfal = &mfal;
+        struct stat st;
+        if (stat(path, &st) == 0 && S_ISFIFO(st.st_mode)) {
+            // As much as the library would take into memory from a file.
+            if (!read_file(path, &bytes, size_t(1) << 30) || bytes.empty()) return KIVO_ERR_IO;
+            bitb.addr = bytes.data();
+            bitb.ssize = static_cast<int32_t>(bytes.size());
+            input.type = KIVOD_INPUT_BITB;
+            input.bitb = &bitb;
+        } else {
+            kivo_mfal_file(&mfal, path);
+            input.type = KIVOD_INPUT_MFAL;
+            input.mfal = &mfal;
+        }
         info.app_list = &apps;
         return kivod_decode(ctx, &input, &info);
     }
@@ -201,7 +216,7 @@ int cmd_decode(int argc, char **argv) {
     const bool written = is_packed(file_kind(out)) ? write_rgb_picture(out, img, &d.pool) : write_picture(out, img);
     if (!written) rc = 1;
     else
-        std::printf("%s: %d x %d %s -> %s %d x %d in %.1f ms\n", in.c_str(), d.info.width, d.info.height,
+        std::fprintf(report_stream(out), "%s: %d x %d %s -> %s %d x %d in %.1f ms\n", in.c_str(), d.info.width, d.info.height,
                     color_format_name(d.info.color_format), out.c_str(), ow, oh, ms);
     img->release(img);
     return rc;

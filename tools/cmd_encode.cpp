@@ -18,7 +18,7 @@ void usage() {
                  "usage: kivo encode IN.{png,ppm,pgm,y4m,yuv} OUT.jpg [--sample 2x2|2x1|1x2|1x1|4x1 | --grayscale]\n"
                  "         [--format CODE|NAME --size WxH] [--quality Q] [--qtables FILE] [--perceptual LEVEL]\n"
                  "         [--optimize] [--progressive] [--jnd-filter] [--jnd-suppress] [--adaptive-rounding]\n"
-                 "         [--threads N]\n"
+                 "         [--threads N] [--max-pixels N | --no-limits]\n"
                  "  RGB input (PNG, PPM) is converted to YCbCr with the luma sampling factors of --sample\n"
                  "  (default 2x2, 4:2:0), or to grey; grey input (PGM, grey PNG) stays grey. Switches may\n"
                  "  also be spelled with one dash, as cjpeg's (-quality 90 -optimize -sample 1x1).\n"
@@ -58,9 +58,9 @@ int32_t sample_format(const std::string &s) {
 
 // A PNG or PPM/PGM converted to planes of the given layout (grey input
 // always to grey).
-xelo_imgb *read_rgb_picture(const std::string &path, int32_t cs, const kivo_tpool *pool) {
+xelo_imgb *read_rgb_picture(const std::string &path, int32_t cs, int64_t max_pixels, const kivo_tpool *pool) {
     Packed pic;
-    if (!read_packed(path, &pic)) return nullptr;
+    if (!read_packed(path, &pic, max_pixels)) return nullptr;
     if (pic.channels == 1) cs = XELO_CS_YCBCR400;
     const uint32_t align[4] = {XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16)};
     const uint32_t pad[4] = {0, 0, 0, 0};
@@ -81,6 +81,7 @@ struct Settings {
     int32_t flags[4] = {0, 0, 0, 0};  // optimize, jnd filter, jnd suppress, adaptive rounding
     bool progressive = false;
     bool has_qtables = false;
+    kivod_limits limits = default_limits();  // max_pixels guards PNG and PNM input
     uint8_t qtables[128];
 };
 
@@ -91,7 +92,7 @@ bool encode_file(const std::string &in, const std::string &out, Settings st, int
                  uint64_t *out_bytes) {
     kivo_tpool pool;
     kivo_tpool_std(&pool, threads);
-    xelo_imgb *img = is_packed(file_kind(in)) ? read_rgb_picture(in, st.sample, &pool)
+    xelo_imgb *img = is_packed(file_kind(in)) ? read_rgb_picture(in, st.sample, st.limits.max_pixels, &pool)
                                               : read_picture(in, st.cs, st.w, st.h);
     if (!img) return false;
     kivoe_create_param cp{1, img->width, img->height, st.quality, img->color_format, &pool};
@@ -138,7 +139,7 @@ bool encode_file(const std::string &in, const std::string &out, Settings st, int
         *out_bytes = buf.size();
     }
     if (ok && report)
-        std::printf("%s: %d x %d %s -> %s, %d bytes in %.1f ms\n", in.c_str(), img->width, img->height,
+        std::fprintf(report_stream(out), "%s: %d x %d %s -> %s, %d bytes in %.1f ms\n", in.c_str(), img->width, img->height,
                     color_format_name(img->color_format), out.c_str(), written, ms);
     kivoe_delete(enc);
     img->release(img);
@@ -158,6 +159,7 @@ int cmd_encode(int argc, char **argv) {
             usage();
             return 0;
         }
+        if (limit_option(a, argc, argv, &i, &st.limits)) continue;
         if (a == "--format" && has) st.cs = color_format_from_name(argv[++i]);
         else if (a == "--size" && has) {
             if (std::sscanf(argv[++i], "%dx%d", &st.w, &st.h) != 2) st.w = st.h = 0;
@@ -183,6 +185,10 @@ int cmd_encode(int argc, char **argv) {
     if ((many ? batch.inputs.empty() : batch.inputs.size() != 2) || batch.threads < 1 || batch.threads > 8 ||
         st.quality < 0 || st.quality > 100 || st.sample < 0) {
         usage();
+        return 2;
+    }
+    if (!many && is_picture_name(batch.inputs[1])) {
+        message("kivo: encode writes JPEG, not %s (a typo would replace that picture)\n", batch.inputs[1].c_str());
         return 2;
     }
     if (!qfile.empty() && !(st.has_qtables = read_qtables(qfile, st.qtables))) {

@@ -82,7 +82,7 @@ bool transcode_file(const std::string &in, const std::string &out, Settings st, 
     *out_bytes = buf.size();
     *chosen_name = kivot_chosen_name(chosen);
     if (report)
-        std::printf("%s: %zu bytes -> %s: %d bytes (%.1f%%, %s) in %.1f ms\n", in.c_str(), src.size(), out.c_str(),
+        std::fprintf(report_stream(out), "%s: %zu bytes -> %s: %d bytes (%.1f%%, %s) in %.1f ms\n", in.c_str(), src.size(), out.c_str(),
                     written, 100.0 * written / static_cast<double>(src.size()), *chosen_name, ms);
     return true;
 }
@@ -133,6 +133,10 @@ int cmd_transcode(int argc, char **argv) {
                      "  which APPn segments stay (icc: the colour profile). Quality 0 (the default)\n"
                      "  chooses it from the picture's brightness. With several inputs (directories:\n"
                      "  their .jpg and .jpeg files), --threads files at once.\n");
+        return 2;
+    }
+    if (!many && is_picture_name(batch.inputs[1])) {
+        message("kivo: transcode writes JPEG, not %s (a typo would replace that picture)\n", batch.inputs[1].c_str());
         return 2;
     }
     uint64_t out_bytes = 0;

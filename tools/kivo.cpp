@@ -18,8 +18,10 @@ void usage(FILE *f) {
                  "       kivo decode IN.jpg OUT.{png,ppm,pgm,y4m,yuv} [--size WxH | --scale 1/2|1/4|1/8]\n"
                  "                                 [--threads N]\n"
                  "       kivo encode IN.{png,ppm,pgm,y4m,yuv} OUT.jpg [options]   (kivo encode --help)\n"
-                 "       kivo transcode IN.jpg OUT.jpg [--quality Q] [--optimize] [--jnd-filter]\n"
-                 "                 [--jnd-suppress] [--adaptive-rounding] [--size WxH] [--threads N]\n");
+                 "       kivo transcode IN.jpg OUT.jpg [options]                  (kivo transcode --help)\n"
+                 "       kivo encode|transcode IN... (--out-dir DIR | --in-place) [--recursive] [options]\n"
+                 "  info, decode and transcode take --max-pixels N, --max-scans N, --max-memory BYTES,\n"
+                 "  --max-app-bytes BYTES (0 lifts one) and --no-limits.\n");
 }
 
 void print_flags(const char *label, uint32_t flags) {

@@ -33,7 +33,14 @@ bool pnm_number(const std::vector<uint8_t> &b, size_t *pos, int *out) {
     return true;
 }
 
-bool read_pnm(const std::string &path, const std::vector<uint8_t> &b, Packed *out) {
+bool too_many_pixels(int64_t w, int64_t h, int64_t max_pixels, const std::string &path) {
+    if (max_pixels <= 0 || w * h <= max_pixels) return false;
+    message("kivo: %s: %lld x %lld is more than --max-pixels %lld (0 lifts it)\n", path.c_str(),
+            static_cast<long long>(w), static_cast<long long>(h), static_cast<long long>(max_pixels));
+    return true;
+}
+
+bool read_pnm(const std::string &path, const std::vector<uint8_t> &b, Packed *out, int64_t max_pixels) {
     if (b.size() < 2 || b[0] != 'P' || (b[1] != '5' && b[1] != '6')) {
         message("kivo: %s is not a binary PPM or PGM (P6 or P5)\n", path.c_str());
         return false;
@@ -49,6 +56,7 @@ bool read_pnm(const std::string &path, const std::vector<uint8_t> &b, Packed *ou
         message("kivo: %s: only 8-bit PNM samples are read (maxval %d)\n", path.c_str(), maxval);
         return false;
     }
+    if (too_many_pixels(w, h, max_pixels, path)) return false;
     ++pos;  // the single white-space byte before the samples
     out->width = w, out->height = h, out->channels = b[1] == '6' ? 3 : 1;
     const size_t n = static_cast<size_t>(w) * h * out->channels;
@@ -66,7 +74,10 @@ bool read_pnm(const std::string &path, const std::vector<uint8_t> &b, Packed *ou
 #ifdef KIVO_HAVE_PNG
 // Any PNG becomes 8-bit RGB (16-bit samples reduced, palettes expanded,
 // alpha dropped); grey colour types keep one channel.
-bool read_png(const std::string &path, const std::vector<uint8_t> &b, Packed *out) {
+// A header declaring more than max_pixels (0: no limit) is refused before
+// the samples' memory is taken: a PNG of a few hundred bytes may declare
+// 65535 x 65535.
+bool read_png(const std::string &path, const std::vector<uint8_t> &b, Packed *out, int64_t max_pixels) {
     spng_ctx *ctx = spng_ctx_new(0);
     if (!ctx) return false;
     spng_set_image_limits(ctx, 65535, 65535);  // a JPEG frame's limit
@@ -75,13 +86,15 @@ bool read_png(const std::string &path, const std::vector<uint8_t> &b, Packed *ou
     size_t size = 0;
     int err = spng_set_png_buffer(ctx, b.data(), b.size());
     if (!err) err = spng_get_ihdr(ctx, &ihdr);
-    if (!err) err = spng_decoded_image_size(ctx, SPNG_FMT_RGB8, &size);
+    const bool too_large = !err && too_many_pixels(ihdr.width, ihdr.height, max_pixels, path);
+    if (!err && !too_large) err = spng_decoded_image_size(ctx, SPNG_FMT_RGB8, &size);
     std::vector<uint8_t> rgb;
-    if (!err) {
+    if (!err && !too_large) {
         rgb.resize(size);
         err = spng_decode_image(ctx, rgb.data(), size, SPNG_FMT_RGB8, 0);
     }
     spng_ctx_free(ctx);
+    if (too_large) return false;
     if (err) {
         message("kivo: %s: %s\n", path.c_str(), spng_strerror(err));
         return false;
@@ -138,6 +151,13 @@ FileKind file_kind(const std::string &path) {
 
 bool is_packed(FileKind k) { return k == FileKind::Png || k == FileKind::Ppm || k == FileKind::Pgm || k == FileKind::Pnm; }
 
+bool is_picture_name(const std::string &path) {
+    const FileKind k = file_kind(path);
+    std::string lower = path;
+    for (char &c : lower) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
+    return is_packed(k) || k == FileKind::Y4m || ends_with(lower, ".yuv");
+}
+
 bool have_png() {
 #ifdef KIVO_HAVE_PNG
     return true;
@@ -146,15 +166,15 @@ bool have_png() {
 #endif
 }
 
-bool read_packed(const std::string &path, Packed *out) {
+bool read_packed(const std::string &path, Packed *out, int64_t max_pixels) {
     std::vector<uint8_t> bytes;
     if (!read_file(path, &bytes)) {
         message("kivo: cannot read %s\n", path.c_str());
         return false;
     }
-    if (file_kind(path) != FileKind::Png) return read_pnm(path, bytes, out);
+    if (file_kind(path) != FileKind::Png) return read_pnm(path, bytes, out, max_pixels);
 #ifdef KIVO_HAVE_PNG
-    return read_png(path, bytes, out);
+    return read_png(path, bytes, out, max_pixels);
 #else
     message("kivo: built without PNG support (libspng was not found); use .ppm or .pgm\n");
     return false;

@@ -12,14 +12,14 @@
 
 namespace tool {
 
-bool read_file(const std::string &path, std::vector<uint8_t> *out) {
+bool read_file(const std::string &path, std::vector<uint8_t> *out, size_t max) {
     FILE *f = std::fopen(path.c_str(), "rb");
     if (!f) return false;
     out->clear();
     uint8_t buf[1 << 16];
     size_t n;
-    while ((n = std::fread(buf, 1, sizeof(buf), f)) > 0) out->insert(out->end(), buf, buf + n);
-    const bool ok = !std::ferror(f);
+    while (out->size() <= max && (n = std::fread(buf, 1, sizeof(buf), f)) > 0) out->insert(out->end(), buf, buf + n);
+    const bool ok = !std::ferror(f) && out->size() <= max;
     std::fclose(f);
     return ok;
 }
@@ -41,7 +41,40 @@ mode_t output_mode(const std::string &path) {
 
 }  // namespace
 
-bool write_file(const std::string &path, const std::vector<uint8_t> &bytes) {
+namespace {
+
+bool write_all(int fd, const std::vector<uint8_t> &bytes) {
+    for (size_t done = 0; done < bytes.size();) {
+        const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+}  // namespace
+
+bool write_file(const std::string &name, const std::vector<uint8_t> &bytes) {
+    // A device or a pipe (/dev/null, /dev/stdout on a terminal) is written
+    // as it is: renaming a file over it would put a regular file in its
+    // place, which only fails for lack of rights.
+    struct stat st;
+    if (stat(name.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
+        const int fd = open(name.c_str(), O_WRONLY);
+        const bool ok = fd >= 0 && write_all(fd, bytes);
+        if (!ok) message("kivo: cannot write %s: %s\n", name.c_str(), std::strerror(errno));
+        if (fd >= 0) close(fd);
+        return ok;
+    }
+    // A symbolic link stays one: the file it leads to is replaced.
+    std::string path = name;
+    if (lstat(name.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
+        if (char *target = realpath(name.c_str(), nullptr)) {
+            path = target;
+            std::free(target);
+        }
+    }
     const size_t slash = path.rfind('/');
     const std::string dir = slash == std::string::npos ? "" : path.substr(0, slash + 1);
     const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
@@ -53,13 +86,7 @@ bool write_file(const std::string &path, const std::vector<uint8_t> &bytes) {
                      std::strerror(errno));
         return false;
     }
-    bool ok = fchmod(fd, output_mode(path)) == 0;
-    for (size_t done = 0; ok && done < bytes.size();) {
-        const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        ok = n > 0;
-        if (ok) done += static_cast<size_t>(n);
-    }
+    bool ok = fchmod(fd, output_mode(path)) == 0 && write_all(fd, bytes);
     // The data reach the disk before the name does, so a crash after the
     // rename cannot leave an empty file where the original was.
     ok = ok && fsync(fd) == 0;
@@ -71,6 +98,13 @@ bool write_file(const std::string &path, const std::vector<uint8_t> &bytes) {
     }
     release_temp(slot);
     return ok;
+}
+
+FILE *report_stream(const std::string &output) {
+    struct stat out, std_out;
+    const bool same = stat(output.c_str(), &out) == 0 && fstat(STDOUT_FILENO, &std_out) == 0 &&
+                      out.st_dev == std_out.st_dev && out.st_ino == std_out.st_ino;
+    return same ? stderr : stdout;
 }
 
 std::string option_name(const char *arg) {
@@ -169,13 +203,14 @@ int32_t color_format_from_name(const std::string &s) {
 
 namespace {
 
+// 8-bit tags only: 420p10, mono16 and the like hold two bytes a sample.
 int32_t y4m_format(const std::string &tag) {
-    if (tag.rfind("420", 0) == 0) return XELO_CS_YCBCR420;
+    if (tag == "420" || tag == "420jpeg" || tag == "420paldv" || tag == "420mpeg2") return XELO_CS_YCBCR420;
     if (tag == "422") return XELO_CS_YCBCR422;
     if (tag == "444") return XELO_CS_YCBCR444;
     if (tag == "440") return XELO_CS_YCBCR440;
     if (tag == "411") return XELO_CS_YCBCR411;
-    if (tag.rfind("mono", 0) == 0) return XELO_CS_YCBCR400;
+    if (tag == "mono") return XELO_CS_YCBCR400;
     return -1;
 }
 

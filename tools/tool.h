@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <string>
 #include <vector>
@@ -13,12 +14,16 @@
 
 namespace tool {
 
-bool read_file(const std::string &path, std::vector<uint8_t> *out);
+// Reads the whole file; false when it cannot be read or holds more than max bytes.
+bool read_file(const std::string &path, std::vector<uint8_t> *out, size_t max = SIZE_MAX);
 // Writes the bytes to a temporary file in the same directory and renames it
 // into place once complete, so that path never holds a partial file.
 // Returns false with a message on stderr.
 bool write_file(const std::string &path, const std::vector<uint8_t> &bytes);
 bool ends_with(const std::string &s, const char *suffix);
+// Where a command's one-line report goes: stderr when the output file is
+// the tool's standard output (/dev/stdout), which the report would corrupt.
+FILE *report_stream(const std::string &output);
 // A switch as the parsers compare it: cjpeg's single-dash spellings
 // ("-quality") become the double-dash ones ("--quality"); "-h" stays.
 std::string option_name(const char *arg);
@@ -27,6 +32,9 @@ std::string option_name(const char *arg);
 enum class FileKind { Raw, Y4m, Png, Ppm, Pgm, Pnm, Jpeg };
 FileKind file_kind(const std::string &path);
 bool is_packed(FileKind k);  // PNG or PNM
+// A name whose extension is a picture format other than JPEG (.png, .ppm,
+// .pgm, .pnm, .y4m, .yuv): never a JPEG output.
+bool is_picture_name(const std::string &path);
 bool have_png();             // built with libspng
 
 // Packed pixels, line distance width * channels: RGB (3) or grey (1).
@@ -34,8 +42,9 @@ struct Packed {
     int32_t width = 0, height = 0, channels = 0;
     std::vector<uint8_t> pixels;
 };
-// Reads a PNG or binary 8-bit PPM/PGM; false with a message on failure.
-bool read_packed(const std::string &path, Packed *out);
+// Reads a PNG or binary 8-bit PPM/PGM; false with a message on failure,
+// or for a picture of more than max_pixels (0: no limit).
+bool read_packed(const std::string &path, Packed *out, int64_t max_pixels = 0);
 // Writes PNG for a .png name, PGM (one channel) or PPM otherwise.
 bool write_packed(const std::string &path, const Packed &pic);
 
