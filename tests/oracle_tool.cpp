@@ -139,7 +139,7 @@ TEST(OracleTool, InfoReportsExifOrientation) {
 }
 
 // The tool's default limits refuse a frame that declares 65535 x 65535;
-// lifting the pixel limit lets its headers through. encode's picture
+// lifting or raising the pixel limit lets its headers through. encode's picture
 // files are held to the pixel limit too, their names are never taken for a
 // JPEG output, and Y4M samples of more than 8 bits are refused.
 TEST(OracleTool, RefusesBombsAndMisleadingInputs) {
@@ -151,6 +151,11 @@ TEST(OracleTool, RefusesBombsAndMisleadingInputs) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(run(tool::cmd_info, {path}), 1);
     EXPECT_EQ(run(tool::cmd_info, {path, "--max-pixels", "0"}), 0);
+    // Limits take K, M and G (65535 x 65535 lies between 4095M and 4G);
+    // other values are refused, never read as 0, which lifts the limit.
+    EXPECT_EQ(run(tool::cmd_info, {path, "--max-pixels", "4095M"}), 1);
+    EXPECT_EQ(run(tool::cmd_info, {path, "--max-pixels", "4g"}), 0);
+    for (const char *bad : {"abc", "-1", "1.5G", "4GB"}) EXPECT_EQ(run(tool::cmd_info, {path, "--max-pixels", bad}), 2) << bad;
     const std::string text = testing::internal::GetCapturedStdout();
     EXPECT_NE(text.find("size: 65535 x 65535"), std::string::npos) << text;
     std::remove(path.c_str());

@@ -98,8 +98,11 @@ bool write_rgb_picture(const std::string &path, const xelo_imgb *img, const kivo
 int cmd_info(int argc, char **argv) {
     kivod_limits limits = default_limits();
     std::vector<const char *> files;
-    for (int i = 0; i < argc; ++i)
-        if (!limit_option(option_name(argv[i]), argc, argv, &i, &limits)) files.push_back(argv[i]);
+    for (int i = 0; i < argc; ++i) {
+        const int limit = limit_option(option_name(argv[i]), argc, argv, &i, &limits);
+        if (limit < 0) return 2;
+        if (!limit) files.push_back(argv[i]);
+    }
     const char *path = files.size() == 1 ? files[0] : nullptr;
     if (!path) {
         std::fprintf(stderr, "usage: kivo info FILE.jpg [limits]\n");
@@ -147,8 +150,8 @@ int cmd_decode(int argc, char **argv) {
     kivod_limits limits = default_limits();
     for (int i = 0; i < argc; ++i) {
         const std::string a = option_name(argv[i]);
-        if (limit_option(a, argc, argv, &i, &limits)) {
-            continue;
+        if (const int limit = limit_option(a, argc, argv, &i, &limits)) {
+            if (limit < 0) return 2;
         } else if (a == "--threads" && i + 1 < argc) {
             threads = std::atoi(argv[++i]);
         } else if (a == "--size" && i + 1 < argc) {

@@ -159,7 +159,10 @@ int cmd_encode(int argc, char **argv) {
             usage();
             return 0;
         }
-        if (limit_option(a, argc, argv, &i, &st.limits)) continue;
+        if (const int limit = limit_option(a, argc, argv, &i, &st.limits)) {
+            if (limit < 0) return 2;
+            continue;
+        }
         if (a == "--format" && has) st.cs = color_format_from_name(argv[++i]);
         else if (a == "--size" && has) {
             if (std::sscanf(argv[++i], "%dx%d", &st.w, &st.h) != 2) st.w = st.h = 0;

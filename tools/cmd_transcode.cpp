@@ -96,7 +96,10 @@ int cmd_transcode(int argc, char **argv) {
     for (int i = 0; i < argc && !bad; ++i) {
         const std::string a = option_name(argv[i]);
         const bool has = i + 1 < argc;
-        if (limit_option(a, argc, argv, &i, &st.limits)) continue;
+        if (const int limit = limit_option(a, argc, argv, &i, &st.limits)) {
+            if (limit < 0) return 2;
+            continue;
+        }
         if (a == "--quality" && has) st.quality = std::atoi(argv[++i]);
         else if (a == "--threads" && has) batch.threads = std::atoi(argv[++i]);
         else if (a == "--size" && has) {

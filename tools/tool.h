@@ -102,9 +102,10 @@ int run_batch(const BatchOptions &b, const std::vector<const char *> &exts, cons
 
 // Decoder limits: the tool's defaults, the options that change them
 // (--max-pixels, --max-scans, --max-memory, --max-app-bytes, --no-limits;
-// true when argv[*i] was one), and a hint after a status a limit can give.
+// 1 when argv[*i] was one, 0 when not, -1 with a message for a value that
+// is not a number), and a hint after a status a limit can give.
 kivod_limits default_limits();
-bool limit_option(const std::string &a, int argc, char **argv, int *i, kivod_limits *l);
+int limit_option(const std::string &a, int argc, char **argv, int *i, kivod_limits *l);
 void limit_hint(int32_t status);
 
 int cmd_info(int argc, char **argv);
