@@ -238,7 +238,7 @@ TEST(EncRef, JndFilterThresholdsAndSuppression) {
 #if defined(KIVO_ARCH_x86)
 const uint32_t kSse = KIVO_CPU_SSE2 | KIVO_CPU_SSSE3 | KIVO_CPU_SSE41;
 const uint32_t kLevels[] = {0, KIVO_CPU_SSE2, KIVO_CPU_SSE2 | KIVO_CPU_SSSE3, kSse, kSse | KIVO_CPU_AVX2,
-                             kSse | KIVO_CPU_AVX2 | KIVO_CPU_BMI2};
+                             kSse | KIVO_CPU_AVX2 | KIVO_CPU_BMI2, kSse | KIVO_CPU_AVX2 | KIVO_CPU_BMI2 | KIVO_CPU_AVX512};
 #elif defined(KIVO_ARCH_arm)
 const uint32_t kLevels[] = {0, KIVO_CPU_NEON};
 #else

@@ -1,0 +1,239 @@
+// AVX-512 quantizers after the AVX2 transform: a block's 64 coefficients
+// in two registers of 32, rows 0 to 3 and rows 4 to 7, the steps' choices
+// in mask registers, and the zig-zag mask of the non-zero levels from one
+// byte permute. Bit-exact to the plain kernels as the AVX2 ones are; the
+// samples' loading, the JND filter and the transform are the AVX2 steps.
+// GCC 12's AVX-512 intrinsics start some results from a deliberately
+// undefined vector and then warn of it at every use.
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#include <immintrin.h>
+
+#include "common/nonzero.h"
+#include "encoder/enc_simd.h"
+#include "encoder/quant_avx2.h"
+
+namespace {
+
+inline __m512i load32(const void *p) { return _mm512_loadu_si512(p); }
+
+// Rows 0 to 3 (or 4 to 7) of the coefficients the AVX2 transform leaves two
+// rows a vector.
+inline __m512i join(__m256i lo, __m256i hi) { return _mm512_inserti64x4(_mm512_castsi256_si512(lo), hi, 1); }
+
+// The byte permute that puts the levels of _mm512_packus_epi16(rows 0 to
+// 3, rows 4 to 7) into zig-zag order: the pack takes eight words of its
+// first operand, then eight of its second, in each 128-bit lane.
+struct ZigIndex {
+    alignas(64) uint8_t b[64];
+};
+
+constexpr ZigIndex make_zig_index() {
+    ZigIndex t{};
+    for (int z = 0; z < 64; ++z) {
+        const int ras = kivo_nz::kZigToRas.z[z], w = ras % 32;
+        t.b[z] = static_cast<uint8_t>(16 * (w / 8) + 8 * (ras / 32) + w % 8);
+    }
+    return t;
+}
+
+constexpr ZigIndex kZigIndex = make_zig_index();
+
+// The zig-zag mask of the non-zero AC levels (bit 0 clear) from their
+// magnitudes (at most 32767): the pack saturates, so no non-zero
+// magnitude becomes a zero byte.
+inline uint64_t nonzero_zigzag(__m512i n0, __m512i n1) {
+    const __m512i z = _mm512_permutexvar_epi8(load32(kZigIndex.b), _mm512_packus_epi16(n0, n1));
+    return _mm512_test_epi8_mask(z, z) & ~uint64_t(1);
+}
+
+// Level magnitudes of 32 coefficients c as kivoe_quant finds them, for
+// offsets below 32768 (at most 32767).
+inline __m512i magnitude(__m512i c, const uint16_t *recip, const uint16_t *offset) {
+    // |c| as unsigned 16 bits (32768 for -32768) plus the offset.
+    const __m512i a = _mm512_add_epi16(_mm512_abs_epi16(c), load32(offset));
+    const __m512i r = load32(recip);
+    // (a * recip) >> 14 from the two halves of the product (below 2^30).
+    const __m512i hi = _mm512_mulhi_epu16(a, r), lo = _mm512_mullo_epi16(a, r);
+    const __m512i n = _mm512_or_si512(_mm512_slli_epi16(hi, 2), _mm512_srli_epi16(lo, 14));
+    return _mm512_min_epu16(n, _mm512_set1_epi16(32767));
+}
+
+// kivoe_quant_mask of the coefficients c (rows 0 to 3, 4 to 7), the levels
+// stored at blk.
+inline uint64_t quant_mask_rows(const __m512i c[2], int16_t *blk, const uint16_t *recip, const uint16_t *offset) {
+    const __m512i zero = _mm512_setzero_si512();
+    __m512i n[2];
+    for (int k = 0; k < 2; ++k) {
+        n[k] = magnitude(c[k], recip + 32 * k, offset + 32 * k);
+        // n where c > 0, -n elsewhere (a zero coefficient may have a
+        // non-zero magnitude with a large offset).
+        const __mmask32 le = _mm512_cmple_epi16_mask(c[k], zero);
+        _mm512_storeu_si512(blk + 32 * k, _mm512_mask_sub_epi16(n[k], le, zero, n[k]));
+    }
+    // A magnitude of 2048 or more sets a bit above the low eleven.
+    const bool big = _mm512_test_epi16_mask(_mm512_or_si512(n[0], n[1]), _mm512_set1_epi16(-2048)) != 0;
+    return nonzero_zigzag(n[0], n[1]) | big;
+}
+
+// kept_rows of the AVX2 kernels (quant_avx2.cpp) on 32 coefficients a
+// vector, with the same value ranges: the coefficients c of 8-bit samples
+// have magnitudes a of at most 1024, the levels' magnitudes n stay within
+// 1024 and n q within a + q / 2, so that every product fits 16 bits and
+// no level needs the coder's own check.
+template <bool kAdapt, bool kSuppress>
+inline uint64_t kept_rows(const __m512i c[2], const uint8_t *row, int16_t *blk, const uint16_t *q,
+                          const uint16_t *recip, const uint16_t *half, uint16_t *adapt) {
+    const __m512i zero = _mm512_setzero_si512();
+    __m512i a[2], n[2], O[2];
+    for (int k = 0; k < 2; ++k) {
+        a[k] = _mm512_abs_epi16(c[k]);
+        const __m512i R = load32(recip + 32 * k);
+        if (kAdapt) {
+            // (a recip + offset) >> 14: the whole steps of a recip, plus one
+            // where the offset carries the low 14 bits of a recip past 2^14.
+            O[k] = load32(adapt + 32 * k);
+            const __m512i whole = _mm512_mulhi_epu16(_mm512_slli_epi16(a[k], 2), R);
+            const __m512i part = _mm512_and_si512(_mm512_mullo_epi16(a[k], R), _mm512_set1_epi16(0x3FFF));
+            n[k] = _mm512_add_epi16(whole, _mm512_srli_epi16(_mm512_add_epi16(part, O[k]), 14));
+        } else {
+            n[k] = _mm512_mulhi_epu16(_mm512_slli_epi16(_mm512_add_epi16(a[k], load32(half + 32 * k)), 2), R);
+        }
+    }
+    if (kSuppress) {
+        // Suppression only where the AC magnitudes add up to more than 7:
+        // the AC lanes of the two vectors added (at most 2048 a lane),
+        // then in 32-bit lanes.
+        const __m512i sum = _mm512_mask_add_epi16(n[1], ~__mmask32(1), n[0], n[1]);
+        const __m512i s = _mm512_madd_epi16(sum, _mm512_set1_epi16(1));
+        const __m256i s8 = _mm256_add_epi32(_mm512_castsi512_si256(s), _mm512_extracti64x4_epi64(s, 1));
+        __m128i s4 = _mm_add_epi32(_mm256_castsi256_si128(s8), _mm256_extracti128_si256(s8, 1));
+        s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, _MM_SHUFFLE(1, 0, 3, 2)));
+        s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, _MM_SHUFFLE(2, 3, 0, 1)));
+        // A branch: predicted, the levels' chain through the offsets does
+        // not wait for the sum.
+        const bool busy = _mm_cvtsi128_si32(s4) > 7;
+        // A level above M = (a + q - T) / q comes down to it (see kept_rows
+        // of the AVX2 kernels); the quotient from the reciprocal, plus one
+        // where the remainder is still q or more.
+        for (int k = 0; k < 2 && busy; ++k) {
+            const __m512i T = _mm512_cvtepu8_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(row + 32 * k)));
+            const __m512i Q = load32(q + 32 * k);
+            const __m512i Z = _mm512_subs_epu16(_mm512_add_epi16(a[k], Q), T);
+            const __m512i m0 = _mm512_mulhi_epu16(_mm512_slli_epi16(Z, 2), load32(recip + 32 * k));
+            const __m512i rem = _mm512_sub_epi16(Z, _mm512_mullo_epi16(m0, Q));
+            const __m512i M = _mm512_mask_add_epi16(m0, _mm512_cmple_epu16_mask(Q, rem), m0, _mm512_set1_epi16(1));
+            n[k] = _mm512_min_epu16(n[k], M);
+        }
+    }
+    if (kAdapt) {
+        // err = a - n q where the level is not 0 (elsewhere 0, which keeps
+        // the offset); d = (|err| recip) >> 11 as the high half of 32 |err|
+        // recip; the offset moves by d toward err's sign.
+        for (int k = 0; k < 2; ++k) {
+            const __m512i Q = load32(q + 32 * k), R = load32(recip + 32 * k);
+            const __m512i err = _mm512_maskz_sub_epi16(_mm512_test_epi16_mask(n[k], n[k]), a[k], _mm512_mullo_epi16(n[k], Q));
+            const __m512i d = _mm512_mulhi_epu16(_mm512_slli_epi16(_mm512_abs_epi16(err), 5), R);
+            const __m512i o = _mm512_mask_sub_epi16(_mm512_add_epi16(O[k], d), _mm512_movepi16_mask(err), O[k], d);
+            _mm512_storeu_si512(adapt + 32 * k, _mm512_min_epi16(_mm512_max_epi16(o, zero), _mm512_set1_epi16(8192)));
+        }
+    }
+    // The signs put back: -n where c < 0 (a zero coefficient has a zero
+    // level in these ranges).
+    for (int k = 0; k < 2; ++k)
+        _mm512_storeu_si512(blk + 32 * k, _mm512_mask_sub_epi16(n[k], _mm512_movepi16_mask(c[k]), zero, n[k]));
+    return nonzero_zigzag(n[0], n[1]);
+}
+
+// The quantizer's steps on the coefficients c4 (two rows a vector), as the
+// kernels end.
+inline uint64_t kept_steps(const __m256i c4[4], const uint8_t *row, int16_t *blk, const uint16_t *q,
+                           const uint16_t *recip, const uint16_t *half, uint16_t *adapt, bool suppress) {
+    const __m512i c[2] = {join(c4[0], c4[1]), join(c4[2], c4[3])};
+    if (adapt) return suppress ? kept_rows<true, true>(c, row, blk, q, recip, half, adapt)
+                               : kept_rows<true, false>(c, row, blk, q, recip, half, adapt);
+    if (suppress) return kept_rows<false, true>(c, row, blk, q, recip, half, adapt);
+    const uint64_t mask = quant_mask_rows(c, blk, recip, half);
+    return mask & 1 ? ~uint64_t(0) : mask;
+}
+
+}  // namespace
+
+uint64_t kivoe_fdct_quant_samples_avx512(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *recip,
+                                         const uint16_t *offset) {
+    __m128i x[8];
+    load_columns_u8(src, stride, x);
+    __m256i c4[4];
+    fdct8_columns(x, c4);
+    const __m512i c[2] = {join(c4[0], c4[1]), join(c4[2], c4[3])};
+    return quant_mask_rows(c, blk, recip, offset);
+}
+
+uint64_t kivoe_fdct_quant_kept_samples_avx512(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                              const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                              int32_t suppress) {
+    __m128i x[8];
+    const uint8_t *row = sample_columns(src, stride, suppress, x);
+    __m256i c[4];
+    fdct8_columns(x, c);
+    return kept_steps(c, row, blk, q, recip, half, adapt, suppress);
+}
+
+uint64_t kivoe_jnd_fdct_quant_kept_avx512(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
+                                          const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                          int32_t suppress) {
+    __m256i b[2];
+    jnd_filter_rows(src, stride, b);
+    __m128i x[8];
+    columns_of_rows(b, x);
+    const uint8_t *row = suppress ? filtered_thresholds(b) : kNoThresholds;
+    __m256i c[4];
+    fdct8_columns(x, c);
+    return kept_steps(c, row, blk, q, recip, half, adapt, suppress);
+}
+
+namespace {
+
+// Two blocks transformed before either is quantized, the first quantized
+// first (the second may take the offsets the first leaves).
+template <bool kFilter>
+inline void kept_pair(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2], const uint16_t *q,
+                      const uint16_t *recip, const uint16_t *half, uint16_t *adapt, bool suppress, uint64_t *mask) {
+    __m128i x[2][8];
+    const uint8_t *row[2];
+    if (kFilter) {
+        filtered_columns2(src[0], src[1], stride, suppress, x, row);
+    } else {
+        for (int i = 0; i < 2; ++i) row[i] = sample_columns(src[i], stride, suppress, x[i]);
+    }
+    __m256i c[2][4];
+    fdct8_columns(x[0], c[0]);
+    fdct8_columns(x[1], c[1]);
+    mask[0] = kept_steps(c[0], row[0], blk[0], q, recip, half, adapt, suppress);
+    mask[1] = kept_steps(c[1], row[1], blk[1], q, recip, half, adapt, suppress);
+}
+
+}  // namespace
+
+void kivoe_jnd_fdct_quant_kept4_avx512(const uint8_t *const src[4], int32_t stride, int16_t *const blk[4],
+                                       const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                       int32_t suppress, uint64_t *mask) {
+    __m128i x[4][8];
+    const uint8_t *row[4];
+    for (int i = 0; i < 4; i += 2) filtered_columns2(src[i], src[i + 1], stride, suppress, &x[i], &row[i]);
+    __m256i c[4][4];
+    for (int i = 0; i < 4; ++i) fdct8_columns(x[i], c[i]);
+    for (int i = 0; i < 4; ++i) mask[i] = kept_steps(c[i], row[i], blk[i], q, recip, half, adapt, suppress);
+}
+
+void kivoe_fdct_quant_kept2_avx512(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2],
+                                   const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                   int32_t suppress, uint64_t *mask) {
+    kept_pair<false>(src, stride, blk, q, recip, half, adapt, suppress, mask);
+}
+
+void kivoe_jnd_fdct_quant_kept2_avx512(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2],
+                                       const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
+                                       int32_t suppress, uint64_t *mask) {
+    kept_pair<true>(src, stride, blk, q, recip, half, adapt, suppress, mask);
+}
