@@ -21,6 +21,121 @@ inline __m512i load32(const void *p) { return _mm512_loadu_si512(p); }
 // rows a vector.
 inline __m512i join(__m256i lo, __m256i hi) { return _mm512_inserti64x4(_mm512_castsi256_si512(lo), hi, 1); }
 
+// The forward transform of two blocks at once, bit-exact to
+// fdct8_columns of each: the row pass in 16-bit lanes of 256-bit vectors
+// (block a in the low 128 bits, b in the high ones), the column pass in
+// 32-bit lanes of 512-bit vectors (block a in the low 256 bits).
+struct PairIndex {
+    alignas(64) uint16_t pairs[32];  // words of (p, q) to pairs (p_r, q_r), dword r of each half
+    alignas(64) uint64_t lo[8], hi[8];  // 256-bit transpose step: low or high 128 bits of two vectors
+    alignas(64) uint64_t rows[2][8];  // packed rows to block a's (rows[0]) or b's (rows[1]) four rows in order
+};
+
+constexpr PairIndex make_pair_index() {
+    PairIndex t{};
+    for (int d = 0; d < 16; ++d) {
+        t.pairs[2 * d] = static_cast<uint16_t>(8 * (d / 8) + d % 8);
+        t.pairs[2 * d + 1] = static_cast<uint16_t>(16 + 8 * (d / 8) + d % 8);
+    }
+    const uint64_t lo[8] = {0, 1, 8, 9, 4, 5, 12, 13}, rows[8] = {0, 2, 1, 3, 8, 10, 9, 11};
+    for (int i = 0; i < 8; ++i) {
+        t.lo[i] = lo[i], t.hi[i] = lo[i] + 2;
+        t.rows[0][i] = rows[i], t.rows[1][i] = rows[i] + 4;
+    }
+    return t;
+}
+
+inline constexpr PairIndex kPairIndex = make_pair_index();
+
+// The transform's constant c in every 32-bit lane.
+inline __m512i wide(const Consts &k, Const c) { return _mm512_broadcast_i64x4(k[c]); }
+
+inline void transpose8x8_pair(__m512i r[8]) {
+    __m512i t[8], u[8];
+    for (int i = 0; i < 8; i += 2) {
+        t[i] = _mm512_unpacklo_epi32(r[i], r[i + 1]);
+        t[i + 1] = _mm512_unpackhi_epi32(r[i], r[i + 1]);
+    }
+    for (int i = 0; i < 8; i += 4) {
+        u[i] = _mm512_unpacklo_epi64(t[i], t[i + 2]);
+        u[i + 1] = _mm512_unpackhi_epi64(t[i], t[i + 2]);
+        u[i + 2] = _mm512_unpacklo_epi64(t[i + 1], t[i + 3]);
+        u[i + 3] = _mm512_unpackhi_epi64(t[i + 1], t[i + 3]);
+    }
+    const __m512i lo = _mm512_load_si512(kPairIndex.lo), hi = _mm512_load_si512(kPairIndex.hi);
+    for (int i = 0; i < 4; ++i) {
+        r[i] = _mm512_permutex2var_epi64(u[i], lo, u[i + 4]);
+        r[i + 4] = _mm512_permutex2var_epi64(u[i], hi, u[i + 4]);
+    }
+}
+
+// Block a's coefficients into ca (rows 0 to 3, 4 to 7), block b's into cb.
+__attribute__((always_inline)) inline void fdct8_pair(const __m128i xa[8], const __m128i xb[8], __m512i ca[2],
+                                                       __m512i cb[2]) {
+    const Consts k;
+    __m256i x[8];
+    for (int i = 0; i < 8; ++i) x[i] = _mm256_set_m128i(xb[i], xa[i]);
+    // Row pass as fdct8_columns does it, for both blocks.
+    const __m256i s07 = _mm256_add_epi16(x[0], x[7]), s16 = _mm256_add_epi16(x[1], x[6]);
+    const __m256i s25 = _mm256_add_epi16(x[2], x[5]), s34 = _mm256_add_epi16(x[3], x[4]);
+    const __m256i d07 = _mm256_sub_epi16(x[0], x[7]), d16 = _mm256_sub_epi16(x[1], x[6]);
+    const __m256i d25 = _mm256_sub_epi16(x[2], x[5]), d34 = _mm256_sub_epi16(x[3], x[4]);
+    const __m256i m724 = k[kM724];
+    const __m256i m1 = _mm256_mulhrs_epi16(_mm256_sub_epi16(d16, d25), m724);
+    const __m256i m2 = _mm256_mulhrs_epi16(_mm256_add_epi16(d16, d25), m724);
+    const __m256i p[4] = {_mm256_add_epi16(s07, s34), _mm256_sub_epi16(s07, s34), _mm256_add_epi16(d07, m2),
+                          _mm256_sub_epi16(d07, m2)};
+    const __m256i q[4] = {_mm256_add_epi16(s16, s25), _mm256_sub_epi16(s16, s25), _mm256_add_epi16(d34, m1),
+                          _mm256_sub_epi16(d34, m1)};
+    // The pairs (p_r, q_r) of row r in 32-bit lane r, block a's then b's.
+    const __m512i pairs = _mm512_load_si512(kPairIndex.pairs);
+    __m512i v[4];
+    for (int i = 0; i < 4; ++i) v[i] = _mm512_permutexvar_epi16(pairs, join(p[i], q[i]));
+    __m512i t[8];
+    t[0] = _mm512_sub_epi32(_mm512_madd_epi16(v[0], wide(k, kP512)), wide(k, kDcShift));
+    t[4] = _mm512_madd_epi16(v[0], wide(k, kP512n));
+    t[2] = _mm512_madd_epi16(v[1], wide(k, kP669));
+    t[6] = _mm512_madd_epi16(v[1], wide(k, kP277));
+    t[1] = _mm512_madd_epi16(v[2], wide(k, kP710));
+    t[7] = _mm512_madd_epi16(v[2], wide(k, kP141));
+    t[3] = _mm512_madd_epi16(v[3], wide(k, kP602));
+    t[5] = _mm512_madd_epi16(v[3], wide(k, kP402));
+
+    // Column pass: after the transpose lane u of each half works on column u.
+    transpose8x8_pair(t);
+    auto mul = [&k](__m512i a, Const c) { return _mm512_mullo_epi32(a, wide(k, c)); };
+    const __m512i s07c = _mm512_add_epi32(t[0], t[7]), s16c = _mm512_add_epi32(t[1], t[6]);
+    const __m512i s25c = _mm512_add_epi32(t[2], t[5]), s34c = _mm512_add_epi32(t[3], t[4]);
+    const __m512i d07c = _mm512_sub_epi32(t[0], t[7]), d16c = _mm512_sub_epi32(t[1], t[6]);
+    const __m512i d25c = _mm512_sub_epi32(t[2], t[5]), d34c = _mm512_sub_epi32(t[3], t[4]);
+    const __m512i r512 = wide(k, k512);
+    const __m512i m1c = _mm512_srai_epi32(_mm512_add_epi32(mul(_mm512_sub_epi32(d16c, d25c), k724), r512), 10);
+    const __m512i m2c = _mm512_srai_epi32(_mm512_add_epi32(mul(_mm512_add_epi32(d16c, d25c), k724), r512), 10);
+    const __m512i e0 = _mm512_add_epi32(s07c, s34c), e1 = _mm512_add_epi32(s16c, s25c);
+    const __m512i a = _mm512_sub_epi32(s07c, s34c), b = _mm512_sub_epi32(s16c, s25c);
+    const __m512i g = _mm512_add_epi32(d07c, m2c), h = _mm512_add_epi32(d34c, m1c);
+    const __m512i g2 = _mm512_sub_epi32(d07c, m2c), h2 = _mm512_sub_epi32(d34c, m1c);
+    const __m512i r2048 = wide(k, k2048), r20 = wide(k, kRound21);
+    auto round21 = [r20](__m512i v) { return _mm512_srai_epi32(_mm512_add_epi32(v, r20), 21); };
+    __m512i f[8];
+    f[0] = _mm512_srai_epi32(_mm512_add_epi32(_mm512_add_epi32(e0, e1), r2048), 12);
+    f[4] = _mm512_srai_epi32(_mm512_add_epi32(_mm512_sub_epi32(e0, e1), r2048), 12);
+    f[2] = round21(_mm512_add_epi32(mul(a, k669), mul(b, k277)));
+    f[6] = round21(_mm512_sub_epi32(mul(a, k277), mul(b, k669)));
+    f[1] = round21(_mm512_add_epi32(mul(g, k710), mul(h, k141)));
+    f[7] = round21(_mm512_sub_epi32(mul(g, k141), mul(h, k710)));
+    f[3] = round21(_mm512_sub_epi32(mul(g2, k602), mul(h2, k402)));
+    f[5] = round21(_mm512_add_epi32(mul(h2, k602), mul(g2, k402)));
+    // Rows j and j + 1 packed (within 128-bit lanes), then each block's
+    // rows in order.
+    const __m512i ra = _mm512_load_si512(kPairIndex.rows[0]), rb = _mm512_load_si512(kPairIndex.rows[1]);
+    for (int i = 0; i < 2; ++i) {
+        const __m512i lo = _mm512_packs_epi32(f[4 * i], f[4 * i + 1]), hi = _mm512_packs_epi32(f[4 * i + 2], f[4 * i + 3]);
+        ca[i] = _mm512_permutex2var_epi64(lo, ra, hi);
+        cb[i] = _mm512_permutex2var_epi64(lo, rb, hi);
+    }
+}
+
 // The byte permute that puts the levels of _mm512_packus_epi16(rows 0 to
 // 3, rows 4 to 7) into zig-zag order: the pack takes eight words of its
 // first operand, then eight of its second, in each 128-bit lane.
@@ -145,16 +260,22 @@ inline uint64_t kept_rows(const __m512i c[2], const uint8_t *row, int16_t *blk, 
     return nonzero_zigzag(n[0], n[1]);
 }
 
-// The quantizer's steps on the coefficients c4 (two rows a vector), as the
-// kernels end.
-inline uint64_t kept_steps(const __m256i c4[4], const uint8_t *row, int16_t *blk, const uint16_t *q,
+// The quantizer's steps on the coefficients c (rows 0 to 3, 4 to 7), as
+// the kernels end.
+inline uint64_t kept_steps(const __m512i c[2], const uint8_t *row, int16_t *blk, const uint16_t *q,
                            const uint16_t *recip, const uint16_t *half, uint16_t *adapt, bool suppress) {
-    const __m512i c[2] = {join(c4[0], c4[1]), join(c4[2], c4[3])};
     if (adapt) return suppress ? kept_rows<true, true>(c, row, blk, q, recip, half, adapt)
                                : kept_rows<true, false>(c, row, blk, q, recip, half, adapt);
     if (suppress) return kept_rows<false, true>(c, row, blk, q, recip, half, adapt);
     const uint64_t mask = quant_mask_rows(c, blk, recip, half);
     return mask & 1 ? ~uint64_t(0) : mask;
+}
+
+// The same from the coefficients of the AVX2 transform, two rows a vector.
+inline uint64_t kept_steps(const __m256i c4[4], const uint8_t *row, int16_t *blk, const uint16_t *q,
+                           const uint16_t *recip, const uint16_t *half, uint16_t *adapt, bool suppress) {
+    const __m512i c[2] = {join(c4[0], c4[1]), join(c4[2], c4[3])};
+    return kept_steps(c, row, blk, q, recip, half, adapt, suppress);
 }
 
 }  // namespace
@@ -206,9 +327,8 @@ inline void kept_pair(const uint8_t *const src[2], int32_t stride, int16_t *cons
     } else {
         for (int i = 0; i < 2; ++i) row[i] = sample_columns(src[i], stride, suppress, x[i]);
     }
-    __m256i c[2][4];
-    fdct8_columns(x[0], c[0]);
-    fdct8_columns(x[1], c[1]);
+    __m512i c[2][2];
+    fdct8_pair(x[0], x[1], c[0], c[1]);
     mask[0] = kept_steps(c[0], row[0], blk[0], q, recip, half, adapt, suppress);
     mask[1] = kept_steps(c[1], row[1], blk[1], q, recip, half, adapt, suppress);
 }
@@ -221,8 +341,8 @@ void kivoe_jnd_fdct_quant_kept4_avx512(const uint8_t *const src[4], int32_t stri
     __m128i x[4][8];
     const uint8_t *row[4];
     for (int i = 0; i < 4; i += 2) filtered_columns2(src[i], src[i + 1], stride, suppress, &x[i], &row[i]);
-    __m256i c[4][4];
-    for (int i = 0; i < 4; ++i) fdct8_columns(x[i], c[i]);
+    __m512i c[4][2];
+    for (int i = 0; i < 4; i += 2) fdct8_pair(x[i], x[i + 1], c[i], c[i + 1]);
     for (int i = 0; i < 4; ++i) mask[i] = kept_steps(c[i], row[i], blk[i], q, recip, half, adapt, suppress);
 }
 
