@@ -216,18 +216,16 @@ inline uint64_t kept_rows(const __m512i c[2], const uint8_t *row, int16_t *blk, 
         }
     }
     if (kSuppress) {
-        // Suppression only where the AC magnitudes add up to more than 7:
-        // the AC lanes of the two vectors added (at most 2048 a lane),
-        // then in 32-bit lanes.
-        const __m512i sum = _mm512_mask_add_epi16(n[1], ~__mmask32(1), n[0], n[1]);
-        const __m512i s = _mm512_madd_epi16(sum, _mm512_set1_epi16(1));
-        const __m256i s8 = _mm256_add_epi32(_mm512_castsi512_si256(s), _mm512_extracti64x4_epi64(s, 1));
-        __m128i s4 = _mm_add_epi32(_mm256_castsi256_si128(s8), _mm256_extracti128_si256(s8, 1));
-        s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, _MM_SHUFFLE(1, 0, 3, 2)));
-        s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, _MM_SHUFFLE(2, 3, 0, 1)));
+        // Suppression only where the AC magnitudes add up to more than 7.
+        // Sums of values each capped at 255 exceed 7 exactly where the
+        // sums of the values do, so the magnitudes are packed to bytes
+        // with saturation (the DC coefficient's as 0), added in eights,
+        // and the eight sums capped and added again.
+        const __m512i b = _mm512_maskz_packus_epi16(~__mmask64(1), n[0], n[1]);
+        const __m128i s8 = _mm512_cvtusepi64_epi8(_mm512_sad_epu8(b, zero));
         // A branch: predicted, the levels' chain through the offsets does
         // not wait for the sum.
-        const bool busy = _mm_cvtsi128_si32(s4) > 7;
+        const bool busy = _mm_cvtsi128_si32(_mm_sad_epu8(s8, _mm_setzero_si128())) > 7;
         // A level above M = (a + q - T) / q comes down to it (see kept_rows
         // of the AVX2 kernels); the quotient from the reciprocal, plus one
         // where the remainder is still q or more.
