@@ -44,9 +44,15 @@ inline __m256i magnitude(__m256i c, const uint16_t *recip, const uint16_t *offse
 // All-zero thresholds, which suppress nothing.
 alignas(64) const uint8_t kNoThresholds[64] = {};
 
-// The threshold row of the brightness of the 8 x 8 samples at src, from
-// their sum S: F = (S - 8188) >> 3, so (F + 1024) >> 3 is (S + 4) >> 6,
-// known before the transform.
+// The threshold row of a block whose 64 samples add up to S (F = (S -
+// 8188) >> 3 is its DC coefficient, and (F + 1024) >> 3 is (S + 4) >> 6).
+inline const uint8_t *sum_thresholds(int32_t S) {
+    const int k = tbl_suppr_lum[(S + 4) >> 6];
+    return k ? kivo_tbl_suppr_thr + 64 * (k - 1) : kNoThresholds;
+}
+
+// The threshold row of the brightness of the 8 x 8 samples at src, known
+// before the transform.
 inline const uint8_t *sample_thresholds(const uint8_t *src, int32_t stride) {
     const __m128i zero = _mm_setzero_si128();
     __m128i sum = zero;
@@ -55,9 +61,7 @@ inline const uint8_t *sample_thresholds(const uint8_t *src, int32_t stride) {
         const __m128i r1 = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(src + (i + 1) * static_cast<ptrdiff_t>(stride)));
         sum = _mm_add_epi64(sum, _mm_sad_epu8(_mm_unpacklo_epi64(r0, r1), zero));
     }
-    const int32_t S = _mm_cvtsi128_si32(_mm_add_epi64(sum, _mm_unpackhi_epi64(sum, sum)));
-    const int k = tbl_suppr_lum[(S + 4) >> 6];
-    return k ? kivo_tbl_suppr_thr + 64 * (k - 1) : kNoThresholds;
+    return sum_thresholds(_mm_cvtsi128_si32(_mm_add_epi64(sum, _mm_unpackhi_epi64(sum, sum))));
 }
 
 // The columns of a block read from its plane, and its thresholds.
@@ -82,9 +86,7 @@ inline const uint8_t *filtered_thresholds(const __m256i b[2]) {
     const __m256i s = _mm256_add_epi64(_mm256_sad_epu8(b[0], _mm256_setzero_si256()),
                                        _mm256_sad_epu8(b[1], _mm256_setzero_si256()));
     const __m128i sum = _mm_add_epi64(_mm256_castsi256_si128(s), _mm256_extracti128_si256(s, 1));
-    const int32_t S = _mm_cvtsi128_si32(_mm_add_epi64(sum, _mm_unpackhi_epi64(sum, sum)));
-    const int k = tbl_suppr_lum[(S + 4) >> 6];
-    return k ? kivo_tbl_suppr_thr + 64 * (k - 1) : kNoThresholds;
+    return sum_thresholds(_mm_cvtsi128_si32(_mm_add_epi64(sum, _mm_unpackhi_epi64(sum, sum))));
 }
 
 // The columns of two blocks, filtered, and their thresholds (none without

@@ -26,13 +26,25 @@ inline __m512i join(__m256i lo, __m256i hi) { return _mm512_inserti64x4(_mm512_c
 // (block a in the low 128 bits, b in the high ones), the column pass in
 // 32-bit lanes of 512-bit vectors (block a in the low 256 bits).
 struct PairIndex {
+    alignas(64) uint8_t columns[4][64];  // filtered rows to the columns' vectors P (below)
     alignas(64) uint16_t pairs[32];  // words of (p, q) to pairs (p_r, q_r), dword r of each half
     alignas(64) uint64_t lo[8], hi[8];  // 256-bit transpose step: low or high 128 bits of two vectors
     alignas(64) uint64_t rows[2][8];  // packed rows to block a's (rows[0]) or b's (rows[1]) four rows in order
 };
 
+// The columns of each vector P[i], one in each 256-bit half.
+constexpr int kPairColumns[4][2] = {{0, 1}, {7, 6}, {2, 3}, {5, 4}};
+
 constexpr PairIndex make_pair_index() {
     PairIndex t{};
+    // Filtered rows y of both blocks, 16 bytes a row (block a's 8 bytes
+    // first): rows 0 to 3 in the first source, 4 to 7 in the second; each
+    // sample goes to the low byte of its word.
+    for (int i = 0; i < 4; ++i)
+        for (int w = 0; w < 32; ++w) {
+            const int col = kPairColumns[i][w / 16], blk = w % 16 / 8, y = w % 8;
+            t.columns[i][2 * w] = static_cast<uint8_t>(16 * y + 8 * blk + col);
+        }
     for (int d = 0; d < 16; ++d) {
         t.pairs[2 * d] = static_cast<uint16_t>(8 * (d / 8) + d % 8);
         t.pairs[2 * d + 1] = static_cast<uint16_t>(16 + 8 * (d / 8) + d % 8);
@@ -69,28 +81,30 @@ inline void transpose8x8_pair(__m512i r[8]) {
     }
 }
 
-// Block a's coefficients into ca (rows 0 to 3, 4 to 7), block b's into cb.
-__attribute__((always_inline)) inline void fdct8_pair(const __m128i xa[8], const __m128i xb[8], __m512i ca[2],
-                                                       __m512i cb[2]) {
+// Block a's coefficients into ca (rows 0 to 3, 4 to 7), block b's into cb,
+// from the columns of both as 16-bit vectors over the rows: the halves of
+// P[i] hold columns kPairColumns[i], each block a's eight rows, then b's.
+__attribute__((always_inline)) inline void fdct8_pair(const __m512i P[4], __m512i ca[2], __m512i cb[2]) {
     const Consts k;
-    __m256i x[8];
-    for (int i = 0; i < 8; ++i) x[i] = _mm256_set_m128i(xb[i], xa[i]);
-    // Row pass as fdct8_columns does it, for both blocks.
-    const __m256i s07 = _mm256_add_epi16(x[0], x[7]), s16 = _mm256_add_epi16(x[1], x[6]);
-    const __m256i s25 = _mm256_add_epi16(x[2], x[5]), s34 = _mm256_add_epi16(x[3], x[4]);
-    const __m256i d07 = _mm256_sub_epi16(x[0], x[7]), d16 = _mm256_sub_epi16(x[1], x[6]);
-    const __m256i d25 = _mm256_sub_epi16(x[2], x[5]), d34 = _mm256_sub_epi16(x[3], x[4]);
-    const __m256i m724 = k[kM724];
-    const __m256i m1 = _mm256_mulhrs_epi16(_mm256_sub_epi16(d16, d25), m724);
-    const __m256i m2 = _mm256_mulhrs_epi16(_mm256_add_epi16(d16, d25), m724);
-    const __m256i p[4] = {_mm256_add_epi16(s07, s34), _mm256_sub_epi16(s07, s34), _mm256_add_epi16(d07, m2),
-                          _mm256_sub_epi16(d07, m2)};
-    const __m256i q[4] = {_mm256_add_epi16(s16, s25), _mm256_sub_epi16(s16, s25), _mm256_add_epi16(d34, m1),
-                          _mm256_sub_epi16(d34, m1)};
+    // Row pass as fdct8_columns does it, on two columns a vector: the sums
+    // and differences s07 | s16, d07 | d16, s25 | s34, d25 | d34.
+    const __m512i S = _mm512_add_epi16(P[0], P[1]), D = _mm512_sub_epi16(P[0], P[1]);
+    const __m512i S2 = _mm512_add_epi16(P[2], P[3]), D2 = _mm512_sub_epi16(P[2], P[3]);
+    const __mmask32 high = 0xFFFF0000u;
+    // s34 | s25, d16 | d16, d25 | d25, then d16 + d25 | d16 - d25 and
+    // the products m2 | m1.
+    const __m512i S2x = _mm512_shuffle_i64x2(S2, S2, _MM_SHUFFLE(1, 0, 3, 2));
+    const __m512i G = _mm512_shuffle_i64x2(D, D, _MM_SHUFFLE(3, 2, 3, 2));
+    const __m512i H = _mm512_shuffle_i64x2(D2, D2, _MM_SHUFFLE(1, 0, 1, 0));
+    const __m512i M = _mm512_mulhrs_epi16(_mm512_mask_sub_epi16(_mm512_add_epi16(G, H), high, G, H), wide(k, kM724));
+    const __m512i L = _mm512_mask_blend_epi16(high, D, D2);  // d07 | d34
+    // Each v[i] holds the row pass's p[i] | q[i].
+    const __m512i v0[4] = {_mm512_add_epi16(S, S2x), _mm512_sub_epi16(S, S2x), _mm512_add_epi16(L, M),
+                           _mm512_sub_epi16(L, M)};
     // The pairs (p_r, q_r) of row r in 32-bit lane r, block a's then b's.
     const __m512i pairs = _mm512_load_si512(kPairIndex.pairs);
     __m512i v[4];
-    for (int i = 0; i < 4; ++i) v[i] = _mm512_permutexvar_epi16(pairs, join(p[i], q[i]));
+    for (int i = 0; i < 4; ++i) v[i] = _mm512_permutexvar_epi16(pairs, v0[i]);
     __m512i t[8];
     t[0] = _mm512_sub_epi32(_mm512_madd_epi16(v[0], wide(k, kP512)), wide(k, kDcShift));
     t[4] = _mm512_madd_epi16(v[0], wide(k, kP512n));
@@ -313,20 +327,60 @@ uint64_t kivoe_jnd_fdct_quant_kept_avx512(const uint8_t *src, int32_t stride, in
 
 namespace {
 
-// Two blocks transformed before either is quantized, the first quantized
-// first (the second may take the offsets the first leaves).
+// fdct8_pair's columns P from the columns xa and xb of two blocks.
+inline void pair_columns(const __m128i xa[8], const __m128i xb[8], __m512i P[4]) {
+    for (int i = 0; i < 4; ++i) {
+        const int c0 = kPairColumns[i][0], c1 = kPairColumns[i][1];
+        P[i] = join(_mm256_set_m128i(xb[c0], xa[c0]), _mm256_set_m128i(xb[c1], xa[c1]));
+    }
+}
+
+// fdct8_pair's columns of two blocks filtered, and their thresholds (none
+// without suppression). Blocks side by side go through the filter
+// together, and one byte permute a vector takes their rows to columns.
+__attribute__((always_inline)) inline void filtered_pair_columns(const uint8_t *a, const uint8_t *b, int32_t stride,
+                                                                  bool suppress, __m512i P[4], const uint8_t *row[2]) {
+    if (b != a + 8) {
+        __m128i x[2][8];
+        filtered_columns2(a, b, stride, suppress, x, row);
+        pair_columns(x[0], x[1], P);
+        return;
+    }
+    __m256i f[4];
+    jnd_filter_pair_raw(a, stride, f);
+    const __m512i z0 = join(f[0], f[1]), z1 = join(f[2], f[3]);
+    for (int i = 0; i < 4; ++i)
+        P[i] = _mm512_maskz_permutex2var_epi8(0x5555555555555555u, z0, _mm512_load_si512(kPairIndex.columns[i]), z1);
+    if (!suppress) {
+        row[0] = row[1] = kNoThresholds;
+        return;
+    }
+    // The sums of eight samples of block a in the even 64-bit lanes, of
+    // block b in the odd ones.
+    const __m512i zero = _mm512_setzero_si512();
+    const __m512i s = _mm512_add_epi64(_mm512_sad_epu8(z0, zero), _mm512_sad_epu8(z1, zero));
+    const __m256i s4 = _mm256_add_epi64(_mm512_castsi512_si256(s), _mm512_extracti64x4_epi64(s, 1));
+    const __m128i s2 = _mm_add_epi64(_mm256_castsi256_si128(s4), _mm256_extracti128_si256(s4, 1));
+    row[0] = sum_thresholds(_mm_cvtsi128_si32(s2));
+    row[1] = sum_thresholds(_mm_extract_epi32(s2, 2));
+}
+
+// Two blocks transformed together before either is quantized, the first
+// quantized first (the second may take the offsets the first leaves).
 template <bool kFilter>
 inline void kept_pair(const uint8_t *const src[2], int32_t stride, int16_t *const blk[2], const uint16_t *q,
                       const uint16_t *recip, const uint16_t *half, uint16_t *adapt, bool suppress, uint64_t *mask) {
-    __m128i x[2][8];
+    __m512i P[4];
     const uint8_t *row[2];
     if (kFilter) {
-        filtered_columns2(src[0], src[1], stride, suppress, x, row);
+        filtered_pair_columns(src[0], src[1], stride, suppress, P, row);
     } else {
+        __m128i x[2][8];
         for (int i = 0; i < 2; ++i) row[i] = sample_columns(src[i], stride, suppress, x[i]);
+        pair_columns(x[0], x[1], P);
     }
     __m512i c[2][2];
-    fdct8_pair(x[0], x[1], c[0], c[1]);
+    fdct8_pair(P, c[0], c[1]);
     mask[0] = kept_steps(c[0], row[0], blk[0], q, recip, half, adapt, suppress);
     mask[1] = kept_steps(c[1], row[1], blk[1], q, recip, half, adapt, suppress);
 }
@@ -336,11 +390,12 @@ inline void kept_pair(const uint8_t *const src[2], int32_t stride, int16_t *cons
 void kivoe_jnd_fdct_quant_kept4_avx512(const uint8_t *const src[4], int32_t stride, int16_t *const blk[4],
                                        const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                        int32_t suppress, uint64_t *mask) {
-    __m128i x[4][8];
+    // The blocks in two pairs side by side (the 2 x 2 blocks of an MCU).
+    __m512i P[2][4];
     const uint8_t *row[4];
-    for (int i = 0; i < 4; i += 2) filtered_columns2(src[i], src[i + 1], stride, suppress, &x[i], &row[i]);
+    for (int i = 0; i < 4; i += 2) filtered_pair_columns(src[i], src[i + 1], stride, suppress, P[i / 2], &row[i]);
     __m512i c[4][2];
-    for (int i = 0; i < 4; i += 2) fdct8_pair(x[i], x[i + 1], c[i], c[i + 1]);
+    for (int i = 0; i < 4; i += 2) fdct8_pair(P[i / 2], c[i], c[i + 1]);
     for (int i = 0; i < 4; ++i) mask[i] = kept_steps(c[i], row[i], blk[i], q, recip, half, adapt, suppress);
 }
 
