@@ -27,6 +27,7 @@ inline __m512i join(__m256i lo, __m256i hi) { return _mm512_inserti64x4(_mm512_c
 // 32-bit lanes of 512-bit vectors (block a in the low 256 bits).
 struct PairIndex {
     alignas(64) uint8_t columns[4][64];  // filtered rows to the columns' vectors P (below)
+    alignas(64) uint8_t blocks[4][64];  // the same from the rows of one block a vector
     alignas(64) uint16_t pairs[32];  // words of (p, q) to pairs (p_r, q_r), dword r of each half
     alignas(64) uint64_t lo[8], hi[8];  // 256-bit transpose step: low or high 128 bits of two vectors
     alignas(64) uint64_t rows[2][8];  // packed rows to block a's (rows[0]) or b's (rows[1]) four rows in order
@@ -38,12 +39,14 @@ constexpr int kPairColumns[4][2] = {{0, 1}, {7, 6}, {2, 3}, {5, 4}};
 constexpr PairIndex make_pair_index() {
     PairIndex t{};
     // Filtered rows y of both blocks, 16 bytes a row (block a's 8 bytes
-    // first): rows 0 to 3 in the first source, 4 to 7 in the second; each
-    // sample goes to the low byte of its word.
+    // first): rows 0 to 3 in the first source, 4 to 7 in the second; or
+    // block a's rows in the first source and b's in the second, 8 bytes a
+    // row. Each sample goes to the low byte of its word.
     for (int i = 0; i < 4; ++i)
         for (int w = 0; w < 32; ++w) {
             const int col = kPairColumns[i][w / 16], blk = w % 16 / 8, y = w % 8;
             t.columns[i][2 * w] = static_cast<uint8_t>(16 * y + 8 * blk + col);
+            t.blocks[i][2 * w] = static_cast<uint8_t>(64 * blk + 8 * y + col);
         }
     for (int d = 0; d < 16; ++d) {
         t.pairs[2 * d] = static_cast<uint16_t>(8 * (d / 8) + d % 8);
@@ -365,6 +368,38 @@ __attribute__((always_inline)) inline void filtered_pair_columns(const uint8_t *
     row[1] = sum_thresholds(_mm_extract_epi32(s2, 2));
 }
 
+// The 8 x 8 samples at src, row y in bytes 8 y to 8 y + 7.
+inline __m512i load_block_u8(const uint8_t *src, int32_t stride) {
+    __m128i r[4];
+    for (int i = 0; i < 4; ++i) {
+        const uint8_t *p = src + static_cast<ptrdiff_t>(2 * i) * stride;
+        const __m128d lo = _mm_castsi128_pd(_mm_loadl_epi64(reinterpret_cast<const __m128i *>(p)));
+        r[i] = _mm_castpd_si128(_mm_loadh_pd(lo, reinterpret_cast<const double *>(p + stride)));
+    }
+    return join(_mm256_set_m128i(r[1], r[0]), _mm256_set_m128i(r[3], r[2]));
+}
+
+// fdct8_pair's columns of the blocks at a and b, and their thresholds
+// (none without suppression).
+__attribute__((always_inline)) inline void sample_pair_columns(const uint8_t *a, const uint8_t *b, int32_t stride,
+                                                                bool suppress, __m512i P[4], const uint8_t *row[2]) {
+    const __m512i za = load_block_u8(a, stride), zb = load_block_u8(b, stride);
+    for (int i = 0; i < 4; ++i)
+        P[i] = _mm512_maskz_permutex2var_epi8(0x5555555555555555u, za, _mm512_load_si512(kPairIndex.blocks[i]), zb);
+    if (!suppress) {
+        row[0] = row[1] = kNoThresholds;
+        return;
+    }
+    // The sums of eight samples of block a, then b, in each 128-bit lane.
+    const __m512i zero = _mm512_setzero_si512();
+    const __m512i sa = _mm512_sad_epu8(za, zero), sb = _mm512_sad_epu8(zb, zero);
+    const __m512i s = _mm512_add_epi64(_mm512_unpacklo_epi64(sa, sb), _mm512_unpackhi_epi64(sa, sb));
+    const __m256i s4 = _mm256_add_epi64(_mm512_castsi512_si256(s), _mm512_extracti64x4_epi64(s, 1));
+    const __m128i s2 = _mm_add_epi64(_mm256_castsi256_si128(s4), _mm256_extracti128_si256(s4, 1));
+    row[0] = sum_thresholds(_mm_cvtsi128_si32(s2));
+    row[1] = sum_thresholds(_mm_extract_epi32(s2, 2));
+}
+
 // Two blocks transformed together before either is quantized, the first
 // quantized first (the second may take the offsets the first leaves).
 template <bool kFilter>
@@ -375,9 +410,7 @@ inline void kept_pair(const uint8_t *const src[2], int32_t stride, int16_t *cons
     if (kFilter) {
         filtered_pair_columns(src[0], src[1], stride, suppress, P, row);
     } else {
-        __m128i x[2][8];
-        for (int i = 0; i < 2; ++i) row[i] = sample_columns(src[i], stride, suppress, x[i]);
-        pair_columns(x[0], x[1], P);
+        sample_pair_columns(src[0], src[1], stride, suppress, P, row);
     }
     __m512i c[2][2];
     fdct8_pair(P, c[0], c[1]);
