@@ -338,6 +338,48 @@ inline void pair_columns(const __m128i xa[8], const __m128i xb[8], __m512i P[4])
     }
 }
 
+// jnd_filter_vec (jnd_avx2.h) on 64 centre samples c: four rows of 16
+// bytes, the neighbours' rows alike.
+__attribute__((always_inline)) inline __m512i jnd_filter_vec512(__m512i c, __m512i m2, __m512i m1, __m512i p1,
+                                                                 __m512i p2) {
+    const __m512i idx = _mm512_and_si512(_mm512_srli_epi16(c, 4), _mm512_set1_epi8(15));
+    auto table = [](const uint8_t (&t)[16]) {
+        return _mm512_broadcast_i32x4(_mm_loadu_si128(reinterpret_cast<const __m128i *>(t)));
+    };
+    // base[c >> 4], plus one where c reaches step[c >> 4].
+    auto count = [&](const JndSteps &s) {
+        const __m512i base = _mm512_shuffle_epi8(table(s.base), idx);
+        const __mmask64 up = _mm512_cmpge_epu8_mask(c, _mm512_shuffle_epi8(table(s.step), idx));
+        return _mm512_mask_add_epi8(base, up, base, _mm512_set1_epi8(1));
+    };
+    const __m512i hi = _mm512_adds_epu8(c, count(kJndUp));
+    const __m512i lo = _mm512_subs_epu8(c, count(kJndDown));
+    const __m512i n[4] = {_mm512_min_epu8(_mm512_max_epu8(m2, lo), hi), _mm512_min_epu8(_mm512_max_epu8(m1, lo), hi),
+                          _mm512_min_epu8(_mm512_max_epu8(p1, lo), hi), _mm512_min_epu8(_mm512_max_epu8(p2, lo), hi)};
+    const __m512i w0 = _mm512_set1_epi16(0x0401), w1 = _mm512_set1_epi16(0x0406), w2 = _mm512_set1_epi16(0x0101);
+    const __m512i eight = _mm512_set1_epi8(8);
+    __m512i h[2];
+    for (int k = 0; k < 2; ++k) {
+        auto pairs = [k](__m512i a, __m512i b) { return k ? _mm512_unpackhi_epi8(a, b) : _mm512_unpacklo_epi8(a, b); };
+        const __m512i s = _mm512_add_epi16(_mm512_maddubs_epi16(pairs(n[0], n[1]), w0),
+                                           _mm512_maddubs_epi16(pairs(c, n[2]), w1));
+        h[k] = _mm512_srli_epi16(_mm512_add_epi16(s, _mm512_maddubs_epi16(pairs(n[3], eight), w2)), 4);
+    }
+    return _mm512_packus_epi16(h[0], h[1]);
+}
+
+// The rows of the two blocks side by side at src and src + 8 filtered, 16
+// bytes a row: rows 0 to 3 in z[0], 4 to 7 in z[1].
+__attribute__((always_inline)) inline void jnd_filter_pair512(const uint8_t *src, int32_t stride, __m512i z[2]) {
+    // y[s + 2] holds rows s and s + 1, g[s + 2] rows s to s + 3, for s
+    // from -2.
+    __m256i y[11];
+    jnd_pair_rows(src, stride, y);
+    __m512i g[9];
+    for (int i = 0; i < 9; ++i) g[i] = join(y[i], y[i + 2]);
+    for (int r = 0; r < 8; r += 4) z[r / 4] = jnd_filter_vec512(g[r + 2], g[r], g[r + 1], g[r + 3], g[r + 4]);
+}
+
 // fdct8_pair's columns of two blocks filtered, and their thresholds (none
 // without suppression). Blocks side by side go through the filter
 // together, and one byte permute a vector takes their rows to columns.
@@ -349,9 +391,9 @@ __attribute__((always_inline)) inline void filtered_pair_columns(const uint8_t *
         pair_columns(x[0], x[1], P);
         return;
     }
-    __m256i f[4];
-    jnd_filter_pair_raw(a, stride, f);
-    const __m512i z0 = join(f[0], f[1]), z1 = join(f[2], f[3]);
+    __m512i z[2];
+    jnd_filter_pair512(a, stride, z);
+    const __m512i z0 = z[0], z1 = z[1];
     for (int i = 0; i < 4; ++i)
         P[i] = _mm512_maskz_permutex2var_epi8(0x5555555555555555u, z0, _mm512_load_si512(kPairIndex.columns[i]), z1);
     if (!suppress) {
