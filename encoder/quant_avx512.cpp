@@ -1,8 +1,10 @@
-// AVX-512 quantizers after the AVX2 transform: a block's 64 coefficients
-// in two registers of 32, rows 0 to 3 and rows 4 to 7, the steps' choices
-// in mask registers, and the zig-zag mask of the non-zero levels from one
-// byte permute. Bit-exact to the plain kernels as the AVX2 ones are; the
-// samples' loading, the JND filter and the transform are the AVX2 steps.
+// AVX-512 kernels from samples to levels: a block's 64 coefficients in two
+// registers of 32 (rows 0 to 3 and 4 to 7), the steps' choices in mask
+// registers, and the zig-zag mask of the non-zero levels from one byte
+// permute. Pairs of blocks share the transform (each in one half of a
+// 512-bit vector), their samples taken to its columns by byte permutes;
+// single blocks keep the AVX2 loading and transform. Bit-exact to the
+// plain kernels as the AVX2 ones are.
 // GCC 12's AVX-512 intrinsics start some results from a deliberately
 // undefined vector and then warn of it at every use.
 #pragma GCC diagnostic ignored "-Wuninitialized"
@@ -22,9 +24,9 @@ inline __m512i load32(const void *p) { return _mm512_loadu_si512(p); }
 inline __m512i join(__m256i lo, __m256i hi) { return _mm512_inserti64x4(_mm512_castsi256_si512(lo), hi, 1); }
 
 // The forward transform of two blocks at once, bit-exact to
-// fdct8_columns of each: the row pass in 16-bit lanes of 256-bit vectors
-// (block a in the low 128 bits, b in the high ones), the column pass in
-// 32-bit lanes of 512-bit vectors (block a in the low 256 bits).
+// fdct8_columns of each: the row pass in 16-bit lanes, two columns of both
+// blocks a vector, the column pass in 32-bit lanes, block a in the low 256
+// bits. The permutes' indices:
 struct PairIndex {
     alignas(64) uint8_t columns[4][64];  // filtered rows to the columns' vectors P (below)
     alignas(64) uint8_t blocks[4][64];  // the same from the rows of one block a vector
@@ -65,6 +67,7 @@ inline constexpr PairIndex kPairIndex = make_pair_index();
 // The transform's constant c in every 32-bit lane.
 inline __m512i wide(const Consts &k, Const c) { return _mm512_broadcast_i64x4(k[c]); }
 
+// transpose8x8_epi32 in each 256-bit half.
 inline void transpose8x8_pair(__m512i r[8]) {
     __m512i t[8], u[8];
     for (int i = 0; i < 8; i += 2) {
