@@ -7,8 +7,10 @@
 // plain kernels as the AVX2 ones are.
 // GCC 12's AVX-512 intrinsics start some results from a deliberately
 // undefined vector and then warn of it at every use.
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 #include <immintrin.h>
 
 #include "common/nonzero.h"
