@@ -8,9 +8,12 @@
 // over a plain one-thread encode, and that of all four over a plain encode
 // with the perceptual tables they chose. --loop SET only encodes the first picture
 // N times with the switch set SET (bits: 1 JND filter, 2 JND suppression,
-// 4 adaptive rounding, 8 perceptual tables), for a profiler.
+// 4 adaptive rounding, 8 perceptual tables), for a profiler. --mask HEX
+// limits the CPU features our kernels may use (kivo_cpu_set_mask), to
+// compare kernel levels in one binary.
 //
-// usage: bench_encode [--reps N] [--size WxH] [--switches] [--only default|optimised] [--loop SET] [FILE...]
+// usage: bench_encode [--reps N] [--size WxH] [--switches] [--only default|optimised] [--loop SET] [--mask HEX]
+//                     [FILE...]
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -196,6 +199,7 @@ int main(int argc, char **argv) {
         else if (!std::strcmp(argv[i], "--switches")) switches = true;
         else if (!std::strcmp(argv[i], "--only") && i + 1 < argc) only = std::strcmp(argv[++i], "default") != 0;
         else if (!std::strcmp(argv[i], "--loop") && i + 1 < argc) loop = std::atoi(argv[++i]);
+        else if (!std::strcmp(argv[i], "--mask") && i + 1 < argc) kivo_cpu_set_mask(std::strtoul(argv[++i], nullptr, 16));
         else files.push_back(argv[i]);
     }
     std::vector<std::string> names = files;

@@ -30,6 +30,12 @@ uint32_t detect() {
             unsigned lo, hi;
             __asm__("xgetbv" : "=a"(lo), "=d"(hi) : "c"(0));
             if ((lo & 6) == 6) flags |= KIVO_CPU_AVX2;
+            // AVX-512 also needs the opmask and all 32 ZMM registers saved
+            // (bits 5 to 7). VBMI is asked for as well: the first
+            // processors with AVX-512 lack it and lower their clock under
+            // 512-bit work, where these kernels would lose.
+            const unsigned avx512 = bit_AVX512F | bit_AVX512BW | bit_AVX512VL | bit_AVX512DQ;
+            if ((lo & 0xE6) == 0xE6 && (b & avx512) == avx512 && (c & bit_AVX512VBMI)) flags |= KIVO_CPU_AVX512;
         }
         // AMD before family 19h extracts bits in microcode, slower than a loop.
         unsigned top = 0, vendor = 0;

@@ -62,19 +62,23 @@ __attribute__((always_inline)) inline void jnd_filter_rows(const uint8_t *src, i
     for (int y = 0; y < 8; y += 4) out[y / 4] = jnd_filter_vec(g[y + 2], g[y], g[y + 1], g[y + 3], g[y + 4]);
 }
 
-// jnd_filter_rows of the two blocks side by side at src and src + 8, their
-// rows filtered 16 bytes at a time.
-__attribute__((always_inline)) inline void jnd_filter_pair_rows(const uint8_t *src, int32_t stride, __m256i a[2],
-                                                                 __m256i b[2]) {
-    // g[s + 2] holds row s in its low lane and row s + 1 in its high one,
-    // for s = -2 to 8.
-    __m256i g[11];
+// Rows s and s + 1 of the two blocks side by side at src and src + 8, 16
+// bytes each, in the low and high lane of g[s + 2], for s = -2 to 8.
+__attribute__((always_inline)) inline void jnd_pair_rows(const uint8_t *src, int32_t stride, __m256i g[11]) {
     for (int i = 0; i < 11; ++i) {
         const uint8_t *row = src + static_cast<ptrdiff_t>(i - 2) * stride;
         g[i] = _mm256_inserti128_si256(
             _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(row))),
             _mm_loadu_si128(reinterpret_cast<const __m128i *>(row + stride)), 1);
     }
+}
+
+// jnd_filter_rows of the two blocks side by side at src and src + 8, their
+// rows filtered 16 bytes at a time.
+__attribute__((always_inline)) inline void jnd_filter_pair_rows(const uint8_t *src, int32_t stride, __m256i a[2],
+                                                                 __m256i b[2]) {
+    __m256i g[11];
+    jnd_pair_rows(src, stride, g);
     // f[y / 2]: rows y and y + 1 filtered, each block's 8 bytes side by side.
     __m256i f[4];
     for (int y = 0; y < 8; y += 2) f[y / 2] = jnd_filter_vec(g[y + 2], g[y], g[y + 1], g[y + 3], g[y + 4]);

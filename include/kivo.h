@@ -88,6 +88,9 @@ KIVO_API extern const uint8_t kivo_tbl_ras_to_zig[64];
 /* BMI2 where its bit extraction is fast (not on AMD processors before
  * family 19h, which run it in microcode). */
 #define KIVO_CPU_BMI2 (1u << 4)
+/* AVX-512 F, BW, VL, DQ and VBMI with the OS saving the opmask and ZMM
+ * registers. */
+#define KIVO_CPU_AVX512 (1u << 5)
 #define KIVO_CPU_NEON (1u << 8)
 
 /* Features the processor has. */

@@ -140,7 +140,8 @@ struct Level {
     const char *name;
     uint32_t flags;
 };
-const Level kLevels[] = {{"c", 0}, {"sse2", KIVO_CPU_SSE2}, {"avx2", KIVO_CPU_SSE2 | KIVO_CPU_AVX2}, {"neon", KIVO_CPU_NEON}};
+const Level kLevels[] = {{"c", 0}, {"sse2", KIVO_CPU_SSE2}, {"avx2", KIVO_CPU_SSE2 | KIVO_CPU_AVX2},
+                          {"avx512", KIVO_CPU_SSE2 | KIVO_CPU_AVX2 | KIVO_CPU_AVX512}, {"neon", KIVO_CPU_NEON}};
 const int kScales[] = {0, 1, 2, 4, 8};
 
 // Line distance and offset of the first sample from a 16-byte aligned

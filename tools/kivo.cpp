@@ -32,6 +32,7 @@ void print_flags(const char *label, uint32_t flags) {
     if (flags & KIVO_CPU_SSE41) std::printf(" sse4.1");
     if (flags & KIVO_CPU_AVX2) std::printf(" avx2");
     if (flags & KIVO_CPU_BMI2) std::printf(" bmi2");
+    if (flags & KIVO_CPU_AVX512) std::printf(" avx512");
     if (flags & KIVO_CPU_NEON) std::printf(" neon");
     std::printf("\n");
 }
