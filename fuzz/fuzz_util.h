@@ -46,7 +46,8 @@ struct Input {
 
 // CPU features from one setting byte: any subset, the plain kernels included.
 inline uint32_t cpu_mask(uint8_t b) {
-    return (b & 0x0Fu) | (b & 0x10u ? KIVO_CPU_NEON : 0u) | (b & 0x20u ? KIVO_CPU_BMI2 : 0u);
+    return (b & 0x0Fu) | (b & 0x10u ? KIVO_CPU_NEON : 0u) | (b & 0x20u ? KIVO_CPU_BMI2 : 0u) |
+           (b & 0x40u ? KIVO_CPU_AVX512 : 0u);
 }
 
 // A pool of n threads for a handle (n = 1: the calling thread only).
