@@ -22,6 +22,7 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
     proc->fdct_quant_kept2 = nullptr;
     proc->jnd_fdct_quant_kept2 = nullptr;
     proc->jnd_fdct_quant_kept4 = nullptr;
+    proc->fdct_quant_samples2 = nullptr;
     proc->jndfilt_u8 = kivoe_jndfilt8x8_u8;
     proc->box2 = kivoe_box2;
     proc->abs_acc = kivoe_abs_acc;
@@ -71,6 +72,7 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
     proc->fdct_quant_kept2 = kivoe_fdct_quant_kept2_avx512;
     proc->jnd_fdct_quant_kept2 = kivoe_jnd_fdct_quant_kept2_avx512;
     proc->jnd_fdct_quant_kept4 = kivoe_jnd_fdct_quant_kept4_avx512;
+    proc->fdct_quant_samples2 = kivoe_fdct_quant_kept2_avx512;
 #elif defined(KIVO_ARCH_arm)
     if (!(cpu_flags & KIVO_CPU_NEON)) return;
     proc->fdct8 = kivoe_fdct8_neon;
@@ -100,7 +102,7 @@ void kivoe_dsp_init(kivoe_proc *proc, uint32_t cpu_flags) {
 
 const char *kivoe_dsp_describe(uint32_t cpu_flags) {
 #if defined(KIVO_ARCH_x86)
-    if ((cpu_flags & KIVO_CPU_AVX2) && (cpu_flags & KIVO_CPU_AVX512)) return cpu_flags & KIVO_CPU_BMI2 ? "fdct8 avx2, quant avx2, quant_rdoq avx2, jndfilt avx2, planes bmi2, refine bmi2, quant_mask avx2, fdct_quant_mask avx2, fdct_quant_samples avx512, jnd_suppress avx2, update_offset avx2, levels_mask avx2, quant_kept avx2, fdct_quant_kept_samples avx512, jnd_fdct_quant_kept avx512, fdct_quant_kept2 avx512, jnd_fdct_quant_kept2 avx512, jnd_fdct_quant_kept4 avx512, jndfilt_u8 avx2, box2 sse2, abs_acc sse2, box2_strip avx2" : "fdct8 avx2, quant avx2, quant_rdoq avx2, jndfilt avx2, planes avx2, refine c, quant_mask avx2, fdct_quant_mask avx2, fdct_quant_samples avx512, jnd_suppress avx2, update_offset avx2, levels_mask avx2, quant_kept avx2, fdct_quant_kept_samples avx512, jnd_fdct_quant_kept avx512, fdct_quant_kept2 avx512, jnd_fdct_quant_kept2 avx512, jnd_fdct_quant_kept4 avx512, jndfilt_u8 avx2, box2 sse2, abs_acc sse2, box2_strip avx2";
+    if ((cpu_flags & KIVO_CPU_AVX2) && (cpu_flags & KIVO_CPU_AVX512)) return cpu_flags & KIVO_CPU_BMI2 ? "fdct8 avx2, quant avx2, quant_rdoq avx2, jndfilt avx2, planes bmi2, refine bmi2, quant_mask avx2, fdct_quant_mask avx2, fdct_quant_samples avx512, jnd_suppress avx2, update_offset avx2, levels_mask avx2, quant_kept avx2, fdct_quant_kept_samples avx512, jnd_fdct_quant_kept avx512, fdct_quant_kept2 avx512, jnd_fdct_quant_kept2 avx512, jnd_fdct_quant_kept4 avx512, fdct_quant_samples2 avx512, jndfilt_u8 avx2, box2 sse2, abs_acc sse2, box2_strip avx2" : "fdct8 avx2, quant avx2, quant_rdoq avx2, jndfilt avx2, planes avx2, refine c, quant_mask avx2, fdct_quant_mask avx2, fdct_quant_samples avx512, jnd_suppress avx2, update_offset avx2, levels_mask avx2, quant_kept avx2, fdct_quant_kept_samples avx512, jnd_fdct_quant_kept avx512, fdct_quant_kept2 avx512, jnd_fdct_quant_kept2 avx512, jnd_fdct_quant_kept4 avx512, fdct_quant_samples2 avx512, jndfilt_u8 avx2, box2 sse2, abs_acc sse2, box2_strip avx2";
     if (cpu_flags & KIVO_CPU_AVX2) return cpu_flags & KIVO_CPU_BMI2 ? "fdct8 avx2, quant avx2, quant_rdoq avx2, jndfilt avx2, planes bmi2, refine bmi2, quant_mask avx2, fdct_quant_mask avx2, fdct_quant_samples avx2, jnd_suppress avx2, update_offset avx2, levels_mask avx2, quant_kept avx2, fdct_quant_kept_samples avx2, jnd_fdct_quant_kept avx2, fdct_quant_kept2 avx2, jnd_fdct_quant_kept2 avx2, jnd_fdct_quant_kept4 avx2, jndfilt_u8 avx2, box2 sse2, abs_acc sse2, box2_strip avx2" : "fdct8 avx2, quant avx2, quant_rdoq avx2, jndfilt avx2, planes avx2, refine c, quant_mask avx2, fdct_quant_mask avx2, fdct_quant_samples avx2, jnd_suppress avx2, update_offset avx2, levels_mask avx2, quant_kept avx2, fdct_quant_kept_samples avx2, jnd_fdct_quant_kept avx2, fdct_quant_kept2 avx2, jnd_fdct_quant_kept2 avx2, jnd_fdct_quant_kept4 avx2, jndfilt_u8 avx2, box2 sse2, abs_acc sse2, box2_strip avx2";
     if (cpu_flags & KIVO_CPU_SSE2) return "fdct8 sse2, quant sse2, quant_rdoq sse2, jndfilt sse2, planes sse2, refine c, quant_mask sse2, fdct_quant_mask sse2, jnd_suppress sse2, update_offset sse2, levels_mask c, box2 sse2, abs_acc sse2";
 #elif defined(KIVO_ARCH_arm)

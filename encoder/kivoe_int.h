@@ -268,6 +268,11 @@ struct kivoe_proc {
     kivoe_kept_pair_fn fdct_quant_kept2;
     kivoe_kept_pair_fn jnd_fdct_quant_kept2;
     kivoe_kept_pair_fn jnd_fdct_quant_kept4;  // kivoe_jnd_fdct_quant_kept4, or null alike
+    // The plain levels of two blocks (kivoe_fdct_quant_kept2 with no
+    // adaptive offsets and no suppression) where a variant transforms them
+    // together faster than fdct_quant_samples takes them one by one; null
+    // otherwise.
+    kivoe_kept_pair_fn fdct_quant_samples2;
     // kivoe_jndfilt8x8_u8, for the kernels of 8-bit samples.
     kivoe_jndfilt_u8_fn jndfilt_u8;
     kivoe_box2_fn box2;                    // kivoe_box2

@@ -636,13 +636,23 @@ inline bool plain_mcu420(const kivoe_ctx *ctx, const Comp *comp, bool filter, ki
     const Comp &y = comp[0], &cb = comp[1], &cr = comp[2];
     const Mcu420 b(comp, levels);
     uint64_t m[6];
+    // Cb and Cr share their table, and the plain loop's offsets are the
+    // table's (no adaptive rounding), so that one pair takes both.
+    const kivoe_kept_pair_fn pair = ctx->proc.fdct_quant_samples2;
     if (filter) {
         ctx->proc.jnd_fdct_quant_kept4(b.luma, y.stride, b.out, y.q->q, y.q->recip, y.offset, nullptr, 0, m);
+    } else if (pair) {
+        pair(b.luma, y.stride, b.out, y.q->q, y.q->recip, y.offset, nullptr, 0, m);
+        pair(b.luma + 2, y.stride, b.out + 2, y.q->q, y.q->recip, y.offset, nullptr, 0, m + 2);
     } else {
         for (int i = 0; i < 4; ++i) m[i] = fdct_quant_samples(b.luma[i], y.stride, b.out[i], y.q->recip, y.offset);
     }
-    m[4] = fdct_quant_samples(b.chroma[0], cb.stride, b.out[4], cb.q->recip, cb.offset);
-    m[5] = fdct_quant_samples(b.chroma[1], cr.stride, b.out[5], cr.q->recip, cr.offset);
+    if (pair) {
+        pair(b.chroma, cb.stride, b.out + 4, cb.q->q, cb.q->recip, cb.offset, nullptr, 0, m + 4);
+    } else {
+        m[4] = fdct_quant_samples(b.chroma[0], cb.stride, b.out[4], cb.q->recip, cb.offset);
+        m[5] = fdct_quant_samples(b.chroma[1], cr.stride, b.out[5], cr.q->recip, cr.offset);
+    }
     for (uint64_t &mask : m) mask = coder_mask(mask);
     b.records(comp, m, code);
     return true;
