@@ -630,24 +630,32 @@ struct Mcu420 {
 // The plain block loop's levels of such an MCU, as quantize_mcu420 below
 // for the kept ones: the four filtered luma blocks in one call, or each
 // block straight from its plane. False, with nothing done, at an edge.
+// Only x86 variants take plain blocks in pairs (fdct_quant_samples2);
+// elsewhere the plain loop does not even test for them.
+#if defined(KIVO_ARCH_x86)
+constexpr bool kPlainPairs = true;
+#else
+constexpr bool kPlainPairs = false;
+#endif
+
+template <bool kPairs>
 inline bool plain_mcu420(const kivoe_ctx *ctx, const Comp *comp, bool filter, kivoe_quant_samples_fn fdct_quant_samples,
-                         int16_t *levels, kivoe_block_code *code) {
+                         kivoe_kept_pair_fn pair, int16_t *levels, kivoe_block_code *code) {
     if (!interior420(ctx, comp, filter)) return false;
     const Comp &y = comp[0], &cb = comp[1], &cr = comp[2];
     const Mcu420 b(comp, levels);
     uint64_t m[6];
-    // Cb and Cr share their table, and the plain loop's offsets are the
-    // table's (no adaptive rounding), so that one pair takes both.
-    const kivoe_kept_pair_fn pair = ctx->proc.fdct_quant_samples2;
     if (filter) {
         ctx->proc.jnd_fdct_quant_kept4(b.luma, y.stride, b.out, y.q->q, y.q->recip, y.offset, nullptr, 0, m);
-    } else if (pair) {
+    } else if (kPairs) {
         pair(b.luma, y.stride, b.out, y.q->q, y.q->recip, y.offset, nullptr, 0, m);
         pair(b.luma + 2, y.stride, b.out + 2, y.q->q, y.q->recip, y.offset, nullptr, 0, m + 2);
     } else {
         for (int i = 0; i < 4; ++i) m[i] = fdct_quant_samples(b.luma[i], y.stride, b.out[i], y.q->recip, y.offset);
     }
-    if (pair) {
+    if (kPairs) {
+        // Cb and Cr share their table, and the plain loop's offsets are the
+        // table's (no adaptive rounding), so that one pair takes both.
         pair(b.chroma, cb.stride, b.out + 4, cb.q->q, cb.q->recip, cb.offset, nullptr, 0, m + 4);
     } else {
         m[4] = fdct_quant_samples(b.chroma[0], cb.stride, b.out[4], cb.q->recip, cb.offset);
@@ -668,17 +676,21 @@ struct PlainMcu {
     kivoe_quant_mask_fn fdct_quant_mask;
     kivoe_kept_samples_fn filter_kept;  // null without the filter's kernels
     kivoe_kept_pair_fn filter_pair;
+    kivoe_kept_pair_fn pairs;  // plain_mcu420's pairs of blocks, or null
     bool short420;  // plain_mcu420 may take an MCU
 
     PlainMcu(const kivoe_ctx *c, const Comp *comp)
         : ctx(c), fdct_quant_samples(c->proc.fdct_quant_samples), fdct_quant_mask(c->proc.fdct_quant_mask),
           filter_kept(kFilter ? c->proc.jnd_fdct_quant_kept : nullptr),
           filter_pair(kFilter ? c->proc.jnd_fdct_quant_kept2 : nullptr),
+          pairs(kFilter ? nullptr : c->proc.fdct_quant_samples2),
           short420(fdct_quant_samples && layout420(c, comp) && (!kFilter || c->proc.jnd_fdct_quant_kept4)) {}
 
     __attribute__((always_inline)) void operator()(const Comp *comp, int16_t *out, kivoe_block_code *code) const {
         constexpr bool jnd_filter = kFilter;
-        if (short420 && plain_mcu420(ctx, comp, jnd_filter, fdct_quant_samples, out, code)) return;
+        if (short420 && (kPlainPairs && !kFilter && pairs ? plain_mcu420<true>(ctx, comp, jnd_filter, fdct_quant_samples, pairs, out, code)
+                               : plain_mcu420<false>(ctx, comp, jnd_filter, fdct_quant_samples, nullptr, out, code)))
+            return;
         auto one = [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
             int16_t *lv = out + 64 * b;
             uint64_t mask;
