@@ -500,7 +500,6 @@ int32_t kivod_dec_pic_prog(kivod_ctx *ctx, kivod_work *w) {
     xelo_imgb *img = ctx->out_imgb;
     const int32_t mode = kivod_out_mode_for(ctx, img);
     if (mode < 0) return mode;
-    if (mode == KIVOD_OUT_PACKED) return KIVO_ERR_UNSUPPORTED;  // packed pairs come from sequential scans only
     const int scale = ctx->scale;
     const int n = 1 << tbl_blk_shift[scale];
     const kivod_idct_fn idct = ctx->dsp.idct[scale];
