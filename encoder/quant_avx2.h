@@ -89,6 +89,27 @@ inline const uint8_t *filtered_thresholds(const __m256i b[2]) {
     return sum_thresholds(_mm_cvtsi128_si32(_mm_add_epi64(sum, _mm_unpackhi_epi64(sum, sum))));
 }
 
+// The coefficients of the block at src (the transform's, two rows a vector)
+// and its thresholds: its samples read straight or, kFilter, through the
+// JND filter, whose output's sum gives the thresholds of the DC
+// coefficient's brightness as the unfiltered samples' sum does.
+template <bool kFilter>
+__attribute__((always_inline)) inline const uint8_t *block_coefficients(const uint8_t *src, int32_t stride, bool suppress,
+                                                                     __m256i c[4]) {
+    __m128i x[8];
+    const uint8_t *row;
+    if (kFilter) {
+        __m256i b[2];
+        jnd_filter_rows(src, stride, b);
+        columns_of_rows(b, x);
+        row = suppress ? filtered_thresholds(b) : kNoThresholds;
+    } else {
+        row = sample_columns(src, stride, suppress, x);
+    }
+    fdct8_columns(x, c);
+    return row;
+}
+
 // The columns of two blocks, filtered, and their thresholds (none without
 // suppression): a pair side by side goes through the filter together.
 __attribute__((always_inline)) inline void filtered_columns2(const uint8_t *a, const uint8_t *b, int32_t stride, bool suppress, __m128i x[2][8],

@@ -313,23 +313,16 @@ uint64_t kivoe_fdct_quant_samples_avx512(const uint8_t *src, int32_t stride, int
 uint64_t kivoe_fdct_quant_kept_samples_avx512(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
                                               const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                               int32_t suppress) {
-    __m128i x[8];
-    const uint8_t *row = sample_columns(src, stride, suppress, x);
     __m256i c[4];
-    fdct8_columns(x, c);
+    const uint8_t *row = block_coefficients<false>(src, stride, suppress, c);
     return kept_steps(c, row, blk, q, recip, half, adapt, suppress);
 }
 
 uint64_t kivoe_jnd_fdct_quant_kept_avx512(const uint8_t *src, int32_t stride, int16_t *blk, const uint16_t *q,
                                           const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                           int32_t suppress) {
-    __m256i b[2];
-    jnd_filter_rows(src, stride, b);
-    __m128i x[8];
-    columns_of_rows(b, x);
-    const uint8_t *row = suppress ? filtered_thresholds(b) : kNoThresholds;
     __m256i c[4];
-    fdct8_columns(x, c);
+    const uint8_t *row = block_coefficients<true>(src, stride, suppress, c);
     return kept_steps(c, row, blk, q, recip, half, adapt, suppress);
 }
 
