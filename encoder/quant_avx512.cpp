@@ -378,6 +378,15 @@ __attribute__((always_inline)) inline void jnd_filter_pair512(const uint8_t *src
     for (int r = 0; r < 8; r += 4) z[r / 4] = jnd_filter_vec512(g[r + 2], g[r], g[r + 1], g[r + 3], g[r + 4]);
 }
 
+// The thresholds of two blocks from s, which holds sums of block a's
+// samples in its even 64-bit lanes and of block b's in its odd ones.
+inline void pair_thresholds(__m512i s, const uint8_t *row[2]) {
+    const __m256i s4 = _mm256_add_epi64(_mm512_castsi512_si256(s), _mm512_extracti64x4_epi64(s, 1));
+    const __m128i s2 = _mm_add_epi64(_mm256_castsi256_si128(s4), _mm256_extracti128_si256(s4, 1));
+    row[0] = sum_thresholds(_mm_cvtsi128_si32(s2));
+    row[1] = sum_thresholds(_mm_extract_epi32(s2, 2));
+}
+
 // fdct8_pair's columns of two blocks filtered, and their thresholds (none
 // without suppression). Blocks side by side go through the filter
 // together, and one byte permute a vector takes their rows to columns.
@@ -401,11 +410,7 @@ __attribute__((always_inline)) inline void filtered_pair_columns(const uint8_t *
     // The sums of eight samples of block a in the even 64-bit lanes, of
     // block b in the odd ones.
     const __m512i zero = _mm512_setzero_si512();
-    const __m512i s = _mm512_add_epi64(_mm512_sad_epu8(z0, zero), _mm512_sad_epu8(z1, zero));
-    const __m256i s4 = _mm256_add_epi64(_mm512_castsi512_si256(s), _mm512_extracti64x4_epi64(s, 1));
-    const __m128i s2 = _mm_add_epi64(_mm256_castsi256_si128(s4), _mm256_extracti128_si256(s4, 1));
-    row[0] = sum_thresholds(_mm_cvtsi128_si32(s2));
-    row[1] = sum_thresholds(_mm_extract_epi32(s2, 2));
+    pair_thresholds(_mm512_add_epi64(_mm512_sad_epu8(z0, zero), _mm512_sad_epu8(z1, zero)), row);
 }
 
 // The 8 x 8 samples at src, row y in bytes 8 y to 8 y + 7.
@@ -433,11 +438,7 @@ __attribute__((always_inline)) inline void sample_pair_columns(const uint8_t *a,
     // The sums of eight samples of block a, then b, in each 128-bit lane.
     const __m512i zero = _mm512_setzero_si512();
     const __m512i sa = _mm512_sad_epu8(za, zero), sb = _mm512_sad_epu8(zb, zero);
-    const __m512i s = _mm512_add_epi64(_mm512_unpacklo_epi64(sa, sb), _mm512_unpackhi_epi64(sa, sb));
-    const __m256i s4 = _mm256_add_epi64(_mm512_castsi512_si256(s), _mm512_extracti64x4_epi64(s, 1));
-    const __m128i s2 = _mm_add_epi64(_mm256_castsi256_si128(s4), _mm256_extracti128_si256(s4, 1));
-    row[0] = sum_thresholds(_mm_cvtsi128_si32(s2));
-    row[1] = sum_thresholds(_mm_extract_epi32(s2, 2));
+    pair_thresholds(_mm512_add_epi64(_mm512_unpacklo_epi64(sa, sb), _mm512_unpackhi_epi64(sa, sb)), row);
 }
 
 // Two blocks transformed together before either is quantized, the first
