@@ -202,11 +202,12 @@ struct Slice {
     } blocks[10];
     int n_blocks;
     // Band output: where the slice stands for the sink, the ring line of
-    // each scan component's current MCU row, and the scan component of the
-    // luma plane.
+    // each scan component's current MCU row.
     kivod_band band;
     uint8_t *band_row[4];
-    int band_luma;
+    // The scan component of luma, which band and packed output hold (0 in a
+    // scan without it).
+    int luma_k;
     // Direct output: each scan component's plane and the block columns and
     // rows that lie wholly inside it (the others go through kivod_out_block).
     uint8_t *plane[4];
@@ -284,8 +285,6 @@ void open_band(Slice &j) {
         b.stride[c] = used ? ctx->line_w[c] : 0;
         b.ring[c] = used ? ctx->band_ring[c] : 0;
     }
-    j.band_luma = 0;
-    while (j.sc[j.band_luma].c != 0) ++j.band_luma;
     kivod_band_span(ctx, slice, &b);
     set_band_rows(j);
 }
@@ -497,11 +496,8 @@ bool decode_mcu(Slice &j, kivod_bs *bs, int32_t *held) {
     kivod_win_close(&win, bs);
     if (j.mode == KIVOD_OUT_PACKED) {
         run_waiting(j);
-        // The MCU's place from the luma blocks (a packed scan holds every
-        // component).
-        int k0 = 0;
-        while (j.sc[k0].c != 0) ++k0;
-        kivod_out_pack_mcu(ctx, j.mcu_buf, j.sc[k0].col * 8, j.sc[k0].row * 8);
+        // The MCU's place from the luma blocks.
+        kivod_out_pack_mcu(ctx, j.mcu_buf, j.sc[j.luma_k].col * 8, j.sc[j.luma_k].row * 8);
     }
     for (int k = 0; k < j.ns; ++k) j.sc[k].col += j.sc[k].h;
     return true;
@@ -516,7 +512,7 @@ void next_row(Slice &j) {
         j.sc[k].col = 0;
     }
     if (j.mode == KIVOD_OUT_BANDS) {
-        j.band.done = j.sc[j.band_luma].row * 8;
+        j.band.done = j.sc[j.luma_k].row * 8;
         j.ctx->bands->rows_done(j.ctx->bands->user, &j.band);
         set_band_rows(j);
         return;
@@ -695,7 +691,9 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     std::memset(w->ac_count, 0, sizeof(w->ac_count));
     setup_comps(ctx, j.sc, j.stats ? w->dc_count : nullptr, j.stats ? w->ac_count : nullptr);
     list_blocks(j);
+    j.luma_k = 0;
     for (int k = 0; k < j.ns; ++k) {
+        if (j.sc[k].c == 0) j.luma_k = k;
         j.sc[k].row = w->start_row[k];
         // Rows a scan reached are noted once all its slices are done.
         j.clear_levels[k] = j.mode == KIVOD_OUT_LEVELS && ctx->comp_rows[j.sc[k].c] >= 0;

@@ -378,6 +378,13 @@ __attribute__((always_inline)) inline void jnd_filter_pair512(const uint8_t *src
     for (int r = 0; r < 8; r += 4) z[r / 4] = jnd_filter_vec512(g[r + 2], g[r], g[r + 1], g[r + 3], g[r + 4]);
 }
 
+// fdct8_pair's columns P from the samples in z0 and z1 by the byte permutes
+// idx, each sample to the low byte of its word.
+inline void permuted_columns(__m512i z0, __m512i z1, const uint8_t (&idx)[4][64], __m512i P[4]) {
+    for (int i = 0; i < 4; ++i)
+        P[i] = _mm512_maskz_permutex2var_epi8(0x5555555555555555u, z0, _mm512_load_si512(idx[i]), z1);
+}
+
 // The thresholds of two blocks from s, which holds sums of block a's
 // samples in its even 64-bit lanes and of block b's in its odd ones.
 inline void pair_thresholds(__m512i s, const uint8_t *row[2]) {
@@ -401,8 +408,7 @@ __attribute__((always_inline)) inline void filtered_pair_columns(const uint8_t *
     __m512i z[2];
     jnd_filter_pair512(a, stride, z);
     const __m512i z0 = z[0], z1 = z[1];
-    for (int i = 0; i < 4; ++i)
-        P[i] = _mm512_maskz_permutex2var_epi8(0x5555555555555555u, z0, _mm512_load_si512(kPairIndex.columns[i]), z1);
+    permuted_columns(z0, z1, kPairIndex.columns, P);
     if (!suppress) {
         row[0] = row[1] = kNoThresholds;
         return;
@@ -429,8 +435,7 @@ inline __m512i load_block_u8(const uint8_t *src, int32_t stride) {
 __attribute__((always_inline)) inline void sample_pair_columns(const uint8_t *a, const uint8_t *b, int32_t stride,
                                                                 bool suppress, __m512i P[4], const uint8_t *row[2]) {
     const __m512i za = load_block_u8(a, stride), zb = load_block_u8(b, stride);
-    for (int i = 0; i < 4; ++i)
-        P[i] = _mm512_maskz_permutex2var_epi8(0x5555555555555555u, za, _mm512_load_si512(kPairIndex.blocks[i]), zb);
+    permuted_columns(za, zb, kPairIndex.blocks, P);
     if (!suppress) {
         row[0] = row[1] = kNoThresholds;
         return;
