@@ -224,19 +224,23 @@ namespace {
     "vmovn.i16 " F0 ", q2\n\t" "vmovn.i16 " F1 ", q3\n\t"
 // The first pass two rows a step: c in q8 q9 (then |c|), recip in q10 q11,
 // the offsets in q12 q13, the magnitudes to q14 q15.
-#define KIVO_PASS1_ADAPT                                                                                            \
+#define KIVO_PASS1_ADAPT(R0, R1)                                                                                    \
     "vld1.16 {d16-d19}, [%[b]]!\n\t" "vld1.16 {d20-d23}, [%[r]]!\n\t" "vld1.16 {d24-d27}, [%[o]]!\n\t"        \
     "vabs.s16 q8, q8\n\t" "vabs.s16 q9, q9\n\t"                                                                  \
     "vmovl.u16 q0, d24\n\t" "vmovl.u16 q1, d25\n\t" "vmlal.u16 q0, d16, d20\n\t" "vmlal.u16 q1, d17, d21\n\t"  \
     "vshrn.i32 d28, q0, #14\n\t" "vshrn.i32 d29, q1, #14\n\t"                                                    \
     "vmovl.u16 q0, d26\n\t" "vmovl.u16 q1, d27\n\t" "vmlal.u16 q0, d18, d22\n\t" "vmlal.u16 q1, d19, d23\n\t"  \
-    "vshrn.i32 d30, q0, #14\n\t" "vshrn.i32 d31, q1, #14\n\t" KIVO_PAIR_STORE
-#define KIVO_PASS1_HALF                                                                                             \
+    "vshrn.i32 d30, q0, #14\n\t" "vshrn.i32 d31, q1, #14\n\t" KIVO_PAIR_STORE(R0, R1)
+#define KIVO_PASS1_HALF(R0, R1)                                                                                     \
     "vld1.16 {d16-d19}, [%[b]]!\n\t" "vld1.16 {d20-d23}, [%[r]]!\n\t" "vld1.16 {d24-d27}, [%[o]]!\n\t"        \
     "vabs.s16 q8, q8\n\t" "vabs.s16 q9, q9\n\t" "vadd.i16 q14, q8, q12\n\t" "vadd.i16 q15, q9, q13\n\t"        \
     "vshl.i16 q14, q14, #1\n\t" "vshl.i16 q15, q15, #1\n\t" "vqdmulh.s16 q14, q14, q10\n\t"                     \
-    "vqdmulh.s16 q15, q15, q11\n\t" KIVO_PAIR_STORE
-#define KIVO_PAIR_STORE "vst1.16 {d28-d31}, [%[m]]!\n\t" "vadd.i16 q2, q2, q14\n\t" "vadd.i16 q2, q2, q15\n\t"
+    "vqdmulh.s16 q15, q15, q11\n\t" KIVO_PAIR_STORE(R0, R1)
+// The pair's magnitudes stored and added up, and narrowed (saturating) to
+// the bytes of the d registers R0 and R1 for the rows' maxima.
+#define KIVO_PAIR_STORE(R0, R1)                                                                                     \
+    "vst1.16 {d28-d31}, [%[m]]!\n\t" "vadd.i16 q2, q2, q14\n\t" "vadd.i16 q2, q2, q15\n\t"                   \
+    "vqmovn.u16 " R0 ", q14\n\t" "vqmovn.u16 " R1 ", q15\n\t"
 #define KIVO_IN_MAG                                                                                                 \
     "vld1.16 {d16-d17}, [%[b]]\n\t" "vld1.16 {d18-d19}, [%[r]]!\n\t" "vld1.16 {d22-d23}, [%[q]]!\n\t"         \
     "vld1.16 {d26-d27}, [%[m]]!\n\t" "vabs.s16 q12, q8\n\t"
@@ -245,6 +249,22 @@ namespace {
 #define KIVO_PASS2_HALF(F) KIVO_IN_MAG KIVO_FINISH_HALF(F)
 #define KIVO_PASS2_HALF_SUPPRESS(F) KIVO_IN_MAG KIVO_SUPPRESS KIVO_FINISH_HALF(F)
 #define KIVO_EIGHT(ROW) ROW("d8") ROW("d9") ROW("d10") ROW("d11") ROW("d12") ROW("d13") ROW("d14") ROW("d15")
+#define KIVO_PASS1(PAIR) PAIR("d8", "d9") PAIR("d10", "d11") PAIR("d12", "d13") PAIR("d14", "d15")
+// The rows' maxima of d8-d15 (one a register) to the bytes of d0, row 0
+// first, and on to rlo (rows 0-3) and rhi (rows 4-7).
+#define KIVO_ROW_MAXIMA                                                                                             \
+    "vpmax.u8 d0, d8, d9\n\t" "vpmax.u8 d1, d10, d11\n\t" "vpmax.u8 d2, d12, d13\n\t" "vpmax.u8 d3, d14, d15\n\t" \
+    "vpmax.u8 d0, d0, d1\n\t" "vpmax.u8 d1, d2, d3\n\t" "vpmax.u8 d0, d0, d1\n\t" "vmov %[rlo], %[rhi], d0\n\t"
+// The second pass over the rows before the first of the trailing rows
+// whose magnitudes are all 0 (rows, at least 1); those rows' levels are 0
+// and their zero flags all set, and their offsets stay. q2 holds 0.
+#define KIVO_UNTIL(K) "cmp %[rows], #" #K "\n\t" "bls .Lkept_zero" #K "_%=\n\t"
+#define KIVO_ZERO_ROW(K, F) ".Lkept_zero" #K "_%=:\n\t" "vst1.16 {d4-d5}, [%[b]]!\n\t" "vmov.i8 " F ", #255\n\t"
+#define KIVO_EIGHT_UNTIL(ROW)                                                                                       \
+    ROW("d8") KIVO_UNTIL(1) ROW("d9") KIVO_UNTIL(2) ROW("d10") KIVO_UNTIL(3) ROW("d11") KIVO_UNTIL(4) ROW("d12")    \
+    KIVO_UNTIL(5) ROW("d13") KIVO_UNTIL(6) ROW("d14") KIVO_UNTIL(7) ROW("d15") "b .Lkept_rows_%=\n\t"             \
+    KIVO_ZERO_ROW(1, "d9") KIVO_ZERO_ROW(2, "d10") KIVO_ZERO_ROW(3, "d11") KIVO_ZERO_ROW(4, "d12")                   \
+    KIVO_ZERO_ROW(5, "d13") KIVO_ZERO_ROW(6, "d14") KIVO_ZERO_ROW(7, "d15") ".Lkept_rows_%=:\n\t"
 // The zero flags of d8-d15 in zig-zag order (rows 0-3 by vtbl, rows 4-7
 // by vtbx on the indices minus 32), one bit a flag, into lo and hi.
 #define KIVO_ZIGZAG                                                                                                 \
@@ -261,10 +281,11 @@ namespace {
     "vpadd.i8 d27, d30, d31\n\t" "vpadd.i8 d24, d24, d25\n\t" "vpadd.i8 d25, d26, d27\n\t"                      \
     "vpadd.i8 d24, d24, d25\n\t" "vmov %[lo], %[hi], d24\n\t"
 #define KIVO_CONSTS "vmov.i16 q2, #0\n\t" "vmov.i16 q3, #8192\n\t"
-#define KIVO_KEPT_OPERANDS                                                                                          \
+#define KIVO_KEPT_OPERANDS KIVO_KEPT_OPERANDS_OF()
+#define KIVO_KEPT_OPERANDS_OF(...)                                                                                  \
     : [lo] "=r"(lo), [hi] "=r"(hi), [b] "+r"(b), [r] "+r"(r), [o] "+r"(o), [q] "+r"(qq), [t] "+r"(t),            \
       [m] "+r"(mp), [z] "+r"(zig)                                                                                   \
-    :                                                                                                               \
+    : __VA_ARGS__                                                                                                   \
     : "memory", "d0", "d1", "d2", "d3", "d4", "d5", "d6", "d7", "d8", "d9", "d10", "d11", "d12", "d13", "d14",     \
       "d15", "d16", "d17", "d18", "d19", "d20", "d21", "d22", "d23", "d24", "d25", "d26", "d27", "d28", "d29",    \
       "d30", "d31"
@@ -290,30 +311,35 @@ __attribute__((noinline)) uint64_t kept_block(int16_t *blk, const uint16_t *q, c
     // The magnitudes first: whether the AC ones add up to more than 7
     // decides whether the block is suppressed (their sum per lane stays
     // within 8 x 1151).
-    uint32_t total;
+    uint32_t total, rlo, rhi;
     {
         int16_t *b1 = b;
         const uint16_t *r1 = r, *o1 = o;
         uint16_t *m1 = mag;
 #define KIVO_PASS1_OPERANDS                                                                                         \
-    : [tot] "=r"(total), [b] "+r"(b1), [r] "+r"(r1), [o] "+r"(o1), [m] "+r"(m1)                                   \
+    : [tot] "=r"(total), [rlo] "=r"(rlo), [rhi] "=r"(rhi), [b] "+r"(b1), [r] "+r"(r1), [o] "+r"(o1), [m] "+r"(m1) \
     :                                                                                                               \
-    : "memory", "d0", "d1", "d2", "d3", "d4", "d5", "d6", "d7", "d16", "d17", "d18", "d19", "d20", "d21", "d22",  \
-      "d23", "d24", "d25", "d26", "d27", "d28", "d29", "d30", "d31"
+    : "memory", "d0", "d1", "d2", "d3", "d4", "d5", "d6", "d7", "d8", "d9", "d10", "d11", "d12", "d13", "d14",     \
+      "d15", "d16", "d17", "d18", "d19", "d20", "d21", "d22", "d23", "d24", "d25", "d26", "d27", "d28", "d29",    \
+      "d30", "d31"
 #define KIVO_SUM "vpaddl.u16 q2, q2\n\t" "vpaddl.u32 q2, q2\n\t" "vadd.i64 d4, d4, d5\n\t" "vmov.32 %[tot], d4[0]\n\t"
-        if (adapt) asm volatile("vmov.i16 q2, #0\n\t" KIVO_PASS1_ADAPT KIVO_PASS1_ADAPT KIVO_PASS1_ADAPT KIVO_PASS1_ADAPT KIVO_SUM KIVO_PASS1_OPERANDS);
-        else asm volatile("vmov.i16 q2, #0\n\t" KIVO_PASS1_HALF KIVO_PASS1_HALF KIVO_PASS1_HALF KIVO_PASS1_HALF KIVO_SUM KIVO_PASS1_OPERANDS);
+        if (adapt) asm volatile("vmov.i16 q2, #0\n\t" KIVO_PASS1(KIVO_PASS1_ADAPT) KIVO_ROW_MAXIMA KIVO_SUM KIVO_PASS1_OPERANDS);
+        else asm volatile("vmov.i16 q2, #0\n\t" KIVO_PASS1(KIVO_PASS1_HALF) KIVO_ROW_MAXIMA KIVO_SUM KIVO_PASS1_OPERANDS);
 #undef KIVO_PASS1_OPERANDS
 #undef KIVO_SUM
     }
     const bool busy = total - mag[0] > 7;
+    // Rows up to the last one with a magnitude that is not 0 (row 0 always).
+    const uint32_t rows = rhi ? 8 - (__builtin_clz(rhi) >> 3) : rlo ? 4 - (__builtin_clz(rlo) >> 3) : 1;
+#define KIVO_ROWS_OPERANDS KIVO_KEPT_OPERANDS_OF([rows] "r"(rows))
     if (adapt) {
-        if (busy) asm volatile(KIVO_CONSTS KIVO_EIGHT(KIVO_PASS2_ADAPT_SUPPRESS) KIVO_ZIGZAG KIVO_KEPT_OPERANDS);
-        else asm volatile(KIVO_CONSTS KIVO_EIGHT(KIVO_PASS2_ADAPT) KIVO_ZIGZAG KIVO_KEPT_OPERANDS);
+        if (busy) asm volatile(KIVO_CONSTS KIVO_EIGHT_UNTIL(KIVO_PASS2_ADAPT_SUPPRESS) KIVO_ZIGZAG KIVO_ROWS_OPERANDS);
+        else asm volatile(KIVO_CONSTS KIVO_EIGHT_UNTIL(KIVO_PASS2_ADAPT) KIVO_ZIGZAG KIVO_ROWS_OPERANDS);
     } else {
-        if (busy) asm volatile(KIVO_EIGHT(KIVO_PASS2_HALF_SUPPRESS) KIVO_ZIGZAG KIVO_KEPT_OPERANDS);
-        else asm volatile(KIVO_EIGHT(KIVO_PASS2_HALF) KIVO_ZIGZAG KIVO_KEPT_OPERANDS);
+        if (busy) asm volatile("vmov.i16 q2, #0\n\t" KIVO_EIGHT_UNTIL(KIVO_PASS2_HALF_SUPPRESS) KIVO_ZIGZAG KIVO_ROWS_OPERANDS);
+        else asm volatile("vmov.i16 q2, #0\n\t" KIVO_EIGHT_UNTIL(KIVO_PASS2_HALF) KIVO_ZIGZAG KIVO_ROWS_OPERANDS);
     }
+#undef KIVO_ROWS_OPERANDS
     return ~(static_cast<uint64_t>(hi) << 32 | lo) & ~uint64_t(1);
 }
 
@@ -335,9 +361,15 @@ __attribute__((noinline)) uint64_t kept_block(int16_t *blk, const uint16_t *q, c
 #undef KIVO_PASS2_HALF
 #undef KIVO_PASS2_HALF_SUPPRESS
 #undef KIVO_EIGHT
+#undef KIVO_PASS1
+#undef KIVO_ROW_MAXIMA
+#undef KIVO_UNTIL
+#undef KIVO_ZERO_ROW
+#undef KIVO_EIGHT_UNTIL
 #undef KIVO_ZIGZAG
 #undef KIVO_CONSTS
 #undef KIVO_KEPT_OPERANDS
+#undef KIVO_KEPT_OPERANDS_OF
 
 // The samples at src widened into blk.
 inline void widen(const uint8_t *src, int32_t stride, int16_t *blk) {
