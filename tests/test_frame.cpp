@@ -136,8 +136,8 @@ TEST(Frame, RefusedThreadFailsTheConstructors) {
     EXPECT_EQ(WEXITSTATUS(wstatus), 0);
 }
 
-// A smaller request re-shapes the same record, a larger one makes a new one,
-// grey has no chroma; a record without an image buffer is left alone and an
+// A smaller request re-shapes the same record, a larger one makes a new one
+// (which the allocator may place where the old one was), grey has no chroma; a record without an image buffer is left alone and an
 // image buffer that cannot be made gives KIVO_ERR_IMGB.
 TEST(Frame, PictureBufferReuseGrowthAndGrey) {
     kivo_picbuf_param p{kivo_picbuf_alloc, kivo_picbuf_free, 64, 48, XELO_CS_YCBCR420, 4, 4, 64, 48};
@@ -152,7 +152,7 @@ TEST(Frame, PictureBufferReuseGrowthAndGrey) {
     for (const auto &s : steps) {
         p.width = s.w, p.height = s.h, p.cap_width = s.cap_w, p.cap_height = s.cap_h, p.color_format = s.cs;
         kivo_picbuf *next = kivo_picbuf_alloc(&p, pic, &status);
-        ASSERT_TRUE(next && (next == pic) == s.same && next->imgb->stride[0] >= s.w) << s.w;
+        ASSERT_TRUE(next && (next == pic || !s.same) && next->imgb->stride[0] >= s.w) << s.w;
         EXPECT_TRUE(next->width == s.w && next->height == s.h && next->width_c == s.wc && next->height_c == s.hc) << s.w;
         pic = next;
     }
