@@ -191,6 +191,9 @@ KIVO_API int32_t kivoe_encode(kivoe_ctx *ctx, const kivoe_output *out, int32_t *
     kivoe_ctx *c = checked(ctx);
     if (!c) return KIVO_ERR_INVALID_ARG;
     if (!c->proc.enc) return KIVO_ERR_UNAVAILABLE;
+    // Without a place for its size the stream could not be used: refused
+    // before the encode, which would use up the picture.
+    if (!written) return KIVO_ERR_INVALID_ARG;
     return c->proc.enc(c, out, written);
 }
 

@@ -57,10 +57,10 @@ KIVO_API int32_t kivoe_set_progressive(kivoe_ctx *ctx, int32_t on);
  * (negative ones included) or fewer lines than its height gives
  * KIVO_ERR_IMGB. A refused push changes nothing. */
 KIVO_API int32_t kivoe_push(kivoe_ctx *ctx, xelo_imgb *imgb);
-/* Encodes the pushed picture; stores the stream's size through written.
- * Output memory too small for the stream gives KIVO_ERR_INVALID_ARG with
- * nothing written past its end; like every encode that gets past its
- * argument checks, it uses up the picture (in-place planes need only live
+/* Encodes the pushed picture; stores the stream's size through written
+ * (null: KIVO_ERR_INVALID_ARG, and the picture stays pushed). Output
+ * memory too small for the stream gives KIVO_ERR_INVALID_ARG with nothing
+ * written past its end; like every encode that gets past its argument checks, it uses up the picture (in-place planes need only live
  * until the call returns), so push it again before encoding into more
  * memory. */
 KIVO_API int32_t kivoe_encode(kivoe_ctx *ctx, const kivoe_output *out, int32_t *written);

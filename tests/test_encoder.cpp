@@ -101,7 +101,14 @@ TEST(Encoder, FrameInput) {
         if (field == 2) shorter.lines[1] = shorter.lines[2] = 19;
         EXPECT_EQ(kivoe_push(e, &shorter), KIVO_ERR_IMGB) << field;
     }
-    EXPECT_TRUE((img->color_format = 11, kivoe_push(e, img)) == 0 && encode_into(e, &out) == KIVO_ERR_INVALID_ARG);
+    // No place for the size: refused before the encode, the picture stays pushed.
+    std::vector<uint8_t> room(1 << 16);
+    xelo_bitb b{};
+    b.addr = room.data(), b.ssize = static_cast<int32_t>(room.size());
+    const kivoe_output o{KIVOD_INPUT_BITB, &b, nullptr};
+    EXPECT_TRUE((img->color_format = 11, kivoe_push(e, img)) == 0 && kivoe_encode(e, &o, nullptr) == KIVO_ERR_INVALID_ARG &&
+                encode_into(e, &room) == 0);
+    EXPECT_TRUE(kivoe_push(e, img) == 0 && encode_into(e, &out) == KIVO_ERR_INVALID_ARG);
     img->release(img), kivoe_delete(e);
 }
 
