@@ -273,6 +273,7 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
     std::memset(&ctx->main_bs, 0, sizeof(ctx->main_bs));
     std::memset(&ctx->fh, 0, sizeof(ctx->fh));
     ctx->progressive = 0;
+    ctx->first_scan_ns = 0;
     for (int32_t &r : ctx->comp_rows) r = -1;
     ctx->reached_end = 0;
     ctx->app_bytes = 0;
@@ -288,6 +289,7 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
     if (kivod_vld_soi(bs) != 0) return fail(ctx, KIVO_ERR_MALFORMED);
 
     bool have_frame = false;
+    int32_t scan_header_read = 0;  // bytes of the first scan's header read past its marker
     for (;;) {
         if (bs->read_byte(bs, 1) == 0xFF) {
             const uint32_t m = bs->read_byte(bs, 1);
@@ -309,6 +311,17 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
             } else if (m == 0xDD) {
                 kivod_vld_dri(bs, &ctx->dri);
             } else if (m == 0xDA) {
+                // The first scan's component count (after its length) tells
+                // packed output, before any scan is decoded, whether the
+                // components come interleaved; a header cut short leaves it
+                // unread.
+                const int64_t left = bs->type == KIVOD_INPUT_BITB
+                                         ? (bs->cur > bs->end ? 0 : int64_t(bs->end - bs->cur) + 1)
+                                         : int64_t(bs->last) + 1 - int64_t(bs->pos);
+                if (left >= 3) {
+                    ctx->first_scan_ns = static_cast<int32_t>(bs->read_byte(bs, 3) & 0xFF);
+                    scan_header_read = 3;
+                }
                 break;
             } else if (m == 0xFE) {
                 if (kivod_vld_skip_seg(bs) != 0) return fail(ctx, KIVO_ERR_MALFORMED);
@@ -327,7 +340,7 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
     if (!have_frame) return fail(ctx, KIVO_ERR_UNSUPPORTED);
 
     // Back onto the SOS marker.
-    ret = kivod_bs_rewind_cache(bs, 2);
+    ret = kivod_bs_rewind_cache(bs, 2 + scan_header_read);
     if (ret != 0) return fail(ctx, ret);
 
     const kivod_fh &fh = ctx->fh;

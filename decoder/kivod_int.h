@@ -440,6 +440,7 @@ struct kivod_ctx {
     uint8_t n_dqt;
     uint8_t n_dht;
     int32_t progressive;
+    int32_t first_scan_ns;   // components the frame's first scan names (0: not read)
     int32_t color_format;
     int32_t scale;
     int32_t n_threads;

@@ -20,8 +20,10 @@ namespace {
 // Huffman tables of one or two codes. `apps` times an APP1 segment and a
 // comment before the tables. Grey, or with luma factors `luma` (as in SOF)
 // three components, Cb and Cr at 1 x 1, all on the same tables, so that
-// the scan may name Cb first (`cb_first`) and still decode.
-std::vector<uint8_t> grey_stream(int w, int h, int q, int apps, uint8_t luma = 0, bool cb_first = false) {
+// the scan may name Cb first (`cb_first`) and still decode; with luma 0x11
+// they may come in `separate` scans.
+std::vector<uint8_t> grey_stream(int w, int h, int q, int apps, uint8_t luma = 0, bool cb_first = false,
+                                 bool separate = false) {
     std::vector<uint8_t> s = {0xFF, 0xD8};
     for (int i = 0; i < apps; ++i) {
         const char app[] = "Exif\0\0abc";
@@ -38,15 +40,18 @@ std::vector<uint8_t> grey_stream(int w, int h, int q, int apps, uint8_t luma = 0
     // DC: code 00 = category 0, code 01 = category 1. AC: code 0 = EOB.
     s.insert(s.end(), {0xFF, 0xC4, 0x00, 0x15, 0x00, 0, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x00, 0x01});
     s.insert(s.end(), {0xFF, 0xC4, 0x00, 0x14, 0x10, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x00});
-    s.insert(s.end(), {0xFF, 0xDA, 0x00, static_cast<uint8_t>(6 + 2 * n), n});
-    for (uint8_t k = 1; k <= n; ++k) s.insert(s.end(), {static_cast<uint8_t>(cb_first && k < 3 ? 3 - k : k), 0x00});
-    s.insert(s.end(), {0x00, 0x3F, 0x00});
-    // Blocks alternate DC +1 ("01 1" then EOB "0") and DC -1 ("01 0", "0"):
-    // a byte 0110 0100 per pair, then 0110 and padding.
-    const int hf = luma ? luma >> 4 : 1, vf = luma ? luma & 15 : 1;
-    const int blocks = ((w + 8 * hf - 1) / (8 * hf)) * ((h + 8 * vf - 1) / (8 * vf)) * (hf * vf + n - 1);
-    s.insert(s.end(), blocks / 2, 0x64);
-    if (blocks % 2) s.push_back(0x6F);
+    for (uint8_t first = 1; first <= n; first = separate ? first + 1 : n + 1) {
+        const uint8_t ns = separate ? 1 : n;
+        s.insert(s.end(), {0xFF, 0xDA, 0x00, static_cast<uint8_t>(6 + 2 * ns), ns});
+        for (uint8_t k = first; k < first + ns; ++k) s.insert(s.end(), {static_cast<uint8_t>(cb_first && k < 3 ? 3 - k : k), 0x00});
+        s.insert(s.end(), {0x00, 0x3F, 0x00});
+        // Blocks alternate DC +1 ("01 1" then EOB "0") and DC -1 ("01 0", "0"):
+        // a byte 0110 0100 per pair, then 0110 and padding.
+        const int hf = luma ? luma >> 4 : 1, vf = luma ? luma & 15 : 1;
+        const int blocks = ((w + 8 * hf - 1) / (8 * hf)) * ((h + 8 * vf - 1) / (8 * vf)) * (hf * vf + ns - 1);
+        s.insert(s.end(), blocks / 2, 0x64);
+        if (blocks % 2) s.push_back(0x6F);
+    }
     s.insert(s.end(), {0xFF, 0xD9});
     return s;
 }
@@ -361,6 +366,13 @@ TEST(DecApi, PackedPairsFollowTheComponents) {
             planar->release(planar);
             packed->release(packed);
         }
+    // Separate scans: refused with the buffer's other checks, the headers stay.
+    std::vector<uint8_t> s = grey_stream(48, 24, 64, 0, 0x11, false, true);
+    ASSERT_EQ(decode_mem(h.ctx, s, &info), 0);
+    xelo_imgb *planar = make_img(48, 24, info.color_format), *packed = make_img(48, 24, XELO_CS_YUYV);
+    EXPECT_TRUE(kivod_clone(h.ctx, packed) == KIVO_ERR_UNSUPPORTED && kivod_clone(h.ctx, planar) == 0);
+    planar->release(planar);
+    packed->release(packed);
 }
 
 TEST(DecApi, FileInterface) {
