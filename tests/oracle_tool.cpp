@@ -158,6 +158,16 @@ TEST(OracleTool, RefusesBombsAndMisleadingInputs) {
     for (const char *bad : {"abc", "-1", "1.5G", "4GB"}) EXPECT_EQ(run(tool::cmd_info, {path, "--max-pixels", bad}), 2) << bad;
     const std::string text = testing::internal::GetCapturedStdout();
     EXPECT_NE(text.find("size: 65535 x 65535"), std::string::npos) << text;
+    // A coding the library does not decode is named, not blamed on a limit.
+    jpg = small_grey();
+    size_t sof = 2;
+    while (!(jpg[sof] == 0xFF && jpg[sof + 1] == 0xC0)) ++sof;
+    jpg[sof + 1] = 0xC9;
+    ASSERT_TRUE(tool::write_file(path, jpg));
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(run(tool::cmd_info, {path}), 1);
+    const std::string why = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(why.find("arithmetic-coded") != std::string::npos && why.find("limit") == std::string::npos) << why;
     std::remove(path.c_str());
     // encode holds PNG and PNM input to the pixel limit before taking the
     // samples' memory (a PNG of 842 bytes may declare 65535 x 65535).

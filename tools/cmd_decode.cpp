@@ -57,9 +57,9 @@ struct Decoder {
     ~Decoder() { kivod_delete(ctx); }
 };
 
-int fail(const char *what, int32_t status) {
+int fail(const char *what, int32_t status, const char *input = nullptr) {
     message("kivo: %s: %s (%d)\n", what, kivo_strerror(status), status);
-    limit_hint(status);
+    limit_hint(status, input);
     return 1;
 }
 
@@ -67,7 +67,7 @@ int fail(const char *what, int32_t status) {
 // given: its sampling layout is not one the decoder reconstructs (a limit
 // refuses before the size is known or after the layout is).
 int fail_open(const char *what, int32_t status, const kivod_frame_info &info) {
-    if (status != KIVO_ERR_UNSUPPORTED || info.width == 0 || info.color_format != 0) return fail(what, status);
+    if (status != KIVO_ERR_UNSUPPORTED || info.width == 0 || info.color_format != 0) return fail(what, status, what);
     message("kivo: %s: its sampling layout is not one this library decodes to pixels (%d); "
             "kivo transcode --mode lossless still codes it again\n", what, status);
     return 1;
@@ -207,7 +207,7 @@ int cmd_decode(int argc, char **argv) {
     int rc = 0;
     if (ret != 0) {
         // Whatever was decoded is still written, so a damaged stream can be looked at.
-        fail(in.c_str(), ret);
+        fail(in.c_str(), ret, in.c_str());
         rc = 1;
     }
     kivod_progress progress{};

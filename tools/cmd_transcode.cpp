@@ -74,7 +74,7 @@ bool transcode_file(const std::string &in, const std::string &out, Settings st, 
     kivot_delete(t);
     if (status != 0) {
         message("kivo: %s: %s (%d)\n", in.c_str(), kivo_strerror(status), status);
-        limit_hint(status);
+        limit_hint(status, in.c_str());
         return false;
     }
     buf.resize(static_cast<size_t>(written));

@@ -1,5 +1,6 @@
 // The decoder limits the kivo tool sets on every input: safe defaults for
 // pictures from anywhere, each one lifted with its option set to 0.
+#include <cstdio>
 #include <cstring>
 #include <string>
 
@@ -41,6 +42,44 @@ bool limit_value(const char *text, int64_t *v) {
     return x <= (int64_t(1) << 62);
 }
 
+// What the headers of the JPEG file name that the library does not decode
+// (arithmetic, lossless or hierarchical coding, samples of other than 8
+// bits, a progressive frame with restart intervals), or null: a decoded
+// coding, no frame header before the first scan, or not a file to read
+// again (a pipe).
+const char *undecoded_coding(const char *path) {
+    FILE *f = std::fopen(path, "rb");
+    if (!f) return nullptr;
+    int c = std::fgetc(f), sof = 0, precision = 0, interval = 0;
+    bool jpeg = c == 0xFF && std::fgetc(f) == 0xD8;
+    while (jpeg) {
+        while ((c = std::fgetc(f)) != EOF && c != 0xFF) {}
+        while (c == 0xFF) c = std::fgetc(f);  // fill bytes
+        if (c == EOF || c == 0xDA || c == 0xD9) break;
+        if ((c >= 0xD0 && c <= 0xD7) || c == 0x01) continue;  // no length
+        const int hi = std::fgetc(f), lo = std::fgetc(f), length = hi << 8 | lo;
+        if (lo == EOF || length < 2) break;
+        long skip = length - 2;
+        if (c >= 0xC0 && c <= 0xCF && c != 0xC4 && c != 0xC8 && c != 0xCC && !sof) {
+            sof = c;
+            precision = std::fgetc(f);
+            --skip;
+        } else if (c == 0xDD && length >= 4) {
+            interval = std::fgetc(f) << 8;
+            interval |= std::fgetc(f);
+            skip -= 2;
+        }
+        if (std::fseek(f, skip, SEEK_CUR) != 0) break;
+    }
+    std::fclose(f);
+    if (sof & 0x08) return "arithmetic-coded JPEG";
+    if ((sof & 3) == 3) return "lossless JPEG";
+    if (sof >= 0xC5) return "hierarchical JPEG";
+    if (sof && precision != 8) return "JPEG of other than 8-bit samples";
+    if (sof == 0xC2 && interval > 0) return "progressive JPEG with restart intervals";
+    return nullptr;
+}
+
 }  // namespace
 
 int limit_option(const std::string &a, int argc, char **argv, int *i, kivod_limits *l) {
@@ -62,8 +101,10 @@ int limit_option(const std::string &a, int argc, char **argv, int *i, kivod_limi
     return 1;
 }
 
-void limit_hint(int32_t status) {
-    if (status == KIVO_ERR_UNSUPPORTED || status == KIVO_ERR_OUT_OF_MEMORY)
+void limit_hint(int32_t status, const char *input) {
+    const char *coding = status == KIVO_ERR_UNSUPPORTED && input ? undecoded_coding(input) : nullptr;
+    if (coding) message("kivo: %s: this library does not decode %s\n", input, coding);
+    else if (status == KIVO_ERR_UNSUPPORTED || status == KIVO_ERR_OUT_OF_MEMORY)
         message("kivo: a limit may have refused it: --max-pixels, --max-scans, --max-memory and "
                 "--max-app-bytes set them (0 lifts one), --no-limits lifts all\n");
 }
