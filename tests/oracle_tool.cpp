@@ -263,6 +263,10 @@ TEST(OracleTool, PipesAndLinks) {
     EXPECT_TRUE(tool::write_file(link, {4, 5}));
     EXPECT_TRUE(fs::is_symlink(link));
     EXPECT_EQ(fs::file_size(dir / "target"), 2u);
+    // A link to a file not there yet: the file is made, the link stays.
+    fs::create_symlink("new", dir / "dangling");
+    EXPECT_TRUE(tool::write_file((dir / "dangling").string(), {6}));
+    EXPECT_TRUE(fs::is_symlink(dir / "dangling") && fs::exists(dir / "new") && fs::file_size(dir / "new") == 1u);
     fs::remove_all(dir);
 }
 

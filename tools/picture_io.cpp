@@ -67,13 +67,25 @@ bool write_file(const std::string &name, const std::vector<uint8_t> &bytes) {
         if (fd >= 0) close(fd);
         return ok;
     }
-    // A symbolic link stays one: the file it leads to is replaced.
+    // A symbolic link stays one: the file it leads to is replaced, or
+    // created when it does not exist yet (as a shell's > would), in its
+    // own directory, which must exist.
     std::string path = name;
-    if (lstat(name.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
-        if (char *target = realpath(name.c_str(), nullptr)) {
+    for (int hops = 0; lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode); ++hops) {
+        if (char *target = realpath(path.c_str(), nullptr)) {
             path = target;
             std::free(target);
+            break;
         }
+        char to[4096];
+        const ssize_t n = hops < 40 ? readlink(path.c_str(), to, sizeof(to)) : -1;
+        if (n <= 0 || n == static_cast<ssize_t>(sizeof(to))) {
+            message("kivo: cannot write %s: a link that leads nowhere to write\n", name.c_str());
+            return false;
+        }
+        const std::string next(to, static_cast<size_t>(n));
+        const size_t slash = path.rfind('/');
+        path = next[0] == '/' || slash == std::string::npos ? next : path.substr(0, slash + 1) + next;
     }
     const size_t slash = path.rfind('/');
     const std::string dir = slash == std::string::npos ? "" : path.substr(0, slash + 1);

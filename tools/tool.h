@@ -18,7 +18,8 @@ namespace tool {
 bool read_file(const std::string &path, std::vector<uint8_t> *out, size_t max = SIZE_MAX);
 // Writes the bytes to a temporary file in the same directory and renames it
 // into place once complete, so that path never holds a partial file (a
-// link's target is replaced; a device or a pipe is written through).
+// link's target is replaced, or made in its directory when missing; a
+// device or a pipe is written through).
 // Returns false with a message on stderr.
 bool write_file(const std::string &path, const std::vector<uint8_t> &bytes);
 bool ends_with(const std::string &s, const char *suffix);
