@@ -178,13 +178,16 @@ int32_t kivod_vld_app(kivod_ctx *ctx, kivod_bs *bs, uint32_t marker) {
     if (memory) {
         node->data = const_cast<uint8_t *>(bs->cur);
         bs->cur += size;
-    } else if (size > 0) {
-        node->data = static_cast<uint8_t *>(std::malloc(size));
+    } else {
+        // An empty segment gets a byte of its own too, never read, as it
+        // points into the input from memory: a null data pointer ends the
+        // list for the encoder's segment writer.
+        node->data = static_cast<uint8_t *>(std::malloc(size ? size : 1));
         if (!node->data) {
             std::free(node);
             return KIVO_ERR_OUT_OF_MEMORY;
         }
-        int32_t got = bs->mfal.read(bs->handle, node->data, static_cast<int32_t>(size));
+        int32_t got = size ? bs->mfal.read(bs->handle, node->data, static_cast<int32_t>(size)) : 0;
         if (got > 0) bs->pos += static_cast<uint32_t>(got);
         if (got != static_cast<int32_t>(size)) {
             std::free(node->data);

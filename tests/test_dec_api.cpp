@@ -400,6 +400,16 @@ TEST(DecApi, FileInterface) {
     for (int y = 0; y < 80; ++y)
         for (int x = 0; x < 24; ++x) ASSERT_EQ(a->plane[0][y * a->stride[0] + x], b.at(x, y));
     a->release(a);
+    // Read as it is decoded (larger than max_memory), an empty APPn segment
+    // has data of its own, as from memory: the encoder's writer stops at null.
+    s = grey_stream(24, 80, 8, 40);
+    s.insert(s.begin() + 2, {0xFF, 0xE3, 0x00, 0x02});
+    f = std::fopen(path.c_str(), "wb");
+    ASSERT_TRUE(f && std::fwrite(s.data(), 1, s.size(), f) == s.size() && std::fclose(f) == 0);
+    kivod_limits small{0, 0, 600, 0}, none{0, 0, 0, 0};
+    ASSERT_TRUE(s.size() > 600 && kivod_set_limits(h.ctx, &small) == 0 && kivod_decode(h.ctx, &in, &info) == 0);
+    EXPECT_TRUE(apps && apps->size == 0 && apps->data && apps->next && apps->next->marker == 0xE1);
+    kivod_set_limits(h.ctx, &none);
 
     kivo_mfal missing;
     EXPECT_EQ(kivo_mfal_file(&missing, nullptr), KIVO_ERR_INVALID_ARG);
