@@ -181,6 +181,7 @@ TEST(OracleTool, RefusesBombsAndMisleadingInputs) {
         testing::internal::CaptureStdout();
         EXPECT_EQ(run(tool::cmd_encode, {in, out, "--max-pixels", "119"}), 1) << ext;
         EXPECT_EQ(run(tool::cmd_encode, {in, out, "--max-pixels", "120"}), 0) << ext;
+        EXPECT_EQ(run(tool::cmd_encode, {in, out, "--perceptual", "1"}), 0) << ext;  // too small to analyse
         // A picture's name is no JPEG output: a typo must not replace it.
         EXPECT_EQ(run(tool::cmd_encode, {in, in}), 2) << ext;
         EXPECT_EQ(run(tool::cmd_transcode, {out, in}), 2) << ext;

@@ -114,6 +114,9 @@ bool encode_file(const std::string &in, const std::string &out, Settings st, int
     if (status == 0 && st.level >= 0) {
         uint8_t q[128];
         status = kivoe_get_qtbl(enc, st.level, q);
+        // A picture too small for one analysis block keeps the tables of
+        // the quality (or --qtables): a thumbnail in a batch still encodes.
+        if (status == KIVO_ERR_UNAVAILABLE) status = 0;
     }
     std::vector<uint8_t> buf;
     int32_t written = 0;
@@ -168,7 +171,15 @@ int cmd_encode(int argc, char **argv) {
             if (std::sscanf(argv[++i], "%dx%d", &st.w, &st.h) != 2) st.w = st.h = 0;
         } else if (a == "--quality" && has) st.quality = std::atoi(argv[++i]);
         else if (a == "--qtables" && has) qfile = argv[++i];
-        else if (a == "--perceptual" && has) st.level = std::atoi(argv[++i]);
+        else if (a == "--perceptual" && has) {
+            // Levels 0 to 12 (an analysis block of 8 << level samples a side).
+            const std::string v = argv[++i];
+            st.level = v.size() && v.size() <= 2 && v.find_first_not_of("0123456789") == std::string::npos ? std::atoi(v.c_str()) : 99;
+            if (st.level > 12) {
+                message("kivo: --perceptual takes a level from 0 to 12, not %s\n", v.c_str());
+                return 2;
+            }
+        }
         else if (a == "--threads" && has) batch.threads = std::atoi(argv[++i]);
         else if (a == "--sample" && has) st.sample = sample_format(argv[++i]);
         else if (a == "--grayscale" || a == "--greyscale") st.sample = XELO_CS_YCBCR400;
