@@ -378,6 +378,15 @@ TEST(OracleTranscode, CopyChoices) {
             EXPECT_EQ(apps_of(io.out(n)), c.want) << c.copy << " " << call;
         }
     }
+    // A source kept as it is (progressive with restarts: not re-encoded)
+    // loses what the choice drops, and its comments.
+    turbo::EncodeSpec e;
+    e.width = 64, e.height = 48, e.progressive = true, e.restart_mcus = 2;
+    const Bytes prog = turbo::encode(e, turbo::make_planes(e, 1)), rest(prog.begin() + 2, prog.end());
+    Io kept(cat({{0xFF, 0xD8}, exif, segment(0xFE, "a comment"), rest}));
+    int32_t n = 0, chosen = 0;
+    ASSERT_EQ(kivot_txcode_smallest(t, &kept.input, &kept.output, &n, &chosen), 0);  // the copy choice: none
+    EXPECT_TRUE(chosen == KIVOT_CHOSEN_SOURCE && kept.out(n) == cat({{0xFF, 0xD8}, rest}));
     kivot_delete(t);
 }
 

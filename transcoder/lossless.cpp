@@ -123,8 +123,9 @@ struct Source {
 };
 
 // The source with the APPn segments before its first scan that the copy
-// setting drops left out, into dst (room for the source). Returns the
-// bytes written, or 0 when the headers cannot be walked.
+// setting drops left out, and its comments (COM) with them unless it keeps
+// all, into dst (room for the source). Returns the bytes written, or 0 when
+// the headers cannot be walked.
 int32_t strip_source(const uint8_t *s, int32_t n, int32_t copy, uint8_t *dst) {
     if (copy == KIVOT_COPY_ALL) {
         std::memcpy(dst, s, static_cast<size_t>(n));
@@ -138,7 +139,7 @@ int32_t strip_source(const uint8_t *s, int32_t n, int32_t copy, uint8_t *dst) {
         const int32_t len = s[in + 2] << 8 | s[in + 3];
         if (marker == 0xFF || len < 2 || in + 2 + len > n) return 0;  // fill bytes or a cut segment: not walked
         const bool app = marker >= 0xE0 && marker <= 0xEF;
-        if (!app || kivot_keeps_app(copy, marker, s + in + 4, static_cast<uint32_t>(len - 2))) {
+        if (app ? kivot_keeps_app(copy, marker, s + in + 4, static_cast<uint32_t>(len - 2)) : marker != 0xFE) {
             std::memcpy(dst + out, s + in, static_cast<size_t>(2 + len));
             out += 2 + len;
         }
