@@ -92,10 +92,14 @@ bool transcode_file(const std::string &in, const std::string &out, Settings st, 
 int cmd_transcode(int argc, char **argv) {
     Settings st;
     BatchOptions batch;
-    bool bad = false;
+    bool bad = false, help = false;
     for (int i = 0; i < argc && !bad; ++i) {
         const std::string a = option_name(argv[i]);
         const bool has = i + 1 < argc;
+        if (a == "--help" || a == "-h") {
+            help = bad = true;
+            break;
+        }
         if (const int limit = limit_option(a, argc, argv, &i, &st.limits)) {
             if (limit < 0) return 2;
             continue;
@@ -136,7 +140,7 @@ int cmd_transcode(int argc, char **argv) {
                      "  which APPn segments stay (icc: the colour profile). Quality 0 (the default)\n"
                      "  chooses it from the picture's brightness. With several inputs (directories:\n"
                      "  their .jpg and .jpeg files), --threads files at once.\n");
-        return 2;
+        return help ? 0 : 2;
     }
     if (!many && is_picture_name(batch.inputs[1])) {
         message("kivo: transcode writes JPEG, not %s (a typo would replace that picture)\n", batch.inputs[1].c_str());
