@@ -28,7 +28,9 @@ typedef kivod_input kivoe_output;
 
 /* Configuration identifiers: value points at the setting, size at its size. */
 #define KIVOE_CFG_JND_FILTER 21000        /* 4 bytes, flag */
-#define KIVOE_CFG_OPT_HUFFMAN 21001       /* 4 bytes, flag */
+#define KIVOE_CFG_OPT_HUFFMAN 21001       /* 4 bytes, flag: tables from the symbol counts of
+                                             every picture the handle has encoded with it, this
+                                             one included (a new handle: this picture's alone) */
 #define KIVOE_CFG_JND_SUPPRESS 21002      /* 4 bytes, flag */
 #define KIVOE_CFG_ADAPTIVE_ROUNDING 21003 /* 4 bytes, flag */
 #define KIVOE_CFG_QUALITY 21005           /* 4 bytes, 0 to 100 */
