@@ -23,6 +23,22 @@ struct Settings {
     kivod_limits limits = default_limits();
 };
 
+// Whether the stream's frame has a sampling layout the decoder does not
+// reconstruct (its headers read, no colour format), which the pipeline
+// cannot re-encode. The headers are read under the same limits.
+bool layout_not_decoded(std::vector<uint8_t> &src, const kivod_limits &limits) {
+    kivod_ctx *d = kivod_create(nullptr, nullptr);
+    if (d) kivod_set_limits(d, &limits);
+    xelo_bitb ib{};
+    ib.addr = src.data();
+    ib.ssize = static_cast<int32_t>(src.size());
+    const kivod_input input{KIVOD_INPUT_BITB, &ib, nullptr};
+    kivod_frame_info info{};
+    const int32_t status = d ? kivod_decode(d, &input, &info) : 0;
+    kivod_delete(d);
+    return status == KIVO_ERR_UNSUPPORTED && info.width > 0 && info.color_format == 0;
+}
+
 // Transcodes one file (st by value: the configuration calls take non-const
 // pointers); false with a message on failure. `report` prints the
 // sizes and time.
@@ -74,7 +90,11 @@ bool transcode_file(const std::string &in, const std::string &out, Settings st, 
     kivot_delete(t);
     if (status != 0) {
         message("kivo: %s: %s (%d)\n", in.c_str(), kivo_strerror(status), status);
-        limit_hint(status, in.c_str());
+        if (status == KIVO_ERR_UNSUPPORTED && st.mode == Mode::Pipeline && layout_not_decoded(src, st.limits))
+            message("kivo: %s: its sampling layout is not one this library decodes to pixels; "
+                    "--mode lossless or smallest still codes it again\n", in.c_str());
+        else
+            limit_hint(status, in.c_str());
         return false;
     }
     buf.resize(static_cast<size_t>(written));
