@@ -176,8 +176,9 @@ TEST(OracleDecode, SequentialMatchesTheCoefficients) {
 turbo::ScanSpec scan1(int c, int ss, int se, int ah, int al) { return {1, {c, 0, 0, 0}, ss, se, ah, al}; }
 
 // A progressive stream of libjpeg's default script (0); separate DC scans, odd
-// luma bands and two refinement steps (1); or complete DC first and every
-// component's AC in three refinement steps (2).
+// luma bands and two refinement steps, an application segment before the
+// second scan (1); or complete DC first and every component's AC in three
+// refinement steps (2).
 std::vector<uint8_t> progressive(const Layout &l, int w, int h, int script, uint64_t seed) {
     turbo::EncodeSpec s = spec_for(l, w, h);
     s.quality = 70 + static_cast<int>(seed % 30);
@@ -195,7 +196,11 @@ std::vector<uint8_t> progressive(const Layout &l, int w, int h, int script, uint
         for (int c = 0; c < n; ++c)
             for (int al = 3; al >= 0; --al) s.scans.push_back(scan1(c, 1, 63, al == 3 ? 0 : al + 1, al));
     }
-    return turbo::encode(s, turbo::make_planes(s, seed));
+    std::vector<uint8_t> jpg = turbo::encode(s, turbo::make_planes(s, seed));
+    size_t second = 2;
+    for (int n_sos = 0; script == 1 && n_sos < 2; ++second) n_sos += jpg[second] == 0xFF && jpg[second + 1] == 0xDA;
+    if (script == 1) jpg.insert(jpg.begin() + static_cast<ptrdiff_t>(second - 1), {0xFF, 0xE1, 0x00, 0x05, 'a', 'p', 'p'});
+    return jpg;
 }
 
 // A progressive stream decodes to the reconstruction of libjpeg-turbo's
