@@ -517,6 +517,11 @@ int32_t kivod_vld_htbl(kivod_bs *bs, kivod_htbl_spec spec[8], kivod_dc_tbl dc[4]
 int32_t kivod_vld_dri(kivod_bs *bs, kivod_dri *dri);
 // Appends an APPn segment to the context's list (file input: a copy the list owns).
 int32_t kivod_vld_app(kivod_ctx *ctx, kivod_bs *bs, uint32_t marker);
+// How a frame's three components are to be read, as libjpeg reads them:
+// YCbCr with a JFIF segment; as an Adobe segment's transform says (0: RGB);
+// without either, RGB when they are named R, G and B.
+enum class kivod_rgb { no, by_adobe, by_names };
+kivod_rgb kivod_rgb_coding(const kivod_fh &fh, const kivod_app_node *apps);
 int32_t kivod_vld_skip_seg(kivod_bs *bs);
 extern "C" KIVO_API int32_t kivod_chk_eoi(kivod_bs *bs);
 

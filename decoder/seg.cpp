@@ -202,6 +202,18 @@ int32_t kivod_vld_app(kivod_ctx *ctx, kivod_bs *bs, uint32_t marker) {
     return KIVO_OK;
 }
 
+kivod_rgb kivod_rgb_coding(const kivod_fh &fh, const kivod_app_node *apps) {
+    if (fh.n_comp != 3) return kivod_rgb::no;
+    int adobe = -1;  // the first Adobe segment's transform
+    for (const kivod_app_node *a = apps; a; a = a->next) {
+        if (!a->data) continue;
+        if (a->marker == 0xE0 && a->size >= 5 && std::memcmp(a->data, "JFIF", 5) == 0) return kivod_rgb::no;
+        if (a->marker == 0xEE && a->size >= 12 && std::memcmp(a->data, "Adobe", 5) == 0 && adobe < 0) adobe = a->data[11];
+    }
+    if (adobe >= 0) return adobe == 0 ? kivod_rgb::by_adobe : kivod_rgb::no;
+    return fh.comp_id[0] == 'R' && fh.comp_id[1] == 'G' && fh.comp_id[2] == 'B' ? kivod_rgb::by_names : kivod_rgb::no;
+}
+
 int32_t kivod_vld_skip_seg(kivod_bs *bs) {
     uint32_t len = rd(bs, 2);
     int64_t n = len >= 2 ? static_cast<int64_t>(len) - 2 : 0;

@@ -73,21 +73,6 @@ int fail_open(const char *what, int32_t status, const kivod_frame_info &info) {
     return 1;
 }
 
-// Whether three components hold R, G and B rather than Y, Cb and Cr, as
-// libjpeg reads them: never with a JFIF segment; with an Adobe segment,
-// when its transform is 0; without either, when they are named R, G and B.
-bool rgb_coded(const kivod_ctx *c, const kivod_app_node *apps) {
-    if (c->fh.n_comp != 3) return false;
-    int adobe = -1;
-    for (const kivod_app_node *a = apps; a; a = a->next) {
-        if (a->marker == 0xE0 && a->size >= 5 && std::memcmp(a->data, "JFIF", 5) == 0) return false;
-        if (a->marker == 0xEE && a->size >= 12 && std::memcmp(a->data, "Adobe", 5) == 0 && adobe < 0)
-            adobe = a->data[11];
-    }
-    if (adobe >= 0) return adobe == 0;
-    return c->fh.comp_id[0] == 'R' && c->fh.comp_id[1] == 'G' && c->fh.comp_id[2] == 'B';
-}
-
 // PNG, PPM or PGM through the colour helpers (smooth chroma upsampling):
 // grey for a .pgm name or a grey picture, RGB otherwise. A frame coded as
 // RGB (`rgb`) has its planes' samples as they are, at full resolution.
@@ -244,8 +229,8 @@ int cmd_decode(int argc, char **argv) {
                      progress.mcu_rows, progress.mcu_rows_total);
         rc = 1;
     }
-    const bool written = is_packed(file_kind(out)) ? write_rgb_picture(out, img, &d.pool, rgb_coded(d.ctx, d.apps))
-                                                   : write_picture(out, img);
+    const bool rgb = kivod_rgb_coding(d.ctx->fh, d.apps) != kivod_rgb::no;
+    const bool written = is_packed(file_kind(out)) ? write_rgb_picture(out, img, &d.pool, rgb) : write_picture(out, img);
     if (!written) rc = 1;
     else
         std::fprintf(report_stream(out), "%s: %d x %d %s -> %s %d x %d in %.1f ms\n", in.c_str(), d.info.width, d.info.height,

@@ -88,18 +88,6 @@ void floor_tables(kivot_ctx *t, int32_t quality) {
 // An Adobe segment of transform 0: the components are R, G and B.
 uint8_t kAdobeRgb[12] = {'A', 'd', 'o', 'b', 'e', 0, 100, 0, 0, 0, 0, 0};
 
-// Whether only the names of its three components (R, G and B) tell that
-// the source holds RGB, as libjpeg reads a frame without a JFIF or Adobe
-// segment. The encoder names its components 1, 2 and 3, which such a
-// decoder takes for YCbCr.
-bool rgb_by_names(const kivod_ctx *d, const kivod_app_node *apps) {
-    for (const kivod_app_node *a = apps; a; a = a->next)
-        if ((a->marker == 0xE0 || a->marker == 0xEE) && a->size >= 5 && a->data &&
-            (std::memcmp(a->data, "JFIF", 5) == 0 || std::memcmp(a->data, "Adobe", 5) == 0))
-            return false;
-    return d->fh.n_comp == 3 && d->fh.comp_id[0] == 'R' && d->fh.comp_id[1] == 'G' && d->fh.comp_id[2] == 'B';
-}
-
 }  // namespace
 
 kivot_trailer::~kivot_trailer() { std::free(owned); }
@@ -276,7 +264,7 @@ int32_t kivot_trc_encode(kivot_ctx *t, const kivoe_output *out, int32_t *written
     // A source that says RGB by its component names alone says it with an
     // Adobe segment in the new stream, whose components have other names.
     kivod_app_node adobe_rgb{0xEE, sizeof(kAdobeRgb), kAdobeRgb, apps.head};
-    if (e->fh.n_comp == 3 && rgb_by_names(d, source_apps)) e->app_list = &adobe_rgb;
+    if (e->fh.n_comp == 3 && kivod_rgb_coding(d->fh, source_apps) == kivod_rgb::by_names) e->app_list = &adobe_rgb;
     kivoe_proc &p = e->proc;
     if (!p.analysis || !p.header || !p.pic || !p.vlc_footer) {
         kivoe_pic_deinit(e);
