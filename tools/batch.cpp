@@ -126,8 +126,8 @@ int run_batch(const BatchOptions &b, const std::vector<const char *> &exts, cons
         message("kivo: several inputs need --out-dir DIR or --in-place (one of them)\n");
         return 2;
     }
-    // Inputs: the files named, and the files with a matching extension in
-    // the directories named (their subdirectories too with --recursive).
+    // Inputs: the files named, and with --recursive the files with a
+    // matching extension in the directories named and their subdirectories.
     // An output keeps the input's path below the directory named.
     std::vector<FileJob> jobs;
     int failed = 0;

@@ -158,8 +158,9 @@ int cmd_transcode(int argc, char **argv) {
                      "  the lossless re-encoding and the source, never a larger file; lossless codes the\n"
                      "  source's coefficients again (--progressive: as a progressive stream). --copy says\n"
                      "  which APPn segments stay (icc: the colour profile). Quality 0 (the default)\n"
-                     "  chooses it from the picture's brightness. With several inputs (directories:\n"
-                     "  their .jpg and .jpeg files), --threads files at once.\n");
+                     "  chooses it from the picture's brightness. With several inputs (with --recursive,\n"
+                     "  directories: their .jpg and .jpeg files, subdirectories included), --threads\n"
+                     "  files at once.\n");
         return help ? 0 : 2;
     }
     if (!many && is_picture_name(batch.inputs[1])) {
