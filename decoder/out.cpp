@@ -15,8 +15,10 @@ int32_t kivod_out_mode_for(const kivod_ctx *ctx, const xelo_imgb *img) {
     const int n = ctx->fh.n_comp;
     if (img->color_format == XELO_CS_YUYV) {
         // Packed pairs are made at full size only, from sequential scans
-        // that hold every component of the frame.
-        if (ctx->scale != 0 || ctx->progressive || (n > 1 && ctx->first_scan_ns != n)) return KIVO_ERR_UNSUPPORTED;
+        // that hold every component of the frame, and of Y, Cb and Cr only:
+        // a fourth component (CMYK, YCCK) has no place in them.
+        if (ctx->scale != 0 || ctx->progressive || (n > 1 && ctx->first_scan_ns != n) || n > 3)
+            return KIVO_ERR_UNSUPPORTED;
         if (!img->plane[0] || img->stride[0] < 2 * img->width || img->lines[0] < img->height)
             return KIVO_ERR_INVALID_ARG;
         return KIVOD_OUT_PACKED;

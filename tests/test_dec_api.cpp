@@ -19,11 +19,11 @@ namespace {
 // turn (category 1) and no AC coefficients. Quantizer `q` everywhere;
 // Huffman tables of one or two codes. `apps` times an APP1 segment and a
 // comment before the tables. Grey, or with luma factors `luma` (as in SOF)
-// three components, Cb and Cr at 1 x 1, all on the same tables, so that
-// the scan may name Cb first (`cb_first`) and still decode; with luma 0x11
-// they may come in `separate` scans.
+// three components (four with `fourth`), the others at 1 x 1, all on the
+// same tables, so that the scan may name Cb first (`cb_first`) and still
+// decode; with luma 0x11 they may come in `separate` scans.
 std::vector<uint8_t> grey_stream(int w, int h, int q, int apps, uint8_t luma = 0, bool cb_first = false,
-                                 bool separate = false) {
+                                 bool separate = false, bool fourth = false) {
     std::vector<uint8_t> s = {0xFF, 0xD8};
     for (int i = 0; i < apps; ++i) {
         const char app[] = "Exif\0\0abc";
@@ -33,7 +33,7 @@ std::vector<uint8_t> grey_stream(int w, int h, int q, int apps, uint8_t luma = 0
     }
     s.insert(s.end(), {0xFF, 0xDB, 0x00, 0x43, 0x00});
     for (int i = 0; i < 64; ++i) s.push_back(static_cast<uint8_t>(q));
-    const uint8_t n = luma ? 3 : 1;
+    const uint8_t n = luma ? (fourth ? 4 : 3) : 1;
     s.insert(s.end(), {0xFF, 0xC0, 0x00, static_cast<uint8_t>(8 + 3 * n), 0x08, static_cast<uint8_t>(h >> 8),
                        static_cast<uint8_t>(h), static_cast<uint8_t>(w >> 8), static_cast<uint8_t>(w), n});
     for (uint8_t c = 1; c <= n; ++c) s.insert(s.end(), {c, static_cast<uint8_t>(c == 1 && luma ? luma : 0x11), 0x00});
@@ -366,13 +366,16 @@ TEST(DecApi, PackedPairsFollowTheComponents) {
             planar->release(planar);
             packed->release(packed);
         }
-    // Separate scans: refused with the buffer's other checks, the headers stay.
-    std::vector<uint8_t> s = grey_stream(48, 24, 64, 0, 0x11, false, true);
-    ASSERT_EQ(decode_mem(h.ctx, s, &info), 0);
-    xelo_imgb *planar = make_img(48, 24, info.color_format), *packed = make_img(48, 24, XELO_CS_YUYV);
-    EXPECT_TRUE(kivod_clone(h.ctx, packed) == KIVO_ERR_UNSUPPORTED && kivod_clone(h.ctx, planar) == 0);
-    planar->release(planar);
-    packed->release(packed);
+    // Separate scans, and four components: refused with the buffer's other
+    // checks, the headers stay.
+    for (bool fourth : {false, true}) {
+        std::vector<uint8_t> s = grey_stream(48, 24, 64, 0, 0x11, false, !fourth, fourth);
+        ASSERT_EQ(decode_mem(h.ctx, s, &info), 0);
+        xelo_imgb *planar = make_img(48, 24, info.color_format), *packed = make_img(48, 24, XELO_CS_YUYV);
+        EXPECT_TRUE(kivod_clone(h.ctx, packed) == KIVO_ERR_UNSUPPORTED && kivod_clone(h.ctx, planar) == 0) << fourth;
+        planar->release(planar);
+        packed->release(packed);
+    }
 }
 
 TEST(DecApi, FileInterface) {
