@@ -40,7 +40,8 @@ KIVO_API int32_t kivot_txcode(kivot_ctx *ctx, const kivod_input *input, const ki
 /* The source's APPn segments that every output of the handle carries: all
  * (the default), none, or only the ICC profile (APP2 segments named
  * "ICC_PROFILE"). The segments that say how the samples are to be read,
- * JFIF's APP0 and Adobe's APP14, are always kept. */
+ * JFIF's APP0 and Adobe's APP14, are always kept; the source's trailing
+ * bytes (after its end of image) only with all. */
 #define KIVOT_COPY_ALL 0
 #define KIVOT_COPY_NONE 1
 #define KIVOT_COPY_ICC 2
@@ -48,8 +49,8 @@ KIVO_API int32_t kivot_txcode(kivot_ctx *ctx, const kivod_input *input, const ki
 KIVO_API int32_t kivot_set_copy(kivot_ctx *ctx, int32_t copy);
 
 /* Lossless re-encoding: the source's quantized coefficients coded again,
- * without any transform, with its quantization tables, APPn segments (as
- * kivot_set_copy says) and trailing bytes: baseline with Huffman tables
+ * without any transform, with its quantization tables, APPn segments and
+ * trailing bytes (as kivot_set_copy says): baseline with Huffman tables
  * optimised for them, or progressive. Decoding the output gives exactly the
  * source's pixels. Any sampling layout of one, three or four components is
  * taken, also one the decoder does not reconstruct (kivot_txcode then

@@ -338,9 +338,9 @@ TEST(OracleTranscode, LaterScanReplacesLevels) {
 }
 
 // The copy choices keep the segments they name, in the pipeline's and the
-// lossless outputs alike: all of them; JFIF, Adobe and the ICC profile's;
-// JFIF and Adobe only. The smallest-of output follows them too, the source
-// included.
+// lossless outputs alike: all of them and the bytes after the end of image;
+// JFIF, Adobe and the ICC profile's; JFIF and Adobe only. The smallest-of
+// output follows them too, the source included.
 TEST(OracleTranscode, CopyChoices) {
     const Bytes jfif = segment(0xE0, std::string("JFIF\0\x01\x01\0\0\x01\0\x01\0\0", 14)),
                 exif = segment(0xE1, std::string("Exif\0\0", 6) + std::string(40, 'e')),
@@ -354,6 +354,8 @@ TEST(OracleTranscode, CopyChoices) {
     size_t pos = 2;  // past the source's own APP0
     while (base[pos + 1] >= 0xE0 && base[pos + 1] <= 0xEF) pos += 2 + (base[pos + 2] << 8 | base[pos + 3]);
     src.insert(src.end(), base.begin() + pos, base.end());
+    const std::string trailer = "a motion photo's video";
+    src.insert(src.end(), trailer.begin(), trailer.end());
     auto cat = [](std::initializer_list<Bytes> parts) {
         Bytes b;
         for (const Bytes &p : parts) b.insert(b.end(), p.begin(), p.end());
@@ -376,15 +378,25 @@ TEST(OracleTranscode, CopyChoices) {
                                : call == 1 ? kivot_txcode_lossless(t, &io.input, &io.output, &n, KIVOT_LOSSLESS_PROGRESSIVE)
                                            : kivot_txcode_smallest(t, &io.input, &io.output, &n, &chosen);
             ASSERT_EQ(st, 0);
-            EXPECT_EQ(apps_of(io.out(n)), c.want) << c.copy << " " << call;
+            const Bytes out = io.out(n);
+            EXPECT_EQ(apps_of(out), c.want) << c.copy << " " << call;
+            const Bytes tail(out.end() - int(trailer.size()) - 2, out.end());
+            EXPECT_EQ(tail == cat({{0xFF, 0xD9}, Bytes(trailer.begin(), trailer.end())}), c.copy == KIVOT_COPY_ALL) << c.copy << " " << call;
         }
     }
     // A source kept as it is (progressive with restarts: not re-encoded)
-    // loses what the choice drops, and its comments.
+    // loses what the choice drops, between its scans too, its comments and
+    // the bytes after its end of image.
     turbo::EncodeSpec e;
     e.width = 64, e.height = 48, e.progressive = true, e.restart_mcus = 2;
     const Bytes prog = turbo::encode(e, turbo::make_planes(e, 1)), rest(prog.begin() + 2, prog.end());
-    Io kept(cat({{0xFF, 0xD8}, exif, segment(0xFE, "a comment"), rest}));
+    Bytes between = rest;
+    const uint8_t sos[2] = {0xFF, 0xDA};
+    const auto first = std::search(between.begin(), between.end(), sos, sos + 2);
+    const auto next = std::search(first + 2, between.end(), sos, sos + 2);
+    ASSERT_TRUE(next != between.end());
+    between.insert(next, exif.begin(), exif.end());
+    Io kept(cat({{0xFF, 0xD8}, exif, segment(0xFE, "a comment"), between, Bytes(trailer.begin(), trailer.end())}));
     int32_t n = 0, chosen = 0;
     ASSERT_EQ(kivot_txcode_smallest(t, &kept.input, &kept.output, &n, &chosen), 0);  // the copy choice: none
     EXPECT_TRUE(chosen == KIVOT_CHOSEN_SOURCE && kept.out(n) == cat({{0xFF, 0xD8}, rest}));

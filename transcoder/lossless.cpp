@@ -70,8 +70,12 @@ struct Levels {
         if (ret == KIVO_OK) ret = trailer.take(t->dec);
         if (ret < 0) return ret;
         pic.app_list = apps.head;
-        pic.trailer = trailer.data;
-        pic.trailer_len = static_cast<int32_t>(trailer.size);
+        // The bytes after the end of image go with the metadata under the
+        // icc and none choices.
+        if (t->copy == KIVOT_COPY_ALL) {
+            pic.trailer = trailer.data;
+            pic.trailer_len = static_cast<int32_t>(trailer.size);
+        }
         return KIVO_OK;
     }
     // Lets the decoder decode again without touching pic.
@@ -122,10 +126,11 @@ struct Source {
     }
 };
 
-// The source with the APPn segments before its first scan that the copy
-// setting drops left out, and its comments (COM) with them unless it keeps
-// all, into dst (room for the source). Returns the bytes written, or 0 when
-// the headers cannot be walked.
+// The source as the copy setting keeps it, into dst (room for the
+// source): all of it, or without the APPn segments the setting drops, its
+// comments (COM) and the bytes after its end of image, wherever they stand
+// among its scans. Returns the bytes written, or 0 when its segments cannot
+// be walked; a source cut short in a scan keeps what it has.
 int32_t strip_source(const uint8_t *s, int32_t n, int32_t copy, uint8_t *dst) {
     if (copy == KIVOT_COPY_ALL) {
         std::memcpy(dst, s, static_cast<size_t>(n));
@@ -134,20 +139,45 @@ int32_t strip_source(const uint8_t *s, int32_t n, int32_t copy, uint8_t *dst) {
     if (n < 4 || s[0] != 0xFF || s[1] != 0xD8) return 0;
     int32_t in = 2, out = 2;
     std::memcpy(dst, s, 2);
-    while (in + 4 <= n && s[in] == 0xFF && s[in + 1] != 0xDA) {
+    const auto take = [&](int32_t len) {
+        std::memcpy(dst + out, s + in, static_cast<size_t>(len));
+        out += len;
+        in += len;
+    };
+    for (;;) {
+        if (in + 2 > n || s[in] != 0xFF) return 0;
         const uint32_t marker = s[in + 1];
-        const int32_t len = s[in + 2] << 8 | s[in + 3];
-        if (marker == 0xFF || len < 2 || in + 2 + len > n) return 0;  // fill bytes or a cut segment: not walked
-        const bool app = marker >= 0xE0 && marker <= 0xEF;
-        if (app ? kivot_keeps_app(copy, marker, s + in + 4, static_cast<uint32_t>(len - 2)) : marker != 0xFE) {
-            std::memcpy(dst + out, s + in, static_cast<size_t>(2 + len));
-            out += 2 + len;
+        if (marker == 0xFF) {  // a fill byte before a marker
+            ++in;
+            continue;
         }
-        in += 2 + len;
+        if (marker == 0xD9) {
+            take(2);
+            return out;
+        }
+        if (in + 4 > n) return 0;
+        const int32_t len = s[in + 2] << 8 | s[in + 3];
+        if (len < 2 || in + 2 + len > n) return 0;
+        const bool app = marker >= 0xE0 && marker <= 0xEF;
+        if (app ? kivot_keeps_app(copy, marker, s + in + 4, static_cast<uint32_t>(len - 2)) : marker != 0xFE) take(2 + len);
+        else in += 2 + len;
+        if (marker != 0xDA) continue;
+        // The scan's coded bytes, up to a marker that is neither a
+        // stuffed 0xFF nor a restart marker.
+        int32_t end = in;
+        for (;;) {
+            const void *ff = end < n ? std::memchr(s + end, 0xFF, static_cast<size_t>(n - end)) : nullptr;
+            if (!ff || static_cast<const uint8_t *>(ff) + 1 == s + n) {
+                take(n - in);
+                return out;
+            }
+            end = static_cast<int32_t>(static_cast<const uint8_t *>(ff) - s);
+            const uint32_t next = s[end + 1];
+            if (next != 0x00 && (next < 0xD0 || next > 0xD7)) break;
+            end += 2;
+        }
+        take(end - in);
     }
-    if (in + 2 > n || s[in] != 0xFF || s[in + 1] != 0xDA) return 0;
-    std::memcpy(dst + out, s + in, static_cast<size_t>(n - in));
-    return out + (n - in);
 }
 
 // The lossless candidates, each offered with its size: written one after

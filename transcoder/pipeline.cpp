@@ -291,6 +291,7 @@ int32_t kivot_trc_encode(kivot_ctx *t, const kivoe_output *out, int32_t *written
         ret = trailer.take(d);
         if (ret < 0) return ret;
     }
+    if (t->copy != KIVOT_COPY_ALL) trailer.size = 0;  // dropped with the metadata
     xelo_bsw &bs = e->bs;
     if (bs.overflow || trailer.size > static_cast<size_t>(bs.end_ptr - bs.write_ptr)) return KIVO_ERR_INVALID_ARG;
     if (trailer.size) std::memcpy(bs.write_ptr, trailer.data, trailer.size);
