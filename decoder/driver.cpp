@@ -217,8 +217,7 @@ int32_t decode_scans(kivod_ctx *ctx, int32_t *scan_status) {
                                                                                    : dec_scan(ctx, &done);
         } else if (m == 0xD9) {
             done = 1;
-        } else if (m == 0xFE || (m >= 0xE0 && m <= 0xEF)) {
-            // Comments and application segments between scans are stepped over.
+        } else if (m == 0xFE) {
             if (kivod_vld_skip_seg(bs) != 0) {
                 kivod_release_frame_buffers(ctx);
                 return KIVO_ERR_MALFORMED;

@@ -164,7 +164,7 @@ bool walk(Plan *p) {
             if (kivod_vld_sh(ctx, bs, &sh) != KIVO_OK || !add_scan(p, sh)) return false;
         } else if (m == 0xD9) {
             p->done = 1;
-        } else if (m == 0xFE || (m >= 0xE0 && m <= 0xEF)) {
+        } else if (m == 0xFE) {
             if (kivod_vld_skip_seg(bs) != 0) return false;
         } else {
             return false;

@@ -650,9 +650,7 @@ int32_t dec_scan(kivod_ctx *ctx, int32_t *done) {
     ctx->scan_bs = last->bs;
     ret = kivod_bs_rewind_cache(&ctx->scan_bs, 0);
     if (ret != 0) return ret;
-    // A scan of every component ends the frame; one of some of them (Y and
-    // Cb, then Cr) leaves the others to later scans.
-    if (ctx->sh.n_comp > 1 && ctx->sh.n_comp == ctx->fh.n_comp) *done = 1;
+    if (ctx->sh.n_comp > 1) *done = 1;
     return status;
 }
 
