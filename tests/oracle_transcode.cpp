@@ -401,8 +401,9 @@ TEST(OracleTranscode, CopyChoices) {
     ASSERT_EQ(kivot_txcode_smallest(t, &kept.input, &kept.output, &n, &chosen), 0);  // the copy choice: none
     EXPECT_TRUE(chosen == KIVOT_CHOSEN_SOURCE && kept.out(n) == cat({{0xFF, 0xD8}, rest}));
     // Components named R, G and B without a JFIF or Adobe segment: the
-    // pipeline's output is still read as RGB (libjpeg-turbo's reading).
-    Bytes rgb = make_source(kSources[1], 40, 24, 90, 2);
+    // smallest-of output is still read as RGB (libjpeg-turbo's reading),
+    // which the pipeline's, with components 1, 2 and 3, is not.
+    Bytes rgb = make_source(kSources[1], 96, 64, 98, 2);
     rgb.erase(rgb.begin() + 2, rgb.begin() + 4 + (rgb[4] << 8 | rgb[5]));  // its APP0
     for (size_t i = 2, scan = 0; !scan && i + 12 < rgb.size(); ++i)
         if (rgb[i] == 0xFF && (rgb[i + 1] == 0xC0 || rgb[i + 1] == 0xDA)) {
@@ -410,7 +411,7 @@ TEST(OracleTranscode, CopyChoices) {
             for (int k = 0; k < 3; ++k) rgb[i + (scan ? 5 + 2 * k : 10 + 3 * k)] = "RGB"[k];
         }
     Io named(rgb);
-    ASSERT_EQ(kivot_txcode(t, &named.input, &named.output, &n), 0);
+    ASSERT_EQ(kivot_txcode_smallest(t, &named.input, &named.output, &n, &chosen), 0);
     int w = 0, h = 0, subsamp = 0, colorspace = -1;
     tjhandle tj = tjInitDecompress();
     EXPECT_TRUE(tjDecompressHeader3(tj, named.in.data(), named.in.size(), &w, &h, &subsamp, &colorspace) == 0 && colorspace == TJCS_RGB);

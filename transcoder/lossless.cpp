@@ -326,6 +326,10 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
             // A layout without a colour format has no pixels to encode
             // again: its candidates are the lossless codings and the source.
             tables_change = false;
+        } else if (kivod_rgb_coding(fh, d->app_list) == kivod_rgb::by_names) {
+            // RGB told by the component names alone: the pipeline names its
+            // components 1, 2 and 3, which decoders read as YCbCr.
+            tables_change = false;
         } else if (same_picture && !d->progressive) {
             // A sequential source's levels come with the statistics that
             // choose the pipeline's tables: no second decode to learn that

@@ -85,9 +85,6 @@ void floor_tables(kivot_ctx *t, int32_t quality) {
     }
 }
 
-// An Adobe segment of transform 0: the components are R, G and B.
-uint8_t kAdobeRgb[12] = {'A', 'd', 'o', 'b', 'e', 0, 100, 0, 0, 0, 0, 0};
-
 }  // namespace
 
 kivot_trailer::~kivot_trailer() { std::free(owned); }
@@ -255,16 +252,11 @@ int32_t kivot_trc_encode(kivot_ctx *t, const kivoe_output *out, int32_t *written
     if (!out || !out->bitb || !out->bitb->addr || out->bitb->ssize <= 0) return KIVO_ERR_INVALID_ARG;
     xelo_bsw_init(&e->bs, out->bitb->addr, out->bitb->ssize, kivoe_bs_flush);
     kivot_app_view apps;
-    kivod_app_node *const source_apps = extras ? extras->apps : d->app_list;
-    ret = apps.select(t->copy, source_apps);
+    ret = apps.select(t->copy, extras ? extras->apps : d->app_list);
     if (ret < 0) return fail_with_picture(t, ret);
     e->app_list = apps.head;
     ret = kivoe_pic_init(e);
     if (ret < 0) return fail_with_picture(t, ret);
-    // A source that says RGB by its component names alone says it with an
-    // Adobe segment in the new stream, whose components have other names.
-    kivod_app_node adobe_rgb{0xEE, sizeof(kAdobeRgb), kAdobeRgb, apps.head};
-    if (e->fh.n_comp == 3 && kivod_rgb_coding(d->fh, source_apps) == kivod_rgb::by_names) e->app_list = &adobe_rgb;
     kivoe_proc &p = e->proc;
     if (!p.analysis || !p.header || !p.pic || !p.vlc_footer) {
         kivoe_pic_deinit(e);
