@@ -231,6 +231,14 @@ TEST(OracleTool, BatchGoesOnPastAFailingFile) {
     }
     fs::remove(dir / "in" / "bad.jpg");
     EXPECT_EQ(run(tool::cmd_transcode, {(dir / "in").string(), "--recursive", "--in-place"}), 0);
+    // The pipeline does not re-encode a cut source (mid-grey where its data
+    // end): in place, the source stays as it was.
+    const std::string cut_path = (dir / "cut.jpg").string();
+    const std::vector<uint8_t> cut(jpg.begin(), jpg.end() - 60);
+    ASSERT_TRUE(tool::write_file(cut_path, cut));
+    EXPECT_EQ(run(tool::cmd_transcode, {cut_path, "--in-place", "--mode", "pipeline"}), 1);
+    std::vector<uint8_t> after_cut;
+    EXPECT_TRUE(tool::read_file(cut_path, &after_cut) && after_cut == cut);
     // in/a.jpg's output would replace the input in/sub/a.jpg: that job is
     // skipped and sub/a.jpg keeps its own picture.
     const std::vector<uint8_t> other = turbo::encode(spec, turbo::make_planes(spec, 5));

@@ -7,6 +7,7 @@
 
 #include "kivot.h"
 #include "tools/tool.h"
+#include "transcoder/kivot_int.h"
 
 namespace tool {
 
@@ -87,7 +88,18 @@ bool transcode_file(const std::string &in, const std::string &out, Settings st, 
         status = kivot_txcode(t, &input, &output, &written);
     }
     const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
+    // The pipeline re-encodes what a damaged source decodes to, mid-grey
+    // where its data end: such an output is not written (the other modes
+    // re-encode only sources that decode whole).
+    kivod_progress progress{};
+    const bool incomplete = status == 0 && st.mode == Mode::Pipeline && kivod_get_progress(t->dec, &progress) == 0 &&
+                            !progress.complete;
     kivot_delete(t);
+    if (incomplete) {
+        message("kivo: %s: the source does not decode whole (%d of %d MCU rows); not re-encoded\n", in.c_str(),
+                progress.mcu_rows, progress.mcu_rows_total);
+        return false;
+    }
     if (status != 0) {
         message("kivo: %s: %s (%d)\n", in.c_str(), kivo_strerror(status), status);
         if (status == KIVO_ERR_UNSUPPORTED && st.mode == Mode::Pipeline && layout_not_decoded(src, st.limits))
