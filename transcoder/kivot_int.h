@@ -100,8 +100,9 @@ struct kivot_trailer {
     kivot_trailer(const kivot_trailer &) = delete;
     kivot_trailer &operator=(const kivot_trailer &) = delete;
     ~kivot_trailer();
-    // 0, -102 or -109.
-    int32_t take(kivod_ctx *dec);
+    // Nothing under the icc and none copy choices: the trailing bytes go
+    // with the metadata. 0, -102 or -109.
+    int32_t take(kivod_ctx *dec, int32_t copy);
 };
 
 // Lossless re-encoding (lossless.cpp). kivot_read_levels decodes the

@@ -67,15 +67,11 @@ struct Levels {
     int32_t read(kivot_ctx *t, const kivod_input *in, bool statistics) {
         int32_t ret = kivot_read_levels(t, in, &pic, statistics);
         if (ret == KIVO_OK) ret = apps.select(t->copy, t->dec->app_list);
-        if (ret == KIVO_OK) ret = trailer.take(t->dec);
+        if (ret == KIVO_OK) ret = trailer.take(t->dec, t->copy);
         if (ret < 0) return ret;
         pic.app_list = apps.head;
-        // The bytes after the end of image go with the metadata under the
-        // icc and none choices.
-        if (t->copy == KIVOT_COPY_ALL) {
-            pic.trailer = trailer.data;
-            pic.trailer_len = static_cast<int32_t>(trailer.size);
-        }
+        pic.trailer = trailer.data;
+        pic.trailer_len = static_cast<int32_t>(trailer.size);
         return KIVO_OK;
     }
     // Lets the decoder decode again without touching pic.

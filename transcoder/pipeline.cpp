@@ -89,7 +89,8 @@ void floor_tables(kivot_ctx *t, int32_t quality) {
 
 kivot_trailer::~kivot_trailer() { std::free(owned); }
 
-int32_t kivot_trailer::take(kivod_ctx *d) {
+int32_t kivot_trailer::take(kivod_ctx *d, int32_t copy) {
+    if (copy != KIVOT_COPY_ALL) return KIVO_OK;
     kivod_bs *bs = &d->scan_bs;
     kivod_bs_rewind_cache(bs, 0);
     // Find FF (FF...) D9.
@@ -280,10 +281,9 @@ int32_t kivot_trc_encode(kivot_ctx *t, const kivoe_output *out, int32_t *written
         trailer.data = extras->trailer;
         trailer.size = extras->trailer_size;
     } else {
-        ret = trailer.take(d);
+        ret = trailer.take(d, t->copy);
         if (ret < 0) return ret;
     }
-    if (t->copy != KIVOT_COPY_ALL) trailer.size = 0;  // dropped with the metadata
     xelo_bsw &bs = e->bs;
     if (bs.overflow || trailer.size > static_cast<size_t>(bs.end_ptr - bs.write_ptr)) return KIVO_ERR_INVALID_ARG;
     if (trailer.size) std::memcpy(bs.write_ptr, trailer.data, trailer.size);
