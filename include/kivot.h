@@ -37,6 +37,13 @@ KIVO_API int32_t kivot_txcode(kivot_ctx *ctx, const kivod_input *input, const ki
 
 /* ---- extensions ------------------------------------------------------------ */
 
+/* How far the source that the handle's last transcoding call read decoded,
+ * as kivod_get_progress tells of a decoder. A source that ends early
+ * transcodes with status 0, as it decodes, the rows its data do not reach
+ * mid-grey: complete 0 says so. Returns 0, or -105 for a bad handle or a
+ * null progress. */
+KIVO_API int32_t kivot_get_progress(kivot_ctx *ctx, kivod_progress *progress);
+
 /* The source's APPn segments that every output of the handle carries: all
  * (the default), none, or only the ICC profile (APP2 segments named
  * "ICC_PROFILE"). The segments that say how the samples are to be read,

@@ -469,6 +469,8 @@ TEST(OracleTranscode, SkipEncodeBadMemoryAndCorruptSources) {
     // Skip-encode writes nothing and keeps the decoded picture.
     kivot_config(t, KIVOT_CFG_SKIP_ENCODE, &on, &four);
     EXPECT_TRUE(code(nullptr, t, src, &out) == 0 && out.empty());
+    kivod_progress pr{};
+    EXPECT_TRUE(kivot_get_progress(t, &pr) == 0 && pr.complete && pr.mcu_rows == pr.mcu_rows_total);
     xelo_imgb *pic = nullptr;
     ASSERT_TRUE(kivot_config(t, KIVOT_CFG_GET_PICTURE, &pic, &ptr) == 0 && pic);
     const kivotest::Decoded d = kivotest::decode(src, 1);
@@ -481,11 +483,14 @@ TEST(OracleTranscode, SkipEncodeBadMemoryAndCorruptSources) {
     EXPECT_EQ(code(nullptr, t, cut, &out), 0);
     ASSERT_EQ(kivot_config(t, KIVOT_CFG_GET_PICTURE, &pic, &ptr), 0);
     EXPECT_EQ(pic->plane[0][47 * pic->stride[0] + 63], 128);
+    EXPECT_TRUE(kivot_get_progress(t, &pr) == 0 && !pr.complete && pr.mcu_rows > 0 && pr.mcu_rows < pr.mcu_rows_total);
     src[0] = 0;  // a corrupt source gives the decoder's status
     EXPECT_EQ(code(nullptr, t, src, &out), KIVO_ERR_MALFORMED);
     // An encoder handle is not a transcoder, nor the other way round.
     EXPECT_EQ(code(nullptr, reinterpret_cast<kivot_ctx *>(enc), src, &out), KIVO_ERR_INVALID_ARG);
     EXPECT_EQ(kivoe_push(reinterpret_cast<kivoe_ctx *>(t), pic), KIVO_ERR_INVALID_ARG);
+    EXPECT_TRUE(kivot_get_progress(reinterpret_cast<kivot_ctx *>(enc), &pr) == KIVO_ERR_INVALID_ARG &&
+                kivot_get_progress(t, nullptr) == KIVO_ERR_INVALID_ARG);
     kivot_delete(reinterpret_cast<kivot_ctx *>(enc)), kivoe_delete(reinterpret_cast<kivoe_ctx *>(t));
     kivoe_delete(enc), kivot_delete(t);
 }

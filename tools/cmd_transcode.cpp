@@ -7,7 +7,6 @@
 
 #include "kivot.h"
 #include "tools/tool.h"
-#include "transcoder/kivot_int.h"
 
 namespace tool {
 
@@ -92,7 +91,7 @@ bool transcode_file(const std::string &in, const std::string &out, Settings st, 
     // where its data end: such an output is not written (the other modes
     // re-encode only sources that decode whole).
     kivod_progress progress{};
-    const bool incomplete = status == 0 && st.mode == Mode::Pipeline && kivod_get_progress(t->dec, &progress) == 0 &&
+    const bool incomplete = status == 0 && st.mode == Mode::Pipeline && kivot_get_progress(t, &progress) == 0 &&
                             !progress.complete;
     kivot_delete(t);
     if (incomplete) {

@@ -176,6 +176,12 @@ KIVO_API int32_t kivot_set_copy(kivot_ctx *ctx, int32_t copy) {
     return KIVO_OK;
 }
 
+KIVO_API int32_t kivot_get_progress(kivot_ctx *ctx, kivod_progress *progress) {
+    kivot_ctx *t = checked(ctx);
+    if (!t) return KIVO_ERR_INVALID_ARG;
+    return kivod_get_progress(t->dec, progress);
+}
+
 KIVO_API int32_t kivot_txcode(kivot_ctx *ctx, const kivod_input *input, const kivoe_output *output,
                               int32_t *written) {
     kivot_ctx *t = checked(ctx);
