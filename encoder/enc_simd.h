@@ -72,6 +72,7 @@ void kivoe_jnd_fdct_quant_kept2_avx512(const uint8_t *const src[2], int32_t stri
 void kivoe_jnd_fdct_quant_kept4_avx512(const uint8_t *const src[4], int32_t stride, int16_t *const blk[4],
                                        const uint16_t *q, const uint16_t *recip, const uint16_t *half, uint16_t *adapt,
                                        int32_t suppress, uint64_t *mask);
+void kivoe_box2_strip_avx512(const uint8_t *src, int32_t stride, int32_t n, uint32_t *acc);
 void kivoe_fdct8_neon(int16_t *blk);
 int32_t kivoe_quant_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
 uint64_t kivoe_quant_mask_neon(int16_t *blk, const uint16_t *recip, const uint16_t *offset);
