@@ -98,12 +98,13 @@ void kivoe_box2_strip_avx512(const uint8_t *src, int32_t stride, int32_t n, uint
                 add(ca);
                 if (pair) add(cb);
             }
-            for (int h = 0; h < 2; ++h)
-                for (int half = 0; half < 2; ++half) {
-                    uint32_t *p = acc + 32 * h + 16 * half;
-                    const __m512i w = _mm512_cvtepu16_epi32(_mm512_extracti64x4_epi64(sum[h], half));
-                    _mm512_storeu_si512(p, _mm512_add_epi32(_mm512_loadu_si512(p), w));
+            for (int h = 0; h < 2; ++h) {
+                const __m256i half[2] = {_mm512_castsi512_si256(sum[h]), _mm512_extracti64x4_epi64(sum[h], 1)};
+                for (int i = 0; i < 2; ++i) {
+                    uint32_t *p = acc + 32 * h + 16 * i;
+                    _mm512_storeu_si512(p, _mm512_add_epi32(_mm512_loadu_si512(p), _mm512_cvtepu16_epi32(half[i])));
                 }
+            }
         }
     }
 }
