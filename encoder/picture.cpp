@@ -683,12 +683,12 @@ struct PlainMcu {
         : ctx(c), fdct_quant_samples(c->proc.fdct_quant_samples), fdct_quant_mask(c->proc.fdct_quant_mask),
           filter_kept(kFilter ? c->proc.jnd_fdct_quant_kept : nullptr),
           filter_pair(kFilter ? c->proc.jnd_fdct_quant_kept2 : nullptr),
-          pairs(kFilter ? nullptr : c->proc.fdct_quant_samples2),
+          pairs(c->proc.fdct_quant_samples2),
           short420(fdct_quant_samples && layout420(c, comp) && (!kFilter || c->proc.jnd_fdct_quant_kept4)) {}
 
     __attribute__((always_inline)) void operator()(const Comp *comp, int16_t *out, kivoe_block_code *code) const {
         constexpr bool jnd_filter = kFilter;
-        if (short420 && (kPlainPairs && !kFilter && pairs ? plain_mcu420<true>(ctx, comp, jnd_filter, fdct_quant_samples, pairs, out, code)
+        if (short420 && (kPlainPairs && pairs ? plain_mcu420<true>(ctx, comp, jnd_filter, fdct_quant_samples, pairs, out, code)
                                : plain_mcu420<false>(ctx, comp, jnd_filter, fdct_quant_samples, nullptr, out, code)))
             return;
         auto one = [&](int c, const Comp &cc, int h, int v, int b, const uint8_t *at, bool inside) {
