@@ -230,7 +230,13 @@ TEST(OracleTool, BatchGoesOnPastAFailingFile) {
         tjDestroy(tj);
     }
     fs::remove(dir / "in" / "bad.jpg");
+    // A file replaced in place keeps its permissions, owner and group.
+    const std::string a = (dir / "in" / "a.jpg").string();
+    const bool root = geteuid() == 0;
+    ASSERT_TRUE(chmod(a.c_str(), 0640) == 0 && (!root || chown(a.c_str(), 1234, 5678) == 0));
     EXPECT_EQ(run(tool::cmd_transcode, {(dir / "in").string(), "--recursive", "--in-place"}), 0);
+    struct stat st;
+    EXPECT_TRUE(stat(a.c_str(), &st) == 0 && (st.st_mode & 07777) == 0640 && (!root || (st.st_uid == 1234 && st.st_gid == 5678)));
     // The pipeline does not re-encode a cut source (mid-grey where its data
     // end): in place, the source stays as it was.
     const std::string cut_path = (dir / "cut.jpg").string();
