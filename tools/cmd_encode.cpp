@@ -25,7 +25,7 @@ void usage() {
                  "       kivo encode IN... (--out-dir DIR | --in-place) [--recursive] [options]\n"
                  "  encodes every input (with --recursive, directories: their .png .ppm .pgm .pnm .y4m\n"
                  "  files, subdirectories included) to NAME.jpg in DIR or beside the input, --threads\n"
-                 "  files at once.\n"
+                 "  files at once. -- ends the options: the arguments after it are files.\n"
                  "  a .yuv input holds raw planes in component order without padding; --format takes\n"
                  "  400 420 422 444 440 411 k400 k420 k422 k444 k440 or a colour format code.\n"
                  "  --qtables FILE: 128 numbers (luma then chroma quantizers, raster order).\n"
@@ -162,6 +162,10 @@ int cmd_encode(int argc, char **argv) {
         if (a == "--help" || a == "-h") {
             usage();
             return 0;
+        }
+        if (a == "--") {  // the rest are files, also those named with a leading dash
+            batch.inputs.insert(batch.inputs.end(), argv + i + 1, argv + argc);
+            break;
         }
         if (const int limit = limit_option(a, argc, argv, &i, &st.limits)) {
             if (limit < 0) return 2;
