@@ -187,6 +187,15 @@ TEST(OracleTool, RefusesBombsAndMisleadingInputs) {
         EXPECT_EQ(run(tool::cmd_encode, {in, out, "--max-pixels", "119"}), 1) << ext;
         EXPECT_EQ(run(tool::cmd_encode, {in, out, "--max-pixels", "120"}), 0) << ext;
         EXPECT_EQ(run(tool::cmd_encode, {in, out, "--perceptual", "1"}), 0) << ext;  // too small to analyse
+        // --qtables: 128 whole numbers and comments, nothing more.
+        std::string n127;
+        for (int i = 0; i < 127; ++i) n127 += "9 ";
+        for (const auto &[text, want] : std::vector<std::pair<std::string, int>>{
+                 {"# q\n" + n127 + "9 # end", 0}, {n127 + "9 9", 1}, {n127 + "9.5", 1}, {n127 + "0x9", 1}}) {
+            ASSERT_TRUE(tool::write_file(out + ".q", std::vector<uint8_t>(text.begin(), text.end())));
+            EXPECT_EQ(run(tool::cmd_encode, {in, out, "--qtables", out + ".q"}), want) << text;
+        }
+        std::remove((out + ".q").c_str());
         // A picture's name is no JPEG output: a typo must not replace it.
         EXPECT_EQ(run(tool::cmd_encode, {in, in}), 2) << ext;
         EXPECT_EQ(run(tool::cmd_transcode, {out, in}), 2) << ext;
