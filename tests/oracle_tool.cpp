@@ -246,6 +246,11 @@ TEST(OracleTool, BatchGoesOnPastAFailingFile) {
     EXPECT_EQ(run(tool::cmd_transcode, {(dir / "in").string(), "--recursive", "--in-place"}), 0);
     struct stat st;
     EXPECT_TRUE(stat(a.c_str(), &st) == 0 && (st.st_mode & 07777) == 0640 && (!root || (st.st_uid == 1234 && st.st_gid == 5678)));
+    // A read-only file is not replaced, though its directory is writable.
+    std::vector<uint8_t> before, after;
+    ASSERT_TRUE(chmod(a.c_str(), 0444) == 0 && tool::read_file(a, &before));
+    EXPECT_EQ(run(tool::cmd_transcode, {a, "--in-place", "--mode", "pipeline", "--quality", "50"}), 1);
+    EXPECT_TRUE(tool::read_file(a, &after) && after == before);
     // The pipeline does not re-encode a cut source (mid-grey where its data
     // end): in place, the source stays as it was.
     const std::string cut_path = (dir / "cut.jpg").string();

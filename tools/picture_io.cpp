@@ -101,6 +101,15 @@ bool write_file(const std::string &name, const std::vector<uint8_t> &bytes) {
         const size_t slash = path.rfind('/');
         path = next[0] == '/' || slash == std::string::npos ? next : path.substr(0, slash + 1) + next;
     }
+    // A file its owner made read-only, or one this user may not write, is
+    // not replaced behind its back through its directory's rights: as a
+    // shell's > would, the write fails (root included, for a file without
+    // any write permission).
+    if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+        ((st.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0 || access(path.c_str(), W_OK) != 0)) {
+        message("kivo: cannot write %s: the file is read-only (to this user)\n", path.c_str());
+        return false;
+    }
     const size_t slash = path.rfind('/');
     const std::string dir = slash == std::string::npos ? "" : path.substr(0, slash + 1);
     const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
