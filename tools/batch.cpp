@@ -37,9 +37,34 @@ struct TempSlot {
 };
 TempSlot temp_slots[64];
 
+// Files of the running batch finished and in all (0: no batch), for the
+// message of an interrupted one.
+std::atomic<int> batch_done{0}, batch_total{0};
+
+// Appends n in decimal to buf at *len (no allocation: called from a signal
+// handler).
+void put_number(char *buf, size_t *len, int n) {
+    char digits[12];
+    int k = 0;
+    do digits[k++] = static_cast<char>('0' + n % 10); while ((n /= 10) > 0);
+    while (k > 0) buf[(*len)++] = digits[--k];
+}
+
 void remove_temps_and_exit(int sig) {
     for (TempSlot &s : temp_slots)
         if (s.state.load(std::memory_order_acquire) == 1) unlink(s.path);
+    if (const int total = batch_total.load()) {
+        // The batch's summary is not printed: say how far it came.
+        char msg[160];
+        size_t len = 0;
+        const auto put = [&](const char *t) { while (*t) msg[len++] = *t++; };
+        put("\r\033[Kkivo: interrupted after ");
+        put_number(msg, &len, batch_done.load());
+        put(" of ");
+        put_number(msg, &len, total);
+        put(" files; the outputs being written were removed\n");
+        if (write(STDERR_FILENO, msg, len) < 0) {}
+    }
     signal(sig, SIG_DFL);
     raise(sig);
 }
@@ -189,6 +214,8 @@ int run_batch(const BatchOptions &b, const std::vector<const char *> &exts, cons
         total_in += jobs[i].in_bytes;
     }
 
+    batch_done = 0;
+    batch_total = static_cast<int>(jobs.size());
     const int workers = std::max(1, std::min<int>(b.threads, static_cast<int>(jobs.size())));
     std::atomic<size_t> next{0};
     std::atomic<int> done{0}, bad{0};
@@ -207,6 +234,7 @@ int run_batch(const BatchOptions &b, const std::vector<const char *> &exts, cons
             done_in += job.in_bytes;
             if (ok) ok_in += job.in_bytes, ok_out += job.out_bytes;
             ++done;
+            ++batch_done;
         }
     };
     std::vector<std::thread> pool;
@@ -238,6 +266,7 @@ int run_batch(const BatchOptions &b, const std::vector<const char *> &exts, cons
         worker();
     }
     for (std::thread &t : pool) t.join();
+    batch_total = 0;
     failed += bad.load();
     const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     const uint64_t in = ok_in.load(), out = ok_out.load();
