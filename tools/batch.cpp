@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <new>
 #include <set>
 #include <thread>
 
@@ -229,7 +230,15 @@ int run_batch(const BatchOptions &b, const std::vector<const char *> &exts, cons
                 std::error_code ec;
                 fs::create_directories(fs::path(job.out).parent_path(), ec);
             }
-            if (ok) ok = work(&job);
+            // A file the memory does not suffice for fails alone; the batch
+            // goes on (others may be smaller).
+            try {
+                if (ok) ok = work(&job);
+            } catch (const std::exception &e) {
+                message("kivo: %s: %s\n", job.in.c_str(),
+                        dynamic_cast<const std::bad_alloc *>(&e) ? "out of memory" : e.what());
+                ok = false;
+            }
             if (!ok && !skip[i]) ++bad;
             done_in += job.in_bytes;
             if (ok) ok_in += job.in_bytes, ok_out += job.out_bytes;
@@ -237,14 +246,23 @@ int run_batch(const BatchOptions &b, const std::vector<const char *> &exts, cons
             ++batch_done;
         }
     };
+    // A thread the system refuses (a process or memory limit) leaves its
+    // files to the others.
     std::vector<std::thread> pool;
-    for (int i = 1; i < workers; ++i) pool.emplace_back(worker);
+    const auto start = [&] {
+        try {
+            pool.emplace_back(worker);
+            return true;
+        } catch (const std::exception &) {
+            return false;
+        }
+    };
+    for (int i = 1; i < workers; ++i) start();
 
     // The last worker is this thread unless a terminal wants the progress
     // line, which this thread then redraws five times a second.
     const bool tty = isatty(STDERR_FILENO);
-    if (tty && !jobs.empty()) {
-        pool.emplace_back(worker);
+    if (tty && !jobs.empty() && start()) {
         while (done.load() < static_cast<int>(jobs.size())) {
             const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
             const uint64_t in = done_in.load();
