@@ -100,13 +100,14 @@ void install_cleanup() {
 }
 
 int create_temp(std::string *tmpl, int *slot) {
-    // No signal may come between the file's creation and its registration.
+    // The file is created under the name in its slot, registered before:
+    // a signal another thread takes while this one creates the file then
+    // finds it (blocking the signals here holds them off this thread only).
     const sigset_t set = cleanup_signals();
     sigset_t old;
     pthread_sigmask(SIG_BLOCK, &set, &old);
-    const int fd = mkstemp(&(*tmpl)[0]);
     *slot = -1;
-    if (fd >= 0 && tmpl->size() < sizeof(temp_slots[0].path)) {
+    if (tmpl->size() < sizeof(temp_slots[0].path)) {
         for (int i = 0; i < 64 && *slot < 0; ++i) {
             int expected = 0;
             if (temp_slots[i].state.compare_exchange_strong(expected, 2)) {  // 2: taken, not yet readable
@@ -115,6 +116,11 @@ int create_temp(std::string *tmpl, int *slot) {
                 *slot = i;
             }
         }
+    }
+    const int fd = mkstemp(*slot >= 0 ? temp_slots[*slot].path : &(*tmpl)[0]);
+    if (*slot >= 0) {
+        tmpl->assign(temp_slots[*slot].path);
+        if (fd < 0) release_temp(*slot), *slot = -1;
     }
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
     return fd;
