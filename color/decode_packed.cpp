@@ -106,13 +106,24 @@ int32_t decode_in_bands(kivod_ctx *ctx, Task &t) {
 int32_t decode_whole(kivod_ctx *ctx, const Task &t, int32_t color_format, uint32_t flags) {
     const uint32_t al[4] = {XELO_PAIR(32, 32), XELO_PAIR(32, 32), XELO_PAIR(32, 32), XELO_PAIR(32, 32)};
     const uint32_t pad[4] = {0, 0, 0, 0};
+    // The planes are the decoder's memory for this picture too: held to its
+    // limit with the frame buffers it already has.
+    int32_t pw[4], ph[4], np;
+    if (xelo_cs_planes(color_format, t.w, t.h, pw, ph, &np) != 0) return KIVO_ERR_COLOR_FORMAT;
+    uint64_t bytes = 0;
+    for (int p = 0; p < np; ++p) bytes += uint64_t((pw[p] + 31) & ~31) * uint64_t((ph[p] + 31) & ~31);
+    if (kivod_over(ctx->limits.max_memory, ctx->frame_bytes + bytes)) return KIVO_ERR_OUT_OF_MEMORY;
     xelo_imgb *img = xelo_imgb_create(t.w, t.h, color_format, 3, al, pad, 0, 0, 0);
     if (!img) return KIVO_ERR_OUT_OF_MEMORY;
     // Rows the data do not reach are converted too: mid-grey, not whatever
     // the new planes' memory held before.
     for (int p = 0; p < 4; ++p)
         if (img->plane[p]) std::memset(img->plane[p], 128, static_cast<size_t>(img->stride[p]) * img->lines[p]);
+    // The decode's own memory (resizers, rows saved for slices started
+    // ahead) is then counted on top of the planes.
+    ctx->frame_bytes += bytes;
     int32_t ret = kivod_clone(ctx, img);
+    ctx->frame_bytes = ctx->frame_bytes > bytes ? ctx->frame_bytes - bytes : 0;
     if (ret == KIVO_OK)
         ret = kivoc_to_packed(img, t.packed, t.packed_stride,
                               static_cast<size_t>(t.h - 1) * t.packed_stride + static_cast<size_t>(t.w) * pixel_size(t.packed_format),

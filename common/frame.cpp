@@ -13,18 +13,20 @@ KIVO_EXPORT int32_t kivo_platform_init(int32_t *status) {
 
 KIVO_EXPORT void kivo_platform_deinit(void) {}
 
+// The flag is read and written atomically, so that several threads (an
+// app's libraries each initialising it) may call these at once; the
+// platform set-up they may then both run is idempotent.
 KIVO_EXPORT int32_t kivo_init(void) {
-    if (kivo_inited) return KIVO_OK;
+    if (__atomic_load_n(&kivo_inited, __ATOMIC_ACQUIRE)) return KIVO_OK;
     int32_t status = KIVO_OK;
     if (kivo_platform_init(&status) != 0) return status;
-    kivo_inited = 1;
+    __atomic_store_n(&kivo_inited, 1, __ATOMIC_RELEASE);
     return KIVO_OK;
 }
 
 KIVO_EXPORT void kivo_deinit(void) {
-    if (!kivo_inited) return;
+    if (!__atomic_exchange_n(&kivo_inited, 0, __ATOMIC_ACQ_REL)) return;
     kivo_platform_deinit();
-    kivo_inited = 0;
 }
 
 KIVO_EXPORT const char *kivo_strerror(int32_t status) {

@@ -326,11 +326,12 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
             } else if (m == 0xFE) {
                 if (kivod_vld_skip_seg(bs) != 0) return fail(ctx, KIVO_ERR_MALFORMED);
             } else if (m >= 0xE0 && m <= 0xEF) {
+                // A segment that cannot be kept for want of memory, or past
+                // max_app_bytes (checked before its memory is taken), is not
+                // a malformed stream: -102.
                 ret = kivod_vld_app(ctx, bs, m);
-                if (ret != 0) return fail(ctx, KIVO_ERR_MALFORMED);
+                if (ret != 0) return fail(ctx, ret);
                 ctx->app_bytes += int64_t(ctx->app_last->size) + int64_t(sizeof(kivod_app_node));
-                if (kivod_over(ctx->limits.max_app_bytes, uint64_t(ctx->app_bytes)))
-                    return fail(ctx, KIVO_ERR_OUT_OF_MEMORY);
             }
         }
         if (kivod_bs_input_done(bs) && bs->bits < 1) return fail(ctx, KIVO_ERR_MALFORMED);

@@ -568,6 +568,9 @@ inline bool kivod_may_save(const kivod_ctx *ctx, size_t bytes) {
 
 // ---- scans, slices and threads (scan.cpp, mt.cpp) ------------------------------------
 int32_t dec_scan(kivod_ctx *ctx, int32_t *done);
+// Marks a slice that never ran (the pool refused its run) as stopped before
+// its first MCU, with no statistics.
+void kivod_slice_not_run(kivod_work *w);
 int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w);
 // Slices of a sequential scan: at most this many (one per lent thread, one
 // for file input, no more than the rows allow).

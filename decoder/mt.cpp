@@ -355,9 +355,13 @@ int32_t kivod_skim_and_run(kivod_ctx *ctx) {
     // picture order, that failed. Decoding got no further than that slice,
     // so what a later one met (a failed allocation, or damage the data
     // hold past the stop) must not change the outcome.
+    // A slice whose run the pool refuses (a caller's pool with a full
+    // queue) counts as stopped before its first MCU, so the picture is not
+    // taken for whole: its job never cleared what an earlier picture left.
     int32_t status[kivo::kMaxThreads] = {};
     status[0] = start_slice(ctx, 0);
     if (status[0] < 0) {
+        kivod_slice_not_run(ctx->work[0]);
         ctx->n_threads = 1;
         return status[0];
     }
@@ -383,11 +387,15 @@ int32_t kivod_skim_and_run(kivod_ctx *ctx) {
             break;
         }
         status[slice] = start_slice(ctx, slice);
-        if (status[slice] != KIVO_OK) break;
+        if (status[slice] != KIVO_OK) {
+            kivod_slice_not_run(w);
+            break;
+        }
         started = slice + 1;
     }
-    // The calling thread decodes the last slice when the skim reached it.
-    ctx->n_threads = last_ready ? n : started;
+    // The calling thread decodes the last slice when the skim reached it;
+    // a refused one is counted, as stopped.
+    ctx->n_threads = last_ready ? n : status[started] < 0 ? started + 1 : started;
     if (last_ready) status[n - 1] = kivod_thread_job(ctx->work[n - 1]);
     for (int i = 0; i < started; ++i) ctx->tpool.wait(ctx->threads[i + 1], &status[i]);
     for (int i = 0; i < n; ++i)

@@ -654,6 +654,17 @@ int32_t dec_scan(kivod_ctx *ctx, int32_t *done) {
     return status;
 }
 
+void kivod_slice_not_run(kivod_work *w) {
+    w->stopped = 1;
+    w->mcu_done = 0;
+    std::memset(w->stat_luma, 0, sizeof(w->stat_luma));
+    std::memset(w->stat_chroma, 0, sizeof(w->stat_chroma));
+    w->n_luma = w->n_chroma = 0;
+    w->dc_level_sum = 0;
+    std::memset(w->dc_count, 0, sizeof(w->dc_count));
+    std::memset(w->ac_count, 0, sizeof(w->ac_count));
+}
+
 int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     // Until its MCUs run, the slice counts as stopped before its first.
     w->stopped = 1;

@@ -169,6 +169,9 @@ int32_t kivod_vld_app(kivod_ctx *ctx, kivod_bs *bs, uint32_t marker) {
     bool memory = bs->type == KIVOD_INPUT_BITB;
     // A segment running past the input's end is refused rather than pointed at.
     if (memory && static_cast<int64_t>(size) > bytes_left(bs)) return KIVO_ERR_MALFORMED;
+    // The limit on kept segments holds before their memory is taken.
+    if (kivod_over(ctx->limits.max_app_bytes, uint64_t(ctx->app_bytes) + size + sizeof(kivod_app_node)))
+        return KIVO_ERR_OUT_OF_MEMORY;
     auto *node = static_cast<kivod_app_node *>(std::malloc(sizeof(kivod_app_node)));
     if (!node) return KIVO_ERR_OUT_OF_MEMORY;
     node->marker = marker;

@@ -110,11 +110,15 @@ KIVO_API int32_t kivod_set_stats(kivod_ctx *ctx, int32_t on);
  *                  limit stay decoded in the buffer
  *   max_memory     bytes the decoder allocates for one picture: the frame
  *                  buffers (kivod_decode: -102), with the resizers a
- *                  reduced or resized output adds (kivod_clone: -102).
+ *                  reduced or resized output adds (kivod_clone: -102)
+ *                  and the planes kivoc_decode_packed decodes a picture
+ *                  into when it does not convert it band by band (-102).
  *                  File input is read whole (and then decodes on every
  *                  lent thread) when its size is within this limit and
- *                  1 GiB; a larger file is read as it is decoded, on one
- *                  thread, and is not refused for its size
+ *                  1 GiB, a copy counted alone (with the frame buffers
+ *                  the picture may then take up to twice the limit); a
+ *                  larger file is read as it is decoded, on one thread,
+ *                  and is not refused for its size
  *   max_app_bytes  bytes of the kept APPn segments, each counted with its
  *                  list node                         kivod_decode: -102 */
 typedef struct kivod_limits {

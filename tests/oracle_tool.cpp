@@ -187,6 +187,15 @@ TEST(OracleTool, RefusesBombsAndMisleadingInputs) {
         EXPECT_EQ(run(tool::cmd_encode, {in, out, "--max-pixels", "119"}), 1) << ext;
         EXPECT_EQ(run(tool::cmd_encode, {in, out, "--max-pixels", "120"}), 0) << ext;
         EXPECT_EQ(run(tool::cmd_encode, {in, out, "--perceptual", "1"}), 0) << ext;  // too small to analyse
+        // --qtables: 128 whole numbers and comments, nothing more.
+        std::string n127;
+        for (int i = 0; i < 127; ++i) n127 += "9 ";
+        for (const auto &[text, want] : std::vector<std::pair<std::string, int>>{
+                 {"# q\n" + n127 + "9 # end", 0}, {n127 + "9 9", 1}, {n127 + "9.5", 1}, {n127 + "0x9", 1}}) {
+            ASSERT_TRUE(tool::write_file(out + ".q", std::vector<uint8_t>(text.begin(), text.end())));
+            EXPECT_EQ(run(tool::cmd_encode, {in, out, "--qtables", out + ".q"}), want) << text;
+        }
+        std::remove((out + ".q").c_str());
         // A picture's name is no JPEG output: a typo must not replace it.
         EXPECT_EQ(run(tool::cmd_encode, {in, in}), 2) << ext;
         EXPECT_EQ(run(tool::cmd_transcode, {out, in}), 2) << ext;
@@ -230,7 +239,18 @@ TEST(OracleTool, BatchGoesOnPastAFailingFile) {
         tjDestroy(tj);
     }
     fs::remove(dir / "in" / "bad.jpg");
+    // A file replaced in place keeps its permissions, owner and group.
+    const std::string a = (dir / "in" / "a.jpg").string();
+    const bool root = geteuid() == 0;
+    ASSERT_TRUE(chmod(a.c_str(), 0640) == 0 && (!root || chown(a.c_str(), 1234, 5678) == 0));
     EXPECT_EQ(run(tool::cmd_transcode, {(dir / "in").string(), "--recursive", "--in-place"}), 0);
+    struct stat st;
+    EXPECT_TRUE(stat(a.c_str(), &st) == 0 && (st.st_mode & 07777) == 0640 && (!root || (st.st_uid == 1234 && st.st_gid == 5678)));
+    // A read-only file is not replaced, though its directory is writable.
+    std::vector<uint8_t> before, after;
+    ASSERT_TRUE(chmod(a.c_str(), 0444) == 0 && tool::read_file(a, &before));
+    EXPECT_EQ(run(tool::cmd_transcode, {a, "--in-place", "--mode", "pipeline", "--quality", "50"}), 1);
+    EXPECT_TRUE(tool::read_file(a, &after) && after == before);
     // The pipeline does not re-encode a cut source (mid-grey where its data
     // end): in place, the source stays as it was.
     const std::string cut_path = (dir / "cut.jpg").string();

@@ -404,6 +404,18 @@ TEST(Colour, DecodePackedRefusals) {
         }
         kivod_delete(dec);
     }
+    // Decoded whole (here at 1/2), the picture's planes (3072 bytes) count
+    // against max_memory with the frame buffers, which alone fit.
+    for (const int64_t limit : {int64_t(0), int64_t(3000)}) {
+        xelo_bitb bitb{};
+        kivo_tpool tp;
+        kivod_frame_info info{};
+        kivod_ctx *dec = open_decoder(e.jpg, 1, 2, &bitb, &tp, &info);
+        const kivod_limits lim{0, 0, limit, 0};
+        ASSERT_EQ(kivod_set_limits(dec, &lim), 0);
+        EXPECT_EQ(kivoc_decode_packed(dec, px.data(), st, sz, KIVOC_RGBA, 0), limit ? KIVO_ERR_OUT_OF_MEMORY : 0);
+        kivod_delete(dec);
+    }
 }
 
 }  // namespace

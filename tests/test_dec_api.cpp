@@ -182,6 +182,23 @@ TEST(DecApi, FailedSliceFailsTheClone) {
     }
 }
 
+// A pool that refuses to run a slice (a caller's, with a full queue) fails
+// the clone with its status, and the picture is not reported whole.
+TEST(DecApi, RefusedRunFailsTheClone) {
+    kivo_tpool pool;
+    kivo_tpool_std(&pool, 3);
+    pool.run = [](void *, kivo_job_fn, void *) -> int32_t { return -55; };
+    Handle h(&pool);
+    kivod_frame_info info{};
+    std::vector<uint8_t> s = grey_stream(64, 96, 8, 0);
+    ASSERT_EQ(decode_mem(h.ctx, s, &info), 0);
+    xelo_imgb *img = make_img(64, 96, XELO_CS_YCBCR400);
+    EXPECT_EQ(kivod_clone(h.ctx, img), -55);
+    kivod_progress p{};
+    EXPECT_TRUE(kivod_get_progress(h.ctx, &p) == 0 && !p.complete && p.mcu_rows == 0) << p.mcu_rows;
+    img->release(img);
+}
+
 // Data that end right after the last MCU (no EOI) decode the same picture
 // at every reduction; the partial strip of a reduced one is still resized.
 TEST(DecApi, DataEndingAtLastMcuAreWritten) {

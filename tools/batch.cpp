@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <new>
 #include <set>
 #include <thread>
 
@@ -37,9 +38,34 @@ struct TempSlot {
 };
 TempSlot temp_slots[64];
 
+// Files of the running batch finished and in all (0: no batch), for the
+// message of an interrupted one.
+std::atomic<int> batch_done{0}, batch_total{0};
+
+// Appends n in decimal to buf at *len (no allocation: called from a signal
+// handler).
+void put_number(char *buf, size_t *len, int n) {
+    char digits[12];
+    int k = 0;
+    do digits[k++] = static_cast<char>('0' + n % 10); while ((n /= 10) > 0);
+    while (k > 0) buf[(*len)++] = digits[--k];
+}
+
 void remove_temps_and_exit(int sig) {
     for (TempSlot &s : temp_slots)
         if (s.state.load(std::memory_order_acquire) == 1) unlink(s.path);
+    if (const int total = batch_total.load()) {
+        // The batch's summary is not printed: say how far it came.
+        char msg[160];
+        size_t len = 0;
+        const auto put = [&](const char *t) { while (*t) msg[len++] = *t++; };
+        put("\r\033[Kkivo: interrupted after ");
+        put_number(msg, &len, batch_done.load());
+        put(" of ");
+        put_number(msg, &len, total);
+        put(" files; the outputs being written were removed\n");
+        if (write(STDERR_FILENO, msg, len) < 0) {}
+    }
     signal(sig, SIG_DFL);
     raise(sig);
 }
@@ -74,13 +100,14 @@ void install_cleanup() {
 }
 
 int create_temp(std::string *tmpl, int *slot) {
-    // No signal may come between the file's creation and its registration.
+    // The file is created under the name in its slot, registered before:
+    // a signal another thread takes while this one creates the file then
+    // finds it (blocking the signals here holds them off this thread only).
     const sigset_t set = cleanup_signals();
     sigset_t old;
     pthread_sigmask(SIG_BLOCK, &set, &old);
-    const int fd = mkstemp(&(*tmpl)[0]);
     *slot = -1;
-    if (fd >= 0 && tmpl->size() < sizeof(temp_slots[0].path)) {
+    if (tmpl->size() < sizeof(temp_slots[0].path)) {
         for (int i = 0; i < 64 && *slot < 0; ++i) {
             int expected = 0;
             if (temp_slots[i].state.compare_exchange_strong(expected, 2)) {  // 2: taken, not yet readable
@@ -89,6 +116,11 @@ int create_temp(std::string *tmpl, int *slot) {
                 *slot = i;
             }
         }
+    }
+    const int fd = mkstemp(*slot >= 0 ? temp_slots[*slot].path : &(*tmpl)[0]);
+    if (*slot >= 0) {
+        tmpl->assign(temp_slots[*slot].path);
+        if (fd < 0) release_temp(*slot), *slot = -1;
     }
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
     return fd;
@@ -189,6 +221,8 @@ int run_batch(const BatchOptions &b, const std::vector<const char *> &exts, cons
         total_in += jobs[i].in_bytes;
     }
 
+    batch_done = 0;
+    batch_total = static_cast<int>(jobs.size());
     const int workers = std::max(1, std::min<int>(b.threads, static_cast<int>(jobs.size())));
     std::atomic<size_t> next{0};
     std::atomic<int> done{0}, bad{0};
@@ -202,21 +236,39 @@ int run_batch(const BatchOptions &b, const std::vector<const char *> &exts, cons
                 std::error_code ec;
                 fs::create_directories(fs::path(job.out).parent_path(), ec);
             }
-            if (ok) ok = work(&job);
+            // A file the memory does not suffice for fails alone; the batch
+            // goes on (others may be smaller).
+            try {
+                if (ok) ok = work(&job);
+            } catch (const std::exception &e) {
+                message("kivo: %s: %s\n", job.in.c_str(),
+                        dynamic_cast<const std::bad_alloc *>(&e) ? "out of memory" : e.what());
+                ok = false;
+            }
             if (!ok && !skip[i]) ++bad;
             done_in += job.in_bytes;
             if (ok) ok_in += job.in_bytes, ok_out += job.out_bytes;
             ++done;
+            ++batch_done;
         }
     };
+    // A thread the system refuses (a process or memory limit) leaves its
+    // files to the others.
     std::vector<std::thread> pool;
-    for (int i = 1; i < workers; ++i) pool.emplace_back(worker);
+    const auto start = [&] {
+        try {
+            pool.emplace_back(worker);
+            return true;
+        } catch (const std::exception &) {
+            return false;
+        }
+    };
+    for (int i = 1; i < workers; ++i) start();
 
     // The last worker is this thread unless a terminal wants the progress
     // line, which this thread then redraws five times a second.
     const bool tty = isatty(STDERR_FILENO);
-    if (tty && !jobs.empty()) {
-        pool.emplace_back(worker);
+    if (tty && !jobs.empty() && start()) {
         while (done.load() < static_cast<int>(jobs.size())) {
             const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
             const uint64_t in = done_in.load();
@@ -238,6 +290,7 @@ int run_batch(const BatchOptions &b, const std::vector<const char *> &exts, cons
         worker();
     }
     for (std::thread &t : pool) t.join();
+    batch_total = 0;
     failed += bad.load();
     const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     const uint64_t in = ok_in.load(), out = ok_out.load();

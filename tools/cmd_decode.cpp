@@ -112,6 +112,10 @@ int cmd_info(int argc, char **argv) {
     kivod_limits limits = default_limits();
     std::vector<const char *> files;
     for (int i = 0; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--") == 0) {  // the rest are files
+            files.insert(files.end(), argv + i + 1, argv + argc);
+            break;
+        }
         const int limit = limit_option(option_name(argv[i]), argc, argv, &i, &limits);
         if (limit < 0) return 2;
         if (!limit) files.push_back(argv[i]);
@@ -161,8 +165,13 @@ int cmd_decode(int argc, char **argv) {
     int threads = 1, ow = 0, oh = 0, denom = 1;
     bool denom_given = false;
     kivod_limits limits = default_limits();
+    std::vector<std::string> names;  // the input and output files
     for (int i = 0; i < argc; ++i) {
         const std::string a = option_name(argv[i]);
+        if (a == "--") {  // the rest are files, also those named with a leading dash
+            names.insert(names.end(), argv + i + 1, argv + argc);
+            break;
+        }
         if (const int limit = limit_option(a, argc, argv, &i, &limits)) {
             if (limit < 0) return 2;
         } else if (a == "--threads" && i + 1 < argc) {
@@ -180,15 +189,16 @@ int cmd_decode(int argc, char **argv) {
                 message("kivo: --scale takes 1/2, 1/4 or 1/8\n");
                 return 2;
             }
-        } else if (in.empty()) {
-            in = a;
-        } else if (out.empty()) {
-            out = a;
         } else {
-            message("kivo: unexpected argument %s\n", a.c_str());
-            return 2;
+            names.push_back(argv[i]);
         }
     }
+    if (names.size() > 2) {
+        message("kivo: unexpected argument %s\n", names[2].c_str());
+        return 2;
+    }
+    if (names.size() > 0) in = names[0];
+    if (names.size() > 1) out = names[1];
     if (in.empty() || out.empty()) {
         std::fprintf(stderr, "usage: kivo decode IN.jpg OUT.{png,ppm,pgm,y4m,yuv} [--size WxH | --scale 1/2|1/4|1/8]\n"
                              "         [--threads N]\n");

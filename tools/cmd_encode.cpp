@@ -1,4 +1,5 @@
 // kivo encode.
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -25,23 +26,37 @@ void usage() {
                  "       kivo encode IN... (--out-dir DIR | --in-place) [--recursive] [options]\n"
                  "  encodes every input (with --recursive, directories: their .png .ppm .pgm .pnm .y4m\n"
                  "  files, subdirectories included) to NAME.jpg in DIR or beside the input, --threads\n"
-                 "  files at once.\n"
+                 "  files at once. -- ends the options: the arguments after it are files.\n"
                  "  a .yuv input holds raw planes in component order without padding; --format takes\n"
                  "  400 420 422 444 440 411 k400 k420 k422 k444 k440 or a colour format code.\n"
-                 "  --qtables FILE: 128 numbers (luma then chroma quantizers, raster order).\n"
+                 "  --qtables FILE: 128 numbers 0 to 255 (luma then chroma quantizers, raster order;\n"
+                 "  0 is coded as 1; # starts a comment).\n"
                  "  --progressive: a progressive stream of the same levels, tables optimised per scan.\n");
 }
 
-bool read_qtables(const std::string &path, uint8_t out[128]) {
-    FILE *f = std::fopen(path.c_str(), "r");
-    if (!f) return false;
+// Exactly 128 whole decimal numbers from 0 to 255 (0 is coded as 1),
+// separated by white space, with comments from # to the end of a line.
+// Anything else (a fraction, a sign, hexadecimal, a 129th number: the
+// chroma table of a three-table file) refuses the file, rather than taking
+// a number's first digits or the first 128 numbers.
+bool read_qtables(const std::vector<uint8_t> &text, uint8_t out[128]) {
     int n = 0;
-    for (; n < 128; ++n) {
-        int v;
-        if (std::fscanf(f, "%d", &v) != 1 || v < 0 || v > 255) break;
-        out[n] = static_cast<uint8_t>(v);
+    for (size_t i = 0; i < text.size();) {
+        const uint8_t c = text[i];
+        if (c == '#') {
+            while (i < text.size() && text[i] != '\n') ++i;
+        } else if (c == ' ' || c == '\t' || c == '\n' || c == '\r') {
+            ++i;
+        } else {
+            int v = 0, digits = 0;
+            for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i, ++digits)
+                if (v <= 255) v = v * 10 + (text[i] - '0');  // beyond, it stays too large
+            const bool ends = i == text.size() || text[i] == ' ' || text[i] == '\t' || text[i] == '\n' ||
+                              text[i] == '\r' || text[i] == '#';
+            if (!digits || !ends || v > 255 || n == 128) return false;
+            out[n++] = static_cast<uint8_t>(v);
+        }
     }
-    std::fclose(f);
     return n == 128;
 }
 
@@ -163,6 +178,10 @@ int cmd_encode(int argc, char **argv) {
             usage();
             return 0;
         }
+        if (a == "--") {  // the rest are files, also those named with a leading dash
+            batch.inputs.insert(batch.inputs.end(), argv + i + 1, argv + argc);
+            break;
+        }
         if (const int limit = limit_option(a, argc, argv, &i, &st.limits)) {
             if (limit < 0) return 2;
             continue;
@@ -206,8 +225,13 @@ int cmd_encode(int argc, char **argv) {
         message("kivo: encode writes JPEG, not %s (a typo would replace that picture)\n", batch.inputs[1].c_str());
         return 2;
     }
-    if (!qfile.empty() && !(st.has_qtables = read_qtables(qfile, st.qtables))) {
-        message("kivo: %s must hold 128 numbers from 0 to 255\n", qfile.c_str());
+    std::vector<uint8_t> qtext;
+    if (!qfile.empty() && !read_file(qfile, &qtext, 1 << 20)) {
+        message("kivo: cannot read %s: %s\n", qfile.c_str(), std::strerror(errno));
+        return 1;
+    }
+    if (!qfile.empty() && !(st.has_qtables = read_qtables(qtext, st.qtables))) {
+        message("kivo: %s must hold 128 whole numbers from 0 to 255 (# starts a comment) and nothing else\n", qfile.c_str());
         return 1;
     }
     uint64_t out_bytes = 0;

@@ -131,6 +131,10 @@ int cmd_transcode(int argc, char **argv) {
             help = bad = true;
             break;
         }
+        if (a == "--") {  // the rest are files, also those named with a leading dash
+            batch.inputs.insert(batch.inputs.end(), argv + i + 1, argv + argc);
+            break;
+        }
         if (const int limit = limit_option(a, argc, argv, &i, &st.limits)) {
             if (limit < 0) return 2;
             continue;
@@ -171,7 +175,7 @@ int cmd_transcode(int argc, char **argv) {
                      "  which APPn segments stay (icc: the colour profile). Quality 0 (the default)\n"
                      "  chooses it from the picture's brightness. With several inputs (with --recursive,\n"
                      "  directories: their .jpg and .jpeg files, subdirectories included), --threads\n"
-                     "  files at once.\n");
+                     "  files at once. -- ends the options: the arguments after it are files.\n");
         return help ? 0 : 2;
     }
     if (!many && is_picture_name(batch.inputs[1])) {

@@ -1,6 +1,8 @@
 // kivo: the libkivo command-line tool.
 #include <cstdio>
 #include <cstring>
+#include <exception>
+#include <new>
 #include <string>
 
 #include "decoder/kivod_int.h"
@@ -58,7 +60,7 @@ int main(int argc, char **argv) {
     if (argc < 2) {
         ret = report();
         if (ret == 0) ret = tool::cmd_demo();
-    } else {
+    } else try {
         const std::string cmd = argv[1];
         if (cmd == "--help" || cmd == "-h") {
             usage(stdout);
@@ -76,6 +78,12 @@ int main(int argc, char **argv) {
             usage(stderr);
             ret = 2;
         }
+    } catch (const std::exception &e) {
+        // The tool's own memory (a picture's pixels, a file read whole) or
+        // a thread the system refuses: a message and status 1, not an abort.
+        // Outputs are renamed into place only when complete.
+        tool::message("kivo: %s\n", dynamic_cast<const std::bad_alloc *>(&e) ? "out of memory" : e.what());
+        ret = 1;
     }
     kivo_deinit();
     return ret;

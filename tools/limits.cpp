@@ -104,9 +104,13 @@ int limit_option(const std::string &a, int argc, char **argv, int *i, kivod_limi
 void limit_hint(int32_t status, const char *input) {
     const char *coding = status == KIVO_ERR_UNSUPPORTED && input ? undecoded_coding(input) : nullptr;
     if (coding) message("kivo: %s: this library does not decode %s\n", input, coding);
-    else if (status == KIVO_ERR_UNSUPPORTED || status == KIVO_ERR_OUT_OF_MEMORY)
-        message("kivo: a limit may have refused it: --max-pixels, --max-scans, --max-memory and "
-                "--max-app-bytes set them (0 lifts one), --no-limits lifts all\n");
+    else if (status == KIVO_ERR_UNSUPPORTED)
+        message("kivo: a limit may have refused it: --max-pixels and --max-scans set them (0 lifts one), "
+                "--no-limits lifts all\n");
+    else if (status == KIVO_ERR_OUT_OF_MEMORY)
+        message("kivo: the memory ran out, or a limit refused it: --max-memory and --max-app-bytes set "
+                "them (0 lifts one), --no-limits lifts all; a progressive frame's coefficients take at "
+                "most 1 GiB whatever they say\n");
 }
 
 }  // namespace tool

@@ -26,17 +26,31 @@ bool read_file(const std::string &path, std::vector<uint8_t> *out, size_t max) {
 
 namespace {
 
-// Permissions of a new output: those of the file it replaces, else 0666
-// less the umask (read once, before any worker thread can run).
-mode_t output_mode(const std::string &path) {
+// Gives the new output fd the owner, group and permissions of the file it
+// replaces (a user's private photograph stays theirs and private when root
+// replaces it), else 0666 less the umask (read once, before any worker
+// thread can run). An owner or group that cannot be kept (a user replacing
+// another's file, or choosing a group of which they are not a member) is
+// left as the new file has it, and then the permissions the old group or
+// owner had are not given to the new ones, nor set-id bits.
+bool set_output_owner_and_mode(int fd, const std::string &path) {
     static const mode_t mask = [] {
         const mode_t m = umask(022);
         umask(m);
         return m;
     }();
     struct stat st;
-    if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) return st.st_mode & 07777;
-    return 0666 & ~mask;
+    if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return fchmod(fd, 0666 & ~mask) == 0;
+    mode_t mode = st.st_mode & 07777;
+    struct stat now;
+    if (fstat(fd, &now) != 0) return false;
+    if (now.st_uid != st.st_uid || now.st_gid != st.st_gid) {
+        if (fchown(fd, st.st_uid, st.st_gid) != 0 && fchown(fd, static_cast<uid_t>(-1), st.st_gid) != 0)
+            mode &= ~(S_ISUID | S_ISGID | S_IRWXG);
+        if (fstat(fd, &now) != 0) return false;
+        if (now.st_uid != st.st_uid) mode &= ~(S_ISUID | S_ISGID);
+    }
+    return fchmod(fd, mode) == 0;
 }
 
 }  // namespace
@@ -87,6 +101,15 @@ bool write_file(const std::string &name, const std::vector<uint8_t> &bytes) {
         const size_t slash = path.rfind('/');
         path = next[0] == '/' || slash == std::string::npos ? next : path.substr(0, slash + 1) + next;
     }
+    // A file its owner made read-only, or one this user may not write, is
+    // not replaced behind its back through its directory's rights: as a
+    // shell's > would, the write fails (root included, for a file without
+    // any write permission).
+    if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+        ((st.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0 || access(path.c_str(), W_OK) != 0)) {
+        message("kivo: cannot write %s: the file is read-only (to this user)\n", path.c_str());
+        return false;
+    }
     const size_t slash = path.rfind('/');
     const std::string dir = slash == std::string::npos ? "" : path.substr(0, slash + 1);
     const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
@@ -98,7 +121,7 @@ bool write_file(const std::string &name, const std::vector<uint8_t> &bytes) {
                      std::strerror(errno));
         return false;
     }
-    bool ok = fchmod(fd, output_mode(path)) == 0 && write_all(fd, bytes);
+    bool ok = set_output_owner_and_mode(fd, path) && write_all(fd, bytes);
     // The data reach the disk before the name does, so a crash after the
     // rename cannot leave an empty file where the original was.
     ok = ok && fsync(fd) == 0;
