@@ -527,6 +527,35 @@ TEST(OracleTranscode, TrailerReadInBlocks) {
         kivot_delete(t), std::remove(path.c_str());
     }
     EXPECT_LT(reads[1] - reads[0], 64);
+    // A file that cannot be opened gives -108 from every call, as from the decoder.
+    kivo_mfal m{};
+    kivo_mfal_file(&m, "/nonexistent/kivo.jpg");
+    const kivod_input missing{KIVOD_INPUT_MFAL, nullptr, &m};
+    Bytes buf(1024);
+    xelo_bitb ob{};
+    ob.addr = buf.data(), ob.ssize = static_cast<int32_t>(buf.size());
+    const kivoe_output output{KIVOD_INPUT_BITB, &ob, nullptr};
+    kivoe_create_param p{1, 0, 0, 0, 0, nullptr};
+    kivot_ctx *t = kivot_create(&p, nullptr);
+    int32_t written = 0;
+    EXPECT_EQ(kivot_txcode(t, &missing, &output, &written), KIVO_ERR_OPEN);
+    EXPECT_EQ(kivot_txcode_lossless(t, &missing, &output, &written, KIVOT_LOSSLESS_BASELINE), KIVO_ERR_OPEN);
+    EXPECT_EQ(kivot_txcode_smallest(t, &missing, &output, &written, nullptr), KIVO_ERR_OPEN);
+    kivot_delete(t);
+    // A worker run the pool refuses fails the smallest-of call, as memory
+    // that cannot be had does, rather than leaving candidates out.
+    kivo_tpool refusing;
+    kivo_tpool_std(&refusing, 2);
+    refusing.run = [](void *, kivo_job_fn, void *) -> int32_t { return -55; };
+    kivoe_create_param rp{1, 0, 0, 0, 0, &refusing};
+    t = kivot_create(&rp, nullptr);
+    const Bytes big = make_source(kSources[0], 512, 256, 98, 3);
+    xelo_bitb ib{};
+    ib.addr = const_cast<uint8_t *>(big.data()), ib.ssize = static_cast<int32_t>(big.size());
+    const kivod_input in{KIVOD_INPUT_BITB, &ib, nullptr};
+    buf.resize(big.size() * 2), ob.addr = buf.data(), ob.ssize = static_cast<int32_t>(buf.size());
+    EXPECT_EQ(kivot_txcode_smallest(t, &in, &output, &written, nullptr), -55);
+    kivot_delete(t);
 }
 
 // Histories of encoder and transcoder handles. Letters, in order:

@@ -103,7 +103,7 @@ struct Source {
             return KIVO_ERR_INVALID_ARG;
         kivo_mfal *m = in->mfal;
         void *h = m->open(m, 2, 1);
-        if (!h) return KIVO_ERR_IO;
+        if (!h) return KIVO_ERR_OPEN;  // as the decoder says of a file it cannot open
         int64_t n = 0;
         int32_t ret = m->size(h, &n) != 0 || n <= 0 || n > INT32_MAX ? KIVO_ERR_IO : KIVO_OK;
         if (ret == KIVO_OK) owned = static_cast<uint8_t *>(std::malloc(static_cast<size_t>(n)));
@@ -242,10 +242,22 @@ struct Best {
     }
 };
 
-// A candidate that failed for want of memory: an allocation, or an image
-// buffer that could not be created.
-inline bool want_of_memory(int32_t status) {
-    return status == KIVO_ERR_OUT_OF_MEMORY || status == KIVO_ERR_IMGB;
+// A candidate that failed for want of resources rather than for its
+// source: an allocation, an image buffer that could not be created, or a
+// worker run the pool refused (KIVO_ERR_THREAD, or a caller's pool's own
+// status, which is none of the library's others).
+inline bool want_of_resources(int32_t status) {
+    switch (status) {
+    case KIVO_OK:
+    case KIVO_ERR_UNSUPPORTED:
+    case KIVO_ERR_UNAVAILABLE:
+    case KIVO_ERR_INVALID_ARG:
+    case KIVO_ERR_OPEN:
+    case KIVO_ERR_IO:
+    case KIVO_ERR_MALFORMED:
+    case KIVO_ERR_COLOR_FORMAT: return false;
+    default: return true;
+    }
 }
 
 }  // namespace
@@ -304,8 +316,8 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
         return KIVO_ERR_OUT_OF_MEMORY;
     }
 
-    // A candidate that fails for want of memory fails the call: the choice
-    // is made among all of them or not at all. Other failures (a source
+    // A candidate that fails for want of memory or of a worker fails the
+    // call: the choice is made among all of them or not at all. Other failures (a source
     // that does not decode whole, levels a baseline stream cannot hold)
     // only leave a candidate out.
     bool same_picture = true;  // the handle keeps the source's size and layout
@@ -336,7 +348,7 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
         lv.keep(d);
     }
     kivod_release_frame_buffers(d);
-    if (!want_of_memory(ret) && !same_picture) {
+    if (!want_of_resources(ret) && !same_picture) {
         // Another size or layout is the pipeline's alone.
         free_buffers();
         ret = kivot_trc(t, &in, output, written);
@@ -348,7 +360,7 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
     // source's own tables it only adds loss): it is then often much the
     // smallest, and the lossless codings stop as soon as they cannot beat
     // it. A source that does not decode whole is not re-encoded.
-    if (!want_of_memory(ret) && tables_change) {
+    if (!want_of_resources(ret) && tables_change) {
         // The picture is made from the levels already read; a source whose
         // levels could not be read is decoded again.
         const bool from_levels = levels == KIVO_OK;
@@ -370,9 +382,9 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
             if (ret == KIVO_OK) best.offer(best.free_buffer(0), n, KIVOT_CHOSEN_PIPELINE);
         }
     }
-    if (!want_of_memory(ret) && levels == KIVO_OK) ret = write_lossless(t, &lv.pic, buf, best);
+    if (!want_of_resources(ret) && levels == KIVO_OK) ret = write_lossless(t, &lv.pic, buf, best);
     // The source itself, when its headers could be read.
-    if (!want_of_memory(ret)) {
+    if (!want_of_resources(ret)) {
         ret = headers ? KIVO_OK : ret;
         const int i = best.free_buffer(0);
         if (headers) best.offer(i, strip_source(src.data, src.size, t->copy, buf[i]), KIVOT_CHOSEN_SOURCE);
