@@ -287,9 +287,10 @@ int32_t count_symbols(kivoe_ctx *ctx) {
     // transform and quantize again.
     int32_t per_mcu = 0;
     for (int c = 0; c < ctx->fh.n_comp; ++c) per_mcu += ctx->fh.h[c] * ctx->fh.v[c];
-    size_t total = 0;
-    for (int i = 0; i < n; ++i) total += static_cast<size_t>(ctx->job[i]->n_mcu) * per_mcu * 64 * sizeof(int16_t);
-    for (int i = 0; i < n && total <= (size_t(64) << 20); ++i) {
+    // In 64 bits: a large picture's size would wrap a 32-bit size_t.
+    uint64_t total = 0;
+    for (int i = 0; i < n; ++i) total += static_cast<uint64_t>(ctx->job[i]->n_mcu) * per_mcu * 64 * sizeof(int16_t);
+    for (int i = 0; i < n && total <= (uint64_t(64) << 20); ++i) {
         kivoe_job *job = ctx->job[i];
         std::free(job->levels);
         const size_t blocks = static_cast<size_t>(job->n_mcu) * per_mcu;
