@@ -667,8 +667,7 @@ void kivod_slice_not_run(kivod_work *w) {
 
 int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     // Until its MCUs run, the slice counts as stopped before its first.
-    w->stopped = 1;
-    w->mcu_done = 0;
+    kivod_slice_not_run(w);
     Slice j;
     j.ctx = ctx;
     j.w = w;
@@ -694,12 +693,6 @@ int32_t kivod_dec_slice(kivod_ctx *ctx, kivod_work *w) {
     j.stats = ctx->stats_wanted != 0;
     j.mag_blocks = 0;
     std::memset(j.mag, 0, sizeof(j.mag));
-    std::memset(w->stat_luma, 0, sizeof(w->stat_luma));
-    std::memset(w->stat_chroma, 0, sizeof(w->stat_chroma));
-    w->n_luma = w->n_chroma = 0;
-    w->dc_level_sum = 0;
-    std::memset(w->dc_count, 0, sizeof(w->dc_count));
-    std::memset(w->ac_count, 0, sizeof(w->ac_count));
     setup_comps(ctx, j.sc, j.stats ? w->dc_count : nullptr, j.stats ? w->ac_count : nullptr);
     list_blocks(j);
     j.luma_k = 0;

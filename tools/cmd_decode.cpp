@@ -112,10 +112,7 @@ int cmd_info(int argc, char **argv) {
     kivod_limits limits = default_limits();
     std::vector<const char *> files;
     for (int i = 0; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--") == 0) {  // the rest are files
-            files.insert(files.end(), argv + i + 1, argv + argc);
-            break;
-        }
+        if (rest_are_files(argv[i], argc, argv, i, &files)) break;
         const int limit = limit_option(option_name(argv[i]), argc, argv, &i, &limits);
         if (limit < 0) return 2;
         if (!limit) files.push_back(argv[i]);
@@ -168,10 +165,7 @@ int cmd_decode(int argc, char **argv) {
     std::vector<std::string> names;  // the input and output files
     for (int i = 0; i < argc; ++i) {
         const std::string a = option_name(argv[i]);
-        if (a == "--") {  // the rest are files, also those named with a leading dash
-            names.insert(names.end(), argv + i + 1, argv + argc);
-            break;
-        }
+        if (rest_are_files(a, argc, argv, i, &names)) break;
         if (const int limit = limit_option(a, argc, argv, &i, &limits)) {
             if (limit < 0) return 2;
         } else if (a == "--threads" && i + 1 < argc) {

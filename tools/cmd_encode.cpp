@@ -178,10 +178,7 @@ int cmd_encode(int argc, char **argv) {
             usage();
             return 0;
         }
-        if (a == "--") {  // the rest are files, also those named with a leading dash
-            batch.inputs.insert(batch.inputs.end(), argv + i + 1, argv + argc);
-            break;
-        }
+        if (rest_are_files(a, argc, argv, i, &batch.inputs)) break;
         if (const int limit = limit_option(a, argc, argv, &i, &st.limits)) {
             if (limit < 0) return 2;
             continue;

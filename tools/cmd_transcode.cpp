@@ -131,10 +131,7 @@ int cmd_transcode(int argc, char **argv) {
             help = bad = true;
             break;
         }
-        if (a == "--") {  // the rest are files, also those named with a leading dash
-            batch.inputs.insert(batch.inputs.end(), argv + i + 1, argv + argc);
-            break;
-        }
+        if (rest_are_files(a, argc, argv, i, &batch.inputs)) break;
         if (const int limit = limit_option(a, argc, argv, &i, &st.limits)) {
             if (limit < 0) return 2;
             continue;

@@ -29,6 +29,14 @@ FILE *report_stream(const std::string &output);
 // A switch as the parsers compare it: cjpeg's single-dash spellings
 // ("-quality") become the double-dash ones ("--quality"); "-h" stays.
 std::string option_name(const char *arg);
+// With a at argv[i] being "--", appends argv[i + 1] on to files (names that
+// may start with a dash) and returns true: the options end there.
+template <typename Names>
+bool rest_are_files(const std::string &a, int argc, char **argv, int i, Names *files) {
+    if (a != "--") return false;
+    files->insert(files->end(), argv + i + 1, argv + argc);
+    return true;
+}
 
 // File formats, chosen by the name's extension (any case); Raw is any other name.
 enum class FileKind { Raw, Y4m, Png, Ppm, Pgm, Pnm, Jpeg };

@@ -317,9 +317,9 @@ KIVO_API int32_t kivot_txcode_smallest(kivot_ctx *ctx, const kivod_input *input,
     }
 
     // A candidate that fails for want of memory or of a worker fails the
-    // call: the choice is made among all of them or not at all. Other failures (a source
-    // that does not decode whole, levels a baseline stream cannot hold)
-    // only leave a candidate out.
+    // call: the choice is made among all of them or not at all. Other
+    // failures (a source that does not decode whole, levels a baseline
+    // stream cannot hold) only leave a candidate out.
     bool same_picture = true;  // the handle keeps the source's size and layout
     bool tables_change = true; // the pipeline would choose other tables
     Levels lv;
