@@ -6,9 +6,10 @@
 // measured one by one with the median ratio at the end; without files a
 // generated picture is. --switches adds the cost of each quality switch
 // over a plain one-thread encode, and that of all four over a plain encode
-// with the perceptual tables they chose. --loop SET only encodes the first picture
-// N times with the switch set SET (bits: 1 JND filter, 2 JND suppression,
-// 4 adaptive rounding, 8 perceptual tables), for a profiler. --mask HEX
+// with the perceptual tables they chose, for each Huffman table source
+// measured. --loop SET only encodes the first picture N times with the
+// switch set SET (bits: 1 JND filter, 2 JND suppression, 4 adaptive
+// rounding, 8 perceptual tables), for a profiler. --mask HEX
 // limits the CPU features our kernels may use (kivo_cpu_set_mask), to
 // compare kernel levels in one binary.
 //
@@ -208,7 +209,7 @@ int main(int argc, char **argv) {
     std::printf("%-28s %-9s %8s %8s %8s %9s %9s %7s %7s %6s\n", "picture", "huffman", "turbo", "kivo1", "kivo2",
                 "turbo B", "kivo B", "1t/tj", "2t/tj", "size");
     std::vector<double> ratios[2][2];  // [optimised][threads - 1]
-    std::vector<double> cost[6];
+    std::vector<double> cost[2][6];  // [optimised][switch set]
     const char *switch_names[6] = {"jnd filter", "jnd suppress", "adaptive rounding", "perceptual", "all four",
                                    "all four at their tables"};
     for (const std::string &name : names) {
@@ -257,42 +258,48 @@ int main(int argc, char **argv) {
         }
         if (!switches) continue;
         // Each switch alone and all four, over a plain one-thread encode with
-        // default tables, timed in turns so that drift hits all alike. Each
-        // turn encodes about 8 million pixels in a row (3 pictures at
-        // least): an application encodes with the same settings picture
-        // after picture, while the encodes of a small picture just after
-        // another set's run slower until the processor's branch history
-        // has turned to the new tables and paths (alternating the plain set
-        // and all four on a 500 x 500 picture costs 0.06 ms an encode, 18%).
+        // the same Huffman table source, timed in turns so that drift hits
+        // all alike. Each turn encodes about 8 million pixels in a row (3
+        // pictures at least): an application encodes with the same settings
+        // picture after picture, while the encodes of a small picture just
+        // after another set's run slower until the processor's branch
+        // history has turned to the new tables and paths (alternating the
+        // plain set and all four on a 500 x 500 picture costs 0.06 ms an
+        // encode, 18%).
         // The last set is a plain encode with the tables the perceptual
         // analysis chose: all four over it is the switches' own work, apart
         // from the bits that finer tables make.
-        uint8_t chosen[128];
-        if (!kivo_encode(p, false, 1, qt, &out, kPerceptual, chosen)) return 1;
-        const int sets[7] = {0, kJndFilter, kJndSuppress, kAdaptiveRounding, kPerceptual, 15, 0};
-        const int burst = std::max(3, static_cast<int>(8e6 / (static_cast<double>(p.w) * p.h)));
-        double t[7];
-        std::fill(t, t + 7, 1e30);
-        for (int r = 0; r < reps; ++r)
-            for (int k = 0; k < 7; ++k)
-                for (int i = 0; i < burst; ++i) {
-                    const auto t0 = Clock::now();
-                    if (!kivo_encode(p, false, 1, k == 6 ? chosen : qt, &out, sets[k])) return 1;
-                    t[k] = std::min(t[k], std::chrono::duration<double>(Clock::now() - t0).count());
-                }
-        for (int k = 1; k < 6; ++k) cost[k - 1].push_back(t[k] / t[0] - 1);
-        cost[5].push_back(t[5] / t[6] - 1);
-        std::printf("%-28s switch cost over a plain encode (%.1f MP/s):", shown.c_str(), mp / t[0]);
-        for (int k = 1; k < 6; ++k) std::printf(" %s %+.1f%%", switch_names[k - 1], 100 * (t[k] / t[0] - 1));
-        std::printf("; all four over a plain encode with their tables %+.1f%%\n", 100 * (t[5] / t[6] - 1));
+        for (bool optimize : {false, true}) {
+            if (only >= 0 && optimize != (only == 1)) continue;
+            uint8_t chosen[128];
+            if (!kivo_encode(p, optimize, 1, qt, &out, kPerceptual, chosen)) return 1;
+            const int sets[7] = {0, kJndFilter, kJndSuppress, kAdaptiveRounding, kPerceptual, 15, 0};
+            const int burst = std::max(3, static_cast<int>(8e6 / (static_cast<double>(p.w) * p.h)));
+            double t[7];
+            std::fill(t, t + 7, 1e30);
+            for (int r = 0; r < reps; ++r)
+                for (int k = 0; k < 7; ++k)
+                    for (int i = 0; i < burst; ++i) {
+                        const auto t0 = Clock::now();
+                        if (!kivo_encode(p, optimize, 1, k == 6 ? chosen : qt, &out, sets[k])) return 1;
+                        t[k] = std::min(t[k], std::chrono::duration<double>(Clock::now() - t0).count());
+                    }
+            for (int k = 1; k < 6; ++k) cost[optimize][k - 1].push_back(t[k] / t[0] - 1);
+            cost[optimize][5].push_back(t[5] / t[6] - 1);
+            std::printf("%-28s %-9s switch cost over a plain encode (%.1f MP/s):", shown.c_str(),
+                        optimize ? "optimised" : "default", mp / t[0]);
+            for (int k = 1; k < 6; ++k) std::printf(" %s %+.1f%%", switch_names[k - 1], 100 * (t[k] / t[0] - 1));
+            std::printf("; all four over a plain encode with their tables %+.1f%%\n", 100 * (t[5] / t[6] - 1));
+        }
     }
     if (names.size() > 1) {
         std::printf("median over %zu files: default %.2f / %.2f, optimised %.2f / %.2f (1 / 2 threads vs turbo)\n",
                     names.size(), median(ratios[0][0]), median(ratios[0][1]), median(ratios[1][0]),
                     median(ratios[1][1]));
-        if (switches) {
-            std::printf("median switch cost:");
-            for (int k = 0; k < 6; ++k) std::printf(" %s %+.1f%%", switch_names[k], 100 * median(cost[k]));
+        for (int optimize = 0; switches && optimize < 2; ++optimize) {
+            if (cost[optimize][0].empty()) continue;
+            std::printf("median switch cost, %s Huffman tables:", optimize ? "optimised" : "default");
+            for (int k = 0; k < 6; ++k) std::printf(" %s %+.1f%%", switch_names[k], 100 * median(cost[optimize][k]));
             std::printf("\n");
         }
     }
