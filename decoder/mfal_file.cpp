@@ -1,5 +1,5 @@
-// A ready file interface over stdio: user[0] holds the path, open returns a
-// small record holding the FILE *.
+// A ready file interface over stdio: user[0] holds the path, and the handle
+// open returns is the FILE * itself, so that opening takes no memory of ours.
 //
 // Positions are 64-bit through fseeko and ftello, except on 32-bit Android:
 // there those two exist only from API level 24 on (and with 64-bit offsets
@@ -28,31 +28,17 @@ int seek_to(FILE *f, file_pos at, int whence) { return fseeko(f, at, whence); }
 file_pos position(FILE *f) { return ftello(f); }
 #endif
 
-struct FileHandle {
-    FILE *f;
-};
-
-FILE *file_of(void *h) { return h ? static_cast<FileHandle *>(h)->f : nullptr; }
+FILE *file_of(void *h) { return static_cast<FILE *>(h); }
 
 void *file_open(kivo_mfal *mfal, int32_t mode, int32_t flags) {
     // The decoder always asks to read; mode and flags carry nothing else.
     if (!mfal || !mfal->user[0]) return nullptr;
-    FILE *f = std::fopen(static_cast<const char *>(mfal->user[0]), "rb");
-    if (!f) return nullptr;
-    auto *h = static_cast<FileHandle *>(std::malloc(sizeof(FileHandle)));
-    if (!h) {
-        std::fclose(f);
-        return nullptr;
-    }
-    h->f = f;
-    return h;
+    return std::fopen(static_cast<const char *>(mfal->user[0]), "rb");
 }
 
 int32_t file_close(void *h) {
     if (!h) return KIVO_ERR_INVALID_ARG;
-    int rc = std::fclose(file_of(h));
-    std::free(h);
-    return rc == 0 ? KIVO_OK : KIVO_ERR_IO;
+    return std::fclose(file_of(h)) == 0 ? KIVO_OK : KIVO_ERR_IO;
 }
 
 int32_t file_read(void *h, void *dst, int32_t n) {
