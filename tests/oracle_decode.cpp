@@ -263,6 +263,15 @@ TEST(OracleProgressive, BrokenStreamsEndCleanly) {
         {absent, KIVO_ERR_MALFORMED}, {band, KIVO_ERR_MALFORMED}, {huge, KIVO_ERR_OUT_OF_MEMORY},
     };
     for (const Case &c : cases) EXPECT_EQ(kivotest::decode(c.s).status, c.status) << (&c - cases);
+    // Stray bytes between the last scan and EOI (and fill bytes) end the
+    // picture as EOI alone does; followed by another marker they stop it.
+    std::vector<uint8_t> padded = good, stray = good;
+    padded.insert(padded.end() - 2, {0x00, 0x12, 0xFF, 0xFF});
+    stray.insert(stray.end() - 2, {0x00, 0x12, 0xFF, 0xFE, 0x00, 0x02});
+    for (int threads : {1, 2}) {
+        EXPECT_EQ(kivotest::decode(padded, threads).progress.complete, 1);
+        EXPECT_EQ(kivotest::decode(stray, threads).progress.complete, 0);
+    }
 }
 
 // A reduction the caller sets: full size into a half-size buffer is the
