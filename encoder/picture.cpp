@@ -155,13 +155,17 @@ int32_t kivoe_pic_init(kivoe_ctx *ctx) {
         k *= 2;
     }
     int32_t len = k * ri;
+    int32_t fit = (total + len - 1) / len;
     if (ctx->progressive) {
         ctx->prog_chunk = len;
-        int32_t chunks = (total + len - 1) / len;
+        int32_t chunks = fit;
         if (chunks > kivo::kMaxThreads) chunks = kivo::kMaxThreads;  // the last one takes the rest
-        len *= (chunks + n - 1) / n;
+        // Runs of whole planned segments: the last run ends with the last
+        // segment, however long, so that no run starts inside it.
+        const int32_t per_run = (chunks + n - 1) / n;
+        len *= per_run;
+        fit = (chunks + per_run - 1) / per_run;
     }
-    const int32_t fit = (total + len - 1) / len;
     if (n > fit) n = fit;
     if (n == 1 || ctx->progressive) ri = 0;
     ctx->rst_interval = ri;
