@@ -168,6 +168,7 @@ bool alloc_coef_buf(kivod_ctx *ctx, int c) {
 // and statistics and counters that describe this picture only.
 void start_picture(kivod_ctx *ctx) {
     ctx->scan_bs = ctx->main_bs;
+    ctx->prog_q_set = 0;
     std::memset(ctx->stat_luma, 0, sizeof(ctx->stat_luma));
     std::memset(ctx->stat_chroma, 0, sizeof(ctx->stat_chroma));
     ctx->n_luma = ctx->n_chroma = 0;
@@ -193,7 +194,28 @@ int32_t decode_scans(kivod_ctx *ctx, int32_t *scan_status) {
         return KIVO_OK;
     }
     while (!done) {
-        if (kivod_bs_read(bs, 8) != 0xFF) break;
+        if (kivod_bs_read(bs, 8) != 0xFF) {
+            // Stray bytes behind a scan: where the end of image follows them,
+            // every scan was there and the picture ended (encoders leave such
+            // padding); before any other marker decoding stops, as it does
+            // at markers it does not take.
+            for (;;) {
+                const uint32_t w = kivod_bs_peek(bs, 16);
+                if (w == 0xFFD9u) {
+                    done = 1;
+                    break;
+                }
+                if (w >> 8 == 0xFF && (w & 0xFF) != 0xFF && (w & 0xFF) != 0x00) break;
+                if (kivod_bs_input_done(bs) && bs->bits < 8) break;
+                kivod_bs_skip(bs, 8);
+            }
+            // The reader ends on EOI, as when it follows a scan directly.
+            if (kivod_bs_rewind_cache(bs, 0) != 0) {
+                kivod_release_frame_buffers(ctx);
+                return KIVO_ERR_IO;
+            }
+            break;
+        }
         uint32_t m = kivod_bs_read(bs, 8);
         while (m == 0xFF) m = kivod_bs_read(bs, 8);  // fill bytes before a marker
         // EOI stays unread, so that the reader ends on it whatever the

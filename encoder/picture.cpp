@@ -155,13 +155,17 @@ int32_t kivoe_pic_init(kivoe_ctx *ctx) {
         k *= 2;
     }
     int32_t len = k * ri;
+    int32_t fit = (total + len - 1) / len;
     if (ctx->progressive) {
         ctx->prog_chunk = len;
-        int32_t chunks = (total + len - 1) / len;
+        int32_t chunks = fit;
         if (chunks > kivo::kMaxThreads) chunks = kivo::kMaxThreads;  // the last one takes the rest
-        len *= (chunks + n - 1) / n;
+        // Runs of whole planned segments: the last run ends with the last
+        // segment, however long, so that no run starts inside it.
+        const int32_t per_run = (chunks + n - 1) / n;
+        len *= per_run;
+        fit = (chunks + per_run - 1) / per_run;
     }
-    const int32_t fit = (total + len - 1) / len;
     if (n > fit) n = fit;
     if (n == 1 || ctx->progressive) ri = 0;
     ctx->rst_interval = ri;
@@ -242,6 +246,19 @@ int32_t kivoe_enc(kivoe_ctx *ctx, const kivoe_output *out, int32_t *written) {
         kivoe_pic_deinit(ctx);
         return KIVO_ERR_UNAVAILABLE;
     }
+    // The analysis changes the handle's Huffman tables (and, optimising,
+    // adds this picture's symbol counts to its own): an encode that fails,
+    // memory too small for the stream included, puts them back, so that the
+    // handle's next pictures come out as if it had not been tried.
+    kivoe_huff_spec spec_before[4];
+    uint64_t counts_before[2][4][257];
+    if (!ctx->progressive) {
+        std::memcpy(spec_before, ctx->huff_spec, sizeof(spec_before));
+        for (int t = 0; t < 4 && ctx->opt_huffman; ++t) {
+            std::memcpy(counts_before[0][t], ctx->dc_tbl[t].counter, sizeof(counts_before[0][t]));
+            std::memcpy(counts_before[1][t], ctx->ac_tbl[t].counter, sizeof(counts_before[1][t]));
+        }
+    }
     if (ctx->progressive) {
         ret = kivoe_enc_progressive(ctx);
     } else {
@@ -253,6 +270,14 @@ int32_t kivoe_enc(kivoe_ctx *ctx, const kivoe_output *out, int32_t *written) {
         if (ret >= 0) p.vlc_footer(ctx);
     }
     kivoe_pic_deinit(ctx);
+    if (!ctx->progressive && (ret < 0 || ctx->bs.overflow)) {
+        std::memcpy(ctx->huff_spec, spec_before, sizeof(spec_before));
+        for (int t = 0; t < 4 && ctx->opt_huffman; ++t) {
+            std::memcpy(ctx->dc_tbl[t].counter, counts_before[0][t], sizeof(counts_before[0][t]));
+            std::memcpy(ctx->ac_tbl[t].counter, counts_before[1][t], sizeof(counts_before[1][t]));
+        }
+        kivoe_gen_code_tbl(ctx);
+    }
     if (ret < 0) return ret;
     // A stream that does not fit the caller's memory is not handed out:
     // nothing was written past its end, but the stream is incomplete.

@@ -28,7 +28,9 @@ KIVO_API kivot_ctx *kivot_create(const kivoe_create_param *param, int32_t *statu
 KIVO_API void kivot_delete(kivot_ctx *ctx);
 KIVO_API int32_t kivot_config(kivot_ctx *ctx, int32_t id, void *value, const int32_t *size);
 /* The limits of the transcoder's decoder (see kivod_set_limits); a source
- * that exceeds one is refused with the decoder's status. */
+ * that exceeds one is refused with the decoder's status. The picture the
+ * pipeline decodes into and encodes again counts against max_memory with
+ * the decoder's frame buffers (-102 before it is allocated). */
 KIVO_API int32_t kivot_set_limits(kivot_ctx *ctx, const kivod_limits *limits);
 /* Transcodes the input into the output memory; stores the new stream's
  * size (trailing bytes of the source included) through written. */

@@ -206,7 +206,14 @@ TEST(OracleProgressive, MatchesTheCoefficientsAtEveryScale) {
         for (const auto &sz : sizes)
             for (int script = 0; script < 3; ++script, ++idx) {
                 const std::string what = std::string(l.name) + " " + std::to_string(sz[0]) + " script " + std::to_string(script);
-                const auto prog = progressive(l, sz[0], sz[1], script, idx);
+                auto prog = progressive(l, sz[0], sz[1], script, idx);
+                if (script == 1) {  // table 0 defined again before the last scan: every component keeps its own
+                    size_t at = prog.size() - 2;
+                    while (!(prog[at] == 0xFF && prog[at + 1] == 0xDA)) --at;
+                    std::vector<uint8_t> dqt = {0xFF, 0xDB, 0x00, 0x43, 0x00};
+                    dqt.resize(69, 3);
+                    prog.insert(prog.begin() + at, dqt.begin(), dqt.end());
+                }
                 std::vector<turbo::Coefficients> coefs;
                 ASSERT_TRUE(turbo::read_coefficients(prog, &coefs));
                 for (int denom : {1, 2, 4, 8}) {
@@ -263,6 +270,15 @@ TEST(OracleProgressive, BrokenStreamsEndCleanly) {
         {absent, KIVO_ERR_MALFORMED}, {band, KIVO_ERR_MALFORMED}, {huge, KIVO_ERR_OUT_OF_MEMORY},
     };
     for (const Case &c : cases) EXPECT_EQ(kivotest::decode(c.s).status, c.status) << (&c - cases);
+    // Stray bytes between the last scan and EOI (and fill bytes) end the
+    // picture as EOI alone does; followed by another marker they stop it.
+    std::vector<uint8_t> padded = good, stray = good;
+    padded.insert(padded.end() - 2, {0x00, 0x12, 0xFF, 0xFF});
+    stray.insert(stray.end() - 2, {0x00, 0x12, 0xFF, 0xFE, 0x00, 0x02});
+    for (int threads : {1, 2}) {
+        EXPECT_EQ(kivotest::decode(padded, threads).progress.complete, 1);
+        EXPECT_EQ(kivotest::decode(stray, threads).progress.complete, 0);
+    }
 }
 
 // A reduction the caller sets: full size into a half-size buffer is the

@@ -211,6 +211,21 @@ TEST(OracleTool, RefusesBombsAndMisleadingInputs) {
     ASSERT_TRUE(tool::write_file(y4m, ten));
     EXPECT_EQ(run(tool::cmd_encode, {y4m, y4m + ".jpg"}), 1);
     std::remove(y4m.c_str());
+    // Streams beyond four bytes a sample are written too: noise at quality
+    // 100 in the padded 4:1:1 blocks of a picture 1 pixel wide, and a
+    // noisy 64 x 64 source enlarged to 1024 x 1024 (148 KB from 7 KB).
+    tool::Packed narrow;
+    narrow.width = 1, narrow.height = 30000, narrow.channels = 3;
+    narrow.pixels = testpic::make_plane(3, 30000, 5, 0, testpic::Kind::Noise).px;
+    turbo::EncodeSpec noisy;
+    noisy.width = noisy.height = 64, noisy.n_comp = 1, noisy.quality = 100;
+    const std::string wide = ::testing::TempDir() + "kivo_tool_narrow.ppm", big = wide + ".jpg";
+    ASSERT_TRUE(tool::write_packed(wide, narrow) && tool::write_file(path, turbo::encode(noisy, turbo::make_planes(noisy, 4, testpic::Kind::Noise))));
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(run(tool::cmd_encode, {wide, big, "--sample", "4x1", "--quality", "100"}), 0);
+    EXPECT_EQ(run(tool::cmd_transcode, {path, big, "--mode", "pipeline", "--size", "1024x1024"}), 0);
+    testing::internal::GetCapturedStdout();
+    for (const std::string &f : {path, wide, big}) std::remove(f.c_str());
 }
 
 TEST(OracleTool, BatchGoesOnPastAFailingFile) {

@@ -484,6 +484,12 @@ TEST(OracleTranscode, SkipEncodeBadMemoryAndCorruptSources) {
     ASSERT_EQ(kivot_config(t, KIVOT_CFG_GET_PICTURE, &pic, &ptr), 0);
     EXPECT_EQ(pic->plane[0][47 * pic->stride[0] + 63], 128);
     EXPECT_TRUE(kivot_get_progress(t, &pr) == 0 && !pr.complete && pr.mcu_rows > 0 && pr.mcu_rows < pr.mcu_rows_total);
+    // The picture the pipeline decodes into (4608 bytes) counts against the
+    // memory limit with the decoder's frame buffers (1536), which alone fit.
+    const kivod_limits tight{0, 0, 4000, 0}, none{};
+    EXPECT_EQ(kivotest::decode(src, 1, 0, 0, 0, 0, &tight).status, 0);
+    EXPECT_TRUE(kivot_set_limits(t, &tight) == 0 && code(nullptr, t, src, &out) == KIVO_ERR_OUT_OF_MEMORY);
+    kivot_set_limits(t, &none);
     src[0] = 0;  // a corrupt source gives the decoder's status
     EXPECT_EQ(code(nullptr, t, src, &out), KIVO_ERR_MALFORMED);
     // An encoder handle is not a transcoder, nor the other way round.

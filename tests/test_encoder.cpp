@@ -131,6 +131,12 @@ TEST(Encoder, StatisticsPass) {
         EXPECT_EQ(std::count(out.begin() + written, out.end(), 0xA5), 65536 - written);
     }
     EXPECT_TRUE(counts[1] > counts[0] && counts[2] - counts[1] == counts[1] - counts[0]);
+    // An encode that fails (memory too small) leaves the counts and tables.
+    kivoe_huff_spec spec[4];
+    std::memcpy(spec, e->huff_spec, sizeof(spec));
+    std::vector<uint8_t> tiny(600);
+    ASSERT_EQ(kivoe_push(e, img), 0);
+    EXPECT_TRUE(encode_into(e, &tiny) == KIVO_ERR_INVALID_ARG && total() == counts[2] && !std::memcmp(spec, e->huff_spec, sizeof(spec)));
     img->release(img), kivoe_delete(e);
 }
 

@@ -1,9 +1,12 @@
 // kivo encode.
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -112,48 +115,69 @@ bool encode_file(const std::string &in, const std::string &out, Settings st, int
                                               : read_picture(in, st.cs, st.w, st.h);
     if (!img) return false;
     kivoe_create_param cp{1, img->width, img->height, st.quality, img->color_format, &pool};
-    int32_t status = 0;
-    kivoe_ctx *enc = kivoe_create(&cp, &status);
-    if (!enc) {
-        message("kivo: %s: encoder: %s (%d)\n", in.c_str(), kivo_strerror(status), status);
-        img->release(img);
-        return false;
-    }
-    const int32_t four = 4, size = 128;
-    const int32_t ids[4] = {KIVOE_CFG_OPT_HUFFMAN, KIVOE_CFG_JND_FILTER, KIVOE_CFG_JND_SUPPRESS,
-                            KIVOE_CFG_ADAPTIVE_ROUNDING};
-    for (int i = 0; i < 4; ++i) kivoe_config(enc, ids[i], &st.flags[i], &four);
-    kivoe_set_progressive(enc, st.progressive);
-    if (st.has_qtables) status = kivoe_config(enc, KIVOE_CFG_QTBL, st.qtables, &size);
+    // An encoder set up with the settings and holding the picture; an
+    // encode uses the picture up, so a second attempt starts afresh.
+    kivoe_ctx *enc = nullptr;
+    const auto set_up = [&]() -> int32_t {
+        int32_t status = 0;
+        if (enc) kivoe_delete(enc);
+        enc = kivoe_create(&cp, &status);
+        if (!enc) {
+            message("kivo: %s: encoder: %s (%d)\n", in.c_str(), kivo_strerror(status), status);
+            return status < 0 ? status : KIVO_ERR_OUT_OF_MEMORY;
+        }
+        const int32_t four = 4, size = 128;
+        const int32_t ids[4] = {KIVOE_CFG_OPT_HUFFMAN, KIVOE_CFG_JND_FILTER, KIVOE_CFG_JND_SUPPRESS,
+                                KIVOE_CFG_ADAPTIVE_ROUNDING};
+        for (int i = 0; i < 4; ++i) kivoe_config(enc, ids[i], &st.flags[i], &four);
+        kivoe_set_progressive(enc, st.progressive);
+        if (st.has_qtables) status = kivoe_config(enc, KIVOE_CFG_QTBL, st.qtables, &size);
+        if (status == 0) status = kivoe_push(enc, img);
+        if (status == 0 && st.level >= 0) {
+            uint8_t q[128];
+            status = kivoe_get_qtbl(enc, st.level, q);
+            // A picture too small for one analysis block keeps the tables of
+            // the quality (or --qtables): a thumbnail in a batch still encodes.
+            if (status == KIVO_ERR_UNAVAILABLE) status = 0;
+        }
+        return status;
+    };
     const auto t0 = std::chrono::steady_clock::now();
-    if (status == 0) status = kivoe_push(enc, img);
-    if (status == 0 && st.level >= 0) {
-        uint8_t q[128];
-        status = kivoe_get_qtbl(enc, st.level, q);
-        // A picture too small for one analysis block keeps the tables of
-        // the quality (or --qtables): a thumbnail in a batch still encodes.
-        if (status == KIVO_ERR_UNAVAILABLE) status = 0;
-    }
     std::vector<uint8_t> buf;
-    int32_t written = 0;
-    if (status == 0) {
-        // Room for the worst case: every coefficient coded at full length.
-        int32_t pw[4], ph[4], np = 0;
-        xelo_cs_planes(img->color_format, img->width, img->height, pw, ph, &np);
-        size_t raw = 0;
-        for (int p = 0; p < 4; ++p) raw += static_cast<size_t>(pw[p]) * ph[p];
-        buf.resize(raw * 4 + 65536);
+    int32_t written = 0, status = 0;
+    // Four bytes a sample first, then (for noise at high quality in the
+    // padded blocks of a narrow picture, which outgrows that) the most any
+    // stream of the picture can take. Memory the stream does not reach is
+    // not touched.
+    int32_t pw[4], ph[4], np = 0;
+    xelo_cs_planes(img->color_format, img->width, img->height, pw, ph, &np);
+    size_t raw = 0;
+    for (int p = 0; p < 4; ++p) raw += static_cast<size_t>(pw[p]) * ph[p];
+    const size_t usual = std::min(raw * 4 + 65536, stream_bound(img, 65536)), most = stream_bound(img, 65536);
+    for (const size_t room : {usual, most}) {
+        status = set_up();
+        if (status != 0) break;
+        std::unique_ptr<uint8_t[]> mem(new (std::nothrow) uint8_t[room]);
+        if (!mem) {
+            status = KIVO_ERR_OUT_OF_MEMORY;
+            break;
+        }
         xelo_bitb bitb{};
-        bitb.addr = buf.data();
-        bitb.ssize = static_cast<int32_t>(buf.size());
+        bitb.addr = mem.get();
+        bitb.ssize = static_cast<int32_t>(room);
         kivoe_output o{KIVOD_INPUT_BITB, &bitb, nullptr};
         status = kivoe_encode(enc, &o, &written);
+        if (status == 0) buf.assign(mem.get(), mem.get() + written);
+        if (status != KIVO_ERR_INVALID_ARG || room == most) break;
+    }
+    if (!enc) {
+        img->release(img);
+        return false;
     }
     const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
     bool ok = status == 0;
     if (!ok) message("kivo: %s: %s (%d)\n", in.c_str(), kivo_strerror(status), status);
     if (ok) {
-        buf.resize(static_cast<size_t>(written));
         ok = write_file(out, buf);
         *out_bytes = buf.size();
     }

@@ -1,7 +1,11 @@
 // kivo transcode.
+#include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -68,11 +72,21 @@ bool transcode_file(const std::string &in, const std::string &out, Settings st, 
     ib.addr = src.data();
     ib.ssize = static_cast<int32_t>(src.size());
     kivod_input input{KIVOD_INPUT_BITB, &ib, nullptr};
-    // The new stream rarely outgrows the source; room for four times it.
-    std::vector<uint8_t> buf(src.size() * 4 + 65536);
+    // The new stream rarely outgrows the source; room for four times it,
+    // and for a larger picture (--size) the most its stream can take, within
+    // the int32 size of the output memory. Memory the stream does not reach
+    // is not touched.
+    size_t room = std::min<size_t>(src.size() * 4 + 65536, INT32_MAX);
+    if (st.w > 0 && st.h > 0) room = std::max(room, stream_bound(XELO_CS_YCBCRK444, st.w, st.h, src.size() + 65536));
+    std::unique_ptr<uint8_t[]> mem(new (std::nothrow) uint8_t[room]);
+    if (!mem) {
+        kivot_delete(t);
+        message("kivo: %s: %s (%d)\n", in.c_str(), kivo_strerror(KIVO_ERR_OUT_OF_MEMORY), KIVO_ERR_OUT_OF_MEMORY);
+        return false;
+    }
     xelo_bitb ob{};
-    ob.addr = buf.data();
-    ob.ssize = static_cast<int32_t>(buf.size());
+    ob.addr = mem.get();
+    ob.ssize = static_cast<int32_t>(room);
     kivoe_output output{KIVOD_INPUT_BITB, &ob, nullptr};
     int32_t written = 0;
     const auto t0 = std::chrono::steady_clock::now();
@@ -108,7 +122,8 @@ bool transcode_file(const std::string &in, const std::string &out, Settings st, 
             limit_hint(status, in.c_str());
         return false;
     }
-    buf.resize(static_cast<size_t>(written));
+    const std::vector<uint8_t> buf(mem.get(), mem.get() + written);
+    mem.reset();
     if (!write_file(out, buf)) return false;
     *out_bytes = buf.size();
     *chosen_name = kivot_chosen_name(chosen);

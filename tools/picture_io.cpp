@@ -3,7 +3,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -250,6 +252,19 @@ int32_t y4m_format(const std::string &tag) {
 }
 
 }  // namespace
+
+size_t stream_bound(int32_t color_format, int32_t width, int32_t height, size_t extra) {
+    int32_t pw[4] = {}, ph[4] = {}, np = 0;
+    xelo_cs_planes(color_format, width, height, pw, ph, &np);
+    // Padding to whole MCUs adds at most three blocks a row and a column
+    // (sampling factors up to 4). A block's 64 values: a 16-bit code with
+    // 11 bits for DC, with 10 for each AC value (1665 bits), stuffed.
+    uint64_t blocks = 0;
+    for (int p = 0; p < 4; ++p)
+        if (pw[p] > 0) blocks += (uint64_t(pw[p] + 7) / 8 + 3) * (uint64_t(ph[p] + 7) / 8 + 3);
+    const uint64_t bytes = blocks * (2 * 209 + 2) + extra;
+    return static_cast<size_t>(std::min<uint64_t>(bytes, INT32_MAX));
+}
 
 xelo_imgb *read_picture(const std::string &path, int32_t cs, int32_t w, int32_t h) {
     std::vector<uint8_t> bytes;

@@ -76,6 +76,14 @@ int32_t color_format_from_name(const std::string &s);
 // header), raw planes otherwise (component order, no padding, with the
 // given colour format and size). Null with a message on failure.
 xelo_imgb *read_picture(const std::string &path, int32_t cs, int32_t w, int32_t h);
+// The most bytes a JPEG stream of the picture can take (every coefficient
+// of every padded block coded at full length, every byte stuffed, a
+// restart marker a block) plus `extra`, within the int32 size the
+// library's output memory takes.
+size_t stream_bound(int32_t color_format, int32_t width, int32_t height, size_t extra);
+inline size_t stream_bound(const xelo_imgb *img, size_t extra) {
+    return stream_bound(img->color_format, img->width, img->height, extra);
+}
 
 // A message on stderr; a progress line showing there is cleared first.
 void message(const char *fmt, ...) __attribute__((format(printf, 1, 2)));

@@ -16,11 +16,21 @@ int32_t fail_with_picture(kivot_ctx *t, int32_t status) {
 
 // The picture the pipeline encodes: the handle's size and layout, or the
 // source's where the handle leaves them open.
+// It counts against the decoder's memory limit together with the frame
+// buffers the decoder holds, before its memory is taken (-102).
 int32_t alloc_picture(kivot_ctx *t, int32_t width, int32_t height, int32_t color_format) {
     kivo_picbuf_param &req = t->pic_req;
     req.width = req.cap_width = t->width > 0 ? t->width : width;
     req.height = req.cap_height = t->height > 0 ? t->height : height;
     req.color_format = t->color_format ? t->color_format : color_format;
+    int32_t pw[4] = {}, ph[4] = {}, np = 0;
+    uint64_t bytes = 0;
+    if (xelo_cs_planes(req.color_format, req.width, req.height, pw, ph, &np) == 0)
+        for (int p = 0; p < np && p < 4; ++p) bytes += uint64_t(pw[p]) * uint64_t(ph[p]);
+    if (kivod_over(t->dec->limits.max_memory, t->dec->frame_bytes + bytes)) {
+        kivod_release_frame_buffers(t->dec);
+        return fail_with_picture(t, KIVO_ERR_OUT_OF_MEMORY);
+    }
     req.pad = 0;
     req.margin2 = 0;
     int32_t status = KIVO_OK;
