@@ -168,7 +168,6 @@ bool alloc_coef_buf(kivod_ctx *ctx, int c) {
 // and statistics and counters that describe this picture only.
 void start_picture(kivod_ctx *ctx) {
     ctx->scan_bs = ctx->main_bs;
-    ctx->prog_q_set = 0;
     std::memset(ctx->stat_luma, 0, sizeof(ctx->stat_luma));
     std::memset(ctx->stat_chroma, 0, sizeof(ctx->stat_chroma));
     ctx->n_luma = ctx->n_chroma = 0;

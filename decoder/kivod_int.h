@@ -405,10 +405,6 @@ struct kivod_ctx {
     int64_t mean_level;
     kivod_ac_tbl ac_tbl[4];
     kivod_qtbl qtbl[4];
-    // A progressive frame's tables per component, as its first scan met
-    // them (bit c of prog_q_set: taken for component c).
-    kivod_qtbl prog_qtbl[4];
-    uint8_t prog_q_set;
     // Scan statistics of the last picture. Kept in 64 bits: sums of
     // coefficient magnitudes over a large picture overflow 32.
     int64_t stat_luma[64];
@@ -563,25 +559,6 @@ int32_t kivod_mcu_rows_done(const kivod_ctx *ctx);
 bool kivod_picture_complete(const kivod_ctx *ctx);
 // True when `value` is above a limit that is set (not 0).
 inline bool kivod_over(int64_t limit, uint64_t value) { return limit > 0 && value > static_cast<uint64_t>(limit); }
-
-// A progressive component is reconstructed with the quantization table that
-// its first scan met, as libjpeg-turbo does: a table defined again between
-// scans serves only the components whose first scan comes after it. `t`
-// is the decoder or a plan of its scans, holding qtbl, prog_qtbl and
-// prog_q_set.
-template <typename T>
-void kivod_take_qtbls(T &t, const kivod_sh &sh, const uint8_t tq[4]) {
-    for (int k = 0; k < sh.n_comp; ++k) {
-        const int c = sh.comp_idx[k] & 3;
-        if (t.prog_q_set >> c & 1) continue;
-        t.prog_qtbl[c] = t.qtbl[tq[c] & 3];
-        t.prog_q_set = static_cast<uint8_t>(t.prog_q_set | 1u << c);
-    }
-}
-// The table component c of a progressive frame is reconstructed with.
-inline const kivod_qtbl &kivod_prog_qtbl(const kivod_ctx *ctx, int c) {
-    return ctx->prog_q_set >> c & 1 ? ctx->prog_qtbl[c] : ctx->qtbl[ctx->fh.tq[c] & 3];
-}
 // Whether output rows of this many bytes may be saved for a slice started
 // ahead of the skim (kivod_band_sink::keep): 64 MiB at most, and within the
 // handle's memory limit with the frame buffers.

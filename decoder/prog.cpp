@@ -403,7 +403,6 @@ int32_t kivod_dec_scan_prog(kivod_ctx *ctx, int32_t *done) {
     int32_t ret = kivod_check_prog_scan(ctx, ctx->sh, ctx->dc_tbl, ctx->ac_tbl);
     if (ret != 0) return ret;
     const kivod_sh &sh = ctx->sh;
-    kivod_take_qtbls(*ctx, sh, ctx->fh.tq);
     // At 1/8 only DC coefficients matter: the first AC scan ends the picture.
     if (ctx->scale == 8 && sh.ss != 0) {
         *done = 1;
@@ -475,7 +474,7 @@ int32_t dec_bands_prog(kivod_ctx *ctx, kivod_work *w) {
     for (int32_t m = w->first_mcu; m < w->first_mcu + w->n_mcu + w->extra_mcu; ++m) {
         const bool own = m < w->first_mcu + w->n_mcu;
         for (int c = 0; c < fh.n_comp; ++c) {
-            const kivod_qtbl &q = kivod_prog_qtbl(ctx, c);
+            const kivod_qtbl &q = ctx->qtbl[fh.tq[c] & 3];
             const int32_t stride = b.stride[c];
             for (int32_t r = m * fh.v[c]; r < (m + 1) * fh.v[c] && r < ctx->blk_h[c]; ++r) {
                 uint8_t *dst = const_cast<uint8_t *>(b.plane[c]) + static_cast<ptrdiff_t>((r * 8) % b.ring[c]) * stride;
@@ -507,7 +506,7 @@ int32_t kivod_dec_pic_prog(kivod_ctx *ctx, kivod_work *w) {
     const int d = kivod_denom(scale);
     int32_t status = KIVO_OK;
     for (int c = w->first_comp; c < w->first_comp + w->n_comp; ++c) {
-        const kivod_qtbl &q = kivod_prog_qtbl(ctx, c);
+        const kivod_qtbl &q = ctx->qtbl[ctx->fh.tq[c] & 3];
         const int32_t line_w = ctx->line_w[c];
         xelo_irsz_t *rsz = nullptr;
         if (mode == KIVOD_OUT_RESIZED) {

@@ -45,8 +45,6 @@ struct Plan {
     kivod_ac_tbl ac_tbl[4];
     kivod_htbl_spec dht_spec[8];
     kivod_qtbl qtbl[4];
-    kivod_qtbl prog_qtbl[4];
-    uint8_t prog_q_set;
     uint8_t q_unit[4];
     kivod_dri dri;
     kivod_dc_tbl *dc_copy[4];
@@ -72,8 +70,6 @@ void copy_tables(To &to, const From &from) {
     std::memcpy(to.dht_spec, from.dht_spec, sizeof(to.dht_spec));
     std::memcpy(to.qtbl, from.qtbl, sizeof(to.qtbl));
     std::memcpy(to.q_unit, from.q_unit, sizeof(to.q_unit));
-    std::memcpy(to.prog_qtbl, from.prog_qtbl, sizeof(to.prog_qtbl));
-    to.prog_q_set = from.prog_q_set;
     to.dri = from.dri;
 }
 
@@ -166,7 +162,6 @@ bool walk(Plan *p) {
             if (kivod_over(ctx->limits.max_scans, uint64_t(++scans))) return false;
             kivod_sh sh;
             if (kivod_vld_sh(ctx, bs, &sh) != KIVO_OK || !add_scan(p, sh)) return false;
-            kivod_take_qtbls(*p, sh, ctx->fh.tq);
         } else if (m == 0xD9) {
             p->done = 1;
         } else if (m == 0xFE) {
