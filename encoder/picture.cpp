@@ -252,6 +252,10 @@ int32_t kivoe_enc(kivoe_ctx *ctx, const kivoe_output *out, int32_t *written) {
     // handle's next pictures come out as if it had not been tried.
     kivoe_huff_spec spec_before[4];
     uint64_t counts_before[2][4][257];
+    static_assert(sizeof(spec_before) == sizeof(ctx->huff_spec) &&
+                      sizeof(counts_before[0][0]) == sizeof(ctx->dc_tbl[0].counter) &&
+                      sizeof(counts_before[1][0]) == sizeof(ctx->ac_tbl[0].counter),
+                  "the saved state matches the handle's");
     if (!ctx->progressive) {
         std::memcpy(spec_before, ctx->huff_spec, sizeof(spec_before));
         for (int t = 0; t < 4 && ctx->opt_huffman; ++t) {

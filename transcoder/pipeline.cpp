@@ -15,9 +15,9 @@ int32_t fail_with_picture(kivot_ctx *t, int32_t status) {
 }
 
 // The picture the pipeline encodes: the handle's size and layout, or the
-// source's where the handle leaves them open.
-// It counts against the decoder's memory limit together with the frame
-// buffers the decoder holds, before its memory is taken (-102).
+// source's where the handle leaves them open. It counts against the
+// decoder's memory limit together with the frame buffers the decoder holds,
+// before its memory is taken (-102).
 int32_t alloc_picture(kivot_ctx *t, int32_t width, int32_t height, int32_t color_format) {
     kivo_picbuf_param &req = t->pic_req;
     req.width = req.cap_width = t->width > 0 ? t->width : width;
