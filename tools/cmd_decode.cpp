@@ -57,17 +57,20 @@ struct Decoder {
     ~Decoder() { kivod_delete(ctx); }
 };
 
-int fail(const char *what, int32_t status, const char *input = nullptr) {
+// input and limits: the stream and the limits it was decoded under, for
+// the hint after a status a limit can give.
+int fail(const char *what, int32_t status, const char *input = nullptr, const kivod_limits *limits = nullptr) {
     message("kivo: %s: %s (%d)\n", what, kivo_strerror(status), status);
-    limit_hint(status, input);
+    if (input) limit_hint(status, input, *limits);
     return 1;
 }
 
 // A stream refused once its frame header was read, with no colour format
 // given: its sampling layout is not one the decoder reconstructs (a limit
 // refuses before the size is known or after the layout is).
-int fail_open(const char *what, int32_t status, const kivod_frame_info &info) {
-    if (status != KIVO_ERR_UNSUPPORTED || info.width == 0 || info.color_format != 0) return fail(what, status, what);
+int fail_open(const char *what, int32_t status, const kivod_frame_info &info, const kivod_limits &limits) {
+    if (status != KIVO_ERR_UNSUPPORTED || info.width == 0 || info.color_format != 0)
+        return fail(what, status, what, &limits);
     message("kivo: %s: its sampling layout is not one this library decodes to pixels (%d); "
             "kivo transcode --mode lossless still codes it again\n", what, status);
     return 1;
@@ -124,7 +127,7 @@ int cmd_info(int argc, char **argv) {
     }
     Decoder d;
     const int32_t ret = d.open(path, 1, limits);
-    if (ret != 0) return fail_open(path, ret, d.info);
+    if (ret != 0) return fail_open(path, ret, d.info, limits);
     const kivod_ctx *c = d.ctx;
     const kivod_fh &fh = c->fh;
     std::printf("size: %d x %d\n", d.info.width, d.info.height);
@@ -209,7 +212,7 @@ int cmd_decode(int argc, char **argv) {
     const auto t0 = std::chrono::steady_clock::now();
     Decoder d;
     int32_t ret = d.open(in.c_str(), threads, limits);
-    if (ret != 0) return fail_open(in.c_str(), ret, d.info);
+    if (ret != 0) return fail_open(in.c_str(), ret, d.info, limits);
     // --scale decodes at that reduction; --size alone leaves the choice to
     // the decoder.
     if (denom_given) kivod_set_reduction(d.ctx, denom);
@@ -224,7 +227,7 @@ int cmd_decode(int argc, char **argv) {
     int rc = 0;
     if (ret != 0) {
         // Whatever was decoded is still written, so a damaged stream can be looked at.
-        fail(in.c_str(), ret, in.c_str());
+        fail(in.c_str(), ret, in.c_str(), &limits);
         rc = 1;
     }
     kivod_progress progress{};

@@ -119,7 +119,7 @@ bool transcode_file(const std::string &in, const std::string &out, Settings st, 
             message("kivo: %s: its sampling layout is not one this library decodes to pixels; "
                     "--mode lossless or smallest still codes it again\n", in.c_str());
         else
-            limit_hint(status, in.c_str());
+            limit_hint(status, in.c_str(), st.limits);
         return false;
     }
     const std::vector<uint8_t> buf(mem.get(), mem.get() + written);

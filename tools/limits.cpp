@@ -101,16 +101,21 @@ int limit_option(const std::string &a, int argc, char **argv, int *i, kivod_limi
     return 1;
 }
 
-void limit_hint(int32_t status, const char *input) {
+void limit_hint(int32_t status, const char *input, const kivod_limits &limits) {
     const char *coding = status == KIVO_ERR_UNSUPPORTED && input ? undecoded_coding(input) : nullptr;
-    if (coding) message("kivo: %s: this library does not decode %s\n", input, coding);
-    else if (status == KIVO_ERR_UNSUPPORTED)
+    if (coding) {
+        message("kivo: %s: this library does not decode %s\n", input, coding);
+    } else if (status == KIVO_ERR_UNSUPPORTED && (limits.max_pixels || limits.max_scans)) {
         message("kivo: a limit may have refused it: --max-pixels and --max-scans set them (0 lifts one), "
                 "--no-limits lifts all\n");
-    else if (status == KIVO_ERR_OUT_OF_MEMORY)
-        message("kivo: the memory ran out, or a limit refused it: --max-memory and --max-app-bytes set "
-                "them (0 lifts one), --no-limits lifts all; a progressive frame's coefficients take at "
-                "most 1 GiB whatever they say\n");
+    } else if (status == KIVO_ERR_OUT_OF_MEMORY) {
+        if (limits.max_memory || limits.max_app_bytes)
+            message("kivo: the memory ran out, or a limit refused it: --max-memory and --max-app-bytes set "
+                    "them (0 lifts one), --no-limits lifts all; a progressive frame's coefficients take at "
+                    "most 1 GiB whatever they say\n");
+        else
+            message("kivo: the memory ran out; a progressive frame's coefficients take at most 1 GiB\n");
+    }
 }
 
 }  // namespace tool

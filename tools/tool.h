@@ -121,11 +121,11 @@ int run_batch(const BatchOptions &b, const std::vector<const char *> &exts, cons
 // (--max-pixels, --max-scans, --max-memory, --max-app-bytes, --no-limits;
 // 1 when argv[*i] was one, 0 when not, -1 with a message for a value that
 // is not a number), and a hint after a status a limit can give: for the
-// JPEG file `input` (when named) whose frame header names a coding the
-// library does not decode, that coding instead of the limits.
+// JPEG file `input` whose frame header names a coding the library does not
+// decode, that coding; else the limits in force that give the status.
 kivod_limits default_limits();
 int limit_option(const std::string &a, int argc, char **argv, int *i, kivod_limits *l);
-void limit_hint(int32_t status, const char *input = nullptr);
+void limit_hint(int32_t status, const char *input, const kivod_limits &limits);
 
 int cmd_info(int argc, char **argv);
 int cmd_decode(int argc, char **argv);
