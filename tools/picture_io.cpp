@@ -204,6 +204,10 @@ bool write_picture(const std::string &path, const xelo_imgb *img) {
         return false;
     }
     std::vector<uint8_t> bytes;
+    size_t total = 96;
+    for (int p = 0; p < 4; ++p)
+        if (img->plane[p]) total += static_cast<size_t>(pw[p]) * static_cast<size_t>(ph[p]);
+    bytes.reserve(total);  // one block of the file's size, not doublings of it
     if (y4m) {
         char header[96];
         const int n = std::snprintf(header, sizeof(header), "YUV4MPEG2 W%d H%d F25:1 Ip A1:1 C%s\nFRAME\n",
