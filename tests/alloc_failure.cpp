@@ -1,10 +1,10 @@
 // Every allocation libkivo.so makes, failed in turn, for each kind of call:
 // the call gives KIVO_ERR_OUT_OF_MEMORY, KIVO_ERR_THREAD or, for a picture
 // buffer, KIVO_ERR_IMGB (or, where the library does without the memory, its
-// usual output), frees all it took, and the handle works afterwards. The program's own malloc family stands
-// in for the C library's (glibc's __libc_ entry points); only calls made
-// from the library's code, told by their return address, are counted,
-// failed and tracked.
+// usual output), frees all it took, and the handle works afterwards. The
+// program's own malloc family stands in for the C library's (glibc's
+// __libc_ entry points); only calls made from the library's code, told by
+// their return address, are counted, failed and tracked.
 #include <gtest/gtest.h>
 #include <link.h>
 #include <unistd.h>
@@ -12,7 +12,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <tuple>
@@ -280,17 +279,27 @@ void destroy(Kind kind, void *h) {
     else kivot_delete(static_cast<kivot_ctx *>(h));
 }
 
+// A stream in memory, or the baseline stream's file.
+struct Input {
+    xelo_bitb bitb{};
+    kivo_mfal file{};
+    kivod_input in{KIVOD_INPUT_BITB, &bitb, nullptr};
+
+    Input(const Bytes &src, bool from_file) {
+        bitb.addr = const_cast<uint8_t *>(src.data());
+        bitb.ssize = static_cast<int32_t>(src.size());
+        if (from_file) {
+            kivo_mfal_file(&file, world().path);  // fails only for null arguments
+            in = {KIVOD_INPUT_MFAL, nullptr, &file};
+        }
+    }
+    Input(const Input &) = delete;
+};
+
 Result decode(kivod_ctx *d, const Bytes &src, const std::string &how) {
     World &w = world();
-    xelo_bitb b{};
-    b.addr = const_cast<uint8_t *>(src.data());
-    b.ssize = static_cast<int32_t>(src.size());
-    kivo_mfal file;
-    kivod_input in{KIVOD_INPUT_BITB, &b, nullptr};
-    if (how == "file") {
-        if (kivo_mfal_file(&file, w.path)) return {-1, 0};
-        in = {KIVOD_INPUT_MFAL, nullptr, &file};
-    }
+    const Input input(src, how == "file");
+    const kivod_input &in = input.in;
     kivod_frame_info info{};
     kivod_app_node *apps = nullptr;
     info.app_list = &apps;
@@ -325,7 +334,7 @@ Result run(const Case &c, void *h) {
     ob.addr = w.out.data();
     ob.ssize = static_cast<int32_t>(w.out.size());
     const kivoe_output out{KIVOD_INPUT_BITB, &ob, nullptr};
-    int32_t written = 0;
+    int32_t written = 0, chosen = 0;  // the choice counts as output
     Result r{0, 0};
     if (c.kind == Kind::Encoder) {
         kivoe_ctx *e = static_cast<kivoe_ctx *>(h);
@@ -343,16 +352,8 @@ Result run(const Case &c, void *h) {
         if (!r.status) r.status = kivoe_encode(e, &out, &written);
     } else {
         kivot_ctx *t = static_cast<kivot_ctx *>(h);
-        xelo_bitb b{};
-        b.addr = w.baseline.data();
-        b.ssize = static_cast<int32_t>(w.baseline.size());
-        kivo_mfal file;
-        kivod_input in{KIVOD_INPUT_BITB, &b, nullptr};
-        if (name == "smallest-of from a file") {
-            if (kivo_mfal_file(&file, w.path)) return {-1, 0};
-            in = {KIVOD_INPUT_MFAL, nullptr, &file};
-        }
-        int32_t chosen = 0;
+        const Input input(w.baseline, name == "smallest-of from a file");
+        const kivod_input &in = input.in;
         if (name == "pipeline") {
             r.status = kivot_txcode(t, &in, &out, &written);
         } else if (name.rfind("lossless", 0) == 0) {
@@ -361,9 +362,8 @@ Result run(const Case &c, void *h) {
         } else {
             r.status = kivot_txcode_smallest(t, &in, &out, &written, &chosen);
         }
-        written += chosen << 24;  // the choice counts as output
     }
-    r.hash = fnv(w.out.data(), static_cast<size_t>(written & 0xFFFFFF), static_cast<uint64_t>(written));
+    r.hash = fnv(w.out.data(), static_cast<size_t>(written), static_cast<uint64_t>(written) << 8 | chosen);
     return r;
 }
 

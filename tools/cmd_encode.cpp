@@ -153,7 +153,7 @@ bool encode_file(const std::string &in, const std::string &out, Settings st, int
     xelo_cs_planes(img->color_format, img->width, img->height, pw, ph, &np);
     size_t raw = 0;
     for (int p = 0; p < 4; ++p) raw += static_cast<size_t>(pw[p]) * ph[p];
-    const size_t usual = std::min(raw * 4 + 65536, stream_bound(img, 65536)), most = stream_bound(img, 65536);
+    const size_t most = stream_bound(img, 65536), usual = std::min(raw * 4 + 65536, most);
     for (const size_t room : {usual, most}) {
         status = set_up();
         if (status != 0) break;
