@@ -196,6 +196,7 @@ bool decode_raw(const std::vector<uint8_t> &jpg, int denom, std::vector<testpic:
 bool read_coefficients(const std::vector<uint8_t> &jpg, std::vector<Coefficients> *comps) {
     Err e;
     Decompress d(e);
+    bool complete = true;
     return guarded(e, [&] {
         jpeg_mem_src(&d, jpg.data(), jpg.size());
         jpeg_read_header(&d, TRUE);
@@ -214,7 +215,14 @@ bool read_coefficients(const std::vector<uint8_t> &jpg, std::vector<Coefficients
             out.padded_h = mcus ? comp_dim(out.blocks_h, 1, ci.v_samp_factor) * ci.v_samp_factor : out.blocks_h;
             out.coef.assign(static_cast<size_t>(out.blocks_w) * out.blocks_h * 64, 0);
             out.padded_dc.clear();
-            const UINT16 *q = ci.quant_table->quantval;
+            // A component no scan reached has no table latched: its own
+            // table slot, or no oracle for the stream.
+            const JQUANT_TBL *tbl = ci.quant_table ? ci.quant_table : d.quant_tbl_ptrs[ci.quant_tbl_no];
+            if (!tbl) {
+                complete = false;
+                return;
+            }
+            const UINT16 *q = tbl->quantval;
             for (int by = 0; by < out.padded_h; ++by) {
                 JBLOCKROW row = (*d.mem->access_virt_barray)(reinterpret_cast<j_common_ptr>(&d), arrays[c], by, 1, FALSE)[0];
                 for (int bx = 0; bx < out.padded_w; ++bx) {
@@ -225,7 +233,7 @@ bool read_coefficients(const std::vector<uint8_t> &jpg, std::vector<Coefficients
             }
         }
         jpeg_finish_decompress(&d);
-    });
+    }) && complete;
 }
 
 std::vector<uint8_t> transcode(const std::vector<uint8_t> &jpg, bool progressive, bool optimize) {
