@@ -313,7 +313,8 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
     int32_t scan_header_read = 0;  // bytes of the first scan's header read past its marker
     for (;;) {
         if (bs->read_byte(bs, 1) == 0xFF) {
-            const uint32_t m = bs->read_byte(bs, 1);
+            uint32_t m = bs->read_byte(bs, 1);
+            while (m == 0xFF) m = bs->read_byte(bs, 1);  // fill bytes before a marker (0 past the end)
             if (m == 0xC0 || m == 0xC1 || m == 0xC2) {
                 ctx->progressive = m == 0xC2;
                 ret = kivod_vld_fh(bs, &ctx->fh);

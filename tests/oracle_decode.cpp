@@ -352,6 +352,37 @@ TEST(OracleDecode, StatisticsSkipAFailedBlock) {
     for (int i = 1; i < 64; ++i) EXPECT_EQ(d.stats.stat_luma[i], mag[i]) << i;
 }
 
+// Fill bytes (0xFF) may precede any marker. Before each marker of the
+// headers, up to the first scan's, they change nothing: libjpeg-turbo reads
+// the stream without a warning, and we decode the planes of the stream
+// without them.
+TEST(OracleDecode, FillBytesBeforeHeaderMarkers) {
+    for (const bool progressive : {false, true}) {
+        turbo::EncodeSpec s = spec_for(kLayouts[progressive ? 3 : 1], 45, 29);
+        s.progressive = progressive;
+        const auto jpg = turbo::encode(s, turbo::make_planes(s, 5));
+        ASSERT_FALSE(jpg.empty());
+        std::vector<uint8_t> filled(jpg.begin(), jpg.begin() + 2);
+        size_t at = 2;
+        for (int k = 1; at + 4 <= jpg.size(); ++k) {
+            filled.insert(filled.end(), k % 3 + 1, 0xFF);
+            const bool sos = jpg[at + 1] == 0xDA;
+            const size_t end = sos ? jpg.size() : at + 2 + (size_t(jpg[at + 2]) << 8 | jpg[at + 3]);
+            filled.insert(filled.end(), jpg.begin() + at, jpg.begin() + end);
+            at = end;
+        }
+        std::vector<testpic::Plane> ref;
+        int warnings = -1;
+        ASSERT_TRUE(turbo::decode_raw(filled, 1, &ref, &warnings));
+        EXPECT_EQ(warnings, 0);
+        const kivotest::Decoded plain = kivotest::decode(jpg), d = kivotest::decode(filled);
+        ASSERT_EQ(d.status, 0) << progressive;
+        EXPECT_EQ(d.progress.complete, 1);
+        ASSERT_EQ(d.planes.size(), plain.planes.size());
+        for (size_t p = 0; p < d.planes.size(); ++p) EXPECT_EQ(d.planes[p].px, plain.planes[p].px) << progressive << p;
+    }
+}
+
 // Damaged and truncated streams of every kind (restart markers or not,
 // interleaved or separate scans, progressive) decode alike on 1 to 8
 // threads: the same status, the same progress and the same bytes in every
