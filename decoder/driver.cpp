@@ -178,6 +178,23 @@ void start_picture(kivod_ctx *ctx) {
     }
 }
 
+// A DQT segment between the scans of levels: they are handed out with one
+// set of tables, so it may define the tables of components no scan has
+// reached yet (a sequential frame's later scans), but not change one that
+// a component read so far uses (-103).
+int32_t levels_qtbl(kivod_ctx *ctx, kivod_bs *bs) {
+    kivod_qtbl before[4];
+    std::memcpy(before, ctx->qtbl, sizeof(before));
+    const int32_t ret = kivod_vld_qtbl(bs, ctx->qtbl, ctx->q_unit, ctx->progressive);
+    if (ret != KIVO_OK) return ret;
+    for (int c = 0; c < ctx->fh.n_comp; ++c) {
+        const int t = ctx->fh.tq[c] & 3;
+        if (ctx->comp_rows[c] >= 0 && std::memcmp(before[t].q, ctx->qtbl[t].q, sizeof(before[t].q)) != 0)
+            return KIVO_ERR_UNSUPPORTED;
+    }
+    return KIVO_OK;
+}
+
 // Walks the markers from the first scan on and decodes every scan and
 // table, up to EOI, the end of the data or the first failure, whose status
 // goes to *scan_status. Returns 0, or the status of a failure that ends the
@@ -226,11 +243,8 @@ int32_t decode_scans(kivod_ctx *ctx, int32_t *scan_status) {
         if (m == 0xC4) {
             *scan_status = kivod_vld_htbl(bs, ctx->dht_spec, ctx->dc_tbl, ctx->ac_tbl);
         } else if (m == 0xDB) {
-            // Levels are handed out with one set of tables: a table that
-            // changes after a scan used it has no place there.
-            *scan_status = ctx->levels_only && scans > 0
-                               ? KIVO_ERR_UNSUPPORTED
-                               : kivod_vld_qtbl(bs, ctx->qtbl, ctx->q_unit, ctx->progressive);
+            *scan_status = ctx->levels_only && scans > 0 ? levels_qtbl(ctx, bs)
+                                                         : kivod_vld_qtbl(bs, ctx->qtbl, ctx->q_unit, ctx->progressive);
         } else if (m == 0xDD) {
             kivod_vld_dri(bs, &ctx->dri);
         } else if (m == 0xDA) {

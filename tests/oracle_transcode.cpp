@@ -337,6 +337,48 @@ TEST(OracleTranscode, LaterScanReplacesLevels) {
     }
 }
 
+// A DQT segment between the separate scans of a sequential source: the
+// chroma table defined only before the chroma scans (libjpeg-turbo reads
+// it without a warning), or the luma table defined again with its own
+// values, is coded again losslessly; the luma table changed after the luma
+// scan is refused (its levels would need two tables).
+TEST(OracleTranscode, TableBetweenSeparateScans) {
+    turbo::EncodeSpec e;
+    e.width = 75, e.height = 53, e.quality = 80, e.separate_scans = true, e.h[0] = e.v[0] = 2;
+    const Bytes src = turbo::encode(e, turbo::make_planes(e, 3));
+    // Offsets of the two DQT segments (luma, chroma) and of the second SOS.
+    size_t dqt[2] = {0, 0}, sos = 2;
+    for (int n = 0; sos + 4 <= src.size() && !(src[sos] == 0xFF && src[sos + 1] == 0xDA); sos += 2 + (src[sos + 2] << 8 | src[sos + 3]))
+        if (src[sos + 1] == 0xDB && n < 2) dqt[n++] = sos;
+    ASSERT_TRUE(dqt[1] > 0 && src[dqt[0] + 4] == 0 && src[dqt[1] + 4] == 1);
+    for (++sos; sos + 1 < src.size() && !(src[sos] == 0xFF && src[sos + 1] == 0xDA); ++sos) {}
+    ASSERT_LT(sos + 1, src.size());
+    const size_t len = 69;  // marker, length, table byte, 64 quantizers
+    const Bytes luma(src.begin() + dqt[0], src.begin() + dqt[0] + len), chroma(src.begin() + dqt[1], src.begin() + dqt[1] + len);
+    Bytes changed = luma;
+    changed[len - 1] ^= 1;
+    const struct { const Bytes *seg; bool move; int32_t status; } kCases[] = {
+        {&chroma, true, 0}, {&luma, false, 0}, {&changed, false, KIVO_ERR_UNSUPPORTED}};
+    kivoe_create_param p{1, 0, 0, 0, 0, nullptr};
+    kivot_ctx *t = kivot_create(&p, nullptr);
+    for (const auto &c : kCases) {
+        Bytes v(src.begin(), src.begin() + sos);
+        v.insert(v.end(), c.seg->begin(), c.seg->end());
+        v.insert(v.end(), src.begin() + sos, src.end());
+        if (c.move) v.erase(v.begin() + dqt[1], v.begin() + dqt[1] + len);
+        std::vector<testpic::Plane> planes;
+        int warnings = -1;
+        ASSERT_TRUE(c.status != 0 || (turbo::decode_raw(v, 1, &planes, &warnings) && warnings == 0));
+        Io io(v);
+        for (int32_t coding : {KIVOT_LOSSLESS_BASELINE, KIVOT_LOSSLESS_PROGRESSIVE}) {
+            int32_t n = 0;
+            ASSERT_EQ(kivot_txcode_lossless(t, &io.input, &io.output, &n, coding), c.status) << &c - kCases;
+            EXPECT_TRUE(c.status != 0 || same_pixels(v, io.out(n))) << &c - kCases << " " << coding;
+        }
+    }
+    kivot_delete(t);
+}
+
 // The copy choices keep the segments they name, in the pipeline's and the
 // lossless outputs alike: all of them and the bytes after the end of image;
 // JFIF, Adobe and the ICC profile's; JFIF and Adobe only. The smallest-of
