@@ -316,6 +316,12 @@ TEST(OracleTool, PipesAndLinks) {
     fs::create_symlink("new", dir / "dangling");
     EXPECT_TRUE(tool::write_file((dir / "dangling").string(), {6}));
     EXPECT_TRUE(fs::is_symlink(dir / "dangling") && fs::exists(dir / "new") && fs::file_size(dir / "new") == 1u);
+    // A name of 255 bytes, the most a directory entry holds, is replaced
+    // like any other.
+    const std::string longest = (dir / (std::string(251, 'n') + ".jpg")).string();
+    EXPECT_TRUE(tool::write_file(longest, {7}) && tool::write_file(longest, {7, 8}));
+    std::error_code ec;
+    EXPECT_EQ(fs::file_size(longest, ec), 2u);
     fs::remove_all(dir);
 }
 

@@ -115,7 +115,10 @@ bool write_file(const std::string &name, const std::vector<uint8_t> &bytes) {
     const size_t slash = path.rfind('/');
     const std::string dir = slash == std::string::npos ? "" : path.substr(0, slash + 1);
     const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
-    std::string tmp = dir + "." + base + ".kivo-XXXXXX";
+    // The temporary name adds 13 bytes to the file's: a name near the
+    // system's limit (255 bytes) is cut short there, the random part
+    // keeping it unique.
+    std::string tmp = dir + "." + base.substr(0, 200) + ".kivo-XXXXXX";
     int slot = -1;
     const int fd = create_temp(&tmp, &slot);
     if (fd < 0) {
