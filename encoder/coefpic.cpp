@@ -41,16 +41,16 @@ struct Script {
 // Baseline: one scan of every component, one scan each when an MCU would
 // hold more than ten blocks.
 // Progressive: the DC levels but their lowest bit first, then the AC bands
-// at reduced precision, then the bits left. Three components (luma first)
-// get the low luma frequencies early and the chroma bands whole; other
-// counts treat every component alike.
-void make_script(int32_t n_comp, bool interleave, int32_t coding, Script *s) {
+// at reduced precision, then the bits left. Three components of YCbCr
+// (luma first) get the low luma frequencies early and the chroma bands
+// whole; RGB and other counts treat every component alike.
+void make_script(int32_t n_comp, bool rgb, bool interleave, int32_t coding, Script *s) {
     if (coding == KIVOE_CODING_BASELINE) {
         s->add_all(n_comp, interleave, 0, 63, 0, 0);
         return;
     }
     s->add_all(n_comp, interleave, 0, 0, 0, 1);
-    if (n_comp == 3) {
+    if (n_comp == 3 && !rgb) {
         s->add(0, 1, 5, 0, 2);
         s->add(2, 1, 63, 0, 1);
         s->add(1, 1, 63, 0, 1);
@@ -635,7 +635,7 @@ int32_t kivoe_coef_plan_new(const kivoe_coef_pic *pic, int32_t coding, kivoe_coe
     pl->record = record;
     pl->g = g;
     pl->store = store;
-    make_script(pic->n_comp, g.interleave, coding, &pl->script);
+    make_script(pic->n_comp, pic->rgb, g.interleave, coding, &pl->script);
     bool ok = true;
     for (int32_t c = 0; c < pic->n_comp; ++c) {
         const size_t blocks = static_cast<size_t>(pic->blk_w[c]) * pic->blk_h[c];

@@ -545,6 +545,7 @@ struct kivoe_coef_pic {
     const kivod_app_node *app_list;  // APPn segments written after SOI, or null
     const uint8_t *trailer;          // bytes written after EOI, or null
     int32_t trailer_len;
+    bool rgb;  // three components of RGB: a progressive script treats them alike (no luma first)
 };
 
 enum kivoe_coding { KIVOE_CODING_BASELINE = 0, KIVOE_CODING_PROGRESSIVE = 1 };

@@ -27,6 +27,7 @@ int32_t kivot_read_levels(kivot_ctx *t, const kivod_input *in, kivoe_coef_pic *p
     ret = kivod_dec_levels(d, statistics);
     if (ret < 0) return ret;
     pic->n_comp = fh.n_comp;
+    pic->rgb = kivod_rgb_coding(fh, d->app_list) != kivod_rgb::no;
     for (int c = 0; c < fh.n_comp; ++c) {
         pic->id[c] = fh.comp_id[c];
         // One component is coded block by block whatever its factors say.
