@@ -59,9 +59,12 @@ bool read_pnm(const std::string &path, const std::vector<uint8_t> &b, Packed *ou
     if (too_many_pixels(w, h, max_pixels, path)) return false;
     ++pos;  // the single white-space byte before the samples
     out->width = w, out->height = h, out->channels = b[1] == '6' ? 3 : 1;
-    const size_t n = static_cast<size_t>(w) * h * out->channels;
+    // In 64 bits: three samples a pixel of 65535 x 21846 wrap a 32-bit size_t
+    // to 65534, which a short file would pass.
+    const uint64_t n = uint64_t(w) * uint64_t(h) * uint64_t(out->channels);
     if (b.size() - pos < n) {
-        message("kivo: %s: %zu bytes of samples, %zu needed\n", path.c_str(), b.size() - pos, n);
+        message("kivo: %s: %zu bytes of samples, %llu needed\n", path.c_str(), b.size() - pos,
+                static_cast<unsigned long long>(n));
         return false;
     }
     out->pixels.assign(b.begin() + static_cast<ptrdiff_t>(pos), b.begin() + static_cast<ptrdiff_t>(pos + n));

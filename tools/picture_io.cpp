@@ -310,10 +310,11 @@ xelo_imgb *read_picture(const std::string &path, int32_t cs, int32_t w, int32_t 
         message("kivo: give the size (--size WxH) and a known colour format (--format)\n");
         return nullptr;
     }
-    size_t need = 0;
-    for (int p = 0; p < 4; ++p) need += static_cast<size_t>(pw[p]) * ph[p];
+    uint64_t need = 0;  // four planes of 65535 x 16385 wrap a 32-bit size_t
+    for (int p = 0; p < 4; ++p) need += uint64_t(pw[p]) * uint64_t(ph[p]);
     if (bytes.size() - pos < need) {
-        message("kivo: %s holds %zu bytes of planes, %zu needed\n", path.c_str(), bytes.size() - pos, need);
+        message("kivo: %s holds %zu bytes of planes, %llu needed\n", path.c_str(), bytes.size() - pos,
+                static_cast<unsigned long long>(need));
         return nullptr;
     }
     const uint32_t align[4] = {XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16), XELO_PAIR(16, 16)};
