@@ -132,8 +132,10 @@ typedef struct kivod_limits {
 KIVO_API int32_t kivod_set_limits(kivod_ctx *ctx, const kivod_limits *limits);
 
 /* How much of the last picture kivod_clone decoded. A stream that ends early
- * still decodes with status 0 as far as its data goes; the rows below keep
- * what the buffer held. */
+ * still decodes with status 0 as far as its data goes, except a progressive
+ * one whose data end inside a scan: KIVO_ERR_MALFORMED, with what the scans
+ * decoded up to there in the buffer. The rows below keep what the buffer
+ * held. */
 typedef struct kivod_progress {
     int32_t complete;        /* 1: every MCU row of every component decoded (and,
                                 progressive, the end of the image reached) */
