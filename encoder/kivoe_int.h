@@ -112,6 +112,12 @@ struct kivoe_block_code;
 // Blocks in an MCU at most (two components of 2 x 2 and two of 1 x 1).
 constexpr int32_t kMaxMcuBlocks = 10;
 
+// Bytes a block can produce at most, stuffing included: the DC code, 63
+// coefficient codes and three ZRLs of at most 31 bits, EOB and pending
+// bits, each byte doubled by stuffing, plus the eight bytes a full buffer
+// stores at once.
+constexpr ptrdiff_t kBlockMargin = 2 * ((67 * 31 + 16 + 63 + 7) / 8) + 16;
+
 // A segment's MCUs in chunks. Another job, done with its own segment, may
 // take the chunks just ahead of the segment's job and make their levels
 // while that job codes; it codes every chunk in order, so the bytes are the

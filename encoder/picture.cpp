@@ -94,6 +94,9 @@ inline void prefetch_rows(const uint8_t *plane, int32_t stride, int32_t hs, int3
         __builtin_prefetch(reinterpret_cast<const void *>(a));
 }
 
+// Memory a segment coded into a writer of its own starts with.
+constexpr int32_t kFirstRoom = 256 << 10;
+
 // Appends n bytes to a writer, never past its end.
 void append_bytes(xelo_bsw *bs, const uint8_t *src, size_t n) {
     const size_t room = static_cast<size_t>(bs->end_ptr - bs->write_ptr);
@@ -198,7 +201,10 @@ int32_t kivoe_pic_init(kivoe_ctx *ctx) {
             xelo_bsw_init(job->writer, nullptr, 0, nullptr);
             continue;
         }
-        const int32_t size = ctx->bs.size;
+        // The segment's bytes go to memory of the job's own, which grows
+        // with them (grow_writer); it starts at the first room or at the
+        // output's size if smaller.
+        const int32_t size = ctx->bs.size < kFirstRoom ? ctx->bs.size : kFirstRoom;
         if (!job->own_buf) job->own_buf = static_cast<uint8_t *>(std::malloc(static_cast<size_t>(size)));
         if (!job->own_buf) {
             for (int j = 1; j < kivo::kMaxThreads; ++j) {
@@ -955,6 +961,26 @@ inline void spin_until(F &&done) {
     }
 }
 
+// Gives a segment's own writer room for `need` more bytes: its memory at
+// least doubles, up to `cap` (the output's size, which the joined stream
+// cannot pass: a segment that needs more overflows as it would there).
+// False when the memory cannot be had.
+bool grow_writer(xelo_bsw *bs, uint8_t **buf, size_t need, size_t cap) {
+    const size_t used = static_cast<size_t>(bs->write_ptr - bs->start_ptr);
+    const size_t size = static_cast<size_t>(bs->end_ptr - bs->start_ptr);
+    if (size - used >= need || size >= cap) return true;
+    size_t want = used + need > 2 * size ? used + need : 2 * size;
+    if (want > cap) want = cap;
+    uint8_t *p = static_cast<uint8_t *>(std::realloc(*buf, want));
+    if (!p) return false;
+    *buf = p;
+    bs->start_ptr = p;
+    bs->write_ptr = p + used;
+    bs->end_ptr = p + want;
+    bs->size = static_cast<int32_t>(want);
+    return true;
+}
+
 // One segment; kKeep: with JND suppression or adaptive rounding, kFilter:
 // with the JND filter, whose code the plain loop then leaves out; kShare:
 // other jobs may make levels of its plain loop.
@@ -1028,9 +1054,17 @@ int32_t enc_segment(kivoe_ctx *ctx, kivoe_job *job) {
         share.open.store(1, std::memory_order_release);
     }
     kivoe_block_code *helped = nullptr;  // the chunk's records where another job made its levels
+    // A job's own writer is given room for a whole MCU and a restart marker
+    // before each MCU.
+    const bool grows = bs == job->own_writer && bs->start_ptr && !job->counting && !prog;
+    const size_t mcu_room = static_cast<size_t>(per_mcu) * kBlockMargin + 16;
     int32_t counter = 0;
     for (int32_t m = 0; m < job->n_mcu; ++m) {
         const int32_t at = first_mcu + m;
+        if (grows && !grow_writer(bs, &job->own_buf, mcu_room, static_cast<size_t>(ctx->bs.size))) {
+            if (shared) share.open.store(0, std::memory_order_release);
+            return KIVO_ERR_OUT_OF_MEMORY;
+        }
         if (shared && m % kShareMcus == 0) {
             // The chunk is this job's unless a helper took it first.
             const int32_t j = m / kShareMcus, slot = j % kShareSlots;

@@ -43,12 +43,6 @@ inline uint32_t extra_bits(int32_t v, int32_t k) {
 
 // ---- bit output ------------------------------------------------------------------
 
-// Bytes a block can produce at most, stuffing included: the DC code, 63
-// coefficient codes and three ZRLs of at most 31 bits, EOB and pending
-// bits, each byte doubled by stuffing, plus the eight bytes a full buffer
-// stores at once.
-constexpr ptrdiff_t kBlockMargin = 2 * ((67 * 31 + 16 + 63 + 7) / 8) + 16;
-
 // Entropy-coded bits written straight to memory with byte stuffing. Bits
 // gather in a register-wide buffer (32 bits on 32-bit processors, where
 // shifting 64 bits takes several instructions) that leaves a whole word at

@@ -1,7 +1,8 @@
-/* libkivo encoder: baseline JPEG from planar (and three interleaved)
- * pictures, with quality, caller or perceptual quantization tables, JND
- * filtering and suppression, adaptive rounding, optimised Huffman tables and
- * segments encoded on lent threads. */
+/* libkivo encoder: baseline or progressive JPEG from planar pictures
+ * (formats 10, 11, 12, 13, 18, 22 and 40 to 44; the interleaved NV12, NV21
+ * and YUYV feed the perceptual table choice only), with quality, caller or
+ * perceptual quantization tables, JND filtering and suppression, adaptive
+ * rounding, optimised Huffman tables and segments encoded on lent threads. */
 #ifndef KIVOE_H
 #define KIVOE_H
 
@@ -23,7 +24,7 @@ typedef struct kivoe_create_param {
 } kivoe_create_param;
 
 /* The output record has the decoder input's shape; only bitb is used: its
- * start address and size give the memory that receives the stream. */
+ * addr and ssize give the memory that receives the stream. */
 typedef kivod_input kivoe_output;
 
 /* Configuration identifiers: value points at the setting, size at its size. */
@@ -53,14 +54,20 @@ KIVO_API int32_t kivoe_config(kivoe_ctx *ctx, int32_t id, const void *value, con
  * transform and quantization, and any thread count gives the same stream. */
 KIVO_API int32_t kivoe_set_progressive(kivoe_ctx *ctx, int32_t on);
 /* Takes the next picture; planes are used in place when stride[0] and
- * lines[0] are multiples of 16 (the buffer must then stay unchanged until
- * kivoe_encode returns), otherwise copied. Every plane of the colour format
+ * lines[0] are multiples of 16, stride[1] equals stride[2] (separate chroma
+ * planes) and stride[3] equals stride[0] (four planes); the buffer must then
+ * stay unchanged until kivoe_encode returns. Other buffers are copied.
+ * NV12, NV21 and YUYV pictures are taken for kivoe_get_qtbl, and
+ * kivoe_encode refuses them (KIVO_ERR_COLOR_FORMAT). Every plane of the colour format
  * must hold its samples: a line distance below the plane's width in bytes
  * (negative ones included) or fewer lines than its height gives
  * KIVO_ERR_IMGB. A refused push changes nothing. */
 KIVO_API int32_t kivoe_push(kivoe_ctx *ctx, xelo_imgb *imgb);
-/* Encodes the pushed picture; stores the stream's size through written
- * (null: KIVO_ERR_INVALID_ARG, and the picture stays pushed). Output
+/* Encodes the pushed picture (none: KIVO_ERR_UNAVAILABLE); stores the
+ * stream's size through written (null: KIVO_ERR_INVALID_ARG, and the
+ * picture stays pushed). No size short of the worst case always holds the
+ * stream (noise at quality 100 may pass 6 bytes a sample): 420 bytes for
+ * every block of whole MCUs, plus the headers, always do. Output
  * memory too small for the stream gives KIVO_ERR_INVALID_ARG with nothing
  * written past its end; like every encode that gets past its argument checks, it uses up the picture (in-place planes need only live
  * until the call returns), so push it again before encoding into more
@@ -68,7 +75,11 @@ KIVO_API int32_t kivoe_push(kivoe_ctx *ctx, xelo_imgb *imgb);
 KIVO_API int32_t kivoe_encode(kivoe_ctx *ctx, const kivoe_output *out, int32_t *written);
 /* Chooses and installs quantization tables from the pushed picture, sampled
  * at level (each analysis sample stands for 2^level x 2^level samples);
- * returns them in the form KIVOE_CFG_QTBL takes. */
+ * returns them in the form KIVOE_CFG_QTBL takes. A picture without chroma
+ * keeps its chroma table. A negative level gives KIVO_ERR_INVALID_ARG; no
+ * pushed picture, a level above 12, or a luma (or present chroma) plane
+ * without a whole 8 x 8 block of analysis samples gives KIVO_ERR_UNAVAILABLE
+ * and changes no table. The picture stays pushed. */
 KIVO_API int32_t kivoe_get_qtbl(kivoe_ctx *ctx, int32_t level, uint8_t table[128]);
 
 /* Perceptual quantization table from a base quantizer and per-frequency

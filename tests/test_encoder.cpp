@@ -2,8 +2,13 @@
 // statistics pass, and every stream checked against the plan for its
 // inputs (header, segments and restart markers) at every output size.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <numeric>
 #include <vector>
@@ -162,6 +167,46 @@ TEST(Encoder, StreamsFollowTheirPlan) {
             ASSERT_LT(kivotest::encode(c.cs, c.w, c.h, pic, o).status, 0) << size;
         }
     }
+}
+
+// The segments of the other threads are coded into memory that grows with
+// their bytes, not into memory the size of the output's each: with the
+// address space held to 1 GiB beyond what the process has, 8 threads encode
+// into 512 MiB of output memory (each thread took 512 MiB: -102).
+TEST(Encoder, SegmentMemoryFollowsTheStream) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the sanitizer's own mappings need the address space";
+#else
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        kivo_tpool tp;
+        kivo_tpool_std(&tp, 8);
+        const kivoe_create_param p{1, 64, 64, 100, XELO_CS_YCBCR400, &tp};
+        kivoe_ctx *e = kivoe_create(&p, nullptr);
+        xelo_imgb *img = kivotest::to_imgb(10, 512, 512, kivotest::make_picture(10, 512, 512, 1, testpic::Kind::Noise));
+        const size_t room = size_t(512) << 20;
+        uint8_t *mem = static_cast<uint8_t *>(std::malloc(room));  // pages the stream does not reach stay untouched
+        FILE *f = std::fopen("/proc/self/statm", "r");
+        unsigned long pages = 0;
+        if (!e || !mem || !f || std::fscanf(f, "%lu", &pages) != 1) _exit(2);
+        std::fclose(f);
+        rlimit lim{};
+        getrlimit(RLIMIT_AS, &lim);
+        lim.rlim_cur = static_cast<rlim_t>(pages) * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (rlim_t(1) << 30);
+        if (setrlimit(RLIMIT_AS, &lim) != 0) _exit(2);
+        xelo_bitb b{};
+        b.addr = mem, b.ssize = static_cast<int32_t>(room);
+        const kivoe_output o{KIVOD_INPUT_BITB, &b, nullptr};
+        int32_t written = 0;
+        const int32_t status = kivoe_push(e, img) == 0 ? kivoe_encode(e, &o, &written) : -1;
+        _exit(status == 0 && written > 512 * 512 ? 0 : 1);
+    }
+    int wstatus = 0;
+    ASSERT_TRUE(waitpid(pid, &wstatus, 0) == pid && WIFEXITED(wstatus)) << "child ended by signal " << WTERMSIG(wstatus);
+    if (WEXITSTATUS(wstatus) == 2) GTEST_SKIP() << "cannot hold the address space in this environment";
+    EXPECT_EQ(WEXITSTATUS(wstatus), 0);
+#endif
 }
 
 int32_t g_serial_result = 0;
