@@ -481,9 +481,8 @@ int32_t kivod_clone_frm(kivod_ctx *ctx, xelo_imgb *imgb) {
 int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb) {
     // kivod_clone is valid once after each successful kivod_decode.
     if (!ctx->sample_buf[0]) return KIVO_ERR_UNAVAILABLE;
-    start_picture(ctx);
-    ctx->out_imgb = imgb;
     if (imgb->width < 1 || imgb->height < 1) return KIVO_ERR_INVALID_ARG;
+    ctx->out_imgb = imgb;
     ctx->scale = kivod_choose_scale(ctx->fh.width, ctx->fh.height, imgb->width, imgb->height);
     // The caller's reduction: full size is decoded straight into a buffer
     // of the frame's size and resized into any other.
@@ -493,16 +492,16 @@ int32_t kivod_dec_pic(kivod_ctx *ctx, xelo_imgb *imgb) {
     // which takes each plane to its size in that layout.
     if (ctx->scale == 0 && imgb->color_format != ctx->color_format && imgb->color_format != XELO_CS_YUYV)
         ctx->scale = 1;
-    // A buffer the picture cannot go to is refused before anything is
-    // decoded, so that the handle keeps the headers for another buffer.
+    // A buffer the picture cannot go to, or cannot be resized to within the
+    // memory limit, is refused before anything is decoded, so that the
+    // handle keeps the headers (and the last picture's statistics) for
+    // another buffer.
     const int32_t mode = kivod_out_mode_for(ctx, imgb);
     if (mode < 0) return mode;
-
-    if (ctx->scale != 0 && kivod_over(ctx->limits.max_memory, ctx->frame_bytes + resizer_bytes(ctx))) {
-        kivod_release_frame_buffers(ctx);
+    if (ctx->scale != 0 && kivod_over(ctx->limits.max_memory, ctx->frame_bytes + resizer_bytes(ctx)))
         return KIVO_ERR_OUT_OF_MEMORY;
-    }
 
+    start_picture(ctx);
     int32_t scan_status;
     const int32_t fatal = decode_scans(ctx, &scan_status);
     if (fatal != 0) return fatal;

@@ -69,8 +69,9 @@ KIVO_API int32_t kivod_decode(kivod_ctx *ctx, const kivod_input *input, kivod_fr
 /* Decodes the picture into the buffer, reduced and resized to its size.
  * Call once after each successful kivod_decode; a buffer it refuses
  * (-105: a missing plane, or line distances or counts short of the
- * picture; -103: a layout it cannot write) leaves the headers for another
- * call. */
+ * picture; -103: a layout it cannot write; -102: resizers to the buffer's
+ * size beyond max_memory) leaves the headers for another call and the
+ * statistics (kivod_get_stats) as they were. */
 KIVO_API int32_t kivod_clone(kivod_ctx *ctx, xelo_imgb *imgb);
 /* The reduction kivod_clone decodes at, for this handle's later pictures:
  * 1, 2, 4 or 8 (full size, 1/2, 1/4, 1/8; the result is then resized to the

@@ -359,6 +359,46 @@ TEST(DecApi, OutputBufferIsChecked) {
     }
 }
 
+// A clone refused before decoding, for its buffer or for the memory its
+// resizers would take, leaves the handle as it was: the last picture's
+// statistics, and the headers, which then decode as on a fresh handle.
+TEST(DecApi, RefusedCloneKeepsTheHandle) {
+    std::vector<uint8_t> s = grey_stream(32, 16, 4, 0);
+    const kivotest::Decoded fresh = kivotest::decode(s);
+    ASSERT_EQ(fresh.status, 0);
+    // The frame buffer alone (8 lines of 32) fits; the resizers to 16 x 8 do not.
+    const kivod_limits tight{0, 0, 8 * 32, 0};
+    struct Case {
+        int w, h, cs;
+        int32_t want;
+    } cases[] = {
+        {0, 16, XELO_CS_YCBCR400, KIVO_ERR_INVALID_ARG},
+        {32, 16, XELO_CS_YCBCR420, KIVO_ERR_UNSUPPORTED},
+        {16, 8, XELO_CS_YCBCR400, KIVO_ERR_OUT_OF_MEMORY},
+    };
+    for (const Case &tc : cases) {
+        Handle h;
+        kivod_frame_info info{};
+        ASSERT_TRUE(kivod_set_limits(h.ctx, &tight) == 0 && kivod_set_stats(h.ctx, 1) == 0);
+        xelo_imgb *good = make_img(32, 16, XELO_CS_YCBCR400), *bad = make_img(tc.w ? tc.w : 32, tc.h, tc.cs);
+        ASSERT_TRUE(decode_mem(h.ctx, s, &info) == 0 && kivod_clone(h.ctx, good) == 0);
+        ASSERT_EQ(decode_mem(h.ctx, s, &info), 0);
+        kivod_stats before{}, after{};
+        kivod_get_stats(h.ctx, &before);
+        ASSERT_GT(before.n_luma, 0);
+        bad->width = tc.w;
+        EXPECT_EQ(kivod_clone(h.ctx, bad), tc.want) << &tc - cases;
+        kivod_get_stats(h.ctx, &after);
+        EXPECT_EQ(std::memcmp(&before, &after, sizeof(before)), 0) << &tc - cases;
+        std::memset(good->plane[0], 0, size_t(good->stride[0]) * good->lines[0]);
+        ASSERT_EQ(kivod_clone(h.ctx, good), 0) << &tc - cases;
+        for (int y = 0; y < 16; ++y)
+            ASSERT_TRUE(std::equal(good->plane[0] + y * good->stride[0], good->plane[0] + y * good->stride[0] + 32,
+                                   fresh.planes[0].px.begin() + y * 32)) << &tc - cases << " line " << y;
+        good->release(good), bad->release(bad);
+    }
+}
+
 // Packed pairs carry each component's samples, the chroma of a pair's
 // first pixel, whatever order the scan names the components in.
 TEST(DecApi, PackedPairsFollowTheComponents) {
