@@ -314,6 +314,9 @@ int32_t kivod_dec(kivod_ctx *ctx, const kivod_input *input, kivod_frame_info *in
     ctx->app_bytes = 0;
 
     info->reserved = info->width = info->height = info->color_format = 0;
+    // The previous stream's list is gone: a failure below must not leave
+    // the caller pointing at it.
+    if (info->app_list) *info->app_list = nullptr;
     int32_t ret = kivod_bs_init(&ctx->main_bs, input);
     if (ret != 0) {
         std::memset(&ctx->main_bs, 0, sizeof(ctx->main_bs));

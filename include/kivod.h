@@ -59,7 +59,10 @@ typedef struct kivod_frame_info {
     int32_t width;
     int32_t height;
     int32_t color_format;
-    kivod_app_node **app_list; /* when not null, receives the APPn list (owned by the decoder) */
+    /* When not null, receives the APPn list, owned by the decoder until its
+     * next kivod_decode or kivod_delete; null when kivod_decode fails
+     * without reporting a colour format. */
+    kivod_app_node **app_list;
 } kivod_frame_info;
 
 KIVO_API kivod_ctx *kivod_create(const kivod_create_param *param, int32_t *status);

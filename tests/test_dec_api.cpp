@@ -251,6 +251,11 @@ TEST(DecApi, HeadersAppListAndPicture) {
         // Cloning again without a new decode has nothing to decode.
         EXPECT_EQ(kivod_clone(h.ctx, img), KIVO_ERR_UNAVAILABLE);
         img->release(img);
+        // A stream that fails in its headers leaves no pointer to the last
+        // stream's list, which it freed.
+        std::vector<uint8_t> cut(s.begin(), s.end() - 30);
+        EXPECT_NE(decode_mem(h.ctx, cut, &info), 0);
+        EXPECT_EQ(apps, nullptr);
     }
 }
 
