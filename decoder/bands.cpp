@@ -50,15 +50,10 @@ int32_t kivod_clone_bands(kivod_ctx *ctx, const kivod_band_sink *sink) {
     }
     ctx->band_bytes = (bytes + 63) & ~static_cast<size_t>(63);
     const size_t all = ctx->band_bytes * static_cast<size_t>(kivo::thread_limit(ctx->tpool));
-    if (kivod_over(ctx->limits.max_memory, ctx->frame_bytes + all)) {
-        kivod_release_frame_buffers(ctx);
-        return KIVO_ERR_OUT_OF_MEMORY;
-    }
+    // Refused before anything is decoded: the headers stay for another call.
+    if (kivod_over(ctx->limits.max_memory, ctx->frame_bytes + all)) return KIVO_ERR_OUT_OF_MEMORY;
     ctx->band_buf = static_cast<uint8_t *>(xelo_malloc_fast_align32(all));
-    if (!ctx->band_buf) {
-        kivod_release_frame_buffers(ctx);
-        return KIVO_ERR_OUT_OF_MEMORY;
-    }
+    if (!ctx->band_buf) return KIVO_ERR_OUT_OF_MEMORY;
     // The picture at the frame's size and layout, without planes: the
     // slices write into their rings.
     xelo_imgb img{};

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "decoder/kivod_int.h"
+#include "kivoc.h"
 #include "support/kivo_decode.h"
 #include "xelo/xelo_hooks.h"
 
@@ -365,8 +366,9 @@ TEST(DecApi, OutputBufferIsChecked) {
 }
 
 // A clone refused before decoding, for its buffer or for the memory its
-// resizers would take, leaves the handle as it was: the last picture's
-// statistics, and the headers, which then decode as on a fresh handle.
+// resizers (or kivoc_decode_packed's bands) would take, leaves the handle as
+// it was: the last picture's statistics, and the headers, which then decode
+// as on a fresh handle.
 TEST(DecApi, RefusedCloneKeepsTheHandle) {
     std::vector<uint8_t> s = grey_stream(32, 16, 4, 0);
     const kivotest::Decoded fresh = kivotest::decode(s);
@@ -380,19 +382,21 @@ TEST(DecApi, RefusedCloneKeepsTheHandle) {
         {0, 16, XELO_CS_YCBCR400, KIVO_ERR_INVALID_ARG},
         {32, 16, XELO_CS_YCBCR420, KIVO_ERR_UNSUPPORTED},
         {16, 8, XELO_CS_YCBCR400, KIVO_ERR_OUT_OF_MEMORY},
+        {32, 16, 0, KIVO_ERR_OUT_OF_MEMORY},  // packed grey: two MCU rows of band
     };
     for (const Case &tc : cases) {
         Handle h;
         kivod_frame_info info{};
         ASSERT_TRUE(kivod_set_limits(h.ctx, &tight) == 0 && kivod_set_stats(h.ctx, 1) == 0);
-        xelo_imgb *good = make_img(32, 16, XELO_CS_YCBCR400), *bad = make_img(tc.w ? tc.w : 32, tc.h, tc.cs);
+        xelo_imgb *good = make_img(32, 16, XELO_CS_YCBCR400), *bad = make_img(tc.w ? tc.w : 32, tc.h, tc.cs ? tc.cs : 10);
         ASSERT_TRUE(decode_mem(h.ctx, s, &info) == 0 && kivod_clone(h.ctx, good) == 0);
         ASSERT_EQ(decode_mem(h.ctx, s, &info), 0);
         kivod_stats before{}, after{};
         kivod_get_stats(h.ctx, &before);
         ASSERT_GT(before.n_luma, 0);
         bad->width = tc.w;
-        EXPECT_EQ(kivod_clone(h.ctx, bad), tc.want) << &tc - cases;
+        EXPECT_EQ(tc.cs ? kivod_clone(h.ctx, bad) : kivoc_decode_packed(h.ctx, bad->plane[0], bad->stride[0], 32 * 16, KIVOC_GREY, 0),
+                  tc.want) << &tc - cases;
         kivod_get_stats(h.ctx, &after);
         EXPECT_EQ(std::memcmp(&before, &after, sizeof(before)), 0) << &tc - cases;
         std::memset(good->plane[0], 0, size_t(good->stride[0]) * good->lines[0]);
