@@ -98,7 +98,9 @@ typedef struct kivod_stats {
     int32_t n_luma;
     int32_t n_chroma;
     uint64_t dc_count[4][12];   /* per DC table, per category */
-    uint64_t ac_count[4][256];  /* per AC table, per symbol (full-size decoding only) */
+    /* Per AC table, per symbol of the blocks re-quantized to other tables;
+     * no public call sets such tables, so these stay 0. */
+    uint64_t ac_count[4][256];
 } kivod_stats;
 KIVO_API int32_t kivod_get_stats(kivod_ctx *ctx, kivod_stats *stats);
 /* Whether the next pictures gather the statistics of kivod_stats (on: 1,
