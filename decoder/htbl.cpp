@@ -16,7 +16,12 @@ int32_t build_dc(const kivod_htbl_spec *spec, kivod_dc_tbl *t) {
     for (uint32_t k = 0; k < total; ++k)
         if (spec->vals[k] > 11) return KIVO_ERR_MALFORMED;  // no such DC category
 
+    // The picture's category counts go on across a table defined again
+    // between scans.
+    uint64_t counts[12];
+    std::memcpy(counts, t->dc_count, sizeof(counts));
     std::memset(t, 0, sizeof(*t));
+    std::memcpy(t->dc_count, counts, sizeof(counts));
     t->count = static_cast<uint16_t>(total);
     std::memset(t->lookup, 255, sizeof(t->lookup));
     // Canonical codes; symbols of lengths 13 to 16 get none.

@@ -274,6 +274,24 @@ TEST(OracleProgressive, BrokenStreamsEndCleanly) {
     }
 }
 
+// The DC category counts cover every block of the picture's scans, also
+// when a table is defined again between them (optimised tables before each
+// of separate scans).
+TEST(OracleDecode, DcCountsSpanTablesDefinedBetweenScans) {
+    turbo::EncodeSpec s = spec_for(kLayouts[1], 97, 61);
+    s.optimize = s.separate_scans = true;
+    const auto jpg = turbo::encode(s, turbo::make_planes(s, 3));
+    std::vector<turbo::Coefficients> coefs;
+    ASSERT_TRUE(turbo::read_coefficients(jpg, &coefs));
+    uint64_t blocks = 0, counted = 0;
+    for (const turbo::Coefficients &c : coefs) blocks += uint64_t(c.blocks_w) * c.blocks_h;
+    const kivotest::Decoded d = kivotest::decode(jpg, 2, 0, 0, 0, 0, nullptr, true);
+    ASSERT_EQ(d.status, 0);
+    for (const auto &table : d.stats.dc_count)
+        for (uint64_t n : table) counted += n;
+    EXPECT_EQ(counted, blocks);
+}
+
 // A reduction the caller sets: full size into a half-size buffer is the
 // exact 2x2 mean of the full decode; 1/2 is the reduced reconstruction of the
 // coefficients, where the decoder's own choice would be 1/4; 3 is refused.
