@@ -138,10 +138,12 @@ typedef struct kivod_limits {
 KIVO_API int32_t kivod_set_limits(kivod_ctx *ctx, const kivod_limits *limits);
 
 /* How much of the last picture kivod_clone decoded. A stream that ends early
- * still decodes with status 0 as far as its data goes, except a progressive
- * one whose data end inside a scan: KIVO_ERR_MALFORMED, with what the scans
- * decoded up to there in the buffer. The rows below keep what the buffer
- * held. */
+ * still decodes with status 0 as far as its data goes, except where they end
+ * inside a progressive scan, or in the last MCU of a restart interval or
+ * after it, before its marker: KIVO_ERR_MALFORMED, with what was decoded up to there
+ * in the buffer. A sequential frame's rows below keep what the buffer held;
+ * a progressive frame's rows are all reconstructed from the coefficients
+ * that arrived (mid-grey where none did). */
 typedef struct kivod_progress {
     int32_t complete;        /* 1: every MCU row of every component decoded (and,
                                 progressive, the end of the image reached) */

@@ -42,8 +42,10 @@ KIVO_API int32_t kivot_txcode(kivot_ctx *ctx, const kivod_input *input, const ki
 /* How far the source that the handle's last transcoding call read decoded,
  * as kivod_get_progress tells of a decoder. A source that ends early
  * transcodes with status 0, as it decodes, the rows its data do not reach
- * mid-grey: complete 0 says so (a progressive source whose data end inside
- * a scan fails with KIVO_ERR_MALFORMED, as its decoding does). Returns 0, or -105 for a bad handle or a
+ * mid-grey: complete 0 says so (a source whose data end inside a
+ * progressive scan, or in a restart interval's last MCU before its marker,
+ * fails with
+ * KIVO_ERR_MALFORMED, as its decoding does). Returns 0, or -105 for a bad handle or a
  * null progress. */
 KIVO_API int32_t kivot_get_progress(kivot_ctx *ctx, kivod_progress *progress);
 
