@@ -232,12 +232,7 @@ int cmd_decode(int argc, char **argv) {
     }
     kivod_progress progress{};
     if (ret == 0 && kivod_get_progress(d.ctx, &progress) == 0 && !progress.complete) {
-        // A progressive stream may reach every row and still miss its last scans.
-        if (progress.mcu_rows == progress.mcu_rows_total)
-            message("kivo: %s: incomplete picture: the stream ends before its last scan\n", in.c_str());
-        else
-            message("kivo: %s: incomplete picture: %d of %d MCU rows decoded\n", in.c_str(), progress.mcu_rows,
-                    progress.mcu_rows_total);
+        message("kivo: %s: incomplete picture: %s\n", in.c_str(), progress_text(progress).c_str());
         rc = 1;
     }
     const bool rgb = kivod_rgb_coding(d.ctx->fh, d.apps) != kivod_rgb::no;

@@ -109,11 +109,8 @@ bool transcode_file(const std::string &in, const std::string &out, Settings st, 
                             !progress.complete;
     kivot_delete(t);
     if (incomplete) {
-        if (progress.mcu_rows == progress.mcu_rows_total)
-            message("kivo: %s: the source ends before its last scan; not re-encoded\n", in.c_str());
-        else
-            message("kivo: %s: the source does not decode whole (%d of %d MCU rows); not re-encoded\n",
-                    in.c_str(), progress.mcu_rows, progress.mcu_rows_total);
+        message("kivo: %s: the source does not decode whole (%s); not re-encoded\n", in.c_str(),
+                progress_text(progress).c_str());
         return false;
     }
     if (status != 0) {

@@ -118,4 +118,9 @@ void limit_hint(int32_t status, const char *input, const kivod_limits &limits) {
     }
 }
 
+std::string progress_text(const kivod_progress &progress) {
+    if (progress.mcu_rows == progress.mcu_rows_total) return "the stream ends before its last scan";
+    return std::to_string(progress.mcu_rows) + " of " + std::to_string(progress.mcu_rows_total) + " MCU rows decoded";
+}
+
 }  // namespace tool

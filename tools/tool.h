@@ -126,6 +126,9 @@ int run_batch(const BatchOptions &b, const std::vector<const char *> &exts, cons
 kivod_limits default_limits();
 int limit_option(const std::string &a, int argc, char **argv, int *i, kivod_limits *l);
 void limit_hint(int32_t status, const char *input, const kivod_limits &limits);
+// How far an incomplete decode got: its MCU rows, or, for a progressive
+// stream that reached every row, that its last scans are missing.
+std::string progress_text(const kivod_progress &progress);
 
 int cmd_info(int argc, char **argv);
 int cmd_decode(int argc, char **argv);
